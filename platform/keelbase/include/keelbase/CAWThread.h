@@ -1,0 +1,88 @@
+// CAWThread.h - a platform thread: a loop that serves events, timers and transports.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "keelbase/CAWDefines.h"
+#include "keelbase/CAWError.h"
+#include "keelbase/CAWEventQueue.h"
+
+namespace keelbase {
+
+// A thread with an event loop. Made by CAWThreadManager, which either starts it or adopts a thread that
+// the process already has; never destroyed.
+//
+// Everything that belongs to a loop (transports, connectors, acceptors, streams, timers) is used on
+// that loop's thread. Post and Call are the way in from any other thread:
+//
+//   auto* network = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
+//   AWResult result = network->Call([&] { return channel.SendZARNMessage(1, 2, data, size); });
+class KEELBASE_API CAWThread {
+ public:
+  CAWThread(const CAWThread&) = delete;
+  CAWThread& operator=(const CAWThread&) = delete;
+
+  CAWEventQueue* GetEventQueue() { return &queue_; }  // any thread
+
+  // Serves the loop on the calling thread until Stop(). Only for an adopted thread, on that thread;
+  // 10001 otherwise, and when it runs already. May be called again after it has returned.
+  AWResult Run();
+
+  // Ends Run() after the event or callback in hand; from any thread. What is still queued is destroyed
+  // and later posts answer 10001, until the next Run(). A Stop() before Run() ends that Run() at once.
+  // A started thread is not stopped that way: it lives to the process's clean-up.
+  void Stop();
+
+  bool IsCurrent() const;  // true on the thread itself
+
+  // How long the loop looks for work before it sleeps, in microseconds; 0 (the default) sleeps at once.
+  // Looking costs one processor for that long after each piece of work: a microsecond of pause, then
+  // it yields between looks. 50 to 100 is plenty. Any thread; counts from the next turn of the loop.
+  void SetSpin(std::uint32_t microseconds);
+
+  // Runs `function` on this thread, later. 0, or 10001 once the thread has stopped (then it is dropped).
+  AWResult Post(std::function<void()> function);
+
+  // Runs `function` on this thread, waits, and returns its value; in place when already there, and in
+  // place too once the thread has stopped (nothing else runs there then). Must not be called by
+  // somebody for whom this thread waits.
+  template <class Function>
+  std::invoke_result_t<Function> Call(Function&& function) {
+    using Value = std::invoke_result_t<Function>;
+    if constexpr (std::is_void_v<Value>) {
+      RunThere([&] { function(); });
+    } else {
+      std::optional<Value> value;
+      RunThere([&] { value.emplace(function()); });
+      return std::move(*value);
+    }
+  }
+
+  // For the platform's own libraries.
+  internal::EventLoop& GetLoop() { return *loop_; }
+
+  // Carries out, on the calling thread, everything that can be done without waiting: posted events,
+  // due timers, ready transports; returns whether there was anything. For tests that drive an adopted
+  // thread by hand.
+  bool TEST_RunReady();
+
+ private:
+  friend class CAWThreadManager;
+  friend class ThreadCleanUp;
+  CAWThread(const char* name);
+  ~CAWThread();
+  void RunThere(const std::function<void()>& function);
+
+  std::unique_ptr<internal::EventLoop> loop_;
+  CAWEventQueue queue_;
+};
+
+}  // namespace keelbase

@@ -1,0 +1,45 @@
+// CAWThreadManager.h - the platform threads of a process, by type.
+#pragma once
+
+#include "keelbase/CAWDefines.h"
+#include "keelbase/CAWError.h"
+#include "keelbase/CAWMutex.h"
+#include "keelbase/CAWThread.h"
+
+namespace keelbase {
+
+// Hands out the process's typed threads. One for the process, never destroyed. Any thread may call it.
+//
+// The network and the task thread start on first use and are stopped in the clean-up chain at process
+// exit, which lets transports write out what they have taken (at most two seconds). The main thread
+// exists only once a thread has adopted that type.
+//
+// A fork()ed child has none of these threads: fork before first use, or exec at once.
+class KEELBASE_API CAWThreadManager {
+ public:
+  enum ThreadType { TT_MAIN = 1, TT_NETWORK = 2, TT_TASK = 3 };
+
+  static CAWThreadManager* Instance();
+
+  // The thread of a type; null for an unknown type, for a main thread that nobody adopted, and when
+  // a thread cannot be started (tried again at the next call).
+  CAWThread* GetThread(int type);
+
+  // Makes the calling thread the platform thread of `type`; it then serves its queue with
+  // GetThread(type)->Run(). Any type may be adopted, so a small process can run its network loop on main.
+  // 10001 when that type exists already or the caller is a platform thread already.
+  AWResult AdoptCurrentThread(int type);
+
+  // The platform thread that the caller runs on, else the network thread: where the callbacks of what
+  // the caller makes now will come. Null only when the network thread cannot be started.
+  CAWThread* GetCurrentOrNetwork();
+
+  // Taken while a singleton is made. Recursive: a singleton's constructor may ask for another one.
+  CAWMutexThread& GetSingletonMutex();
+
+ private:
+  CAWThreadManager() = default;
+  ~CAWThreadManager() = default;
+};
+
+}  // namespace keelbase

@@ -1,0 +1,85 @@
+// CAWTimeValue.h - a span of time in seconds and microseconds.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <limits>
+
+namespace keelbase {
+
+// A value, kept as a count of microseconds (about 292 thousand years each way). What does not fit
+// stops at the end of the range instead of wrapping.
+class CAWTimeValue {
+ public:
+  constexpr CAWTimeValue() = default;
+
+  // The sum of both; usec may be negative or more than a second.
+  explicit constexpr CAWTimeValue(std::int64_t sec, std::int64_t usec = 0)
+      : usec_(Add(Multiply(sec), usec)) {}
+
+  // What is finer than a microsecond is cut off towards zero.
+  template <class Rep, class Period>
+  constexpr CAWTimeValue(std::chrono::duration<Rep, Period> duration)
+      : usec_(FromDuration(duration)) {}
+
+  // GetSec() whole seconds, rounded down, and GetUsec() in 0 to 999999 to be added to them: minus
+  // half a second is -1 and 500000.
+  constexpr std::int64_t GetSec() const { return usec_ / kSecond - (usec_ % kSecond < 0 ? 1 : 0); }
+  constexpr std::int64_t GetUsec() const {
+    return usec_ % kSecond + (usec_ % kSecond < 0 ? kSecond : 0);
+  }
+  constexpr std::chrono::microseconds ToDuration() const {
+    return std::chrono::microseconds(usec_);
+  }
+
+  constexpr CAWTimeValue& operator+=(CAWTimeValue other) {
+    usec_ = Add(usec_, other.usec_);
+    return *this;
+  }
+  constexpr CAWTimeValue& operator-=(CAWTimeValue other) {
+    usec_ = Subtract(usec_, other.usec_);
+    return *this;
+  }
+  friend constexpr CAWTimeValue operator+(CAWTimeValue a, CAWTimeValue b) { return a += b; }
+  friend constexpr CAWTimeValue operator-(CAWTimeValue a, CAWTimeValue b) { return a -= b; }
+
+  friend constexpr bool operator==(CAWTimeValue a, CAWTimeValue b) { return a.usec_ == b.usec_; }
+  friend constexpr bool operator!=(CAWTimeValue a, CAWTimeValue b) { return a.usec_ != b.usec_; }
+  friend constexpr bool operator<(CAWTimeValue a, CAWTimeValue b) { return a.usec_ < b.usec_; }
+  friend constexpr bool operator<=(CAWTimeValue a, CAWTimeValue b) { return a.usec_ <= b.usec_; }
+  friend constexpr bool operator>(CAWTimeValue a, CAWTimeValue b) { return a.usec_ > b.usec_; }
+  friend constexpr bool operator>=(CAWTimeValue a, CAWTimeValue b) { return a.usec_ >= b.usec_; }
+
+ private:
+  static constexpr std::int64_t kSecond = 1000000;
+  static constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  static constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+
+  static constexpr std::int64_t Add(std::int64_t a, std::int64_t b) {
+    if (b > 0 && a > kMax - b) return kMax;
+    if (b < 0 && a < kMin - b) return kMin;
+    return a + b;
+  }
+  static constexpr std::int64_t Subtract(std::int64_t a, std::int64_t b) {
+    if (b < 0 && a > kMax + b) return kMax;
+    if (b > 0 && a < kMin + b) return kMin;
+    return a - b;
+  }
+  static constexpr std::int64_t Multiply(std::int64_t sec) {
+    if (sec > kMax / kSecond) return kMax;
+    if (sec < kMin / kSecond) return kMin;
+    return sec * kSecond;
+  }
+  template <class Rep, class Period>
+  static constexpr std::int64_t FromDuration(std::chrono::duration<Rep, Period> duration) {
+    using Exact = std::chrono::duration<long double, std::micro>;
+    const long double exact = std::chrono::duration_cast<Exact>(duration).count();
+    if (exact >= static_cast<long double>(kMax)) return kMax;
+    if (exact <= static_cast<long double>(kMin)) return kMin;
+    return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+  }
+
+  std::int64_t usec_ = 0;
+};
+
+}  // namespace keelbase

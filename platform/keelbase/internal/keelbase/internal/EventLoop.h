@@ -1,0 +1,147 @@
+// EventLoop.h - the loop behind a CAWThread: descriptors, events, timers, and what is due at a turn's end.
+//
+// One turn: wait for descriptors (or not), serve those that are ready, run the posted events, fire due
+// timers, then flush what the turn has gathered. epoll is used directly because the loop must notice a
+// peer's end while it does not read from it, keep each registration between events, and know exactly
+// where a turn ends.
+#pragma once
+
+#include <sys/epoll.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "keelbase/CAWError.h"
+#include "keelbase/CAWEventQueue.h"
+#include "keelbase/internal/BufferPool.h"
+#include "keelbase/internal/FileDescriptor.h"
+#include "keelbase/internal/Mutex.h"
+#include "keelbase/internal/TimerQueue.h"
+
+namespace keelbase::internal {
+
+// Somebody who watches a descriptor. All calls come on the loop's thread. Must outlive its watch.
+class Watcher {
+ public:
+  virtual void OnReady(std::uint32_t events) = 0;  // EPOLLIN, EPOLLOUT, EPOLLRDHUP, EPOLLHUP, EPOLLERR
+
+  // The loop spins: look for input without having been told. True when there was some.
+  virtual bool OnSpin() { return false; }
+
+ protected:
+  ~Watcher() = default;
+};
+
+// Somebody who gathers during a turn. Called once at its end for each AtTurnEnd().
+class TurnEndTask {
+ public:
+  virtual void OnTurnEnd() = 0;
+
+ protected:
+  ~TurnEndTask() = default;
+};
+
+// A closed connection that still has bytes to write.
+class LingerTask {
+ public:
+  virtual int LingerDescriptor() const = 0;
+  virtual Clock::Point LingerDeadline() const = 0;
+  virtual void WriteLingering() = 0;  // calls EndLinger when done
+  virtual void AbandonLinger() = 0;   // calls EndLinger
+
+ protected:
+  ~LingerTask() = default;
+};
+
+class KEELBASE_API EventLoop {
+ public:
+  explicit EventLoop(const char* name);
+  ~EventLoop();
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+
+  bool IsUsable() const { return epoll_ && wake_; }
+  const char* GetName() const { return name_; }
+
+  // --- thread ---
+  void BindToCurrentThread();
+  bool IsCurrent() const { return current_ == this; }
+  static EventLoop* Current() { return current_; }
+  void CheckCurrent(const char* operation) const;  // debug builds stop on a wrong thread
+
+  // --- running ---
+  AWResult Run();  // until Stop(); 10001 when it runs already
+  void Stop();     // any thread
+  bool RunReady();
+  bool IsRunning() const { return running_.load(std::memory_order_acquire); }
+  void SetSpin(std::uint32_t microseconds) { spin_.store(microseconds, std::memory_order_relaxed); }
+
+  // --- events: any thread ---
+  AWResult Post(IAWEvent* event);
+  void Call(const std::function<void()>& function);  // see CAWThread::Call
+
+  // --- descriptors: loop thread. 0 or an errno value ---
+  int Watch(int fd, std::uint32_t events, Watcher& watcher);
+  int Change(int fd, std::uint32_t events, Watcher& watcher);
+  void Unwatch(int fd, Watcher& watcher);
+
+  void AtTurnEnd(TurnEndTask& task) { turnEnd_.push_back(&task); }
+  void DropTurnEnd(TurnEndTask& task);
+
+  TimerQueue& Timers() { return timers_; }
+  void WakeForTimer();
+
+  BufferPool& Buffers() { return buffers_; }
+
+  // --- lingers ---
+  void BeginLinger(LingerTask& task);
+  void EndLinger(LingerTask& task);
+  // Writes for everybody who lingers, without serving anything else, until done or out of time. On the
+  // loop's thread, or on any while the loop does not run.
+  void FinishLingers();
+
+ private:
+  bool Turn(int timeoutMs);
+  bool Dispatch(int count);
+  bool RunPosted();
+  void FlushTurn();
+  bool Spin();
+  int SleepTime() const;
+  bool PrepareSleep();
+  void Wake();
+  void DropPosted();
+
+  const char* name_;
+  FileDescriptor epoll_;
+  FileDescriptor wake_;
+
+  static thread_local EventLoop* current_ __attribute__((tls_model("initial-exec")));
+  std::atomic<std::uint64_t> thread_{0};
+  std::atomic<bool> running_{false};
+  std::atomic<bool> stop_{false};
+  std::atomic<std::uint32_t> spin_{0};
+
+  Mutex mutex_;
+  std::vector<IAWEvent*> posted_ AW_GUARDED_BY(mutex_);
+  bool closed_ AW_GUARDED_BY(mutex_) = false;
+  bool sleeping_ AW_GUARDED_BY(mutex_) = false;
+  std::atomic<bool> hasPosted_{false};
+  std::vector<IAWEvent*> firing_;
+
+  static constexpr int kBatch = 64;
+  std::array<epoll_event, kBatch> batch_{};
+  int batchEnd_ = 0;
+  Watcher* recent_ = nullptr;  // the last one with input: looked at while the loop spins
+
+  std::vector<TurnEndTask*> turnEnd_;
+  std::vector<TurnEndTask*> flushing_;
+  std::vector<LingerTask*> lingering_;
+  TimerQueue timers_;
+  BufferPool buffers_;
+};
+
+}  // namespace keelbase::internal

@@ -1,0 +1,66 @@
+// TimerQueue.h - the timers of one event loop.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+
+#include "keelbase/internal/Clock.h"
+#include "keelbase/internal/Mutex.h"
+
+namespace keelbase::internal {
+
+class EventLoop;
+
+// One timer of a loop; its function runs on the loop's thread and may cancel or destroy the timer.
+// Start and Cancel may be called from any thread, one at a time.
+class KEELBASE_API Timer {
+ public:
+  using Function = std::function<void()>;
+
+  explicit Timer(EventLoop& loop) : loop_(loop) {}
+  ~Timer() { Cancel(); }
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+  // First after one interval, then every interval; `count` times, 0 for ever. Replaces what was started.
+  void Start(std::chrono::microseconds interval, std::uint32_t count, Function function);
+
+  // On another thread than the loop's it waits for a call that is just running.
+  void Cancel();
+
+  bool IsActive() const;
+  EventLoop& GetLoop() const { return loop_; }
+
+ private:
+  friend class TimerQueue;
+  EventLoop& loop_;
+  std::chrono::microseconds interval_{0};
+  std::uint32_t left_ = 0;  // calls to come; 0 for ever
+  Function function_;
+  std::optional<std::multimap<Clock::Point, Timer*>::iterator> place_;
+};
+
+// Ordered by due time. Firing happens on the loop's thread; everything else on any.
+class TimerQueue {
+ public:
+  void Add(Timer& timer, Clock::Point due);
+  void Remove(Timer& timer, bool onLoopThread);
+  bool Contains(const Timer& timer) const;
+
+  std::optional<Clock::Point> NextDue() const;
+  bool RunDue();  // whether any timer fired
+
+ private:
+  void Reschedule(Timer& timer, Clock::Point now) AW_REQUIRES(mutex_);
+
+  mutable Mutex mutex_;
+  std::condition_variable fired_;
+  std::multimap<Clock::Point, Timer*> timers_ AW_GUARDED_BY(mutex_);
+  const Timer* firing_ AW_GUARDED_BY(mutex_) = nullptr;
+};
+
+}  // namespace keelbase::internal

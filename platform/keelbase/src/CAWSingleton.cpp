@@ -1,0 +1,53 @@
+// CAWSingleton.cpp - the clean-up chain, see CAWSingleton.h.
+#include "keelbase/CAWSingleton.h"
+
+#include <cstdlib>
+#include <vector>
+
+#include "keelbase/internal/Mutex.h"
+
+namespace keelbase {
+
+class CleanUpChain {
+ public:
+  static CleanUpChain& Instance() {
+    static CleanUpChain& chain = *new CleanUpChain;
+    return chain;
+  }
+
+  void Add(CAWCleanUpBase* link) {
+    const internal::MutexLock lock(mutex_);
+    if (hasRun_) return;  // its owner keeps it
+    if (!armed_) std::atexit([] { Instance().Run(); });
+    armed_ = true;
+    links_.push_back(link);
+  }
+
+  bool HasRun() {
+    const internal::MutexLock lock(mutex_);
+    return hasRun_;
+  }
+
+ private:
+  // Links that are added while the chain runs (a destructor that asks for a singleton) stay.
+  void Run() {
+    std::vector<CAWCleanUpBase*> links;
+    {
+      const internal::MutexLock lock(mutex_);
+      hasRun_ = true;
+      links.swap(links_);
+    }
+    for (auto link = links.rbegin(); link != links.rend(); ++link) delete *link;
+  }
+
+  internal::Mutex mutex_;
+  std::vector<CAWCleanUpBase*> links_ AW_GUARDED_BY(mutex_);
+  bool armed_ AW_GUARDED_BY(mutex_) = false;
+  bool hasRun_ AW_GUARDED_BY(mutex_) = false;
+};
+
+CAWCleanUpBase::CAWCleanUpBase() { CleanUpChain::Instance().Add(this); }
+
+bool CAWCleanUpBase::HasRun() { return CleanUpChain::Instance().HasRun(); }
+
+}  // namespace keelbase

@@ -1,0 +1,30 @@
+// CAWThread.cpp - see CAWThread.h.
+#include "keelbase/CAWThread.h"
+
+#include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/FunctionEvent.h"
+
+namespace keelbase {
+
+CAWThread::CAWThread(const char* name)
+    : loop_(std::make_unique<internal::EventLoop>(name)), queue_(*loop_) {}
+
+CAWThread::~CAWThread() = default;
+
+AWResult CAWThread::Run() { return IsCurrent() ? loop_->Run() : AW_ERROR_FAILURE; }
+
+void CAWThread::Stop() { loop_->Stop(); }
+
+bool CAWThread::IsCurrent() const { return loop_->IsCurrent(); }
+
+void CAWThread::SetSpin(std::uint32_t microseconds) { loop_->SetSpin(microseconds); }
+
+AWResult CAWThread::Post(std::function<void()> function) {
+  return queue_.Post(new internal::FunctionEvent(std::move(function)));
+}
+
+void CAWThread::RunThere(const std::function<void()>& function) { loop_->Call(function); }
+
+bool CAWThread::TEST_RunReady() { return loop_->RunReady(); }
+
+}  // namespace keelbase

@@ -1,0 +1,182 @@
+// CAWThreadManager.cpp - see CAWThreadManager.h.
+#include "keelbase/CAWThreadManager.h"
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <system_error>
+#include <thread>
+
+#include "keelbase/CAWSingleton.h"
+#include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/Mutex.h"
+
+namespace keelbase {
+
+namespace {
+
+struct Slot {
+  const char* name;
+  std::atomic<CAWThread*> thread{nullptr};
+  std::thread started;  // not joinable: the thread was adopted
+};
+
+struct Slots {
+  std::array<Slot, 3> all{Slot{"zarn-main", {}, {}}, Slot{"zarn-network", {}, {}},
+                          Slot{"zarn-task", {}, {}}};
+  internal::Mutex mutex;  // guards making a thread
+  bool cleanUpArmed AW_GUARDED_BY(mutex) = false;
+
+  Slot* Find(int type) {
+    if (type < CAWThreadManager::TT_MAIN || type > CAWThreadManager::TT_TASK) return nullptr;
+    return &all[static_cast<std::size_t>(type - 1)];
+  }
+};
+
+Slots& TheSlots() {
+  static Slots& slots = *new Slots;  // outlives every static object
+  return slots;
+}
+
+}  // namespace
+
+// Stops the started threads and lets what was sent be written: also on threads that were adopted.
+class ThreadCleanUp final : public CAWCleanUpBase {
+ public:
+  ~ThreadCleanUp() override {
+    for (Slot& slot : TheSlots().all) {
+      CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+      if (thread == nullptr) continue;
+      if (slot.started.joinable()) {
+        Join(slot, *thread);
+      } else {
+        FinishAdopted(*thread);
+      }
+    }
+  }
+
+  static CAWThread* Make(Slot& slot);
+  static CAWThread* MakeStarted(Slot& slot);
+  static void Arm() { new ThreadCleanUp; }
+
+ private:
+  // exit() may have been called from that very thread.
+  static void Join(Slot& slot, CAWThread& thread) {
+    if (thread.IsCurrent()) {
+      thread.GetLoop().FinishLingers();
+      slot.started.detach();
+      return;
+    }
+    thread.Stop();
+    slot.started.join();
+  }
+
+  static void FinishAdopted(CAWThread& thread) {
+    internal::EventLoop& loop = thread.GetLoop();
+    if (loop.IsRunning() && !thread.IsCurrent()) {
+      auto done = std::make_shared<std::promise<void>>();
+      thread.Post([&loop, done] {
+        loop.FinishLingers();
+        done->set_value();
+      });
+      done->get_future().wait_for(std::chrono::seconds(3));  // that thread may hang for good
+    } else {
+      loop.FinishLingers();
+    }
+  }
+};
+
+CAWThread* ThreadCleanUp::Make(Slot& slot) {
+  auto* thread = new CAWThread(slot.name);  // lives for ever, like the manager
+  if (thread->GetLoop().IsUsable()) return thread;
+  delete thread;
+  return nullptr;
+}
+
+CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
+  CAWThread* thread = Make(slot);
+  if (thread == nullptr) return nullptr;
+  try {
+    slot.started = std::thread([&loop = thread->GetLoop(), name = slot.name] {
+      ::pthread_setname_np(::pthread_self(), name);
+      loop.BindToCurrentThread();
+      loop.Run();
+      loop.FinishLingers();
+    });
+  } catch (const std::system_error&) {
+    delete thread;
+    return nullptr;
+  }
+  return thread;
+}
+
+CAWThreadManager* CAWThreadManager::Instance() {
+  static CAWThreadManager& manager = *new CAWThreadManager;
+  return &manager;
+}
+
+namespace {
+
+void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
+  if (slots.cleanUpArmed) return;
+  slots.cleanUpArmed = true;
+  ThreadCleanUp::Arm();
+}
+
+// Null when the system gives no thread or no descriptors.
+CAWThread* StartThread(Slots& slots, Slot& slot) {
+  const internal::MutexLock lock(slots.mutex);
+  CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+  if (thread != nullptr) return thread;
+  if (CAWCleanUpBase::HasRun()) return nullptr;
+  ArmCleanUp(slots);
+  thread = ThreadCleanUp::MakeStarted(slot);
+  slot.thread.store(thread, std::memory_order_release);
+  return thread;
+}
+
+}  // namespace
+
+CAWThread* CAWThreadManager::GetThread(int type) {
+  Slots& slots = TheSlots();
+  Slot* slot = slots.Find(type);
+  if (slot == nullptr) return nullptr;
+  CAWThread* thread = slot->thread.load(std::memory_order_acquire);
+  if (thread != nullptr || type == TT_MAIN) return thread;
+  return StartThread(slots, *slot);
+}
+
+AWResult CAWThreadManager::AdoptCurrentThread(int type) {
+  Slots& slots = TheSlots();
+  Slot* slot = slots.Find(type);
+  if (slot == nullptr || internal::EventLoop::Current() != nullptr) return AW_ERROR_FAILURE;
+  const internal::MutexLock lock(slots.mutex);
+  if (slot->thread.load(std::memory_order_relaxed) != nullptr) return AW_ERROR_FAILURE;
+  CAWThread* thread = ThreadCleanUp::Make(*slot);
+  if (thread == nullptr) return AW_ERROR_FAILURE;
+  ArmCleanUp(slots);
+  thread->GetLoop().BindToCurrentThread();
+  slot->thread.store(thread, std::memory_order_release);
+  return AW_OK;
+}
+
+CAWThread* CAWThreadManager::GetCurrentOrNetwork() {
+  if (const internal::EventLoop* loop = internal::EventLoop::Current(); loop != nullptr) {
+    for (Slot& slot : TheSlots().all) {
+      CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+      if (thread != nullptr && &thread->GetLoop() == loop) return thread;
+    }
+  }
+  return GetThread(TT_NETWORK);
+}
+
+CAWMutexThread& CAWThreadManager::GetSingletonMutex() {
+  static CAWMutexThread& mutex = *new CAWMutexThread;
+  return mutex;
+}
+
+}  // namespace keelbase

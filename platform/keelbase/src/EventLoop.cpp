@@ -1,0 +1,312 @@
+// EventLoop.cpp - see EventLoop.h.
+#include "keelbase/internal/EventLoop.h"
+
+#include <poll.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+#include "keelbase/CAWTrace.h"
+#include "keelbase/internal/ThreadName.h"
+
+namespace keelbase::internal {
+
+thread_local EventLoop* EventLoop::current_ = nullptr;
+
+namespace {
+
+// A callback that throws has left its objects in a state that nobody knows: say where, and stop.
+[[noreturn]] void StopForException(const char* loop) {
+  char line[512];
+  CAWTextFormator text(line, sizeof line);
+  text << "an exception left a callback on the " << loop << " thread";
+  try {
+    throw;
+  } catch (const std::exception& exception) {
+    text << ": " << exception.what();
+  } catch (...) {
+    text << " (not a std::exception)";
+  }
+  IAWTraceManager::Instance()->Trace(0, text.View());
+  std::abort();
+}
+
+}  // namespace
+
+EventLoop::EventLoop(const char* name)
+    : name_(name), epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!epoll_ || !wake_) return;
+  // Edge-triggered, so that a wake-up need not be read off.
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLET;
+  event.data.ptr = nullptr;
+  if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event) != 0) wake_.Reset();
+}
+
+EventLoop::~EventLoop() { DropPosted(); }
+
+// --- thread ---
+
+void EventLoop::BindToCurrentThread() {
+  current_ = this;
+  thread_.store(CurrentThreadNumber(), std::memory_order_release);
+}
+
+void EventLoop::CheckCurrent([[maybe_unused]] const char* operation) const {
+#ifndef NDEBUG
+  // Once the loop has ended nobody else can be in the way.
+  if (IsCurrent() || !IsRunning()) return;
+  StopForWrongThread(operation, thread_.load(std::memory_order_acquire), CurrentThreadNumber());
+#endif
+}
+
+// --- running ---
+
+AWResult EventLoop::Run() {
+  if (running_.exchange(true)) return AW_ERROR_FAILURE;
+  {
+    const MutexLock lock(mutex_);
+    closed_ = false;
+  }
+  FlushTurn();  // what was gathered before there was a turn
+  bool worked = true;
+  while (!stop_.load(std::memory_order_acquire)) {
+    if (worked && spin_.load(std::memory_order_relaxed) != 0) {
+      worked = Spin();
+      if (worked) continue;
+    }
+    worked = PrepareSleep() ? Turn(SleepTime()) : Turn(0);
+  }
+  FlushTurn();
+  DropPosted();
+  stop_.store(false, std::memory_order_relaxed);
+  running_.store(false, std::memory_order_release);
+  return AW_OK;
+}
+
+void EventLoop::Stop() {
+  stop_.store(true, std::memory_order_release);
+  Wake();
+}
+
+bool EventLoop::RunReady() {
+  bool any = false;
+  while (Turn(0)) any = true;
+  return any;
+}
+
+bool EventLoop::Turn(int timeoutMs) {
+  try {
+    const int count = ::epoll_wait(epoll_.Get(), batch_.data(), kBatch, timeoutMs);
+    bool any = count > 0 && Dispatch(count);
+    if (hasPosted_.load(std::memory_order_acquire)) any |= RunPosted();
+    any |= timers_.RunDue();
+    FlushTurn();
+    return any;
+  } catch (...) {
+    StopForException(name_);
+  }
+}
+
+bool EventLoop::Dispatch(int count) {
+  bool any = false;
+  batchEnd_ = count;
+  for (int i = 0; i < batchEnd_; ++i) {
+    const epoll_event event = batch_[static_cast<std::size_t>(i)];
+    auto* watcher = static_cast<Watcher*>(event.data.ptr);
+    if (watcher == nullptr) continue;  // the wake-up, or unwatched within this turn
+    if ((event.events & EPOLLIN) != 0) recent_ = watcher;
+    watcher->OnReady(event.events);
+    any = true;
+  }
+  batchEnd_ = 0;
+  return any;
+}
+
+// Looks for work without sleeping. A microsecond of pause first, since an answer may be that near; then
+// the processor is offered to others between looks, since the peer may need this very one.
+bool EventLoop::Spin() {
+  using std::chrono::microseconds;
+  const auto start = std::chrono::steady_clock::now();
+  const auto end = start + microseconds(spin_.load(std::memory_order_relaxed));
+  auto now = start;
+  do {
+    if (recent_ != nullptr && recent_->OnSpin()) {
+      FlushTurn();
+      return true;
+    }
+    if (Turn(0)) return true;
+    if (stop_.load(std::memory_order_acquire)) return false;
+    if (now - start > microseconds(1)) {
+      ::sched_yield();
+    } else {
+      __builtin_ia32_pause();
+    }
+    now = std::chrono::steady_clock::now();
+  } while (now < end);
+  return false;
+}
+
+int EventLoop::SleepTime() const {
+  const auto due = timers_.NextDue();
+  if (!due) return -1;
+  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::Now()).count();
+  return static_cast<int>(std::clamp<std::int64_t>(wait, 0, 1000L * 60 * 60));
+}
+
+// From here on whoever posts must wake us. False when something has been posted already.
+bool EventLoop::PrepareSleep() {
+  const MutexLock lock(mutex_);
+  sleeping_ = posted_.empty() && !stop_.load(std::memory_order_acquire);
+  return sleeping_;
+}
+
+void EventLoop::Wake() {
+  const std::uint64_t one = 1;
+  // Fails only when the counter is full, and then the loop is awake.
+  [[maybe_unused]] const ssize_t written = ::write(wake_.Get(), &one, sizeof one);
+}
+
+void EventLoop::WakeForTimer() {
+  if (!IsCurrent()) Wake();
+}
+
+// --- events ---
+
+AWResult EventLoop::Post(IAWEvent* event) {
+  if (event == nullptr) return AW_ERROR_FAILURE;
+  bool wake = false;
+  bool taken = false;
+  {
+    const MutexLock lock(mutex_);
+    if (!closed_) {
+      try {
+        posted_.push_back(event);
+        taken = true;
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    if (taken) {
+      hasPosted_.store(true, std::memory_order_release);
+      wake = std::exchange(sleeping_, false);
+    }
+  }
+  if (wake) Wake();
+  if (!taken) event->OnDestorySelf();
+  return taken ? AW_OK : AW_ERROR_FAILURE;
+}
+
+bool EventLoop::RunPosted() {
+  {
+    const MutexLock lock(mutex_);
+    firing_.swap(posted_);
+    hasPosted_.store(false, std::memory_order_relaxed);
+  }
+  for (std::size_t i = 0; i < firing_.size(); ++i) {
+    if (stop_.load(std::memory_order_relaxed) && running_.load(std::memory_order_relaxed)) {
+      // What is left is dropped with the rest of the queue.
+      for (; i < firing_.size(); ++i) firing_[i]->OnDestorySelf();
+      break;
+    }
+    firing_[i]->OnEventFire();
+    firing_[i]->OnDestorySelf();
+  }
+  const bool any = !firing_.empty();
+  firing_.clear();
+  return any;
+}
+
+void EventLoop::DropPosted() {
+  std::vector<IAWEvent*> dropped;
+  {
+    const MutexLock lock(mutex_);
+    closed_ = true;
+    dropped.swap(posted_);
+    hasPosted_.store(false, std::memory_order_relaxed);
+  }
+  for (IAWEvent* event : dropped) event->OnDestorySelf();
+}
+
+// --- descriptors ---
+
+namespace {
+int Control(int epoll, int operation, int fd, std::uint32_t events, Watcher* watcher) {
+  epoll_event event{};
+  event.events = events;
+  event.data.ptr = watcher;
+  return ::epoll_ctl(epoll, operation, fd, &event) == 0 ? 0 : errno;
+}
+}  // namespace
+
+int EventLoop::Watch(int fd, std::uint32_t events, Watcher& watcher) {
+  return Control(epoll_.Get(), EPOLL_CTL_ADD, fd, events, &watcher);
+}
+
+int EventLoop::Change(int fd, std::uint32_t events, Watcher& watcher) {
+  return Control(epoll_.Get(), EPOLL_CTL_MOD, fd, events, &watcher);
+}
+
+void EventLoop::Unwatch(int fd, Watcher& watcher) {
+  Control(epoll_.Get(), EPOLL_CTL_DEL, fd, 0, nullptr);
+  if (recent_ == &watcher) recent_ = nullptr;
+  for (int i = 0; i < batchEnd_; ++i) {
+    epoll_event& event = batch_[static_cast<std::size_t>(i)];
+    if (event.data.ptr == &watcher) event.data.ptr = nullptr;
+  }
+}
+
+// --- turn's end ---
+
+void EventLoop::FlushTurn() {
+  while (!turnEnd_.empty()) {
+    flushing_.swap(turnEnd_);
+    for (std::size_t i = 0; i < flushing_.size(); ++i) {
+      if (flushing_[i] != nullptr) flushing_[i]->OnTurnEnd();
+    }
+    flushing_.clear();
+  }
+}
+
+void EventLoop::DropTurnEnd(TurnEndTask& task) {
+  std::replace(flushing_.begin(), flushing_.end(), &task, static_cast<TurnEndTask*>(nullptr));
+  turnEnd_.erase(std::remove(turnEnd_.begin(), turnEnd_.end(), &task), turnEnd_.end());
+}
+
+// --- lingers ---
+
+void EventLoop::BeginLinger(LingerTask& task) { lingering_.push_back(&task); }
+
+void EventLoop::EndLinger(LingerTask& task) {
+  lingering_.erase(std::remove(lingering_.begin(), lingering_.end(), &task), lingering_.end());
+}
+
+void EventLoop::FinishLingers() {
+  while (!lingering_.empty()) {
+    const auto now = Clock::Now();
+    const std::vector<LingerTask*> tasks = lingering_;
+    std::vector<pollfd> ready;
+    auto wait = std::chrono::milliseconds::max();
+    for (LingerTask* task : tasks) {
+      ready.push_back({task->LingerDescriptor(), POLLOUT, 0});
+      wait = std::min(wait,
+                      std::chrono::ceil<std::chrono::milliseconds>(task->LingerDeadline() - now));
+    }
+    const int timeout = static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, 2000));
+    ::poll(ready.data(), ready.size(), timeout);
+    for (std::size_t i = 0; i < tasks.size(); ++i) {
+      if (tasks[i]->LingerDeadline() <= Clock::Now()) {
+        tasks[i]->AbandonLinger();
+      } else if (ready[i].revents != 0) {
+        tasks[i]->WriteLingering();
+      }
+    }
+  }
+}
+
+}  // namespace keelbase::internal

@@ -1,0 +1,397 @@
+// StreamSocket.cpp - see StreamSocket.h.
+#include "keelbase/internal/StreamSocket.h"
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+namespace keelbase::internal {
+
+namespace {
+
+// From here on one sendmsg from the caller's bytes is cheaper than a copy into the gather buffer.
+constexpr std::size_t kDirectSize = 4096;
+
+constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
+
+// More than a socket buffer holds: what a peer that has ended can have left for us.
+constexpr int kRestReads = 256;
+
+class Pieces {
+ public:
+  void Add(const char* data, std::size_t length) {
+    if (length == 0 || count_ == kMaxPieces) return;
+    pieces_[count_++] = {const_cast<char*>(data), length};
+    total_ += length;
+  }
+  void AddChain(const CAWMessageBlock* block) {
+    for (; block != nullptr && count_ < kMaxPieces; block = block->GetNext())
+      Add(block->GetReadPtr(), block->GetLength());
+  }
+  std::size_t Total() const { return total_; }
+
+  ssize_t WriteTo(int fd) {
+    msghdr message{};
+    message.msg_iov = pieces_.data();
+    message.msg_iovlen = count_;
+    ssize_t written;
+    do {
+      written = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (written < 0 && errno == EINTR);
+    return written;
+  }
+
+ private:
+  std::array<iovec, kMaxPieces> pieces_;
+  std::size_t count_ = 0;
+  std::size_t total_ = 0;
+};
+
+// Looks no further than it must: a chain may be long.
+bool HoldsAtLeast(const CAWMessageBlock& chain, std::size_t length) {
+  std::size_t held = 0;
+  for (const CAWMessageBlock* block = &chain; block != nullptr && held < length;
+       block = block->GetNext())
+    held += block->GetLength();
+  return held >= length;
+}
+
+bool IsWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
+
+}  // namespace
+
+StreamSocket::StreamSocket(EventLoop& loop, FileDescriptor descriptor)
+    : loop_(loop), descriptor_(std::move(descriptor)) {}
+
+StreamSocket::~StreamSocket() { CloseNow(); }
+
+// Letting go of an open socket closes it, and that may take a while.
+void StreamSocket::OnReferenceDestory() {
+  if (state_ == State::closed) {
+    delete this;
+    return;
+  }
+  const CAWAutoPtr<StreamSocket> alive(this);
+  Disconnect();
+}
+
+AWResult StreamSocket::Open(StreamSocketSink* sink) {
+  loop_.CheckCurrent("a transport's OpenWithSink");
+  if (sink == nullptr || state_ != State::fresh) return AW_ERROR_FAILURE;
+  sink_ = sink;
+  state_ = State::open;
+  UpdateWatch();
+  return AW_OK;
+}
+
+// --- events ---
+
+void StreamSocket::UpdateWatch() {
+  std::uint32_t events = 0;
+  if (state_ == State::open) events |= EPOLLRDHUP | (reading_ ? EPOLLIN : 0U);
+  if (blocked_) events |= EPOLLOUT;
+  if (watched_ ? events == watchedEvents_ : events == 0) return;
+  const int error = watched_ ? loop_.Change(descriptor_.Get(), events, *this)
+                             : loop_.Watch(descriptor_.Get(), events, *this);
+  if (error != 0) return WriteFailed(error);
+  watched_ = true;
+  watchedEvents_ = events;
+}
+
+void StreamSocket::OnReady(std::uint32_t events) {
+  const CAWAutoPtr<StreamSocket> alive(this);
+  const bool over = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+  if (state_ == State::lingering) return WriteLingering();
+  if ((events & EPOLLOUT) != 0 && blocked_) {
+    blocked_ = false;
+    WriteOut(nullptr);
+    if (!blocked_ && roomWanted_) TellRoom();
+    if (state_ != State::open) return;
+    UpdateWatch();
+  }
+  if (reading_ && (over || (events & EPOLLIN) != 0)) {
+    ReadOnce();
+  } else if (over) {
+    ReadRest();
+  }
+}
+
+bool StreamSocket::OnSpin() {
+  if (state_ != State::open || !reading_) return false;
+  const CAWAutoPtr<StreamSocket> alive(this);
+  return ReadOnce();
+}
+
+// True when something was delivered.
+bool StreamSocket::ReadOnce() {
+  CAWMessageBlock* block = nullptr;
+  try {
+    block = &loop_.Buffers().TakeReadBlock();
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+    return false;
+  }
+  ssize_t count;
+  do {
+    count = ::recv(descriptor_.Get(), block->GetWritePtr(), kReadSize, MSG_DONTWAIT);
+  } while (count < 0 && errno == EINTR);
+  if (count > 0) {
+    block->AdvanceWritePtr(static_cast<std::size_t>(count));
+    Deliver(*block);
+    return true;
+  }
+  if (count == 0) {
+    End(writeError_);
+  } else if (!IsWouldBlock(errno)) {
+    End(errno);
+  }
+  return false;
+}
+
+// The connection is over: what has come in by now is delivered, also to an owner who had stopped
+// reading, and then the end.
+void StreamSocket::ReadRest() {
+  for (int reads = 0; reads < kRestReads && state_ == State::open && ReadOnce(); ++reads) {
+  }
+  End(writeError_);
+}
+
+void StreamSocket::Deliver(CAWMessageBlock& block) {
+  ++counters_.blocksReceived;
+  counters_.bytesReceived += block.GetLength();
+  try {
+    sink_->OnBytes(block);
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+}
+
+void StreamSocket::TellRoom() {
+  roomWanted_ = false;
+  try {
+    if (sink_ != nullptr) sink_->OnRoom();
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+}
+
+void StreamSocket::End(long reason) {
+  if (state_ != State::open) return;
+  state_ = State::ended;
+  blocked_ = false;
+  if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
+  std::exchange(sink_, nullptr)->OnEnd(reason);
+}
+
+void StreamSocket::StopReading(bool stop) {
+  if (reading_ == !stop) return;
+  reading_ = !stop;
+  if (state_ == State::open) UpdateWatch();
+}
+
+// --- sending ---
+
+AWResult StreamSocket::Send(CAWMessageBlock& chain) {
+  loop_.CheckCurrent("a transport's SendData");
+  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (writeError_ != 0) return static_cast<AWResult>(writeError_);
+  if (state_ == State::ended) return AW_ERROR_FAILURE;
+
+  bool taken = false;
+  if (HoldsAtLeast(chain, kDirectSize)) {
+    taken = !blocked_ && WriteOut(&chain);
+  } else {
+    try {
+      taken = CopyIn(chain);
+    } catch (const std::bad_alloc&) {
+      return AW_ERROR_FAILURE;
+    }
+  }
+  if (taken) ++counters_.blocksSent;
+  if (!HoldsAtLeast(chain, 1)) return AW_OK;
+  if (!taken && writeError_ != 0) return static_cast<AWResult>(writeError_);
+  ++counters_.partialSends;
+  roomWanted_ = true;
+  return AW_ERROR_PARTIAL_DATA;
+}
+
+// Gathers all of a small chain, or nothing when there is no room and the system takes no more.
+bool StreamSocket::CopyIn(CAWMessageBlock& chain) {
+  const std::size_t length = chain.GetChainedLength();
+  if (length == 0) return false;
+  if (gather_ == nullptr) gather_ = loop_.Buffers().TakeGather();
+  if (length > kGatherSize - gatherEnd_) {
+    if (blocked_) return false;
+    WriteOut(nullptr);
+    if (length > kGatherSize - gatherEnd_ || writeError_ != 0) return false;
+    if (gather_ == nullptr) gather_ = loop_.Buffers().TakeGather();
+  }
+  chain.CopyChained(gather_->data() + gatherEnd_, length);
+  chain.AdvanceChainedReadPtr(length);
+  gatherEnd_ += length;
+  counters_.queuedHighMark = std::max<std::uint64_t>(counters_.queuedHighMark, Gathered());
+  WantTurnEnd();
+  return true;
+}
+
+void StreamSocket::WantTurnEnd() {
+  if (!std::exchange(dirty_, true)) loop_.AtTurnEnd(*this);
+}
+
+void StreamSocket::OnTurnEnd() {
+  const CAWAutoPtr<StreamSocket> alive(this);
+  dirty_ = false;
+  if (!blocked_) WriteOut(nullptr);
+  if (writeError_ != 0) ReadRest();
+}
+
+// Writes what was gathered and then the chain, until both are empty or the system takes no more. True
+// when anything of the chain was written.
+bool StreamSocket::WriteOut(CAWMessageBlock* chain) {
+  bool anyOfChain = false;
+  while (!blocked_ && writeError_ == 0) {
+    Pieces pieces;
+    if (gather_ != nullptr) pieces.Add(gather_->data() + gatherBegin_, Gathered());
+    pieces.AddChain(chain);
+    if (pieces.Total() == 0) break;
+    const ssize_t result = pieces.WriteTo(descriptor_.Get());
+    if (result < 0 && !IsWouldBlock(errno)) {
+      WriteFailed(errno);
+      break;
+    }
+    const std::size_t written = result < 0 ? 0 : static_cast<std::size_t>(result);
+    const std::size_t fromGather = std::min(written, Gathered());
+    Written(written);
+    gatherBegin_ += fromGather;
+    if (written > fromGather) {
+      chain->AdvanceChainedReadPtr(written - fromGather);
+      anyOfChain = true;
+    }
+    if (written < pieces.Total()) {
+      blocked_ = true;
+      UpdateWatch();
+    }
+  }
+  if (Gathered() == 0) GiveGather();
+  return anyOfChain;
+}
+
+void StreamSocket::Written(std::size_t count) {
+  ++counters_.systemCallsSent;
+  counters_.bytesSent += count;
+}
+
+// Nothing more can be sent. The end is told later, after what the peer had sent before it.
+void StreamSocket::WriteFailed(int error) {
+  if (writeError_ != 0) return;
+  writeError_ = error;
+  blocked_ = false;
+  GiveGather();
+  if (state_ == State::open) WantTurnEnd();
+}
+
+void StreamSocket::GiveGather() {
+  gatherBegin_ = gatherEnd_ = 0;
+  if (gather_ != nullptr) loop_.Buffers().GiveGather(std::move(gather_));
+}
+
+// --- closing ---
+
+void StreamSocket::Disconnect() {
+  loop_.CheckCurrent("a transport's Disconnect");
+  if (state_ == State::lingering || state_ == State::closed) return;
+  const CAWAutoPtr<StreamSocket> alive(this);
+  sink_ = nullptr;
+  state_ = State::lingering;
+  if (!blocked_) WriteLingerData();
+  if (writeError_ != 0 || !HasOutput() || lingerMs_ == 0) return CloseNow();
+  self_ = this;
+  lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
+  loop_.BeginLinger(*this);
+  try {
+    lingerTimer_ = std::make_unique<Timer>(loop_);
+    lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
+  } catch (const std::bad_alloc&) {
+    return CloseNow();
+  }
+  UpdateWatch();
+  if (writeError_ != 0) CloseNow();
+}
+
+AWResult StreamSocket::AddLingerData(const CAWMessageBlock& chain) {
+  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  CAWMessageBlock* copy = nullptr;
+  try {
+    copy = chain.DuplicateChained();
+  } catch (const std::bad_alloc&) {
+    return AW_ERROR_FAILURE;
+  }
+  if (lingerData_ == nullptr) {
+    lingerData_ = copy;
+  } else {
+    lingerData_->Append(copy);
+  }
+  return AW_OK;
+}
+
+void StreamSocket::WriteLingering() {
+  const CAWAutoPtr<StreamSocket> alive(this);
+  blocked_ = false;
+  WriteLingerData();
+  if (writeError_ != 0 || !HasOutput()) CloseNow();
+}
+
+void StreamSocket::WriteLingerData() {
+  WriteOut(lingerData_);
+  if (lingerData_ != nullptr) lingerData_ = lingerData_->ReclaimGarbage();
+}
+
+void StreamSocket::CloseNow() {
+  if (state_ == State::closed) return;
+  state_ = State::closed;
+  sink_ = nullptr;
+  if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
+  if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
+  descriptor_.Reset();
+  GiveGather();
+  if (lingerData_ != nullptr) std::exchange(lingerData_, nullptr)->DestroyChained();
+  lingerTimer_.reset();
+  if (self_) loop_.EndLinger(*this);
+  const CAWAutoPtr<StreamSocket> last(std::move(self_));
+}
+
+// --- options ---
+
+CAWTransportCounters StreamSocket::GetCounters() const {
+  CAWTransportCounters counters = counters_;
+  counters.queuedBytes = Gathered();
+  return counters;
+}
+
+AWResult StreamSocket::GetOption(int code, void* value) const {
+  if (value == nullptr || code != AW_OPT_COUNTERS) return AW_ERROR_FAILURE;
+  *static_cast<CAWTransportCounters*>(value) = GetCounters();
+  return AW_OK;
+}
+
+AWResult StreamSocket::SetOption(int code, const void* value) {
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  switch (code) {
+    case AW_OPT_STOP_READING:
+      StopReading(*static_cast<const bool*>(value));
+      return AW_OK;
+    case AW_OPT_LINGER:
+      SetLinger(*static_cast<const std::uint32_t*>(value));
+      return AW_OK;
+    case AW_OPT_LINGER_DATA:
+      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
+    default:
+      return AW_ERROR_FAILURE;
+  }
+}
+
+}  // namespace keelbase::internal
