@@ -1,0 +1,36 @@
+// EndpointFile.h - the socket file of a listener: made, checked, replaced and removed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "EndpointName.h"
+
+namespace fipc {
+
+// Owns the endpoint file of one listening socket.
+//
+// Whoever makes or removes an endpoint holds flock on the directory meanwhile, so that two processes
+// never judge and replace the same file at once. Waiting for that lock is the caller's business.
+class EndpointFile {
+ public:
+  EndpointFile() = default;
+  ~EndpointFile() { Remove(); }
+  EndpointFile(const EndpointFile&) = delete;
+  EndpointFile& operator=(const EndpointFile&) = delete;
+
+  // Binds and listens at `path`. 0: `listening` is ready; EWOULDBLOCK: another process holds the
+  // directory, ask again later; else an errno value, and nothing was changed.
+  int Listen(const EndpointPath& path, FileDescriptor& listening);
+
+  // Removes the file if it is still the one that Listen made.
+  void Remove();
+
+ private:
+  std::string path_;  // empty: no file
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+};
+
+}  // namespace fipc

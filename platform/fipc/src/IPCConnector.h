@@ -1,0 +1,33 @@
+// IPCConnector.h - connects to an endpoint file.
+#pragma once
+
+#include "fipc/CAWIPCManager.h"
+#include "keelbase/internal/LoopObject.h"
+
+namespace fipc {
+
+class IPCConnector final : public keelbase::internal::LoopObject<IAWIPCConnector> {
+ public:
+  explicit IPCConnector(keelbase::internal::EventLoop& loop) : LoopObject(loop), timer_(loop) {}
+  ~IPCConnector() override = default;
+
+  keelbase::AWResult SetOption(int code, void* value) override;
+  keelbase::AWResult AsyncConnect(IAWIPCAcceptorConnectorSink* sink,
+                                  const keelbase::CAWIPCAddr& peer, std::uint32_t parameter,
+                                  const keelbase::CAWIPCAddr* local) override;
+  keelbase::AWResult CancelConnect() override;
+
+ private:
+  void OnLastReference() override { timer_.Cancel(); }
+  void Try();
+  int Connect(keelbase::CAWAutoPtr<IAWIPCTransport>& out);
+
+  IAWIPCAcceptorConnectorSink* sink_ = nullptr;  // null: no connect under way
+  keelbase::CAWIPCAddr peer_;
+  keelbase::CAWIPCAddr local_;
+  bool allowAnyUser_ = false;
+  int attempts_ = 0;
+  keelbase::internal::Timer timer_;
+};
+
+}  // namespace fipc
