@@ -1,0 +1,110 @@
+// echo_server.cpp - listens at an endpoint and sends every message back.
+//
+//   ZARN_ROOT=/opt/zarn echo_server 1 2        listens at 1_2 until SIGINT or SIGTERM
+#include <zarn/utils/CZARNLibServerChannel.h>
+#include <zarn/utils/zarnutils.h>
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+#include <unordered_map>
+
+#include <keelbase/CAWThreadManager.h>
+
+namespace {
+
+using zarn::utils::CZARNLibServerChannel;
+
+// All clients. Accepts on the thread that calls Listen, which must serve the loop.
+class EchoServer : public fipc::IAWIPCAcceptorConnectorSink {
+ public:
+  keelbase::AWResult Listen(std::uint16_t first, std::uint16_t second) {
+    keelbase::CAWIPCAddr endpoint;
+    // The second number comes first in the file's name.
+    if (const auto result = zarn::utils::ZARNCreateIPCAddr(second, first, endpoint); result != 0)
+      return result;
+    if (const auto result = zarn::utils::CreateIPCServer(acceptor_); result != 0) return result;
+    return acceptor_->StartListen(this, endpoint);
+  }
+
+  void OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
+                              fipc::IAWIPCAcceptorConnectorId*) override {
+    if (reason != 0) return;
+    auto client = std::make_unique<Client>(*this, transport);
+    const Client* key = client.get();
+    clients_.emplace(key, std::move(client));
+    std::printf("a client has come, %zu now\n", clients_.size());
+    std::fflush(stdout);
+  }
+
+ private:
+  // One connection. It removes itself when the peer has gone.
+  class Client : public CZARNLibServerChannel {
+   public:
+    Client(EchoServer& server, fipc::IAWIPCTransport* transport)
+        : CZARNLibServerChannel(transport), server_(server) {}
+
+    void OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
+                       std::size_t size) override {
+      SendZARNMessage(type, tag, data, size);
+      // A client that asks and never reads the answers would fill our memory.
+      if (GetSendQueueLength() > kMostQueuedBytes) Close(0);
+    }
+
+    // The last thing that the channel does, so it may go.
+    void OnPeerDisconnect(long) override { server_.clients_.erase(this); }
+
+   private:
+    static constexpr std::size_t kMostQueuedBytes = 64 * 1024 * 1024;
+    EchoServer& server_;
+  };
+
+  keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor> acceptor_;
+  std::unordered_map<const Client*, std::unique_ptr<Client>> clients_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: echo_server FIRST SECOND\n");
+    return 2;
+  }
+  // Blocked before any other thread exists; one thread waits for them below.
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+  if (zarn::utils::ZARNLibInit() != 0) {
+    std::fprintf(stderr, "echo_server: ZARN_ROOT must name a directory that has a directory system\n");
+    return 1;
+  }
+  auto* threads = keelbase::CAWThreadManager::Instance();
+  threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK);
+  keelbase::CAWThread* network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+
+  EchoServer server;
+  const auto first = static_cast<std::uint16_t>(std::atoi(argv[1]));
+  const auto second = static_cast<std::uint16_t>(std::atoi(argv[2]));
+  if (const auto result = server.Listen(first, second); result != 0) {
+    std::fprintf(stderr, "echo_server: cannot listen at %u_%u: %s\n", unsigned{first},
+                 unsigned{second}, keelbase::DescribeResult(result).c_str());
+    return 1;
+  }
+  std::printf("listening at %u_%u\n", unsigned{first}, unsigned{second});
+  std::fflush(stdout);
+
+  std::thread([stop_signals, network] {
+    int signal = 0;
+    sigwait(&stop_signals, &signal);
+    network->Stop();
+  }).detach();
+  network->Run();
+  std::printf("stopped\n");
+  return 0;
+}

@@ -1,0 +1,34 @@
+// Reconnector.h - when a client channel connects again.
+#pragma once
+
+#include <cstdint>
+
+#include "keelbase/CAWTimer.h"
+#include "zarn/utils/zarndefines.h"
+
+namespace zarn::utils::detail {
+
+// Calls the channel's OnTimer every second from a loss on, without limit, until it is connected.
+class ZARNUTILS_API Reconnector {
+ public:
+  explicit Reconnector(keelbase::CAWTimerWrapperIDSink* channel) : channel_(channel) {}
+
+  void Start();         // the first tick comes in a second, whatever was scheduled
+  void SetConnected();  // no more ticks
+  void SetLost();       // ticks from now on
+  void SetDown() { connected_ = false; }  // leaves the ticks as they are
+
+  // For OnTimer: true when an attempt is to be made, which is counted.
+  bool NextAttempt();
+
+  bool IsConnected() const { return connected_; }
+  std::uint32_t GetRetryCount() const { return retry_count_; }
+
+ private:
+  keelbase::CAWTimerWrapperIDSink* channel_;
+  std::uint32_t retry_count_ = 0;
+  bool connected_ = false;
+  keelbase::CAWTimerWrapperID timer_;
+};
+
+}  // namespace zarn::utils::detail

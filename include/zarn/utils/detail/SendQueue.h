@@ -1,0 +1,57 @@
+// SendQueue.h - bytes that a stream has accepted and its transport has not taken yet.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+#include "keelbase/CAWError.h"
+#include "keelbase/CAWMessageBlock.h"
+#include "keelbase/CAWTransport.h"
+#include "zarn/utils/zarndefines.h"
+
+namespace zarn::utils::detail {
+
+// Small messages are gathered in blocks of 64 KiB, larger ones share the sender's bytes. Appending
+// costs the same however long the queue is.
+class ZARNUTILS_API SendQueue {
+ public:
+  SendQueue() = default;
+  SendQueue(const SendQueue&) = delete;
+  SendQueue& operator=(const SendQueue&) = delete;
+
+  bool IsEmpty() const { return head_ == nullptr; }
+  std::size_t GetLength() const { return length_; }
+
+  // Adds the chain's unread bytes, which are not advanced; what is borrowed is copied. 0; 10001
+  // without memory (nothing added).
+  keelbase::AWResult Append(const keelbase::CAWMessageBlock& data);
+
+  // Offers everything to `send(block)`, which advances over what it takes, and drops that. Returns
+  // its result. Not for an empty queue.
+  template <class Send>
+  keelbase::AWResult Offer(Send send) {
+    const std::size_t first = head_->GetLength();
+    const keelbase::AWResult result = send(*head_);
+    if (head_->GetLength() != first) DropSent();
+    return result;
+  }
+
+  // Lets the transport write everything when it is disconnected.
+  template <class Transport>
+  void LeaveTo(Transport& transport) {
+    if (!IsEmpty()) transport.SetOption(keelbase::AW_OPT_LINGER_DATA, head_.get());
+  }
+
+  void Clear();
+
+ private:
+  void Copy(const keelbase::CAWMessageBlock& data, std::size_t length);
+  void Link(std::unique_ptr<keelbase::CAWMessageBlock> chain);
+  void DropSent();
+
+  std::unique_ptr<keelbase::CAWMessageBlock> head_;  // owns the chain; no block of it is fully read
+  keelbase::CAWMessageBlock* tail_ = nullptr;
+  std::size_t length_ = 0;
+};
+
+}  // namespace zarn::utils::detail

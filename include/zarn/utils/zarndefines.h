@@ -1,0 +1,4 @@
+// zarndefines.h - what is exported from the zarnutils library.
+#pragma once
+
+#define ZARNUTILS_API __attribute__((visibility("default")))

@@ -1,0 +1,235 @@
+// CZARNIPCStreamBase.cpp - see CZARNIPCStreamBase.h.
+#include "zarn/utils/CZARNIPCStreamBase.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "ReceiveLoop.h"
+#include "StreamTrace.h"
+#include "keelbase/CAWTransport.h"
+
+namespace zarn::utils {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_ERROR_NOT_INITIALIZED;
+using keelbase::AW_ERROR_PARTIAL_DATA;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWMessageBlock;
+
+CZARNIPCStreamBase::CZARNIPCStreamBase() = default;
+
+CZARNIPCStreamBase::~CZARNIPCStreamBase() {
+  if (connector_ || transport_) thread_.Check("CZARNIPCStreamBase::~CZARNIPCStreamBase");
+  DropConnector();
+  EndConnection(0);
+}
+
+// --- connecting ---
+
+AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
+                                     keelbase::CAWIPCAddr* local) {
+  thread_.Claim("CZARNIPCStreamBase::Connect");
+  generation_.Raise();
+  DropConnector();
+  DropTransport(0);
+  const AWResult made = fipc::CAWIPCManager::Instance()->CreateConnector(1, connector_);
+  if (made != AW_OK) return made;
+  closed_ = false;
+  connect_issued_ = true;
+  return connector_->AsyncConnect(this, peer, 0, local);
+}
+
+void CZARNIPCStreamBase::OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
+                                                fipc::IAWIPCAcceptorConnectorId*) {
+  if (reason != 0) return Report(reason);
+  keelbase::CAWAutoPtr<fipc::IAWIPCTransport> connected(transport);
+  const AWResult attached = SetTransportHandle(connected);
+  if (attached != AW_OK) return CloseAndReport(attached);
+  closed_ = false;
+  OnConnected(0);
+}
+
+AWResult CZARNIPCStreamBase::SetTransportHandle(
+    keelbase::CAWAutoPtr<fipc::IAWIPCTransport>& transport) {
+  if (!transport) return AW_ERROR_FAILURE;
+  thread_.Claim("CZARNIPCStreamBase::SetTransportHandle");
+  generation_.Raise();
+  DropTransport(0);
+  transport_ = transport;
+  closed_ = false;
+  read_gate_.Reset();
+  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
+  transport_->GetOption(keelbase::AW_OPT_PEER_ADDRESS, &peer_addr_);
+  transport_->GetOption(keelbase::AW_OPT_LOCAL_ADDRESS, &local_addr_);
+  transport_attached_ = true;
+  ++counters_.connects;
+  return AW_OK;
+}
+
+// --- ending ---
+
+AWResult CZARNIPCStreamBase::Close(long reason) {
+  thread_.Check("CZARNIPCStreamBase::Close");
+  EndConnection(reason);
+  DropConnector();
+  closed_ = true;
+  return AW_OK;
+}
+
+void CZARNIPCStreamBase::OnDisconnect(long reason, fipc::IAWIPCTransport*) {
+  transport_ = nullptr;
+  transport_attached_ = false;
+  closed_ = true;
+  Close(0);
+  Report(reason);
+}
+
+void CZARNIPCStreamBase::DropConnector() {
+  const auto connector = std::move(connector_);
+  if (connector) connector->CancelConnect();
+}
+
+void CZARNIPCStreamBase::DropTransport(long reason) {
+  const auto transport = std::move(transport_);
+  if (transport) transport->Disconnect(reason);
+}
+
+// Nothing that SendMsg accepted is lost: the transport goes on with it.
+void CZARNIPCStreamBase::EndConnection(long reason) {
+  generation_.Raise();
+  if (transport_) send_queue_.LeaveTo(*transport_);
+  DropTransport(reason);
+  send_queue_.Clear();
+  received_.Clear();
+}
+
+void CZARNIPCStreamBase::CloseAndReport(long reason) {
+  EndConnection(0);
+  Report(reason);
+}
+
+// Always the last thing that is done: the subclass may delete the stream.
+void CZARNIPCStreamBase::Report(long reason) {
+  closed_ = true;
+  counters_.lastDisconnectReason = reason;
+  OnPeerDisconnect(reason);
+}
+
+// --- receiving ---
+
+void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport* transport,
+                                   fipc::CAWIPCTransportParameter*) {
+  if (transport != transport_.Get()) return;
+  const std::size_t length = data.GetChainedLength();
+  if (length == 0) return;
+  if (received_.Append(data) != AW_OK) {
+    DropConnector();
+    return CloseAndReport(AW_ERROR_FAILURE);
+  }
+  data.AdvanceChainedReadPtr(length);
+  counters_.bytesReceived += length;
+
+  // Held here while the handler runs, the bytes outlive whatever it does to the stream.
+  detail::ReceiveAccumulator held = std::move(received_);
+  const ReceivePass pass = OfferFrames(
+      generation_, closed_, held.GetData(), held.GetLength(),
+      [this](const char* bytes, std::size_t count) { return HandleMessage(bytes, count); });
+  if (pass.end == ReceivePass::End::kDestroyed) return;
+  counters_.messagesReceived += pass.frames;
+  if (pass.end == ReceivePass::End::kReplaced) return;
+  if (pass.end == ReceivePass::End::kTooLong || closed_) {
+    DropConnector();
+    return CloseAndReport(0);
+  }
+  held.Consume(pass.consumed);
+  received_ = std::move(held);
+  read_gate_.Apply(transport_.Get(), received_.GetLength());
+}
+
+AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
+  thread_.Check("CZARNIPCStreamBase::OnReceiveDirect");
+  const ReceivePass pass = OfferFrames(
+      generation_, closed_, data.GetReadPtr(), data.GetLength(),
+      [this](const char* bytes, std::size_t count) { return HandleMessage(bytes, count); });
+  if (pass.end == ReceivePass::End::kDestroyed) return AW_ERROR_FAILURE;
+  counters_.messagesReceived += pass.frames;
+  counters_.bytesReceived += pass.consumed;
+  if (pass.end == ReceivePass::End::kReplaced) return AW_ERROR_FAILURE;
+  const bool too_long = pass.end == ReceivePass::End::kTooLong;
+  if (too_long)
+    TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", pass.answered, pass.offered, this);
+  if (too_long || closed_) {
+    CloseAndReport(0);
+    return AW_ERROR_FAILURE;
+  }
+  return data.AdvanceReadPtr(pass.consumed);
+}
+
+void CZARNIPCStreamBase::SetReceiveLimit(std::size_t bytes) {
+  read_gate_.SetLimit(bytes);
+  read_gate_.Apply(transport_.Get(), received_.GetLength());
+}
+
+void CZARNIPCStreamBase::StopReading() {
+  read_gate_.Stop();
+  read_gate_.Apply(transport_.Get(), received_.GetLength());
+}
+
+void CZARNIPCStreamBase::StopAtMalformedFrame() {
+  if (!read_gate_.IsStopped()) ++counters_.malformedFrames;
+  StopReading();
+}
+
+// --- sending ---
+
+AWResult CZARNIPCStreamBase::SendMsg(CAWMessageBlock& data) {
+  thread_.Check("CZARNIPCStreamBase::SendMsg");
+  if (!transport_) return AW_ERROR_NOT_INITIALIZED;
+  const std::size_t length = data.GetChainedLength();
+  const AWResult result = send_queue_.IsEmpty() ? SendAtOnce(data) : SendBehindQueue(data);
+  if (result != AW_OK) return result;
+  const std::size_t left = data.GetChainedLength();  // queued, or not advanced by the transport
+  if (left != 0) data.AdvanceChainedReadPtr(left);
+  ++counters_.messagesSent;
+  counters_.bytesSent += length;
+  return AW_OK;
+}
+
+AWResult CZARNIPCStreamBase::SendMsg(const char* data, std::size_t len) {
+  CAWMessageBlock block(data, len, CAWMessageBlock::borrow);
+  return SendMsg(block);
+}
+
+AWResult CZARNIPCStreamBase::SendAtOnce(CAWMessageBlock& data) {
+  const AWResult result = transport_->SendData(data, nullptr);
+  if (result != AW_ERROR_PARTIAL_DATA) return result;
+  if (Queue(data) == AW_OK) return AW_OK;
+  // Whatever came next would be taken for the rest of this message.
+  Close(AW_ERROR_FAILURE);
+  return AW_ERROR_FAILURE;
+}
+
+AWResult CZARNIPCStreamBase::SendBehindQueue(const CAWMessageBlock& data) {
+  if (Queue(data) != AW_OK) return AW_ERROR_FAILURE;
+  const AWResult result = OfferQueue();
+  if (result == AW_OK) send_queue_.Clear();
+  return result == AW_ERROR_PARTIAL_DATA ? AW_OK : result;
+}
+
+void CZARNIPCStreamBase::OnSend(fipc::IAWIPCTransport*, fipc::CAWIPCTransportParameter*) {
+  if (transport_ && !send_queue_.IsEmpty()) OfferQueue();
+}
+
+AWResult CZARNIPCStreamBase::Queue(const CAWMessageBlock& data) {
+  const AWResult result = send_queue_.Append(data);
+  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, send_queue_.GetLength());
+  return result;
+}
+
+AWResult CZARNIPCStreamBase::OfferQueue() {
+  return send_queue_.Offer(
+      [this](CAWMessageBlock& queued) { return transport_->SendData(queued, nullptr); });
+}
+
+}  // namespace zarn::utils

@@ -1,0 +1,94 @@
+// CZARNLibClientChannel.cpp - see CZARNLibClientChannel.h.
+#include "zarn/utils/CZARNLibClientChannel.h"
+
+#include "ChannelFrame.h"
+#include "zarn/utils/zarnutils.h"
+
+namespace zarn::utils {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWMessageBlock;
+
+CZARNLibClientChannel::CZARNLibClientChannel() : reconnector_(this) {
+  SetReceiveLimit(kChannelReceiveLimit);
+}
+
+CZARNLibClientChannel::~CZARNLibClientChannel() = default;
+
+// --- connecting ---
+
+AWResult CZARNLibClientChannel::Init(std::uint16_t localFirst, std::uint16_t localSecond,
+                                     std::uint16_t peerFirst, std::uint16_t peerSecond) {
+  local_first_ = localFirst;
+  local_second_ = localSecond;
+  peer_first_ = peerFirst;
+  peer_second_ = peerSecond;
+  return ConnectToPeer();
+}
+
+// Made anew for each attempt: the install root may come back, or another one take its place.
+AWResult CZARNLibClientChannel::ConnectToPeer() {
+  keelbase::CAWIPCAddr local;
+  keelbase::CAWIPCAddr peer;
+  // The factory puts its second number first in the name.
+  if (ZARNCreateIPCAddr(local_second_, local_first_, local) != AW_OK ||
+      ZARNCreateIPCAddr(peer_second_, peer_first_, peer) != AW_OK)
+    return AW_ERROR_FAILURE;
+  return Connect(peer, &local);
+}
+
+void CZARNLibClientChannel::OnTimer(keelbase::CAWTimerWrapperID*) {
+  if (reconnector_.NextAttempt()) ConnectToPeer();
+}
+
+int CZARNLibClientChannel::OnConnected(long) {
+  reconnector_.SetConnected();
+  return 1;
+}
+
+void CZARNLibClientChannel::OnPeerDisconnect(long reason) {
+  Close(reason);
+  reconnector_.SetLost();
+}
+
+void CZARNLibClientChannel::OnClose() {
+  Close(0);
+  reconnector_.SetLost();
+}
+
+void CZARNLibClientChannel::OnConnectFailure(long) {}
+
+void CZARNLibClientChannel::OnRcvBufferOverFlow(std::uint32_t) {
+  reconnector_.SetDown();
+  Close(0);
+}
+
+// --- messages ---
+
+std::size_t CZARNLibClientChannel::HandleMessage(const char* data, std::size_t len) {
+  return TakeFrame(
+      "CZARNLibClientChannel", data, len,
+      [this](const Frame& frame) {
+        OnZARNMessage(frame.type, frame.tag, frame.payload, frame.datasize);
+      },
+      [this] { StopAtMalformedFrame(); });
+}
+
+AWResult CZARNLibClientChannel::SendZARNMessage(std::uint16_t type, std::uint32_t tag,
+                                                const char* data, std::size_t len) {
+  if (len == 0) return SendFrame(*this, type, tag, nullptr);
+  if (len > kMaxPayloadSize) return AW_ERROR_FAILURE;
+  CAWMessageBlock payload(data, len, CAWMessageBlock::borrow);
+  return SendZARNMessage(type, tag, payload);
+}
+
+AWResult CZARNLibClientChannel::SendZARNMessage(std::uint16_t type, std::uint32_t tag,
+                                                CAWMessageBlock& data) {
+  if (!IsConnected()) return AW_ERROR_FAILURE;
+  const bool empty = data.GetChainedLength() == 0;
+  return SendFrame(*this, type, tag, empty ? nullptr : &data);
+}
+
+}  // namespace zarn::utils

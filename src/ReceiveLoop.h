@@ -1,0 +1,54 @@
+// ReceiveLoop.h - hands received bytes to a stream's handler, frame by frame.
+#pragma once
+
+#include <cstddef>
+
+#include "zarn/utils/detail/Generation.h"
+
+namespace zarn::utils {
+
+// What came of offering some bytes.
+struct ReceivePass {
+  enum class End {
+    kNeedMore,   // the rest is no complete frame, or there is none
+    kTooLong,    // the handler claims more bytes than there are
+    kClosed,     // the handler has closed the stream
+    kReplaced,   // the stream has another connection, or none, and is not closed: leave it alone
+    kDestroyed,  // there is no stream any more
+  };
+  End end = End::kNeedMore;
+  std::size_t consumed = 0;
+  std::size_t frames = 0;
+  std::size_t offered = 0;   // of the last call
+  std::size_t answered = 0;  // by the last call
+};
+
+// Calls `handle(data, length)`, which returns how many bytes one frame took and 0 when there is
+// none, as long as frames and bytes are left. It may do anything to the stream, also delete it:
+// `closed` and `generation`, which are the stream's, are not touched after that. The bytes must
+// outlive the call.
+template <class Handle>
+ReceivePass OfferFrames(detail::Generation& generation, const bool& closed, const char* data,
+                        std::size_t length, Handle handle) {
+  using End = ReceivePass::End;
+  const detail::Generation::Watch watch(generation);
+  ReceivePass pass;
+  const auto ended = [&pass](End end) {
+    pass.end = end;
+    return pass;
+  };
+  while (pass.consumed < length) {
+    pass.offered = length - pass.consumed;
+    pass.answered = handle(data + pass.consumed, pass.offered);
+    if (watch.IsDestroyed()) return ended(End::kDestroyed);
+    if (watch.HasChanged() && !closed) return ended(End::kReplaced);
+    if (pass.answered > pass.offered) return ended(End::kTooLong);
+    pass.consumed += pass.answered;
+    if (pass.answered != 0) ++pass.frames;
+    if (closed) return ended(End::kClosed);
+    if (pass.answered == 0) break;
+  }
+  return pass;
+}
+
+}  // namespace zarn::utils

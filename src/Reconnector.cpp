@@ -1,0 +1,42 @@
+// Reconnector.cpp - see Reconnector.h.
+#include "zarn/utils/detail/Reconnector.h"
+
+#include "keelbase/CAWError.h"
+#include "keelbase/CAWTimeValue.h"
+#include "keelbase/CAWTrace.h"
+
+namespace zarn::utils::detail {
+
+namespace {
+
+constexpr keelbase::CAWTimeValue kInterval(1, 0);
+constexpr std::uint32_t kUntilCancelled = 0;
+
+}  // namespace
+
+void Reconnector::Start() {
+  if (timer_.Schedule(channel_, kInterval, kUntilCancelled) != keelbase::AW_OK)
+    keelbase::IAWTraceManager::Instance()->Trace(0, "Client channel: no timer, will not reconnect");
+}
+
+void Reconnector::SetConnected() {
+  retry_count_ = 0;
+  timer_.Cancel();
+  connected_ = true;
+}
+
+void Reconnector::SetLost() {
+  connected_ = false;
+  Start();
+}
+
+bool Reconnector::NextAttempt() {
+  if (connected_) {
+    timer_.Cancel();
+    return false;
+  }
+  ++retry_count_;
+  return true;
+}
+
+}  // namespace zarn::utils::detail

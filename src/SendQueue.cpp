@@ -1,0 +1,68 @@
+// SendQueue.cpp - see SendQueue.h.
+#include "zarn/utils/detail/SendQueue.h"
+
+#include <new>
+#include <utility>
+
+namespace zarn::utils::detail {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWMessageBlock;
+
+namespace {
+
+constexpr std::size_t kBlockSize = 64 * 1024;
+
+// Up to here a copy costs less than a block of its own does.
+constexpr std::size_t kSmall = 4096;
+
+}  // namespace
+
+AWResult SendQueue::Append(const CAWMessageBlock& data) try {
+  const std::size_t length = data.GetChainedLength();
+  if (length == 0) return AW_OK;
+  if (length <= kSmall) {
+    Copy(data, length);
+  } else {
+    Link(std::unique_ptr<CAWMessageBlock>(data.DuplicateChained()));
+  }
+  length_ += length;
+  return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
+}
+
+void SendQueue::Copy(const CAWMessageBlock& data, std::size_t length) {
+  // Bytes that a transport or a sender shares are left alone: writing behind them would copy them
+  // all.
+  const bool fits = tail_ != nullptr && !tail_->IsShared() && tail_->GetSpace() >= length;
+  if (!fits) Link(std::make_unique<CAWMessageBlock>(kBlockSize));
+  data.CopyChained(tail_->GetWritePtr(), length);
+  tail_->AdvanceWritePtr(length);
+}
+
+void SendQueue::Link(std::unique_ptr<CAWMessageBlock> chain) {
+  CAWMessageBlock* first = chain.get();
+  if (head_ == nullptr) {
+    head_ = std::move(chain);
+  } else {
+    tail_->Append(chain.release());
+  }
+  for (tail_ = first; tail_->GetNext() != nullptr;) tail_ = tail_->GetNext();
+}
+
+void SendQueue::DropSent() {
+  head_.reset(head_.release()->ReclaimGarbage());
+  if (head_ == nullptr) return Clear();
+  length_ = head_->GetChainedLength();
+}
+
+void SendQueue::Clear() {
+  head_.reset();
+  tail_ = nullptr;
+  length_ = 0;
+}
+
+}  // namespace zarn::utils::detail
