@@ -1,0 +1,127 @@
+"""zarn ls and its --clean."""
+
+import getpass
+import os
+import socket
+import subprocess
+import unittest
+from pathlib import Path
+
+from zarn_tool import TOOL, ToolTest
+
+
+class Ls(ToolTest):
+    def states(self, *options):
+        return {event["name"]: event["state"] for event in self.run_events("ls", *options)}
+
+    def test_nothing_there(self):
+        self.assertEqual(self.run_events("ls"), [])
+        self.assertIn(f"no endpoints in '{self.ipc}'", self.run_tool("ls").stdout)
+        self.assertFalse(self.ipc.exists(), "listing makes nothing")
+
+    def test_lists_who_serves_what(self):
+        server = self.serve()
+        self.leave_stale("30_4")
+        self.leave_stale("5_6")
+        listed = self.run_events("ls")
+        self.assertEqual([event["name"] for event in listed], ["1_2", "5_6", "30_4"])
+        self.assertEqual(listed[0], {
+            "event": "endpoint", "name": "1_2", "url": "ipc://1_2", "path": str(self.ipc / "1_2"),
+            "state": "listening", "pid": server.process.pid, "user": getpass.getuser(),
+            "program": os.path.basename(TOOL)})
+        self.assertEqual((listed[1]["state"], listed[1]["pid"], listed[1]["program"]),
+                         ("stale", None, None))
+
+    def test_table(self):
+        server = self.serve()
+        self.leave_stale("3_4")
+        lines = self.run_tool("ls").stdout.splitlines()
+        self.assertEqual(lines[0].split(), ["ENDPOINT", "STATE", "PID", "USER", "PROGRAM"])
+        self.assertEqual(lines[1].split(), ["1_2", "listening", str(server.process.pid),
+                                            getpass.getuser(), os.path.basename(TOOL)])
+        self.assertEqual(lines[2].split()[:3], ["3_4", "stale", "-"])
+
+    def test_a_listener_that_is_not_ours_is_found_and_not_disturbed(self):
+        listener = self.listen()
+        self.assertEqual(self.run_events("ls")[0]["pid"], os.getpid())
+        listener.settimeout(0)
+        with self.assertRaises(BlockingIOError):
+            listener.accept()
+
+    def test_a_listener_below_a_symbolic_link_is_found(self):
+        server = self.serve()
+        link = self.root / "link"
+        link.symlink_to(self.root)
+        self.env["ZARN_ROOT"] = str(link)
+        self.assertEqual(self.run_events("ls")[0]["pid"], server.process.pid)
+
+    def test_other_files_are_foreign(self):
+        self.make_ipc()
+        (self.ipc / "1_2").write_text("mine")
+        (self.ipc / "3_4").mkdir()
+        (self.ipc / "a\nb").symlink_to("nowhere")
+        named = socket.socket(socket.AF_UNIX)
+        self.addCleanup(named.close)
+        named.bind(str(self.ipc / "name"))
+        self.assertEqual(self.states(), {"1_2": "foreign", "3_4": "foreign", "a\\nb": "foreign",
+                                         "name": "foreign"})
+
+    def test_clean_removes_stale_endpoints_and_nothing_else(self):
+        self.make_ipc()
+        server = self.serve()
+        self.leave_stale("3_4")
+        self.leave_stale("name")
+        (self.ipc / "5_6").write_text("mine")
+        self.assertEqual(self.states("--clean"), {"1_2": "listening", "3_4": "removed",
+                                                  "5_6": "foreign", "name": "foreign"})
+        self.assertEqual(sorted(os.listdir(self.ipc)), ["1_2", "5_6", "name"])
+        self.assertEqual(self.states()["1_2"], "listening")
+        self.assertEqual(server.end(), 0)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can give files away")
+    def test_clean_leaves_stale_endpoints_of_others(self):
+        self.leave_stale("1_2")
+        os.chown(self.ipc / "1_2", 65534, 65534)
+        result = self.run_tool("ls", "--clean")
+        self.assertEqual(result.returncode, 0)
+        self.assertIn("was left: it belongs to nobody", result.stderr)
+        self.assertTrue(self.ipc.joinpath("1_2").exists())
+
+    def test_an_ipc_directory_that_is_a_file_is_a_failure(self):
+        self.make_ipc()
+        self.ipc.rmdir()
+        self.ipc.write_text("")
+        result = self.run_tool("ls")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("Not a directory", result.stderr)
+
+
+class Completion(ToolTest):
+    SCRIPT = Path(__file__).parents[2] / "tools/zarn/completion/zarn.bash"
+
+    def complete(self, *words):
+        """What bash offers for the last word; ':' does not break words here."""
+        script = '''source "$1"; shift; COMP_WORDBREAKS=" "; COMP_WORDS=("$@")
+            COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}; _zarn
+            printf '%s\\n' "${COMPREPLY[@]}"'''
+        env = dict(self.env, PATH=os.path.dirname(TOOL) + ":" + os.environ["PATH"])
+        result = subprocess.run(["bash", "-c", script, "bash", str(self.SCRIPT), *words], env=env,
+                                check=True, capture_output=True, text=True)
+        return result.stdout.split()
+
+    def test_subcommands(self):
+        self.assertEqual(self.complete("zarn", "s"), ["serve", "send"])
+
+    def test_options_of_a_subcommand(self):
+        offered = self.complete("zarn", "ping", "--")
+        self.assertLessEqual({"--count", "--interval", "--spin", "--json"}, set(offered))
+        self.assertNotIn("--echo", offered)
+
+    def test_urls_of_listening_endpoints(self):
+        self.serve()
+        self.leave_stale("3_4")
+        self.assertEqual(self.complete("zarn", "ping", "ip"), ["ipc://1_2"])
+
+
+if __name__ == "__main__":
+    unittest.main()

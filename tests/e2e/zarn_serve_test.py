@@ -1,0 +1,189 @@
+"""zarn serve, with clients of ours and plain sockets as clients."""
+
+import os
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import unittest
+
+from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, read_frame
+
+
+class Serve(ToolTest):
+    def test_prints_each_message_and_a_summary(self):
+        server = self.serve()
+        client = self.connect()
+        client.sendall(frame(7, 4000000000, b"hello") + frame(0, 1, b""))
+        connected = server.event("connected")
+        self.assertEqual((connected["peer"], connected["pid"]), ("-#1", os.getpid()))
+        first = server.event("message")
+        del first["event"]
+        self.assertEqual(first, {"peer": "-#1", "type": 7, "tag": 4000000000, "size": 5,
+                                 "text": "hello", "cut": False})
+        self.assertEqual(server.event("message")["size"], 0)
+        client.close()
+        gone = server.event("gone")
+        self.assertEqual((gone["reason"], gone["messages"], gone["bytes"], gone["malformed"]),
+                         ("closed", 2, 29, False))
+        self.assertEqual(server.end(), 0)
+        summary = server.event("summary")
+        self.assertEqual((summary["clients"], summary["messages"], summary["bytes"]), (1, 2, 5))
+        self.assertEqual(os.listdir(self.ipc), [], "the endpoint file is removed")
+
+    def test_text_output_names_the_peer_and_escapes_control_bytes(self):
+        server = self.start("serve", "ipc://1_2")
+        server.line_with("listening at ipc://1_2")
+        payload = b"a\n\x1b[31m\xff\\\xc3\xa9\xc2\x9b"
+        self.run_tool("send", "ipc://1_2", "--as", "3_4", "--type", "7", "--tag", "9", "--data",
+                      os.fsdecode(payload))
+        self.assertEqual(server.line_with("type="),
+                         '3_4#1 type=7 tag=9 size=13 "a\\n\\x1b[31m\\xff\\\\é\\xc2\\x9b"')
+        self.assertEqual(server.end(signal.SIGTERM), 0)
+        self.assertEqual(server.line_with("clients 1"), "clients 1, messages 1, payload 13 bytes, dropped 0")
+
+    def test_long_messages_are_cut_unless_in_full(self):
+        for options, length in (((), 80), (("--full",), 5000)):
+            server = self.serve(*options, url=f"ipc://1_{length}")
+            client = self.connect(f"1_{length}")
+            client.sendall(frame(1, 1, b"x" * 5000))
+            message = server.event("message")
+            self.assertEqual((len(message["text"]), message["cut"]), (length, length != 5000))
+
+    def test_a_claimed_name_cannot_forge_output(self):
+        server = self.serve()
+        client = socket.socket(socket.AF_UNIX)
+        self.addCleanup(client.close)
+        client.bind(b"\0zarn-ipc/\n\x1b[2J/" + b"0" * 32)
+        client.connect(str(self.ipc / "1_2"))
+        self.assertEqual(server.event("connected")["peer"], "\\n\\x1b[2J#1")
+
+    def test_echo_returns_messages_of_all_sizes_unchanged(self):
+        server = self.serve("--echo")
+        client = self.connect()
+        sent = [(size % 65536, size, os.urandom(size)) for size in (0, 1, 4084, 4096, LONGEST)]
+        client.sendall(b"".join(frame(*message) for message in sent))
+        self.assertEqual([read_frame(client) for _ in sent], sent)
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(server.event("summary")["messages"], len(sent))
+
+    def test_quiet_prints_the_summary_only(self):
+        server = self.start("serve", "ipc://1_2", "--echo", "--quiet", "--json")
+        self.assertEqual(self.run_tool("ping", "ipc://1_2", "-c", "1").returncode, 0)
+        server.end()
+        self.assertIn('"summary"', server.line())
+        self.assertIsNone(server.line())
+
+    def test_frames_in_pieces_are_whole_messages(self):
+        server = self.serve()
+        client = self.connect()
+        for byte in frame(1, 2, b"in pieces"):
+            client.send(bytes([byte]))
+        self.assertEqual(server.event("message")["text"], "in pieces")
+
+    def test_a_malformed_frame_stops_that_client_only(self):
+        server = self.serve("--echo")
+        bad = self.connect()
+        bad.sendall(frame(1, 1, b"good") + struct.pack(">HHII", 1, 20, 2, 4) + b"x" * 100000)
+        self.assertEqual(server.event("message")["text"], "good")
+        self.assertIn("fatal error", server.line_with("pdulen=20", "stderr"))
+        good = self.connect()
+        good.sendall(frame(5, 5, b"other"))
+        self.assertEqual(read_frame(good), (5, 5, b"other"))
+        bad.close()
+        gone = server.event("gone")
+        self.assertEqual((gone["peer"], gone["messages"], gone["malformed"]), ("-#1", 1, True))
+        self.assertEqual(server.end(), 0)
+
+    def test_half_a_frame_is_no_message(self):
+        server = self.serve()
+        client = self.connect()
+        client.sendall(frame(1, 1, b"half")[:-1])
+        client.close()
+        self.assertEqual(server.event("gone")["messages"], 0)
+
+    def test_a_client_that_never_reads_is_dropped_and_others_are_not(self):
+        server = self.serve("--echo", "--max-queue", "200000")
+        deaf = self.connect()
+        try:
+            for number in range(200):
+                deaf.sendall(frame(1, number, b"x" * 60000))
+        except OSError:
+            pass  # it has been dropped
+        dropped = server.event("dropped")
+        self.assertEqual(dropped["peer"], "-#1")
+        self.assertGreater(dropped["waiting"], 200000)
+        server.event("gone")
+        self.assertIn("-#1 dropped: it does not read", server.line_with("dropped", "stderr"))
+        other = self.connect()
+        other.sendall(frame(1, 1, b"still here"))
+        self.assertEqual(read_frame(other), (1, 1, b"still here"))
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(server.event("summary")["dropped"], 1)
+
+    def test_hundred_clients_at_once(self):
+        server = self.serve("--echo")
+        clients = [self.connect() for _ in range(100)]
+        for number, client in enumerate(clients):
+            client.sendall(frame(1, number, str(number).encode()))
+        for number, client in enumerate(clients):
+            self.assertEqual(read_frame(client), (1, number, str(number).encode()))
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(server.event("summary")["clients"], 100)
+
+
+class Listening(ToolTest):
+    def assert_refused(self, pattern):
+        result = self.run_tool("serve", "ipc://1_2")
+        self.assertEqual(result.returncode, 1, result)
+        self.assertRegex(result.stderr, pattern)
+
+    def test_a_served_endpoint_is_refused_and_its_owner_named(self):
+        server = self.serve()
+        self.assert_refused(rf"ipc://1_2: cannot listen: .*in use by process {server.process.pid} ")
+        self.assertEqual(server.end(), 0)
+
+    def test_a_stale_file_is_replaced(self):
+        self.leave_stale("1_2")
+        self.assertEqual(self.serve().end(), 0)
+
+    def test_a_file_or_directory_in_the_way_is_left_alone(self):
+        self.make_ipc()
+        (self.ipc / "1_2").write_text("mine")
+        self.assert_refused("1_2' is in the way: it is not an endpoint file")
+        self.assertEqual((self.ipc / "1_2").read_text(), "mine")
+        (self.ipc / "1_2").unlink()
+        (self.ipc / "1_2").mkdir()
+        self.assert_refused("is in the way")
+        self.assertTrue((self.ipc / "1_2").is_dir())
+
+    def test_a_directory_that_others_may_write_to_is_refused(self):
+        self.make_ipc()
+        self.ipc.chmod(0o777)
+        self.assert_refused("can be written to by others: make it private")
+
+    def test_a_root_that_disappears_is_told_and_clients_go_on(self):
+        server = self.serve("--echo")
+        client = self.connect()
+        shutil.rmtree(self.root)
+        self.assertIn("has been removed: no new client can come",
+                      server.line_with("ipc://1_2", "stderr"))
+        client.sendall(frame(1, 1, b"on"))
+        self.assertEqual(read_frame(client), (1, 1, b"on"))
+        self.assertEqual(server.end(), 0)
+
+    def test_a_reader_that_went_away_ends_it(self):
+        reading, writing = os.pipe()
+        server = subprocess.Popen([TOOL, "serve", "ipc://1_2"], env=self.env, stdout=writing)
+        self.addCleanup(server.kill)
+        os.close(writing)
+        os.read(reading, 1)  # it listens
+        os.close(reading)
+        self.connect()  # which it tells
+        self.assertEqual(server.wait(PATIENCE), 1)
+        self.assertEqual(os.listdir(self.ipc), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

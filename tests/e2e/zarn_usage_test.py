@@ -1,0 +1,109 @@
+"""zarn as a whole: wrong usage, help, and an install root that is not there."""
+
+import os
+import re
+import unittest
+
+from zarn_tool import ToolTest
+
+SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "env")
+WITH_URL = ("serve", "send", "ping", "bench")
+
+
+def arguments_of(subcommand, url="ipc://1_2"):
+    rest = {"send": ["--data", "x", "--timeout", "1"], "ping": ["--timeout", "1"],
+            "bench": ["--timeout", "1"]}
+    return [subcommand, *([url] if subcommand in WITH_URL else []), *rest.get(subcommand, [])]
+
+
+class Usage(ToolTest):
+    def assert_wrong_usage(self, *arguments):
+        result = self.run_tool(*arguments)
+        self.assertEqual(result.returncode, 2, (arguments, result))
+        self.assertNotEqual(result.stderr, "")
+
+    def test_help_of_everything_names_the_exit_codes_and_an_example(self):
+        self.assertIn("3 peer not reachable", self.run_tool("--help").stdout)
+        for subcommand in SUBCOMMANDS:
+            result = self.run_tool(subcommand, "--help")
+            self.assertEqual(result.returncode, 0)
+            self.assertRegex(result.stdout, rf"Example:\n  zarn {subcommand}")
+            self.assertIn("3 peer not reachable", result.stdout)
+            self.assertIn("--json", result.stdout)
+
+    def test_version_is_three_numbers(self):
+        self.assertRegex(self.run_tool("--version").stdout, r"^zarn \d+\.\d+\.\d+\n$")
+
+    def test_nothing_and_nonsense_are_wrong_usage(self):
+        self.assert_wrong_usage()
+        self.assert_wrong_usage("nonsense")
+        for subcommand in SUBCOMMANDS:
+            self.assert_wrong_usage(*arguments_of(subcommand), "--nonsense")
+        for subcommand in WITH_URL:
+            self.assert_wrong_usage(subcommand)
+
+    def test_urls_that_are_none_are_wrong_usage(self):
+        urls = ("1_2", "ipc:1_2", "ipc://", "ipc://1", "ipc://1_", "ipc://_2", "ipc://1_65536",
+                "ipc://-1_2", "ipc://01_2", "ipc://1_2/", "ipc://1_2_3", "smoke://1_2", "")
+        for url in urls:
+            for subcommand in WITH_URL:
+                self.assert_wrong_usage(*arguments_of(subcommand, url))
+
+    def test_numbers_out_of_range_are_wrong_usage(self):
+        for option, value in (("-s", "65524"), ("-s", "-1"), ("-i", "-1"), ("-i", "nan"),
+                              ("-c", "x"), ("--timeout", "-1"), ("--timeout", "inf"),
+                              ("--as", "3"), ("--type", "65536"), ("--spin", "2000000")):
+            self.assert_wrong_usage("ping", "ipc://1_2", option, value)
+        self.assert_wrong_usage("bench", "ipc://1_2", "--sizes", "1,65524")
+        self.assert_wrong_usage("bench", "ipc://1_2", "--window", "0")
+        self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--tag", "4294967296")
+
+    def test_send_wants_exactly_one_content(self):
+        self.assert_wrong_usage("send", "ipc://1_2")
+        self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--file", "y")
+        self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "-")
+        self.assert_wrong_usage("send", "ipc://1_2", "nodash")
+
+
+class Root(ToolTest):
+    def assert_root_refused(self, pattern, env):
+        for subcommand in SUBCOMMANDS:
+            result = self.run_tool(*arguments_of(subcommand), env=env)
+            self.assertEqual(result.returncode, 1, result)
+            self.assertEqual(len(result.stderr.splitlines()), 1, result.stderr)
+            self.assertRegex(result.stderr, pattern)
+
+    def test_unset_or_empty_root_is_one_line_that_says_what_to_do(self):
+        env = dict(self.env)
+        del env["ZARN_ROOT"]
+        pattern = r"ZARN_ROOT is not set: .*export ZARN_ROOT=.*mkdir"
+        self.assert_root_refused(pattern, env)
+        self.assert_root_refused(pattern, dict(env, ZARN_ROOT=""))
+
+    def test_root_without_system_directory_names_it(self):
+        (self.root / "system").rmdir()
+        path = re.escape(str(self.root / "system"))
+        self.assert_root_refused(rf"'{path}' does not exist: make it with 'mkdir", self.env)
+
+    def test_system_that_is_a_file_is_refused(self):
+        (self.root / "system").rmdir()
+        (self.root / "system").write_text("")
+        self.assert_root_refused("is not a directory", self.env)
+
+    def test_root_of_200_characters_works(self):
+        deep = self.root / ("d" * 90) / ("e" * 90)
+        self.use_root(deep)
+        self.ipc = deep / "system/zarn/ipc"
+        self.assertGreater(len(str(deep)), 190)
+        server = self.serve("--echo")
+        self.assertEqual(self.run_events("send", "ipc://1_2", "--data", "x", "--replies", "1")[0]["text"],
+                         "x")
+        listed = self.run_events("ls")
+        self.assertEqual([(e["name"], e["state"], e["pid"]) for e in listed],
+                         [("1_2", "listening", server.process.pid)])
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(os.listdir(self.ipc), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

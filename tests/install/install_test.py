@@ -1,0 +1,156 @@
+"""Installs a build into a temporary prefix, moves it elsewhere, and uses it as a stranger would:
+through find_package and through pkg-config. Also looks at what is installed and what is exported.
+"""
+
+import argparse
+import os
+import re
+import shlex
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+LIBRARIES = ("keelbase", "fipc", "zarnutils")
+PUBLIC_HEADERS = ("include", "platform/keelbase/include", "platform/fipc/include",
+                  "platform/fshmipc/include")
+OPTIONS = argparse.Namespace()
+
+# A mangled name up to its first namespace: what kind of special name it is (a vtable, a type's
+# description, a guard, a thunk), whether it is local to a function, qualifiers.
+MANGLED_HEAD = r"_Z(?:T[VTIS]|G[VR]|Th?n?\d+_|Tvn?\d+_n?\d+_|Tch?[n\d_]*)?Z*(?:N[rVKRO]*)?"
+OURS = re.compile(MANGLED_HEAD + r"(?:4zarn|8keelbase|4fipc)")
+# Templates of the standard library over any type are emitted weak wherever they are used.
+STANDARD = re.compile(MANGLED_HEAD + r"(?:S[tabsiod]|9__gnu_cxx)")
+OURS_INSIDE = re.compile(r"(?:4zarn|8keelbase|4fipc)")
+
+
+def run(*command, cwd=None, env=None):
+    """The standard output of a command that must succeed."""
+    result = subprocess.run([str(part) for part in command], cwd=cwd, env=env, text=True,
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+    if result.returncode != 0:
+        raise AssertionError(f"{' '.join(map(str, command))}\n{result.stdout}")
+    return result.stdout
+
+
+def is_allowed(kind, symbol):
+    if OURS.match(symbol):
+        return True
+    return bool(STANDARD.match(symbol)) and (kind in "WVuvw" or bool(OURS_INSIDE.search(symbol)))
+
+
+class InstalledTree(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.TemporaryDirectory(prefix="zarn-install-")
+        cls.addClassCleanup(directory.cleanup)
+        cls.work = Path(directory.name)
+        first = cls.work / "first"
+        run("cmake", "--install", OPTIONS.build, "--prefix", first)
+        cls.prefix = cls.work / "moved here"
+        first.rename(cls.prefix)
+        cls.lib = next(cls.prefix.glob("lib*/**/libzarnutils.so")).parent
+
+    def test_headers_are_the_public_ones_and_no_others(self):
+        source = Path(OPTIONS.source)
+        wanted = {header.relative_to(source / folder)
+                  for folder in PUBLIC_HEADERS for header in (source / folder).rglob("*.h")}
+        include = self.prefix / "include"
+        found = {path.relative_to(include) for path in include.rglob("*") if path.is_file()}
+        self.assertEqual(wanted, found)
+        self.assertFalse([path for path in found if "internal" in path.parts])
+
+    def test_libraries_have_a_soname_of_the_major_version(self):
+        for name in LIBRARIES:
+            dynamic = run("readelf", "-d", self.lib / f"lib{name}.so")
+            self.assertIn(f"Library soname: [lib{name}.so.1]", dynamic)
+            self.assertTrue((self.lib / f"lib{name}.so.1").is_symlink())
+
+    def test_nothing_outside_our_namespaces_is_exported(self):
+        for name in LIBRARIES:
+            lines = run("nm", "-D", "--defined-only", self.lib / f"lib{name}.so").splitlines()
+            symbols = [line.split()[-2:] for line in lines]
+            self.assertTrue(any(OURS.match(symbol) for _, symbol in symbols), name)
+            foreign = [symbol for kind, symbol in symbols if not is_allowed(kind, symbol)]
+            self.assertEqual([], foreign, f"lib{name}.so")
+
+    def test_nothing_installed_names_the_build_or_the_source_tree(self):
+        for path in self.prefix.rglob("*"):
+            if path.suffix in (".cmake", ".pc"):
+                text = path.read_text()
+                self.assertNotIn(str(OPTIONS.build), text, path)
+                self.assertNotIn(str(OPTIONS.source), text, path)
+
+    def test_program_builds_and_runs_through_find_package(self):
+        build = self.work / "consumer"
+        run("cmake", "-G", "Ninja", "-S", Path(OPTIONS.source) / "tests/install/consumer", "-B",
+            build, f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={OPTIONS.compiler}")
+        run("cmake", "--build", build)
+        self.check_consumer(build / "consumer")
+
+    def test_program_builds_and_runs_through_pkg_config(self):
+        env = dict(os.environ, PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
+        source = Path(OPTIONS.source) / "tests/install/consumer/main.cpp"
+        program = self.work / "consumer-pc"
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "zarnutils", env=env))
+        run(OPTIONS.compiler, "-std=c++17", "-Wall", "-Wextra", "-Werror", source, *flags,
+            f"-Wl,-rpath,{self.lib}", "-o", program)
+        self.check_consumer(program)
+
+    def test_each_pkg_config_file_stands_on_its_own(self):
+        env = dict(os.environ, PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
+        for name in (*LIBRARIES, "fshmipc"):
+            self.assertEqual("1.0.0", run("pkg-config", "--modversion", name, env=env).strip())
+            run("pkg-config", "--cflags", "--libs", name, env=env)
+
+    def test_installed_examples_build_against_the_installed_library(self):
+        examples = self.prefix / "share/doc/zarnutils/examples"
+        build = self.work / "examples"
+        run("cmake", "-G", "Ninja", "-S", examples, "-B", build,
+            f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={OPTIONS.compiler}")
+        run("cmake", "--build", build)
+
+    def test_tool_runs_from_where_it_was_moved(self):
+        if not OPTIONS.with_tool:
+            return
+        help_text = run(self.prefix / "bin/zarn", "--help", env={"PATH": os.environ["PATH"]})
+        self.assertIn("zarn", help_text)
+        run("bash", "-n", self.prefix / "share/bash-completion/completions/zarn")
+
+    def test_tutorial_is_true(self):
+        tutorial = self.work / "tutorial"
+        tutorial.mkdir()
+        text = (self.prefix / "share/doc/zarnutils/tutorial.md").read_text()
+        files = re.findall(r"^`(\S+)`:\n\n```\w+\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+        self.assertEqual(["server.cpp", "client.cpp", "CMakeLists.txt"], [name for name, _ in files])
+        for name, content in files:
+            (tutorial / name).write_text(content)
+        run("cmake", "-G", "Ninja", "-S", tutorial, "-B", tutorial / "build",
+            f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={OPTIONS.compiler}")
+        run("cmake", "--build", tutorial / "build")
+
+        (tutorial / "root/system").mkdir(parents=True)
+        env = {"PATH": os.environ["PATH"], "ZARN_ROOT": str(tutorial / "root")}
+        with subprocess.Popen([tutorial / "build/server"], env=env, text=True,
+                              stdout=subprocess.PIPE) as server:
+            try:
+                self.assertEqual("listening\n", server.stdout.readline())
+                answers = run(tutorial / "build/client", "1", "20", "300", env=env)
+            finally:
+                server.kill()
+        promised = re.search(r"^prints\n\n```\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+        self.assertEqual(promised.group(1), answers)
+
+    def check_consumer(self, program):
+        self.assertEqual("1_2\n", run(program, env={"PATH": os.environ["PATH"]}))
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--build", required=True)
+    parser.add_argument("--source", required=True)
+    parser.add_argument("--compiler", required=True)
+    parser.add_argument("--with-tool", action="store_true")
+    OPTIONS, rest = parser.parse_known_args()
+    unittest.main(argv=[__file__, *rest], verbosity=2)

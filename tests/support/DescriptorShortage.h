@@ -1,0 +1,39 @@
+// DescriptorShortage.h - takes all file descriptors that the process may have.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <vector>
+
+#include "keelbase/internal/FileDescriptor.h"
+
+namespace zarn::test {
+
+// As long as it lives, whatever needs a new descriptor fails with EMFILE.
+class DescriptorShortage {
+ public:
+  DescriptorShortage() {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    keelbase::internal::FileDescriptor first(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    rlimit low = before_;
+    low.rlim_cur = static_cast<rlim_t>(first.Get()) + 16;
+    ::setrlimit(RLIMIT_NOFILE, &low);
+    while (first) {
+      taken_.push_back(std::move(first));
+      first.Reset(::fcntl(taken_.back().Get(), F_DUPFD_CLOEXEC, 0));
+    }
+  }
+  ~DescriptorShortage() {
+    taken_.clear();
+    ::setrlimit(RLIMIT_NOFILE, &before_);
+  }
+  DescriptorShortage(const DescriptorShortage&) = delete;
+  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
+
+ private:
+  rlimit before_{};
+  std::vector<keelbase::internal::FileDescriptor> taken_;
+};
+
+}  // namespace zarn::test
