@@ -16,6 +16,7 @@ using keelbase::AW_ERROR_PARTIAL_DATA;
 using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
+using End = ReceivePass::End;
 
 CZARNIPCStreamBase::CZARNIPCStreamBase() = default;
 
@@ -132,13 +133,10 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
 
   // Held here while the handler runs, the bytes outlive whatever it does to the stream.
   detail::ReceiveAccumulator held = std::move(received_);
-  const ReceivePass pass = OfferFrames(
-      generation_, closed_, held.GetData(), held.GetLength(),
-      [this](const char* bytes, std::size_t count) { return HandleMessage(bytes, count); });
-  if (pass.end == ReceivePass::End::kDestroyed) return;
-  counters_.messagesReceived += pass.frames;
-  if (pass.end == ReceivePass::End::kReplaced) return;
-  if (pass.end == ReceivePass::End::kTooLong || closed_) {
+  const ReceivePass pass =
+      OfferFrames(*this, generation_, closed_, counters_, held.GetData(), held.GetLength());
+  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return;
+  if (pass.end == End::kTooLong || closed_) {
     DropConnector();
     return CloseAndReport(0);
   }
@@ -149,17 +147,13 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
 
 AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::OnReceiveDirect");
-  const ReceivePass pass = OfferFrames(
-      generation_, closed_, data.GetReadPtr(), data.GetLength(),
-      [this](const char* bytes, std::size_t count) { return HandleMessage(bytes, count); });
-  if (pass.end == ReceivePass::End::kDestroyed) return AW_ERROR_FAILURE;
-  counters_.messagesReceived += pass.frames;
+  const ReceivePass pass =
+      OfferFrames(*this, generation_, closed_, counters_, data.GetReadPtr(), data.GetLength());
+  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return AW_ERROR_FAILURE;
   counters_.bytesReceived += pass.consumed;
-  if (pass.end == ReceivePass::End::kReplaced) return AW_ERROR_FAILURE;
-  const bool too_long = pass.end == ReceivePass::End::kTooLong;
-  if (too_long)
+  if (pass.end == End::kTooLong)
     TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", pass.answered, pass.offered, this);
-  if (too_long || closed_) {
+  if (pass.end == End::kTooLong || closed_) {
     CloseAndReport(0);
     return AW_ERROR_FAILURE;
   }
@@ -187,7 +181,13 @@ AWResult CZARNIPCStreamBase::SendMsg(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::SendMsg");
   if (!transport_) return AW_ERROR_NOT_INITIALIZED;
   const std::size_t length = data.GetChainedLength();
-  const AWResult result = send_queue_.IsEmpty() ? SendAtOnce(data) : SendBehindQueue(data);
+  const AWResult result = send_queue_.SendInOrder(
+      data, [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, send_queue_.GetLength());
+  if (result == AW_ERROR_PARTIAL_DATA) {
+    Close(AW_ERROR_FAILURE);  // whatever came next would be taken for the rest of this message
+    return AW_ERROR_FAILURE;
+  }
   if (result != AW_OK) return result;
   const std::size_t left = data.GetChainedLength();  // queued, or not advanced by the transport
   if (left != 0) data.AdvanceChainedReadPtr(left);
@@ -201,35 +201,10 @@ AWResult CZARNIPCStreamBase::SendMsg(const char* data, std::size_t len) {
   return SendMsg(block);
 }
 
-AWResult CZARNIPCStreamBase::SendAtOnce(CAWMessageBlock& data) {
-  const AWResult result = transport_->SendData(data, nullptr);
-  if (result != AW_ERROR_PARTIAL_DATA) return result;
-  if (Queue(data) == AW_OK) return AW_OK;
-  // Whatever came next would be taken for the rest of this message.
-  Close(AW_ERROR_FAILURE);
-  return AW_ERROR_FAILURE;
-}
-
-AWResult CZARNIPCStreamBase::SendBehindQueue(const CAWMessageBlock& data) {
-  if (Queue(data) != AW_OK) return AW_ERROR_FAILURE;
-  const AWResult result = OfferQueue();
-  if (result == AW_OK) send_queue_.Clear();
-  return result == AW_ERROR_PARTIAL_DATA ? AW_OK : result;
-}
-
 void CZARNIPCStreamBase::OnSend(fipc::IAWIPCTransport*, fipc::CAWIPCTransportParameter*) {
-  if (transport_ && !send_queue_.IsEmpty()) OfferQueue();
-}
-
-AWResult CZARNIPCStreamBase::Queue(const CAWMessageBlock& data) {
-  const AWResult result = send_queue_.Append(data);
-  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, send_queue_.GetLength());
-  return result;
-}
-
-AWResult CZARNIPCStreamBase::OfferQueue() {
-  return send_queue_.Offer(
-      [this](CAWMessageBlock& queued) { return transport_->SendData(queued, nullptr); });
+  if (!transport_ || send_queue_.IsEmpty()) return;
+  send_queue_.Offer(
+      [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
 }
 
 }  // namespace zarn::utils

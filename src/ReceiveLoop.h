@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
 
 namespace zarn::utils {
@@ -18,18 +19,16 @@ struct ReceivePass {
   };
   End end = End::kNeedMore;
   std::size_t consumed = 0;
-  std::size_t frames = 0;
-  std::size_t offered = 0;   // of the last call
+  std::size_t offered = 0;   // to the last call
   std::size_t answered = 0;  // by the last call
 };
 
-// Calls `handle(data, length)`, which returns how many bytes one frame took and 0 when there is
-// none, as long as frames and bytes are left. It may do anything to the stream, also delete it:
-// `closed` and `generation`, which are the stream's, are not touched after that. The bytes must
-// outlive the call.
-template <class Handle>
-ReceivePass OfferFrames(detail::Generation& generation, const bool& closed, const char* data,
-                        std::size_t length, Handle handle) {
+// Calls stream.HandleMessage as long as frames and bytes are left. It may do anything to the
+// stream, also delete it: neither `stream` nor what is part of it (the other references) is touched
+// then. The bytes must outlive the call.
+template <class Stream>
+ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bool& closed,
+                        CZARNStreamCounters& counters, const char* data, std::size_t length) {
   using End = ReceivePass::End;
   const detail::Generation::Watch watch(generation);
   ReceivePass pass;
@@ -39,12 +38,12 @@ ReceivePass OfferFrames(detail::Generation& generation, const bool& closed, cons
   };
   while (pass.consumed < length) {
     pass.offered = length - pass.consumed;
-    pass.answered = handle(data + pass.consumed, pass.offered);
+    pass.answered = stream.HandleMessage(data + pass.consumed, pass.offered);
     if (watch.IsDestroyed()) return ended(End::kDestroyed);
     if (watch.HasChanged() && !closed) return ended(End::kReplaced);
     if (pass.answered > pass.offered) return ended(End::kTooLong);
+    if (pass.answered != 0) ++counters.messagesReceived;
     pass.consumed += pass.answered;
-    if (pass.answered != 0) ++pass.frames;
     if (closed) return ended(End::kClosed);
     if (pass.answered == 0) break;
   }

@@ -172,10 +172,6 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   void EndConnection(long reason);
   void CloseAndReport(long reason);
   void Report(long reason);
-  keelbase::AWResult SendAtOnce(keelbase::CAWMessageBlock& data);
-  keelbase::AWResult SendBehindQueue(const keelbase::CAWMessageBlock& data);
-  keelbase::AWResult Queue(const keelbase::CAWMessageBlock& data);
-  keelbase::AWResult OfferQueue();
 
   keelbase::CAWAutoPtr<fipc::IAWIPCTransport> transport_;
   keelbase::CAWAutoPtr<fipc::IAWIPCConnector> connector_;

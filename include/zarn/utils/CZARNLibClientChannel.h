@@ -64,8 +64,8 @@ class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
                                   std::uint16_t peerFirst, std::uint16_t peerSecond);
 
   // Called by the owner: drops the connection and connects anew, after a second. Close drops it and
-  // starts no attempts, but does not end those that are going on, and inside OnZARNMessage it counts
-  // as a lost connection. What surely ends everything is deleting the channel.
+  // starts no attempts, but does not end those that are going on, and inside OnZARNMessage it
+  // counts as a lost connection. What surely ends everything is deleting the channel.
   virtual void OnClose();
 
   // Not called: a failed connect is an OnPeerDisconnect.

@@ -26,7 +26,7 @@ class ZARNUTILS_API SendQueue {
   // without memory (nothing added).
   keelbase::AWResult Append(const keelbase::CAWMessageBlock& data);
 
-  // Offers everything to `send(block)`, which advances over what it takes, and drops that. Returns
+  // Offers everything to `send(block)`, a transport's SendData, and drops what it takes. Returns
   // its result. Not for an empty queue.
   template <class Send>
   keelbase::AWResult Offer(Send send) {
@@ -34,6 +34,20 @@ class ZARNUTILS_API SendQueue {
     const keelbase::AWResult result = send(*head_);
     if (head_->GetLength() != first) DropSent();
     return result;
+  }
+
+  // Sends a message behind all that waits already, and keeps what is not taken. 0: sent or kept,
+  // and the caller advances over it. 10013: part was taken, and there is no memory to keep the
+  // rest. Else an error of the transport, or 10001 without memory, and nothing was taken; a message
+  // behind others is kept even when the transport refuses the offer.
+  template <class Send>
+  keelbase::AWResult SendInOrder(keelbase::CAWMessageBlock& data, Send send) {
+    const bool waits = !IsEmpty();
+    if (waits && Append(data) != keelbase::AW_OK) return keelbase::AW_ERROR_FAILURE;
+    const keelbase::AWResult result = waits ? Offer(send) : send(data);
+    if (result == keelbase::AW_OK && waits) Clear();
+    if (result != keelbase::AW_ERROR_PARTIAL_DATA) return result;
+    return waits || Append(data) == keelbase::AW_OK ? keelbase::AW_OK : result;
   }
 
   // Lets the transport write everything when it is disconnected.
