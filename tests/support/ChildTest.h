@@ -66,8 +66,8 @@ class ChildTest {
     std::string text;
     char buffer[4096];
     ssize_t count;
-    while ((count = ::pread(errors_.Get(), buffer, sizeof buffer,
-                            static_cast<off_t>(text.size()))) > 0)
+    while ((count =
+                ::pread(errors_.Get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0)
       text.append(buffer, static_cast<std::size_t>(count));
     return text;
   }

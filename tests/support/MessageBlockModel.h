@@ -15,11 +15,12 @@
 
 namespace zarn::test {
 
-// The bytes of `script` choose the operations; any difference between the blocks and the model throws
-// std::logic_error. Several chains exist at a time, and duplicates share bytes between them.
+// The bytes of `script` choose the operations; any difference between the blocks and the model
+// throws std::logic_error. Several chains exist at a time, and duplicates share bytes between them.
 class MessageBlockModel {
  public:
-  MessageBlockModel(const std::uint8_t* script, std::size_t size) : script_(script, script + size) {}
+  MessageBlockModel(const std::uint8_t* script, std::size_t size)
+      : script_(script, script + size) {}
   ~MessageBlockModel() {
     for (Chain& chain : chains_) delete chain.head;
   }
@@ -68,20 +69,34 @@ class MessageBlockModel {
     if (operation == 1) return Borrow();
     Chain& chain = Pick();
     switch (operation) {
-      case 2: return Write(chain);
-      case 3: return WriteInPlace(chain);
-      case 4: return AdvanceOne(chain);
-      case 5: return AdvanceAll(chain);
-      case 6: return Append(chain);
-      case 7: return Duplicate(chain);
-      case 8: return Cut(chain);
-      case 9: return Reclaim(chain);
-      case 10: return Prepend(chain);
-      case 11: return Destroy(chain);
-      case 12: return Reset(chain);
-      case 13: return Copy(chain);
-      case 14: return WriteLast(chain);
-      default: return Beyond(chain);
+      case 2:
+        return Write(chain);
+      case 3:
+        return WriteInPlace(chain);
+      case 4:
+        return AdvanceOne(chain);
+      case 5:
+        return AdvanceAll(chain);
+      case 6:
+        return Append(chain);
+      case 7:
+        return Duplicate(chain);
+      case 8:
+        return Cut(chain);
+      case 9:
+        return Reclaim(chain);
+      case 10:
+        return Prepend(chain);
+      case 11:
+        return Destroy(chain);
+      case 12:
+        return Reset(chain);
+      case 13:
+        return Copy(chain);
+      case 14:
+        return WriteLast(chain);
+      default:
+        return Beyond(chain);
     }
   }
 
@@ -123,7 +138,8 @@ class MessageBlockModel {
     const std::size_t count = Next();
     std::string& model = chain.blocks.front();
     const bool there = count <= model.size();
-    Check((chain.head->AdvanceReadPtr(count) == keelbase::AW_OK) == there, "AdvanceReadPtr answers");
+    Check((chain.head->AdvanceReadPtr(count) == keelbase::AW_OK) == there,
+          "AdvanceReadPtr answers");
     if (there) model.erase(0, count);
   }
   void AdvanceAll(Chain& chain) {

@@ -1,0 +1,252 @@
+// Allocations_test.cpp - how much memory the way of a message takes, and what happens when there is
+// none. Replaces operator new of the test program: it counts, and refuses while a test says so.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "FakeIpc.h"
+#include "Frames.h"
+#include "NetworkThread.h"
+#include "zarn/utils/CZARNIPCStreamBase.h"
+#include "zarn/utils/CZARNLibServerChannel.h"
+#include "zarn/utils/detail/ReceiveAccumulator.h"
+#include "zarn/utils/detail/SendQueue.h"
+
+namespace {
+
+thread_local std::size_t allocations = 0;
+thread_local bool exhausted = false;
+
+void* Allocate(std::size_t size) {
+  ++allocations;
+  if (exhausted) throw std::bad_alloc();
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  throw std::bad_alloc();
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) { return Allocate(size); }
+void* operator new[](std::size_t size) { return Allocate(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace zarn::test {
+namespace {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_ERROR_PARTIAL_DATA;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWMessageBlock;
+
+// No memory for this thread as long as it lives.
+class Exhaustion {
+ public:
+  Exhaustion() { exhausted = true; }
+  ~Exhaustion() { exhausted = false; }
+  Exhaustion(const Exhaustion&) = delete;
+  Exhaustion& operator=(const Exhaustion&) = delete;
+};
+
+template <class Work>
+std::size_t AllocationsOf(Work work) {
+  const std::size_t before = allocations;
+  work();
+  return allocations - before;
+}
+
+// Takes up to `room` bytes of each send and keeps none; allocates nothing.
+class SwallowingTransport final : public FakeCounted<fipc::IAWIPCTransport> {
+ public:
+  SwallowingTransport() : FakeCounted(nullptr) {}
+
+  std::size_t room = static_cast<std::size_t>(-1);
+  std::size_t taken = 0;
+  int disconnects = 0;
+
+  AWResult OpenWithSink(fipc::IAWIPCTransportSink*) override { return AW_OK; }
+  AWResult SendData(CAWMessageBlock& data, fipc::CAWIPCTransportParameter*) override {
+    const std::size_t offered = data.GetChainedLength();
+    const std::size_t part = offered < room ? offered : room;
+    data.AdvanceChainedReadPtr(part);
+    taken += part;
+    return part == offered ? AW_OK : AW_ERROR_PARTIAL_DATA;
+  }
+  AWResult Disconnect(long) override {
+    ++disconnects;
+    return AW_OK;
+  }
+  AWResult GetOption(int, void*) override { return AW_OK; }
+  AWResult SetOption(int, void*) override { return AW_OK; }
+};
+
+// Counts messages and notes nothing else.
+class CountingChannel : public utils::CZARNLibServerChannel {
+ public:
+  using CZARNLibServerChannel::CZARNLibServerChannel;
+  std::size_t messages = 0;
+  long lastReason = -1;
+  void OnZARNMessage(std::uint16_t, std::uint32_t, const char*, std::size_t) override {
+    ++messages;
+  }
+  void OnPeerDisconnect(long reason) override { lastReason = reason; }
+};
+
+class Allocations : public ::testing::Test {
+ protected:
+  AWResult Send(const std::string& payload) {
+    return channel->SendZARNMessage(1, 2, payload.data(), payload.size());
+  }
+  void Receive(CAWMessageBlock& block) { channel->OnReceive(block, transport.Get(), nullptr); }
+
+  keelbase::CAWAutoPtr<SwallowingTransport> transport{new SwallowingTransport};
+  std::unique_ptr<CountingChannel> channel = std::make_unique<CountingChannel>(transport.Get());
+  const std::string small = std::string(64, 's');
+};
+
+// --- how much ---
+
+TEST_F(Allocations, SendingAMessageAllocatesNothing) {
+  const std::string large(65523, 'l');
+  EXPECT_EQ(AllocationsOf([&] {
+              for (int i = 0; i < 1000; ++i) {
+                Send(small);
+                Send(large);
+                channel->SendZARNMessage(1, 2, nullptr, 0);
+              }
+            }),
+            0U);
+  EXPECT_EQ(transport->taken, 1000U * (76 + 65535 + 12));
+}
+
+TEST_F(Allocations, QueueOfSmallMessagesAllocatesByTheBlockNotByTheMessage) {
+  transport->room = 0;
+  EXPECT_LE(AllocationsOf([&] {
+              for (int i = 0; i < 5000; ++i) Send(small);
+            }),
+            20U);  // 380000 bytes are six blocks
+  EXPECT_EQ(channel->GetSendQueueLength(), 5000U * 76);
+}
+
+TEST_F(Allocations, ReceivingAllocatesByTheEventNotByTheMessage) {
+  std::string frames;
+  for (int i = 0; i < 800; ++i) frames += Frame(1, 2, small);
+  CAWMessageBlock one(65536);
+  one.Write(frames.data(), 76);
+  CAWMessageBlock many(65536);
+  many.Write(frames.data(), frames.size());
+  const std::size_t forOne = AllocationsOf([&] { Receive(one); });
+  const std::size_t forMany = AllocationsOf([&] { Receive(many); });
+  EXPECT_EQ(channel->messages, 801U);
+  EXPECT_LE(forMany, forOne);
+  EXPECT_LE(forOne, 2U);
+}
+
+// --- none left ---
+
+TEST_F(Allocations, ReceiverWithoutMemoryEndsThatConnectionAndSaysSo) {
+  const std::string bytes(200000, 'x');
+  CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
+  {
+    const Exhaustion none;
+    Receive(block);
+  }
+  EXPECT_TRUE(channel->IsClosed());
+  EXPECT_EQ(channel->lastReason, static_cast<long>(AW_ERROR_FAILURE));
+  EXPECT_EQ(transport->disconnects, 1);
+  EXPECT_EQ(transport->GetReferences(), 1U);
+}
+
+TEST_F(Allocations, SenderWithoutMemoryForACutMessageClosesAndAnswers10001) {
+  transport->room = 20;
+  AWResult result = AW_OK;
+  const std::string payload(60000, 'p');
+  {
+    const Exhaustion none;
+    result = Send(payload);
+  }
+  EXPECT_EQ(result, AW_ERROR_FAILURE);
+  EXPECT_TRUE(channel->IsClosed());
+  EXPECT_EQ(transport->disconnects, 1);
+}
+
+TEST_F(Allocations, SenderWithoutMemoryBehindAQueueAnswers10001AndKeepsTheConnection) {
+  transport->room = 0;
+  ASSERT_EQ(Send(small), AW_OK);
+  const std::string payload(60000, 'p');
+  AWResult result = AW_OK;
+  {
+    const Exhaustion none;
+    result = Send(payload);
+  }
+  EXPECT_EQ(result, AW_ERROR_FAILURE);
+  EXPECT_FALSE(channel->IsClosed());
+  EXPECT_EQ(channel->GetSendQueueLength(), 76U);
+  transport->room = 100;
+  channel->OnSend(transport.Get(), nullptr);
+  EXPECT_EQ(channel->GetSendQueueLength(), 0U);
+  EXPECT_EQ(transport->taken, 76U);
+}
+
+TEST_F(Allocations, AccumulatorWithoutMemoryKeepsWhatItHolds) {
+  utils::detail::ReceiveAccumulator accumulator;
+  CAWMessageBlock held(8);
+  held.Write("held", 4);
+  ASSERT_EQ(accumulator.Append(held), AW_OK);
+  const std::string bytes(200000, 'x');
+  CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
+  AWResult result = AW_OK;
+  {
+    const Exhaustion none;
+    result = accumulator.Append(block);
+  }
+  EXPECT_EQ(result, AW_ERROR_FAILURE);
+  EXPECT_EQ(std::string(accumulator.GetData(), accumulator.GetLength()), "held");
+  EXPECT_EQ(accumulator.Append(block), AW_OK);
+  EXPECT_EQ(accumulator.GetLength(), 200004U);
+}
+
+TEST_F(Allocations, AccumulatorWithoutMemoryStillConsumes) {
+  utils::detail::ReceiveAccumulator accumulator;
+  CAWMessageBlock block(65536);
+  const std::string bytes(60000, 'x');
+  block.Write(bytes.data(), bytes.size());
+  ASSERT_EQ(accumulator.Append(block), AW_OK);
+  {
+    const Exhaustion none;
+    accumulator.Consume(59000);
+  }
+  EXPECT_EQ(accumulator.GetLength(), 1000U);
+}
+
+TEST_F(Allocations, SendQueueWithoutMemoryKeepsWhatItHolds) {
+  utils::detail::SendQueue queue;
+  CAWMessageBlock first("first", 5, CAWMessageBlock::borrow);
+  ASSERT_EQ(queue.Append(first), AW_OK);
+  const std::string bytes(200000, 'x');
+  CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
+  AWResult result = AW_OK;
+  {
+    const Exhaustion none;
+    result = queue.Append(block);
+  }
+  EXPECT_EQ(result, AW_ERROR_FAILURE);
+  EXPECT_EQ(queue.GetLength(), 5U);
+  std::string offered;
+  queue.Offer([&](CAWMessageBlock& head) {
+    offered = head.FlattenChained();
+    return AW_ERROR_PARTIAL_DATA;
+  });
+  EXPECT_EQ(offered, "first");
+}
+
+}  // namespace
+}  // namespace zarn::test
