@@ -1,0 +1,245 @@
+// Bench.cpp - zarn bench: round trips and throughput over a range of sizes, against a peer that
+// sends everything back.
+#include <CLI/App.hpp>
+#include <CLI/Validators.hpp>
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "ClientCommand.h"
+#include "Latency.h"
+#include "Progress.h"
+
+namespace zarn::tool {
+
+namespace {
+
+constexpr std::size_t kMostInFlight = std::size_t{4} << 20;  // bytes, whatever the window is
+constexpr double kWatchInterval = 0.1;                       // seconds
+
+struct BenchOptions {
+  ClientOptions client;
+  std::vector<std::uint32_t> sizes = {0, 64, 256, 1024, 4096, 16384, 65523};
+  double seconds = 0.5;
+  std::uint32_t window = 256;
+  std::uint32_t spin = 0;
+  std::uint16_t type = 0;
+};
+
+struct Row {
+  std::uint32_t size = 0;
+  std::unique_ptr<Latency> round_trips = std::make_unique<Latency>();
+  double round_trips_per_second = 0;
+  std::uint32_t window = 0;  // messages under way at once in the second measurement
+  double messages_per_second = 0;
+  bool complete = false;
+};
+
+// Two measurements for each size: one message under way at a time, and a window of them.
+class Bench final : public ClientCommand {
+ public:
+  explicit Bench(const BenchOptions& options)
+      : ClientCommand(options.client), options_(options), watch_([this] { Watch(); }) {
+    GetLoop().SetSpin(options.spin);
+  }
+
+ private:
+  void Begin() override;
+  void Lost(const std::string& reason) override;
+  void Received(const Message& message) override;
+  void Interrupted() override;
+  int Summarise(int code) override;
+
+  void StartRow();
+  void StartMeasurement(std::uint32_t window);
+  void EndMeasurement();
+  bool SendOne();
+  bool IsPipelined() const { return rows_.back().window != 0; }
+  void Watch();
+  void PrintRow(const Row& row);
+  void PrintTable();
+
+  const BenchOptions options_;
+  Progress progress_;
+  Timer watch_;
+  std::vector<Row> rows_;
+
+  // The measurement under way. Messages carry its number as their tag.
+  std::string payload_;
+  std::uint32_t number_ = 0;
+  std::uint32_t under_way_ = 0;
+  std::uint64_t answers_ = 0;
+  Clock::time_point started_at_;
+  Clock::time_point last_answer_;  // with one message under way also when that was sent
+  Clock::time_point end_at_;
+};
+
+void Bench::Begin() {
+  GetOutput().Text("bench {}: {} sizes, {:g} s for each measurement", GetUrl(),
+                   options_.sizes.size(), options_.seconds);
+  watch_.Every(kWatchInterval);
+  StartRow();
+}
+
+void Bench::StartRow() {
+  if (rows_.size() == options_.sizes.size()) return Finish(kDone);
+  rows_.emplace_back().size = options_.sizes[rows_.size()];
+  payload_.assign(rows_.back().size, 'z');
+  StartMeasurement(1);
+}
+
+void Bench::StartMeasurement(std::uint32_t window) {
+  ++number_;
+  answers_ = 0;
+  started_at_ = last_answer_ = Clock::now();
+  end_at_ = started_at_ + std::chrono::duration_cast<Clock::duration>(
+                              std::chrono::duration<double>(options_.seconds));
+  for (under_way_ = 0; under_way_ < window;)
+    if (!SendOne()) return;
+}
+
+bool Bench::SendOne() {
+  const keelbase::AWResult result = GetLink().Send({options_.type, number_, payload_});
+  if (result == keelbase::AW_OK) {
+    ++under_way_;
+    return true;
+  }
+  Complain("{}: cannot send: {}", GetUrl(), keelbase::DescribeResult(static_cast<long>(result)));
+  Finish(kFailed);
+  return false;
+}
+
+// After the end of the measurement what is under way still comes, and counts.
+void Bench::Received(const Message& message) {
+  if (message.type != options_.type || message.tag != number_ || under_way_ == 0) return;
+  const auto now = Clock::now();
+  if (!IsPipelined()) rows_.back().round_trips->Add(now - last_answer_);
+  last_answer_ = now;
+  ++answers_;
+  --under_way_;
+  if (now < end_at_) {
+    SendOne();
+  } else if (under_way_ == 0) {
+    EndMeasurement();
+  }
+}
+
+void Bench::EndMeasurement() {
+  Row& row = rows_.back();
+  const double seconds = std::chrono::duration<double>(last_answer_ - started_at_).count();
+  const double rate = static_cast<double>(answers_) / seconds;
+  if (!IsPipelined()) {
+    row.round_trips_per_second = rate;
+    const std::size_t fitting = kMostInFlight / std::max<std::size_t>(row.size, 1);
+    row.window = std::min(options_.window, static_cast<std::uint32_t>(fitting));
+    return StartMeasurement(row.window);
+  }
+  row.messages_per_second = rate;
+  row.complete = true;
+  PrintRow(row);
+  StartRow();
+}
+
+void Bench::Watch() {
+  if (GetTimeout() > 0 && SecondsSince(last_answer_) > GetTimeout()) {
+    Complain(
+        "{}: no answer within {:g} s: does the peer send everything back, as zarn serve --echo?",
+        GetUrl(), GetTimeout());
+    return Finish(kFailed);
+  }
+  const double part = std::min(SecondsSince(started_at_) / options_.seconds, 1.0);
+  const double done = static_cast<double>(number_ - 1) + part;
+  progress_.Show(
+      done / static_cast<double>(2 * options_.sizes.size()),
+      fmt::format("{} bytes, {}", rows_.back().size, IsPipelined() ? "throughput" : "round trips"));
+}
+
+void Bench::Lost(const std::string& reason) {
+  Complain("{}: peer gone: {}", GetUrl(), reason);
+  Finish(kFailed);
+}
+
+void Bench::Interrupted() {
+  Complain("interrupted");
+  Finish(kFailed);
+}
+
+int Bench::Summarise(int code) {
+  progress_.Clear();
+  if (!rows_.empty() && !rows_.back().complete) rows_.pop_back();
+  PrintTable();
+  Json::Value object;
+  object["event"] = "summary";
+  object["complete"] = code == kDone;
+  object["sizes"] = Json::UInt64(rows_.size());
+  GetOutput().Object(object);
+  return code;
+}
+
+double MegabytesPerSecond(const Row& row) {
+  return row.messages_per_second * static_cast<double>(row.size) / 1e6;
+}
+
+void Bench::PrintRow(const Row& row) {
+  Json::Value object;
+  object["event"] = "result";
+  object["size"] = row.size;
+  object["round_trips"] = Json::UInt64(row.round_trips->GetCount());
+  object["round_trips_per_s"] = row.round_trips_per_second;
+  AddRoundTrips(object, *row.round_trips);
+  object["window"] = row.window;
+  object["messages_per_s"] = row.messages_per_second;
+  object["mb_per_s"] = MegabytesPerSecond(row);
+  GetOutput().Object(object);
+}
+
+void Bench::PrintTable() {
+  Output& output = GetOutput();
+  output.Text(
+      "         |            one at a time: round trip in us            |  a window of them");
+  output.Text("{:>8} | {:>8} {:>8} {:>8} {:>8} {:>8} {:>8} | {:>6} {:>10} {:>8}", "bytes", "p50",
+              "p90", "p99", "p99.9", "max", "per s", "window", "messages/s", "MB/s");
+  for (const Row& row : rows_) {
+    const Latency& latency = *row.round_trips;
+    output.Text(
+        "{:>8} | {:>8.1f} {:>8.1f} {:>8.1f} {:>8.1f} {:>8.1f} {:>8.0f} | {:>6} {:>10.0f} {:>8.1f}",
+        row.size, latency.GetPercentile(50), latency.GetPercentile(90), latency.GetPercentile(99),
+        latency.GetPercentile(99.9), latency.GetMax(), row.round_trips_per_second, row.window,
+        row.messages_per_second, MegabytesPerSecond(row));
+  }
+  output.Text("messages/s and MB/s are those of one way; the other way carries as much at once");
+}
+
+}  // namespace
+
+void AddBench(CLI::App& app, Action& action) {
+  auto options = std::make_shared<BenchOptions>();
+  CLI::App& command = *app.add_subcommand(
+      "bench",
+      "round trips and throughput over sizes, against a peer as zarn serve --echo --quiet");
+  AddClientOptions(command, options->client);
+  command.add_option("--sizes", options->sizes, "bytes in each message, separated by commas")
+      ->delimiter(',')
+      ->check(CLI::Range(0, 65523))
+      ->type_name("BYTES")
+      ->capture_default_str();
+  AddSeconds(command, "--seconds", options->seconds, 0.001, 3600,
+             "length of each of the two measurements for a size");
+  command.add_option("--window", options->window, "messages under way at once, for throughput")
+      ->check(CLI::Range(1, 65536))
+      ->type_name("N")
+      ->capture_default_str();
+  command.add_option("--spin", options->spin, "look for an answer that long before sleeping")
+      ->check(CLI::Range(0, 1000000))
+      ->type_name("US")
+      ->capture_default_str();
+  command.add_option("--type", options->type, "type of the messages, 0 to 65535")
+      ->type_name("N")
+      ->capture_default_str();
+  SetExamples(command, "  zarn bench ipc://1_2 --sizes 64,1024,65523 --seconds 2");
+  command.callback([options, &action] { action = [options] { return Bench(*options).Run(); }; });
+}
+
+}  // namespace zarn::tool

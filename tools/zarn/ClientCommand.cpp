@@ -1,0 +1,56 @@
+// ClientCommand.cpp - see ClientCommand.h.
+#include "ClientCommand.h"
+
+namespace zarn::tool {
+
+ClientCommand::ClientCommand(const ClientOptions& options)
+    : options_(options),
+      output_(options.json),
+      loop_([this] { Interrupted(); }),
+      give_up_([this] { GiveUp(); }) {
+  output_.SetHooks([this] { loop_.Post([this] { output_.Flush(); }); },
+                   [this] { loop_.Finish(kFailed); });
+}
+
+int ClientCommand::Run() {
+  const Endpoint& endpoint = options_.endpoint;
+  link_ = endpoint.scheme->makeClient(endpoint.address, options_.own, *this);
+  if (const std::string problem = link_->Start(); !problem.empty()) {
+    Complain("{}", problem);
+    return kFailed;
+  }
+  if (options_.timeout > 0) give_up_.Once(options_.timeout);
+  int code = loop_.Run();
+  if (begun_) code = Summarise(code);
+  link_->Close();
+  return output_.Flush() ? code : kFailed;
+}
+
+void ClientCommand::OnUp() {
+  up_ = true;
+  give_up_.Cancel();
+  if (begun_) return Back(SecondsSince(lost_at_));
+  begun_ = true;
+  Begin();
+}
+
+// Comes for every attempt that fails, too.
+void ClientCommand::OnDown(long reason) {
+  last_reason_ = link_->Explain(reason);
+  const bool was_up = up_;
+  up_ = false;
+  if (!was_up) return;
+  lost_at_ = Clock::now();
+  Lost(last_reason_);
+}
+
+void ClientCommand::GiveUp() {
+  Complain("{}: not reachable within {:g} s: {}", GetUrl(), options_.timeout, last_reason_);
+  Finish(kUnreachable);
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace zarn::tool

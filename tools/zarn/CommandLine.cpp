@@ -1,0 +1,100 @@
+// CommandLine.cpp - see CommandLine.h.
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+
+namespace zarn::tool {
+
+namespace {
+
+constexpr const char* kExitCodes =
+    "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 peer not reachable within --timeout.";
+
+constexpr double kMaxSeconds = 1e6;
+
+}  // namespace
+
+int RunCommandLine(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);  // a reader that went away is an error of the write
+  CLI::App app("Talks to the endpoints of this machine and looks after them.", "zarn");
+  app.footer(std::string("Endpoints are urls: ipc://1_2 is endpoint 1_2 over local IPC below the "
+                         "install root, which the environment variable ZARN_ROOT names.\n") +
+             "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
+  app.set_version_flag("--version", "zarn " ZARN_VERSION);
+  app.require_subcommand(1);
+
+  Action action;
+  AddServe(app, action);
+  AddSend(app, action);
+  AddPing(app, action);
+  AddBench(app, action);
+  AddLs(app, action);
+  AddEnv(app, action);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kDone : kUsage;
+  }
+  return action();
+}
+
+void AddUrl(CLI::App& command, Endpoint& endpoint) {
+  command
+      .add_option_function<std::string>(
+          "URL", [&endpoint](const std::string& text) { ParseEndpoint(text, endpoint); },
+          "the endpoint, as ipc://1_2")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            Endpoint parsed;
+            return ParseEndpoint(text, parsed);
+          },
+          ""))
+      ->required();
+}
+
+void AddOwnPair(CLI::App& command, Pair& own) {
+  command
+      .add_option_function<std::string>(
+          "--as", [&own](const std::string& text) { own = *ParsePair(text); },
+          "the own endpoint that the peer is told, as 3_4 [0_0]")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return ParsePair(text) ? std::string() : "'" + text + "' is not two numbers like 3_4";
+          },
+          ""))
+      ->type_name("X_Y");
+}
+
+void AddJson(CLI::App& command, bool& json) {
+  command.add_flag("--json", json, "print one JSON object a line");
+}
+
+void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
+                double most, const std::string& description) {
+  command.add_option(name, value, description)
+      ->check(CLI::Validator(
+          [least, most](const std::string& text) {
+            double seconds = 0;
+            const bool good = CLI::detail::lexical_cast(text, seconds) && seconds >= least &&
+                              seconds <= most;  // false for NaN too
+            return good ? std::string() : "'" + text + "' is not a number of seconds in range";
+          },
+          ""))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+}
+
+void SetExamples(CLI::App& command, const std::string& examples) {
+  command.footer("Example:\n" + examples + "\n" + kExitCodes);
+}
+
+void AddClientOptions(CLI::App& command, ClientOptions& options) {
+  AddUrl(command, options.endpoint);
+  AddOwnPair(command, options.own);
+  AddSeconds(command, "--timeout", options.timeout, 0, kMaxSeconds,
+             "how long to wait for the peer to be there, and for an answer; 0 for ever");
+  AddJson(command, options.json);
+}
+
+}  // namespace zarn::tool

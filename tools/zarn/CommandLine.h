@@ -1,0 +1,45 @@
+// CommandLine.h - the subcommands of the program and what their options have in common.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <functional>
+#include <string>
+
+#include "Endpoint.h"
+
+namespace zarn::tool {
+
+enum ExitCode : int { kDone = 0, kFailed = 1, kUsage = 2, kUnreachable = 3 };
+
+// What the chosen subcommand does, once all arguments are known to be good; gives the exit code.
+using Action = std::function<int()>;
+
+int RunCommandLine(int argc, char** argv);
+
+// Each adds one subcommand, which sets `action` when it is the one that was asked for.
+void AddServe(CLI::App& app, Action& action);
+void AddSend(CLI::App& app, Action& action);
+void AddPing(CLI::App& app, Action& action);
+void AddBench(CLI::App& app, Action& action);
+void AddLs(CLI::App& app, Action& action);
+void AddEnv(CLI::App& app, Action& action);
+
+// --- options that several subcommands take; a value that is not good is a usage error ---
+
+void AddUrl(CLI::App& command, Endpoint& endpoint);
+void AddOwnPair(CLI::App& command, Pair& own);
+void AddJson(CLI::App& command, bool& json);
+void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
+                double most, const std::string& description);
+void SetExamples(CLI::App& command, const std::string& examples);
+
+// What every subcommand that talks to one peer is told.
+struct ClientOptions {
+  Endpoint endpoint;
+  Pair own;
+  double timeout = 5;  // seconds; 0 waits for ever
+  bool json = false;
+};
+void AddClientOptions(CLI::App& command, ClientOptions& options);
+
+}  // namespace zarn::tool

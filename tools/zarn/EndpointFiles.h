@@ -1,0 +1,43 @@
+// EndpointFiles.h - the endpoint files of an install root and the processes that serve them.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace zarn::tool {
+
+enum class EndpointState {
+  listening,
+  stale,    // a socket file that nobody serves any more
+  unknown,  // we are not allowed to ask
+  foreign,  // not a socket, or not named like an endpoint
+  removed,
+};
+const char* ToText(EndpointState state);
+
+struct EndpointFile {
+  std::string name;
+  std::string path;
+  EndpointState state = EndpointState::unknown;
+  struct stat status {};
+  pid_t process = 0;  // of whoever listens; 0: unknown
+};
+
+// All that is in the directory, sorted by number, without disturbing whoever listens. Fails with an
+// errno value; a directory that does not exist holds nothing.
+int ScanEndpoints(const std::string& directory, std::vector<EndpointFile>& files);
+
+// Removes the stale ones that belong to our own user and marks them. Asks again with the directory
+// locked, as everybody does who makes or removes an endpoint. Fails with an errno value.
+int RemoveStale(const std::string& directory, std::vector<EndpointFile>& files);
+
+std::string GetUserName(uid_t user);        // its number when it has none
+std::string GetProgramName(pid_t process);  // empty when it cannot be seen
+
+// "process 12 (zarn)", for a message about the endpoint file.
+std::string DescribeOwner(const std::string& path);
+
+}  // namespace zarn::tool

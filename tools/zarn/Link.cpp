@@ -1,0 +1,24 @@
+// Link.cpp - the table of schemes.
+#include "Link.h"
+
+#include "IpcLink.h"
+
+namespace zarn::tool {
+
+namespace {
+const Scheme* const kSchemes[] = {&kIpcScheme};
+}  // namespace
+
+const Scheme* FindScheme(std::string_view name) {
+  for (const Scheme* scheme : kSchemes)
+    if (scheme->name == name) return scheme;
+  return nullptr;
+}
+
+std::string ListSchemes() {
+  std::string list;
+  for (const Scheme* scheme : kSchemes) list.append(list.empty() ? "" : ", ").append(scheme->form);
+  return list;
+}
+
+}  // namespace zarn::tool

@@ -1,0 +1,87 @@
+// Loop.cpp - see Loop.h.
+#include "Loop.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+
+#include "Output.h"
+#include "keelbase/CAWThreadManager.h"
+
+namespace zarn::tool {
+
+using keelbase::CAWThreadManager;
+
+namespace {
+
+constexpr int kStopWaiting = SIGUSR1;  // tells the thread that waits for signals to end
+
+bool IsIgnored(int signal) {
+  struct sigaction action {};
+  return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+sigset_t HandledSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, kStopWaiting);
+  if (!IsIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
+  return signals;
+}
+
+keelbase::CAWThread* AdoptMainThread() {
+  auto* manager = CAWThreadManager::Instance();
+  if (manager->AdoptCurrentThread(CAWThreadManager::TT_NETWORK) != keelbase::AW_OK) {
+    Complain("no event loop: out of memory or descriptors");
+    std::exit(1);
+  }
+  return manager->GetThread(CAWThreadManager::TT_NETWORK);
+}
+
+}  // namespace
+
+// The signals are blocked in all threads and fetched by one that may post like any other.
+Loop::Loop(std::function<void()> interrupted)
+    : interrupted_(std::move(interrupted)), thread_(AdoptMainThread()) {
+  const sigset_t signals = HandledSignals();
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  signals_ = std::thread([this] { WaitForSignals(); });
+}
+
+Loop::~Loop() {
+  ::pthread_kill(signals_.native_handle(), kStopWaiting);
+  signals_.join();
+}
+
+void Loop::WaitForSignals() {
+  const sigset_t signals = HandledSignals();
+  for (bool again = false;; again = true) {
+    int signal = 0;
+    ::sigwait(&signals, &signal);
+    if (signal == kStopWaiting) return;
+    if (again) ::_exit(128 + signal);
+    thread_->Post([this] { interrupted_(); });
+  }
+}
+
+int Loop::Run() {
+  while (code_ < 0) thread_->Run();
+  return code_;
+}
+
+void Loop::Finish(int code) {
+  if (code_ >= 0) return;
+  code_ = code;
+  thread_->Stop();
+}
+
+void Timer::Schedule(double seconds, std::uint32_t count) {
+  timer_.Schedule(this, keelbase::CAWTimeValue(std::chrono::duration<double>(seconds)), count);
+}
+
+}  // namespace zarn::tool

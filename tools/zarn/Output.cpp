@@ -1,0 +1,182 @@
+// Output.cpp - see Output.h.
+#include "Output.h"
+
+#include <json/writer.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Latency.h"
+#include "Link.h"
+
+namespace zarn::tool {
+
+namespace {
+
+constexpr std::size_t kFlushSize = 64 * 1024;
+constexpr std::size_t kShownBytes = 80;  // of a message that is not shown in full
+
+// 0, or an errno value.
+int WriteAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+    if (written >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno == EAGAIN) {  // a terminal that somebody has made non-blocking
+      pollfd ready{fd, POLLOUT, 0};
+      ::poll(&ready, 1, -1);
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+Json::StreamWriterBuilder MakeWriterBuilder() {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  builder["precisionType"] = "decimal";
+  builder["precision"] = 3;
+  return builder;
+}
+
+// The length of the printable UTF-8 character at the start of `bytes`; 0 when there is none.
+std::size_t PrintableLength(std::string_view bytes) {
+  const auto at = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  const unsigned lead = at(0);
+  if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+  const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+  if (lead < 0xc2 || lead > 0xf4 || bytes.size() < length) return 0;
+  unsigned code = lead & (0xffU >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((at(i) & 0xc0U) != 0x80) return 0;
+    code = code << 6 | (at(i) & 0x3fU);
+  }
+  constexpr unsigned kLeast[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control codes
+  const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+  const bool direction = (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
+  const bool line_end = code == 0x2028 || code == 0x2029;
+  if (code < kLeast[length] || code > 0x10ffff || surrogate || direction || line_end) return 0;
+  return length;
+}
+
+std::string EscapeByte(char byte) {
+  switch (byte) {
+    case '\n':
+      return "\\n";
+    case '\r':
+      return "\\r";
+    case '\t':
+      return "\\t";
+    default:
+      return fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+  }
+}
+
+}  // namespace
+
+void Output::SetHooks(std::function<void()> dirty, std::function<void()> failed) {
+  on_dirty_ = std::move(dirty);
+  on_failed_ = std::move(failed);
+}
+
+void Output::Object(const Json::Value& object) {
+  static const Json::StreamWriterBuilder builder = MakeWriterBuilder();
+  if (json_) AddLine(Json::writeString(builder, object));
+}
+
+void Output::PrintMessage(const std::string& peer, const Message& message, bool full) {
+  const std::string_view data = message.data;
+  std::size_t shown = data.size();
+  if (!full && shown > kShownBytes) {
+    shown = kShownBytes;
+    // Not in the middle of a character.
+    while (shown > kShownBytes - 3 && (static_cast<unsigned char>(data[shown]) & 0xc0U) == 0x80)
+      --shown;
+  }
+  const bool cut = shown < data.size();
+  const std::string text = Escape(data.substr(0, shown));
+  if (!json_) {
+    Text("{} type={} tag={} size={} \"{}\"{}", peer, message.type, message.tag, data.size(), text,
+         cut ? "..." : "");
+    return;
+  }
+  Json::Value object;
+  object["event"] = "message";
+  object["peer"] = peer;
+  object["type"] = message.type;
+  object["tag"] = message.tag;
+  object["size"] = Json::UInt64(data.size());
+  object["text"] = text;
+  object["cut"] = cut;
+  Object(object);
+}
+
+void Output::AddLine(std::string_view line) {
+  if (failed_) return;
+  const bool was_empty = waiting_.empty();
+  waiting_.append(line).push_back('\n');
+  if (waiting_.size() >= kFlushSize) {
+    Flush();
+  } else if (was_empty && on_dirty_) {
+    on_dirty_();
+  }
+}
+
+bool Output::Flush() {
+  if (!failed_ && !waiting_.empty()) {
+    if (const int error = WriteAll(STDOUT_FILENO, waiting_); error != 0) Fail(error);
+    waiting_.clear();
+  }
+  return !failed_;
+}
+
+void Output::Fail(int error) {
+  failed_ = true;
+  if (error != EPIPE) Complain("standard output: {}", std::strerror(error));
+  if (on_failed_) on_failed_();
+}
+
+void ComplainLine(const std::string& text) { WriteAll(STDERR_FILENO, "zarn: " + text + "\n"); }
+
+std::string Escape(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  while (!bytes.empty()) {
+    std::size_t length = PrintableLength(bytes);
+    if (bytes[0] == '\\') {
+      text.append("\\\\");
+    } else if (length != 0) {
+      text.append(bytes.substr(0, length));
+    } else {
+      text.append(EscapeByte(bytes[0]));
+      length = 1;
+    }
+    bytes.remove_prefix(length);
+  }
+  return text;
+}
+
+void AddRoundTrips(Json::Value& object, const Latency& latency) {
+  if (latency.GetCount() == 0) return;
+  object["min_us"] = latency.GetMin();
+  object["mean_us"] = latency.GetMean();
+  object["p50_us"] = latency.GetPercentile(50);
+  object["p90_us"] = latency.GetPercentile(90);
+  object["p99_us"] = latency.GetPercentile(99);
+  object["p99_9_us"] = latency.GetPercentile(99.9);
+  object["max_us"] = latency.GetMax();
+}
+
+std::string FormatBytes(double bytes) {
+  constexpr const char* kUnits[] = {"KiB", "MiB", "GiB", "TiB"};
+  if (bytes < 1024) return fmt::format("{:.0f} bytes", bytes);
+  std::size_t unit = 0;
+  for (bytes /= 1024; bytes >= 1024 && unit < 3; bytes /= 1024) ++unit;
+  return fmt::format("{:.1f} {}", bytes, kUnits[unit]);
+}
+
+}  // namespace zarn::tool

@@ -1,0 +1,71 @@
+// Output.h - what the program prints: lines for people or JSON objects, and complaints.
+#pragma once
+
+#include <fmt/format.h>
+#include <json/value.h>
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace zarn::tool {
+
+class Latency;
+struct Message;
+
+// Standard output, either text or one JSON object a line; what is meant for the other kind is not
+// printed. Gathers lines and writes them when asked to, or when much has come together.
+class Output {
+ public:
+  explicit Output(bool json) : json_(json) {}
+  ~Output() { Flush(); }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  // `dirty` is called when there is something to flush again, and `failed` once, when nobody can
+  // read the output any more.
+  void SetHooks(std::function<void()> dirty, std::function<void()> failed);
+
+  bool IsJson() const { return json_; }
+
+  template <class... Args>
+  void Text(fmt::format_string<Args...> format, Args&&... args) {
+    if (!json_) AddLine(fmt::format(format, std::forward<Args>(args)...));
+  }
+  void Object(const Json::Value& object);
+  void PrintMessage(const std::string& peer, const Message& message, bool full);
+
+  bool Flush();  // false when the output cannot be written
+
+ private:
+  void AddLine(std::string_view line);
+  void Fail(int error);
+
+  const bool json_;
+  bool failed_ = false;
+  std::string waiting_;
+  std::function<void()> on_dirty_;
+  std::function<void()> on_failed_;
+};
+
+// One line on standard error.
+void ComplainLine(const std::string& text);
+
+template <class... Args>
+void Complain(fmt::format_string<Args...> format, Args&&... args) {
+  ComplainLine(fmt::format(format, std::forward<Args>(args)...));
+}
+
+// Bytes of any kind as one line of UTF-8: control bytes, and what is not UTF-8, as \n, \t, \r or
+// \xNN, and the backslash doubled, so that the bytes can be had back.
+std::string Escape(std::string_view bytes);
+
+// Adds the percentiles of round trips to an object, in microseconds; nothing when there are none.
+void AddRoundTrips(Json::Value& object, const Latency& latency);
+
+// 1536 as "1.5 KiB".
+std::string FormatBytes(double bytes);
+
+}  // namespace zarn::tool

@@ -1,0 +1,42 @@
+// Root.cpp - see Root.h.
+#include "Root.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "keelbase/CAWEnvironment.h"
+#include "zarn/utils/zarnutils.h"
+
+namespace zarn::tool {
+
+std::string CheckRoot() {
+  const std::string root = keelbase::VOS_GetEnv("ZARN_ROOT");
+  if (root.empty())
+    return "ZARN_ROOT is not set: name the install root with 'export ZARN_ROOT=DIR', and make its "
+           "system directory with 'mkdir -p -m 700 DIR/system'";
+  const std::string system = root + "/system";
+  struct stat status {};
+  if (::stat(system.c_str(), &status) != 0) {
+    if (errno == ENOENT)
+      return fmt::format(
+          "ZARN_ROOT is '{}', but '{}' does not exist: make it with 'mkdir -p -m 700 {}', or "
+          "correct ZARN_ROOT",
+          root, system, system);
+    return fmt::format("ZARN_ROOT is '{}', but '{}' cannot be used: {}; correct ZARN_ROOT", root,
+                       system, std::strerror(errno));
+  }
+  if (!S_ISDIR(status.st_mode))
+    return fmt::format("ZARN_ROOT is '{}', but '{}' is not a directory: correct ZARN_ROOT", root,
+                       system);
+  return {};
+}
+
+std::string GetIpcDirectory() {
+  const std::string system = utils::GetZARNRootSystem();
+  return system.empty() ? system : system + "/zarn/ipc";
+}
+
+}  // namespace zarn::tool

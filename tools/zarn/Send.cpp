@@ -1,0 +1,234 @@
+// Send.cpp - zarn send: one message, or one for each line of standard input, and the answers.
+#include <CLI/App.hpp>
+#include <CLI/Validators.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <optional>
+
+#include "ClientCommand.h"
+#include "LineReader.h"
+
+namespace zarn::tool {
+
+namespace {
+
+constexpr std::size_t kLongest = 65523;                    // payload of one message
+constexpr std::size_t kMostQueued = std::size_t{1} << 20;  // of what the peer has not taken yet
+constexpr double kDrainPause = 0.002;                      // seconds between looks at the queue
+
+struct SendOptions {
+  ClientOptions client;
+  std::uint16_t type = 0;
+  std::uint32_t tag = 0;
+  std::string data;
+  std::string file;
+  std::string lines;  // "-": one message for each line of standard input
+  bool full = false;
+  std::uint64_t replies = 0;
+};
+
+class Send final : public ClientCommand {
+ public:
+  Send(const SendOptions& options, std::optional<std::string> message)
+      : ClientCommand(options.client),
+        options_(options),
+        message_(std::move(message)),
+        drain_([this] { CheckDone(); }),
+        patience_([this] { OutOfPatience(); }) {}
+
+ private:
+  void Begin() override;
+  void Lost(const std::string& reason) override;
+  void Received(const Message& message) override;
+  void Room() override { SendLines(); }
+  void Interrupted() override;
+  int Summarise(int code) override;
+
+  void SendLines();
+  bool SendOne(std::string_view data);
+  void AllSent();
+  void CheckDone();
+  void OutOfPatience();
+  void BePatient() {
+    if (GetTimeout() > 0) patience_.Once(GetTimeout());
+  }
+
+  const SendOptions options_;
+  const std::optional<std::string> message_;  // nothing: lines
+  std::unique_ptr<LineReader> reader_;
+  Timer drain_;
+  Timer patience_;
+  bool all_sent_ = false;
+  std::uint64_t sent_ = 0;
+  std::uint64_t bytes_ = 0;
+  std::uint64_t skipped_ = 0;
+  std::uint64_t replies_ = 0;
+};
+
+void Send::Begin() {
+  if (message_) {
+    if (SendOne(*message_)) AllSent();
+    return;
+  }
+  reader_ =
+      std::make_unique<LineReader>(kLongest, [this] { GetLoop().Post([this] { SendLines(); }); });
+}
+
+// Stops while much is queued; the link says when there is room again.
+void Send::SendLines() {
+  if (reader_ == nullptr || all_sent_) return;
+  while (IsUp() && GetLink().GetQueueLength() < kMostQueued) {
+    const std::optional<Line> line = reader_->Take();
+    if (!line) break;
+    if (line->too_long) {
+      Complain("line {} is longer than {} bytes and was not sent", line->number, kLongest);
+      ++skipped_;
+    } else if (!SendOne(line->text)) {
+      return;
+    }
+  }
+  if (!reader_->IsAtEnd()) return;
+  if (const int error = reader_->GetError(); error != 0) {
+    Complain("standard input: {}", std::strerror(error));
+    return Finish(kFailed);
+  }
+  AllSent();
+}
+
+bool Send::SendOne(std::string_view data) {
+  const keelbase::AWResult result = GetLink().Send({options_.type, options_.tag, data});
+  if (result == keelbase::AW_OK) {
+    ++sent_;
+    bytes_ += data.size();
+    return true;
+  }
+  Complain("{}: cannot send: {}", GetUrl(), keelbase::DescribeResult(static_cast<long>(result)));
+  Finish(kFailed);
+  return false;
+}
+
+void Send::AllSent() {
+  all_sent_ = true;
+  drain_.Every(kDrainPause);
+  BePatient();
+}
+
+// Done is: the system has taken everything, and all answers are there.
+void Send::CheckDone() {
+  if (GetLink().GetQueueLength() != 0) return;
+  drain_.Cancel();
+  if (replies_ >= options_.replies) Finish(kDone);
+}
+
+void Send::Received(const Message& message) {
+  if (replies_ >= options_.replies) return;
+  ++replies_;
+  GetOutput().PrintMessage(GetPeerName(), message, options_.full);
+  if (!all_sent_) return;
+  BePatient();
+  CheckDone();
+}
+
+void Send::OutOfPatience() {
+  if (const std::size_t queued = GetLink().GetQueueLength(); queued != 0) {
+    Complain("{}: the peer does not read: {} not sent within {:g} s", GetUrl(),
+             FormatBytes(static_cast<double>(queued)), GetTimeout());
+  } else {
+    Complain("{}: {} of {} answers within {:g} s", GetUrl(), replies_, options_.replies,
+             GetTimeout());
+  }
+  Finish(kFailed);
+}
+
+void Send::Lost(const std::string& reason) {
+  Complain("{}: peer gone after {} messages and {} answers: {}", GetUrl(), sent_, replies_, reason);
+  Finish(kFailed);
+}
+
+void Send::Interrupted() {
+  Complain("interrupted");
+  Finish(kFailed);
+}
+
+int Send::Summarise(int code) {
+  drain_.Cancel();
+  patience_.Cancel();
+  reader_ = nullptr;
+  GetOutput().Text("messages sent {} ({}), answers {}", sent_,
+                   FormatBytes(static_cast<double>(bytes_)), replies_);
+  Json::Value object;
+  object["event"] = "summary";
+  object["sent"] = Json::UInt64(sent_);
+  object["bytes"] = Json::UInt64(bytes_);
+  object["skipped"] = Json::UInt64(skipped_);
+  object["replies"] = Json::UInt64(replies_);
+  GetOutput().Object(object);
+  return code == kDone && skipped_ != 0 ? kFailed : code;
+}
+
+// The whole file as one message, or nothing after a complaint.
+std::optional<std::string> ReadFile(const std::string& path) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"),
+                                                             &std::fclose);
+  std::string content(kLongest + 1, '\0');
+  if (file) content.resize(std::fread(content.data(), 1, content.size(), file.get()));
+  if (!file || std::ferror(file.get()) != 0) {
+    Complain("'{}': {}", path, std::strerror(errno));
+    return std::nullopt;
+  }
+  return content;
+}
+
+int RunSend(const SendOptions& options, bool has_data, bool has_file) {
+  std::optional<std::string> message;
+  if (has_data) message = options.data;
+  if (has_file) {
+    message = ReadFile(options.file);
+    if (!message) return kFailed;
+  }
+  if (message && message->size() > kLongest) {
+    const std::string size = has_file ? "more" : fmt::format("{}", message->size());
+    Complain("{} has {} bytes; a message holds {} at most",
+             has_file ? "'" + options.file + "'" : "the data", size, kLongest);
+    return kFailed;
+  }
+  return Send(options, std::move(message)).Run();
+}
+
+}  // namespace
+
+void AddSend(CLI::App& app, Action& action) {
+  auto options = std::make_shared<SendOptions>();
+  CLI::App& command = *app.add_subcommand("send", "send messages and print the answers");
+  AddClientOptions(command, options->client);
+  command.add_option("--type", options->type, "type of the messages, 0 to 65535")
+      ->type_name("N")
+      ->capture_default_str();
+  command.add_option("--tag", options->tag, "tag of the messages, 32 bits")
+      ->type_name("N")
+      ->capture_default_str();
+  CLI::Option_group& content = *command.add_option_group("content", "exactly one of these");
+  auto* data = content.add_option("--data", options->data, "send this text")->type_name("TEXT");
+  auto* file =
+      content.add_option("--file", options->file, "send what the file holds")->type_name("FILE");
+  content.add_option("lines", options->lines, "'-': send each line of standard input as a message")
+      ->check(CLI::IsMember({"-"}));
+  content.require_option(1);
+  command.add_option("--replies", options->replies, "wait for that many answers and print them")
+      ->type_name("N")
+      ->capture_default_str();
+  command.add_flag("--full", options->full, "print long answers in full");
+  SetExamples(command,
+              "  zarn send ipc://1_2 --type 7 --data hello --replies 1\n"
+              "  tail -f some.log | zarn send ipc://1_2 --as 3_4 --type 7 -");
+  command.callback([options, data, file, &action] {
+    action = [options, has_data = data->count() != 0, has_file = file->count() != 0] {
+      return RunSend(*options, has_data, has_file);
+    };
+  });
+}
+
+}  // namespace zarn::tool
