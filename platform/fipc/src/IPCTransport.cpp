@@ -55,16 +55,19 @@ AWResult IPCTransport::GetOption(int code, void* value) {
 AWResult IPCTransport::SetOption(int code, void* value) { return socket_->SetOption(code, value); }
 
 void IPCTransport::OnBytes(keelbase::CAWMessageBlock& block) {
+  if (IsLetGo()) return;
   const CAWAutoPtr<IPCTransport> alive(this);
   sink_->OnReceive(block, this, nullptr);
 }
 
 void IPCTransport::OnRoom() {
+  if (IsLetGo()) return;
   const CAWAutoPtr<IPCTransport> alive(this);
   sink_->OnSend(this, nullptr);
 }
 
 void IPCTransport::OnEnd(long reason) {
+  if (IsLetGo()) return;
   const CAWAutoPtr<IPCTransport> alive(this);
   std::exchange(sink_, nullptr)->OnDisconnect(reason, this);
 }

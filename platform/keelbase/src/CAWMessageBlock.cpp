@@ -25,8 +25,8 @@ struct BlockBytes {
   char* End() { return Begin() + size; }
 
   static BlockBytes* Make(std::size_t size, std::size_t headroom) {
-    if (size > std::numeric_limits<std::size_t>::max() - headroom - sizeof(BlockBytes))
-      throw std::bad_alloc();
+    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(BlockBytes);
+    if (headroom > kMost || size > kMost - headroom) throw std::bad_alloc();
     return new (PoolAllocate(sizeof(BlockBytes) + headroom + size)) BlockBytes(size, headroom);
   }
 
@@ -130,6 +130,7 @@ AWResult CAWMessageBlock::AdvanceWritePtr(std::size_t length) {
 
 AWResult CAWMessageBlock::Prepend(const char* data, std::size_t length) {
   if (bytes_ == nullptr) return AW_ERROR_FAILURE;
+  if (length == 0) return AW_OK;
   if (length > static_cast<std::size_t>(read_ - bytes_->Begin())) return AW_ERROR_FAILURE;
   char* expected = read_;
   if (!bytes_->lowest.compare_exchange_strong(expected, read_ - length,

@@ -73,6 +73,7 @@ class ThreadCleanUp final : public CAWCleanUpBase {
     }
     thread.Stop();
     slot.started.join();
+    thread.GetLoop().FinishLingers();
   }
 
   static void FinishAdopted(CAWThread& thread) {
@@ -105,7 +106,6 @@ CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
       ::pthread_setname_np(::pthread_self(), name);
       loop.BindToCurrentThread();
       loop.Run();
-      loop.FinishLingers();
     });
   } catch (const std::system_error&) {
     delete thread;

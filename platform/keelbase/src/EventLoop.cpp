@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "keelbase/CAWTrace.h"
@@ -20,6 +22,9 @@ namespace keelbase::internal {
 thread_local EventLoop* EventLoop::current_ = nullptr;
 
 namespace {
+
+// Of so many looks while spinning all but one ask only the connection that was last heard.
+constexpr unsigned kLooksAtRecent = 4;
 
 // A callback that throws has left its objects in a state that nobody knows: say where, and stop.
 [[noreturn]] void StopForException(const char* loop) {
@@ -84,15 +89,19 @@ AWResult EventLoop::Run() {
     worked = PrepareSleep() ? Turn(SleepTime()) : Turn(0);
   }
   FlushTurn();
-  DropPosted();
   stop_.store(false, std::memory_order_relaxed);
   running_.store(false, std::memory_order_release);
+  DropPosted();  // from here on others may act in place
   return AW_OK;
 }
 
 void EventLoop::Stop() {
   stop_.store(true, std::memory_order_release);
   Wake();
+}
+
+bool EventLoop::IsStopping() const {
+  return stop_.load(std::memory_order_relaxed) && running_.load(std::memory_order_relaxed);
 }
 
 bool EventLoop::RunReady() {
@@ -106,7 +115,7 @@ bool EventLoop::Turn(int timeoutMs) {
     const int count = ::epoll_wait(epoll_.Get(), batch_.data(), kBatch, timeoutMs);
     bool any = count > 0 && Dispatch(count);
     if (hasPosted_.load(std::memory_order_acquire)) any |= RunPosted();
-    any |= timers_.RunDue();
+    any |= RunTimers();
     FlushTurn();
     return any;
   } catch (...) {
@@ -117,7 +126,7 @@ bool EventLoop::Turn(int timeoutMs) {
 bool EventLoop::Dispatch(int count) {
   bool any = false;
   batchEnd_ = count;
-  for (int i = 0; i < batchEnd_; ++i) {
+  for (int i = 0; i < batchEnd_ && !IsStopping(); ++i) {
     const epoll_event event = batch_[static_cast<std::size_t>(i)];
     auto* watcher = static_cast<Watcher*>(event.data.ptr);
     if (watcher == nullptr) continue;  // the wake-up, or unwatched within this turn
@@ -136,12 +145,15 @@ bool EventLoop::Spin() {
   const auto start = std::chrono::steady_clock::now();
   const auto end = start + microseconds(spin_.load(std::memory_order_relaxed));
   auto now = start;
+  unsigned looks = 0;
   do {
     if (recent_ != nullptr && recent_->OnSpin()) {
       FlushTurn();
       return true;
     }
-    if (Turn(0)) return true;
+    // Asking epoll costs more than asking the one connection that is likely to speak next.
+    const bool full = recent_ == nullptr || looks++ % kLooksAtRecent == 0;
+    if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;
     if (stop_.load(std::memory_order_acquire)) return false;
     if (now - start > microseconds(1)) {
       ::sched_yield();
@@ -208,28 +220,34 @@ bool EventLoop::RunPosted() {
     firing_.swap(posted_);
     hasPosted_.store(false, std::memory_order_relaxed);
   }
-  for (std::size_t i = 0; i < firing_.size(); ++i) {
-    if (stop_.load(std::memory_order_relaxed) && running_.load(std::memory_order_relaxed)) {
-      // What is left is dropped with the rest of the queue.
-      for (; i < firing_.size(); ++i) firing_[i]->OnDestorySelf();
-      break;
-    }
-    firing_[i]->OnEventFire();
-    firing_[i]->OnDestorySelf();
+  std::size_t fired = 0;
+  while (fired < firing_.size() && !IsStopping()) {
+    IAWEvent* event = firing_[fired++];
+    event->OnEventFire();
+    event->OnDestorySelf();
   }
-  const bool any = !firing_.empty();
-  firing_.clear();
+  firing_.erase(firing_.begin(), firing_.begin() + static_cast<std::ptrdiff_t>(fired));
+  return fired != 0;
+}
+
+bool EventLoop::RunTimers() {
+  bool any = false;
+  std::optional<Clock::Point> now;
+  while (!IsStopping() && timers_.RunNextDue(now)) any = true;
   return any;
 }
 
 void EventLoop::DropPosted() {
+  std::vector<IAWEvent*> left;
   std::vector<IAWEvent*> dropped;
+  left.swap(firing_);
   {
     const MutexLock lock(mutex_);
     closed_ = true;
     dropped.swap(posted_);
     hasPosted_.store(false, std::memory_order_relaxed);
   }
+  for (IAWEvent* event : left) event->OnDestorySelf();
   for (IAWEvent* event : dropped) event->OnDestorySelf();
 }
 

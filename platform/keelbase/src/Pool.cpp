@@ -2,6 +2,7 @@
 #include "keelbase/internal/Pool.h"
 
 #include <array>
+#include <bit>
 #include <new>
 
 namespace keelbase::internal {
@@ -21,9 +22,28 @@ constexpr bool kPooled = true;
 constexpr bool kPooled = true;
 #endif
 
+// Small classes are 64 bytes apart; large ones are powers of two from 1 KiB on, with room for a header.
 constexpr std::size_t kStep = 64;
-constexpr std::size_t kClasses = kLargestPooled / kStep;
-constexpr std::size_t kKeptPerClass = 256;
+constexpr std::size_t kLargestSmall = 512;  // bytes
+constexpr std::size_t kSmallClasses = kLargestSmall / kStep;
+constexpr std::size_t kLargeClasses = 8;
+constexpr std::size_t kClasses = kSmallClasses + kLargeClasses;
+constexpr std::size_t kKeptSmall = 256;
+constexpr std::size_t kKeptLarge = 4;
+
+constexpr std::size_t SizeOf(std::size_t index) {
+  if (index < kSmallClasses) return (index + 1) * kStep;
+  return (std::size_t{1024} << (index - kSmallClasses)) + kStep;
+}
+static_assert(SizeOf(kClasses - 1) == kLargestPooled);
+
+constexpr std::size_t ClassOf(std::size_t size) {
+  if (size <= kLargestSmall) return size == 0 ? 0 : (size - 1) / kStep;
+  const std::size_t body = size <= kStep + 1024 ? 1024 : size - kStep;
+  return kSmallClasses + static_cast<std::size_t>(std::bit_width((body - 1) / 1024));
+}
+static_assert(ClassOf(kLargestSmall + 1) == kSmallClasses && ClassOf(SizeOf(9)) == 9 &&
+              ClassOf(SizeOf(9) + 1) == 10 && ClassOf(kLargestPooled) == kClasses - 1);
 
 struct FreeNode {
   FreeNode* next;
@@ -61,7 +81,6 @@ void WatchThreadEnd() {
   freeLists.watched = true;
 }
 
-constexpr std::size_t ClassOf(std::size_t size) { return size == 0 ? 0 : (size - 1) / kStep; }
 constexpr bool IsPooled(std::size_t size) { return kPooled && size <= kLargestPooled; }
 
 }  // namespace
@@ -71,7 +90,7 @@ void* PoolAllocate(std::size_t size) {
   const std::size_t index = ClassOf(size);
   FreeList& list = freeLists.lists[index];
   FreeNode* node = list.first;
-  if (node == nullptr) return ::operator new((index + 1) * kStep);
+  if (node == nullptr) return ::operator new(SizeOf(index));
   list.first = node->next;
   --list.count;
   return node;
@@ -80,8 +99,9 @@ void* PoolAllocate(std::size_t size) {
 void PoolFree(void* memory, std::size_t size) noexcept {
   if (memory == nullptr) return;
   if (!IsPooled(size) || freeLists.closed) return ::operator delete(memory);
-  FreeList& list = freeLists.lists[ClassOf(size)];
-  if (list.count >= kKeptPerClass) return ::operator delete(memory);
+  const std::size_t index = ClassOf(size);
+  FreeList& list = freeLists.lists[index];
+  if (list.count >= (index < kSmallClasses ? kKeptSmall : kKeptLarge)) return ::operator delete(memory);
   if (!freeLists.watched) WatchThreadEnd();
   list.first = new (memory) FreeNode{list.first};
   ++list.count;

@@ -13,8 +13,9 @@ namespace keelbase::internal {
 
 namespace {
 
-// From here on one sendmsg from the caller's bytes is cheaper than a copy into the gather buffer.
-constexpr std::size_t kDirectSize = 4096;
+// From here on one sendmsg from the caller's bytes is cheaper than a copy into the gather buffer: each
+// write wakes the peer, so that gathering two messages of 16 KiB pays for their copy.
+constexpr std::size_t kDirectSize = 32 * 1024;
 
 constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
 
@@ -51,13 +52,13 @@ class Pieces {
   std::size_t total_ = 0;
 };
 
-// Looks no further than it must: a chain may be long.
-bool HoldsAtLeast(const CAWMessageBlock& chain, std::size_t length) {
-  std::size_t held = 0;
-  for (const CAWMessageBlock* block = &chain; block != nullptr && held < length;
+// The length of a chain, or something from `enough` on: a chain may be long.
+std::size_t LengthUpTo(const CAWMessageBlock& chain, std::size_t enough) {
+  std::size_t length = 0;
+  for (const CAWMessageBlock* block = &chain; block != nullptr && length < enough;
        block = block->GetNext())
-    held += block->GetLength();
-  return held >= length;
+    length += block->GetLength();
+  return length;
 }
 
 bool IsWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
@@ -85,12 +86,14 @@ AWResult StreamSocket::Open(StreamSocketSink* sink) {
   sink_ = sink;
   state_ = State::open;
   UpdateWatch();
+  if (writeError_ != 0) WantTurnEnd();
   return AW_OK;
 }
 
 // --- events ---
 
 void StreamSocket::UpdateWatch() {
+  if (state_ == State::fresh) return;  // nobody to tell; Open looks after it
   std::uint32_t events = 0;
   if (state_ == State::open) events |= EPOLLRDHUP | (reading_ ? EPOLLIN : 0U);
   if (blocked_) events |= EPOLLOUT;
@@ -201,38 +204,30 @@ AWResult StreamSocket::Send(CAWMessageBlock& chain) {
   if (writeError_ != 0) return static_cast<AWResult>(writeError_);
   if (state_ == State::ended) return AW_ERROR_FAILURE;
 
-  bool taken = false;
-  if (HoldsAtLeast(chain, kDirectSize)) {
-    taken = !blocked_ && WriteOut(&chain);
-  } else {
-    try {
-      taken = CopyIn(chain);
-    } catch (const std::bad_alloc&) {
-      return AW_ERROR_FAILURE;
-    }
+  const std::size_t length = LengthUpTo(chain, kDirectSize);
+  if (length == 0) return AW_OK;
+  try {
+    if (length < kDirectSize && CopyIn(chain, length)) return AW_OK;
+  } catch (const std::bad_alloc&) {
+    return AW_ERROR_FAILURE;
   }
+  const bool taken = !blocked_ && WriteOut(&chain);
   if (taken) ++counters_.blocksSent;
-  if (!HoldsAtLeast(chain, 1)) return AW_OK;
+  if (LengthUpTo(chain, 1) == 0) return AW_OK;
   if (!taken && writeError_ != 0) return static_cast<AWResult>(writeError_);
   ++counters_.partialSends;
   roomWanted_ = true;
   return AW_ERROR_PARTIAL_DATA;
 }
 
-// Gathers all of a small chain, or nothing when there is no room and the system takes no more.
-bool StreamSocket::CopyIn(CAWMessageBlock& chain) {
-  const std::size_t length = chain.GetChainedLength();
-  if (length == 0) return false;
+// Gathers a small chain, if there is room for all of it.
+bool StreamSocket::CopyIn(CAWMessageBlock& chain, std::size_t length) {
   if (gather_ == nullptr) gather_ = loop_.Buffers().TakeGather();
-  if (length > kGatherSize - gatherEnd_) {
-    if (blocked_) return false;
-    WriteOut(nullptr);
-    if (length > kGatherSize - gatherEnd_ || writeError_ != 0) return false;
-    if (gather_ == nullptr) gather_ = loop_.Buffers().TakeGather();
-  }
+  if (length > kGatherSize - gatherEnd_) return false;
   chain.CopyChained(gather_->data() + gatherEnd_, length);
   chain.AdvanceChainedReadPtr(length);
   gatherEnd_ += length;
+  ++counters_.blocksSent;
   counters_.queuedHighMark = std::max<std::uint64_t>(counters_.queuedHighMark, Gathered());
   WantTurnEnd();
   return true;

@@ -28,9 +28,14 @@ void TimerQueue::Add(Timer& timer, Clock::Point due) {
 
 void TimerQueue::Remove(Timer& timer, bool onLoopThread) {
   MutexLock lock(mutex_);
-  if (timer.place_) timers_.erase(*std::exchange(timer.place_, std::nullopt));
+  Forget(timer);
   if (onLoopThread) return;
   while (firing_ == &timer) lock.Wait(fired_);
+  Forget(timer);  // the call may have started it again
+}
+
+void TimerQueue::Forget(Timer& timer) {
+  if (timer.place_) timers_.erase(*std::exchange(timer.place_, std::nullopt));
 }
 
 bool TimerQueue::Contains(const Timer& timer) const {
@@ -58,24 +63,21 @@ void TimerQueue::Reschedule(Timer& timer, Clock::Point now) {
   timer.place_ = timers_.insert(std::move(node));
 }
 
-bool TimerQueue::RunDue() {
+bool TimerQueue::RunNextDue(std::optional<Clock::Point>& now) {
   MutexLock lock(mutex_);
   if (timers_.empty()) return false;
-  const Clock::Point now = Clock::Now();
-  bool any = false;
-  while (!timers_.empty() && timers_.begin()->first <= now) {
-    Timer& timer = *timers_.begin()->second;
-    Reschedule(timer, now);
-    firing_ = &timer;
-    const Timer::Function function = timer.function_;
-    lock.Unlock();
-    function();
-    lock.Lock();
-    firing_ = nullptr;
-    fired_.notify_all();
-    any = true;
-  }
-  return any;
+  if (!now) now = Clock::Now();
+  if (timers_.begin()->first > *now) return false;
+  Timer& timer = *timers_.begin()->second;
+  Reschedule(timer, *now);
+  firing_ = &timer;
+  const Timer::Function function = timer.function_;
+  lock.Unlock();
+  function();
+  lock.Lock();
+  firing_ = nullptr;
+  fired_.notify_all();
+  return true;
 }
 
 }  // namespace keelbase::internal

@@ -108,6 +108,8 @@ class KEELBASE_API EventLoop {
   bool Turn(int timeoutMs);
   bool Dispatch(int count);
   bool RunPosted();
+  bool RunTimers();
+  bool IsStopping() const;
   void FlushTurn();
   bool Spin();
   int SleepTime() const;
@@ -130,7 +132,7 @@ class KEELBASE_API EventLoop {
   bool closed_ AW_GUARDED_BY(mutex_) = false;
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   std::atomic<bool> hasPosted_{false};
-  std::vector<IAWEvent*> firing_;
+  std::vector<IAWEvent*> firing_;  // a stop may leave some behind
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};

@@ -30,6 +30,9 @@ class LoopObject : public Interface {
   // The last reference is gone; on the thread that dropped it. After this no callback may come.
   virtual void OnLastReference() {}
 
+  // The last reference is gone, but the object may still wait for its loop to destroy it.
+  bool IsLetGo() const { return destroying_.load(std::memory_order_acquire); }
+
  private:
   class DestroyThere final : public IAWEvent {
    public:

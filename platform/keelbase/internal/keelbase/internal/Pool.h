@@ -1,4 +1,4 @@
-// Pool.h - per-thread free lists for small objects that are made and freed all the time.
+// Pool.h - per-thread free lists for what is made and freed all the time: objects and buffers.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,6 @@ namespace keelbase::internal {
 KEELBASE_API void* PoolAllocate(std::size_t size);
 KEELBASE_API void PoolFree(void* memory, std::size_t size) noexcept;
 
-inline constexpr std::size_t kLargestPooled = 512;
+inline constexpr std::size_t kLargestPooled = 128 * 1024 + 64;
 
 }  // namespace keelbase::internal

@@ -81,7 +81,7 @@ class KEELBASE_API StreamSocket final : public CAWReferenceControlT<CAWMutexThre
 
   void GiveGather();
   std::size_t Gathered() const { return gatherEnd_ - gatherBegin_; }
-  bool CopyIn(CAWMessageBlock& chain);
+  bool CopyIn(CAWMessageBlock& chain, std::size_t length);
   void WantTurnEnd();
   bool WriteOut(CAWMessageBlock* chain);
   void WriteLingerData();

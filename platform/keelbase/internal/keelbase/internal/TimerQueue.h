@@ -52,9 +52,13 @@ class TimerQueue {
   bool Contains(const Timer& timer) const;
 
   std::optional<Clock::Point> NextDue() const;
-  bool RunDue();  // whether any timer fired
+
+  // Fires the first timer that is due; false when there is none. `now` is read when it is needed and is
+  // the same for all that fire in one turn.
+  bool RunNextDue(std::optional<Clock::Point>& now);
 
  private:
+  void Forget(Timer& timer) AW_REQUIRES(mutex_);
   void Reschedule(Timer& timer, Clock::Point now) AW_REQUIRES(mutex_);
 
   mutable Mutex mutex_;
