@@ -3,6 +3,7 @@
 //   ZARN_ROOT=/opt/zarn echo_client 3 4 1 2 "hello"     we are 3_4, the peer listens at 1_2
 //
 // Start it before the server, or kill the server and start it again: it connects as soon as it can.
+#include <keelbase/CAWThreadManager.h>
 #include <zarn/utils/CZARNLibClientChannel.h>
 #include <zarn/utils/zarnutils.h>
 
@@ -10,8 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-
-#include <keelbase/CAWThreadManager.h>
 
 namespace {
 
@@ -57,7 +56,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (zarn::utils::ZARNLibInit() != 0) {
-    std::fprintf(stderr, "echo_client: ZARN_ROOT must name a directory that has a directory system\n");
+    std::fprintf(stderr,
+                 "echo_client: ZARN_ROOT must name a directory that has a directory system\n");
     return 1;
   }
   // A small process can run its network loop on main.

@@ -1,6 +1,7 @@
 // echo_server.cpp - listens at an endpoint and sends every message back.
 //
 //   ZARN_ROOT=/opt/zarn echo_server 1 2        listens at 1_2 until SIGINT or SIGTERM
+#include <keelbase/CAWThreadManager.h>
 #include <zarn/utils/CZARNLibServerChannel.h>
 #include <zarn/utils/zarnutils.h>
 
@@ -11,8 +12,6 @@
 #include <memory>
 #include <thread>
 #include <unordered_map>
-
-#include <keelbase/CAWThreadManager.h>
 
 namespace {
 
@@ -81,7 +80,8 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
   if (zarn::utils::ZARNLibInit() != 0) {
-    std::fprintf(stderr, "echo_server: ZARN_ROOT must name a directory that has a directory system\n");
+    std::fprintf(stderr,
+                 "echo_server: ZARN_ROOT must name a directory that has a directory system\n");
     return 1;
   }
   auto* threads = keelbase::CAWThreadManager::Instance();

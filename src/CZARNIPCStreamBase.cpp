@@ -37,7 +37,7 @@ AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
   const AWResult made = fipc::CAWIPCManager::Instance()->CreateConnector(1, connector_);
   if (made != AW_OK) return made;
   closed_ = false;
-  connect_issued_ = true;
+  connectIssued_ = true;
   return connector_->AsyncConnect(this, peer, 0, local);
 }
 
@@ -59,11 +59,11 @@ AWResult CZARNIPCStreamBase::SetTransportHandle(
   DropTransport(0);
   transport_ = transport;
   closed_ = false;
-  read_gate_.Reset();
+  readGate_.Reset();
   if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  transport_->GetOption(keelbase::AW_OPT_PEER_ADDRESS, &peer_addr_);
-  transport_->GetOption(keelbase::AW_OPT_LOCAL_ADDRESS, &local_addr_);
-  transport_attached_ = true;
+  transport_->GetOption(keelbase::AW_OPT_PEER_ADDRESS, &peerAddr_);
+  transport_->GetOption(keelbase::AW_OPT_LOCAL_ADDRESS, &localAddr_);
+  transportAttached_ = true;
   ++counters_.connects;
   return AW_OK;
 }
@@ -80,7 +80,7 @@ AWResult CZARNIPCStreamBase::Close(long reason) {
 
 void CZARNIPCStreamBase::OnDisconnect(long reason, fipc::IAWIPCTransport*) {
   transport_ = nullptr;
-  transport_attached_ = false;
+  transportAttached_ = false;
   closed_ = true;
   Close(0);
   Report(reason);
@@ -99,9 +99,9 @@ void CZARNIPCStreamBase::DropTransport(long reason) {
 // Nothing that SendMsg accepted is lost: the transport goes on with it.
 void CZARNIPCStreamBase::EndConnection(long reason) {
   generation_.Raise();
-  if (transport_) send_queue_.LeaveTo(*transport_);
+  if (transport_) sendQueue_.LeaveTo(*transport_);
   DropTransport(reason);
-  send_queue_.Clear();
+  sendQueue_.Clear();
   received_.Clear();
 }
 
@@ -142,7 +142,7 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
   }
   held.Consume(pass.consumed);
   received_ = std::move(held);
-  read_gate_.Apply(transport_.Get(), received_.GetLength());
+  readGate_.Apply(transport_.Get(), received_.GetLength());
 }
 
 AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
@@ -161,17 +161,17 @@ AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
 }
 
 void CZARNIPCStreamBase::SetReceiveLimit(std::size_t bytes) {
-  read_gate_.SetLimit(bytes);
-  read_gate_.Apply(transport_.Get(), received_.GetLength());
+  readGate_.SetLimit(bytes);
+  readGate_.Apply(transport_.Get(), received_.GetLength());
 }
 
 void CZARNIPCStreamBase::StopReading() {
-  read_gate_.Stop();
-  read_gate_.Apply(transport_.Get(), received_.GetLength());
+  readGate_.Stop();
+  readGate_.Apply(transport_.Get(), received_.GetLength());
 }
 
 void CZARNIPCStreamBase::StopAtMalformedFrame() {
-  if (!read_gate_.IsStopped()) ++counters_.malformedFrames;
+  if (!readGate_.IsStopped()) ++counters_.malformedFrames;
   StopReading();
 }
 
@@ -181,9 +181,9 @@ AWResult CZARNIPCStreamBase::SendMsg(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::SendMsg");
   if (!transport_) return AW_ERROR_NOT_INITIALIZED;
   const std::size_t length = data.GetChainedLength();
-  const AWResult result = send_queue_.SendInOrder(
+  const AWResult result = sendQueue_.SendInOrder(
       data, [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
-  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, send_queue_.GetLength());
+  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, sendQueue_.GetLength());
   if (result == AW_ERROR_PARTIAL_DATA) {
     Close(AW_ERROR_FAILURE);  // whatever came next would be taken for the rest of this message
     return AW_ERROR_FAILURE;
@@ -202,9 +202,8 @@ AWResult CZARNIPCStreamBase::SendMsg(const char* data, std::size_t len) {
 }
 
 void CZARNIPCStreamBase::OnSend(fipc::IAWIPCTransport*, fipc::CAWIPCTransportParameter*) {
-  if (!transport_ || send_queue_.IsEmpty()) return;
-  send_queue_.Offer(
-      [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  if (!transport_ || sendQueue_.IsEmpty()) return;
+  sendQueue_.Offer([this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
 }
 
 }  // namespace zarn::utils

@@ -21,10 +21,10 @@ CZARNLibClientChannel::~CZARNLibClientChannel() = default;
 
 AWResult CZARNLibClientChannel::Init(std::uint16_t localFirst, std::uint16_t localSecond,
                                      std::uint16_t peerFirst, std::uint16_t peerSecond) {
-  local_first_ = localFirst;
-  local_second_ = localSecond;
-  peer_first_ = peerFirst;
-  peer_second_ = peerSecond;
+  localFirst_ = localFirst;
+  localSecond_ = localSecond;
+  peerFirst_ = peerFirst;
+  peerSecond_ = peerSecond;
   return ConnectToPeer();
 }
 
@@ -33,8 +33,8 @@ AWResult CZARNLibClientChannel::ConnectToPeer() {
   keelbase::CAWIPCAddr local;
   keelbase::CAWIPCAddr peer;
   // The factory puts its second number first in the name.
-  if (ZARNCreateIPCAddr(local_second_, local_first_, local) != AW_OK ||
-      ZARNCreateIPCAddr(peer_second_, peer_first_, peer) != AW_OK)
+  if (ZARNCreateIPCAddr(localSecond_, localFirst_, local) != AW_OK ||
+      ZARNCreateIPCAddr(peerSecond_, peerFirst_, peer) != AW_OK)
     return AW_ERROR_FAILURE;
   return Connect(peer, &local);
 }

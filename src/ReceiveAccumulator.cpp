@@ -22,8 +22,8 @@ constexpr std::size_t kShortRest = 4096;
 AWResult ReceiveAccumulator::Append(const CAWMessageBlock& data) try {
   const std::size_t length = data.GetChainedLength();
   if (length == 0) return AW_OK;
-  const bool worth_adopting = data.GetNext() == nullptr && length >= GetLength();
-  if (!worth_adopting || !Adopt(data)) Copy(data, length);
+  const bool worthAdopting = data.GetNext() == nullptr && length >= GetLength();
+  if (!worthAdopting || !Adopt(data)) Copy(data, length);
   return AW_OK;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;

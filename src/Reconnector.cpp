@@ -20,7 +20,7 @@ void Reconnector::Start() {
 }
 
 void Reconnector::SetConnected() {
-  retry_count_ = 0;
+  retryCount_ = 0;
   timer_.Cancel();
   connected_ = true;
 }
@@ -35,7 +35,7 @@ bool Reconnector::NextAttempt() {
     timer_.Cancel();
     return false;
   }
-  ++retry_count_;
+  ++retryCount_;
   return true;
 }
 

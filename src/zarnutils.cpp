@@ -198,10 +198,10 @@ int uuid4_init() {
 
 void uuid4_generate(char* dst) {
   constexpr int kLength = 12;
-  const std::uint64_t low_digits = NextRandom();  // sixteen nibbles, of which twelve are used
-  NextRandom();                                   // keeps the step of two for each text
+  const std::uint64_t lowDigits = NextRandom();  // sixteen nibbles, of which twelve are used
+  NextRandom();                                  // keeps the step of two for each text
   for (int i = 0; i < kLength; ++i) {
-    const auto nibble = static_cast<char>((low_digits >> (4 * i)) & 0xf);
+    const auto nibble = static_cast<char>((lowDigits >> (4 * i)) & 0xf);
     dst[i] = nibble < 10 ? static_cast<char>('0' + nibble) : '\0';
   }
   dst[kLength] = '\0';

@@ -69,11 +69,11 @@ class Bench final : public ClientCommand {
   // The measurement under way. Messages carry its number as their tag.
   std::string payload_;
   std::uint32_t number_ = 0;
-  std::uint32_t under_way_ = 0;
+  std::uint32_t underWay_ = 0;
   std::uint64_t answers_ = 0;
-  Clock::time_point started_at_;
-  Clock::time_point last_answer_;  // with one message under way also when that was sent
-  Clock::time_point end_at_;
+  Clock::time_point startedAt_;
+  Clock::time_point lastAnswer_;  // with one message under way also when that was sent
+  Clock::time_point endAt_;
 };
 
 void Bench::Begin() {
@@ -93,17 +93,17 @@ void Bench::StartRow() {
 void Bench::StartMeasurement(std::uint32_t window) {
   ++number_;
   answers_ = 0;
-  started_at_ = last_answer_ = Clock::now();
-  end_at_ = started_at_ + std::chrono::duration_cast<Clock::duration>(
-                              std::chrono::duration<double>(options_.seconds));
-  for (under_way_ = 0; under_way_ < window;)
+  startedAt_ = lastAnswer_ = Clock::now();
+  endAt_ = startedAt_ + std::chrono::duration_cast<Clock::duration>(
+                            std::chrono::duration<double>(options_.seconds));
+  for (underWay_ = 0; underWay_ < window;)
     if (!SendOne()) return;
 }
 
 bool Bench::SendOne() {
   const keelbase::AWResult result = GetLink().Send({options_.type, number_, payload_});
   if (result == keelbase::AW_OK) {
-    ++under_way_;
+    ++underWay_;
     return true;
   }
   Complain("{}: cannot send: {}", GetUrl(), keelbase::DescribeResult(static_cast<long>(result)));
@@ -113,22 +113,22 @@ bool Bench::SendOne() {
 
 // After the end of the measurement what is under way still comes, and counts.
 void Bench::Received(const Message& message) {
-  if (message.type != options_.type || message.tag != number_ || under_way_ == 0) return;
+  if (message.type != options_.type || message.tag != number_ || underWay_ == 0) return;
   const auto now = Clock::now();
-  if (!IsPipelined()) rows_.back().round_trips->Add(now - last_answer_);
-  last_answer_ = now;
+  if (!IsPipelined()) rows_.back().round_trips->Add(now - lastAnswer_);
+  lastAnswer_ = now;
   ++answers_;
-  --under_way_;
-  if (now < end_at_) {
+  --underWay_;
+  if (now < endAt_) {
     SendOne();
-  } else if (under_way_ == 0) {
+  } else if (underWay_ == 0) {
     EndMeasurement();
   }
 }
 
 void Bench::EndMeasurement() {
   Row& row = rows_.back();
-  const double seconds = std::chrono::duration<double>(last_answer_ - started_at_).count();
+  const double seconds = std::chrono::duration<double>(lastAnswer_ - startedAt_).count();
   const double rate = static_cast<double>(answers_) / seconds;
   if (!IsPipelined()) {
     row.round_trips_per_second = rate;
@@ -143,13 +143,13 @@ void Bench::EndMeasurement() {
 }
 
 void Bench::Watch() {
-  if (GetTimeout() > 0 && SecondsSince(last_answer_) > GetTimeout()) {
+  if (GetTimeout() > 0 && SecondsSince(lastAnswer_) > GetTimeout()) {
     Complain(
         "{}: no answer within {:g} s: does the peer send everything back, as zarn serve --echo?",
         GetUrl(), GetTimeout());
     return Finish(kFailed);
   }
-  const double part = std::min(SecondsSince(started_at_) / options_.seconds, 1.0);
+  const double part = std::min(SecondsSince(startedAt_) / options_.seconds, 1.0);
   const double done = static_cast<double>(number_ - 1) + part;
   progress_.Show(
       done / static_cast<double>(2 * options_.sizes.size()),

@@ -7,7 +7,7 @@ ClientCommand::ClientCommand(const ClientOptions& options)
     : options_(options),
       output_(options.json),
       loop_([this] { Interrupted(); }),
-      give_up_([this] { GiveUp(); }) {
+      giveUp_([this] { GiveUp(); }) {
   output_.SetHooks([this] { loop_.Post([this] { output_.Flush(); }); },
                    [this] { loop_.Finish(kFailed); });
 }
@@ -19,7 +19,7 @@ int ClientCommand::Run() {
     Complain("{}", problem);
     return kFailed;
   }
-  if (options_.timeout > 0) give_up_.Once(options_.timeout);
+  if (options_.timeout > 0) giveUp_.Once(options_.timeout);
   int code = loop_.Run();
   if (begun_) code = Summarise(code);
   link_->Close();
@@ -28,24 +28,24 @@ int ClientCommand::Run() {
 
 void ClientCommand::OnUp() {
   up_ = true;
-  give_up_.Cancel();
-  if (begun_) return Back(SecondsSince(lost_at_));
+  giveUp_.Cancel();
+  if (begun_) return Back(SecondsSince(lostAt_));
   begun_ = true;
   Begin();
 }
 
 // Comes for every attempt that fails, too.
 void ClientCommand::OnDown(long reason) {
-  last_reason_ = link_->Explain(reason);
-  const bool was_up = up_;
+  lastReason_ = link_->Explain(reason);
+  const bool wasUp = up_;
   up_ = false;
-  if (!was_up) return;
-  lost_at_ = Clock::now();
-  Lost(last_reason_);
+  if (!wasUp) return;
+  lostAt_ = Clock::now();
+  Lost(lastReason_);
 }
 
 void ClientCommand::GiveUp() {
-  Complain("{}: not reachable within {:g} s: {}", GetUrl(), options_.timeout, last_reason_);
+  Complain("{}: not reachable within {:g} s: {}", GetUrl(), options_.timeout, lastReason_);
   Finish(kUnreachable);
 }
 

@@ -28,7 +28,7 @@ class ClientCommand : private ClientSink {
 
   virtual void Begin() = 0;  // connected for the first time
   virtual void Lost(const std::string& reason) = 0;
-  virtual void Back(double /*seconds_away*/) {}
+  virtual void Back(double /*secondsAway*/) {}
   virtual void Received(const Message& message) = 0;
   virtual void Room() {}
   virtual void Interrupted() = 0;       // calls Finish; also before Begin
@@ -55,11 +55,11 @@ class ClientCommand : private ClientSink {
   Output output_;
   Loop loop_;
   std::unique_ptr<ClientLink> link_;
-  Timer give_up_;
-  std::string last_reason_ = "no answer to the connect";
+  Timer giveUp_;
+  std::string lastReason_ = "no answer to the connect";
   bool up_ = false;
   bool begun_ = false;
-  Clock::time_point lost_at_;
+  Clock::time_point lostAt_;
 };
 
 double SecondsSince(std::chrono::steady_clock::time_point start);

@@ -23,15 +23,15 @@ namespace {
 
 struct Directory {
   const char* name;
-  std::string below_root;
-  enum Need { needed, made_on_demand, optional } need;
+  std::string belowRoot;
+  enum Need { needed, madeOnDemand, optional } need;
 };
 
 const Directory kDirectories[] = {
     {"root", "", Directory::needed},
     {"system", "/system", Directory::needed},
-    {"zarn", "/system/zarn", Directory::made_on_demand},
-    {"ipc", "/system/zarn/ipc", Directory::made_on_demand},
+    {"zarn", "/system/zarn", Directory::madeOnDemand},
+    {"ipc", "/system/zarn/ipc", Directory::madeOnDemand},
     {"bin", "/bin", Directory::optional},
     {"libs", "/libs", Directory::optional},
     {"logs", "/logs", Directory::optional},
@@ -48,7 +48,7 @@ Finding ExamineMissing(const Directory& directory, int error) {
   switch (directory.need) {
     case Directory::needed:
       return {"wrong", "missing: make it with 'mkdir -p -m 700'"};
-    case Directory::made_on_demand:
+    case Directory::madeOnDemand:
       return {"missing", "made when it is needed"};
     case Directory::optional:
       break;
@@ -69,7 +69,7 @@ Finding Examine(const Directory& directory, const std::string& path) {
                     status.st_mode & 07777));
   if (status.st_uid != ::geteuid() && status.st_uid != 0)
     problems.push_back(fmt::format("belongs to user {}", status.st_uid));
-  const bool written = directory.need != Directory::needed || directory.below_root == "/system";
+  const bool written = directory.need != Directory::needed || directory.belowRoot == "/system";
   if (written && ::access(path.c_str(), W_OK | X_OK) != 0)
     problems.push_back(std::string("not writable: ") + std::strerror(errno));
   if (problems.empty()) return {"ok", ""};
@@ -78,7 +78,7 @@ Finding Examine(const Directory& directory, const std::string& path) {
 
 // True when nothing is wrong with it.
 bool PrintDirectory(Output& output, const Directory& directory, const std::string& root) {
-  const std::string path = root + directory.below_root;
+  const std::string path = root + directory.belowRoot;
   const Finding finding = Examine(directory, path);
   output.Text("{:<8} {:<8} {}{}", directory.name, finding.state, Escape(path),
               finding.detail.empty() ? "" : " (" + finding.detail + ")");

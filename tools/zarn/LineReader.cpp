@@ -96,9 +96,9 @@ void LineReader::AddBytes(const char* data, std::size_t size) {
 
 void LineReader::AddPart(const char* data, std::size_t size) {
   started_ = true;
-  if (current_.too_long) return;
-  current_.too_long = size > longest_ - current_.text.size();
-  if (current_.too_long) {
+  if (current_.tooLong) return;
+  current_.tooLong = size > longest_ - current_.text.size();
+  if (current_.tooLong) {
     current_.text = {};
   } else {
     current_.text.append(data, size);

@@ -17,7 +17,7 @@ namespace zarn::tool {
 struct Line {
   std::string text;  // without its line end
   std::size_t number = 0;
-  bool too_long = false;  // more than the limit; the text is empty then
+  bool tooLong = false;  // more than the limit; the text is empty then
 };
 
 // Reads on a thread of its own and holds at most about a MiB: it waits until lines are taken.

@@ -58,8 +58,8 @@ std::size_t PrintableLength(std::string_view bytes) {
   constexpr unsigned kLeast[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control codes
   const bool surrogate = code >= 0xd800 && code <= 0xdfff;
   const bool direction = (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
-  const bool line_end = code == 0x2028 || code == 0x2029;
-  if (code < kLeast[length] || code > 0x10ffff || surrogate || direction || line_end) return 0;
+  const bool lineEnd = code == 0x2028 || code == 0x2029;
+  if (code < kLeast[length] || code > 0x10ffff || surrogate || direction || lineEnd) return 0;
   return length;
 }
 
@@ -79,8 +79,8 @@ std::string EscapeByte(char byte) {
 }  // namespace
 
 void Output::SetHooks(std::function<void()> dirty, std::function<void()> failed) {
-  on_dirty_ = std::move(dirty);
-  on_failed_ = std::move(failed);
+  onDirty_ = std::move(dirty);
+  onFailed_ = std::move(failed);
 }
 
 void Output::Object(const Json::Value& object) {
@@ -117,12 +117,12 @@ void Output::PrintMessage(const std::string& peer, const Message& message, bool 
 
 void Output::AddLine(std::string_view line) {
   if (failed_) return;
-  const bool was_empty = waiting_.empty();
+  const bool wasEmpty = waiting_.empty();
   waiting_.append(line).push_back('\n');
   if (waiting_.size() >= kFlushSize) {
     Flush();
-  } else if (was_empty && on_dirty_) {
-    on_dirty_();
+  } else if (wasEmpty && onDirty_) {
+    onDirty_();
   }
 }
 
@@ -137,7 +137,7 @@ bool Output::Flush() {
 void Output::Fail(int error) {
   failed_ = true;
   if (error != EPIPE) Complain("standard output: {}", std::strerror(error));
-  if (on_failed_) on_failed_();
+  if (onFailed_) onFailed_();
 }
 
 void ComplainLine(const std::string& text) { WriteAll(STDERR_FILENO, "zarn: " + text + "\n"); }

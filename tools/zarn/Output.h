@@ -46,8 +46,8 @@ class Output {
   const bool json_;
   bool failed_ = false;
   std::string waiting_;
-  std::function<void()> on_dirty_;
-  std::function<void()> on_failed_;
+  std::function<void()> onDirty_;
+  std::function<void()> onFailed_;
 };
 
 // One line on standard error.

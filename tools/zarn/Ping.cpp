@@ -32,13 +32,13 @@ class Ping final : public ClientCommand {
 
  private:
   struct Probe {
-    Clock::time_point sent_at;
+    Clock::time_point sentAt;
     bool settled;  // answered or lost
   };
 
   void Begin() override;
   void Lost(const std::string& reason) override;
-  void Back(double seconds_away) override;
+  void Back(double secondsAway) override;
   void Received(const Message& message) override;
   void Interrupted() override { Finish(kDone); }
   int Summarise(int code) override;
@@ -56,14 +56,14 @@ class Ping final : public ClientCommand {
   void PrintReply(std::uint32_t sequence, double microseconds);
   void PrintLoss(std::uint32_t sequence);
   void PrintInterval();
-  void PrintState(const char* event, const std::string& text, double seconds_away);
+  void PrintState(const char* event, const std::string& text, double secondsAway);
 
   const PingOptions options_;
   const std::string payload_;
   Timer next_;
   Timer expire_;
   Timer report_;
-  Clock::time_point started_at_;
+  Clock::time_point startedAt_;
 
   std::deque<Probe> probes_;  // sent, from the oldest on that is not settled
   std::uint64_t first_ = 0;   // sequence number of the front; the tag is its low 32 bits
@@ -73,7 +73,7 @@ class Ping final : public ClientCommand {
   std::uint64_t altered_ = 0;
   std::unique_ptr<Latency> all_ = std::make_unique<Latency>();
   std::unique_ptr<Latency> recent_ = std::make_unique<Latency>();
-  std::uint64_t recent_lost_ = 0;
+  std::uint64_t recentLost_ = 0;
 };
 
 std::string MakePayload(std::uint32_t size) {
@@ -95,7 +95,7 @@ Ping::Ping(const PingOptions& options)
 // --- sending ---
 
 void Ping::Begin() {
-  started_at_ = Clock::now();
+  startedAt_ = Clock::now();
   GetOutput().Text("ping {}: {} bytes", GetUrl(), options_.size);
   if (GetTimeout() > 0) expire_.Every(std::clamp(GetTimeout() / 10, 0.001, 0.1));
   if (IsBackToBack()) {
@@ -145,7 +145,7 @@ void Ping::Received(const Message& message) {
 }
 
 void Ping::Answered(std::uint32_t sequence, Probe& probe) {
-  const Clock::duration took = Clock::now() - probe.sent_at;
+  const Clock::duration took = Clock::now() - probe.sentAt;
   probe.settled = true;
   all_->Add(took);
   if (IsBackToBack()) {
@@ -165,7 +165,7 @@ void Ping::DropSettled() {
 
 void Ping::Lose(std::size_t index) {
   ++lost_;
-  ++recent_lost_;
+  ++recentLost_;
   if (!options_.quiet && !IsBackToBack()) PrintLoss(static_cast<std::uint32_t>(first_ + index));
   probes_[index].settled = true;
   DropSettled();
@@ -173,9 +173,9 @@ void Ping::Lose(std::size_t index) {
 
 void Ping::Expire() {
   const auto limit = Clock::now() - std::chrono::duration<double>(GetTimeout());
-  const std::uint64_t lost_before = lost_;
-  while (!probes_.empty() && probes_.front().sent_at < limit) Lose(0);
-  if (lost_ != lost_before) Next();
+  const std::uint64_t lostBefore = lost_;
+  while (!probes_.empty() && probes_.front().sentAt < limit) Lose(0);
+  if (lost_ != lostBefore) Next();
 }
 
 void Ping::FinishIfDone() {
@@ -190,8 +190,8 @@ void Ping::Lost(const std::string& reason) {
   Next();
 }
 
-void Ping::Back(double seconds_away) {
-  PrintState("back", fmt::format("connected again after {:.1f} s", seconds_away), seconds_away);
+void Ping::Back(double secondsAway) {
+  PrintState("back", fmt::format("connected again after {:.1f} s", secondsAway), secondsAway);
   if (!IsBackToBack()) return;
   next_.Cancel();
   SendProbe();
@@ -221,25 +221,25 @@ void Ping::PrintLoss(std::uint32_t sequence) {
 
 void Ping::PrintInterval() {
   GetOutput().Text("{} round trips, {} lost, p50 {:.1f} us, p99 {:.1f} us", recent_->GetCount(),
-                   recent_lost_, recent_->GetPercentile(50), recent_->GetPercentile(99));
+                   recentLost_, recent_->GetPercentile(50), recent_->GetPercentile(99));
   Json::Value object;
   object["event"] = "interval";
   object["received"] = Json::UInt64(recent_->GetCount());
-  object["lost"] = Json::UInt64(recent_lost_);
+  object["lost"] = Json::UInt64(recentLost_);
   object["p50_us"] = recent_->GetPercentile(50);
   object["p99_us"] = recent_->GetPercentile(99);
   GetOutput().Object(object);
   *recent_ = Latency();
-  recent_lost_ = 0;
+  recentLost_ = 0;
 }
 
-void Ping::PrintState(const char* event, const std::string& text, double seconds_away) {
+void Ping::PrintState(const char* event, const std::string& text, double secondsAway) {
   if (options_.quiet) return;
   GetOutput().Text("{}", text);
   Json::Value object;
   object["event"] = event;
   object["text"] = text;
-  if (seconds_away > 0) object["away_s"] = seconds_away;
+  if (secondsAway > 0) object["away_s"] = secondsAway;
   GetOutput().Object(object);
 }
 
@@ -249,7 +249,7 @@ int Ping::Summarise(int code) {
   const std::uint64_t settled = received + lost_;
   const double percent =
       settled == 0 ? 0 : 100 * static_cast<double>(lost_) / static_cast<double>(settled);
-  const double seconds = SecondsSince(started_at_);
+  const double seconds = SecondsSince(startedAt_);
   Output& output = GetOutput();
   output.Text("--- {} ---", GetUrl());
   output.Text("{} sent, {} received, {} lost ({:.3g} %), {:.1f} s", sent_, received, lost_, percent,

@@ -61,7 +61,7 @@ class Send final : public ClientCommand {
   std::unique_ptr<LineReader> reader_;
   Timer drain_;
   Timer patience_;
-  bool all_sent_ = false;
+  bool allSent_ = false;
   std::uint64_t sent_ = 0;
   std::uint64_t bytes_ = 0;
   std::uint64_t skipped_ = 0;
@@ -79,11 +79,11 @@ void Send::Begin() {
 
 // Stops while much is queued; the link says when there is room again.
 void Send::SendLines() {
-  if (reader_ == nullptr || all_sent_) return;
+  if (reader_ == nullptr || allSent_) return;
   while (IsUp() && GetLink().GetQueueLength() < kMostQueued) {
     const std::optional<Line> line = reader_->Take();
     if (!line) break;
-    if (line->too_long) {
+    if (line->tooLong) {
       Complain("line {} is longer than {} bytes and was not sent", line->number, kLongest);
       ++skipped_;
     } else if (!SendOne(line->text)) {
@@ -111,7 +111,7 @@ bool Send::SendOne(std::string_view data) {
 }
 
 void Send::AllSent() {
-  all_sent_ = true;
+  allSent_ = true;
   drain_.Every(kDrainPause);
   BePatient();
 }
@@ -127,7 +127,7 @@ void Send::Received(const Message& message) {
   if (replies_ >= options_.replies) return;
   ++replies_;
   GetOutput().PrintMessage(GetPeerName(), message, options_.full);
-  if (!all_sent_) return;
+  if (!allSent_) return;
   BePatient();
   CheckDone();
 }
@@ -182,17 +182,17 @@ std::optional<std::string> ReadFile(const std::string& path) {
   return content;
 }
 
-int RunSend(const SendOptions& options, bool has_data, bool has_file) {
+int RunSend(const SendOptions& options, bool hasData, bool hasFile) {
   std::optional<std::string> message;
-  if (has_data) message = options.data;
-  if (has_file) {
+  if (hasData) message = options.data;
+  if (hasFile) {
     message = ReadFile(options.file);
     if (!message) return kFailed;
   }
   if (message && message->size() > kLongest) {
-    const std::string size = has_file ? "more" : fmt::format("{}", message->size());
+    const std::string size = hasFile ? "more" : fmt::format("{}", message->size());
     Complain("{} has {} bytes; a message holds {} at most",
-             has_file ? "'" + options.file + "'" : "the data", size, kLongest);
+             hasFile ? "'" + options.file + "'" : "the data", size, kLongest);
     return kFailed;
   }
   return Send(options, std::move(message)).Run();
@@ -225,8 +225,8 @@ void AddSend(CLI::App& app, Action& action) {
               "  zarn send ipc://1_2 --type 7 --data hello --replies 1\n"
               "  tail -f some.log | zarn send ipc://1_2 --as 3_4 --type 7 -");
   command.callback([options, data, file, &action] {
-    action = [options, has_data = data->count() != 0, has_file = file->count() != 0] {
-      return RunSend(*options, has_data, has_file);
+    action = [options, hasData = data->count() != 0, hasFile = file->count() != 0] {
+      return RunSend(*options, hasData, hasFile);
     };
   });
 }

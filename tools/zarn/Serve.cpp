@@ -18,7 +18,7 @@ struct ServeOptions {
   bool quiet = false;
   bool full = false;
   bool json = false;
-  std::uint64_t max_queue = std::uint64_t{64} << 20;
+  std::uint64_t maxQueue = std::uint64_t{64} << 20;
 };
 
 class Serve final : private ServerSink {
@@ -62,7 +62,7 @@ class Serve final : private ServerSink {
   Loop loop_;
   std::unique_ptr<ServerLink> link_;
   Timer watch_;
-  bool lost_endpoint_ = false;
+  bool lostEndpoint_ = false;
   std::uint64_t clients_ = 0;
   std::uint64_t messages_ = 0;
   std::uint64_t bytes_ = 0;
@@ -110,7 +110,7 @@ void Serve::OnMessage(ServerPeer& peer, const Message& message) {
 void Serve::SendBack(ServerPeer& peer, const Message& message) {
   const keelbase::AWResult result = peer.Send(message);
   const std::size_t waiting = peer.GetQueueLength();
-  if (result == keelbase::AW_OK && waiting <= options_.max_queue) return;
+  if (result == keelbase::AW_OK && waiting <= options_.maxQueue) return;
   ++dropped_;
   const std::string why =
       result == keelbase::AW_OK
@@ -135,8 +135,8 @@ void Serve::OnListenFailed(long reason) {
 // The clients that there are do not need the endpoint file, so the loss of it is told and no more.
 void Serve::Watch() {
   const std::string problem = link_->Check();
-  if (!problem.empty() && !lost_endpoint_) Complain("{}: {}", options_.endpoint.GetUrl(), problem);
-  lost_endpoint_ = !problem.empty();
+  if (!problem.empty() && !lostEndpoint_) Complain("{}: {}", options_.endpoint.GetUrl(), problem);
+  lostEndpoint_ = !problem.empty();
 }
 
 void Serve::PrintStart() {
@@ -171,7 +171,7 @@ void AddServe(CLI::App& app, Action& action) {
   AddUrl(command, options->endpoint);
   command.add_flag("--echo", options->echo, "send each message back to its sender");
   command
-      .add_option("--max-queue", options->max_queue,
+      .add_option("--max-queue", options->maxQueue,
                   "with --echo: drop a client for which more than that waits")
       ->type_name("BYTES")
       ->capture_default_str();

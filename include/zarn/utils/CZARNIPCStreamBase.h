@@ -136,20 +136,20 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   // --- accessors ---
 
   // Kept for subclasses and owners; nothing enforces them. Bytes, 32768 by default.
-  void SetSendBufferSize(std::uint32_t size) { send_buffer_size_ = size; }
-  void SetRcvBufferSize(std::uint32_t size) { receive_buffer_size_ = size; }
-  bool IsSendOverBuffer() const { return send_over_buffer_; }
-  bool IsRcvOverBuffer() const { return receive_over_buffer_; }
+  void SetSendBufferSize(std::uint32_t size) { sendBufferSize_ = size; }
+  void SetRcvBufferSize(std::uint32_t size) { receiveBufferSize_ = size; }
+  bool IsSendOverBuffer() const { return sendOverBuffer_; }
+  bool IsRcvOverBuffer() const { return receiveOverBuffer_; }
 
   bool IsClosed() { return closed_; }
 
   // Of the last connection that was attached; empty before. What a peer says of itself is a claim
   // (see fipc::IAWIPCTransport::GetOption).
-  const keelbase::CAWIPCAddr& GetPeerAddr() const { return peer_addr_; }
-  const keelbase::CAWIPCAddr& GetLocalAddr() const { return local_addr_; }
+  const keelbase::CAWIPCAddr& GetPeerAddr() const { return peerAddr_; }
+  const keelbase::CAWIPCAddr& GetLocalAddr() const { return localAddr_; }
 
   // Bytes that SendMsg accepted and the transport has not taken yet.
-  std::size_t GetSendQueueLength() const { return send_queue_.GetLength(); }
+  std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }
 
@@ -175,19 +175,19 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
 
   keelbase::CAWAutoPtr<fipc::IAWIPCTransport> transport_;
   keelbase::CAWAutoPtr<fipc::IAWIPCConnector> connector_;
-  detail::SendQueue send_queue_;
+  detail::SendQueue sendQueue_;
   detail::ReceiveAccumulator received_;
-  [[maybe_unused]] bool transport_attached_ = false;
-  [[maybe_unused]] bool connect_issued_ = false;
-  [[maybe_unused]] std::uint32_t send_buffer_size_ = 32768;
-  [[maybe_unused]] std::uint32_t receive_buffer_size_ = 32768;
-  keelbase::CAWIPCAddr peer_addr_;
-  keelbase::CAWIPCAddr local_addr_;
-  bool receive_over_buffer_ = false;
-  bool send_over_buffer_ = false;
+  [[maybe_unused]] bool transportAttached_ = false;
+  [[maybe_unused]] bool connectIssued_ = false;
+  [[maybe_unused]] std::uint32_t sendBufferSize_ = 32768;
+  [[maybe_unused]] std::uint32_t receiveBufferSize_ = 32768;
+  keelbase::CAWIPCAddr peerAddr_;
+  keelbase::CAWIPCAddr localAddr_;
+  bool receiveOverBuffer_ = false;
+  bool sendOverBuffer_ = false;
   bool closed_ = false;
 
-  detail::ReadGate read_gate_;
+  detail::ReadGate readGate_;
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;

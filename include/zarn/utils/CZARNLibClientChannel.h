@@ -96,10 +96,10 @@ class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
  private:
   keelbase::AWResult ConnectToPeer();
 
-  std::uint16_t local_first_ = 0;
-  std::uint16_t local_second_ = 0;
-  std::uint16_t peer_first_ = 0;
-  std::uint16_t peer_second_ = 0;
+  std::uint16_t localFirst_ = 0;
+  std::uint16_t localSecond_ = 0;
+  std::uint16_t peerFirst_ = 0;
+  std::uint16_t peerSecond_ = 0;
   detail::Reconnector reconnector_;
 };
 

@@ -11,8 +11,9 @@ namespace fipc {
 
 // Owns the endpoint file of one listening socket.
 //
-// Whoever makes or removes an endpoint holds flock on the directory meanwhile, so that two processes
-// never judge and replace the same file at once. Waiting for that lock is the caller's business.
+// Whoever makes or removes an endpoint holds flock on the directory meanwhile, so that two
+// processes never judge and replace the same file at once. Waiting for that lock is the caller's
+// business.
 class EndpointFile {
  public:
   EndpointFile() = default;

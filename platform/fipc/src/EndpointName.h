@@ -27,8 +27,8 @@ struct SocketName {
   socklen_t size = 0;
 };
 
-// The endpoint file as a socket address. A path that is too long for one goes through a descriptor of
-// its directory, which must stay open while the address is in use.
+// The endpoint file as a socket address. A path that is too long for one goes through a descriptor
+// of its directory, which must stay open while the address is in use.
 class EndpointAddress {
  public:
   // 0 or an errno value.

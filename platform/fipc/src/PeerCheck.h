@@ -5,8 +5,8 @@
 
 namespace fipc {
 
-// 0 when the peer is of our own user or root, or when any user is allowed; else an errno value. Fills
-// `credentials`.
+// 0 when the peer is of our own user or root, or when any user is allowed; else an errno value.
+// Fills `credentials`.
 int CheckPeer(int socket, bool allowAnyUser, keelbase::CAWPeerCredentials& credentials);
 
 }  // namespace fipc

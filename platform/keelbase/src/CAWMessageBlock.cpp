@@ -13,8 +13,9 @@ namespace keelbase {
 
 namespace internal {
 
-// Owned bytes, laid out behind this header. `lowest` is the lowest address that any window has covered:
-// a block whose window starts there may claim headroom below it, whoever else shares the bytes.
+// Owned bytes, laid out behind this header. `lowest` is the lowest address that any window has
+// covered: a block whose window starts there may claim headroom below it, whoever else shares the
+// bytes.
 struct BlockBytes {
   std::atomic<std::uint32_t> owners{1};
   std::size_t size;
@@ -133,8 +134,7 @@ AWResult CAWMessageBlock::Prepend(const char* data, std::size_t length) {
   if (length == 0) return AW_OK;
   if (length > static_cast<std::size_t>(read_ - bytes_->Begin())) return AW_ERROR_FAILURE;
   char* expected = read_;
-  if (!bytes_->lowest.compare_exchange_strong(expected, read_ - length,
-                                              std::memory_order_acq_rel))
+  if (!bytes_->lowest.compare_exchange_strong(expected, read_ - length, std::memory_order_acq_rel))
     return AW_ERROR_FAILURE;
   read_ -= length;
   std::memcpy(read_, data, length);
@@ -212,9 +212,10 @@ CAWMessageBlock* CAWMessageBlock::Disjoint(std::size_t length) {
   }
   CAWMessageBlock* rest = block->next_;
   if (length < block->GetLength()) {
-    auto* cut = block->bytes_ == nullptr
-                    ? new CAWMessageBlock(block->read_ + length, block->GetLength() - length, borrow)
-                    : new CAWMessageBlock(block->bytes_, block->read_ + length, block->write_);
+    auto* cut =
+        block->bytes_ == nullptr
+            ? new CAWMessageBlock(block->read_ + length, block->GetLength() - length, borrow)
+            : new CAWMessageBlock(block->bytes_, block->read_ + length, block->write_);
     cut->next_ = rest;
     rest = cut;
     block->write_ = block->read_ + length;

@@ -26,6 +26,9 @@ namespace {
 // Of so many looks while spinning all but one ask only the connection that was last heard.
 constexpr unsigned kLooksAtRecent = 4;
 
+// While a connection always has input, every so many reads of it are followed by a whole turn.
+constexpr std::uint32_t kServedPerTurn = 16;
+
 // A callback that throws has left its objects in a state that nobody knows: say where, and stop.
 [[noreturn]] void StopForException(const char* loop) {
   char line[512];
@@ -45,7 +48,9 @@ constexpr unsigned kLooksAtRecent = 4;
 }  // namespace
 
 EventLoop::EventLoop(const char* name)
-    : name_(name), epoll_(::epoll_create1(EPOLL_CLOEXEC)), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    : name_(name),
+      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!epoll_ || !wake_) return;
   // Edge-triggered, so that a wake-up need not be read off.
   epoll_event event{};
@@ -138,8 +143,21 @@ bool EventLoop::Dispatch(int count) {
   return any;
 }
 
-// Looks for work without sleeping. A microsecond of pause first, since an answer may be that near; then
-// the processor is offered to others between looks, since the peer may need this very one.
+bool EventLoop::ServeRecent() {
+  if (recent_ == nullptr) return false;
+  try {
+    if (!recent_->OnSpin()) return false;
+    FlushTurn();
+  } catch (...) {
+    StopForException(name_);
+  }
+  // However much comes from this one, the others have their turns.
+  if (++recentServed_ % kServedPerTurn == 0) Turn(0);
+  return true;
+}
+
+// Looks for work without sleeping. A microsecond of pause first, since an answer may be that near;
+// then the processor is offered to others between looks, since the peer may need this very one.
 bool EventLoop::Spin() {
   using std::chrono::microseconds;
   const auto start = std::chrono::steady_clock::now();
@@ -147,10 +165,7 @@ bool EventLoop::Spin() {
   auto now = start;
   unsigned looks = 0;
   do {
-    if (recent_ != nullptr && recent_->OnSpin()) {
-      FlushTurn();
-      return true;
-    }
+    if (ServeRecent()) return true;
     // Asking epoll costs more than asking the one connection that is likely to speak next.
     const bool full = recent_ == nullptr || looks++ % kLooksAtRecent == 0;
     if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;

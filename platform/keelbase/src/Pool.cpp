@@ -22,7 +22,8 @@ constexpr bool kPooled = true;
 constexpr bool kPooled = true;
 #endif
 
-// Small classes are 64 bytes apart; large ones are powers of two from 1 KiB on, with room for a header.
+// Small classes are 64 bytes apart; large ones are powers of two from 1 KiB on, with room for a
+// header.
 constexpr std::size_t kStep = 64;
 constexpr std::size_t kLargestSmall = 512;  // bytes
 constexpr std::size_t kSmallClasses = kLargestSmall / kStep;
@@ -101,7 +102,8 @@ void PoolFree(void* memory, std::size_t size) noexcept {
   if (!IsPooled(size) || freeLists.closed) return ::operator delete(memory);
   const std::size_t index = ClassOf(size);
   FreeList& list = freeLists.lists[index];
-  if (list.count >= (index < kSmallClasses ? kKeptSmall : kKeptLarge)) return ::operator delete(memory);
+  if (list.count >= (index < kSmallClasses ? kKeptSmall : kKeptLarge))
+    return ::operator delete(memory);
   if (!freeLists.watched) WatchThreadEnd();
   list.first = new (memory) FreeNode{list.first};
   ++list.count;

@@ -13,8 +13,8 @@ namespace keelbase::internal {
 
 namespace {
 
-// From here on one sendmsg from the caller's bytes is cheaper than a copy into the gather buffer: each
-// write wakes the peer, so that gathering two messages of 16 KiB pays for their copy.
+// From here on one sendmsg from the caller's bytes is cheaper than a copy into the gather buffer:
+// each write wakes the peer, so that gathering two messages of 16 KiB pays for their copy.
 constexpr std::size_t kDirectSize = 32 * 1024;
 
 constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
@@ -244,8 +244,8 @@ void StreamSocket::OnTurnEnd() {
   if (writeError_ != 0) ReadRest();
 }
 
-// Writes what was gathered and then the chain, until both are empty or the system takes no more. True
-// when anything of the chain was written.
+// Writes what was gathered and then the chain, until both are empty or the system takes no more.
+// True when anything of the chain was written.
 bool StreamSocket::WriteOut(CAWMessageBlock* chain) {
   bool anyOfChain = false;
   while (!blocked_ && writeError_ == 0) {

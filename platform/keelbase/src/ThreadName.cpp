@@ -45,8 +45,7 @@ std::uint64_t CAWEnsureSingleThread::CurrentThread() { return internal::CurrentT
 
 void CAWEnsureSingleThread::Mismatch(const char* what, std::uint64_t owner,
                                      std::uint64_t caller) const {
-  if (owner == 0 &&
-      owner_.compare_exchange_strong(owner, caller, std::memory_order_relaxed))
+  if (owner == 0 && owner_.compare_exchange_strong(owner, caller, std::memory_order_relaxed))
     return;
   if (owner == caller) return;
 #ifdef NDEBUG

@@ -10,7 +10,7 @@ namespace keelbase::internal {
 
 void Timer::Start(std::chrono::microseconds interval, std::uint32_t count, Function function) {
   Cancel();
-  interval_ = std::max(interval, std::chrono::microseconds(1));
+  interval_ = std::max(interval, std::chrono::microseconds(count == 1 ? 0 : 1));
   left_ = count;
   function_ = std::move(function);
   loop_.Timers().Add(*this, Clock::Now() + interval_);
@@ -49,8 +49,8 @@ std::optional<Clock::Point> TimerQueue::NextDue() const {
   return timers_.begin()->first;
 }
 
-// The next call is put into place before this one runs, so that the timer need not exist after it. A
-// late call moves the following ones.
+// The next call is put into place before this one runs, so that the timer need not exist after it.
+// A late call moves the following ones.
 void TimerQueue::Reschedule(Timer& timer, Clock::Point now) {
   auto node = timers_.extract(*timer.place_);
   if (timer.left_ == 1) {

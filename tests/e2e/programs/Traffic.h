@@ -92,7 +92,7 @@ class Traffic {
  public:
   Traffic(Mode mode, Counts& counts) : mode_(mode), counts_(counts) {}
 
-  void Restart() { next_sent_ = next_received_ = 0; }
+  void Restart() { nextSent_ = nextReceived_ = 0; }
 
   template <class Channel>
   void Received(Channel& channel, std::uint16_t type, std::uint32_t tag, const char* data,
@@ -105,8 +105,8 @@ class Traffic {
       else
         Wrong("not_sent", size);
     }
-    if (mode_ == Mode::load && !NumberedMessage::IsWhole(next_received_++, type, tag, data, size))
-      Wrong("wrong", next_received_ - 1);
+    if (mode_ == Mode::load && !NumberedMessage::IsWhole(nextReceived_++, type, tag, data, size))
+      Wrong("wrong", nextReceived_ - 1);
   }
 
   // Some more of the load, unless enough waits already.
@@ -115,8 +115,8 @@ class Traffic {
     constexpr int kBatch = 20;
     constexpr std::size_t kEnoughBytes = 256 * 1024;
     for (int i = 0; i < kBatch && channel.GetSendQueueLength() < kEnoughBytes; ++i) {
-      if (NumberedMessage(next_sent_, random).SendBy(channel) != keelbase::AW_OK) return;
-      ++next_sent_;
+      if (NumberedMessage(nextSent_, random).SendBy(channel) != keelbase::AW_OK) return;
+      ++nextSent_;
       ++counts_.sent;
     }
   }
@@ -129,8 +129,8 @@ class Traffic {
 
   Mode mode_;
   Counts& counts_;
-  std::uint64_t next_sent_ = 0;
-  std::uint64_t next_received_ = 0;
+  std::uint64_t nextSent_ = 0;
+  std::uint64_t nextReceived_ = 0;
 };
 
 }  // namespace e2e

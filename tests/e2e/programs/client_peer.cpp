@@ -29,7 +29,7 @@ class Client final : public zarn::utils::CZARNLibClientChannel {
 
   void Command(const e2e::Words& words) {
     if (words[0] == "stats") PrintStats();
-    if (words[0] == "quiet") load_timer_.Cancel();
+    if (words[0] == "quiet") loadTimer_.Cancel();
     if (words[0] == "load") Load();
     if (words[0] == "no-descriptors") Event(words[0]).With("done", e2e::ForbidNewDescriptors());
     if (words[0] == "descriptors") Event(words[0]).With("done", e2e::GiveDescriptorsBack());
@@ -56,14 +56,14 @@ class Client final : public zarn::utils::CZARNLibClientChannel {
   }
 
   void OnTimer(keelbase::CAWTimerWrapperID* timer) override {
-    if (timer == &load_timer_)
+    if (timer == &loadTimer_)
       traffic_.SendMore(*this, random_);
     else
       CZARNLibClientChannel::OnTimer(timer);
   }
 
  private:
-  void Load() { load_timer_.Schedule(this, std::chrono::milliseconds(1)); }
+  void Load() { loadTimer_.Schedule(this, std::chrono::milliseconds(1)); }
 
   void PrintStats() {
     Event("stats")
@@ -91,7 +91,7 @@ class Client final : public zarn::utils::CZARNLibClientChannel {
   e2e::Mode mode_;
   e2e::Counts counts_;
   e2e::Traffic traffic_{mode_, counts_};
-  keelbase::CAWTimerWrapperID load_timer_;
+  keelbase::CAWTimerWrapperID loadTimer_;
   std::minstd_rand random_{std::random_device{}()};
 };
 

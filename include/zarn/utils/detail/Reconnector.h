@@ -22,11 +22,11 @@ class ZARNUTILS_API Reconnector {
   bool NextAttempt();
 
   bool IsConnected() const { return connected_; }
-  std::uint32_t GetRetryCount() const { return retry_count_; }
+  std::uint32_t GetRetryCount() const { return retryCount_; }
 
  private:
   keelbase::CAWTimerWrapperIDSink* channel_;
-  std::uint32_t retry_count_ = 0;
+  std::uint32_t retryCount_ = 0;
   bool connected_ = false;
   keelbase::CAWTimerWrapperID timer_;
 };

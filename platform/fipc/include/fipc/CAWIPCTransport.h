@@ -20,8 +20,8 @@ struct CAWIPCTransportParameter {
 };
 
 // Receives the events of one transport, on the transport's thread and never from inside one of the
-// transport's own operations. The sink must live until it has called Disconnect or got OnDisconnect;
-// inside any callback it may drop the transport or delete itself.
+// transport's own operations. The sink must live until it has called Disconnect or got
+// OnDisconnect; inside any callback it may drop the transport or delete itself.
 class IAWIPCTransportSink {
  public:
   // Bytes arrived. They may be kept by duplicating the block; `parameter` may be null.
@@ -37,32 +37,33 @@ class IAWIPCTransportSink {
 
 // One connection: a stream of bytes each way over a Unix socket, nothing added on the wire.
 //
-// Threads: all operations are called on the thread of the connector or acceptor that made it, but for
-// AddReference and ReleaseReference, which any thread may call.
-// Ownership: counted (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last
-// reference is a Disconnect.
+// Threads: all operations are called on the thread of the connector or acceptor that made it, but
+// for AddReference and ReleaseReference, which any thread may call. Ownership: counted
+// (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last reference is a
+// Disconnect.
 class FIPC_API IAWIPCTransport {
  public:
   virtual std::uint32_t AddReference() = 0;
   virtual std::uint32_t ReleaseReference() = 0;
 
-  // Starts the events. 0, also on a connection that has died meanwhile (OnDisconnect follows); 10001
-  // for a null sink and for a second open. Bytes that came early wait for it.
+  // Starts the events. 0, also on a connection that has died meanwhile (OnDisconnect follows);
+  // 10001 for a null sink and for a second open. Bytes that came early wait for it.
   virtual keelbase::AWResult OpenWithSink(IAWIPCTransportSink* sink) = 0;
 
-  // Sends the chain's unread bytes and advances its read pointers over what was taken; never blocks.
-  // 0: everything taken. 10013: part or nothing taken, one OnSend follows when there is room. Anything
-  // else: an error (10001, 10002 after Disconnect, or an errno value), nothing taken. Small sends are gathered and
-  // written at the end of the loop's turn. `parameter` may be null.
+  // Sends the chain's unread bytes and advances its read pointers over what was taken; never
+  // blocks. 0: everything taken. 10013: part or nothing taken, one OnSend follows when there is
+  // room. Anything else: an error (10001, 10002 after Disconnect, or an errno value), nothing
+  // taken. Small sends are gathered and written at the end of the loop's turn. `parameter` may be
+  // null.
   virtual keelbase::AWResult SendData(keelbase::CAWMessageBlock& data,
                                       CAWIPCTransportParameter* parameter) = 0;
 
   // Detaches the sink at once; what SendData took is still written, see AW_OPT_LINGER. 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
-  // Codes of keelbase::CAWTransportOption; addresses are keelbase::CAWIPCAddr. 0; 10001 for an unknown
-  // code or a null pointer. The peer address is the one that the peer claims, empty when it claims none:
-  // a name, not an identity (for that, AW_OPT_PEER_CREDENTIALS).
+  // Codes of keelbase::CAWTransportOption; addresses are keelbase::CAWIPCAddr. 0; 10001 for an
+  // unknown code or a null pointer. The peer address is the one that the peer claims, empty when it
+  // claims none: a name, not an identity (for that, AW_OPT_PEER_CREDENTIALS).
   virtual keelbase::AWResult GetOption(int code, void* value) = 0;
   virtual keelbase::AWResult SetOption(int code, void* value) = 0;
 

@@ -7,8 +7,9 @@
 namespace keelbase {
 
 // Holds one reference: AddReference() on taking, ReleaseReference() on letting go.
-// Threads: like a plain pointer; whether references may be dropped on any thread is the pointee's rule.
-// The pointer is cleared before the old reference is dropped, so a destructor that looks back finds null.
+// Threads: like a plain pointer; whether references may be dropped on any thread is the pointee's
+// rule. The pointer is cleared before the old reference is dropped, so a destructor that looks back
+// finds null.
 template <class T>
 class CAWAutoPtr {
  public:
@@ -39,8 +40,12 @@ class CAWAutoPtr {
   T& operator*() const { return *object_; }
   explicit operator bool() const { return object_ != nullptr; }
 
-  friend bool operator==(const CAWAutoPtr& a, const CAWAutoPtr& b) { return a.object_ == b.object_; }
-  friend bool operator!=(const CAWAutoPtr& a, const CAWAutoPtr& b) { return a.object_ != b.object_; }
+  friend bool operator==(const CAWAutoPtr& a, const CAWAutoPtr& b) {
+    return a.object_ == b.object_;
+  }
+  friend bool operator!=(const CAWAutoPtr& a, const CAWAutoPtr& b) {
+    return a.object_ != b.object_;
+  }
   friend bool operator==(const CAWAutoPtr& a, std::nullptr_t) { return a.object_ == nullptr; }
   friend bool operator!=(const CAWAutoPtr& a, std::nullptr_t) { return a.object_ != nullptr; }
 

@@ -19,17 +19,17 @@ struct BlockBytes;
 //   |  headroom  |  read ........ written  |  space  |
 //                ^ GetReadPtr()            ^ GetWritePtr()
 //
-// The bytes are either owned (shared with duplicates by an atomic count) or borrowed from the caller.
-// Duplicates see what had been written when they were made: whoever writes to shared bytes first gets
-// a copy of its own.
+// The bytes are either owned (shared with duplicates by an atomic count) or borrowed from the
+// caller. Duplicates see what had been written when they were made: whoever writes to shared bytes
+// first gets a copy of its own.
 //
 // Threads: distinct blocks may be used from distinct threads, also when they share bytes; one block
 // (and the chain behind it) belongs to one thread at a time.
-// Ownership: a block owns the blocks chained behind it and destroys them with itself. A head may live
-// on the stack; everything behind a head, and every block that DestroyChained() or ReclaimGarbage() is
-// called on, was made by `new` or by an operation below.
-// Limits: every operation is bounded; asking for more than there is returns an error and changes
-// nothing. Operations that make blocks let std::bad_alloc pass unless they return a result code.
+// Ownership: a block owns the blocks chained behind it and destroys them with itself. A head may
+// live on the stack; everything behind a head, and every block that DestroyChained() or
+// ReclaimGarbage() is called on, was made by `new` or by an operation below. Limits: every
+// operation is bounded; asking for more than there is returns an error and changes nothing.
+// Operations that make blocks let std::bad_alloc pass unless they return a result code.
 class KEELBASE_API CAWMessageBlock {
  public:
   struct borrow_t {};
@@ -38,7 +38,8 @@ class KEELBASE_API CAWMessageBlock {
   // Owns `capacity` fresh bytes, none written. `headroom` bytes more are kept in front for Prepend.
   explicit CAWMessageBlock(std::size_t capacity, std::size_t headroom = 0);
 
-  // Refers to the caller's bytes, all written; they must outlive the block. Null with length 0 is fine.
+  // Refers to the caller's bytes, all written; they must outlive the block. Null with length 0 is
+  // fine.
   CAWMessageBlock(const char* data, std::size_t length, borrow_t) noexcept
       : read_(const_cast<char*>(data)), write_(read_ + length) {}
 
@@ -60,15 +61,17 @@ class KEELBASE_API CAWMessageBlock {
   // copied first. Null for borrowed bytes and when that copy finds no memory.
   char* GetWritePtr();
 
-  AWResult Write(const char* data, std::size_t length);  // 0; 10001 when it does not fit or no memory
-  AWResult AdvanceReadPtr(std::size_t length);           // 0; 10001 beyond what is written
-  AWResult AdvanceWritePtr(std::size_t length);          // 0; 10001 beyond the space
+  AWResult Write(const char* data,
+                 std::size_t length);            // 0; 10001 when it does not fit or no memory
+  AWResult AdvanceReadPtr(std::size_t length);   // 0; 10001 beyond what is written
+  AWResult AdvanceWritePtr(std::size_t length);  // 0; 10001 beyond the space
 
-  // Puts bytes in front of the read pointer, into headroom that no other block has ever covered: also
-  // while the bytes are shared. 0; 10001 (nothing changed) when there is no such room.
+  // Puts bytes in front of the read pointer, into headroom that no other block has ever covered:
+  // also while the bytes are shared. 0; 10001 (nothing changed) when there is no such room.
   AWResult Prepend(const char* data, std::size_t length);
 
-  // Empties the window and gives it all its space and headroom back. 10001 for borrowed or shared bytes.
+  // Empties the window and gives it all its space and headroom back. 10001 for borrowed or shared
+  // bytes.
   AWResult Reset();
 
   bool IsBorrowed() const { return bytes_ == nullptr; }
@@ -96,20 +99,20 @@ class KEELBASE_API CAWMessageBlock {
   // without unread bytes are left out, but for one when there is nothing at all. Never null.
   CAWMessageBlock* DuplicateChained() const;
 
-  // Cuts the chain after `length` unread bytes and returns the rest, which the caller then owns. Null
-  // when nothing is left, and when the chain is shorter than `length` (nothing is cut then).
+  // Cuts the chain after `length` unread bytes and returns the rest, which the caller then owns.
+  // Null when nothing is left, and when the chain is shorter than `length` (nothing is cut then).
   CAWMessageBlock* Disjoint(std::size_t length);
 
   CAWString FlattenChained() const;  // all unread bytes
 
-  // Frees the fully read blocks at the front, this one included, and returns what is left: null when
-  // everything was read.
+  // Frees the fully read blocks at the front, this one included, and returns what is left: null
+  // when everything was read.
   CAWMessageBlock* ReclaimGarbage();
 
   void DestroyChained();  // deletes this block and all behind it
 
-  // Chains `tail` (with what is behind it) behind `head`, which must be the end of its chain, for as
-  // long as this object lives: the blocks stay the caller's.
+  // Chains `tail` (with what is behind it) behind `head`, which must be the end of its chain, for
+  // as long as this object lives: the blocks stay the caller's.
   class LinkForCall {
    public:
     LinkForCall(CAWMessageBlock& head, CAWMessageBlock& tail) : head_(head) { head_.next_ = &tail; }

@@ -64,9 +64,10 @@ class ReferenceCount<CAWMutexNullSingleThread> {
 
 }  // namespace internal
 
-// Implements AddReference and ReleaseReference for CAWAutoPtr. The count starts at 0: whoever makes the
-// object puts it into a CAWAutoPtr at once. When the count falls to 0, OnReferenceDestory() deletes it.
-// Lock is CAWMutexThread (atomic count, any thread) or CAWMutexNullSingleThread (one thread, checked).
+// Implements AddReference and ReleaseReference for CAWAutoPtr. The count starts at 0: whoever makes
+// the object puts it into a CAWAutoPtr at once. When the count falls to 0, OnReferenceDestory()
+// deletes it. Lock is CAWMutexThread (atomic count, any thread) or CAWMutexNullSingleThread (one
+// thread, checked).
 template <class Lock>
 class CAWReferenceControlT {
  public:

@@ -9,8 +9,8 @@
 namespace keelbase {
 
 // A link of the clean-up chain: whatever derives from it is deleted at process exit, in the reverse
-// order of construction. Made by `new` only. One made after the chain has run is never deleted; its owner
-// keeps it reachable.
+// order of construction. Made by `new` only. One made after the chain has run is never deleted; its
+// owner keeps it reachable.
 class KEELBASE_API CAWCleanUpBase {
  public:
   static bool HasRun();  // the chain has begun to run
@@ -25,10 +25,10 @@ class KEELBASE_API CAWCleanUpBase {
   friend class CleanUpChain;
 };
 
-// The process-wide T, made on first Instance() under the thread manager's singleton mutex and destroyed
-// by the clean-up chain. Instance() after that makes another one that stays to the end.
-// Instantiate it in one source file of one library (behind a function that is not inline), so that the
-// object exists once in the process.
+// The process-wide T, made on first Instance() under the thread manager's singleton mutex and
+// destroyed by the clean-up chain. Instance() after that makes another one that stays to the end.
+// Instantiate it in one source file of one library (behind a function that is not inline), so that
+// the object exists once in the process.
 template <class T>
 class CAWSingletonT : public CAWCleanUpBase {
  public:

@@ -17,8 +17,8 @@
 
 namespace keelbase {
 
-// A thread with an event loop. Made by CAWThreadManager, which either starts it or adopts a thread that
-// the process already has; never destroyed.
+// A thread with an event loop. Made by CAWThreadManager, which either starts it or adopts a thread
+// that the process already has; never destroyed.
 //
 // Everything that belongs to a loop (transports, connectors, acceptors, streams, timers) is used on
 // that loop's thread. Post and Call are the way in from any other thread:
@@ -36,23 +36,25 @@ class KEELBASE_API CAWThread {
   // 10001 otherwise, and when it runs already. May be called again after it has returned.
   AWResult Run();
 
-  // Ends Run() after the event or callback in hand; from any thread. What is still queued is destroyed
-  // and later posts answer 10001, until the next Run(). A Stop() before Run() ends that Run() at once.
-  // A started thread is not stopped that way: it lives to the process's clean-up.
+  // Ends Run() after the event or callback in hand; from any thread. What is still queued is
+  // destroyed and later posts answer 10001, until the next Run(). A Stop() before Run() ends that
+  // Run() at once. A started thread is not stopped that way: it lives to the process's clean-up.
   void Stop();
 
   bool IsCurrent() const;  // true on the thread itself
 
-  // How long the loop looks for work before it sleeps, in microseconds; 0 (the default) sleeps at once.
-  // Looking costs one processor for that long after each piece of work: a microsecond of pause, then
-  // it yields between looks. 50 to 100 is plenty. Any thread; counts from the next turn of the loop.
+  // How long the loop looks for work before it sleeps, in microseconds; 0 (the default) sleeps at
+  // once. Looking costs one processor for that long after each piece of work: a microsecond of
+  // pause, then it yields between looks. 50 to 100 is plenty. Any thread; counts from the next turn
+  // of the loop.
   void SetSpin(std::uint32_t microseconds);
 
-  // Runs `function` on this thread, later. 0, or 10001 once the thread has stopped (then it is dropped).
+  // Runs `function` on this thread, later. 0, or 10001 once the thread has stopped (then it is
+  // dropped).
   AWResult Post(std::function<void()> function);
 
-  // Runs `function` on this thread, waits, and returns its value; in place when already there, and in
-  // place too once the thread has stopped (nothing else runs there then). Must not be called by
+  // Runs `function` on this thread, waits, and returns its value; in place when already there, and
+  // in place too once the thread has stopped (nothing else runs there then). Must not be called by
   // somebody for whom this thread waits.
   template <class Function>
   std::invoke_result_t<Function> Call(Function&& function) {
@@ -70,8 +72,8 @@ class KEELBASE_API CAWThread {
   internal::EventLoop& GetLoop() { return *loop_; }
 
   // Carries out, on the calling thread, everything that can be done without waiting: posted events,
-  // due timers, ready transports; returns whether there was anything. For tests that drive an adopted
-  // thread by hand.
+  // due timers, ready transports; returns whether there was anything. For tests that drive an
+  // adopted thread by hand.
   bool TEST_RunReady();
 
  private:

@@ -8,11 +8,12 @@
 
 namespace keelbase {
 
-// Hands out the process's typed threads. One for the process, never destroyed. Any thread may call it.
+// Hands out the process's typed threads. One for the process, never destroyed. Any thread may call
+// it.
 //
-// The network and the task thread start on first use and are stopped in the clean-up chain at process
-// exit, which lets transports write out what they have taken (at most two seconds). The main thread
-// exists only once a thread has adopted that type.
+// The network and the task thread start on first use and are stopped in the clean-up chain at
+// process exit, which lets transports write out what they have taken (at most two seconds). The
+// main thread exists only once a thread has adopted that type.
 //
 // A fork()ed child has none of these threads: fork before first use, or exec at once.
 class KEELBASE_API CAWThreadManager {
@@ -26,12 +27,12 @@ class KEELBASE_API CAWThreadManager {
   CAWThread* GetThread(int type);
 
   // Makes the calling thread the platform thread of `type`; it then serves its queue with
-  // GetThread(type)->Run(). Any type may be adopted, so a small process can run its network loop on main.
-  // 10001 when that type exists already or the caller is a platform thread already.
+  // GetThread(type)->Run(). Any type may be adopted, so a small process can run its network loop on
+  // main. 10001 when that type exists already or the caller is a platform thread already.
   AWResult AdoptCurrentThread(int type);
 
-  // The platform thread that the caller runs on, else the network thread: where the callbacks of what
-  // the caller makes now will come. Null only when the network thread cannot be started.
+  // The platform thread that the caller runs on, else the network thread: where the callbacks of
+  // what the caller makes now will come. Null only when the network thread cannot be started.
   CAWThread* GetCurrentOrNetwork();
 
   // Taken while a singleton is made. Recursive: a singleton's constructor may ask for another one.

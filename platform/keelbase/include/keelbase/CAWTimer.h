@@ -21,13 +21,13 @@ class KEELBASE_API CAWTimerWrapperIDSink {
   virtual ~CAWTimerWrapperIDSink() = default;
 };
 
-// One timer. Steady clock, so setting the wall clock does not matter; a late tick is not followed by a
-// burst: the next one comes an interval after the late one at the latest.
+// One timer. Steady clock, so setting the wall clock does not matter; a late tick is not followed
+// by a burst: the next one comes an interval after the late one at the latest.
 //
-// Threads: fires on the thread that scheduled it when that is a platform thread, else on the network
-// thread. One timer object is used by one thread at a time. Cancelling or destroying it inside its own
-// callback is allowed. Elsewhere both wait for a callback that is just running on another thread; once
-// they have returned, none runs and none comes.
+// Threads: fires on the thread that scheduled it when that is a platform thread, else on the
+// network thread. One timer object is used by one thread at a time. Cancelling or destroying it
+// inside its own callback is allowed. Elsewhere both wait for a callback that is just running on
+// another thread; once they have returned, none runs and none comes.
 class KEELBASE_API CAWTimerWrapperID {
  public:
   CAWTimerWrapperID();
@@ -36,8 +36,9 @@ class KEELBASE_API CAWTimerWrapperID {
   CAWTimerWrapperID& operator=(const CAWTimerWrapperID&) = delete;
 
   // Calls sink->OnTimer(this) every `interval`, `count` times (0: until cancelled), first after one
-  // interval. Replaces an earlier schedule. An interval below a microsecond counts as one microsecond.
-  // 0; 10001 for a null sink or when there is no thread to fire it (what was scheduled stays then).
+  // interval. Replaces an earlier schedule. An interval below a microsecond counts as one
+  // microsecond. 0; 10001 for a null sink or when there is no thread to fire it (what was scheduled
+  // stays then).
   AWResult Schedule(CAWTimerWrapperIDSink* sink, const CAWTimeValue& interval,
                     std::uint32_t count = 0);
 

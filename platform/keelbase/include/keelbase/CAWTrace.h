@@ -23,8 +23,9 @@ class KEELBASE_API IAWTraceManager {
   virtual void Trace(std::uint32_t level, std::string_view text) = 0;
 
   // Replaces the sink; an empty function restores the default one, which writes level 0 to standard
-  // error and limits the rate of repeats: of one text at most five lines a second, the rest counted in one line.
-  // The sink runs on the thread that traces, one call at a time; it must not trace itself.
+  // error and limits the rate of repeats: of one text at most five lines a second, the rest counted
+  // in one line. The sink runs on the thread that traces, one call at a time; it must not trace
+  // itself.
   virtual void SetSink(Sink sink) = 0;
 
  protected:

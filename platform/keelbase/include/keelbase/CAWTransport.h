@@ -1,4 +1,5 @@
-// CAWTransport.h - what the transports of all platform libraries have in common: option codes, counters.
+// CAWTransport.h - what the transports of all platform libraries have in common: option codes,
+// counters.
 #pragma once
 
 #include <cstdint>
@@ -12,19 +13,23 @@ enum CAWTransportOption : int {
   AW_OPT_LOCAL_ADDRESS = 104,
   AW_OPT_PEER_ADDRESS = 105,
 
-  // Set, bool: true stops reading from the peer, whose end is still noticed: what it had sent by then
+  // Set, bool: true stops reading from the peer, whose end is still noticed: what it had sent by
+  // then
   // is delivered first. false reads on.
   AW_OPT_STOP_READING = 110,
 
   // Get, CAWTransportCounters.
   AW_OPT_COUNTERS = 111,
 
-  // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken. Default 2000;
+  // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken. Default
+  // 2000;
   // 0 drops at once whatever the system does not take at once.
   AW_OPT_LINGER = 112,
 
-  // Set, CAWMessageBlock (a chain): bytes to write after all that was taken, during the linger that the
-  // next Disconnect starts. Owned bytes are shared, borrowed ones copied; the chain is left as it is.
+  // Set, CAWMessageBlock (a chain): bytes to write after all that was taken, during the linger that
+  // the
+  // next Disconnect starts. Owned bytes are shared, borrowed ones copied; the chain is left as it
+  // is.
   AW_OPT_LINGER_DATA = 113,
 
   // Get, CAWPeerCredentials, where the system knows them (local transports).

@@ -29,8 +29,8 @@ class BufferPool {
     if (gathers_.size() < gathers_.capacity()) gathers_.push_back(std::move(buffer));
   }
 
-  // An empty block for one read, with headroom so that a receiver can put the start of a cut frame in
-  // front of what comes. The same one again unless somebody has kept its bytes.
+  // An empty block for one read, with headroom so that a receiver can put the start of a cut frame
+  // in front of what comes. The same one again unless somebody has kept its bytes.
   CAWMessageBlock& TakeReadBlock() {
     if (readBlock_ == nullptr || readBlock_->Reset() != AW_OK)
       readBlock_ = std::make_unique<CAWMessageBlock>(kReadSize, kGatherSize);

@@ -1,9 +1,10 @@
-// EventLoop.h - the loop behind a CAWThread: descriptors, events, timers, and what is due at a turn's end.
+// EventLoop.h - the loop behind a CAWThread: descriptors, events, timers, and what is due at a
+// turn's end.
 //
-// One turn: wait for descriptors (or not), serve those that are ready, run the posted events, fire due
-// timers, then flush what the turn has gathered. epoll is used directly because the loop must notice a
-// peer's end while it does not read from it, keep each registration between events, and know exactly
-// where a turn ends.
+// One turn: wait for descriptors (or not), serve those that are ready, run the posted events, fire
+// due timers, then flush what the turn has gathered. epoll is used directly because the loop must
+// notice a peer's end while it does not read from it, keep each registration between events, and
+// know exactly where a turn ends.
 #pragma once
 
 #include <sys/epoll.h>
@@ -27,7 +28,8 @@ namespace keelbase::internal {
 // Somebody who watches a descriptor. All calls come on the loop's thread. Must outlive its watch.
 class Watcher {
  public:
-  virtual void OnReady(std::uint32_t events) = 0;  // EPOLLIN, EPOLLOUT, EPOLLRDHUP, EPOLLHUP, EPOLLERR
+  virtual void OnReady(
+      std::uint32_t events) = 0;  // EPOLLIN, EPOLLOUT, EPOLLRDHUP, EPOLLHUP, EPOLLERR
 
   // The loop spins: look for input without having been told. True when there was some.
   virtual bool OnSpin() { return false; }
@@ -100,8 +102,8 @@ class KEELBASE_API EventLoop {
   // --- lingers ---
   void BeginLinger(LingerTask& task);
   void EndLinger(LingerTask& task);
-  // Writes for everybody who lingers, without serving anything else, until done or out of time. On the
-  // loop's thread, or on any while the loop does not run.
+  // Writes for everybody who lingers, without serving anything else, until done or out of time. On
+  // the loop's thread, or on any while the loop does not run.
   void FinishLingers();
 
  private:
@@ -112,6 +114,7 @@ class KEELBASE_API EventLoop {
   bool IsStopping() const;
   void FlushTurn();
   bool Spin();
+  bool ServeRecent();
   int SleepTime() const;
   bool PrepareSleep();
   void Wake();
@@ -138,6 +141,7 @@ class KEELBASE_API EventLoop {
   std::array<epoll_event, kBatch> batch_{};
   int batchEnd_ = 0;
   Watcher* recent_ = nullptr;  // the last one with input: looked at while the loop spins
+  std::uint32_t recentServed_ = 0;
 
   std::vector<TurnEndTask*> turnEnd_;
   std::vector<TurnEndTask*> flushing_;

@@ -44,8 +44,8 @@ class LoopObject : public Interface {
     LoopObject* object_;
   };
 
-  // On its way out the object may be referred to once more, by a callback of the loop that began just
-  // before or by its own destructor: that must not destroy it again.
+  // On its way out the object may be referred to once more, by a callback of the loop that began
+  // just before or by its own destructor: that must not destroy it again.
   void Destroy() {
     if (destroying_.exchange(true)) return;
     OnLastReference();

@@ -5,8 +5,8 @@
 
 namespace keelbase::internal {
 
-// While one exists, every timer of the process reads it. Advance() fires nothing by itself: drive the
-// loop with CAWThread::TEST_RunReady().
+// While one exists, every timer of the process reads it. Advance() fires nothing by itself: drive
+// the loop with CAWThread::TEST_RunReady().
 class ManualClock {
  public:
   ManualClock() : now_(Clock::Now().time_since_epoch()) { Clock::Set(now_); }

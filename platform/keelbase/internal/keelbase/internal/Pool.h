@@ -7,8 +7,8 @@
 
 namespace keelbase::internal {
 
-// Memory of at least `size` bytes. Up to kLargestPooled bytes it comes from a free list of the calling
-// thread, beyond that from the heap. May be freed on any thread. Throws std::bad_alloc.
+// Memory of at least `size` bytes. Up to kLargestPooled bytes it comes from a free list of the
+// calling thread, beyond that from the heap. May be freed on any thread. Throws std::bad_alloc.
 KEELBASE_API void* PoolAllocate(std::size_t size);
 KEELBASE_API void PoolFree(void* memory, std::size_t size) noexcept;
 

@@ -9,9 +9,9 @@
 
 namespace keelbase::internal {
 
-// Hands each accepted connection (non-blocking, close-on-exec) to a function on the loop's thread. Out
-// of descriptors or memory it pauses a tenth of a second at a time; whoever waits then is accepted later.
-// The function may destroy the listener.
+// Hands each accepted connection (non-blocking, close-on-exec) to a function on the loop's thread.
+// Out of descriptors or memory it pauses a tenth of a second at a time; whoever waits then is
+// accepted later. The function may destroy the listener.
 class KEELBASE_API StreamListener final : private Watcher {
  public:
   using OnAccepted = std::function<void(FileDescriptor)>;

@@ -27,9 +27,9 @@ class StreamSocketSink {
   ~StreamSocketSink() = default;
 };
 
-// Reads up to 64 KiB an event; gathers small sends and writes them when 64 KiB are together or the turn
-// ends; writes large ones at once without a copy. See the transport interfaces for the contract.
-// Loop thread only.
+// Reads up to 64 KiB an event; gathers small sends and writes them when 64 KiB are together or the
+// turn ends; writes large ones at once without a copy. See the transport interfaces for the
+// contract. Loop thread only.
 class KEELBASE_API StreamSocket final : public CAWReferenceControlT<CAWMutexThread>,
                                         private Watcher,
                                         private TurnEndTask,

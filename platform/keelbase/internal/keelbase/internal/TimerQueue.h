@@ -26,7 +26,8 @@ class KEELBASE_API Timer {
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
-  // First after one interval, then every interval; `count` times, 0 for ever. Replaces what was started.
+  // First after one interval, then every interval; `count` times, 0 for ever. Replaces what was
+  // started.
   void Start(std::chrono::microseconds interval, std::uint32_t count, Function function);
 
   // On another thread than the loop's it waits for a call that is just running.
@@ -53,8 +54,8 @@ class TimerQueue {
 
   std::optional<Clock::Point> NextDue() const;
 
-  // Fires the first timer that is due; false when there is none. `now` is read when it is needed and is
-  // the same for all that fire in one turn.
+  // Fires the first timer that is due; false when there is none. `now` is read when it is needed
+  // and is the same for all that fire in one turn.
   bool RunNextDue(std::optional<Clock::Point>& now);
 
  private:

@@ -1,0 +1,72 @@
+// CAWEventQueue_test.cpp - the queue of a platform thread and the events that go into it.
+#include "keelbase/CAWEventQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <string>
+#include <utility>
+
+#include "VirtualSlot.h"
+#include "keelbase/CAWThreadManager.h"
+
+namespace keelbase {
+namespace {
+
+class Noting final : public IAWEvent {
+ public:
+  Noting(std::string& log, std::string name) : log_(log), name_(std::move(name)) {}
+  ~Noting() override { log_ += "~" + name_; }
+  AWResult OnEventFire() override {
+    log_ += name_;
+    return AW_ERROR_FAILURE;  // nobody looks
+  }
+
+ private:
+  std::string& log_;
+  std::string name_;
+};
+
+class Borrowed final : public IAWEvent {
+ public:
+  AWResult OnEventFire() override {
+    fired = true;
+    return AW_OK;
+  }
+  void OnDestorySelf() override { done.set_value(); }
+  bool fired = false;
+  std::promise<void> done;
+};
+
+CAWThread* Task() { return CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK); }
+
+TEST(CAWEventQueue, EventsWaitInOneLineWhateverTheirPriority) {
+  std::string log;
+  Task()->Call([&] {
+    CAWEventQueue* queue = Task()->GetEventQueue();
+    EXPECT_EQ(queue->Post(new Noting(log, "a"), 9), AW_OK);
+    EXPECT_EQ(queue->Post(new Noting(log, "b"), 0), AW_OK);
+    EXPECT_EQ(queue->Post(new Noting(log, "c")), AW_OK);
+    EXPECT_EQ(log, "");
+  });
+  Task()->Call([&] { EXPECT_EQ(log, "a~ab~bc~c"); });
+}
+
+TEST(CAWEventQueue, EventDecidesItsOwnEnd) {
+  Borrowed event;
+  EXPECT_EQ(Task()->GetEventQueue()->Post(&event), AW_OK);
+  event.done.get_future().wait();
+  EXPECT_TRUE(event.fired);
+}
+
+TEST(CAWEventQueue, NullIsRefused) {
+  EXPECT_EQ(Task()->GetEventQueue()->Post(nullptr), AW_ERROR_FAILURE);
+}
+
+TEST(CAWEventQueue, SlotsOfTheEvent) {
+  EXPECT_EQ(zarn::test::VirtualSlot(&IAWEvent::OnEventFire), 0);
+  EXPECT_EQ(zarn::test::VirtualSlot(&IAWEvent::OnDestorySelf), 1);
+}
+
+}  // namespace
+}  // namespace keelbase

@@ -1,0 +1,141 @@
+// CAWSingleton_test.cpp - singletons and the clean-up chain, whose end is seen in child processes.
+#include "keelbase/CAWSingleton.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildTest.h"
+
+namespace keelbase {
+namespace {
+
+using zarn::test::ChildTest;
+
+void Say(const char* text) { std::fprintf(stderr, "[%s]", text); }
+
+struct First {
+  First() { Say("+first"); }
+  ~First() { Say("-first"); }
+  int value = 0;
+};
+struct Second {
+  Second() { Say("+second"); }
+  ~Second() { Say("-second"); }
+};
+// Needs another singleton to come and to go.
+struct Needy {
+  Needy() { CAWSingletonT<First>::Instance()->value = 1; }
+  ~Needy() {
+    Say("-needy");
+    CAWSingletonT<First>::Instance()->value = 2;
+  }
+};
+struct Counted {
+  Counted() { ++made; }
+  inline static std::atomic<int> made{0};
+};
+
+std::string OutputOf(const char* role) {
+  ChildTest child(role);
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+  return child.GetErrors();
+}
+
+std::size_t CountOf(const std::string& text, const std::string& part) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    ++count;
+  return count;
+}
+
+TEST(CAWSingleton, IsOneObjectForAllThreads) {
+  std::vector<Counted*> got(8);
+  std::vector<std::thread> threads;
+  for (Counted*& place : got)
+    threads.emplace_back([&place] { place = CAWSingletonT<Counted>::Instance(); });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(std::set<Counted*>(got.begin(), got.end()).size(), 1U);
+  EXPECT_EQ(Counted::made, 1);
+  EXPECT_FALSE(CAWCleanUpBase::HasRun());
+}
+
+TEST(CAWSingleton, SingletonsGoInTheReverseOrderOfTheirMaking) {
+  if (ChildTest::Role() == "two") {
+    CAWSingletonT<First>::Instance();
+    CAWSingletonT<Second>::Instance();
+    std::exit(0);
+  }
+  EXPECT_NE(OutputOf("two").find("[+first][+second][-second][-first]"), std::string::npos);
+}
+
+TEST(CAWSingleton, ConstructorAndDestructorMayUseAnotherOne) {
+  if (ChildTest::Role() == "needy") {
+    CAWSingletonT<Needy>::Instance();
+    std::exit(0);
+  }
+  const std::string output = OutputOf("needy");
+  EXPECT_NE(output.find("[+first]"), std::string::npos) << output;
+  EXPECT_NE(output.find("[-needy]"), std::string::npos) << output;
+  EXPECT_EQ(CountOf(output, "[-first]"), 1U) << output;
+}
+
+TEST(CAWSingleton, InstanceAfterTheChainIsAnotherOneThatStays) {
+  if (ChildTest::Role() == "late") {
+    std::atexit([] {
+      First* late = CAWSingletonT<First>::Instance();
+      late->value = 5;
+      if (!CAWCleanUpBase::HasRun() || CAWSingletonT<First>::Instance()->value != 5) ::_exit(1);
+    });
+    CAWSingletonT<First>::Instance();  // the chain is armed later, so it runs before the above
+    std::exit(0);
+  }
+  const std::string output = OutputOf("late");
+  EXPECT_EQ(CountOf(output, "[+first]"), 2U) << output;
+  EXPECT_EQ(CountOf(output, "[-first]"), 1U) << output;
+}
+
+class Link final : public CAWCleanUpBase {
+ public:
+  explicit Link(const char* name) : name_(name) {}
+  ~Link() override { Say(name_); }
+
+ private:
+  const char* name_;
+};
+
+TEST(CAWCleanUpBase, LinksAreDeletedInReverse) {
+  if (ChildTest::Role() == "links") {
+    new Link("one");
+    CAWSingletonT<Second>::Instance();
+    new Link("two");
+    std::exit(0);
+  }
+  EXPECT_NE(OutputOf("links").find("[two][-second][one]"), std::string::npos);
+}
+
+TEST(CAWCleanUpBase, ThreadsEndInTheChainAndMayUseOlderSingletonsToTheLast) {
+  if (ChildTest::Role() == "threads") {
+    CAWSingletonT<First>::Instance();
+    CAWThread* task = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK);
+    std::atomic<bool> begun{false};
+    task->Post([&begun] {
+      begun = true;
+      for (int i = 0; i < 100000; ++i) CAWSingletonT<First>::Instance()->value = i;
+      Say("worked");
+    });
+    while (!begun) std::this_thread::yield();
+    std::exit(0);
+  }
+  EXPECT_NE(OutputOf("threads").find("[worked][-first]"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace keelbase

@@ -1,0 +1,208 @@
+// CAWThreadManager_test.cpp - the typed threads of a process. What concerns a whole process, its
+// exit included, runs in a child of its own.
+#include "keelbase/CAWThreadManager.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ChildTest.h"
+#include "DescriptorShortage.h"
+
+namespace keelbase {
+namespace {
+
+using zarn::test::ChildTest;
+
+CAWThreadManager& Manager() { return *CAWThreadManager::Instance(); }
+
+// Runs `body` in a process that has no platform threads yet; it ends by exit(0).
+template <class Body>
+void InNewProcess(Body&& body) {
+  if (ChildTest::Role() == "new") {
+    body();
+    std::exit(::testing::Test::HasFailure() ? 1 : 0);
+  }
+  ChildTest child("new");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+}
+
+TEST(CAWThreadManager, TypesWithoutAThreadGiveNull) {
+  EXPECT_EQ(Manager().GetThread(0), nullptr);
+  EXPECT_EQ(Manager().GetThread(4), nullptr);
+  EXPECT_EQ(Manager().GetThread(-1), nullptr);
+  EXPECT_EQ(Manager().GetThread(CAWThreadManager::TT_MAIN), nullptr);
+  EXPECT_EQ(Manager().AdoptCurrentThread(0), AW_ERROR_FAILURE);
+  EXPECT_EQ(Manager().AdoptCurrentThread(4), AW_ERROR_FAILURE);
+}
+
+TEST(CAWThreadManager, NetworkAndTaskThreadStartOnFirstUse) {
+  CAWThread* network = Manager().GetThread(CAWThreadManager::TT_NETWORK);
+  CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+  ASSERT_NE(network, nullptr);
+  ASSERT_NE(task, nullptr);
+  EXPECT_NE(network, task);
+  EXPECT_EQ(Manager().GetThread(CAWThreadManager::TT_NETWORK), network);
+  EXPECT_FALSE(network->IsCurrent());
+  EXPECT_TRUE(network->Call([&] { return network->IsCurrent() && !task->IsCurrent(); }));
+  EXPECT_EQ(network->Run(), AW_ERROR_FAILURE);
+}
+
+TEST(CAWThreadManager, AllWhoAskAtOnceGetTheSameThread) {
+  InNewProcess([] {
+    std::vector<CAWThread*> got(8);
+    std::vector<std::thread> threads;
+    for (CAWThread*& place : got)
+      threads.emplace_back([&place] { place = Manager().GetThread(CAWThreadManager::TT_TASK); });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(std::set<CAWThread*>(got.begin(), got.end()).size(), 1U);
+    EXPECT_NE(got[0], nullptr);
+  });
+}
+
+TEST(CAWThreadManager, AdoptedThreadServesItsQueueUntilStopped) {
+  InNewProcess([] {
+    EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN), AW_OK);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    ASSERT_NE(main, nullptr);
+    EXPECT_TRUE(main->IsCurrent());
+    std::string log;
+    EXPECT_EQ(main->Post([&] { log += "a"; }), AW_OK);
+    std::thread other([&] {
+      EXPECT_EQ(main->Call([&] { return log += "b"; }), "ab");
+      main->Stop();
+    });
+    EXPECT_EQ(main->Run(), AW_OK);
+    other.join();
+    EXPECT_EQ(main->Post([] {}), AW_ERROR_FAILURE);
+    EXPECT_EQ(log, "ab");
+  });
+}
+
+TEST(CAWThreadManager, ThreadIsAdoptedOnceAndForOneType) {
+  InNewProcess([] {
+    EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_NETWORK), AW_OK);
+    EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_TASK), AW_ERROR_FAILURE);
+    std::thread([] {
+      EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_NETWORK), AW_ERROR_FAILURE);
+      EXPECT_FALSE(Manager().GetThread(CAWThreadManager::TT_NETWORK)->IsCurrent());
+    }).join();
+  });
+}
+
+TEST(CAWThreadManager, StartedThreadIsNotReplacedByAnAdoption) {
+  InNewProcess([] {
+    EXPECT_NE(Manager().GetThread(CAWThreadManager::TT_TASK), nullptr);
+    EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_TASK), AW_ERROR_FAILURE);
+  });
+}
+
+TEST(CAWThreadManager, RunOnAnotherThreadIsRefused) {
+  InNewProcess([] {
+    EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN), AW_OK);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    std::thread([&] { EXPECT_EQ(main->Run(), AW_ERROR_FAILURE); }).join();
+  });
+}
+
+TEST(CAWThreadManager, CallbacksComeOnTheCallersThreadOrTheNetworkThread) {
+  CAWThread* network = Manager().GetThread(CAWThreadManager::TT_NETWORK);
+  CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+  EXPECT_EQ(Manager().GetCurrentOrNetwork(), network);
+  EXPECT_EQ(task->Call([] { return Manager().GetCurrentOrNetwork(); }), task);
+}
+
+TEST(CAWThreadManager, NoThreadWithoutDescriptorsAndOneAgainLater) {
+  InNewProcess([] {
+    {
+      const zarn::test::DescriptorShortage shortage;
+      EXPECT_EQ(Manager().GetThread(CAWThreadManager::TT_NETWORK), nullptr);
+      EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN), AW_ERROR_FAILURE);
+    }
+    EXPECT_NE(Manager().GetThread(CAWThreadManager::TT_NETWORK), nullptr);
+    EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN), AW_OK);
+  });
+}
+
+TEST(CAWThreadManager, ProcessEndsWithThreadsThatWork) {
+  InNewProcess([] {
+    for (const int type : {CAWThreadManager::TT_NETWORK, CAWThreadManager::TT_TASK}) {
+      CAWThread* thread = Manager().GetThread(type);
+      for (int i = 0; i < 1000; ++i) thread->Post([] { std::this_thread::yield(); });
+    }
+  });
+}
+
+TEST(CAWThreadManager, ProcessMayEndInsideACallback) {
+  if (ChildTest::Role() == "network") {
+    Manager().GetThread(CAWThreadManager::TT_TASK);
+    Manager().GetThread(CAWThreadManager::TT_NETWORK)->Call([] { std::exit(7); });
+  }
+  if (ChildTest::Role() == "adopted") {
+    Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    main->Post([] { std::exit(7); });
+    main->Run();
+  }
+  for (const char* role : {"network", "adopted"}) {
+    ChildTest child(role);
+    EXPECT_EQ(child.Wait(), 7) << role << child.GetErrors();
+  }
+}
+
+TEST(CAWThreadManager, NothingStartsOnceTheProcessEnds) {
+  if (ChildTest::Role() == "late") {
+    std::atexit([] {
+      if (Manager().GetThread(CAWThreadManager::TT_NETWORK) != nullptr) ::_exit(1);
+      CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+      int calls = 0;
+      task->Call([&] { ++calls; });
+      if (calls != 1 || task->Post([] {}) != AW_ERROR_FAILURE) ::_exit(2);
+    });
+    Manager().GetThread(CAWThreadManager::TT_TASK);  // the chain runs before the function above
+    std::exit(0);
+  }
+  ChildTest child("late");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+}
+
+TEST(CAWThreadManager, SingletonMutexIsRecursive) {
+  std::thread([]() AW_NO_THREAD_SAFETY_ANALYSIS {
+    CAWMutexThread& mutex = Manager().GetSingletonMutex();
+    EXPECT_EQ(&mutex, &Manager().GetSingletonMutex());
+    EXPECT_EQ(mutex.Lock(), 0U);
+    EXPECT_EQ(mutex.Lock(), 0U);
+    EXPECT_EQ(mutex.UnLock(), 0U);
+    EXPECT_EQ(mutex.UnLock(), 0U);
+  }).join();
+}
+
+// --- CAWThread's own conveniences ---
+
+TEST(CAWThread, CallReturnsValuesOfAnyKind) {
+  CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+  EXPECT_EQ(task->Call([] { return 42; }), 42);
+  EXPECT_EQ(task->Call([] { return std::string("text"); }), "text");
+  auto pointer = task->Call([] { return std::make_unique<int>(5); });
+  EXPECT_EQ(*pointer, 5);
+  int calls = 0;
+  task->Call([&] { ++calls; });
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(CAWThread, CallNestsAndPassesExceptionsOn) {
+  CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+  const auto nested = [&] { return task->Call([] { return 1; }); };
+  EXPECT_EQ(task->Call(nested), 1);
+  EXPECT_THROW(task->Call([]() -> int { throw std::runtime_error("no"); }), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace keelbase

@@ -1,0 +1,104 @@
+// LoopObject_test.cpp - objects of a loop whose last reference may be dropped anywhere.
+#include "keelbase/internal/LoopObject.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include "LoopThread.h"
+#include "keelbase/CAWAutoPtr.h"
+
+namespace keelbase::internal {
+namespace {
+
+using zarn::test::WithLoop;
+
+class Interface {
+ public:
+  virtual std::uint32_t AddReference() = 0;
+  virtual std::uint32_t ReleaseReference() = 0;
+
+ protected:
+  virtual ~Interface() = default;
+};
+
+struct Life {
+  std::atomic<int> letGo{0};
+  std::atomic<int> destroyed{0};
+  std::thread::id destroyedOn;
+};
+
+class Object final : public LoopObject<Interface> {
+ public:
+  Object(EventLoop& loop, Life& life) : LoopObject(loop), life_(life) {}
+  ~Object() override {
+    ++life_.destroyed;
+    life_.destroyedOn = std::this_thread::get_id();
+    const CAWAutoPtr<Object> lookedBack(this);
+  }
+
+ private:
+  void OnLastReference() override {
+    ++life_.letGo;
+    const CAWAutoPtr<Object> lookedBack(this);
+  }
+  Life& life_;
+};
+
+TEST(LoopObject, IsDestroyedInPlaceOnItsOwnThread) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    object = nullptr;
+    EXPECT_EQ(life.letGo, 1);
+    EXPECT_EQ(life.destroyed, 1);
+  });
+}
+
+TEST(LoopObject, IsDestroyedOnItsThreadWhenAnotherDropsIt) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    std::thread([&] { object = nullptr; }).join();
+    EXPECT_EQ(life.letGo, 1);
+    EXPECT_EQ(life.destroyed, 0);
+    loop.RunReady();
+    EXPECT_EQ(life.destroyed, 1);
+    EXPECT_EQ(life.destroyedOn, std::this_thread::get_id());
+  });
+}
+
+TEST(LoopObject, IsDestroyedInPlaceOnceTheLoopHasStopped) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    loop.Stop();
+    loop.Run();
+    std::thread([&] {
+      object = nullptr;
+      EXPECT_EQ(life.destroyed, 1);
+    }).join();
+  });
+}
+
+TEST(LoopObject, LastReferenceIsFoundAmongManyThreads) {
+  for (int round = 0; round < 100; ++round) {
+    WithLoop([](EventLoop& loop) {
+      Life life;
+      CAWAutoPtr<Object> object(new Object(loop, life));
+      std::thread one([copy = object]() mutable { copy = nullptr; });
+      std::thread two([copy = object]() mutable { copy = nullptr; });
+      object = nullptr;
+      one.join();
+      two.join();
+      loop.RunReady();
+      EXPECT_EQ(life.letGo, 1);
+      EXPECT_EQ(life.destroyed, 1);
+    });
+  }
+}
+
+}  // namespace
+}  // namespace keelbase::internal

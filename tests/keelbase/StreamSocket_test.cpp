@@ -1,0 +1,199 @@
+// StreamSocket_test.cpp - the stream-socket engine on a socket pair: what transports do not show.
+#include "keelbase/internal/StreamSocket.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <string>
+#include <thread>
+
+#include "LoopThread.h"
+#include "keelbase/internal/FunctionEvent.h"
+
+namespace keelbase::internal {
+namespace {
+
+using zarn::test::TurnUntil;
+using zarn::test::WithLoop;
+
+class Sink final : public StreamSocketSink {
+ public:
+  void OnBytes(CAWMessageBlock& block) override {
+    received += block.FlattenChained();
+    if (failMemory) throw std::bad_alloc();
+  }
+  void OnRoom() override { ++rooms; }
+  void OnEnd(long why) override {
+    ++ends;
+    reason = why;
+  }
+  std::string received;
+  int rooms = 0;
+  int ends = 0;
+  long reason = -1;
+  bool failMemory = false;
+};
+
+struct Pair {
+  explicit Pair(EventLoop& loop) {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    socket = new StreamSocket(loop, FileDescriptor(ends[0]));
+    peer.Reset(ends[1]);
+  }
+  ~Pair() {
+    if (socket) socket->Disconnect();
+  }
+  AWResult Send(const std::string& text) {
+    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
+    return socket->Send(block);
+  }
+  std::string Read() {
+    std::string text(1 << 20, '\0');
+    const ssize_t count = ::recv(peer.Get(), text.data(), text.size(), MSG_DONTWAIT);
+    text.resize(count < 0 ? 0 : static_cast<std::size_t>(count));
+    return text;
+  }
+  CAWAutoPtr<StreamSocket> socket;
+  FileDescriptor peer;
+};
+
+TEST(StreamSocket, BytesGoBothWays) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    EXPECT_EQ(pair.socket->Open(&sink), AW_OK);
+    EXPECT_EQ(pair.socket->Open(&sink), AW_ERROR_FAILURE);
+    EXPECT_EQ(pair.Send("there"), AW_OK);
+    EXPECT_EQ(::write(pair.peer.Get(), "back", 4), 4);
+    loop.RunReady();
+    EXPECT_EQ(pair.Read(), "there");
+    EXPECT_EQ(sink.received, "back");
+  });
+}
+
+TEST(StreamSocket, WriteOfADeadConnectionRaisesNoSignal) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    pair.peer.Reset();
+    const AWResult result = pair.Send(std::string(100000, 'x'));
+    EXPECT_EQ(result, static_cast<AWResult>(EPIPE));
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.ends == 1; }));
+    EXPECT_EQ(sink.reason, EPIPE);
+  });
+}
+
+TEST(StreamSocket, LackOfMemoryInACallbackEndsThatConnection) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    sink.failMemory = true;
+    pair.socket->Open(&sink);
+    EXPECT_EQ(::write(pair.peer.Get(), "x", 1), 1);
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.ends == 1; }));
+    EXPECT_EQ(sink.reason, ENOMEM);
+  });
+}
+
+TEST(StreamSocket, SpinningLoopFindsInputByItself) {
+  WithLoop([](EventLoop& loop) {
+    loop.SetSpin(1000);
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    std::thread peer([&] {
+      for (int sent = 0; sent < 500;) {
+        if (::send(pair.peer.Get(), "x", 1, 0) == 1)
+          ++sent;
+        else
+          std::this_thread::yield();  // the loop has to read first
+      }
+      ::shutdown(pair.peer.Get(), SHUT_WR);
+    });
+    Timer watch(loop);
+    watch.Start(std::chrono::milliseconds(1), 0, [&] {
+      if (sink.ends != 0) loop.Stop();
+    });
+    loop.Run();
+    peer.join();
+    EXPECT_EQ(sink.received, std::string(500, 'x'));
+    EXPECT_EQ(sink.reason, 0);
+  });
+}
+
+TEST(StreamSocket, SendsOfAStoppedLoopAreWrittenWhenItIsClosed) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    EXPECT_EQ(pair.Send("taken"), AW_OK);
+    pair.socket->Disconnect();
+    EXPECT_EQ(pair.Read(), "taken");
+    EXPECT_EQ(pair.Send("x"), AW_ERROR_NOT_INITIALIZED);
+  });
+}
+
+TEST(StreamSocket, LingersAreFinishedWithoutServingAnythingElse) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    const std::string text(3000000, 'x');
+    CAWMessageBlock chain(text.data(), text.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.socket->AddLingerData(chain), AW_OK);
+    pair.socket->Disconnect();
+    EXPECT_EQ(pair.socket->AddLingerData(chain), AW_ERROR_NOT_INITIALIZED);
+    std::size_t got = 0;
+    std::thread reader([&] {
+      std::string buffer(100000, '\0');
+      const int flags = ::fcntl(pair.peer.Get(), F_GETFL);
+      ::fcntl(pair.peer.Get(), F_SETFL, flags & ~O_NONBLOCK);
+      for (ssize_t count; (count = ::read(pair.peer.Get(), buffer.data(), buffer.size())) > 0;)
+        got += static_cast<std::size_t>(count);
+    });
+    bool served = false;
+    loop.Post(new FunctionEvent([&] { served = true; }));
+    loop.FinishLingers();
+    reader.join();
+    EXPECT_EQ(got, text.size());
+    EXPECT_FALSE(served);
+  });
+}
+
+TEST(StreamSocket, LingersThatNobodyReadsEndInTime) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    pair.socket->SetLinger(50);
+    const std::string text(3000000, 'x');
+    CAWMessageBlock chain(text.data(), text.size(), CAWMessageBlock::borrow);
+    pair.socket->AddLingerData(chain);
+    const auto start = std::chrono::steady_clock::now();
+    pair.socket->Disconnect();
+    loop.FinishLingers();
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(49));
+    EXPECT_LT(took, std::chrono::seconds(5));
+  });
+}
+
+TEST(StreamSocket, UnknownOptionsAreRefused) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    int value = 0;
+    EXPECT_EQ(pair.socket->GetOption(104, &value), AW_ERROR_FAILURE);
+    EXPECT_EQ(pair.socket->SetOption(AW_OPT_COUNTERS, &value), AW_ERROR_FAILURE);
+    EXPECT_EQ(pair.socket->GetOption(AW_OPT_COUNTERS, nullptr), AW_ERROR_FAILURE);
+  });
+}
+
+}  // namespace
+}  // namespace keelbase::internal
