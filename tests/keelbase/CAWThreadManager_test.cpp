@@ -197,6 +197,13 @@ TEST(CAWThread, CallReturnsValuesOfAnyKind) {
   EXPECT_EQ(calls, 1);
 }
 
+TEST(CAWThread, StopLeavesAStartedThreadAlone) {
+  CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+  ASSERT_NE(task, nullptr);
+  task->Stop();
+  EXPECT_TRUE(task->Call([task] { return task->IsCurrent(); }));
+}
+
 TEST(CAWThread, CallNestsAndPassesExceptionsOn) {
   CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
   const auto nested = [&] { return task->Call([] { return 1; }); };

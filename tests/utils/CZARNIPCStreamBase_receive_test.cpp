@@ -102,7 +102,8 @@ TEST_F(CZARNIPCStreamBaseReceive, BytesBelongingToTheTransportMayChangeAfterTheE
 
 TEST_F(CZARNIPCStreamBaseReceive, SmallRemainderDoesNotPinTheTransportsReadBuffer) {
   CAWMessageBlock block(65536);
-  const std::string bytes = std::string(60000, 'x') + ";half";
+  std::string bytes(60000, 'x');
+  bytes += ";half";
   block.Write(bytes.data(), bytes.size());
   transport->Receive(block);
   EXPECT_FALSE(block.IsShared());

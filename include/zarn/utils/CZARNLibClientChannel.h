@@ -38,9 +38,9 @@ namespace zarn::utils {
 // thread, the network thread as a rule: connection and timer call back there. The destructor ends
 // the connection and the attempts.
 //
-// Limits: a peer that sends a malformed frame costs a trace line and is not read from any more; the
-// connection stays until the peer ends it or the owner calls OnClose. The same when more than 1 MiB
-// stands unconsumed.
+// Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
+// more; the connection stays until the peer ends it or the owner calls OnClose. The same when more
+// than 1 MiB stands unconsumed.
 class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
                                             public keelbase::CAWTimerWrapperIDSink {
  public:

@@ -27,10 +27,10 @@ namespace zarn::utils {
 // Threads, ownership, use inside upcalls: as CZARNIPCStreamBase. A channel may be deleted inside
 // any upcall.
 //
-// Limits: a peer that sends a malformed frame costs a trace line and is not read from any more; the
-// connection stays until the peer ends it or the owner calls Close. The same when more than 1 MiB
-// stands unconsumed. A peer that never reads makes the send queue grow: a server that answers to
-// unknown clients bounds GetSendQueueLength().
+// Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
+// more; the connection stays until the peer ends it or the owner calls Close. The same when more
+// than 1 MiB stands unconsumed. A peer that never reads makes the send queue grow: a server that
+// answers to unknown clients bounds GetSendQueueLength().
 class ZARNUTILS_API CZARNLibServerChannel : public CZARNIPCStreamBase {
  public:
   // Takes over the transport with a reference of its own. Messages come later, never from inside.

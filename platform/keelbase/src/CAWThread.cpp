@@ -13,7 +13,9 @@ CAWThread::~CAWThread() = default;
 
 AWResult CAWThread::Run() { return IsCurrent() ? loop_->Run() : AW_ERROR_FAILURE; }
 
-void CAWThread::Stop() { loop_->Stop(); }
+void CAWThread::Stop() {
+  if (adopted_) loop_->Stop();
+}
 
 bool CAWThread::IsCurrent() const { return loop_->IsCurrent(); }
 

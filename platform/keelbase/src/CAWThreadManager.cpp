@@ -71,7 +71,7 @@ class ThreadCleanUp final : public CAWCleanUpBase {
       slot.started.detach();
       return;
     }
-    thread.Stop();
+    thread.GetLoop().Stop();
     slot.started.join();
     thread.GetLoop().FinishLingers();
   }
@@ -158,6 +158,7 @@ AWResult CAWThreadManager::AdoptCurrentThread(int type) {
   if (slot->thread.load(std::memory_order_relaxed) != nullptr) return AW_ERROR_FAILURE;
   CAWThread* thread = ThreadCleanUp::Make(*slot);
   if (thread == nullptr) return AW_ERROR_FAILURE;
+  thread->adopted_ = true;
   ArmCleanUp(slots);
   thread->GetLoop().BindToCurrentThread();
   slot->thread.store(thread, std::memory_order_release);

@@ -140,7 +140,7 @@ bool StreamSocket::ReadOnce() {
   }
   ssize_t count;
   do {
-    count = ::recv(descriptor_.Get(), block->GetWritePtr(), kReadSize, MSG_DONTWAIT);
+    count = ::recv(descriptor_.Get(), block->GetWritePtr(), readSize_, MSG_DONTWAIT);
   } while (count < 0 && errno == EINTR);
   if (count > 0) {
     block->AdvanceWritePtr(static_cast<std::size_t>(count));
@@ -378,6 +378,9 @@ AWResult StreamSocket::SetOption(int code, const void* value) {
   switch (code) {
     case AW_OPT_STOP_READING:
       StopReading(*static_cast<const bool*>(value));
+      return AW_OK;
+    case AW_OPT_READ_SIZE:
+      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1, kReadSize);
       return AW_OK;
     case AW_OPT_LINGER:
       SetLinger(*static_cast<const std::uint32_t*>(value));

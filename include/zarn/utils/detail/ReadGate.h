@@ -1,7 +1,8 @@
-// ReadGate.h - whether a stream's transport may go on reading.
+// ReadGate.h - whether a stream's transport may go on reading, and how much at a time.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "keelbase/CAWTransport.h"
 
@@ -14,21 +15,40 @@ class ReadGate {
   void SetLimit(std::size_t bytes) { limit_ = bytes; }  // 0: none
   void Stop() { stopped_ = true; }
   bool IsStopped() const { return stopped_; }
-  void Reset() { stopped_ = shut_ = false; }  // for a new transport, which reads
+  void Reset() {  // for a new transport, which reads
+    stopped_ = shut_ = false;
+    readSize_ = kLongestRead;
+  }
 
   // Tells the transport (null: there is none) if it is to do something else than before.
   template <class Transport>
   void Apply(Transport* transport, std::size_t unconsumed) {
+    if (transport == nullptr) return;
     bool shut = stopped_ || (limit_ != 0 && unconsumed > limit_);
-    if (transport == nullptr || shut == shut_) return;
-    shut_ = shut;
-    transport->SetOption(keelbase::AW_OPT_STOP_READING, &shut);
+    if (shut != shut_) {
+      shut_ = shut;
+      transport->SetOption(keelbase::AW_OPT_STOP_READING, &shut);
+    }
+    std::uint32_t size = ReadSizeBehind(unconsumed);
+    if (size != readSize_) {
+      readSize_ = size;
+      transport->SetOption(keelbase::AW_OPT_READ_SIZE, &size);
+    }
   }
 
  private:
+  static constexpr std::uint32_t kLongestRead = 65535;
+  static constexpr std::uint32_t kShort = 4096;  // so little is moved, or still missing
+
+  static std::uint32_t ReadSizeBehind(std::size_t unconsumed) {
+    const bool worthwhile = unconsumed > kShort && unconsumed < kLongestRead - kShort;
+    return worthwhile ? kLongestRead - static_cast<std::uint32_t>(unconsumed) : kLongestRead;
+  }
+
   std::size_t limit_ = 0;
   bool stopped_ = false;
   bool shut_ = false;
+  std::uint32_t readSize_ = kLongestRead;
 };
 
 }  // namespace zarn::utils::detail

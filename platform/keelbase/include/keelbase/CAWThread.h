@@ -38,7 +38,8 @@ class KEELBASE_API CAWThread {
 
   // Ends Run() after the event or callback in hand; from any thread. What is still queued is
   // destroyed and later posts answer 10001, until the next Run(). A Stop() before Run() ends that
-  // Run() at once. A started thread is not stopped that way: it lives to the process's clean-up.
+  // Run() at once. Does nothing to a thread that the manager has started: that one lives to the
+  // process's clean-up.
   void Stop();
 
   bool IsCurrent() const;  // true on the thread itself
@@ -85,6 +86,7 @@ class KEELBASE_API CAWThread {
 
   std::unique_ptr<internal::EventLoop> loop_;
   CAWEventQueue queue_;
+  bool adopted_ = false;
 };
 
 }  // namespace keelbase

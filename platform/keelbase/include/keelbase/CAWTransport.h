@@ -32,6 +32,13 @@ enum CAWTransportOption : int {
   // is.
   AW_OPT_LINGER_DATA = 113,
 
+  // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535.
+  // Default
+  // 65535. For a receiver that holds the start of a frame: the less comes behind its end, the less
+  // of
+  // the next frame has to be moved.
+  AW_OPT_READ_SIZE = 115,
+
   // Get, CAWPeerCredentials, where the system knows them (local transports).
   AW_OPT_PEER_CREDENTIALS = 114,
 };

@@ -105,6 +105,8 @@ class KEELBASE_API StreamSocket final : public CAWReferenceControlT<CAWMutexThre
   std::size_t gatherBegin_ = 0;
   std::size_t gatherEnd_ = 0;
 
+  std::size_t readSize_ = kReadSize;
+
   std::uint32_t lingerMs_ = 2000;
   Clock::Point lingerEnd_{};
   CAWMessageBlock* lingerData_ = nullptr;  // owned
