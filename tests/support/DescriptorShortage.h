@@ -15,13 +15,13 @@ class DescriptorShortage {
  public:
   DescriptorShortage() {
     ::getrlimit(RLIMIT_NOFILE, &before_);
-    keelbase::internal::FileDescriptor first(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     rlimit low = before_;
-    low.rlim_cur = static_cast<rlim_t>(first.Get()) + 16;
+    low.rlim_cur = static_cast<rlim_t>(descriptor) + 16;
     ::setrlimit(RLIMIT_NOFILE, &low);
-    while (first) {
-      taken_.push_back(std::move(first));
-      first.Reset(::fcntl(taken_.back().Get(), F_DUPFD_CLOEXEC, 0));
+    while (descriptor >= 0) {
+      taken_.emplace_back(descriptor);
+      descriptor = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
     }
   }
   ~DescriptorShortage() {

@@ -229,7 +229,7 @@ class FakeAcceptor final : public FakeCounted<fipc::IAWIPCAcceptor> {
 class FakeManager final : public fipc::CAWIPCManager {
  public:
   explicit FakeManager(CallLog* log = nullptr) : log_(log) { TEST_SetInstance(this); }
-  ~FakeManager() { TEST_SetInstance(nullptr); }
+  ~FakeManager() override { TEST_SetInstance(nullptr); }
   FakeManager(const FakeManager&) = delete;
   FakeManager& operator=(const FakeManager&) = delete;
 

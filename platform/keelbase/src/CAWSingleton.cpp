@@ -1,6 +1,7 @@
 // CAWSingleton.cpp - the clean-up chain, see CAWSingleton.h.
 #include "keelbase/CAWSingleton.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
@@ -37,7 +38,7 @@ class CleanUpChain {
       hasRun_ = true;
       links.swap(links_);
     }
-    for (auto link = links.rbegin(); link != links.rend(); ++link) delete *link;
+    std::for_each(links.rbegin(), links.rend(), [](CAWCleanUpBase* link) { delete link; });
   }
 
   internal::Mutex mutex_;

@@ -299,8 +299,8 @@ void EventLoop::Unwatch(int fd, Watcher& watcher) {
 void EventLoop::FlushTurn() {
   while (!turnEnd_.empty()) {
     flushing_.swap(turnEnd_);
-    for (std::size_t i = 0; i < flushing_.size(); ++i) {
-      if (flushing_[i] != nullptr) flushing_[i]->OnTurnEnd();
+    for (TurnEndTask* const& task : flushing_) {
+      if (task != nullptr) task->OnTurnEnd();  // null: dropped by one before it
     }
     flushing_.clear();
   }

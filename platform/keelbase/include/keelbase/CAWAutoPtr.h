@@ -20,7 +20,10 @@ class CAWAutoPtr {
   CAWAutoPtr(CAWAutoPtr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   ~CAWAutoPtr() { Drop(object_); }
 
-  CAWAutoPtr& operator=(const CAWAutoPtr& other) { return *this = other.object_; }
+  CAWAutoPtr& operator=(const CAWAutoPtr& other) {
+    if (this != &other) *this = other.object_;
+    return *this;
+  }
   CAWAutoPtr& operator=(CAWAutoPtr&& other) noexcept {
     if (this != &other) Drop(std::exchange(object_, std::exchange(other.object_, nullptr)));
     return *this;
