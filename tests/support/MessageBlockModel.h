@@ -130,7 +130,7 @@ class MessageBlockModel {
     if (chain.head->IsBorrowed()) return Check(to == nullptr, "borrowed bytes are not written");
     std::string text = NextText();
     text.resize(std::min(text.size(), chain.head->GetSpace()));
-    std::memcpy(to, text.data(), text.size());
+    std::copy(text.begin(), text.end(), to);
     Check(chain.head->AdvanceWritePtr(text.size()) == keelbase::AW_OK, "AdvanceWritePtr answers");
     chain.blocks.front() += text;
   }
