@@ -87,7 +87,7 @@ class Channel final : public zarn::utils::CZARNLibServerChannel {
 // One receive event: a chain of one or two blocks, with or without room in front.
 void Deliver(FuzzedDataProvider& input, Channel& channel, fipc::IAWIPCTransport* transport,
              std::string_view piece) {
-  const std::size_t headroom = input.PickValueInArray<std::size_t>({0, 50, 65536});
+  const std::size_t headroom = input.PickValueInArray<std::size_t>({0, 50, 4000});
   const bool two = piece.size() > 1 && input.ConsumeIntegralInRange(0, 7) == 0;
   const std::size_t first = two ? piece.size() / 2 : piece.size();
   const auto block = std::make_unique<CAWMessageBlock>(first, headroom);
