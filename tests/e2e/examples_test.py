@@ -1,0 +1,68 @@
+"""The example programs do what their first lines say."""
+
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+
+LIMIT = 20  # seconds that one step may take
+
+
+class Examples(unittest.TestCase):
+    def setUp(self):
+        self.root = tempfile.mkdtemp(prefix="zarn-examples-")
+        self.addCleanup(shutil.rmtree, self.root)
+        os.mkdir(os.path.join(self.root, "system"))
+
+    def start(self, *command, root=None):
+        program = subprocess.Popen(
+            [os.path.join(os.environ["ZARN_BIN_DIR"], command[0]), *command[1:]],
+            env={**os.environ, "ZARN_ROOT": root or self.root}, text=True,
+            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.end, program)
+        return program
+
+    @staticmethod
+    def end(program):
+        if program.poll() is None:
+            program.kill()
+        program.communicate(timeout=LIMIT)
+
+    def serve(self):
+        server = self.start("echo_server", "1", "2")
+        self.assertEqual(server.stdout.readline(), "listening at 1_2\n")
+        return server
+
+    def test_client_gets_its_line_back_and_server_stops_in_order(self):
+        server = self.serve()
+        output, errors = self.start("echo_client", "3", "4", "1", "2", "hello").communicate(
+            timeout=LIMIT)
+        self.assertEqual((output, errors), ("connected\ntype 1 tag 1: hello\n", ""))
+        self.assertEqual(server.stdout.readline(), "a client has come, 1 now\n")
+        server.send_signal(signal.SIGTERM)
+        output, errors = server.communicate(timeout=LIMIT)
+        self.assertEqual((server.returncode, output, errors), (0, "stopped\n", ""))
+        self.assertEqual(os.listdir(os.path.join(self.root, "system/zarn/ipc")), [])
+
+    def test_client_that_comes_first_finds_the_server_later(self):
+        client = self.start("echo_client", "3", "4", "1", "2", "early")
+        self.assertEqual(client.stdout.readline(), "not connected: No such file or directory\n")
+        self.serve()
+        output, _ = client.communicate(timeout=LIMIT)
+        self.assertTrue(output.endswith("connected\ntype 1 tag 1: early\n"), output)
+
+    def test_second_server_at_an_endpoint_and_a_missing_root_are_told(self):
+        self.serve()
+        _, errors = self.start("echo_server", "1", "2").communicate(timeout=LIMIT)
+        self.assertEqual(errors, "echo_server: cannot listen at 1_2: Address already in use\n")
+        for command in (("echo_server", "1", "2"), ("echo_client", "3", "4", "1", "2", "x")):
+            program = self.start(*command, root=os.path.join(self.root, "none"))
+            _, errors = program.communicate(timeout=LIMIT)
+            self.assertEqual(program.returncode, 1)
+            self.assertIn("ZARN_ROOT", errors)
+
+
+if __name__ == "__main__":
+    unittest.main()
