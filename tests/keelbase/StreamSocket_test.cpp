@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <new>
@@ -25,6 +26,7 @@ class Sink final : public StreamSocketSink {
  public:
   void OnBytes(CAWMessageBlock& block) override {
     received += block.FlattenChained();
+    longest = std::max(longest, block.GetChainedLength());
     if (failMemory) throw std::bad_alloc();
   }
   void OnRoom() override { ++rooms; }
@@ -33,6 +35,7 @@ class Sink final : public StreamSocketSink {
     reason = why;
   }
   std::string received;
+  std::size_t longest = 0;
   int rooms = 0;
   int ends = 0;
   long reason = -1;
@@ -182,6 +185,38 @@ TEST(StreamSocket, LingersThatNobodyReadsEndInTime) {
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_GE(took, std::chrono::milliseconds(49));
     EXPECT_LT(took, std::chrono::seconds(5));
+  });
+}
+
+TEST(StreamSocket, OneReceiveEventBringsNoMoreThanTheReadSize) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    const std::uint32_t size = 100;
+    EXPECT_EQ(pair.socket->SetOption(AW_OPT_READ_SIZE, &size), AW_OK);
+    const std::string text(1000, 'x');
+    EXPECT_EQ(::write(pair.peer.Get(), text.data(), text.size()), 1000);
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.received.size() == text.size(); }));
+    EXPECT_EQ(sink.longest, 100U);
+  });
+}
+
+TEST(StreamSocket, ReadSizeIsBroughtIntoItsRange) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    const std::uint32_t none = 0, huge = 0xffffffff;
+    EXPECT_EQ(pair.socket->SetOption(AW_OPT_READ_SIZE, &none), AW_OK);
+    EXPECT_EQ(::write(pair.peer.Get(), "xy", 2), 2);
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.received.size() == 2; }));
+    EXPECT_EQ(sink.longest, 1U);
+    EXPECT_EQ(pair.socket->SetOption(AW_OPT_READ_SIZE, &huge), AW_OK);
+    const std::string text(100000, 'x');
+    EXPECT_EQ(::write(pair.peer.Get(), text.data(), text.size()), 100000);
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.received.size() == 100002; }));
+    EXPECT_EQ(sink.longest, 65535U);
   });
 }
 

@@ -11,9 +11,10 @@ namespace fipc {
 
 // Owns the endpoint file of one listening socket.
 //
-// Whoever makes or removes an endpoint holds flock on the directory meanwhile, so that two
-// processes never judge and replace the same file at once. Waiting for that lock is the caller's
-// business.
+// Whoever makes an endpoint holds flock on the directory meanwhile, so that two processes never
+// judge and replace the same file at once. Waiting for that lock is the caller's business. Removing
+// takes no lock: the file is still the one that was made (same inode) for as long as its socket is
+// open, since nobody replaces a served endpoint.
 class EndpointFile {
  public:
   EndpointFile() = default;

@@ -38,7 +38,7 @@ class ReadGate {
 
  private:
   static constexpr std::uint32_t kLongestRead = 65535;
-  static constexpr std::uint32_t kShort = 4096;  // so little is moved, or still missing
+  static constexpr std::uint32_t kShort = 16384;  // so little is moved, or still missing
 
   static std::uint32_t ReadSizeBehind(std::size_t unconsumed) {
     const bool worthwhile = unconsumed > kShort && unconsumed < kLongestRead - kShort;

@@ -14,29 +14,24 @@ enum CAWTransportOption : int {
   AW_OPT_PEER_ADDRESS = 105,
 
   // Set, bool: true stops reading from the peer, whose end is still noticed: what it had sent by
-  // then
-  // is delivered first. false reads on.
+  // then is delivered first. false reads on.
   AW_OPT_STOP_READING = 110,
 
   // Get, CAWTransportCounters.
   AW_OPT_COUNTERS = 111,
 
   // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken. Default
-  // 2000;
-  // 0 drops at once whatever the system does not take at once.
+  // 2000; 0 drops at once whatever the system does not take at once.
   AW_OPT_LINGER = 112,
 
   // Set, CAWMessageBlock (a chain): bytes to write after all that was taken, during the linger that
-  // the
-  // next Disconnect starts. Owned bytes are shared, borrowed ones copied; the chain is left as it
-  // is.
+  // the next Disconnect starts. Owned bytes are shared, borrowed ones copied; the chain is left as
+  // it is.
   AW_OPT_LINGER_DATA = 113,
 
   // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535.
-  // Default
-  // 65535. For a receiver that holds the start of a frame: the less comes behind its end, the less
-  // of
-  // the next frame has to be moved.
+  // Default 65535. For a receiver that holds the start of a frame: the less comes behind its end,
+  // the less of the next frame has to be moved.
   AW_OPT_READ_SIZE = 115,
 
   // Get, CAWPeerCredentials, where the system knows them (local transports).
