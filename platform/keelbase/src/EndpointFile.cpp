@@ -1,5 +1,5 @@
 // EndpointFile.cpp - see EndpointFile.h.
-#include "EndpointFile.h"
+#include "keelbase/internal/EndpointFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <utility>
 
-namespace fipc {
+namespace keelbase::internal {
 
 namespace {
 
@@ -82,4 +82,4 @@ void EndpointFile::Remove() {
   path_.clear();
 }
 
-}  // namespace fipc
+}  // namespace keelbase::internal

@@ -1,18 +1,17 @@
-// EndpointName_test.cpp - endpoint paths, and the names that connectors bind themselves to.
-#include "EndpointName.h"
+// ClientName_test.cpp - the names that connectors bind themselves to.
+#include "ClientName.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <optional>
 #include <string>
 
-#include "TempRoot.h"
-
 namespace fipc {
 namespace {
+
+using keelbase::internal::SocketName;
 
 SocketName Raw(const std::string& text) {
   SocketName name;
@@ -30,37 +29,6 @@ std::optional<std::string> Parse(const std::string& text) {
 std::string Abstract(const std::string& text) { return std::string(1, '\0') + text; }
 
 const std::string kDigits(32, '7');
-
-TEST(EndpointPath, IsSplitAtItsLastSlash) {
-  EXPECT_EQ(EndpointPath("/a/b/1_2").directory, "/a/b");
-  EXPECT_EQ(EndpointPath("/a/b/1_2").name, "1_2");
-  EXPECT_EQ(EndpointPath("1_2").directory, ".");
-  EXPECT_EQ(EndpointPath("1_2").name, "1_2");
-  EXPECT_EQ(EndpointPath("/1_2").directory, "/");
-  EXPECT_EQ(EndpointPath("/1_2").name, "1_2");
-}
-
-TEST(EndpointPath, PathsWithoutAFileNameNameNoEndpoint) {
-  for (const std::string& path :
-       {std::string(), std::string("/"), std::string("/a/"), std::string("."), std::string(".."),
-        std::string("/a/."), std::string("/a/.."), std::string("/a/b\0c", 6)})
-    EXPECT_EQ(EndpointPath(path).name, "") << path;
-}
-
-TEST(EndpointAddress, ShortPathIsUsedAsItIs) {
-  EndpointAddress address;
-  ASSERT_EQ(address.Resolve(EndpointPath("/no/such/1_2")), 0);
-  EXPECT_STREQ(address.Get()->sa_data, "/no/such/1_2");
-}
-
-TEST(EndpointAddress, LongPathNeedsItsDirectory) {
-  EndpointAddress address;
-  EXPECT_EQ(address.Resolve(EndpointPath("/" + std::string(150, 'x') + "/1_2")), ENOENT);
-  const zarn::test::TempDir dir;
-  EXPECT_EQ(address.Resolve(EndpointPath(dir.GetPath() + "/" + std::string(120, 'n'))),
-            ENAMETOOLONG);
-  EXPECT_EQ(address.Resolve(EndpointPath("")), EINVAL);
-}
 
 TEST(ClientName, GivesTheNameBack) {
   for (const char* text : {"1_2", "65535_65535", "x", "with space"}) {

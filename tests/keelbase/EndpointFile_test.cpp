@@ -1,5 +1,5 @@
 // EndpointFile_test.cpp - the file of a listening socket by itself.
-#include "EndpointFile.h"
+#include "keelbase/internal/EndpointFile.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 
 #include "TempRoot.h"
 
-namespace fipc {
+namespace keelbase::internal {
 namespace {
 
 using zarn::test::TempDir;
@@ -54,4 +54,4 @@ TEST(EndpointFile, FailureChangesNothing) {
 }
 
 }  // namespace
-}  // namespace fipc
+}  // namespace keelbase::internal

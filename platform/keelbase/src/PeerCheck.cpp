@@ -1,14 +1,14 @@
 // PeerCheck.cpp - see PeerCheck.h.
-#include "PeerCheck.h"
+#include "keelbase/internal/PeerCheck.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-namespace fipc {
+namespace keelbase::internal {
 
-int CheckPeer(int socket, bool allowAnyUser, keelbase::CAWPeerCredentials& credentials) {
+int CheckPeer(int socket, bool allowAnyUser, CAWPeerCredentials& credentials) {
   ucred peer{};
   socklen_t size = sizeof peer;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return errno;
@@ -17,4 +17,4 @@ int CheckPeer(int socket, bool allowAnyUser, keelbase::CAWPeerCredentials& crede
   return allowed ? 0 : EACCES;
 }
 
-}  // namespace fipc
+}  // namespace keelbase::internal

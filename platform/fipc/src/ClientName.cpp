@@ -1,16 +1,16 @@
-// EndpointName.cpp - see EndpointName.h.
-#include "EndpointName.h"
+// ClientName.cpp - see ClientName.h.
+#include "ClientName.h"
 
-#include <fcntl.h>
 #include <sys/random.h>
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace fipc {
+
+using keelbase::internal::IsEndpointName;
+using keelbase::internal::SocketName;
 
 namespace {
 
@@ -18,40 +18,7 @@ constexpr std::string_view kClientPrefix = "zarn-ipc/";
 constexpr std::size_t kRandomDigits = 32;
 constexpr std::size_t kPathOffset = offsetof(sockaddr_un, sun_path);
 
-SocketName MakeName(std::string_view text, bool terminated) {
-  SocketName name;
-  name.address.sun_family = AF_UNIX;
-  std::memcpy(name.address.sun_path, text.data(), text.size());
-  name.size = static_cast<socklen_t>(kPathOffset + text.size() + (terminated ? 1 : 0));
-  return name;
-}
-
-bool IsEndpointName(std::string_view name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
-         name.find('\0') == std::string_view::npos;
-}
-
 }  // namespace
-
-EndpointPath::EndpointPath(std::string_view path) {
-  const std::size_t slash = path.rfind('/');
-  directory = slash == std::string_view::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-  name = slash == std::string_view::npos ? path : path.substr(slash + 1);
-  if (!IsEndpointName(name)) name.clear();
-}
-
-int EndpointAddress::Resolve(const EndpointPath& path) {
-  if (path.name.empty()) return EINVAL;
-  std::string full = path.directory + "/" + path.name;
-  if (full.size() >= sizeof(sockaddr_un::sun_path)) {
-    directory_.Reset(::open(path.directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!directory_) return errno;
-    full = "/proc/self/fd/" + std::to_string(directory_.Get()) + "/" + path.name;
-    if (full.size() >= sizeof(sockaddr_un::sun_path)) return ENAMETOOLONG;
-  }
-  name_ = MakeName(full, true);
-  return 0;
-}
 
 std::optional<SocketName> MakeClientName(std::string_view name) {
   std::array<std::uint8_t, kRandomDigits / 2> random;
@@ -65,7 +32,7 @@ std::optional<SocketName> MakeClientName(std::string_view name) {
     text.push_back(kDigits[byte & 15]);
   }
   if (text.size() > sizeof(sockaddr_un::sun_path)) return std::nullopt;
-  return MakeName(text, false);
+  return SocketName::OfAbstract(text);
 }
 
 std::optional<std::string> ParseClientName(const sockaddr_un& address, socklen_t size) {

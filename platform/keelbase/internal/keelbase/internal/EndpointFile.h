@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "EndpointName.h"
+#include "keelbase/internal/EndpointPath.h"
 
-namespace fipc {
+namespace keelbase::internal {
 
 // Owns the endpoint file of one listening socket.
 //
@@ -15,7 +15,7 @@ namespace fipc {
 // judge and replace the same file at once. Waiting for that lock is the caller's business. Removing
 // takes no lock: the file is still the one that was made (same inode) for as long as its socket is
 // open, since nobody replaces a served endpoint.
-class EndpointFile {
+class KEELBASE_API EndpointFile {
  public:
   EndpointFile() = default;
   ~EndpointFile() { Remove(); }
@@ -35,4 +35,4 @@ class EndpointFile {
   ino_t inode_ = 0;
 };
 
-}  // namespace fipc
+}  // namespace keelbase::internal
