@@ -16,7 +16,8 @@ int main() {
   zarn::utils::FromJno(zarn::utils::MakeJno(1, 2), low, high);
   Json::Value json;
   zarn::utils::CZARNNode().ToJson(json);
-  const bool usable = json.size() == 15 && zarn::utils::GetHashKey(fshmipc::CAWShmIPCAddr(1, 2)) != 0 &&
+  const bool usable = json.size() == 15 &&
+                      zarn::utils::GetHashKey(fshmipc::CAWShmIPCAddr(1, 2)) != 0 &&
                       fipc::CAWIPCManager::Instance() != nullptr &&
                       !keelbase::DescribeResult(keelbase::AW_ERROR_FAILURE).empty();
   std::printf("%d_%d\n", low, high);
