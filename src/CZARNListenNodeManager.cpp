@@ -64,9 +64,7 @@ AWResult CZARNListenNodeManager::FindListenNotify(CZARNListenNodeKey& key,
 }
 
 AWResult CZARNListenNodeManager::RemoveListenNotify(CZARNListenNodeKey& key) {
-  if (LookupListenNotify(key) != AW_OK) return AW_ERROR_FAILURE;
-  map_.erase(key);
-  return AW_OK;
+  return map_.erase(key) == 1 ? AW_OK : AW_ERROR_FAILURE;
 }
 
 void CZARNListenNodeManager::DumpStartListenItem(
