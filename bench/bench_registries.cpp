@@ -1,10 +1,11 @@
 // bench_registries.cpp - the registries beside std::unordered_map with the same key and hash.
-//   bench_registries apps|listen OPERATION zarn|map [--entries N] [--seconds S]
-// OPERATION is one of
-//   lookup, add, remove   one call among N entries (1000000), prints {"ns": ...}
-//   find                  the same with a copy of the item; listen only
-//   scan                  all N entries for a job number that none has; apps only,
-//                         prints {"seconds": ...}
+//   bench_registries apps|listen OPERATION [--entries N] [--seconds S]
+// OPERATION is lookup, add or remove: one call among N entries (1000000); of listen also find, a
+// lookup with a copy of the item; of apps also scan, all entries for a job number that none has.
+// Both tables are in one process and take turns, so what disturbs one disturbs the other. Prints
+// for each of "zarn" and "map" the time of a call: {"ns": ..., "seconds": ...}.
+#include <time.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -28,23 +29,22 @@ using zarn::utils::CZARNListenNodeManager;
 using zarn::utils::ZARNAppKey;
 
 constexpr std::uint16_t kNoJno = 0xFFFF;
-constexpr std::uint32_t kRound = 1000;  // calls between two looks at the clock
+constexpr std::uint32_t kRound = 100;  // calls between two looks at the clock
 // Without a common factor with a number of entries that is a power of ten.
 constexpr std::uint64_t kStride = 618033;
 
 struct RegistryOptions {
   std::string table;
   std::string operation;
-  std::string contestant;
   std::uint32_t entries = 1000000;
   double seconds = 1;
 };
 
 RegistryOptions Parse(int argc, char** argv) {
-  if (argc < 4 || argc % 2 != 0)
-    Fail("usage: bench_registries apps|listen OPERATION zarn|map [--entries N] [--seconds S]");
-  RegistryOptions options{argv[1], argv[2], argv[3]};
-  for (int i = 4; i < argc; i += 2) {
+  if (argc < 3 || argc % 2 == 0)
+    Fail("usage: bench_registries apps|listen OPERATION [--entries N] [--seconds S]");
+  RegistryOptions options{argv[1], argv[2]};
+  for (int i = 3; i < argc; i += 2) {
     const std::string name = argv[i];
     if (name == "--entries")  // a power of ten of at least 1000
       options.entries = static_cast<std::uint32_t>(std::stoul(argv[i + 1]));
@@ -54,6 +54,13 @@ RegistryOptions Parse(int argc, char** argv) {
       Fail("unknown option " + name);
   }
   return options;
+}
+
+// Of this thread: what other programs do in the meantime does not count.
+double CpuNow() {
+  timespec time{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 // --- contestants: each call says whether it did what it was asked ---
@@ -134,121 +141,119 @@ struct MapListen : Listen {
 // --- measuring ---
 
 template <class Table>
-class Measurement {
+class Contestant {
  public:
-  explicit Measurement(const RegistryOptions& options) : options_(options) {
-    for (std::uint32_t number = 0; number < options.entries; ++number) {
-      Table::Fill(item_, number);
-      if (!table_.Add(item_)) Fail("an entry was not added");
-    }
+  explicit Contestant(const RegistryOptions& options)
+      : entries_(options.entries), round_(Choose(options.operation)) {}
+
+  void Fill(std::uint32_t number) {
+    Table::Fill(item_, number);
+    if (!table_.Add(item_)) Fail("an entry was not added");
   }
 
-  // Nanoseconds a call.
-  template <class Call>
-  double MeasureEach(Call call) {
-    std::uint64_t position = 0;
-    return MeasureRounds([&] {
-      position = (position + kRound) % options_.entries;
-      return TimeRound(call, position);
-    });
-  }
+  void TimeRound() { (this->*round_)(); }
 
-  // New entries come and the oldest go, a round of each; one of the two is timed.
-  double MeasureChange(bool adding) {
-    std::uint64_t position = 0;
-    return MeasureRounds([&] {
-      const double added = TimeRound(&Table::Add, position + options_.entries);
-      const double removed = TimeRound(&Table::Remove, position);
-      position += kRound;
-      return adding ? added : removed;
-    });
-  }
-
-  double MeasureScan() {
-    const double begin = Now();
-    double calls = 0;
-    double taken = 0;
-    do {
-      if (!table_.Scan(item_)) Fail("a scan found what is not there");
-      ++calls;
-      taken = Now() - begin;
-    } while (taken < options_.seconds);
-    return taken / calls;
+  void Print(const char* name) const {
+    const double seconds = seconds_ / calls_;
+    std::printf("\"%s\": {\"ns\": %.2f, \"seconds\": %.9f}", name, seconds * 1e9, seconds);
   }
 
  private:
-  template <class Round>
-  double MeasureRounds(Round round) {
-    const double end = Now() + options_.seconds;
-    double seconds = 0;
-    double calls = 0;
-    do {
-      seconds += round();
-      calls += kRound;
-    } while (Now() < end);
-    return seconds * 1e9 / calls;
+  using Round = void (Contestant::*)();
+
+  static Round Choose(const std::string& operation) {
+    if (operation == "lookup") return &Contestant::Lookup;
+    if (operation == "add") return &Contestant::Change<true>;
+    if (operation == "remove") return &Contestant::Change<false>;
+    if constexpr (requires { &Table::Find; }) {
+      if (operation == "find") return &Contestant::Find;
+    } else {
+      if (operation == "scan") return &Contestant::Scan;
+    }
+    Fail("no such operation: " + operation);
+  }
+
+  void Lookup() { Count(Time(&Table::Lookup, position_ % entries_)); }
+  void Find() { Count(Time(&Table::Find, position_ % entries_)); }
+
+  // New entries come and the oldest go, a round of each; one of the two counts.
+  template <bool adding>
+  void Change() {
+    const double added = Time(&Table::Add, position_ + entries_);
+    const double removed = Time(&Table::Remove, position_);
+    Count(adding ? added : removed);
+  }
+
+  void Scan() {
+    const double begin = CpuNow();
+    if (!table_.Scan(item_)) Fail("a scan found what is not there");
+    seconds_ += CpuNow() - begin;
+    ++calls_;
   }
 
   // Calls for the entries at a position and behind it.
   template <class Call>
-  double TimeRound(Call call, std::uint64_t position) {
-    const double begin = Now();
+  double Time(Call call, std::uint64_t position) {
+    const double begin = CpuNow();
     for (const std::uint64_t end = position + kRound; position < end; ++position) {
       Table::Fill(item_, NumberAt(position));
       if (!(table_.*call)(item_)) Fail("a call did not do what it was asked");
     }
-    return Now() - begin;
+    return CpuNow() - begin;
+  }
+
+  void Count(double seconds) {
+    seconds_ += seconds;
+    calls_ += kRound;
+    position_ += kRound;
   }
 
   // Lap by lap all numbers, in an order that no cache foresees.
   std::uint32_t NumberAt(std::uint64_t position) const {
-    const std::uint64_t lap = position / options_.entries;
-    return static_cast<std::uint32_t>(lap * options_.entries +
-                                      position * kStride % options_.entries);
+    const std::uint64_t lap = position / entries_;
+    return static_cast<std::uint32_t>(lap * entries_ + position * kStride % entries_);
   }
 
-  const RegistryOptions options_;
+  const std::uint64_t entries_;
+  const Round round_;
   Table table_;
   typename Table::Item item_;
+  std::uint64_t position_ = 0;
+  double seconds_ = 0;
+  double calls_ = 0;
 };
 
-template <class Table>
+template <class Ours, class Map>
 void Run(const RegistryOptions& options) {
-  Measurement<Table> measurement(options);
-  if (options.operation == "lookup") {
-    std::printf("{\"ns\": %.2f}\n", measurement.MeasureEach(&Table::Lookup));
-    return;
+  Contestant<Ours> ours(options);
+  Contestant<Map> map(options);
+  for (std::uint32_t number = 0; number < options.entries; ++number) {
+    ours.Fill(number);
+    map.Fill(number);
   }
-  if (options.operation == "add" || options.operation == "remove") {
-    std::printf("{\"ns\": %.2f}\n", measurement.MeasureChange(options.operation == "add"));
-    return;
-  }
-  if constexpr (requires { &Table::Find; }) {
-    if (options.operation == "find") {
-      std::printf("{\"ns\": %.2f}\n", measurement.MeasureEach(&Table::Find));
-      return;
-    }
-  } else if (options.operation == "scan") {
-    std::printf("{\"seconds\": %.6f}\n", measurement.MeasureScan());
-    return;
-  }
-  Fail("no such operation: " + options.operation);
+  const double end = Now() + options.seconds;
+  do {
+    ours.TimeRound();
+    map.TimeRound();
+    map.TimeRound();
+    ours.TimeRound();
+  } while (Now() < end);
+  std::printf("{");
+  ours.Print("zarn");
+  std::printf(", ");
+  map.Print("map");
+  std::printf("}\n");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const RegistryOptions options = Parse(argc, argv);
-  const std::string what = options.table + " " + options.contestant;
-  if (what == "apps zarn")
-    Run<ZarnApps>(options);
-  else if (what == "apps map")
-    Run<MapApps>(options);
-  else if (what == "listen zarn")
-    Run<ZarnListen>(options);
-  else if (what == "listen map")
-    Run<MapListen>(options);
+  if (options.table == "apps")
+    Run<ZarnApps, MapApps>(options);
+  else if (options.table == "listen")
+    Run<ZarnListen, MapListen>(options);
   else
-    Fail("no such contestant: " + what);
+    Fail("no such table: " + options.table);
   return 0;
 }

@@ -1,32 +1,29 @@
 """Registries beside std::unordered_map, records beside jsoncpp by hand."""
-from measure import NANOSECONDS, SECONDS, Case
+from measure import NANOSECONDS, SECONDS, Case, SharedCase
 
 ENTRIES = 1000000
-# Two runs of one program differ by this much: the entries lie in other places each time.
+# What two equal tables in one process differ by: their entries lie in different places.
 NOISE = 1.05
 
 
-def beside_map(table, operation):
-    return {name: ["bench_registries", table, operation, name, "--entries", str(ENTRIES)]
-            for name in ("zarn", "map")}
+def beside_map(title, table, operation, metric=NANOSECONDS):
+    arguments = ["bench_registries", table, operation, "--entries", str(ENTRIES)]
+    return SharedCase(title, metric, ("zarn", "map"), arguments, [("map", "at most", NOISE)])
 
 
-def beside_jsoncpp(operation):
-    return {name: ["bench_records", operation, name] for name in ("zarn", "jsoncpp")}
+def beside_jsoncpp(title, operation):
+    contestants = {name: ["bench_records", operation, name] for name in ("zarn", "jsoncpp")}
+    return Case(title, NANOSECONDS, contestants, [("jsoncpp", "at most", 1.1)])
 
 
 def make_cases():
-    cases = []
-    for table, title in ("apps", "CZARNAppsManager"), ("listen", "CZARNListenNodeManager"):
-        for operation in ("lookup", "add", "remove"):
-            cases.append(Case(f"{title} {operation}", NANOSECONDS, beside_map(table, operation),
-                              [("map", "at most", NOISE)]))
-    cases.append(Case("CZARNListenNodeManager find", NANOSECONDS, beside_map("listen", "find"),
-                      [("map", "at most", NOISE)]))
-    cases.append(Case("GetAppsByJno that finds nothing", SECONDS, beside_map("apps", "scan"), []))
-    for operation, title in (("address-write", "CZARNAddress, ToJson and writing"),
-                             ("process-write", "CZARNProcess, ToJson and writing"),
-                             ("process-read", "CZARNProcess, parsing and FromJson")):
-        cases.append(Case(title, NANOSECONDS, beside_jsoncpp(operation),
-                          [("jsoncpp", "at most", 1.1)]))
-    return cases
+    return [
+        *(beside_map(f"CZARNAppsManager, {operation}", "apps", operation)
+          for operation in ("lookup", "add", "remove")),
+        beside_map("GetAppsByJno that finds nothing", "apps", "scan", SECONDS),
+        *(beside_map(f"CZARNListenNodeManager, {operation}", "listen", operation)
+          for operation in ("lookup", "find", "add", "remove")),
+        beside_jsoncpp("CZARNAddress, ToJson and writing", "address-write"),
+        beside_jsoncpp("CZARNProcess, ToJson and writing", "process-write"),
+        beside_jsoncpp("CZARNProcess, parsing and FromJson", "process-read"),
+    ]

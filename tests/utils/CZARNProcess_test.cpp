@@ -22,6 +22,13 @@ using utils::CZARNProcess;
 
 static_assert(!std::is_polymorphic_v<CZARNProcess>);
 
+// Sanitizers take so long over 100 MB that they get less.
+#if defined(__SANITIZE_ADDRESS__) || defined(__clang__)
+constexpr std::size_t kLargeJson = 5 << 20;
+#else
+constexpr std::size_t kLargeJson = 100 << 20;
+#endif
+
 Json::Value Parse(const std::string& text) {
   Json::CharReaderBuilder builder;
   builder["stackLimit"] = 1000000;
@@ -436,15 +443,15 @@ TEST(CZARNProcess, BytesThatAreNoUtf8AreTakenAsTheyAreAndMendedInTheParameters) 
 }
 
 TEST(CZARNProcess, JsonOf100MegabytesIsHandled) {
-  const std::string large(100 << 20, 'x');
+  const std::string large(kLargeJson, 'x');
   CZARNProcess process;
   {
     Json::Value in;
     in["jsonparam"]["Desc"] = large;
     process.FromJson(in);
   }
-  EXPECT_EQ(process.GetDesc().size(), large.size());
-  EXPECT_EQ(Write(process)["Desc"].asString().size(), large.size());
+  EXPECT_EQ(process.GetDesc(), large);
+  EXPECT_EQ(Write(process)["Desc"].asString(), large);
   process.SetJsonParam(large);
   EXPECT_TRUE(Write(process).isNull());
 }
