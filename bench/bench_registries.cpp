@@ -1,5 +1,5 @@
 // bench_registries.cpp - the registries beside std::unordered_map with the same key and hash.
-//   bench_registries apps|listen OPERATION [--entries N] [--seconds S]
+//   bench_registries apps|listen OPERATION [--first zarn|map] [--entries N] [--seconds S]
 // OPERATION is lookup, add or remove: one call among N entries (1000000); of listen also find, a
 // lookup with a copy of the item; of apps also scan, all entries for a job number that none has.
 // Both tables are in one process and take turns, so what disturbs one disturbs the other. Prints
@@ -36,6 +36,7 @@ constexpr std::uint64_t kStride = 618033;
 struct RegistryOptions {
   std::string table;
   std::string operation;
+  std::string first = "zarn";
   std::uint32_t entries = 1000000;
   double seconds = 1;
 };
@@ -48,6 +49,8 @@ RegistryOptions Parse(int argc, char** argv) {
     const std::string name = argv[i];
     if (name == "--entries")  // a power of ten of at least 1000
       options.entries = static_cast<std::uint32_t>(std::stoul(argv[i + 1]));
+    else if (name == "--first")
+      options.first = argv[i + 1];
     else if (name == "--seconds")
       options.seconds = std::stod(argv[i + 1]);
     else
@@ -223,26 +226,34 @@ class Contestant {
   double calls_ = 0;
 };
 
-template <class Ours, class Map>
-void Run(const RegistryOptions& options) {
-  Contestant<Ours> ours(options);
-  Contestant<Map> map(options);
+template <class First, class Second>
+void Run(const RegistryOptions& options, const char* firstName, const char* secondName) {
+  Contestant<First> first(options);
+  Contestant<Second> second(options);
   for (std::uint32_t number = 0; number < options.entries; ++number) {
-    ours.Fill(number);
-    map.Fill(number);
+    first.Fill(number);
+    second.Fill(number);
   }
   const double end = Now() + options.seconds;
   do {
-    ours.TimeRound();
-    map.TimeRound();
-    map.TimeRound();
-    ours.TimeRound();
+    first.TimeRound();
+    second.TimeRound();
+    second.TimeRound();
+    first.TimeRound();
   } while (Now() < end);
   std::printf("{");
-  ours.Print("zarn");
+  first.Print(firstName);
   std::printf(", ");
-  map.Print("map");
+  second.Print(secondName);
   std::printf("}\n");
+}
+
+template <class Ours, class Map>
+void RunBoth(const RegistryOptions& options) {
+  if (options.first == "zarn")
+    Run<Ours, Map>(options, "zarn", "map");
+  else
+    Run<Map, Ours>(options, "map", "zarn");
 }
 
 }  // namespace
@@ -250,9 +261,9 @@ void Run(const RegistryOptions& options) {
 int main(int argc, char** argv) {
   const RegistryOptions options = Parse(argc, argv);
   if (options.table == "apps")
-    Run<ZarnApps, MapApps>(options);
+    RunBoth<ZarnApps, MapApps>(options);
   else if (options.table == "listen")
-    Run<ZarnListen, MapListen>(options);
+    RunBoth<ZarnListen, MapListen>(options);
   else
     Fail("no such table: " + options.table);
   return 0;
