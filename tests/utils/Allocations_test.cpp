@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <list>
 #include <memory>
 #include <new>
 #include <string>
@@ -12,8 +13,10 @@
 #include "FakeIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
+#include "zarn/utils/CZARNAppsManager.h"
 #include "zarn/utils/CZARNIPCStreamBase.h"
 #include "zarn/utils/CZARNLibServerChannel.h"
+#include "zarn/utils/CZARNListenNodeManager.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
 
@@ -246,6 +249,42 @@ TEST_F(Allocations, SendQueueWithoutMemoryKeepsWhatItHolds) {
     return AW_ERROR_PARTIAL_DATA;
   });
   EXPECT_EQ(offered, "first");
+}
+
+TEST_F(Allocations, RegistriesWithoutMemoryAnswer10001AndKeepWhatTheyHold) {
+  utils::CZARNAppsManager apps;
+  utils::CZARNListenNodeManager nodes;
+  utils::CZARNApp app;
+  utils::CZARNListenNodeItem item;
+  std::list<utils::CZARNApp> list;
+  ASSERT_EQ(apps.AddApp(app), AW_OK);
+  ASSERT_EQ(nodes.AddListenNotify(item), AW_OK);
+  AWResult appResult = AW_OK;
+  AWResult nodeResult = AW_OK;
+  AWResult replaced = AW_ERROR_FAILURE;
+  bool thrown = false;
+  {
+    const Exhaustion none;
+    replaced = nodes.AddListenNotify(item);
+    app.jno = 1;
+    item.SetPno(1);
+    appResult = apps.AddApp(app);
+    nodeResult = nodes.AddListenNotify(item);
+    try {
+      apps.GetAppsList(list);
+    } catch (const std::bad_alloc&) {
+      thrown = true;
+    }
+  }
+  EXPECT_EQ(appResult, AW_ERROR_FAILURE);
+  EXPECT_EQ(nodeResult, AW_ERROR_FAILURE);
+  EXPECT_EQ(replaced, AW_OK);
+  EXPECT_TRUE(thrown && list.empty());
+  apps.GetAppsList(list);
+  EXPECT_EQ(list.size(), 1U);
+  EXPECT_EQ(nodes.GetSize(), 1U);
+  EXPECT_EQ(apps.AddApp(app), AW_OK);
+  EXPECT_EQ(nodes.AddListenNotify(item), AW_OK);
 }
 
 }  // namespace
