@@ -48,8 +48,10 @@ class Arguments {
 };
 
 void Write(std::FILE* stream, const char* line, std::size_t size) {
-  std::fwrite(line, 1, size, stream);  // in one piece: our files have no buffer
-  std::fflush(stream);
+  ::flockfile(stream);
+  ::fwrite_unlocked(line, 1, size, stream);  // in one piece: our files have no buffer
+  ::fflush_unlocked(stream);
+  ::funlockfile(stream);
 }
 
 void WriteExpanded(const char* pattern, std::FILE* stream, Arguments& arguments) {

@@ -16,6 +16,7 @@
 // Much here is what the compiler warns of.
 #pragma GCC diagnostic ignored "-Wformat"
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
+#pragma GCC diagnostic ignored "-Wformat-security"
 
 namespace zarn::test {
 namespace {
