@@ -138,9 +138,10 @@ void LogReader::ShowLines(bool withUnfinished) {
     Source& source = *sources_[i];
     PrintNext(source);
     // The rest of a message of several lines comes at once.
+    const Micros time = source.next.time;
     bool more = false;
     while ((more = source.file.Next(source.next, withUnfinished)) && !source.next.inFormat &&
-           !stopped_)
+           source.next.time == time && !stopped_)
       PrintNext(source);
     if (more) order.emplace(source.next.time, i);
   }
@@ -157,9 +158,14 @@ void LogReader::CheckErrors() {
 
 void LogReader::ShowRestarts() {
   for (const auto& source : sources_) {
-    if (!source->file.IsBegunAnew()) continue;
-    while (!stopped_ && source->file.Next(source->next, true)) PrintNext(*source);
-    if (source->file.Reopen() == 0) printer_.PrintRestart(source->file.GetPath());
+    LogFile& file = source->file;
+    const LogFile::Change change = file.FindChange();
+    if (change == LogFile::Change::none) continue;
+    // A file that was replaced may have got more lines before.
+    const bool readOn = change == LogFile::Change::replaced;
+    while (!stopped_ && (readOn ? file.Next(source->next, true) : file.TakeRest(source->next)))
+      PrintNext(*source);
+    if (file.Reopen() == 0) printer_.PrintRestart(file.GetPath());
   }
 }
 

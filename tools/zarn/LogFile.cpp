@@ -52,7 +52,7 @@ bool LogFile::Next(LogRecord& record, bool withUnfinished) {
     std::size_t end = 0;
     if (!FindLine(begin, end)) {
       if (Fill()) continue;
-      if (!withUnfinished || !TakeUnfinished(begin, end)) return false;
+      if (!withUnfinished || !FindUnfinished(begin, end)) return false;
     }
     if (Accept({buffer_.data() + begin, end - begin}, begin, record)) return true;
   }
@@ -85,7 +85,7 @@ bool LogFile::FindLine(std::size_t& begin, std::size_t& end) {
   return true;
 }
 
-bool LogFile::TakeUnfinished(std::size_t& begin, std::size_t& end) {
+bool LogFile::FindUnfinished(std::size_t& begin, std::size_t& end) {
   if (begin_ >= end_) return false;
   begin = begin_;
   end = begin_ = complete_ = end_;
@@ -169,15 +169,23 @@ void LogFile::RememberStart() {
   start_.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
 }
 
-bool LogFile::IsBegunAnew() {
+bool LogFile::TakeRest(LogRecord& record) {
+  std::size_t begin = 0;
+  std::size_t end = 0;
+  return FindUnfinished(begin, end) && Accept({buffer_.data() + begin, end - begin}, begin, record);
+}
+
+LogFile::Change LogFile::FindChange() {
   struct stat now {};
-  if (fd_ < 0 || ::stat(path_.c_str(), &now) != 0 || !S_ISREG(opened_.st_mode)) return false;
-  if (now.st_ino != opened_.st_ino || now.st_dev != opened_.st_dev || now.st_size < read_)
-    return true;
+  if (fd_ < 0 || !S_ISREG(opened_.st_mode) || ::stat(path_.c_str(), &now) != 0)
+    return Change::none;
+  if (now.st_ino != opened_.st_ino || now.st_dev != opened_.st_dev) return Change::replaced;
+  if (now.st_size < read_) return Change::begunAnew;
   // A new run may have written as much as the old one already, but not at the same time.
   char start[kStartSize];
   const ssize_t count = ::pread(fd_, start, start_.size(), 0);
-  return std::string_view(start, count > 0 ? static_cast<std::size_t>(count) : 0) != start_;
+  const bool same = std::string_view(start, count > 0 ? std::size_t(count) : 0) == start_;
+  return same ? Change::none : Change::begunAnew;
 }
 
 }  // namespace zarn::tool

@@ -41,13 +41,17 @@ class LogFile {
   bool Next(LogRecord& record, bool withUnfinished);
   int GetError() const { return error_; }  // errno value of a read, or 0
 
-  // Whether the path now has other contents than those read so far: cut, or replaced.
-  bool IsBegunAnew();
+  // What has become of the file under this path: its contents are other ones than those read so
+  // far, or it is another file.
+  enum class Change { none, begunAnew, replaced };
+  Change FindChange();
+  // What stands behind the last newline, without reading on.
+  bool TakeRest(LogRecord& record);
   int Reopen();  // as Open, from the start
 
  private:
   bool FindLine(std::size_t& begin, std::size_t& end);
-  bool TakeUnfinished(std::size_t& begin, std::size_t& end);
+  bool FindUnfinished(std::size_t& begin, std::size_t& end);
   bool Accept(std::string_view text, std::size_t begin, LogRecord& record);
   bool Fill();
   void FindHead(std::size_t before);
