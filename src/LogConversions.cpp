@@ -22,6 +22,7 @@ unsigned TakeNumber(const char*& at) {
 unsigned TakePosition(const char*& at) {
   const char* ahead = at;
   const unsigned number = TakeNumber(ahead);
+  if (*ahead == '\0') at = ahead;  // may have become one
   if (number == 0 || *ahead != '$') return 0;
   at = ahead + 1;
   return number;

@@ -146,7 +146,8 @@ TEST_F(LogConversions, LongNamesAreCutWithTheLine) {
 }
 
 TEST_F(LogConversions, ConversionThatTheEndCutsIsDropped) {
-  const std::string conversions[] = {"%d", "%-5d", "%ld", "%hhd", "%*d", "%.3f", "%1$d", "%5.2lf", "%n"};
+  const std::string conversions[] = {"%d",   "%-5d",  "%ld",    "%hhd",      "%*d",
+                                     "%.3f", "%1$*2$d", "%5.2lf", "%1$.*2$f", "%n"};
   for (const std::string& conversion : conversions) {
     for (std::size_t kept = 1; kept < conversion.size(); ++kept) {
       const std::string padding = Padding(kept);
@@ -203,7 +204,7 @@ TEST(ParseConversion, ReadsAllParts) {
   EXPECT_EQ(parse("%hln").kind, 'l');
   EXPECT_EQ(parse("%w8n").kind, 'n');
   EXPECT_EQ(parse("%wf32n").kind, 'n');
-  for (const char* cut : {"%", "%-", "%5", "%5$", "%*", "%*3$", "%.", "%.*", "%l", "%ll", "%w8"})
+  for (const char* cut : {"%", "%-", "%5", "%5$", "%*", "%*3", "%5$*1", "%*3$", "%.", "%.*", "%l", "%ll", "%w8"})
     EXPECT_EQ(parse(cut).end, nullptr) << cut;
 }
 
