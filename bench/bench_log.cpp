@@ -77,9 +77,7 @@ void PrintZarn(std::uint64_t number) {
   ZARN_LOG_INFO("sent message %llu to %s", static_cast<unsigned long long>(number), kPeer);
 }
 
-void PrintSpdlog(std::uint64_t number) {
-  SPDLOG_INFO("sent message {} to {}", number, kPeer);
-}
+void PrintSpdlog(std::uint64_t number) { SPDLOG_INFO("sent message {} to {}", number, kPeer); }
 
 void SetUpSpdlog(const std::string& path) {
   auto logger = spdlog::basic_logger_mt("bench", path, true);

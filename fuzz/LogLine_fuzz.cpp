@@ -36,8 +36,8 @@ std::string Compose(const LogLine& line) {
 void CheckLine(std::string_view text) {
   LogLine line;
   if (!zarn::tool::ParseLogLine(text, line)) return;
-  for (const std::string_view part : {line.timeText, line.level, line.file, line.number,
-                                      line.function, line.message})
+  for (const std::string_view part :
+       {line.timeText, line.level, line.file, line.number, line.function, line.message})
     Check(IsWithin(part, text));
   LogLine again;
   const std::string composed = Compose(line);

@@ -56,16 +56,16 @@ constexpr const char* kPlain[] = {
     "%i %.2s %n", "%d%s%5n%8.3e", "%x%s%-n%+G",  "%% %c",          "%08d %10.3s %lln%a",
     "%m %d",      "%d %s",        "%d%s%hhn%lf", "%%%d%%%s%%%n%%", "%o%s%n%g"};
 // These take them by position.
-constexpr const char* kPositional[] = {"%1$d",           "%2$s %1$d",       "%3$n%2$s%1$d",
-                                       "%4$f%1$d%3$hn%2$s", "%2$*1$s",      "%2$.*1$s|%4$g%3$n",
-                                       "%1$d%1$x%1$o",   "%3$*1$n%2$s%4$e", "%2$s%3$5n"};
+constexpr const char* kPositional[] = {
+    "%1$d",     "%2$s %1$d",         "%3$n%2$s%1$d", "%4$f%1$d%3$hn%2$s",
+    "%2$*1$s",  "%2$.*1$s|%4$g%3$n", "%1$d%1$x%1$o", "%3$*1$n%2$s%4$e",
+    "%2$s%3$5n"};
 
 // A format of up to four parts; the parts of a plain one do not take more than there is: only the
 // first has conversions with arguments.
 std::string MakeFormat(Input& input) {
   std::string format = input.Text();
-  if (input.Number(2) == 0)
-    return format + kPlain[input.Number(std::size(kPlain))] + input.Text();
+  if (input.Number(2) == 0) return format + kPlain[input.Number(std::size(kPlain))] + input.Text();
   for (std::size_t parts = 1 + input.Number(4); parts > 0; --parts)
     format += kPositional[input.Number(std::size(kPositional))] + input.Text();
   return format + "%1$d%2$s%3$n%4$f";  // all types are known
@@ -81,8 +81,7 @@ std::string MakeName(Input& input) {
 
 std::string Read(std::FILE* file) {
   std::string text(static_cast<std::size_t>(std::ftell(file)), '\0');
-  Check(::pread(::fileno(file), text.data(), text.size(), 0) ==
-        static_cast<ssize_t>(text.size()));
+  Check(::pread(::fileno(file), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
   return text;
 }
 
@@ -134,6 +133,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string start = "2024-01-31T08:15:02.004711 | " + Shown(level);
   Check(line.substr(0, start.size()) == start.substr(0, line.size()));
   // Only what was cut has no newline.
-  if (level.size() + path.size() + function.size() + format.size() < 3700) Check(line.back() == '\n');
+  if (level.size() + path.size() + function.size() + format.size() < 3700)
+    Check(line.back() == '\n');
   return 0;
 }

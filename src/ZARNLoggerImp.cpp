@@ -95,8 +95,8 @@ void ZARNLoggerImp::Print(const char* level, const char* function, const char* f
   va_end(args);
 }
 
-void ZARNLoggerImp::DebugPrint(const char* file, int line, const char* function,
-                               const char* format, ...) {
+void ZARNLoggerImp::DebugPrint(const char* file, int line, const char* function, const char* format,
+                               ...) {
   std::FILE* stream = debugStream_;
   if (stream == nullptr || !debugEnabled_) return;
   std::va_list args;

@@ -53,7 +53,8 @@ TEST_F(LogConversions, CountsAreConsumedAndNotWritten) {
   int count = 77;
   const char* formats[] = {"[%d%n%s]",  "[%d%hn%s]", "[%d%hhn%s]", "[%d%ln%s]", "[%d%lln%s]",
                            "[%d%5n%s]", "[%d%-n%s]", "[%d%.3n%s]", "[%d%jn%s]", "[%d%'n%s]"};
-  for (const char* format : formats) EXPECT_EQ(Message(format, 1, &count, "two"), "[1two]") << format;
+  for (const char* format : formats)
+    EXPECT_EQ(Message(format, 1, &count, "two"), "[1two]") << format;
   EXPECT_EQ(count, 77);
 }
 
@@ -146,7 +147,7 @@ TEST_F(LogConversions, LongNamesAreCutWithTheLine) {
 }
 
 TEST_F(LogConversions, ConversionThatTheEndCutsIsDropped) {
-  const std::string conversions[] = {"%d",   "%-5d",  "%ld",    "%hhd",      "%*d",
+  const std::string conversions[] = {"%d",   "%-5d",    "%ld",    "%hhd",     "%*d",
                                      "%.3f", "%1$*2$d", "%5.2lf", "%1$.*2$f", "%n"};
   for (const std::string& conversion : conversions) {
     for (std::size_t kept = 1; kept < conversion.size(); ++kept) {
@@ -204,7 +205,8 @@ TEST(ParseConversion, ReadsAllParts) {
   EXPECT_EQ(parse("%hln").kind, 'l');
   EXPECT_EQ(parse("%w8n").kind, 'n');
   EXPECT_EQ(parse("%wf32n").kind, 'n');
-  for (const char* cut : {"%", "%-", "%5", "%5$", "%*", "%*3", "%5$*1", "%*3$", "%.", "%.*", "%l", "%ll", "%w8"})
+  for (const char* cut :
+       {"%", "%-", "%5", "%5$", "%*", "%*3", "%5$*1", "%*3$", "%.", "%.*", "%l", "%ll", "%w8"})
     EXPECT_EQ(parse(cut).end, nullptr) << cut;
 }
 

@@ -52,8 +52,8 @@ TEST_F(ZARNLoggerImpTest, LinesOfBothKindsHaveTheirColumns) {
   file.logger.Print("INFO", "main", "%d items", 3);
   EXPECT_EQ(file.Take(), std::string(kTime) + "INFO     | main               | 3 items\n");
   file.logger.DebugPrint("/x/y/z.cpp", 42, "Run", "%s", "text");
-  EXPECT_EQ(file.Take(), std::string(kTime) +
-                             "DEBUG    |           z.cpp[00042] | Run                | text\n");
+  EXPECT_EQ(file.Take(),
+            std::string(kTime) + "DEBUG    |           z.cpp[00042] | Run                | text\n");
 }
 
 TEST_F(ZARNLoggerImpTest, FileIsShownWithoutItsDirectories) {
@@ -76,8 +76,9 @@ TEST_F(ZARNLoggerImpTest, LongFieldsAreNotCut) {
   file.logger.Print("ABCDEFGHIJ", "a_function_of_a_long_name", "m");
   EXPECT_EQ(file.Take(), std::string(kTime) + "ABCDEFGHIJ | a_function_of_a_long_name | m\n");
   file.logger.DebugPrint("a_file_of_a_long_name.cpp", 1234567, "f", "m");
-  EXPECT_EQ(file.Take(), std::string(kTime) + "DEBUG    | a_file_of_a_long_name.cpp[1234567] | "
-                                              "f                  | m\n");
+  EXPECT_EQ(file.Take(), std::string(kTime) +
+                             "DEBUG    | a_file_of_a_long_name.cpp[1234567] | "
+                             "f                  | m\n");
 }
 
 TEST_F(ZARNLoggerImpTest, NegativeLinesAndNullTextsAreShown) {

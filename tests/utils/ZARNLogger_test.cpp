@@ -267,20 +267,23 @@ TEST_F(ZARNLoggerTest, TwoHundredThreadsWriteWholeLines) {
   go = true;
   for (std::thread& thread : threads) thread.join();
 
-  const std::regex pattern("\\S{26} \\| INFO     \\| operator\\(\\)         \\| thread (\\d+) line (\\d+) ");
+  const std::regex pattern(
+      "\\S{26} \\| INFO     \\| operator\\(\\)         \\| thread (\\d+) line (\\d+) ");
   std::istringstream lines(TakeLog());
   std::vector<int> next(kThreads, 0);
   int count = 0;
   for (std::string line; std::getline(lines, line); ++count) {
     std::smatch match;
-    ASSERT_TRUE(std::regex_search(line.cbegin(), line.cbegin() + std::min<long>(100, long(line.size())),
-                                  match, pattern, std::regex_constants::match_continuous))
+    ASSERT_TRUE(std::regex_search(line.cbegin(),
+                                  line.cbegin() + std::min<long>(100, long(line.size())), match,
+                                  pattern, std::regex_constants::match_continuous))
         << line;
     const int thread = std::stoi(match[1]);
     EXPECT_EQ(std::stoi(match[2]), next.at(static_cast<std::size_t>(thread))++);
     const std::string rest = line.substr(static_cast<std::size_t>(match.length()));
     ASSERT_EQ(rest, std::string(static_cast<std::size_t>(thread * 50),
-                                static_cast<char>('a' + thread % 26)) + ".");
+                                static_cast<char>('a' + thread % 26)) +
+                        ".");
   }
   EXPECT_EQ(count, kThreads * kLines);
 }

@@ -230,14 +230,14 @@ CLI::Validator IsTime() {
 CLI::Validator IsPattern(const std::shared_ptr<LogOptions>& options) {
   return {[options](const std::string& text) {
             const std::string problem = LogPattern().Set(text, false);
-            return problem.empty() || options->fixed ? std::string()
-                                                     : "'" + text + "': " + problem;
+            return problem.empty() || options->fixed ? std::string() : "'" + text + "': " + problem;
           },
           ""};
 }
 
 void AddFilterOptions(CLI::App& command, const std::shared_ptr<LogOptions>& options) {
-  command.add_option("--level", options->filter.levels, "only lines of these levels, as ERROR,WARN")
+  command
+      .add_option("--level", options->filter.levels, "only lines of these levels, as ERROR,WARN")
       ->delimiter(',')
       ->allow_extra_args(false)
       ->type_name("LEVEL");

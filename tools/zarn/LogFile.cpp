@@ -153,8 +153,7 @@ bool LogFile::Fill() {
   if (count <= 0) return false;
   const auto added = static_cast<std::size_t>(count);
   if (const void* newline = ::memrchr(buffer_.data() + end_, '\n', added))
-    complete_ =
-        static_cast<std::size_t>(static_cast<const char*>(newline) - buffer_.data()) + 1;
+    complete_ = static_cast<std::size_t>(static_cast<const char*>(newline) - buffer_.data()) + 1;
   end_ += added;
   read_ += count;
   RememberStart();
@@ -177,8 +176,7 @@ bool LogFile::TakeRest(LogRecord& record) {
 
 LogFile::Change LogFile::FindChange() {
   struct stat now {};
-  if (fd_ < 0 || !S_ISREG(opened_.st_mode) || ::stat(path_.c_str(), &now) != 0)
-    return Change::none;
+  if (fd_ < 0 || !S_ISREG(opened_.st_mode) || ::stat(path_.c_str(), &now) != 0) return Change::none;
   if (now.st_ino != opened_.st_ino || now.st_dev != opened_.st_dev) return Change::replaced;
   if (now.st_size < read_) return Change::begunAnew;
   // A new run may have written as much as the old one already, but not at the same time.

@@ -17,7 +17,7 @@ namespace zarn::tool {
 struct LogRecord {
   std::string_view text;  // without its newline; valid until the next record of the same file
   bool inFormat = false;
-  LogLine line;  // when it is
+  LogLine line;     // when it is
   Micros time = 0;  // its own, or that of the line it belongs to
 };
 
@@ -63,7 +63,7 @@ class LogFile {
   int fd_ = -1;
   int error_ = 0;
   struct stat opened_ {};
-  off_t read_ = 0;      // bytes of the file
+  off_t read_ = 0;     // bytes of the file
   std::string start_;  // the first of them
 
   std::vector<char> buffer_;

@@ -17,8 +17,7 @@ std::string FindNeededText(std::string_view expression) {
   if (expression.find_first_of("\\[]|(){}") != std::string_view::npos) return {};
   std::string_view longest;
   while (!expression.empty()) {
-    const std::size_t end =
-        std::min(expression.find_first_of(kMetacharacters), expression.size());
+    const std::size_t end = std::min(expression.find_first_of(kMetacharacters), expression.size());
     std::string_view text = expression.substr(0, end);
     const bool optional = end < expression.size() && std::strchr("*?", expression[end]) != nullptr;
     if (optional && !text.empty()) text.remove_suffix(1);

@@ -53,8 +53,8 @@ std::string_view TrimBlanks(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
 }
 
-// Takes what stands before the next separator, and that. Columns are full of blanks, so it looks for
-// the bar.
+// Takes what stands before the next separator, and that. Columns are full of blanks, so it looks
+// for the bar.
 bool TakeField(std::string_view& rest, std::string_view& field) {
   for (std::size_t bar = rest.find('|'); bar != std::string_view::npos;
        bar = rest.find('|', bar + 1)) {

@@ -96,8 +96,8 @@ class LogName {
 }  // namespace zarn::utils
 
 // ZARN_LOG(level, format, ...): one line of that level, with the name of the calling function.
-#define ZARN_LOG(level, ...)                                                               \
-  ::zarn::utils::ZARNLogger::Instance()->Print(::zarn::utils::detail::LogName(level).Get(), \
+#define ZARN_LOG(level, ...)                                                                   \
+  ::zarn::utils::ZARNLogger::Instance()->Print(::zarn::utils::detail::LogName(level).Get(),    \
                                                ::zarn::utils::detail::LogName(__func__).Get(), \
                                                __VA_ARGS__)
 #define ZARN_LOG_ERROR(...) ZARN_LOG("ERROR", __VA_ARGS__)

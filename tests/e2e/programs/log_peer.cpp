@@ -2,8 +2,8 @@
 //   log_peer THREADS COUNTS
 //
 // The log lies below ZARN_ROOT. COUNTS is a file of THREADS 64-bit numbers, shared in memory: how
-// many calls of each thread have returned. Line N of thread T is "thread T line N " and then as many
-// dots as its number tells. Events: logging.
+// many calls of each thread have returned. Line N of thread T is "thread T line N " and then as
+// many dots as its number tells. Events: logging.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -26,7 +26,8 @@ static_assert(Count::is_always_lock_free);
 
 Count* MapCounts(const char* path, std::size_t threads) {
   const int fd = ::open(path, O_RDWR);
-  void* memory = ::mmap(nullptr, threads * sizeof(Count), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  void* memory =
+      ::mmap(nullptr, threads * sizeof(Count), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   ::close(fd);
   return memory != MAP_FAILED ? static_cast<Count*>(memory) : nullptr;
 }
