@@ -42,7 +42,7 @@ struct LogOptions {
 class LogReader {
  public:
   LogReader(const LogOptions& options, Output& output)
-      : options_(options), output_(output), printer_(output, !options.noName) {}
+      : options_(options), printer_(output, !options.noName) {}
 
   // Adds the files that are there and not known yet. What is wrong is said once.
   void FindFiles();
@@ -69,7 +69,6 @@ class LogReader {
   void PrintNext(const Source& source) { printer_.Print(source.file.GetPath(), source.next); }
 
   const LogOptions& options_;
-  Output& output_;
   LogPrinter printer_;
   std::vector<std::unique_ptr<Source>> sources_;
   bool failed_ = false;
@@ -176,7 +175,6 @@ bool IsOutputClosed() {
 }
 
 int Follow(LogReader& reader, Output& output) {
-  int result = kDone;
   Loop loop([&] { reader.Stop(); });
   Timer timer([&] {
     reader.ShowRestarts();
@@ -186,9 +184,7 @@ int Follow(LogReader& reader, Output& output) {
     if (reader.IsStopped()) loop.Finish(kDone);
   });
   timer.Every(kFollowSeconds);
-  result = loop.Run();
-  timer.Cancel();
-  return result;
+  return loop.Run();
 }
 
 int RunLog(const LogOptions& options) {

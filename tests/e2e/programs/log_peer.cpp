@@ -54,7 +54,7 @@ int main(int argc, char** argv) {
   Count* counts = MapCounts(argv[2], threads);
   keelbase::SetBinHomePath(zarn::utils::GetZARNRoot());
   if (counts == nullptr || zarn::utils::InitZARNLogger(true, false) != keelbase::AW_OK) return 1;
-  e2e::Event("logging");
+  e2e::Event("logging").With("threads", threads);
   for (std::size_t i = 0; i < threads; ++i)
     std::thread([i, counts] { WriteLines(i, counts[i]); }).detach();
   std::string line;
