@@ -2,7 +2,11 @@
 #include "zarn/utils/ZARNLogger.h"
 
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -119,6 +123,44 @@ TEST_F(ZARNLoggerTest, DebugFileThatCannotBeOpenedLeavesTheLogWithItsFirstWidths
   const FixedTime time;
   ZARNLogger::Instance()->Print("INFO", "main", "m");
   EXPECT_EQ(TakeLog(), "2024-01-31T08:15:02.004711 | INFO     | main                 | m\n");
+}
+
+// From now on nobody tells this process where its program lies.
+bool RefuseReadlink() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_readlinkat, 1, 0),
+#ifdef SYS_readlink
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_readlink, 0, 1),
+#else
+      BPF_JUMP(BPF_JMP | BPF_JA, 1, 0, 0),
+#endif
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EACCES),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program{sizeof filter / sizeof filter[0], filter};
+  return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+         ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST_F(ZARNLoggerTest, WithoutAHomeTheLoggerStaysAsItWas) {
+  if (ChildTest::Role() == "child") {
+    keelbase::SetBinHomePath("");
+    const std::string path = ChildTest::Argument() + "/before.log";
+    ZARNLogger::Instance()->Init(path.c_str(), nullptr);
+    if (!RefuseReadlink() || !keelbase::GetBinHomePath().empty()) std::_Exit(2);
+    const bool failed = InitZARNLogger(true, true) == 10001;
+    ZARN_LOG_INFO("still here");
+    ZARN_DEBUG("not switched on");
+    std::_Exit(failed ? 0 : 1);
+  }
+  ChildTest child("child", home_.GetPath());
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+  EXPECT_EQ(child.GetErrors().find("Failed to open"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(Logs()));
+  const std::string text = ReadFile(home_.GetPath() + "/before.log");
+  EXPECT_NE(text.find("| TestBody             | still here\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("not switched on"), std::string::npos);
 }
 
 TEST_F(ZARNLoggerTest, UnwritableDirectoryIsSaid) {
@@ -314,16 +356,22 @@ TEST_F(ZARNLoggerTest, SettingsMayChangeWhileOthersPrint) {
 
 // --- the end ---
 
+// Made before the logger, so destroyed after it.
+class LateLogger final : public keelbase::CAWCleanUpBase {
+ public:
+  ~LateLogger() override {
+    ZARN_LOG_INFO("too late");
+    ZARN_DEBUG("too late");
+    ZARNLogger::Instance()->enableDebug();
+    ZARN_DEBUG("too late");
+    std::fputs("logged late", stderr);
+  }
+};
+
 TEST_F(ZARNLoggerTest, AfterTheCleanUpThereIsASilentLogger) {
   if (ChildTest::Role() == "child") {
     keelbase::SetBinHomePath(ChildTest::Argument());
-    std::atexit([] {  // runs after the chain, which is armed later
-      if (!keelbase::CAWCleanUpBase::HasRun()) ::_exit(1);
-      ZARN_LOG_INFO("too late");
-      ZARN_DEBUG("too late");
-      ZARNLogger::Instance()->enableDebug();
-      ZARN_DEBUG("too late");
-    });
+    new LateLogger;
     if (InitZARNLogger(true, false) != 0) std::_Exit(2);
     ZARN_LOG_INFO("in time");
     ZARN_DEBUG("in time");
@@ -331,6 +379,7 @@ TEST_F(ZARNLoggerTest, AfterTheCleanUpThereIsASilentLogger) {
   }
   ChildTest child("child", home_.GetPath());
   EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+  EXPECT_NE(child.GetErrors().find("logged late"), std::string::npos);
   for (const std::string& text : {TakeLog(), TakeDebug()}) {
     EXPECT_NE(text.find("in time\n"), std::string::npos);
     EXPECT_EQ(text.find("too late"), std::string::npos);
