@@ -117,6 +117,12 @@ class Completion(ToolTest):
         self.assertLessEqual({"--count", "--interval", "--spin", "--json"}, set(offered))
         self.assertNotIn("--echo", offered)
 
+    def test_log_takes_files_and_levels(self):
+        (self.root / "a.log").touch()
+        self.assertEqual(self.complete("zarn", "log", f"{self.root}/a"), [f"{self.root}/a.log"])
+        self.assertEqual(self.complete("zarn", "log", "--level", "W"), ["WARN"])
+        self.assertEqual(self.complete("zarn", "log", "--gr"), ["--grep"])
+
     def test_urls_of_listening_endpoints(self):
         self.serve()
         self.leave_stale("3_4")

@@ -6,7 +6,7 @@ import unittest
 
 from zarn_tool import ToolTest
 
-SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "env")
+SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "env", "log")
 WITH_URL = ("serve", "send", "ping", "bench")
 
 

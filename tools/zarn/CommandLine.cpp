@@ -31,6 +31,7 @@ int RunCommandLine(int argc, char** argv) {
   AddBench(app, action);
   AddLs(app, action);
   AddEnv(app, action);
+  AddLog(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

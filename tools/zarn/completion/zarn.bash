@@ -16,19 +16,28 @@ _zarn() {
   COMPREPLY=()
   if ((COMP_CWORD > 1)); then subcommand="${COMP_WORDS[1]}"; fi
   case "$subcommand" in
-    "") words="serve send ping bench ls env --help --version" ;;
-    serve | send | ping | bench | ls | env)
+    "") words="serve send ping bench ls env log --help --version" ;;
+    serve | send | ping | bench | ls | env | log)
       case "$previous" in
         --file)
           mapfile -t COMPREPLY < <(compgen -f -- "$current")
           return
           ;;
+        --level)
+          mapfile -t COMPREPLY < <(compgen -W "ERROR WARN INFO DEBUG" -- "$current")
+          return
+          ;;
         --as | --type | --tag | --data | --replies | --timeout | --count | -c | --size | -s | \
-          --interval | -i | --spin | --sizes | --seconds | --window | --max-queue)
+          --interval | -i | --spin | --sizes | --seconds | --window | --max-queue | \
+          --grep | --function | --since | --until)
           return
           ;;
       esac
       words="$(_zarn_options "$subcommand")"
+      if [[ "$subcommand" == log && "$current" != -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+      fi
       case "$subcommand:$line" in
         ls:* | env:* | *:-*) ;;
         *) words="$(_zarn_urls)" ;;
