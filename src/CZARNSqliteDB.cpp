@@ -24,27 +24,31 @@ enum class Errors { kDropped, kPrinted };
 
 using RowCallback = int (*)(void* data, int columns, char** values, char** names);
 
-AWResult Execute(sqlite3* handle, const char* statement, Errors errors = Errors::kDropped,
-                 RowCallback onRow = nullptr, void* data = nullptr) {
+// The code of SQLite.
+int Execute(sqlite3* handle, const CAWString& statement, Errors errors = Errors::kDropped,
+            RowCallback onRow = nullptr, void* data = nullptr) {
   char* text = nullptr;
-  const int code = sqlite3_exec(handle, statement, onRow, data, &text);
+  const int code = sqlite3_exec(handle, statement.c_str(), onRow, data, &text);
   const std::unique_ptr<char, void (*)(void*)> error(text, &sqlite3_free);
-  if (code == SQLITE_OK) return AW_OK;
-  if (errors == Errors::kPrinted) {
+  if (code != SQLITE_OK && errors == Errors::kPrinted) {
     std::fprintf(stderr, "SQL error: %s\n", error ? error.get() : sqlite3_errstr(code));
   }
-  return AW_ERROR_FAILURE;
+  return code;
 }
+
+AWResult ToResult(int code) { return code == SQLITE_OK ? AW_OK : AW_ERROR_FAILURE; }
 
 // SQL NULL counts as empty.
 const char* TextOf(const char* value) { return value != nullptr ? value : ""; }
 
 }  // namespace
 
-AWResult CZARNSqliteDB::InitDB(const CAWString& path) {
+AWResult CZARNSqliteDB::InitDB(const CAWString& path) try {
   CloseDB();
   if (sqlite3_open(path.c_str(), &handle_) != SQLITE_OK) return AW_ERROR_FAILURE;
-  return Execute(handle_, kCreateTable);
+  return ToResult(Execute(handle_, kCreateTable));
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult CZARNSqliteDB::CloseDB() {
@@ -65,8 +69,8 @@ CAWString CZARNSqliteDB::GetPersistentData(const CAWString& key) try {
   if (key.empty() || handle_ == nullptr) return {};
   CAWString value;
   const CAWString select = "SELECT VALUE FROM ZARNDATA where URL= '" + key + "'";
-  if (Execute(handle_, select.c_str(), Errors::kDropped, callback, &value) != AW_OK) return {};
-  return value;
+  const int code = Execute(handle_, select, Errors::kDropped, callback, &value);
+  return code == SQLITE_OK ? value : CAWString();
 } catch (const std::bad_alloc&) {
   return {};
 }
@@ -75,10 +79,14 @@ AWResult CZARNSqliteDB::SetPersistentData(const CAWString& key, const CAWString&
   if (key.empty() || value.empty() || handle_ == nullptr) return AW_ERROR_FAILURE;
   const CAWString insert =
       "INSERT INTO ZARNDATA (URL,VALUE) VALUES ('" + key + "'" + ", '" + value + "'" + ");";
-  if (Execute(handle_, insert.c_str()) == AW_OK) return AW_OK;
+  const int inserted = Execute(handle_, insert);
+  if (inserted == SQLITE_OK) return AW_OK;
   const CAWString update =
       "UPDATE ZARNDATA SET VALUE='" + value + "'" + " WHERE URL='" + key + "'" + ";";
-  return Execute(handle_, update.c_str());
+  if (Execute(handle_, update) != SQLITE_OK) return AW_ERROR_FAILURE;
+  // Where the file could not be written, an update that found nothing to change proves nothing.
+  const bool refused = inserted == SQLITE_CONSTRAINT || inserted == SQLITE_ERROR;
+  return refused || sqlite3_changes(handle_) > 0 ? AW_OK : AW_ERROR_FAILURE;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }
@@ -90,7 +98,7 @@ AWResult CZARNSqliteDB::SetOrUpdatePersistentData(const CAWString& key, const CA
 AWResult CZARNSqliteDB::UpdatePersistentData(const CAWString& key, const CAWString& value) try {
   if (key.empty() || value.empty() || handle_ == nullptr) return AW_ERROR_FAILURE;
   const CAWString update = "UPDATE ZARNDATA SET VALUE='" + value + "' WHERE URL='" + key + "';";
-  return Execute(handle_, update.c_str(), Errors::kPrinted);
+  return ToResult(Execute(handle_, update, Errors::kPrinted));
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }
@@ -98,15 +106,17 @@ AWResult CZARNSqliteDB::UpdatePersistentData(const CAWString& key, const CAWStri
 AWResult CZARNSqliteDB::RemovePersistentData(const CAWString& key) try {
   if (key.empty() || handle_ == nullptr) return AW_ERROR_FAILURE;
   const CAWString remove = "DELETE FROM ZARNDATA where URL= '" + key + "'";
-  return Execute(handle_, remove.c_str());
+  return ToResult(Execute(handle_, remove));
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }
 
-AWResult CZARNSqliteDB::GetAllData(DataMap& map) {
+AWResult CZARNSqliteDB::GetAllData(DataMap& map) try {
   if (handle_ == nullptr) return AW_ERROR_FAILURE;
   Execute(handle_, "SELECT * FROM ZARNDATA", Errors::kPrinted, selectcallback, &map);
   return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 // No exception may reach SQLite, which is C: an error of the statement takes its place.

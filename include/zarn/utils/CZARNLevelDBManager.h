@@ -31,7 +31,10 @@ namespace zarn::utils {
 //
 // A path is opened once in the life of a process. Close, and the end of the object, let go of the
 // database without shutting it down: its memory, its thread and the lock of its directory stay until
-// the process ends, and then another one can open it. To open a second path costs as much again.
+// the process ends, and then another one can open it. Each further path costs as much again.
+//
+// Forking: LevelDB's thread stays behind, and a child that writes much waits for it for ever. A child
+// uses no database of its parent, and opens none when the parent has opened any.
 //
 // Threads: the operations from any thread at once; Open, Close and the destructor while nothing else
 // runs. LevelDB does not survive a failed allocation: the call that meets one answers -1, and so do
