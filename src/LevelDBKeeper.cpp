@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <mutex>
+#include <new>
 #include <vector>
 
 namespace zarn::utils {
@@ -72,8 +73,9 @@ leveldb::DB* OpenAndKeep(const leveldb::Options& options, const std::string& pat
 }
 
 leveldb::DB* GetFailedDatabase() {
-  static FailedDatabase& failed = *new FailedDatabase;
-  return &failed;
+  alignas(FailedDatabase) static unsigned char place[sizeof(FailedDatabase)];  // needs no memory
+  static FailedDatabase* const failed = new (place) FailedDatabase;
+  return failed;
 }
 
 }  // namespace zarn::utils
