@@ -31,6 +31,9 @@ int RunCommandLine(int argc, char** argv) {
   AddBench(app, action);
   AddLs(app, action);
   AddEnv(app, action);
+  AddDb(app, action);
+  AddKv(app, action);
+  AddShm(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
