@@ -61,6 +61,16 @@ int CZARNLevelDBManager::Run(Operation operation) {
   }
 }
 
+// A write that failed may have left half a record in the log. LevelDB would take more writes, but
+// never find again what stands behind that, so there are none.
+template <class Operation>
+int CZARNLevelDBManager::RunWrite(Operation operation) {
+  leveldb::DB* database = database_;
+  const int result = Run(operation);
+  if (result != kDone && database_ == database) database_ = GetReadOnly(database);
+  return result;
+}
+
 int CZARNLevelDBManager::Open(const char* path) try {
   leveldb::Options options;
   options.create_if_missing = createIfMissing_;
@@ -81,7 +91,7 @@ int CZARNLevelDBManager::DBLookup(char* key, unsigned long keyLen, std::string* 
 
 int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
-  return Run([&](leveldb::DB& database) {
+  return RunWrite([&](leveldb::DB& database) {
     return database.Put(WriteOptionsWith(syncWrites_), leveldb::Slice(key, keyLen),
                         leveldb::Slice(value, valueLen));
   });
@@ -90,14 +100,14 @@ int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
 int CZARNLevelDBManager::DBUpdate(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
   if (database_ == nullptr) return kFailed;
-  return Run([&](leveldb::DB& database) {
+  return RunWrite([&](leveldb::DB& database) {
     return Replace(database, leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
   });
 }
 
 int CZARNLevelDBManager::DBRemove(char* key, unsigned long keyLen) {
   if (database_ == nullptr) return kFailed;
-  return Run([&](leveldb::DB& database) {
+  return RunWrite([&](leveldb::DB& database) {
     return database.Delete(WriteOptionsWith(syncWrites_), leveldb::Slice(key, keyLen));
   });
 }

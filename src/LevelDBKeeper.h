@@ -13,6 +13,10 @@ namespace zarn::utils {
 // opened; throws std::bad_alloc.
 leveldb::DB* OpenAndKeep(const leveldb::Options& options, const std::string& path);
 
+// Takes the place of a database that was opened here: reads it, and fails every write. Any other
+// stands for itself.
+leveldb::DB* GetReadOnly(leveldb::DB* database);
+
 // Takes the place of a database that cannot be used any more: every operation fails.
 leveldb::DB* GetFailedDatabase();
 

@@ -73,8 +73,8 @@ class Importer {
   Importer& operator=(const Importer&) = delete;
 
   int Run() {
-    if (!OpenToWrite(path_, db_)) return kFailed;
     CatchInterruptions();
+    if (!OpenToWrite(path_, db_)) return kFailed;
     int code = kDone;
     while (code == kDone && ReadLine()) code = Take();
     // What came before a line that is not good, or before an interruption, is kept.

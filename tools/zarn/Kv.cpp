@@ -43,7 +43,8 @@ void ComplainNotOpened(const std::string& path) {
   if (const pid_t holder = FindHolder(path); holder > 0) {
     Complain("'{}': in use by process {} ({})", Escape(path), holder,
              Escape(GetProgramName(holder)));
-  } else if (::access(path.c_str(), F_OK) == 0 && ::access(path.c_str(), R_OK | W_OK | X_OK) != 0) {
+  } else if (!Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) ||
+             ::access(path.c_str(), W_OK | X_OK) != 0) {
     Complain("'{}': {}", Escape(path), std::strerror(errno));
   } else {
     Complain("'{}': cannot be opened; its file LOG may say why", Escape(path));

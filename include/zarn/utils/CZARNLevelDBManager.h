@@ -25,9 +25,11 @@ namespace zarn::utils {
 //
 // On disk: what a call has reported as written survives the process, however that ends. It survives
 // a power cut too when it was an insert or a removal and `syncWrites` is true; without that, and
-// for updates, the last of them may be missing then. A write that fails, as on a full disk, may
-// leave half a record in the log: what is written behind it can be lost when the database is opened
-// the next time. So after a failed write let a new process open it. docs/stores.md says more.
+// for updates, the last of them may be missing then. docs/stores.md says more.
+//
+// A write that fails, as on a full disk, is the last one: it may have left half a record in the log,
+// behind which LevelDB would find nothing again. From then on every write answers -1, while reads go
+// on; another process can write once this one has ended.
 //
 // A path is opened once in the life of a process. Close, and the end of the object, let go of the
 // database without shutting it down: its memory, its thread and the lock of its directory stay until
@@ -79,6 +81,8 @@ class ZARNUTILS_API CZARNLevelDBManager {
  private:
   template <class Operation>
   int Run(Operation operation);
+  template <class Operation>
+  int RunWrite(Operation operation);
 
   std::atomic<leveldb::DB*> database_{nullptr};
   bool syncWrites_;
