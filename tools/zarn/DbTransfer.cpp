@@ -26,7 +26,7 @@ constexpr std::uint64_t kBatchRows = 1000;
 constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
 constexpr std::uint64_t kRowsPerLook = 256;  // between two drawings of the progress bar
 
-struct Row {
+struct StoreRow {
   std::string key;
   std::string value;
 };
@@ -47,7 +47,7 @@ std::string TakeMember(const Json::Value& object, const std::string& name, std::
 }
 
 // Empty, or what is wrong with the line.
-std::string ParseRow(Json::CharReader& reader, std::string_view line, Row& row) {
+std::string ParseRow(Json::CharReader& reader, std::string_view line, StoreRow& row) {
   Json::Value object;
   try {
     if (!reader.parse(line.data(), line.data() + line.size(), &object, nullptr) ||
@@ -109,7 +109,7 @@ class Importer {
   }
 
   int Take() {
-    Row row;
+    StoreRow row;
     std::string_view line(line_, lineLength_);
     if (line.ends_with('\n')) line.remove_suffix(1);
     if (line.empty()) return kDone;
