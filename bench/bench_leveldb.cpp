@@ -1,10 +1,10 @@
-// bench_leveldb.cpp - one operation of a LevelDB store of 100000 entries: through CZARNLevelDBManager,
-// and by LevelDB called directly.
+// bench_leveldb.cpp - one operation of a LevelDB store of 100000 entries: through
+// CZARNLevelDBManager, and by LevelDB called directly.
 //
 //   bench_leveldb zarn|direct lookup|insert|update|remove|dump [--seconds S]
 //
-// Prints one JSON object: "ns" for one operation; of a dump for one entry. Writes are not synced. The
-// store lies in memory, where there is such a file system.
+// Prints one JSON object: "ns" for one operation; of a dump for one entry. Writes are not synced.
+// The store lies in memory, where there is such a file system.
 #include <leveldb/db.h>
 #include <leveldb/write_batch.h>
 
@@ -90,13 +90,13 @@ void Expect(bool done) {
 
 template <class Store>
 double MeasureDump(const StoreOptions& options, Store& store) {
-  return MeasureEach(options, [&](std::uint64_t) {
-           std::uint64_t bytes = 0;
-           store.Dump([&](const char*, unsigned long keyLen, const char*, unsigned long valueLen) {
-             bytes += keyLen + valueLen;
-           });
-           Expect(bytes != 0);
-         }) /
+  return MeasureEach(options,
+                     [&](std::uint64_t) {
+                       std::uint64_t bytes = 0;
+                       store.Dump([&](const char*, unsigned long keyLen, const char*,
+                                      unsigned long valueLen) { bytes += keyLen + valueLen; });
+                       Expect(bytes != 0);
+                     }) /
          static_cast<double>(kEntries);
 }
 

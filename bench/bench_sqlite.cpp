@@ -1,5 +1,5 @@
-// bench_sqlite.cpp - one operation of the SQLite store at 100000 rows: through CZARNSqliteDB, and the
-// same statements sent by hand through SQLite's own interface.
+// bench_sqlite.cpp - one operation of the SQLite store at 100000 rows: through CZARNSqliteDB, and
+// the same statements sent by hand through SQLite's own interface.
 //
 //   bench_sqlite zarn|hand get|insert|replace|batch [--seconds S]
 //
@@ -90,18 +90,19 @@ double Measure(const StoreOptions& options, const std::string& path) {
   if (operation == "get")
     return MeasureEach(options, [&](std::uint64_t i) { Expect(store.Get(KeyOf(Scatter(i)))); });
   if (operation == "insert")
-    return MeasureEach(options,
-                       [&](std::uint64_t i) { Expect(store.Set(KeyOf(kEntries + i), ValueOf(i))); });
+    return MeasureEach(
+        options, [&](std::uint64_t i) { Expect(store.Set(KeyOf(kEntries + i), ValueOf(i))); });
   if (operation == "replace")
     return MeasureEach(options,
                        [&](std::uint64_t i) { Expect(store.Set(KeyOf(Scatter(i)), ValueOf(i))); });
   if (operation != "batch") Fail("no operation " + operation);
-  return MeasureEach(options, [&](std::uint64_t batch) {
-           Expect(store.Begin());
-           for (std::uint64_t i = batch * kBatch; i < (batch + 1) * kBatch; ++i)
-             Expect(store.Set(KeyOf(Scatter(i)), ValueOf(i)));
-           Expect(store.Commit());
-         }) /
+  return MeasureEach(options,
+                     [&](std::uint64_t batch) {
+                       Expect(store.Begin());
+                       for (std::uint64_t i = batch * kBatch; i < (batch + 1) * kBatch; ++i)
+                         Expect(store.Set(KeyOf(Scatter(i)), ValueOf(i)));
+                       Expect(store.Commit());
+                     }) /
          kBatch;
 }
 

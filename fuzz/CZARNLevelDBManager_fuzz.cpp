@@ -1,5 +1,5 @@
-// CZARNLevelDBManager_fuzz.cpp - operations on a database in any order, beside a map that must agree.
-// A database is never shut down, so there is one for all inputs, emptied after each.
+// CZARNLevelDBManager_fuzz.cpp - operations on a database in any order, beside a map that must
+// agree. A database is never shut down, so there is one for all inputs, emptied after each.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -34,12 +34,12 @@ CZARNLevelDBManager& Store() {
 
 void CompareAll(const Map& map) {
   auto expected = map.begin();
-  Store().DBDump([&](const char* key, unsigned long keyLen, const char* value,
-                     unsigned long valueLen) {
-    Check(expected != map.end() && expected->first == std::string(key, keyLen) &&
-          expected->second == std::string(value, valueLen));
-    ++expected;
-  });
+  Store().DBDump(
+      [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
+        Check(expected != map.end() && expected->first == std::string(key, keyLen) &&
+              expected->second == std::string(value, valueLen));
+        ++expected;
+      });
   Check(expected == map.end());
 }
 
@@ -49,9 +49,9 @@ void Step(FuzzInput& input, Map& map) {
   if (operation <= 1) {
     std::string value = input.Text();
     if (value.size() % 16 == 15) value.resize(value.size() * 50);  // over several blocks
-    const int result =
-        operation == 0 ? Store().DBInsert(key.data(), key.size(), value.data(), value.size())
-                       : Store().DBUpdate(key.data(), key.size(), value.data(), value.size());
+    const int result = operation == 0
+                           ? Store().DBInsert(key.data(), key.size(), value.data(), value.size())
+                           : Store().DBUpdate(key.data(), key.size(), value.data(), value.size());
     Check(result == 0);
     map[key] = value;
   } else if (operation == 2) {
@@ -67,8 +67,8 @@ void Step(FuzzInput& input, Map& map) {
   }
 }
 
-// What was removed is stepped over by every walk until LevelDB has moved it out of its log, which it
-// does behind so many bytes.
+// What was removed is stepped over by every walk until LevelDB has moved it out of its log, which
+// it does behind so many bytes.
 void PushOut() {
   std::string key = "push";
   std::string value(std::size_t{5} << 20, 'x');

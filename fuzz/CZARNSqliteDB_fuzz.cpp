@@ -1,5 +1,5 @@
-// CZARNSqliteDB_fuzz.cpp - operations on a store in any order, beside a map that must agree. Keys and
-// values are any bytes but quotes, which change the statements.
+// CZARNSqliteDB_fuzz.cpp - operations on a store in any order, beside a map that must agree. Keys
+// and values are any bytes but quotes, which change the statements.
 #include <sqlite3.h>
 
 #include <algorithm>

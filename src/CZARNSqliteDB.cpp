@@ -57,13 +57,9 @@ AWResult CZARNSqliteDB::CloseDB() {
   return AW_OK;
 }
 
-int CZARNSqliteDB::Begin() {
-  return sqlite3_exec(handle_, "begin;", nullptr, nullptr, nullptr);
-}
+int CZARNSqliteDB::Begin() { return sqlite3_exec(handle_, "begin;", nullptr, nullptr, nullptr); }
 
-int CZARNSqliteDB::Commit() {
-  return sqlite3_exec(handle_, "commit;", nullptr, nullptr, nullptr);
-}
+int CZARNSqliteDB::Commit() { return sqlite3_exec(handle_, "commit;", nullptr, nullptr, nullptr); }
 
 CAWString CZARNSqliteDB::GetPersistentData(const CAWString& key) try {
   if (key.empty() || handle_ == nullptr) return {};

@@ -12,7 +12,7 @@ import unittest
 
 from zarn_tool import PATIENCE, TOOL, ToolTest
 
-ROWS = 20000
+ROWS = 6000
 
 
 class Db(ToolTest):
@@ -183,11 +183,11 @@ class Transfer(Db):
         lines = self.make_lines()
         self.run_ok("db", str(self.root / "whole.db"), "import", str(lines))
         for how in (signal.SIGINT, signal.SIGKILL, signal.SIGTERM):
-            for attempt in range(4):
+            for attempt in range(2):
                 self.path.unlink(missing_ok=True)
                 process = subprocess.Popen([TOOL, *self.db, "import", str(lines)], env=self.env,
                                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-                time.sleep(0.03 + random.random() * 0.05 * (attempt + 1))
+                time.sleep(0.01 + random.random() * 0.03 * (attempt + 1))
                 process.send_signal(how)
                 errors = process.communicate(timeout=PATIENCE)[1]
                 if how != signal.SIGKILL and process.returncode == 1:
@@ -215,7 +215,7 @@ class Transfer(Db):
         self.run_ok(*self.db, "export", str(out))
         expected = out.read_text(encoding="utf-8")
         for how in (signal.SIGINT, signal.SIGKILL):
-            for _ in range(4):
+            for _ in range(3):
                 out.write_text("before", encoding="utf-8")
                 process = subprocess.Popen([TOOL, *self.db, "export", str(out)], env=self.env,
                                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

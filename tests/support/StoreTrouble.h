@@ -1,5 +1,5 @@
-// StoreTrouble.h - what a disk does to those who write: no room, and no permission. For a process of
-// its own, which keeps it to its end.
+// StoreTrouble.h - what a disk does to those who write: no room, and no permission. For a process
+// of its own, which keeps it to its end.
 #pragma once
 
 #include <signal.h>
@@ -18,7 +18,8 @@ inline bool LimitFileSize(rlim_t bytes) {
   return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
-// From now on the directory cannot be written to. Root may write anywhere and becomes somebody else.
+// From now on the directory cannot be written to. Root may write anywhere and becomes somebody
+// else.
 inline bool MakeReadOnly(const std::string& directory) {
   constexpr uid_t kNobody = 65534;
   if (::chmod(directory.c_str(), 0555) != 0) return false;

@@ -49,10 +49,10 @@ std::string ValueOf(CZARNLevelDBManager& store, const std::string& key) {
 }
 Entries All(CZARNLevelDBManager& store) {
   Entries entries;
-  store.DBDump([&](const char* key, unsigned long keyLen, const char* value,
-                   unsigned long valueLen) {
-    entries.emplace_back(std::string(key, keyLen), std::string(value, valueLen));
-  });
+  store.DBDump(
+      [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
+        entries.emplace_back(std::string(key, keyLen), std::string(value, valueLen));
+      });
   return entries;
 }
 
@@ -112,8 +112,8 @@ TEST_F(CZARNLevelDBManagerTest, KeysAndValuesAreAnyBytesAlsoNone) {
   EXPECT_EQ(Insert(store_, odd, large), 0);
   EXPECT_EQ(Insert(store_, "", "empty key"), 0);
   EXPECT_EQ(Update(store_, "empty value", ""), 0);
-  EXPECT_THAT(All(store_), ElementsAre(Pair("", "empty key"), Pair(odd, large),
-                                       Pair("empty value", "")));
+  EXPECT_THAT(All(store_),
+              ElementsAre(Pair("", "empty key"), Pair(odd, large), Pair("empty value", "")));
 }
 
 TEST_F(CZARNLevelDBManagerTest, DumpsInTheOrderOfKeysWhatThereWasWhenItBegan) {
@@ -222,8 +222,8 @@ TEST_F(CZARNLevelDBManagerTest, EndOfTheObjectLetsGoLikeClose) {
   EXPECT_EQ(store_.Open(path_.c_str()), -1);
 }
 
-// Enough for several tables, so LevelDB's thread is at work when the object goes. That thread is not
-// there after a fork, hence a process that starts from nothing.
+// Enough for several tables, so LevelDB's thread is at work when the object goes. That thread is
+// not there after a fork, hence a process that starts from nothing.
 TEST_F(CZARNLevelDBManagerTest, LetsGoWhileACompactionRunsAndLosesNothing) {
   constexpr int kEntries = 400;
   const auto valueOf = [](int i) { return std::string(40'000, static_cast<char>('a' + i % 26)); };

@@ -202,12 +202,13 @@ void AddDb(CLI::App& app, Action& action) {
   AddJson(db, options->json);
   AddReading(db, options, action);
   AddWriting(db, options, action);
-  SetExamples(db,
-              "  zarn db settings.db set zarn://node/name north\n"
-              "  zarn db settings.db export settings.jsonl\n"
-              "Exported is one JSON object a line, {\"key\":\"...\",\"value\":\"...\"}; what is not UTF-8 "
-              "stands\nas hex digits under \"key_hex\" or \"value_hex\". An import that was interrupted is "
-              "run again.\nKeys and values hold no single quote and no NUL byte, and are not empty.");
+  SetExamples(
+      db,
+      "  zarn db settings.db set zarn://node/name north\n"
+      "  zarn db settings.db export settings.jsonl\n"
+      "Exported is one JSON object a line, {\"key\":\"...\",\"value\":\"...\"}; what is not UTF-8 "
+      "stands\nas hex digits under \"key_hex\" or \"value_hex\". An import that was interrupted is "
+      "run again.\nKeys and values hold no single quote and no NUL byte, and are not empty.");
 }
 
 }  // namespace zarn::tool

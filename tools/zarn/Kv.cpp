@@ -92,8 +92,7 @@ int RunKvPut(const KvOptions& options) {
   if (!value) return kFailed;
   CZARNLevelDBManager store(true, 0, true, true);
   if (!OpenKv(options.path, store, true)) return kFailed;
-  return Written(options,
-                 store.DBInsert(key->data(), key->size(), value->data(), value->size()));
+  return Written(options, store.DBInsert(key->data(), key->size(), value->data(), value->size()));
 }
 
 int RunKvRm(const KvOptions& options) {
@@ -109,10 +108,10 @@ int RunKvDump(const KvOptions& options) {
   CZARNLevelDBManager store(true, 0, true, false);
   if (!OpenKv(options.path, store, false)) return kFailed;
   Output output(options.json);
-  store.DBDump([&](const char* key, unsigned long keyLen, const char* value,
-                   unsigned long valueLen) {
-    ShowEntry(output, options.show.hex, {key, keyLen}, {value, valueLen});
-  });
+  store.DBDump(
+      [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
+        ShowEntry(output, options.show.hex, {key, keyLen}, {value, valueLen});
+      });
   return output.Flush() ? kDone : kFailed;
 }
 

@@ -121,9 +121,8 @@ CLI::App& AddShmVerb(CLI::App& shm, const std::shared_ptr<ShmOptions>& options, 
   CLI::App& verb = *shm.add_subcommand(name, description);
   verb.fallthrough();
   AddJson(verb, options->json);
-  verb.callback([options, run, &action] {
-    action = [options, run] { return WithShmRoot(*options, run); };
-  });
+  verb.callback(
+      [options, run, &action] { action = [options, run] { return WithShmRoot(*options, run); }; });
   return verb;
 }
 

@@ -52,8 +52,8 @@ int ScanSegments(std::vector<ShmSegment>& segments) {
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(GetShmDirectory(), error)) {
     const std::string file = entry.path().filename().string();
-    ShmSegment segment{file.substr(std::min(file.size(), kShmPrefix.size())), entry.path().string(),
-                       {}, {}};
+    ShmSegment segment{
+        file.substr(std::min(file.size(), kShmPrefix.size())), entry.path().string(), {}, {}};
     if (file.starts_with(kShmPrefix) && ::lstat(segment.path.c_str(), &segment.status) == 0 &&
         S_ISREG(segment.status.st_mode))
       segments.push_back(segment);

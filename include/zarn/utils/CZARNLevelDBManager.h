@@ -27,20 +27,20 @@ namespace zarn::utils {
 // a power cut too when it was an insert or a removal and `syncWrites` is true; without that, and
 // for updates, the last of them may be missing then. docs/stores.md says more.
 //
-// A write that fails, as on a full disk, is the last one: it may have left half a record in the log,
-// behind which LevelDB would find nothing again. From then on every write answers -1, while reads go
-// on; another process can write once this one has ended.
+// A write that fails, as on a full disk, is the last one: it may have left half a record in the
+// log, behind which LevelDB would find nothing again. From then on every write answers -1, while
+// reads go on; another process can write once this one has ended.
 //
 // A path is opened once in the life of a process. Close, and the end of the object, let go of the
-// database without shutting it down: its memory, its thread and the lock of its directory stay until
-// the process ends, and then another one can open it. Each further path costs as much again.
+// database without shutting it down: its memory, its thread and the lock of its directory stay
+// until the process ends, and then another one can open it. Each further path costs as much again.
 //
-// Forking: LevelDB's thread stays behind, and a child that writes much waits for it for ever. A child
-// uses no database of its parent, and opens none when the parent has opened any.
+// Forking: LevelDB's thread stays behind, and a child that writes much waits for it for ever. A
+// child uses no database of its parent, and opens none when the parent has opened any.
 //
-// Threads: the operations from any thread at once; Open, Close and the destructor while nothing else
-// runs. LevelDB does not survive a failed allocation: the call that meets one answers -1, and so do
-// all later ones on that database, from that thread and from others; a thread that is inside
+// Threads: the operations from any thread at once; Open, Close and the destructor while nothing
+// else runs. LevelDB does not survive a failed allocation: the call that meets one answers -1, and
+// so do all later ones on that database, from that thread and from others; a thread that is inside
 // LevelDB at that moment may stay there, and one that LevelDB itself runs ends the process.
 class ZARNUTILS_API CZARNLevelDBManager {
  public:

@@ -26,8 +26,8 @@ namespace zarn::utils {
 // memory that they have, and whoever creates the name from then on gets a new segment. So one
 // process, the one that outlives the others, is the one to let go.
 //
-// Threads: createshm and the counting on one thread; MemLock and MemUnlock by any. The lock excludes
-// threads and processes alike, and the death of its holder does not lock the others out.
+// Threads: createshm and the counting on one thread; MemLock and MemUnlock by any. The lock
+// excludes threads and processes alike, and the death of its holder does not lock the others out.
 class ZARNUTILS_API CZARNShareMemory
     : public keelbase::CAWReferenceControlT<keelbase::CAWMutexNullSingleThread> {
  public:

@@ -1,12 +1,15 @@
-// store_peer.cpp - writes to a store until it is killed, looks at what is left, and holds the lock of
-// a memory segment.
+// store_peer.cpp - writes to a store until it is killed, looks at what is left, and holds the lock
+// of a memory segment.
 //
-//   store_peer write sqlite|leveldb PATH FIRST   writes number FIRST and all after it, each under one of
+//   store_peer write sqlite|leveldb PATH FIRST   writes number FIRST and all after it, each under
+//   one of
 //                                                500 keys; prints each once it is acknowledged
-//   store_peer check sqlite|leveldb PATH COUNT   0 when all numbers below COUNT are there, the last of
+//   store_peer check sqlite|leveldb PATH COUNT   0 when all numbers below COUNT are there, the last
+//   of
 //                                                each key, and no half one; what is wrong otherwise
-//   store_peer hold NAME        takes the lock, prints "held", changes the memory until it is killed
-//   store_peer survive NAME     for each line of standard input: takes the lock, prints what it found
+//   store_peer hold NAME        takes the lock, prints "held", changes the memory until it is
+//   killed store_peer survive NAME     for each line of standard input: takes the lock, prints what
+//   it found
 //                               as a JSON object, repairs the memory and gives the lock back
 #include <unistd.h>
 
@@ -76,10 +79,10 @@ class LevelDBStore final : public Store {
   }
   std::map<std::string, std::string> ReadAll() override {
     std::map<std::string, std::string> all;
-    manager_.DBDump([&](const char* key, unsigned long keyLen, const char* value,
-                        unsigned long valueLen) {
-      all[std::string(key, keyLen)] = std::string(value, valueLen);
-    });
+    manager_.DBDump(
+        [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
+          all[std::string(key, keyLen)] = std::string(value, valueLen);
+        });
     return all;
   }
 
@@ -151,9 +154,9 @@ int Survive(const std::string& name) {
     const bool abandoned = memory->WasAbandoned();
     content->second = content->first;
     if (memory->MemUnlock() != 0) return 1;
-    if (!Print("{\"result\": " + std::to_string(result) + ", \"abandoned\": " +
-               (abandoned ? "true" : "false") + ", \"whole\": " + (whole ? "true" : "false") +
-               "}\n"))
+    if (!Print("{\"result\": " + std::to_string(result) +
+               ", \"abandoned\": " + (abandoned ? "true" : "false") +
+               ", \"whole\": " + (whole ? "true" : "false") + "}\n"))
       return 1;
   }
   return 0;
