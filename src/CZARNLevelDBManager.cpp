@@ -112,6 +112,8 @@ int CZARNLevelDBManager::DBRemove(char* key, unsigned long keyLen) {
   });
 }
 
+// By value, as callers have been compiled to pass it.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void CZARNLevelDBManager::DBDump(Visitor visit) {
   if (database_ == nullptr) return;
   std::unique_ptr<leveldb::Iterator> at;

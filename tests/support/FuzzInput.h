@@ -1,8 +1,6 @@
 // FuzzInput.h - the bytes that a fuzz target was given, taken piece by piece.
 #pragma once
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
