@@ -69,8 +69,8 @@ class ZARNUTILS_API CZARNSqliteDB {
   // 0, also when there was none; 10001 when closed, for an empty key, and when it fails.
   keelbase::AWResult RemovePersistentData(const keelbase::CAWString& key);
 
-  // Adds all to the map, over what it holds under the same keys. 10001 when closed, or when there is
-  // no memory to begin with, else 0: an error on the way is printed to standard error, and the rows
+  // Adds all to the map, over what it holds under the same keys. 10001 when closed, or without
+  // memory to begin with, else 0: an error on the way is printed to standard error, and the rows
   // from there on are missing.
   keelbase::AWResult GetAllData(DataMap& map);
 
