@@ -13,12 +13,17 @@
 #include "FakeIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
+#include "TempRoot.h"
 #include "zarn/utils/CZARNAppsManager.h"
 #include "zarn/utils/CZARNIPCStreamBase.h"
+#include "zarn/utils/CZARNLevelDBManager.h"
 #include "zarn/utils/CZARNLibServerChannel.h"
 #include "zarn/utils/CZARNListenNodeManager.h"
+#include "zarn/utils/CZARNShareMemory.h"
+#include "zarn/utils/CZARNSqliteDB.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
+#include "zarn/utils/zarnutils.h"
 
 namespace {
 
@@ -285,6 +290,56 @@ TEST_F(Allocations, RegistriesWithoutMemoryAnswer10001AndKeepWhatTheyHold) {
   EXPECT_EQ(nodes.GetSize(), 1U);
   EXPECT_EQ(apps.AddApp(app), AW_OK);
   EXPECT_EQ(nodes.AddListenNotify(item), AW_OK);
+}
+
+TEST(StoresWithoutMemory, AnswerWithACodeAndChangeNothing) {
+  const TempDir dir;
+  utils::CZARNSqliteDB db;
+  ASSERT_EQ(db.InitDB(dir.GetPath() + "/db"), AW_OK);
+  ASSERT_EQ(db.SetPersistentData("k", std::string(100, 'v')), AW_OK);
+  {
+    const std::string value(100, 'w');
+    const std::string key("k");
+    utils::CZARNSqliteDB::DataMap map;
+    const Exhaustion exhaustion;
+    EXPECT_EQ(db.SetPersistentData(key, value), AW_ERROR_FAILURE);
+    EXPECT_EQ(db.UpdatePersistentData(key, value), AW_ERROR_FAILURE);
+    EXPECT_EQ(db.RemovePersistentData(key), AW_ERROR_FAILURE);
+    EXPECT_EQ(db.GetPersistentData(key), "");
+    EXPECT_EQ(db.GetAllData(map), AW_ERROR_FAILURE);
+  }
+  EXPECT_EQ(db.GetPersistentData("k"), std::string(100, 'v'));
+}
+
+TEST(StoresWithoutMemory, LevelDBIsNotTouchedAgain) {
+  const TempDir dir;
+  utils::CZARNLevelDBManager store(false, 0, true, true);
+  ASSERT_EQ(store.Open((dir.GetPath() + "/store").c_str()), 0);
+  std::string key(100, 'k');
+  std::string value(100, 'v');
+  {
+    const Exhaustion exhaustion;
+    EXPECT_EQ(store.DBInsert(key.data(), key.size(), value.data(), value.size()), -1);
+  }
+  EXPECT_EQ(store.DBInsert(key.data(), key.size(), value.data(), value.size()), -1);
+  EXPECT_EQ(store.DBUpdate(key.data(), key.size(), value.data(), value.size()), -1);
+  EXPECT_EQ(store.DBRemove(key.data(), key.size()), -1);
+  EXPECT_EQ(store.DBLookup(key.data(), key.size(), &value), -1);
+  store.DBDump([](const char*, unsigned long, const char*, unsigned long) { FAIL(); });
+  EXPECT_EQ(store.Open((dir.GetPath() + "/other").c_str()), 0);
+  EXPECT_EQ(store.DBInsert(key.data(), key.size(), value.data(), value.size()), 0);
+}
+
+TEST(StoresWithoutMemory, SharedMemoryIsRefused) {
+  const TempRoot root;
+  const std::string name(100, 'n');
+  keelbase::CAWAutoPtr<utils::CZARNShareMemory> memory;
+  {
+    const Exhaustion exhaustion;
+    EXPECT_EQ(utils::CreateMemory(memory, name, 100), AW_ERROR_FAILURE);
+  }
+  EXPECT_FALSE(memory);
+  EXPECT_EQ(utils::CreateMemory(memory, name, 100), AW_OK);
 }
 
 }  // namespace

@@ -32,6 +32,9 @@ int RunCommandLine(int argc, char** argv) {
   AddLs(app, action);
   AddEnv(app, action);
   AddLog(app, action);
+  AddDb(app, action);
+  AddKv(app, action);
+  AddShm(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
