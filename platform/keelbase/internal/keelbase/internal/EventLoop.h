@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -58,6 +59,8 @@ class LingerTask {
  protected:
   ~LingerTask() = default;
 };
+
+inline constexpr std::size_t kCacheLine = 64;  // bytes
 
 class KEELBASE_API EventLoop {
  public:
@@ -130,12 +133,15 @@ class KEELBASE_API EventLoop {
   std::atomic<bool> stop_{false};
   std::atomic<std::uint32_t> spin_{0};
 
-  Mutex mutex_;
+  // What those who post write to stands apart from what the loop's thread uses for each event.
+  alignas(kCacheLine) Mutex mutex_;
   std::vector<IAWEvent*> posted_ AW_GUARDED_BY(mutex_);
   bool closed_ AW_GUARDED_BY(mutex_) = false;
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   std::atomic<bool> hasPosted_{false};
-  std::vector<IAWEvent*> firing_;  // a stop may leave some behind
+
+  // Null once an event is taken out to be fired; a stop may leave others behind.
+  alignas(kCacheLine) std::vector<IAWEvent*> firing_;
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};
