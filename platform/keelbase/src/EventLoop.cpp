@@ -29,6 +29,8 @@ constexpr unsigned kLooksAtRecent = 4;
 // While a connection always has input, every so many reads of it are followed by a whole turn.
 constexpr std::uint32_t kServedPerTurn = 16;
 
+constexpr std::chrono::microseconds kBriefWait(2);
+
 // So many events ahead of the one that is fired.
 constexpr std::size_t kFetchedAhead = 4;
 
@@ -94,6 +96,7 @@ AWResult EventLoop::Run() {
       worked = Spin();
       if (worked) continue;
     }
+    if (std::exchange(ranPosted_, false)) WaitBriefly();
     worked = PrepareSleep() ? Turn(SleepTime()) : Turn(0);
   }
   FlushTurn();
@@ -183,6 +186,14 @@ bool EventLoop::Spin() {
   return false;
 }
 
+// Who has posted an event is likely to post more. Being woken costs both sides several times this
+// wait, and looking meanwhile would take the queue away from those who post.
+void EventLoop::WaitBriefly() const {
+  if (hasPosted_.load(std::memory_order_relaxed)) return;
+  const auto end = std::chrono::steady_clock::now() + kBriefWait;
+  while (std::chrono::steady_clock::now() < end) __builtin_ia32_pause();
+}
+
 int EventLoop::SleepTime() const {
   const auto due = timers_.NextDue();
   if (!due) return -1;
@@ -249,6 +260,7 @@ bool EventLoop::RunPosted() {
     event->OnDestorySelf();
   }
   firing_.erase(firing_.begin(), firing_.begin() + static_cast<std::ptrdiff_t>(fired));
+  ranPosted_ = true;
   return fired != 0;
 }
 

@@ -118,6 +118,7 @@ class KEELBASE_API EventLoop {
   void FlushTurn();
   bool Spin();
   bool ServeRecent();
+  void WaitBriefly() const;
   int SleepTime() const;
   bool PrepareSleep();
   void Wake();
@@ -142,6 +143,7 @@ class KEELBASE_API EventLoop {
 
   // Null once an event is taken out to be fired; a stop may leave others behind.
   alignas(kCacheLine) std::vector<IAWEvent*> firing_;
+  bool ranPosted_ = false;  // in the last turn
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};
