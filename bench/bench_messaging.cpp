@@ -3,7 +3,7 @@
 //   bench_messaging oneway|pingpong zarn|asio|tbb|deque [--senders N] [--seconds S] [--count]
 //
 // Messages are 64 bytes, and the receiver checks that each sender's come whole and in order. At most
-// kWindow messages of a sender are under way. "pingpong" waits for each answer, so the delivery thread
+// kWindow messages are under way. "pingpong" waits for each answer, so the delivery thread
 // sleeps before the next question. Prints one JSON object.
 #include <sched.h>
 #include <tbb/concurrent_queue.h>
@@ -158,7 +158,7 @@ class Deque {
 
 // --- one way ---
 
-constexpr std::uint64_t kWindow = 4096;  // of each sender
+constexpr std::uint64_t kWindow = 4096;  // messages under way, shared evenly by the senders
 constexpr std::uint64_t kStride = 64;    // so many messages between two looks at the shared numbers
 
 struct Options {
@@ -176,7 +176,8 @@ struct alignas(64) Delivered {
 
 class OneWay {
  public:
-  explicit OneWay(const Options& options) : options_(options), delivered_(options.senders) {}
+  explicit OneWay(const Options& options)
+      : options_(options), window_(kWindow / options.senders), delivered_(options.senders) {}
 
   void Take(const Message& message) {
     Delivered& from = delivered_[message.sender];
@@ -225,7 +226,7 @@ class OneWay {
   }
 
   void WaitForRoom(unsigned sender, std::uint64_t sent) const {
-    while (sent - delivered_[sender].count.load(std::memory_order_acquire) > kWindow - kStride)
+    while (sent - delivered_[sender].count.load(std::memory_order_acquire) > window_ - kStride)
       ::sched_yield();
   }
 
@@ -248,6 +249,7 @@ class OneWay {
   }
 
   Options options_;
+  std::uint64_t window_;  // of each sender
   std::vector<Delivered> delivered_;
   std::atomic<bool> stop_{false};
   bench::Meter meter_;
@@ -335,7 +337,7 @@ Options Parse(int argc, char** argv) {
     else
       Usage();
   }
-  if (options.senders < 1 || options.senders > 64 || !(options.seconds > 0)) Usage();
+  if (options.senders < 1 || options.senders > kWindow / kStride || !(options.seconds > 0)) Usage();
   return options;
 }
 
