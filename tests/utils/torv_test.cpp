@@ -156,7 +156,7 @@ TEST(Torv, LargeMessageArrivesWhole) {
 
 // --- callbacks ---
 
-// Does as the test says for each message.
+// Does as the test says for each message, until the test ends.
 class ActingSink final : public RecordingSink {
  public:
   static ActingSink& Make() {
@@ -171,11 +171,30 @@ class ActingSink final : public RecordingSink {
   std::function<void(CAWMessageBlock&, unsigned short)> then;
 };
 
-TEST(TorvCallback, MayUseEverythingAndIsNotEnteredTwice) {
-  ActingSink& sink = ActingSink::Make();
+class TorvCallback : public ::testing::Test {
+ protected:
+  // A later test's broadcast reaches these, too.
+  ~TorvCallback() override {
+    TaskThread()->Call([this] {
+      for (ActingSink* sink : acting_) sink->then = nullptr;
+    });
+  }
+
+  ActingSink& MakeActing(unsigned short tno) {
+    ActingSink& sink = ActingSink::Make();
+    EXPECT_EQ(TORVInit(&sink, nullptr), AW_OK);
+    TORVRegisterTno(&sink, tno, nullptr);
+    acting_.push_back(&sink);
+    return sink;
+  }
+
+ private:
+  std::vector<ActingSink*> acting_;
+};
+
+TEST_F(TorvCallback, MayUseEverythingAndIsNotEnteredTwice) {
+  ActingSink& sink = MakeActing(200);
   RecordingSink& late = RecordingSink::Make();
-  ASSERT_EQ(TORVInit(&sink, nullptr), AW_OK);
-  TORVRegisterTno(&sink, 200, nullptr);
   sink.then = [&](CAWMessageBlock& mb, unsigned short number) {
     if (number == 0) return;
     const std::size_t before = sink.deliveries.size();
@@ -192,10 +211,8 @@ TEST(TorvCallback, MayUseEverythingAndIsNotEnteredTwice) {
   EXPECT_EQ(late.Told(), "go uninit");
 }
 
-TEST(TorvCallback, MayTakeItsBlockApartAndKeepIt) {
-  ActingSink& sink = ActingSink::Make();
-  ASSERT_EQ(TORVInit(&sink, nullptr), AW_OK);
-  TORVRegisterTno(&sink, 210, nullptr);
+TEST_F(TorvCallback, MayTakeItsBlockApartAndKeepIt) {
+  ActingSink& sink = MakeActing(210);
   CAWMessageBlock* kept = nullptr;
   sink.then = [&](CAWMessageBlock& mb, unsigned short) {
     mb.AdvanceChainedReadPtr(2);
@@ -208,13 +225,10 @@ TEST(TorvCallback, MayTakeItsBlockApartAndKeepIt) {
   kept->DestroyChained();
 }
 
-TEST(TorvCallback, RequestsAndAnswersBounce) {
+TEST_F(TorvCallback, RequestsAndAnswersBounce) {
   constexpr int kBounces = 10000;
-  ActingSink& one = ActingSink::Make();
-  ActingSink& two = ActingSink::Make();
-  for (ActingSink* sink : {&one, &two}) ASSERT_EQ(TORVInit(sink, nullptr), AW_OK);
-  TORVRegisterTno(&one, 220, nullptr);
-  TORVRegisterTno(&two, 221, nullptr);
+  ActingSink& one = MakeActing(220);
+  ActingSink& two = MakeActing(221);
   std::atomic<int> bounces{0};
   one.then = [&](CAWMessageBlock& mb, unsigned short) {
     if (++bounces < kBounces) SendTORVMessage(mb, 1, 221);
@@ -226,12 +240,11 @@ TEST(TorvCallback, RequestsAndAnswersBounce) {
   EXPECT_EQ(two.deliveries.size(), kBounces - 1U);
 }
 
-TEST(TorvCallback, ExceptionThatLeavesItEndsTheProcessWithAMessage) {
+TEST_F(TorvCallback, ExceptionThatLeavesItEndsTheProcessWithAMessage) {
   if (ChildTest::Role() == "throws") {
-    ActingSink& sink = ActingSink::Make();
-    TORVInit(&sink, nullptr);
-    TORVRegisterTno(&sink, 7, nullptr);
-    sink.then = [](CAWMessageBlock&, unsigned short) { throw std::runtime_error("the reason"); };
+    MakeActing(7).then = [](CAWMessageBlock&, unsigned short) {
+      throw std::runtime_error("the reason");
+    };
     Send("boom", 1, 7);
     WaitForDelivery();
     std::exit(0);
