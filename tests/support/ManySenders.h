@@ -63,7 +63,7 @@ inline void SendStamped(std::uint64_t sender, std::uint64_t count, unsigned shor
       utils::SendTORVMessage(lent, number, tno);
     } else {
       if (own == nullptr || own->GetSpace() < sizeof message)
-        own = std::make_unique<CAWMessageBlock>(100 * sizeof message);
+        own = std::make_unique<CAWMessageBlock>(4 * sizeof message);
       own->AdvanceReadPtr(own->GetLength());
       own->Write(bytes, sizeof message);
       utils::SendTORVMessage(*own, number, tno);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "ChildTest.h"
+#include "NetworkThread.h"
 #include "TorvSink.h"
 #include "keelbase/CAWSingleton.h"
 #include "zarn/utils/CTORVManager.h"
@@ -97,8 +98,7 @@ std::string OutputOf(const std::string& role, int code = 0) {
   return output;
 }
 
-#define ExpectSaid(word, output) \
-  EXPECT_NE((output).find("[" word "]"), std::string::npos) << output
+#define ExpectSaid(word, output) EXPECT_NE((output).find("[" word "]"), std::string::npos) << output
 
 // --- after the chain ---
 

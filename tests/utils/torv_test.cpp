@@ -270,7 +270,7 @@ TEST(Torv, UnRegisteringAnUnknownTnoStopsTheProcess) {
 // --- many senders ---
 
 TEST(Torv, EachMessageOfEightSendersArrivesOnceInOrderAndIntact) {
-  ExpectAllOfManySenders(200'000);  // the proof sends ten million
+  ExpectAllOfManySenders(100'000);  // the proof sends ten million
 }
 
 }  // namespace
