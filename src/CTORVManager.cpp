@@ -48,7 +48,7 @@ AWResult CTORVManager::TORVInit(ITORVSink* sink, void* arg) {
     auto receiver = std::make_unique<CTORVThread>(sink, arg);
     if (receiver->Init() != AW_OK) return AW_ERROR_FAILURE;
     receivers_.push_back(receiver.get());
-    receiver.release();  // lives to the end of the process
+    static_cast<void>(receiver.release());  // lives to the end of the process
   } catch (const std::bad_alloc&) {
     return AW_ERROR_FAILURE;
   }
