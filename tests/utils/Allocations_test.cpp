@@ -318,10 +318,12 @@ TEST(TorvAllocations, AddressedSendAllocatesNothingForThoseItSkips) {
   CountingSink& wanted = MakeReceiver(301);
   for (int i = 0; i < 1000; ++i) MakeReceiver(300);
   EXPECT_EQ(AllocationsOf([] { SendMessages(100, 302); }), 0U);
+  SendMessages(1, 301);  // the pools of this thread are made
+  WaitForDelivery();
   // Room in the queue is the one thing more.
   EXPECT_LE(AllocationsOf([] { SendMessages(1, 301); }), kPiecesOfAMessage + 1);
   WaitForDelivery();
-  EXPECT_EQ(wanted.calls, 1);
+  EXPECT_EQ(wanted.calls, 2);
 }
 
 TEST(TorvAllocations, MessagesUseTheMemoryOfThoseBefore) {
