@@ -1,9 +1,10 @@
-// bench_messaging.cpp - messages from threads of a process to one delivery thread of the same process.
+// bench_messaging.cpp - messages from threads of a process to one delivery thread of the same
+// process.
 //
 //   bench_messaging oneway|pingpong zarn|asio|tbb|deque [--senders N] [--seconds S] [--count]
 //
-// Messages are 64 bytes, and the receiver checks that each sender's come whole and in order. At most
-// kWindow messages are under way. "pingpong" waits for each answer, so the delivery thread
+// Messages are 64 bytes, and the receiver checks that each sender's come whole and in order. At
+// most kWindow messages are under way. "pingpong" waits for each answer, so the delivery thread
 // sleeps before the next question. Prints one JSON object.
 #include <sched.h>
 #include <tbb/concurrent_queue.h>

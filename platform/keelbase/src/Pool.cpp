@@ -70,9 +70,9 @@ void FetchToWrite(const void* memory, std::size_t size) {
 
 // On cache lines of its own: what one processor writes does not slow down another one's neighbour.
 void* AllocatePiece(std::size_t index) {
-  return ::operator new(SizeOf(index), std::align_val_t{kStep});
+  return ::operator new (SizeOf(index), std::align_val_t{kStep});
 }
-void DeletePiece(void* piece) noexcept { ::operator delete(piece, std::align_val_t{kStep}); }
+void DeletePiece(void* piece) noexcept { ::operator delete (piece, std::align_val_t{kStep}); }
 
 // Pieces of free memory. They stand here and are not linked through themselves, so that taking one
 // does not wait for its bytes.
@@ -151,7 +151,8 @@ struct ReturnAtThreadEnd {
   ~ReturnAtThreadEnd() {
     freeLists.closed = true;
     for (FreeLists::Pair& pair : freeLists.pairs) {
-      for (Batch* batch : {std::exchange(pair.active, nullptr), std::exchange(pair.spare, nullptr)}) {
+      for (Batch* batch :
+           {std::exchange(pair.active, nullptr), std::exchange(pair.spare, nullptr)}) {
         if (batch == nullptr) continue;
         batch->DeletePieces();
         delete batch;
@@ -213,7 +214,8 @@ void* PoolAllocate(std::size_t size) {
   if ((pair.active == nullptr || pair.active->count == 0) && !Refill(pair, index))
     return AllocatePiece(index);
   Batch& batch = *pair.active;
-  if (batch.count > kFetchedAhead) FetchToWrite(batch.pieces[batch.count - 1 - kFetchedAhead], size);
+  if (batch.count > kFetchedAhead)
+    FetchToWrite(batch.pieces[batch.count - 1 - kFetchedAhead], size);
   return batch.pieces[--batch.count];
 }
 

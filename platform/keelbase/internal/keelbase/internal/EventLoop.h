@@ -88,7 +88,8 @@ class KEELBASE_API EventLoop {
   // --- events: any thread ---
   AWResult Post(IAWEvent* event);
   void Call(const std::function<void()>& function);  // see CAWThread::Call
-  // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not run.
+  // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not
+  // run.
   void DropPosted();
 
   // --- descriptors: loop thread. 0 or an errno value ---
