@@ -31,6 +31,7 @@ constexpr std::uint32_t kServedPerTurn = 16;
 
 // Whoever had nothing to do for so many looks is not asked any more, though the loop still spins.
 constexpr std::uint32_t kIdleLooks = 4096;
+
 constexpr std::chrono::microseconds kBriefWait(2);
 
 // So many events ahead of the one that is fired.
@@ -98,8 +99,8 @@ AWResult EventLoop::Run() {
       worked = Spin();
       if (worked) continue;
     } else if (worked && !pollers_.empty()) {
-      worked =
-          Turn(0);  // who has just brought work may bring more: cheaper than being woken for it
+      // Who has just brought work may bring more: another look is cheaper than being woken for it.
+      worked = Turn(0);
       continue;
     }
     if (std::exchange(ranPosted_, false)) WaitBriefly();
