@@ -124,8 +124,10 @@ void CZARNShmIPCStreamBase::OnReceive(CAWMessageBlock& data, fshmipc::IAWShmIPCT
     case End::kReplaced:
       return;
     case End::kNeedMore:
-    case End::kTooLong:
       return readGate_.Apply(transport_.Get(), received_.GetLength());
+    case End::kTooLong:
+      if (!closed_) return readGate_.Apply(transport_.Get(), received_.GetLength());
+      [[fallthrough]];  // the handler has closed as well
     case End::kClosed:
       EndConnection(0);
       return OnClose();
