@@ -158,13 +158,16 @@ TEST_F(Allocations, QueueOfSmallMessagesAllocatesByTheBlockNotByTheMessage) {
 TEST_F(Allocations, ReceivingAllocatesByTheEventNotByTheMessage) {
   std::string frames;
   for (int i = 0; i < 800; ++i) frames += Frame(1, 2, small);
+  CAWMessageBlock first(65536);  // finds the thread's pools empty
+  first.Write(frames.data(), 76);
+  Receive(first);
   CAWMessageBlock one(65536);
   one.Write(frames.data(), 76);
   CAWMessageBlock many(65536);
   many.Write(frames.data(), frames.size());
   const std::size_t forOne = AllocationsOf([&] { Receive(one); });
   const std::size_t forMany = AllocationsOf([&] { Receive(many); });
-  EXPECT_EQ(channel->messages, 801U);
+  EXPECT_EQ(channel->messages, 802U);
   EXPECT_LE(forMany, forOne);
   EXPECT_LE(forOne, 2U);
 }
