@@ -218,13 +218,16 @@ TYPED_TEST(ChannelAllocations, QueueOfSmallMessagesAllocatesByTheBlockNotByTheMe
 TYPED_TEST(ChannelAllocations, ReceivingAllocatesByTheEventNotByTheMessage) {
   std::string frames;
   for (int i = 0; i < 800; ++i) frames += Frame(1, 2, this->small);
+  CAWMessageBlock first(65536);  // finds the thread's pools empty
+  first.Write(frames.data(), 76);
+  this->Receive(first);
   CAWMessageBlock one(65536);
   one.Write(frames.data(), 76);
   CAWMessageBlock many(65536);
   many.Write(frames.data(), frames.size());
   const std::size_t forOne = AllocationsOf([&] { this->Receive(one); });
   const std::size_t forMany = AllocationsOf([&] { this->Receive(many); });
-  EXPECT_EQ(this->channel->messages, 801U);
+  EXPECT_EQ(this->channel->messages, 802U);
   EXPECT_LE(forMany, forOne);
   EXPECT_LE(forOne, 2U);
 }
