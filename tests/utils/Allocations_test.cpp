@@ -388,7 +388,7 @@ TEST(Allocations, SendQueueWithoutMemoryKeepsWhatItHolds) {
   EXPECT_EQ(offered, "first");
 }
 
-TEST_F(Allocations, RegistriesWithoutMemoryAnswer10001AndKeepWhatTheyHold) {
+TEST(Allocations, RegistriesWithoutMemoryAnswer10001AndKeepWhatTheyHold) {
   utils::CZARNAppsManager apps;
   utils::CZARNListenNodeManager nodes;
   utils::CZARNApp app;
