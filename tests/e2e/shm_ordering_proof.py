@@ -13,8 +13,8 @@ SECONDS = proof_count(600)
 class ShmOrdering(ProgramTest):
     def exchange(self, server_options, client_options):
         root = self.new_root()
-        server = self.start_server("load", "shm", *server_options, root=root)
-        client = self.start_client("load", "shm", *client_options, root=root)
+        server = self.start_server("flood", "shm", *server_options, root=root)
+        client = self.start_client("flood", "shm", *client_options, root=root)
         client.wait("connected")
         time.sleep(SECONDS / 3)
         for program in (server, client):

@@ -1,4 +1,4 @@
-// client_peer.cpp - one client: client_peer 3_4 1_2 echo|count|load [main] [shm]
+// client_peer.cpp - one client: client_peer 3_4 1_2 echo|count|load|flood [main] [shm]
 // [spin=MICROSECONDS]
 //
 // Events: init_failed {result}; connected {retries}; disconnected {reason}; failed {reason} for an
@@ -28,7 +28,7 @@ class Client final : public Family::ClientChannel {
     const keelbase::AWResult result =
         this->Init(own_.first, own_.second, peer_.first, peer_.second);
     if (result != keelbase::AW_OK) Event("init_failed").With("result", result);
-    if (mode_ == e2e::Mode::load) Load();
+    if (e2e::IsLoad(mode_)) Load();
   }
 
   void Command(const e2e::Words& words) {
@@ -52,6 +52,12 @@ class Client final : public Family::ClientChannel {
     const bool was_connected = this->IsConnected();
     Base::OnPeerDisconnect(reason);
     Event(was_connected ? "disconnected" : "failed").With("reason", reason);
+  }
+
+  // Over shared memory; over local IPC it is told as above.
+  void OnConnectFailure(long reason) override {
+    Base::OnConnectFailure(reason);
+    Event("failed").With("reason", reason);
   }
 
   void OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,

@@ -1,4 +1,4 @@
-// server_peer.cpp - accepts clients: server_peer 1_2 echo|count|load [main] [shm]
+// server_peer.cpp - accepts clients: server_peer 1_2 echo|count|load|flood [main] [shm]
 // [spin=MICROSECONDS] [bound=BYTES]
 //
 // Events: listening or listen_failed {reason}; accepted and disconnected {reason, clients}; dropped
@@ -54,7 +54,7 @@ class Server final : public Family::Listener, public keelbase::CAWTimerWrapperID
       Event("listening");
     else
       Event("listen_failed").With("reason", result);
-    if (mode_ == e2e::Mode::load) timer_.Schedule(this, std::chrono::milliseconds(1));
+    if (e2e::IsLoad(mode_)) timer_.Schedule(this, std::chrono::milliseconds(1));
   }
 
   void Command(const e2e::Words& words) {
