@@ -1,10 +1,13 @@
 // ShmIPCTransport_test.cpp - opening, receiving, ending and letting go of a connection, both ends
 // of which are the library's.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -19,6 +22,7 @@
 #include "RealShmIpc.h"
 #include "VirtualSlot.h"
 #include "fshmipc/CAWShmIPCTransport.h"
+#include "keelbase/internal/TimerQueue.h"
 
 namespace fshmipc {
 namespace {
@@ -164,6 +168,59 @@ TEST(ShmIPCTransport, DeathOfThePeerIsAReset) {
   ::kill(victim.GetProcess(), SIGKILL);
   EXPECT_TRUE(Await([&] { return end.sink.ended; }));
   EXPECT_EQ(end.sink.reason, ECONNRESET);
+}
+
+double ProcessorSeconds() {
+  timespec time{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// Sends whenever there is room.
+void RunFlooder() {
+  CAWShmIPCManager::Instance()->SetSystemPath(ChildTest::Argument());
+  const auto connector = MakeShmConnector();
+  ShmIndicationSink connected;
+  connector->AsyncConnect(&connected, kShmServer, 0, &kShmClient);
+  EXPECT_TRUE(Await([&] { return !connected.got.empty(); }));
+  ShmEnd end{connected.got.at(0).transport, {}};
+  end.sink.onSend = [&](IAWShmIPCTransport*) { end.Fill(); };
+  end.Open();
+  end.Fill();
+  keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK)->Run();
+}
+
+TEST(ShmIPCTransport, StoppedPeerCostsNoProcessorTimeAndGoesOnAfterwards) {
+  if (ChildTest::Role() == "flooder") RunFlooder();
+  auto* network =
+      keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  for (const std::uint32_t spin : {0U, 100U}) {
+    network->SetSpin(spin);
+    const ShmSystem system;
+    ShmServer server;
+    ChildTest flooder("flooder", system.GetPath());
+    ShmEnd end{server.Accept(), {}};
+    std::size_t received = 0;
+    end.sink.onReceive = [&](IAWShmIPCTransport*) {
+      received += std::exchange(end.sink.received, "").size();
+    };
+    end.Open();
+    EXPECT_TRUE(Await([&] { return received > 10000000; }));
+    ASSERT_EQ(::kill(flooder.GetProcess(), SIGSTOP), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(flooder.GetProcess(), &status, WUNTRACED), flooder.GetProcess());
+    end.Fill();
+    const double before = ProcessorSeconds();
+    keelbase::internal::Timer over(network->GetLoop());
+    over.Start(std::chrono::milliseconds(500), 1, [&] { network->Stop(); });
+    EXPECT_EQ(network->Run(), AW_OK);
+    EXPECT_LT(ProcessorSeconds() - before, 0.1) << "spin " << spin;
+    EXPECT_FALSE(end.sink.ended);
+    const std::size_t soFar = received;
+    ASSERT_EQ(::kill(flooder.GetProcess(), SIGCONT), 0);
+    EXPECT_TRUE(Await([&] { return received > soFar + 10000000 && end.sink.sends != 0; }));
+  }
+  network->SetSpin(0);
 }
 
 // --- reading ---
