@@ -176,7 +176,7 @@ double ProcessorSeconds() {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// Sends whenever there is room.
+// Sends all the time, as much as there is room for.
 void RunFlooder() {
   CAWShmIPCManager::Instance()->SetSystemPath(ChildTest::Argument());
   const auto connector = MakeShmConnector();
@@ -184,10 +184,13 @@ void RunFlooder() {
   connector->AsyncConnect(&connected, kShmServer, 0, &kShmClient);
   EXPECT_TRUE(Await([&] { return !connected.got.empty(); }));
   ShmEnd end{connected.got.at(0).transport, {}};
-  end.sink.onSend = [&](IAWShmIPCTransport*) { end.Fill(); };
   end.Open();
-  end.Fill();
-  keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK)->Run();
+  auto* network =
+      keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  keelbase::internal::Timer flood(network->GetLoop());
+  const std::string text = Pattern(2000000);
+  flood.Start(std::chrono::milliseconds(1), 0, [&] { end.Send(text); });
+  network->Run();
 }
 
 TEST(ShmIPCTransport, StoppedPeerCostsNoProcessorTimeAndGoesOnAfterwards) {
