@@ -47,9 +47,10 @@ class Scribbles(ProgramTest):
         polite = self.start_client("count", "shm", root=root)
         polite.wait("connected")
         server.wait("accepted")
+        server.ask("stats")  # what accepting took is given back by now
         held = server.descriptors(), server.mappings()
         scribbler = self.start("scribbler_peer", "connect", "1_2", root=root)
-        scribbler.wait("listening")
+        scribbler.wait("ready")
         self.torment(scribbler, [server])
         scribbler.end()
         server.stats_until(lambda stats: stats["clients"] == 1)
@@ -70,7 +71,7 @@ class Scribbles(ProgramTest):
         for client in clients:
             client.wait("failed")
         scribbler = self.start("scribbler_peer", "accept", "1_2")
-        scribbler.wait("listening")
+        scribbler.wait("ready")
         self.torment(scribbler, clients)
         scribbler.end()
         for client in clients:

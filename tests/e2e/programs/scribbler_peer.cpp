@@ -3,7 +3,7 @@
 //
 // Connects to the endpoint again and again, or listens there, and then writes values of every kind
 // over all that is shared: positions, flags and bytes, as fast as it can, for up to 50 ms, before
-// it goes without a word. Events: listening; stats {rounds}. Command: stats.
+// it goes without a word. Events: ready; stats {rounds}. Command: stats.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -241,7 +241,7 @@ int main(int argc, char** argv) {
   Scribbler scribbler(argv[2]);
   const bool accepts = std::string(argv[1]) == "accept";
   if (accepts && !scribbler.Listen()) return 3;
-  Event("listening");
+  Event("ready").With("accepts", accepts);
   std::thread work([&] { accepts ? scribbler.RunAccepting() : scribbler.RunConnecting(); });
   e2e::ReadCommands([&](const e2e::Words& words) {
     if (words[0] == "stats") Event("stats").With("rounds", scribbler.rounds.load());
