@@ -10,8 +10,8 @@
 
 namespace keelbase::internal {
 
-// A connect to a Unix socket succeeds or fails at once, but for a listener whose queue is full: that
-// one is asked again for a second. Start and Cancel: on any thread, one at a time.
+// A connect to a Unix socket succeeds or fails at once, but for a listener whose queue is full:
+// that one is asked again for a second. Start and Cancel: on any thread, one at a time.
 class KEELBASE_API EndpointDialer {
  public:
   // Error 0: the connection, to a peer of our own user or root (to anybody, where that is allowed).
