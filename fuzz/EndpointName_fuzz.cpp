@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "../platform/fipc/src/EndpointName.h"
+#include "../platform/fipc/src/ClientName.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   ParseForeign(input);
   ParseAlmostOurs(input);
-  const fipc::EndpointPath path(input);
+  const keelbase::internal::EndpointPath path(input);
   Check(!path.directory.empty());
   Check(path.name.empty() || IsPlainName(path.name));
   if (path.name.empty()) return 0;

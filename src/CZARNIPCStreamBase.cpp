@@ -122,26 +122,12 @@ void CZARNIPCStreamBase::Report(long reason) {
 void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport* transport,
                                    fipc::CAWIPCTransportParameter*) {
   if (transport != transport_.Get()) return;
-  const std::size_t length = data.GetChainedLength();
-  if (length == 0) return;
-  if (received_.Append(data) != AW_OK) {
+  const End end = OfferReceived(*this, received_, data, generation_, closed_, counters_).end;
+  if (end == End::kDestroyed || end == End::kReplaced) return;
+  if (end != End::kNeedMore) {
     DropConnector();
-    return CloseAndReport(AW_ERROR_FAILURE);
+    return CloseAndReport(end == End::kNoMemory ? AW_ERROR_FAILURE : 0);
   }
-  data.AdvanceChainedReadPtr(length);
-  counters_.bytesReceived += length;
-
-  // Held here while the handler runs, the bytes outlive whatever it does to the stream.
-  detail::ReceiveAccumulator held = std::move(received_);
-  const ReceivePass pass =
-      OfferFrames(*this, generation_, closed_, counters_, held.GetData(), held.GetLength());
-  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return;
-  if (pass.end == End::kTooLong || closed_) {
-    DropConnector();
-    return CloseAndReport(0);
-  }
-  held.Consume(pass.consumed);
-  received_ = std::move(held);
   readGate_.Apply(transport_.Get(), received_.GetLength());
 }
 

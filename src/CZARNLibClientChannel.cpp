@@ -79,9 +79,7 @@ std::size_t CZARNLibClientChannel::HandleMessage(const char* data, std::size_t l
 AWResult CZARNLibClientChannel::SendZARNMessage(std::uint16_t type, std::uint32_t tag,
                                                 const char* data, std::size_t len) {
   if (len == 0) return SendFrame(*this, type, tag, nullptr);
-  if (len > kMaxPayloadSize) return AW_ERROR_FAILURE;
-  CAWMessageBlock payload(data, len, CAWMessageBlock::borrow);
-  return SendZARNMessage(type, tag, payload);
+  return SendBytes(*this, type, tag, data, len);
 }
 
 AWResult CZARNLibClientChannel::SendZARNMessage(std::uint16_t type, std::uint32_t tag,

@@ -5,7 +5,6 @@
 
 namespace zarn::utils {
 
-using keelbase::AW_ERROR_FAILURE;
 using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
 
@@ -37,9 +36,7 @@ AWResult CZARNLibServerChannel::SendZARNMessage(std::uint16_t type, std::uint32_
 
 AWResult CZARNLibServerChannel::SendZARNMessage(std::uint16_t type, std::uint32_t tag,
                                                 const char* data, std::size_t len) {
-  if (len > kMaxPayloadSize) return AW_ERROR_FAILURE;
-  CAWMessageBlock payload(data, len, CAWMessageBlock::borrow);
-  return SendZARNMessage(type, tag, payload);
+  return SendBytes(*this, type, tag, data, len);
 }
 
 }  // namespace zarn::utils

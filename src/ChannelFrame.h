@@ -50,4 +50,13 @@ keelbase::AWResult SendFrame(Channel& channel, std::uint16_t type, std::uint32_t
   return channel.SendMsg(frame);
 }
 
+// Sends plain bytes by way of the channel's own block form, uncopied.
+template <class Channel>
+keelbase::AWResult SendBytes(Channel& channel, std::uint16_t type, std::uint32_t tag,
+                             const char* data, std::size_t len) {
+  if (len > kMaxPayloadSize) return keelbase::AW_ERROR_FAILURE;
+  keelbase::CAWMessageBlock payload(data, len, keelbase::CAWMessageBlock::borrow);
+  return channel.SendZARNMessage(type, tag, payload);
+}
+
 }  // namespace zarn::utils

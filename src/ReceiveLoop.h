@@ -2,9 +2,12 @@
 #pragma once
 
 #include <cstddef>
+#include <utility>
 
+#include "keelbase/CAWMessageBlock.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/ReceiveAccumulator.h"
 
 namespace zarn::utils {
 
@@ -14,6 +17,7 @@ struct ReceivePass {
     kNeedMore,   // the rest is no complete frame, or there is none
     kTooLong,    // the handler claims more bytes than there are
     kClosed,     // the handler has closed the stream
+    kNoMemory,   // the bytes could not be kept; nothing was offered
     kReplaced,   // the stream has another connection, or none, and is not closed: leave it alone
     kDestroyed,  // there is no stream any more
   };
@@ -47,6 +51,34 @@ ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bo
     if (closed) return ended(End::kClosed);
     if (pass.answered == 0) break;
   }
+  return pass;
+}
+
+// A receive event: takes over the unread bytes of `data`, which are advanced, behind those that
+// wait in `received`, and offers them. What the handler has not taken waits in `received` again,
+// unless the stream is destroyed or has another connection by then.
+template <class Stream>
+ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
+                          keelbase::CAWMessageBlock& data, detail::Generation& generation,
+                          const bool& closed, CZARNStreamCounters& counters) {
+  ReceivePass pass;
+  const std::size_t length = data.GetChainedLength();
+  if (length == 0) return pass;
+  if (received.Append(data) != keelbase::AW_OK) {
+    pass.end = ReceivePass::End::kNoMemory;
+    return pass;
+  }
+  data.AdvanceChainedReadPtr(length);
+  counters.bytesReceived += length;
+
+  // Held here while the handler runs, the bytes outlive whatever it does to the stream.
+  detail::ReceiveAccumulator held = std::move(received);
+  pass = OfferFrames(stream, generation, closed, counters, held.GetData(), held.GetLength());
+  const bool lost =
+      pass.end == ReceivePass::End::kDestroyed || pass.end == ReceivePass::End::kReplaced;
+  if (lost) return pass;
+  held.Consume(pass.consumed);
+  received = std::move(held);
   return pass;
 }
 

@@ -75,7 +75,9 @@ AWResult ZARNLibInit() try {
   iszarninit = true;
   const CAWString system = GetZARNRootSystem();
   if (system.empty()) return AW_ERROR_FAILURE;
-  gzarnpath = VOS_GetRealPath(system);
+  const CAWString path = VOS_GetRealPath(system);
+  fshmipc::CAWShmIPCManager::Instance()->SetSystemPath(path);
+  gzarnpath = path;
   return AW_OK;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
@@ -152,6 +154,18 @@ AWResult CreateIPCServer(keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor>& out) {
   out = nullptr;
   return manager->CreateAcceptor(kUnixSockets, out);
 }
+
+// --- shared memory ---
+
+AWResult CreateShmIPCClient(keelbase::CAWAutoPtr<fshmipc::IAWShmIPCConnector>& out) {
+  return fshmipc::CAWShmIPCManager::Instance()->CreateConnector(out);
+}
+
+AWResult CreateShmIPCServer(keelbase::CAWAutoPtr<fshmipc::IAWShmIPCAcceptor>& out) {
+  return fshmipc::CAWShmIPCManager::Instance()->CreateAcceptor(out);
+}
+
+// --- endpoints ---
 
 AWResult ZARNCreateIPCAddr(std::uint16_t a, std::uint16_t b, keelbase::CAWIPCAddr& out) try {
   const CAWString system = GetZARNRootSystem();

@@ -20,7 +20,7 @@ class Examples(unittest.TestCase):
         program = subprocess.Popen(
             [os.path.join(os.environ["ZARN_BIN_DIR"], command[0]), *command[1:]],
             env={**os.environ, "ZARN_ROOT": root or self.root}, text=True,
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.end, program)
         return program
 
@@ -45,6 +45,18 @@ class Examples(unittest.TestCase):
         output, errors = server.communicate(timeout=LIMIT)
         self.assertEqual((server.returncode, output, errors), (0, "stopped\n", ""))
         self.assertEqual(os.listdir(os.path.join(self.root, "system/zarn/ipc")), [])
+
+    def test_shared_memory_carries_the_same_messages(self):
+        server = self.start("shm_echo", "serve", "1", "2")
+        self.assertEqual(server.stdout.readline(), "listening\n")
+        output, errors = self.start("shm_echo", "ask", "1", "2", "1000").communicate(timeout=LIMIT)
+        self.assertRegex(output, r"^1000 answers in [0-9.]+ s\n$")
+        self.assertEqual(errors, "")
+        second = self.start("shm_echo", "serve", "1", "2")
+        self.assertIn("cannot listen: Address already in use", second.communicate(timeout=LIMIT)[1])
+        server.communicate(timeout=LIMIT)
+        self.assertEqual(server.returncode, 0)
+        self.assertEqual(os.listdir(os.path.join(self.root, "system/zarn/shmipc")), [])
 
     def test_client_that_comes_first_finds_the_server_later(self):
         client = self.start("echo_client", "3", "4", "1", "2", "early")

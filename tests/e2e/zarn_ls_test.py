@@ -2,6 +2,7 @@
 
 import getpass
 import os
+import signal
 import socket
 import subprocess
 import unittest
@@ -37,9 +38,19 @@ class Ls(ToolTest):
         self.leave_stale("3_4")
         lines = self.run_tool("ls").stdout.splitlines()
         self.assertEqual(lines[0].split(), ["ENDPOINT", "STATE", "PID", "USER", "PROGRAM"])
-        self.assertEqual(lines[1].split(), ["1_2", "listening", str(server.process.pid),
+        self.assertEqual(lines[1].split(), ["ipc://1_2", "listening", str(server.process.pid),
                                             getpass.getuser(), os.path.basename(TOOL)])
-        self.assertEqual(lines[2].split()[:3], ["3_4", "stale", "-"])
+        self.assertEqual(lines[2].split()[:3], ["ipc://3_4", "stale", "-"])
+
+    def test_endpoints_over_shared_memory_are_listed_behind_those_of_local_ipc(self):
+        self.serve()
+        server = self.serve(url="shm://0_1")
+        listed = self.run_events("ls")
+        self.assertEqual([event["url"] for event in listed], ["ipc://1_2", "shm://0_1"])
+        self.assertEqual((listed[1]["state"], listed[1]["pid"]), ("listening", server.process.pid))
+        self.assertEqual(server.end(signal.SIGKILL), -signal.SIGKILL)
+        self.assertEqual(self.run_events("ls", "--clean")[1]["state"], "removed")
+        self.assertEqual([event["url"] for event in self.run_events("ls")], ["ipc://1_2"])
 
     def test_a_listener_that_is_not_ours_is_found_and_not_disturbed(self):
         listener = self.listen()

@@ -10,7 +10,7 @@ from zarn_tool import LONGEST, ToolTest, frame, read_frame
 class Ping(ToolTest):
     def test_counts_and_measures(self):
         self.serve("--echo")
-        *replies, summary = self.run_events("ping", "ipc://1_2", "-c", "5", "-i", "0.01")
+        *replies, summary = self.run_events("ping", self.url, "-c", "5", "-i", "0.01")
         self.assertEqual([reply["seq"] for reply in replies], [0, 1, 2, 3, 4])
         self.assertTrue(all(reply["us"] > 0 for reply in replies))
         self.assertEqual((summary["sent"], summary["received"], summary["lost"]), (5, 5, 0))
@@ -20,8 +20,8 @@ class Ping(ToolTest):
 
     def test_text_looks_like_a_ping(self):
         self.serve("--echo")
-        lines = self.run_tool("ping", "ipc://1_2", "-c", "2", "-i", "0.01").stdout.splitlines()
-        self.assertEqual(lines[0], "ping ipc://1_2: 56 bytes")
+        lines = self.run_tool("ping", self.url, "-c", "2", "-i", "0.01").stdout.splitlines()
+        self.assertEqual(lines[0], f"ping {self.url}: 56 bytes")
         self.assertRegex(lines[2], r"^56 bytes from 1_2: seq=1 time=\d+\.\d us$")
         self.assertRegex(lines[4], r"^2 sent, 2 received, 0 lost \(0 %\), \d+\.\d s$")
         self.assertRegex(lines[5], r"^round trip in us: min .*p50 .*p90 .*p99 .*p99\.9 .*max ")
@@ -29,19 +29,19 @@ class Ping(ToolTest):
     def test_back_to_back_of_all_sizes_with_and_without_spin(self):
         self.serve("--echo")
         for options in (("-s", "0"), ("-s", str(LONGEST)), ("--spin", "50")):
-            summary = self.run_events("ping", "ipc://1_2", "-i", "0", "-c", "200", *options)[-1]
+            summary = self.run_events("ping", self.url, "-i", "0", "-c", "200", *options)[-1]
             self.assertEqual((summary["received"], summary["lost"], summary["altered"]), (200, 0, 0))
 
     def test_sigint_ends_it_with_its_summary(self):
         self.serve("--echo")
-        ping = self.start("ping", "ipc://1_2", "--json")
+        ping = self.start("ping", self.url, "--json")
         ping.event("reply")
         self.assertEqual(ping.end(), 0)
         self.assertGreaterEqual(ping.event("summary")["received"], 1)
 
     def test_survives_a_restart_of_the_peer_and_says_so(self):
         server = self.serve("--echo")
-        ping = self.start("ping", "ipc://1_2", "-i", "0.05", "--json")
+        ping = self.start("ping", self.url, "-i", "0.05", "--json")
         ping.event("reply")
         server.end(signal.SIGKILL)
         self.assertIn("peer gone: ", ping.event("gone")["text"])
@@ -58,7 +58,7 @@ class Ping(ToolTest):
 
     def test_back_to_back_survives_a_restart_too(self):
         server = self.serve("--echo")
-        ping = self.start("ping", "ipc://1_2", "-i", "0", "--json")
+        ping = self.start("ping", self.url, "-i", "0", "--json")
         self.assertGreater(ping.event("interval")["received"], 0)
         server.end(signal.SIGKILL)
         ping.event("gone")
@@ -69,7 +69,7 @@ class Ping(ToolTest):
 
     def test_a_count_ends_also_when_the_peer_does_not_come_back(self):
         listener = self.listen()
-        ping = self.start("ping", "ipc://1_2", "-c", "3", "-i", "0.1", "--json")
+        ping = self.start("ping", self.url, "-c", "3", "-i", "0.1", "--json")
         connection = self.accept(listener)
         connection.sendall(frame(*read_frame(connection)))
         ping.event("reply")
@@ -82,7 +82,7 @@ class Ping(ToolTest):
 
     def test_no_answer_is_a_loss_and_no_answers_a_failure(self):
         self.serve()
-        *events, summary = self.run_events("ping", "ipc://1_2", "-c", "2", "-i", "0.01", "--timeout",
+        *events, summary = self.run_events("ping", self.url, "-c", "2", "-i", "0.01", "--timeout",
                                            "0.2", code=1)
         self.assertEqual([event["event"] for event in events], ["lost", "lost"])
         self.assertEqual((summary["received"], summary["lost"]), (0, 2))
@@ -90,7 +90,7 @@ class Ping(ToolTest):
 
     def test_late_doubled_altered_and_foreign_answers_are_told_apart(self):
         listener = self.listen()
-        ping = self.start("ping", "ipc://1_2", "-c", "2", "-i", "0.01", "--json")
+        ping = self.start("ping", self.url, "-c", "2", "-i", "0.01", "--json")
         connection = self.accept(listener)
         type_, tag, payload = read_frame(connection)
         connection.sendall(frame(type_ + 1, tag, payload) + frame(type_, tag + 1000, payload) +
@@ -103,7 +103,7 @@ class Ping(ToolTest):
 
     def test_a_malformed_answer_is_a_loss(self):
         listener = self.listen()
-        ping = self.start("ping", "ipc://1_2", "-c", "1", "--timeout", "0.3", "--json")
+        ping = self.start("ping", self.url, "-c", "1", "--timeout", "0.3", "--json")
         connection = self.accept(listener)
         read_frame(connection)
         connection.sendall(bytes([0, 0, 0, 20, 0, 0, 0, 0, 0, 0, 0, 4]) + b"x" * 50)
@@ -112,8 +112,12 @@ class Ping(ToolTest):
         self.assertIn("fatal error", ping.errors())
 
     def test_unreachable(self):
-        result = self.run_tool("ping", "ipc://1_2", "--timeout", "0.2")
+        result = self.run_tool("ping", self.url, "--timeout", "0.2")
         self.assertEqual((result.returncode, result.stdout), (3, ""))
+
+
+class PingOverSharedMemory(Ping):
+    scheme = "shm"
 
 
 if __name__ == "__main__":

@@ -10,7 +10,7 @@ from zarn_tool import LONGEST, ToolTest, frame, read_frame
 class Send(ToolTest):
     def test_sends_text_and_prints_the_answer(self):
         server = self.serve("--echo")
-        message, summary = self.run_events("send", "ipc://1_2", "--as", "3_4", "--type", "7", "--tag",
+        message, summary = self.run_events("send", self.url, "--as", "3_4", "--type", "7", "--tag",
                                            "4294967295", "--data", "hello", "--replies", "1")
         self.assertEqual(message, {"event": "message", "peer": "1_2", "type": 7, "tag": 4294967295,
                                    "size": 5, "text": "hello", "cut": False})
@@ -20,7 +20,7 @@ class Send(ToolTest):
 
     def test_the_frame_on_the_wire_is_the_documented_one(self):
         listener = self.listen()
-        sender = self.start("send", "ipc://1_2", "--type", "258", "--tag", "50595078", "--data", "ab")
+        sender = self.start("send", self.url, "--type", "258", "--tag", "50595078", "--data", "ab")
         connection = self.accept(listener)
         received = b""
         while part := connection.recv(100):
@@ -30,11 +30,11 @@ class Send(ToolTest):
 
     def test_an_empty_message_and_the_longest_file(self):
         server = self.serve()
-        self.run_events("send", "ipc://1_2", "--data", "")
+        self.run_events("send", self.url, "--data", "")
         self.assertEqual(server.event("message")["size"], 0)
         path = self.root / "file"
         path.write_bytes(os.urandom(LONGEST))
-        self.run_events("send", "ipc://1_2", "--file", str(path))
+        self.run_events("send", self.url, "--file", str(path))
         self.assertEqual(server.event("message")["size"], LONGEST)
 
     def test_one_byte_more_than_a_message_holds_is_refused(self):
@@ -42,19 +42,19 @@ class Send(ToolTest):
         path = self.root / "file"
         path.write_bytes(b"x" * (LONGEST + 1))
         for content in (("--file", str(path)), ("--data", "x" * (LONGEST + 1))):
-            result = self.run_tool("send", "ipc://1_2", *content)
+            result = self.run_tool("send", self.url, *content)
             self.assertEqual(result.returncode, 1)
             self.assertIn("a message holds 65523 at most", result.stderr)
 
     def test_a_file_that_cannot_be_read_is_named(self):
         for path in (self.root / "none", self.root):
-            result = self.run_tool("send", "ipc://1_2", "--file", str(path))
+            result = self.run_tool("send", self.url, "--file", str(path))
             self.assertEqual(result.returncode, 1)
             self.assertIn(f"'{path}'", result.stderr)
 
     def test_each_line_is_a_message_in_order(self):
         listener = self.listen()
-        sender = self.start("send", "ipc://1_2", "-", "--json", stdin=subprocess.PIPE)
+        sender = self.start("send", self.url, "-", "--json", stdin=subprocess.PIPE)
         connection = self.accept(listener)
         lines = [b"", b"one", b"\xff\x00\r", b"x" * LONGEST, b"unended"]
         sender.process.stdin.write(b"\n".join(lines))
@@ -66,7 +66,7 @@ class Send(ToolTest):
     def test_a_line_that_is_too_long_is_told_and_the_rest_is_sent(self):
         server = self.serve()
         text = "before\n" + "x" * (LONGEST + 1) + "\nafter"
-        result = self.run_tool("send", "ipc://1_2", "-", input=text)
+        result = self.run_tool("send", self.url, "-", input=text)
         self.assertEqual(result.returncode, 1)
         self.assertIn("line 2 is longer than 65523 bytes", result.stderr)
         self.assertEqual([server.event("message")["text"] for _ in range(2)], ["before", "after"])
@@ -78,7 +78,7 @@ class Send(ToolTest):
             for number in range(count):
                 lines.write(b"%d %s\n" % (number, b"x" * 2000))
         with open(self.root / "lines", "rb") as lines:
-            sender = self.start("send", "ipc://1_2", "-", stdin=lines)
+            sender = self.start("send", self.url, "-", stdin=lines)
         connection = self.accept(listener)
         # 6 MB are more than the socket and the sender hold, so it has to wait for us.
         numbers = [int(read_frame(connection)[2].split()[0]) for _ in range(count)]
@@ -87,7 +87,7 @@ class Send(ToolTest):
 
     def test_a_peer_that_never_reads_is_a_failure(self):
         listener = self.listen()
-        sender = self.start("send", "ipc://1_2", "-", "--timeout", "0.5", stdin=subprocess.PIPE)
+        sender = self.start("send", self.url, "-", "--timeout", "0.5", stdin=subprocess.PIPE)
         self.accept(listener)
         sender.process.stdin.write(b"x" * 60000 + b"\n")
         for _ in range(15):
@@ -98,13 +98,13 @@ class Send(ToolTest):
 
     def test_missing_answers_are_a_failure(self):
         self.serve()
-        result = self.run_tool("send", "ipc://1_2", "--data", "x", "--replies", "2", "--timeout", "0.3")
+        result = self.run_tool("send", self.url, "--data", "x", "--replies", "2", "--timeout", "0.3")
         self.assertEqual(result.returncode, 1)
         self.assertIn("0 of 2 answers within 0.3 s", result.stderr)
 
     def test_a_peer_that_goes_while_answers_are_due_is_a_failure(self):
         listener = self.listen()
-        sender = self.start("send", "ipc://1_2", "--data", "x", "--replies", "2")
+        sender = self.start("send", self.url, "--data", "x", "--replies", "2")
         connection = self.accept(listener)
         connection.sendall(frame(*read_frame(connection)))
         sender.line_with("type=0")
@@ -114,7 +114,7 @@ class Send(ToolTest):
 
     def test_sigint_ends_it_with_its_summary(self):
         server = self.serve()
-        sender = self.start("send", "ipc://1_2", "-", "--json", stdin=subprocess.PIPE)
+        sender = self.start("send", self.url, "-", "--json", stdin=subprocess.PIPE)
         sender.process.stdin.write(b"first\n")
         sender.process.stdin.flush()
         server.event("message")
@@ -125,9 +125,9 @@ class Send(ToolTest):
 
 class Unreachable(ToolTest):
     def assert_unreachable(self, pattern):
-        result = self.run_tool("send", "ipc://1_2", "--data", "x", "--timeout", "0.2")
+        result = self.run_tool("send", self.url, "--data", "x", "--timeout", "0.2")
         self.assertEqual(result.returncode, 3, result)
-        self.assertRegex(result.stderr, rf"ipc://1_2: not reachable within 0.2 s: .*{pattern}")
+        self.assertRegex(result.stderr, rf"{self.url}: not reachable within 0.2 s: .*{pattern}")
 
     def test_without_endpoint(self):
         self.assert_unreachable("nobody listens there, '.*/1_2' does not exist")
@@ -143,9 +143,17 @@ class Unreachable(ToolTest):
         self.assertEqual((self.ipc / "1_2").read_text(), "mine")
 
     def test_a_peer_that_comes_in_time_is_found(self):
-        sender = self.start("send", "ipc://1_2", "--data", "late", "--timeout", "30")
+        sender = self.start("send", self.url, "--data", "late", "--timeout", "30")
         self.assertEqual(self.serve().event("message")["text"], "late")
         self.assertEqual(sender.process.wait(), 0)
+
+
+class SendOverSharedMemory(Send):
+    scheme = "shm"
+
+
+class UnreachableOverSharedMemory(Unreachable):
+    scheme = "shm"
 
 
 if __name__ == "__main__":

@@ -33,10 +33,10 @@ class Serve(ToolTest):
         self.assertEqual(os.listdir(self.ipc), [], "the endpoint file is removed")
 
     def test_text_output_names_the_peer_and_escapes_control_bytes(self):
-        server = self.start("serve", "ipc://1_2")
-        server.line_with("listening at ipc://1_2")
+        server = self.start("serve", self.url)
+        server.line_with(f"listening at {self.url}")
         payload = b"a\n\x1b[31m\xff\\\xc3\xa9\xc2\x9b"
-        self.run_tool("send", "ipc://1_2", "--as", "3_4", "--type", "7", "--tag", "9", "--data",
+        self.run_tool("send", self.url, "--as", "3_4", "--type", "7", "--tag", "9", "--data",
                       os.fsdecode(payload))
         self.assertEqual(server.line_with("type="),
                          '3_4#1 type=7 tag=9 size=13 "a\\n\\x1b[31m\\xff\\\\é\\xc2\\x9b"')
@@ -45,13 +45,14 @@ class Serve(ToolTest):
 
     def test_long_messages_are_cut_unless_in_full(self):
         for options, length in (((), 80), (("--full",), 5000)):
-            server = self.serve(*options, url=f"ipc://1_{length}")
+            server = self.serve(*options, url=f"{self.scheme}://1_{length}")
             client = self.connect(f"1_{length}")
             client.sendall(frame(1, 1, b"x" * 5000))
             message = server.event("message")
             self.assertEqual((len(message["text"]), message["cut"]), (length, length != 5000))
 
     def test_a_claimed_name_cannot_forge_output(self):
+        self.needs_plain_sockets()
         server = self.serve()
         client = socket.socket(socket.AF_UNIX)
         self.addCleanup(client.close)
@@ -69,8 +70,8 @@ class Serve(ToolTest):
         self.assertEqual(server.event("summary")["messages"], len(sent))
 
     def test_quiet_prints_the_summary_only(self):
-        server = self.start("serve", "ipc://1_2", "--echo", "--quiet", "--json")
-        self.assertEqual(self.run_tool("ping", "ipc://1_2", "-c", "1").returncode, 0)
+        server = self.start("serve", self.url, "--echo", "--quiet", "--json")
+        self.assertEqual(self.run_tool("ping", self.url, "-c", "1").returncode, 0)
         server.end()
         self.assertIn('"summary"', server.line())
         self.assertIsNone(server.line())
@@ -135,13 +136,13 @@ class Serve(ToolTest):
 
 class Listening(ToolTest):
     def assert_refused(self, pattern):
-        result = self.run_tool("serve", "ipc://1_2")
+        result = self.run_tool("serve", self.url)
         self.assertEqual(result.returncode, 1, result)
         self.assertRegex(result.stderr, pattern)
 
     def test_a_served_endpoint_is_refused_and_its_owner_named(self):
         server = self.serve()
-        self.assert_refused(rf"ipc://1_2: cannot listen: .*in use by process {server.process.pid} ")
+        self.assert_refused(rf"{self.url}: cannot listen: .*in use by process {server.process.pid} ")
         self.assertEqual(server.end(), 0)
 
     def test_a_stale_file_is_replaced(self):
@@ -168,14 +169,14 @@ class Listening(ToolTest):
         client = self.connect()
         shutil.rmtree(self.root)
         self.assertIn("has been removed: no new client can come",
-                      server.line_with("ipc://1_2", "stderr"))
+                      server.line_with(self.url, "stderr"))
         client.sendall(frame(1, 1, b"on"))
         self.assertEqual(read_frame(client), (1, 1, b"on"))
         self.assertEqual(server.end(), 0)
 
     def test_a_reader_that_went_away_ends_it(self):
         reading, writing = os.pipe()
-        server = subprocess.Popen([TOOL, "serve", "ipc://1_2"], env=self.env, stdout=writing)
+        server = subprocess.Popen([TOOL, "serve", self.url], env=self.env, stdout=writing)
         self.addCleanup(server.kill)
         os.close(writing)
         os.read(reading, 1)  # it listens
@@ -183,6 +184,14 @@ class Listening(ToolTest):
         self.connect()  # which it tells
         self.assertEqual(server.wait(PATIENCE), 1)
         self.assertEqual(os.listdir(self.ipc), [])
+
+
+class ServeOverSharedMemory(Serve):
+    scheme = "shm"
+
+
+class ListeningOverSharedMemory(Listening):
+    scheme = "shm"
 
 
 if __name__ == "__main__":

@@ -100,11 +100,18 @@ class Running:
 
 
 class ToolTest(unittest.TestCase):
+    scheme = "ipc"  # a subclass that says "shm" runs the same tests over shared memory
+
     def setUp(self):
         self.root = Path(tempfile.mkdtemp(prefix="zarn"))
         self.addCleanup(shutil.rmtree, self.root, ignore_errors=True)
         self.use_root(self.root)
-        self.ipc = self.root / "system/zarn/ipc"
+        self.ipc = self.root / "system/zarn" / {"ipc": "ipc", "shm": "shmipc"}[self.scheme]
+        self.url = f"{self.scheme}://1_2"
+
+    def needs_plain_sockets(self):
+        if self.scheme != "ipc":
+            self.skipTest("only local IPC is spoken by plain sockets")
 
     def use_root(self, root):
         (root / "system").mkdir(mode=0o700, parents=True, exist_ok=True)
@@ -129,14 +136,15 @@ class ToolTest(unittest.TestCase):
         self.addCleanup(running.clean_up)
         return running
 
-    def serve(self, *options, url="ipc://1_2"):
+    def serve(self, *options, url=None):
         """A server that listens, with JSON output."""
-        server = self.start("serve", url, "--json", *options)
+        server = self.start("serve", url or self.url, "--json", *options)
         server.event("listening")
         return server
 
     def connect(self, name="1_2"):
         """A client that is not ours."""
+        self.needs_plain_sockets()
         connection = socket.socket(socket.AF_UNIX)
         self.addCleanup(connection.close)
         connection.settimeout(PATIENCE)
@@ -154,6 +162,7 @@ class ToolTest(unittest.TestCase):
         return listener
 
     def accept(self, listener):
+        self.needs_plain_sockets()
         connection = listener.accept()[0]
         self.addCleanup(connection.close)
         connection.settimeout(PATIENCE)

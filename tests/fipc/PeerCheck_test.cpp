@@ -1,5 +1,5 @@
 // PeerCheck_test.cpp - who may be at the other end.
-#include "PeerCheck.h"
+#include "keelbase/internal/PeerCheck.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -17,6 +17,8 @@
 namespace fipc {
 namespace {
 
+using keelbase::internal::CheckPeer;
+using keelbase::internal::FileDescriptor;
 using namespace zarn::test;
 
 TEST(PeerCheck, OwnUserIsLetIn) {

@@ -18,9 +18,11 @@ constexpr double kMaxSeconds = 1e6;
 int RunCommandLine(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);  // a reader that went away is an error of the write
   CLI::App app("Talks to the endpoints of this machine and looks after them.", "zarn");
-  app.footer(std::string("Endpoints are urls: ipc://1_2 is endpoint 1_2 over local IPC below the "
-                         "install root, which the environment variable ZARN_ROOT names.\n") +
-             "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
+  app.footer(
+      std::string("Endpoints are urls: ipc://1_2 is endpoint 1_2 over local IPC, shm://1_2 over "
+                  "shared memory, both below the install root, which the environment "
+                  "variable ZARN_ROOT names.\n") +
+      "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
 
@@ -47,7 +49,7 @@ void AddUrl(CLI::App& command, Endpoint& endpoint) {
   command
       .add_option_function<std::string>(
           "URL", [&endpoint](const std::string& text) { ParseEndpoint(text, endpoint); },
-          "the endpoint, as ipc://1_2")
+          "the endpoint, as ipc://1_2 or shm://1_2")
       ->check(CLI::Validator(
           [](const std::string& text) {
             Endpoint parsed;

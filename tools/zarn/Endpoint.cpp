@@ -38,7 +38,7 @@ std::string Endpoint::GetUrl() const { return fmt::format("{}://{}", scheme->nam
 std::string ParseEndpoint(const std::string& text, Endpoint& endpoint) {
   const std::size_t end = text.find("://");
   if (end == std::string::npos)
-    return fmt::format("'{}' is not a url; endpoints are written as ipc://1_2", text);
+    return fmt::format("'{}' is not a url; endpoints are written as ipc://1_2 or shm://1_2", text);
   const Scheme* scheme = FindScheme(std::string_view(text).substr(0, end));
   if (scheme == nullptr)
     return fmt::format("'{}': unknown scheme; there is {}", text, ListSchemes());

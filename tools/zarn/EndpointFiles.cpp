@@ -20,6 +20,7 @@
 
 #include "Descriptor.h"
 #include "Endpoint.h"
+#include "Root.h"
 #include "SocketOwners.h"
 
 namespace zarn::tool {
@@ -85,7 +86,8 @@ const char* ToText(EndpointState state) {
   return "unknown";
 }
 
-int ScanEndpoints(const std::string& directory, std::vector<EndpointFile>& files) {
+int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files) {
+  const std::string directory = GetEndpointDirectory(scheme);
   const Descriptor open(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!open) return errno == ENOENT ? 0 : errno;
   std::error_code error;
@@ -94,6 +96,7 @@ int ScanEndpoints(const std::string& directory, std::vector<EndpointFile>& files
     EndpointFile file;
     file.name = at->path().filename().string();
     file.path = at->path().string();
+    file.scheme = scheme;
     if (Examine(open.Get(), file)) files.push_back(std::move(file));
   }
   if (error) return error.value();
@@ -102,11 +105,12 @@ int ScanEndpoints(const std::string& directory, std::vector<EndpointFile>& files
   return 0;
 }
 
-int RemoveStale(const std::string& directory, std::vector<EndpointFile>& files) {
+int RemoveStale(const std::string& scheme, std::vector<EndpointFile>& files) {
   const auto removable = [](const EndpointFile& file) {
     return file.state == EndpointState::stale && file.status.st_uid == ::geteuid();
   };
   if (std::none_of(files.begin(), files.end(), removable)) return 0;
+  const std::string directory = GetEndpointDirectory(scheme);
   const Descriptor open(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!open) return errno;
   if (const int error = LockDirectory(open.Get()); error != 0) return error;
@@ -116,6 +120,11 @@ int RemoveStale(const std::string& directory, std::vector<EndpointFile>& files) 
     file.state = EndpointState::removed;
   }
   return 0;
+}
+
+bool IsSocketFile(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
 std::string GetUserName(uid_t user) {

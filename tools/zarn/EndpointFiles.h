@@ -20,19 +20,22 @@ const char* ToText(EndpointState state);
 
 struct EndpointFile {
   std::string name;
+  std::string scheme;  // of its url
   std::string path;
   EndpointState state = EndpointState::unknown;
   struct stat status {};
   pid_t process = 0;  // of whoever listens; 0: unknown
 };
 
-// All that is in the directory, sorted by number, without disturbing whoever listens. Fails with an
-// errno value; a directory that does not exist holds nothing.
-int ScanEndpoints(const std::string& directory, std::vector<EndpointFile>& files);
+// All that is in the directory of that scheme, sorted by number, without disturbing whoever
+// listens. Fails with an errno value; a directory that does not exist holds nothing.
+int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files);
 
 // Removes the stale ones that belong to our own user and marks them. Asks again with the directory
 // locked, as everybody does who makes or removes an endpoint. Fails with an errno value.
-int RemoveStale(const std::string& directory, std::vector<EndpointFile>& files);
+int RemoveStale(const std::string& scheme, std::vector<EndpointFile>& files);
+
+bool IsSocketFile(const std::string& path);
 
 std::string GetUserName(uid_t user);        // its number when it has none
 std::string GetProgramName(pid_t process);  // empty when it cannot be seen

@@ -32,6 +32,7 @@ const Directory kDirectories[] = {
     {"system", "/system", Directory::needed},
     {"zarn", "/system/zarn", Directory::madeOnDemand},
     {"ipc", "/system/zarn/ipc", Directory::madeOnDemand},
+    {"shmipc", "/system/zarn/shmipc", Directory::madeOnDemand},
     {"bin", "/bin", Directory::optional},
     {"libs", "/libs", Directory::optional},
     {"logs", "/logs", Directory::optional},

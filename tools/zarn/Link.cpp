@@ -2,11 +2,12 @@
 #include "Link.h"
 
 #include "IpcLink.h"
+#include "ShmLink.h"
 
 namespace zarn::tool {
 
 namespace {
-const Scheme* const kSchemes[] = {&kIpcScheme};
+const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme};
 }  // namespace
 
 const Scheme* FindScheme(std::string_view name) {

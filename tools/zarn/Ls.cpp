@@ -4,6 +4,7 @@
 #include <CLI/App.hpp>
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "CommandLine.h"
@@ -22,6 +23,13 @@ struct LsOptions {
 
 std::string OrDash(const std::string& text) { return text.empty() ? "-" : text; }
 
+std::string GetUrl(const EndpointFile& file) { return file.scheme + "://" + file.name; }
+
+// What stands for it in the table: its url, or the name of a file that is none.
+std::string GetLabel(const EndpointFile& file) {
+  return file.state == EndpointState::foreign ? Escape(file.name) : GetUrl(file);
+}
+
 void PrintObject(Output& output, const EndpointFile& file) {
   if (!output.IsJson()) return;
   const bool endpoint = file.state != EndpointState::foreign;
@@ -29,7 +37,7 @@ void PrintObject(Output& output, const EndpointFile& file) {
   Json::Value object;
   object["event"] = "endpoint";
   object["name"] = Escape(file.name);
-  object["url"] = endpoint ? Json::Value("ipc://" + file.name) : Json::Value();
+  object["url"] = endpoint ? Json::Value(GetUrl(file)) : Json::Value();
   object["path"] = Escape(file.path);
   object["state"] = ToText(file.state);
   object["pid"] = file.process != 0 ? Json::Value(file.process) : Json::Value();
@@ -38,18 +46,31 @@ void PrintObject(Output& output, const EndpointFile& file) {
   output.Object(object);
 }
 
-void PrintTable(Output& output, const std::string& directory,
-                const std::vector<EndpointFile>& files) {
-  if (files.empty()) return output.Text("no endpoints in '{}'", directory);
+void PrintTable(Output& output, const std::vector<EndpointFile>& files) {
+  if (files.empty()) {
+    return output.Text("no endpoints in '{}' and '{}'", GetEndpointDirectory("ipc"),
+                       GetEndpointDirectory("shm"));
+  }
   std::size_t width = 8;
-  for (const EndpointFile& file : files) width = std::max(width, Escape(file.name).size());
+  for (const EndpointFile& file : files) width = std::max(width, GetLabel(file).size());
   output.Text("{:<{}} {:<9} {:>8} {:<12} {}", "ENDPOINT", width, "STATE", "PID", "USER", "PROGRAM");
   for (const EndpointFile& file : files) {
     const std::string process = file.process == 0 ? "" : std::to_string(file.process);
-    output.Text("{:<{}} {:<9} {:>8} {:<12} {}", Escape(file.name), width, ToText(file.state),
+    output.Text("{:<{}} {:<9} {:>8} {:<12} {}", GetLabel(file), width, ToText(file.state),
                 OrDash(process), GetUserName(file.status.st_uid),
                 OrDash(Escape(GetProgramName(file.process))));
   }
+}
+
+int ListOne(const char* scheme, const LsOptions& options, std::vector<EndpointFile>& files) {
+  int error = ScanEndpoints(scheme, files);
+  if (error != 0 || !options.clean) return error;
+  error = RemoveStale(scheme, files);
+  for (const EndpointFile& file : files) {
+    if (file.state != EndpointState::stale || file.status.st_uid == ::geteuid()) continue;
+    Complain("'{}' was left: it belongs to {}", Escape(file.path), GetUserName(file.status.st_uid));
+  }
+  return error;
 }
 
 int RunLs(const LsOptions& options) {
@@ -58,24 +79,18 @@ int RunLs(const LsOptions& options) {
     return kFailed;
   }
   Output output(options.json);
-  const std::string directory = GetIpcDirectory();
   std::vector<EndpointFile> files;
-  int error = ScanEndpoints(directory, files);
   int code = kDone;
-  if (error == 0 && options.clean) {
-    error = RemoveStale(directory, files);
-    for (const EndpointFile& file : files) {
-      if (file.state != EndpointState::stale || file.status.st_uid == ::geteuid()) continue;
-      Complain("'{}' was left: it belongs to {}", Escape(file.path),
-               GetUserName(file.status.st_uid));
+  for (const char* scheme : {"ipc", "shm"}) {
+    std::vector<EndpointFile> found;
+    if (const int error = ListOne(scheme, options, found); error != 0) {
+      Complain("'{}': {}", GetEndpointDirectory(scheme), std::strerror(error));
+      code = kFailed;
     }
-  }
-  if (error != 0) {
-    Complain("'{}': {}", directory, std::strerror(error));
-    code = kFailed;
+    std::move(found.begin(), found.end(), std::back_inserter(files));
   }
   for (const EndpointFile& file : files) PrintObject(output, file);
-  if (code == kDone || !files.empty()) PrintTable(output, directory, files);
+  if (code == kDone || !files.empty()) PrintTable(output, files);
   return output.Flush() ? code : kFailed;
 }
 

@@ -34,9 +34,10 @@ std::string CheckRoot() {
   return {};
 }
 
-std::string GetIpcDirectory() {
+std::string GetEndpointDirectory(std::string_view scheme) {
   const std::string system = utils::GetZARNRootSystem();
-  return system.empty() ? system : system + "/zarn/ipc";
+  if (system.empty()) return system;
+  return system + (scheme == "shm" ? "/zarn/shmipc" : "/zarn/ipc");
 }
 
 }  // namespace zarn::tool

@@ -2,13 +2,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace zarn::tool {
 
 // In one line what is wrong with ZARN_ROOT and what to do about it; empty when nothing is.
 std::string CheckRoot();
 
-// Where the endpoint files are; need not exist. Empty without a good root.
-std::string GetIpcDirectory();
+// Where the endpoint files of a scheme ("ipc", "shm") are; need not exist. Empty without a good
+// root.
+std::string GetEndpointDirectory(std::string_view scheme);
 
 }  // namespace zarn::tool

@@ -11,6 +11,7 @@
 
 #include "fipc/CAWIPCManager.h"
 #include "fshmipc/CAWShmIPCAddr.h"
+#include "fshmipc/CAWShmIPCManager.h"
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWIPCAddr.h"
@@ -25,7 +26,8 @@ class CZARNShareMemory;
 // --- start and install root ---
 
 // Called once by each process, from its main thread. 0; 10001 when "ZARN_ROOT" is unset or empty,
-// or its directory "system" does not exist. May be called again after the environment has changed.
+// or its directory "system" does not exist. Tells the shared-memory manager where endpoints meet.
+// May be called again after the environment has changed.
 ZARNUTILS_API keelbase::AWResult ZARNLibInit();
 ZARNUTILS_API keelbase::AWResult ZARNLibUnInit();  // always 0; releases nothing
 
@@ -72,6 +74,12 @@ ZARNUTILS_API keelbase::CAWInetAddr GetLocalIPAddr(const keelbase::CAWInetAddr& 
 // is null.
 ZARNUTILS_API keelbase::AWResult CreateIPCClient(keelbase::CAWAutoPtr<fipc::IAWIPCConnector>& out);
 ZARNUTILS_API keelbase::AWResult CreateIPCServer(keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor>& out);
+
+// The same over shared memory, once ZARNLibInit has answered 0.
+ZARNUTILS_API keelbase::AWResult CreateShmIPCClient(
+    keelbase::CAWAutoPtr<fshmipc::IAWShmIPCConnector>& out);
+ZARNUTILS_API keelbase::AWResult CreateShmIPCServer(
+    keelbase::CAWAutoPtr<fshmipc::IAWShmIPCAcceptor>& out);
 
 // The address of the local IPC endpoint of a pair of numbers: the file "/zarn/ipc/<b>_<a>" below
 // the system directory, b first. Makes the directories. 0; 10001 (out unchanged) without a system

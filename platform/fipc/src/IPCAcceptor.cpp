@@ -1,13 +1,11 @@
 // IPCAcceptor.cpp - see IPCAcceptor.h.
 #include "IPCAcceptor.h"
 
-#include <cerrno>
-#include <chrono>
 #include <new>
 #include <utility>
 
+#include "ClientName.h"
 #include "IPCTransport.h"
-#include "PeerCheck.h"
 
 namespace fipc {
 
@@ -16,14 +14,21 @@ using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWIPCAddr;
+using keelbase::CAWPeerCredentials;
+using keelbase::internal::EndpointPath;
 
-namespace {
-constexpr std::chrono::milliseconds kLockPause{5};
-}  // namespace
+IPCAcceptor::IPCAcceptor(keelbase::internal::EventLoop& loop)
+    : LoopObject(loop),
+      listener_(
+          loop,
+          [this](FileDescriptor socket, const CAWPeerCredentials& credentials) {
+            OnAccepted(std::move(socket), credentials);
+          },
+          [this](int error) { OnFailed(error); }) {}
 
 AWResult IPCAcceptor::SetOption(int code, void* value) {
   if (code != AW_OPT_ALLOW_ANY_USER || value == nullptr) return AW_ERROR_FAILURE;
-  allowAnyUser_ = *static_cast<const bool*>(value);
+  listener_.AllowAnyUser(*static_cast<const bool*>(value));
   return AW_OK;
 }
 
@@ -32,59 +37,27 @@ AWResult IPCAcceptor::StartListen(IAWIPCAcceptorConnectorSink* sink, const CAWIP
   AWResult result = AW_ERROR_FAILURE;
   GetLoop().Call([&] {
     if (sink_ != nullptr) return;
-    sink_ = sink;
     address_ = addr;
-    result = static_cast<AWResult>(Start());
-    if (result != AW_OK) Stop();
+    result = static_cast<AWResult>(listener_.Start(address_.GetPath()));
+    if (result == AW_OK) sink_ = sink;
   });
   return result;
 }
 
 AWResult IPCAcceptor::StopListen() {
-  GetLoop().Call([this] { Stop(); });
+  GetLoop().Call([this] {
+    listener_.Stop();
+    sink_ = nullptr;
+  });
   return AW_OK;
 }
 
-void IPCAcceptor::Stop() {
-  retry_.Cancel();
-  file_.Remove();
-  listener_.reset();
-  sink_ = nullptr;
-}
-
-int IPCAcceptor::Start() {
-  const int error = Listen();
-  if (error != EWOULDBLOCK) return error;
-  retry_.Start(kLockPause, 0, [this] { Retry(); });
-  return 0;
-}
-
-int IPCAcceptor::Listen() {
-  try {
-    FileDescriptor listening;
-    if (const int error = file_.Listen(EndpointPath(address_.GetPath()), listening); error != 0)
-      return error;
-    listener_.emplace(GetLoop(), [this](FileDescriptor socket) { OnAccepted(std::move(socket)); });
-    return listener_->Start(std::move(listening));
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  }
-}
-
-void IPCAcceptor::Retry() {
-  const int error = Listen();
-  if (error == EWOULDBLOCK) return;
-  retry_.Cancel();
-  if (error == 0) return;
+void IPCAcceptor::OnFailed(int error) {
   const CAWAutoPtr<IPCAcceptor> alive(this);
-  IAWIPCAcceptorConnectorSink* sink = sink_;
-  Stop();
-  sink->OnIPCConnectIndication(error, nullptr, this);
+  std::exchange(sink_, nullptr)->OnIPCConnectIndication(error, nullptr, this);
 }
 
-void IPCAcceptor::OnAccepted(FileDescriptor socket) {
-  keelbase::CAWPeerCredentials credentials;
-  if (CheckPeer(socket.Get(), allowAnyUser_, credentials) != 0) return;
+void IPCAcceptor::OnAccepted(FileDescriptor socket, const CAWPeerCredentials& credentials) {
   const CAWAutoPtr<IPCAcceptor> alive(this);
   try {
     const CAWIPCAddr peer = PeerAddress(socket.Get());

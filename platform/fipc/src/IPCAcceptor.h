@@ -1,18 +1,17 @@
 // IPCAcceptor.h - listens at an endpoint file.
 #pragma once
 
-#include <optional>
-
-#include "EndpointFile.h"
 #include "fipc/CAWIPCManager.h"
+#include "keelbase/internal/EndpointListener.h"
 #include "keelbase/internal/LoopObject.h"
-#include "keelbase/internal/StreamListener.h"
 
 namespace fipc {
 
+using keelbase::internal::FileDescriptor;
+
 class IPCAcceptor final : public keelbase::internal::LoopObject<IAWIPCAcceptor> {
  public:
-  explicit IPCAcceptor(keelbase::internal::EventLoop& loop) : LoopObject(loop), retry_(loop) {}
+  explicit IPCAcceptor(keelbase::internal::EventLoop& loop);
   ~IPCAcceptor() override = default;
 
   keelbase::AWResult SetOption(int code, void* value) override;
@@ -22,19 +21,13 @@ class IPCAcceptor final : public keelbase::internal::LoopObject<IAWIPCAcceptor> 
 
  private:
   void OnLastReference() override { StopListen(); }
-  int Start();
-  int Listen();
-  void Retry();
-  void Stop();
-  void OnAccepted(FileDescriptor socket);
+  void OnAccepted(FileDescriptor socket, const keelbase::CAWPeerCredentials& credentials);
+  void OnFailed(int error);
   keelbase::CAWIPCAddr PeerAddress(int socket) const;
 
   IAWIPCAcceptorConnectorSink* sink_ = nullptr;  // null: not listening
   keelbase::CAWIPCAddr address_;
-  bool allowAnyUser_ = false;
-  EndpointFile file_;
-  std::optional<keelbase::internal::StreamListener> listener_;
-  keelbase::internal::Timer retry_;  // while another process holds the directory
+  keelbase::internal::EndpointListener listener_;
 };
 
 }  // namespace fipc

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "fipc/CAWIPCManager.h"
+#include "keelbase/internal/EndpointDialer.h"
 #include "keelbase/internal/LoopObject.h"
 
 namespace fipc {
 
 class IPCConnector final : public keelbase::internal::LoopObject<IAWIPCConnector> {
  public:
-  explicit IPCConnector(keelbase::internal::EventLoop& loop) : LoopObject(loop), timer_(loop) {}
+  explicit IPCConnector(keelbase::internal::EventLoop& loop) : LoopObject(loop), dialer_(loop) {}
   ~IPCConnector() override = default;
 
   keelbase::AWResult SetOption(int code, void* value) override;
@@ -18,16 +19,15 @@ class IPCConnector final : public keelbase::internal::LoopObject<IAWIPCConnector
   keelbase::AWResult CancelConnect() override;
 
  private:
-  void OnLastReference() override { timer_.Cancel(); }
-  void Try();
-  int Connect(keelbase::CAWAutoPtr<IAWIPCTransport>& out);
+  void OnLastReference() override { dialer_.Cancel(); }
+  int BindOwnName(int socket) const;
+  void OnDialled(int error, keelbase::internal::FileDescriptor socket,
+                 const keelbase::CAWPeerCredentials& credentials);
 
   IAWIPCAcceptorConnectorSink* sink_ = nullptr;  // null: no connect under way
   keelbase::CAWIPCAddr peer_;
   keelbase::CAWIPCAddr local_;
-  bool allowAnyUser_ = false;
-  int attempts_ = 0;
-  keelbase::internal::Timer timer_;
+  keelbase::internal::EndpointDialer dialer_;
 };
 
 }  // namespace fipc

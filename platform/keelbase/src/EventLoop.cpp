@@ -23,11 +23,14 @@ thread_local EventLoop* EventLoop::current_ = nullptr;
 
 namespace {
 
-// Of so many looks while spinning all but one ask only the connection that was last heard.
-constexpr unsigned kLooksAtRecent = 4;
+// Of so many looks while spinning all but one ask only those who are likely to speak next.
+constexpr unsigned kLooksAtLikely = 4;
 
 // While a connection always has input, every so many reads of it are followed by a whole turn.
 constexpr std::uint32_t kServedPerTurn = 16;
+
+// Whoever had nothing to do for so many looks is not asked any more, though the loop still spins.
+constexpr std::uint32_t kIdleLooks = 4096;
 
 constexpr std::chrono::microseconds kBriefWait(2);
 
@@ -95,6 +98,10 @@ AWResult EventLoop::Run() {
     if (worked && spin_.load(std::memory_order_relaxed) != 0) {
       worked = Spin();
       if (worked) continue;
+    } else if (worked && !pollers_.empty()) {
+      // Who has just brought work may bring more: another look is cheaper than being woken for it.
+      worked = Turn(0);
+      continue;
     }
     if (std::exchange(ranPosted_, false)) WaitBriefly();
     worked = PrepareSleep() ? Turn(SleepTime()) : Turn(0);
@@ -125,6 +132,7 @@ bool EventLoop::Turn(int timeoutMs) {
   try {
     const int count = ::epoll_wait(epoll_.Get(), batch_.data(), kBatch, timeoutMs);
     bool any = count > 0 && Dispatch(count);
+    any |= RunPollers();
     if (hasPosted_.load(std::memory_order_acquire)) any |= RunPosted();
     any |= RunTimers();
     FlushTurn();
@@ -149,16 +157,16 @@ bool EventLoop::Dispatch(int count) {
   return any;
 }
 
-bool EventLoop::ServeRecent() {
-  if (recent_ == nullptr) return false;
+// Asks those who are likely to have work and need no system call to say so, or a cheap one.
+bool EventLoop::ServeLikely() {
   try {
-    if (!recent_->OnSpin()) return false;
+    if (!RunPollers() && (recent_ == nullptr || !recent_->OnSpin())) return false;
     FlushTurn();
   } catch (...) {
     StopForException(name_);
   }
-  // However much comes from this one, the others have their turns.
-  if (++recentServed_ % kServedPerTurn == 0) Turn(0);
+  // However much comes from these, the others have their turns.
+  if (++likelyServed_ % kServedPerTurn == 0) Turn(0);
   return true;
 }
 
@@ -171,9 +179,9 @@ bool EventLoop::Spin() {
   auto now = start;
   unsigned looks = 0;
   do {
-    if (ServeRecent()) return true;
-    // Asking epoll costs more than asking the one connection that is likely to speak next.
-    const bool full = recent_ == nullptr || looks++ % kLooksAtRecent == 0;
+    if (ServeLikely()) return true;
+    // Asking epoll costs more than asking those who are likely to speak next.
+    const bool full = (recent_ == nullptr && pollers_.empty()) || looks++ % kLooksAtLikely == 0;
     if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;
     if (stop_.load(std::memory_order_acquire)) return false;
     if (now - start > microseconds(1)) {
@@ -203,6 +211,7 @@ int EventLoop::SleepTime() const {
 
 // From here on whoever posts must wake us. False when something has been posted already.
 bool EventLoop::PrepareSleep() {
+  if (!ArmPollers()) return false;
   const MutexLock lock(mutex_);
   sleeping_ = posted_.empty() && !stop_.load(std::memory_order_acquire);
   return sleeping_;
@@ -315,6 +324,47 @@ void EventLoop::Unwatch(int fd, Watcher& watcher) {
   }
 }
 
+// --- polling ---
+
+// A poller may start and stop others meanwhile, itself too.
+bool EventLoop::RunPollers() {
+  bool any = false;
+  for (std::size_t i = 0; i < pollers_.size() && !IsStopping(); ++i) {
+    Poller* const poller = pollers_[i].poller;
+    if (poller == nullptr) continue;
+    const bool worked = poller->Poll();
+    any |= worked;
+    if (pollers_[i].poller == nullptr) continue;
+    if (worked) {
+      pollers_[i].idleLooks = 0;
+    } else if (++pollers_[i].idleLooks > kIdleLooks && poller->Arm()) {
+      pollers_[i].poller = nullptr;
+    }
+  }
+  ForgetPollers();
+  return any;
+}
+
+// True when nobody is left who must be asked.
+bool EventLoop::ArmPollers() {
+  for (Polled& polled : pollers_) {
+    if (polled.poller != nullptr && polled.poller->Arm()) polled.poller = nullptr;
+  }
+  ForgetPollers();
+  return pollers_.empty();
+}
+
+void EventLoop::ForgetPollers() {
+  const auto gone = [](const Polled& polled) { return polled.poller == nullptr; };
+  pollers_.erase(std::remove_if(pollers_.begin(), pollers_.end(), gone), pollers_.end());
+}
+
+void EventLoop::StopPolling(Poller& poller) {
+  for (Polled& polled : pollers_) {
+    if (polled.poller == &poller) polled.poller = nullptr;
+  }
+}
+
 // --- turn's end ---
 
 void EventLoop::FlushTurn() {
@@ -347,7 +397,7 @@ void EventLoop::FinishLingers() {
     std::vector<pollfd> ready;
     auto wait = std::chrono::milliseconds::max();
     for (LingerTask* task : tasks) {
-      ready.push_back({task->LingerDescriptor(), POLLOUT, 0});
+      ready.push_back({task->LingerDescriptor(), static_cast<short>(task->LingerEvents()), 0});
       wait = std::min(wait,
                       std::chrono::ceil<std::chrono::milliseconds>(task->LingerDeadline() - now));
     }

@@ -1,8 +1,10 @@
 // CAWMessageBlock.h - chained byte buffers: what every send and every received event is made of.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <new>
+#include <vector>
 
 #include "keelbase/CAWDefines.h"
 #include "keelbase/CAWError.h"
@@ -122,6 +124,35 @@ class KEELBASE_API CAWMessageBlock {
 
    private:
     CAWMessageBlock& head_;
+  };
+
+  // Remembers the read pointers of a chain and puts them back at its own end: for a sender that
+  // must leave its caller's blocks as they were. The chain must have the same blocks by then.
+  // Throws std::bad_alloc for very long chains only.
+  class KeepUnread {
+   public:
+    explicit KeepUnread(CAWMessageBlock& chain) : chain_(chain) {
+      std::size_t count = 0;
+      for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->next_, ++count) {
+        if (count < first_.size()) {
+          first_[count] = block->read_;
+        } else {
+          more_.push_back(block->read_);
+        }
+      }
+    }
+    ~KeepUnread() {
+      std::size_t count = 0;
+      for (CAWMessageBlock* block = &chain_; block != nullptr; block = block->next_, ++count)
+        block->read_ = count < first_.size() ? first_[count] : more_[count - first_.size()];
+    }
+    KeepUnread(const KeepUnread&) = delete;
+    KeepUnread& operator=(const KeepUnread&) = delete;
+
+   private:
+    CAWMessageBlock& chain_;
+    std::array<char*, 8> first_;
+    std::vector<char*> more_;
   };
 
   // Blocks come from a per-thread pool.

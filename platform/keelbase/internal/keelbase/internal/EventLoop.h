@@ -39,6 +39,20 @@ class Watcher {
   ~Watcher() = default;
 };
 
+// Somebody whose input comes by memory: no descriptor shows it unless the other side was asked to
+// use one. All calls come on the loop's thread.
+class Poller {
+ public:
+  virtual bool Poll() = 0;  // looks for work and does it; true when there was some
+
+  // The loop is about to sleep. True: from here on a descriptor tells of work, and there was none
+  // before; polling has ended. False: there is work.
+  virtual bool Arm() = 0;
+
+ protected:
+  ~Poller() = default;
+};
+
 // Somebody who gathers during a turn. Called once at its end for each AtTurnEnd().
 class TurnEndTask {
  public:
@@ -52,6 +66,7 @@ class TurnEndTask {
 class LingerTask {
  public:
   virtual int LingerDescriptor() const = 0;
+  virtual std::uint32_t LingerEvents() const { return EPOLLOUT; }  // what it waits for
   virtual Clock::Point LingerDeadline() const = 0;
   virtual void WriteLingering() = 0;  // calls EndLinger when done
   virtual void AbandonLinger() = 0;   // calls EndLinger
@@ -97,6 +112,10 @@ class KEELBASE_API EventLoop {
   int Change(int fd, std::uint32_t events, Watcher& watcher);
   void Unwatch(int fd, Watcher& watcher);
 
+  // --- polling: loop thread ---
+  void StartPolling(Poller& poller) { pollers_.push_back({&poller, 0}); }  // not twice
+  void StopPolling(Poller& poller);
+
   void AtTurnEnd(TurnEndTask& task) { turnEnd_.push_back(&task); }
   void DropTurnEnd(TurnEndTask& task);
 
@@ -120,7 +139,10 @@ class KEELBASE_API EventLoop {
   bool IsStopping() const;
   void FlushTurn();
   bool Spin();
-  bool ServeRecent();
+  bool ServeLikely();
+  bool RunPollers();
+  bool ArmPollers();
+  void ForgetPollers();
   void WaitBriefly() const;
   int SleepTime() const;
   bool PrepareSleep();
@@ -151,7 +173,13 @@ class KEELBASE_API EventLoop {
   std::array<epoll_event, kBatch> batch_{};
   int batchEnd_ = 0;
   Watcher* recent_ = nullptr;  // the last one with input: looked at while the loop spins
-  std::uint32_t recentServed_ = 0;
+  std::uint32_t likelyServed_ = 0;
+
+  struct Polled {
+    Poller* poller;  // null: stopped within this turn
+    std::uint32_t idleLooks;
+  };
+  std::vector<Polled> pollers_;
 
   std::vector<TurnEndTask*> turnEnd_;
   std::vector<TurnEndTask*> flushing_;

@@ -1,0 +1,118 @@
+// shm_echo.cpp - the two ends of a message channel over shared memory, in one program.
+//
+//   ZARN_ROOT=/opt/zarn shm_echo serve 1 2          sends back what comes to 1_2, until its input
+//   ends ZARN_ROOT=/opt/zarn shm_echo ask 1 2 COUNT      so many round trips, one after the other
+//
+// The same code as over local IPC but for the names of the classes. The library's own network
+// thread runs the loop here; everything about channels happens on it, hence Call.
+#include <keelbase/CAWThreadManager.h>
+#include <zarn/utils/CShmZARNLibClientChannel.h>
+#include <zarn/utils/CShmZARNLibServerChannel.h>
+#include <zarn/utils/zarnutils.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <vector>
+
+namespace {
+
+class EchoServer : public fshmipc::IAWShmIPCAcceptorConnectorSink {
+ public:
+  keelbase::AWResult Listen(const fshmipc::CAWShmIPCAddr& endpoint) {
+    if (const auto result = zarn::utils::CreateShmIPCServer(acceptor_); result != 0) return result;
+    return acceptor_->StartListen(this, endpoint);
+  }
+
+  void OnShmIPCConnectIndication(long reason, fshmipc::IAWShmIPCTransport* transport,
+                                 fshmipc::IAWShmIPCAcceptorConnectorId*) override {
+    if (reason == 0) clients_.push_back(std::make_unique<Client>(transport));
+  }
+
+ private:
+  // Stays, closed, when its peer has gone: enough for an example.
+  class Client : public zarn::utils::CShmZARNLibServerChannel {
+   public:
+    using CShmZARNLibServerChannel::CShmZARNLibServerChannel;
+    void OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
+                       std::size_t size) override {
+      SendZARNMessage(type, tag, data, size);
+    }
+  };
+
+  keelbase::CAWAutoPtr<fshmipc::IAWShmIPCAcceptor> acceptor_;
+  std::vector<std::unique_ptr<Client>> clients_;
+};
+
+class Asker : public zarn::utils::CShmZARNLibClientChannel {
+ public:
+  explicit Asker(std::uint32_t count) : left_(count) {}
+
+  int OnConnected(long reason) override {
+    CShmZARNLibClientChannel::OnConnected(reason);  // keeps the state and the timer
+    Ask();
+    return 1;
+  }
+  void OnZARNMessage(std::uint16_t, std::uint32_t, const char*, std::size_t) override {
+    if (--left_ == 0)
+      done_.set_value();
+    else
+      Ask();
+  }
+  void WaitForAll() { done_.get_future().wait(); }
+
+ private:
+  void Ask() { SendZARNMessage(1, left_, "hello", 5); }
+  std::uint32_t left_;
+  std::promise<void> done_;
+};
+
+int Serve(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint) {
+  auto server = std::make_unique<EchoServer>();
+  const auto result = network.Call([&] { return server->Listen(endpoint); });
+  if (result != 0) {
+    std::fprintf(stderr, "shm_echo: cannot listen: %s\n", keelbase::DescribeResult(result).c_str());
+    return 1;
+  }
+  std::printf("listening\n");
+  std::fflush(stdout);
+  while (std::getchar() != EOF) {
+  }
+  network.Call([&] { server.reset(); });  // where it lives
+  return 0;
+}
+
+int Ask(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint, std::uint32_t count) {
+  auto asker = std::make_unique<Asker>(count);
+  const auto start = std::chrono::steady_clock::now();
+  network.Call([&] { return asker->Init(3, 4, endpoint.GetFirst(), endpoint.GetSecond()); });
+  asker->WaitForAll();
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  std::printf("%u answers in %.3f s\n", count, took.count());
+  network.Call([&] { asker.reset(); });  // where it lives
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool serve = argc == 4 && std::strcmp(argv[1], "serve") == 0;
+  const bool ask = argc == 5 && std::strcmp(argv[1], "ask") == 0 && std::atoi(argv[4]) > 0;
+  if (!serve && !ask) {
+    std::fprintf(stderr, "usage: shm_echo serve FIRST SECOND | shm_echo ask FIRST SECOND COUNT\n");
+    return 2;
+  }
+  if (zarn::utils::ZARNLibInit() != 0) {
+    std::fprintf(stderr, "shm_echo: ZARN_ROOT must name a directory that has a directory system\n");
+    return 1;
+  }
+  const fshmipc::CAWShmIPCAddr endpoint(static_cast<std::uint16_t>(std::atoi(argv[2])),
+                                        static_cast<std::uint16_t>(std::atoi(argv[3])));
+  keelbase::CAWThread* network =
+      keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  if (serve) return Serve(*network, endpoint);
+  return Ask(*network, endpoint, static_cast<std::uint32_t>(std::atoi(argv[4])));
+}

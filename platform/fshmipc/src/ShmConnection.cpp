@@ -1,0 +1,353 @@
+// ShmConnection.cpp - see ShmConnection.h.
+#include "ShmConnection.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <utility>
+
+namespace fshmipc {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_ERROR_NOT_INITIALIZED;
+using keelbase::AW_ERROR_PARTIAL_DATA;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWAutoPtr;
+using keelbase::CAWMessageBlock;
+using keelbase::internal::Clock;
+using keelbase::internal::Timer;
+
+namespace {
+
+// So much is shown to the reader before the turn's end: it can work while we go on.
+constexpr std::size_t kPublishSize = 16 * 1024;
+
+// The socket is watched edge by edge, so that a wake-up costs no read. Each time that we ask for
+// one a byte may come, needed or not; after so many they are read off, or a full socket would keep
+// out the one that counts.
+constexpr std::uint32_t kAsksPerDrain = 32;
+
+}  // namespace
+
+ShmConnection::ShmConnection(keelbase::internal::EventLoop& loop, FileDescriptor socket,
+                             ShmSegment segment, Side side)
+    : loop_(loop),
+      socket_(std::move(socket)),
+      segment_(std::move(segment)),
+      writer_(side == Side::connector ? segment_.ConnectorRing() : segment_.AcceptorRing()),
+      reader_(side == Side::connector ? segment_.AcceptorRing() : segment_.ConnectorRing()) {}
+
+// Letting go of an open connection closes it, and that may take a while.
+void ShmConnection::OnReferenceDestory() {
+  if (state_ == State::closed) {
+    delete this;
+    return;
+  }
+  const CAWAutoPtr<ShmConnection> alive(this);
+  Disconnect();
+}
+
+AWResult ShmConnection::Open(keelbase::internal::StreamSocketSink* sink) {
+  loop_.CheckCurrent("a transport's OpenWithSink");
+  if (sink == nullptr || state_ != State::fresh) return AW_ERROR_FAILURE;
+  if (loop_.Watch(socket_.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, *this) != 0)
+    return AW_ERROR_FAILURE;
+  watched_ = true;
+  sink_ = sink;
+  state_ = State::open;
+  KeepPolling();
+  return AW_OK;
+}
+
+// --- events ---
+
+void ShmConnection::OnReady(std::uint32_t events) {
+  const CAWAutoPtr<ShmConnection> alive(this);
+  if (state_ == State::lingering) return WriteLingering();
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+    ReadRest();
+  } else {
+    KeepPolling();  // in this very turn
+  }
+}
+
+// What was not seen yet goes too: to be followed by a look at the rings.
+void ShmConnection::DrainSocket() {
+  std::array<char, 4096> bytes;
+  const ssize_t count = ::recv(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (count < static_cast<ssize_t>(bytes.size())) asks_ = 0;
+}
+
+void ShmConnection::KeepPolling() {
+  if (std::exchange(polled_, true)) return;
+  reader_.Awake();
+  loop_.StartPolling(*this);
+}
+
+void ShmConnection::StopPolling() {
+  if (std::exchange(polled_, false)) loop_.StopPolling(*this);
+}
+
+bool ShmConnection::Poll() {
+  const bool input = reading_ && (reader_.Available() != 0 || reader_.IsBroken());
+  if (!input && !roomWanted_ && !writer_.IsBroken()) return false;
+  const CAWAutoPtr<ShmConnection> alive(this);
+  bool any = TellRoom();
+  if (state_ == State::open && reading_) any |= ReadOnce();
+  if (!writer_.IsBroken()) return any;
+  End(EPROTO);
+  return true;
+}
+
+bool ShmConnection::Arm() {
+  if (++asks_ > kAsksPerDrain) DrainSocket();
+  const bool work =
+      state_ == State::open && (writer_.IsBroken() || (roomWanted_ && !writer_.WaitForRoom()) ||
+                                (reading_ && !reader_.Sleep()));
+  if (!work) polled_ = false;
+  return !work;
+}
+
+// True when something was delivered, or the end was told.
+bool ShmConnection::ReadOnce() {
+  const std::size_t available = reader_.Available();
+  if (available == 0) {
+    if (!reader_.IsBroken()) return false;
+    End(EPROTO);
+    return true;
+  }
+  try {
+    CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
+    const std::size_t length = std::min(available, readSize_);
+    reader_.Read(block.GetWritePtr(), length);
+    block.AdvanceWritePtr(length);
+    if (reader_.ShallTellRoom(available - length)) WakePeer();
+    ++counters_.blocksReceived;
+    counters_.bytesReceived += length;
+    sink_->OnBytes(block);
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+  return true;
+}
+
+// The peer is gone: what it has left is delivered, also to an owner who had stopped reading, and
+// then the end. A ring at most, in case somebody goes on writing all the same.
+void ShmConnection::ReadRest() {
+  std::size_t left = reader_.Size();
+  while (state_ == State::open && left != 0) {
+    const std::uint64_t before = counters_.bytesReceived;
+    if (!ReadOnce()) break;
+    left -= std::min<std::size_t>(left, counters_.bytesReceived - before);
+  }
+  if (state_ != State::open) return;  // closed by its owner: the memory may be gone
+  End(reader_.HasEnded() ? 0 : ECONNRESET);
+}
+
+// What arrives is left in the ring, which fills up; the peer's end is still noticed.
+void ShmConnection::StopReading(bool stop) {
+  if (reading_ == !stop) return;
+  reading_ = !stop;
+  if (reading_ && state_ == State::open) KeepPolling();
+}
+
+bool ShmConnection::TellRoom() {
+  if (!roomWanted_ || state_ != State::open || !writer_.HasRoom()) return false;
+  roomWanted_ = false;
+  try {
+    sink_->OnRoom();
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+  return true;
+}
+
+void ShmConnection::End(long reason) {
+  if (state_ != State::open) return;
+  state_ = State::ended;
+  StopPolling();
+  if (std::exchange(watched_, false)) loop_.Unwatch(socket_.Get(), *this);
+  std::exchange(sink_, nullptr)->OnEnd(reason);
+}
+
+// --- sending ---
+
+AWResult ShmConnection::Send(CAWMessageBlock& chain) {
+  loop_.CheckCurrent("a transport's SendData");
+  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (state_ == State::ended || writer_.IsBroken()) return AW_ERROR_FAILURE;
+  const std::size_t written = Write(chain);
+  if (written != 0) {
+    ++counters_.blocksSent;
+    chain.AdvanceChainedReadPtr(written);
+  }
+  if (chain.GetChainedLength() == 0) return AW_OK;
+  if (writer_.Unpublished() != 0) Publish();
+  ++counters_.partialSends;
+  roomWanted_ = true;
+  if (state_ == State::open) KeepPolling();
+  return writer_.IsBroken() && written == 0 ? AW_ERROR_FAILURE : AW_ERROR_PARTIAL_DATA;
+}
+
+// Into the ring, as much as there is room for; shown to the reader at the turn's end, or when much
+// is together.
+std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
+  std::size_t written = 0;
+  for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->GetNext()) {
+    const std::size_t taken = writer_.Write(block->GetReadPtr(), block->GetLength());
+    written += taken;
+    if (taken != block->GetLength()) break;
+  }
+  counters_.bytesSent += written;
+  if (writer_.Unpublished() >= kPublishSize) {
+    Publish();
+  } else if (written != 0 && !dirty_) {
+    try {
+      loop_.AtTurnEnd(*this);
+      dirty_ = true;
+    } catch (const std::bad_alloc&) {
+      Publish();  // nobody would do it later
+    }
+  }
+  return written;
+}
+
+void ShmConnection::OnTurnEnd() {
+  dirty_ = false;
+  if (writer_.Unpublished() != 0) Publish();
+}
+
+void ShmConnection::Publish() {
+  if (writer_.Publish()) WakePeer();
+}
+
+// A full socket means that the peer has more wake-ups than it can need: it looks before it sleeps.
+void ShmConnection::WakePeer() {
+  ++counters_.systemCallsSent;
+  ::send(socket_.Get(), "", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+// --- closing ---
+
+void ShmConnection::Disconnect() {
+  loop_.CheckCurrent("a transport's Disconnect");
+  if (state_ == State::lingering || state_ == State::closed) return;
+  const CAWAutoPtr<ShmConnection> alive(this);
+  const bool gone = state_ == State::ended;
+  sink_ = nullptr;
+  StopPolling();
+  state_ = State::lingering;
+  DrainSocket();
+  if (gone || WriteLingerData() || lingerMs_ == 0) return CloseNow();
+  BeginLinger();
+}
+
+void ShmConnection::BeginLinger() {
+  self_ = this;
+  lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
+  loop_.BeginLinger(*this);
+  try {
+    lingerTimer_ = std::make_unique<Timer>(loop_);
+    lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
+  } catch (const std::bad_alloc&) {
+    return CloseNow();
+  }
+  if (!watched_) {  // nobody had opened it
+    watched_ = loop_.Watch(socket_.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, *this) == 0;
+  }
+  if (!watched_) CloseNow();
+}
+
+AWResult ShmConnection::AddLingerData(const CAWMessageBlock& chain) {
+  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  CAWMessageBlock* copy = nullptr;
+  try {
+    copy = chain.DuplicateChained();
+  } catch (const std::bad_alloc&) {
+    return AW_ERROR_FAILURE;
+  }
+  if (lingerData_ == nullptr) {
+    lingerData_ = copy;
+  } else {
+    lingerData_->Append(copy);
+  }
+  return AW_OK;
+}
+
+// True when nothing is left to write, or nobody will ever take it.
+bool ShmConnection::WriteLingerData() {
+  while (lingerData_ != nullptr) {
+    lingerData_->AdvanceChainedReadPtr(Write(*lingerData_));
+    lingerData_ = lingerData_->ReclaimGarbage();
+    if (writer_.Unpublished() != 0) Publish();
+    if (lingerData_ == nullptr || writer_.IsBroken()) break;
+    if (writer_.WaitForRoom()) return false;
+  }
+  return true;
+}
+
+void ShmConnection::WriteLingering() {
+  const CAWAutoPtr<ShmConnection> alive(this);
+  DrainSocket();
+  char byte;
+  const ssize_t seen = ::recv(socket_.Get(), &byte, 1, MSG_DONTWAIT | MSG_PEEK);
+  const bool gone = seen == 0 || (seen < 0 && errno != EAGAIN && errno != EINTR);
+  if (gone || WriteLingerData()) CloseNow();
+}
+
+// The peer reads what is in the ring, which lives as long as one of us maps it.
+void ShmConnection::Leave() {
+  writer_.End();
+  Publish();
+}
+
+void ShmConnection::CloseNow() {
+  if (state_ == State::closed) return;
+  state_ = State::closed;
+  sink_ = nullptr;
+  StopPolling();
+  if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
+  if (std::exchange(watched_, false)) loop_.Unwatch(socket_.Get(), *this);
+  Leave();
+  socket_.Reset();
+  segment_.Unmap();
+  if (lingerData_ != nullptr) std::exchange(lingerData_, nullptr)->DestroyChained();
+  lingerTimer_.reset();
+  if (self_) loop_.EndLinger(*this);
+  const CAWAutoPtr<ShmConnection> last(std::move(self_));
+}
+
+// --- options ---
+
+AWResult ShmConnection::GetOption(int code, void* value) const {
+  if (value == nullptr || code != keelbase::AW_OPT_COUNTERS) return AW_ERROR_FAILURE;
+  *static_cast<keelbase::CAWTransportCounters*>(value) = counters_;
+  return AW_OK;
+}
+
+AWResult ShmConnection::SetOption(int code, const void* value) {
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  switch (code) {
+    case keelbase::AW_OPT_STOP_READING:
+      StopReading(*static_cast<const bool*>(value));
+      return AW_OK;
+    case keelbase::AW_OPT_READ_SIZE:
+      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1,
+                                          keelbase::internal::kReadSize);
+      return AW_OK;
+    case keelbase::AW_OPT_LINGER:
+      lingerMs_ = *static_cast<const std::uint32_t*>(value);
+      return AW_OK;
+    case keelbase::AW_OPT_LINGER_DATA:
+      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
+    default:
+      return AW_ERROR_FAILURE;
+  }
+}
+
+}  // namespace fshmipc

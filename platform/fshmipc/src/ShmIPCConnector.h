@@ -1,0 +1,51 @@
+// ShmIPCConnector.h - connects to an endpoint, makes the shared memory and offers it.
+#pragma once
+
+#include "ShmSegment.h"
+#include "SystemPath.h"
+#include "fshmipc/CAWShmIPCManager.h"
+#include "keelbase/internal/EndpointDialer.h"
+#include "keelbase/internal/LoopObject.h"
+
+namespace fshmipc {
+
+class ShmIPCConnector final : public keelbase::internal::LoopObject<IAWShmIPCConnector>,
+                              private keelbase::internal::Watcher {
+ public:
+  ShmIPCConnector(keelbase::internal::EventLoop& loop, const SystemPath& systemPath)
+      : LoopObject(loop), systemPath_(systemPath), dialer_(loop), timeLimit_(loop) {}
+  ~ShmIPCConnector() override { Stop(); }
+
+  keelbase::AWResult SetOption(int code, void* value) override;
+  keelbase::AWResult AsyncConnect(IAWShmIPCAcceptorConnectorSink* sink, const CAWShmIPCAddr& peer,
+                                  std::uint32_t parameter, const CAWShmIPCAddr* local) override;
+  keelbase::AWResult CancelConnect() override;
+
+ private:
+  // On any thread, and waits for nobody; the rest is undone when the loop destroys us.
+  void OnLastReference() override {
+    dialer_.Cancel();
+    timeLimit_.Cancel();
+  }
+  void OnDialled(int error, FileDescriptor socket, const keelbase::CAWPeerCredentials& credentials);
+  int Greet();
+  void OnReady(std::uint32_t events) override;
+  void Finish(int error);
+  void Stop();
+
+  const SystemPath& systemPath_;
+  IAWShmIPCAcceptorConnectorSink* sink_ = nullptr;  // null: no connect under way
+  CAWShmIPCAddr peer_;
+  CAWShmIPCAddr local_;
+  std::uint32_t ringSize_ = kDefaultRingSize;
+  keelbase::internal::EndpointDialer dialer_;
+
+  // Between the greeting and its answer.
+  FileDescriptor socket_;
+  bool watched_ = false;
+  ShmSegment segment_;
+  keelbase::CAWPeerCredentials credentials_;
+  keelbase::internal::Timer timeLimit_;
+};
+
+}  // namespace fshmipc

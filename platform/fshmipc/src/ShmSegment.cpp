@@ -1,0 +1,110 @@
+// ShmSegment.cpp - see ShmSegment.h.
+#include "ShmSegment.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+
+#include <bit>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+namespace fshmipc {
+
+namespace {
+
+constexpr std::size_t kControlSize = 4096;
+static_assert(2 * sizeof(RingControl) <= kControlSize);
+
+constexpr std::uint32_t kLeastRing = 64 * 1024;
+constexpr std::uint32_t kMostRing = 256 * 1024 * 1024;
+
+// Neither smaller, so that the mapping stays whole, nor larger, nor otherwise.
+constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+
+std::size_t SizeFor(std::size_t ringSize) { return kControlSize + 2 * ringSize; }
+
+// Past the process's limit on file sizes the kernel answers with a signal that ends the process.
+bool IsAboveLimit(std::size_t size) {
+  rlimit limit{};
+  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur;
+}
+
+int Reserve(int file, std::size_t size) {
+  int result;
+  do {
+    result = ::fallocate(file, 0, 0, static_cast<off_t>(size));
+  } while (result != 0 && errno == EINTR);
+  return result == 0 ? 0 : errno;
+}
+
+// Ordinary memory, of the right size, that nobody can take away under us. Huge pages are refused:
+// they can run out at a touch.
+bool IsSealedMemory(int file, std::size_t size) {
+  struct stat status {};
+  struct statfs system {};
+  const int seals = ::fcntl(file, F_GET_SEALS);
+  return seals >= 0 && (seals & kSeals) == kSeals && ::fstat(file, &status) == 0 &&
+         S_ISREG(status.st_mode) && static_cast<std::size_t>(status.st_size) == size &&
+         ::fstatfs(file, &system) == 0 && system.f_type == TMPFS_MAGIC;
+}
+
+}  // namespace
+
+bool IsRingSize(std::uint32_t size) {
+  return size >= kLeastRing && size <= kMostRing && std::has_single_bit(size);
+}
+
+ShmSegment::ShmSegment(ShmSegment&& other) noexcept
+    : memory_(std::exchange(other.memory_, nullptr)), ringSize_(other.ringSize_) {}
+
+ShmSegment& ShmSegment::operator=(ShmSegment&& other) noexcept {
+  std::swap(memory_, other.memory_);
+  std::swap(ringSize_, other.ringSize_);
+  return *this;
+}
+
+int ShmSegment::Create(std::uint32_t ringSize, FileDescriptor& file) {
+  const std::size_t size = SizeFor(ringSize);
+  if (IsAboveLimit(size)) return EFBIG;
+  FileDescriptor made(::memfd_create("zarn-shmipc", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+  if (!made) return errno;
+  if (::ftruncate(made.Get(), static_cast<off_t>(size)) != 0) return errno;
+  if (const int error = Reserve(made.Get(), size); error != 0) return error;
+  if (::fcntl(made.Get(), F_ADD_SEALS, kSeals) != 0) return errno;
+  if (const int error = Map(made, ringSize); error != 0) return error;
+  file = std::move(made);
+  return 0;
+}
+
+int ShmSegment::Attach(const FileDescriptor& file, std::uint32_t ringSize) {
+  if (!IsRingSize(ringSize) || !IsSealedMemory(file.Get(), SizeFor(ringSize))) return EPROTO;
+  // What the peer has left out is taken from memory now, not when it is touched.
+  if (const int error = Reserve(file.Get(), SizeFor(ringSize)); error != 0) return error;
+  return Map(file, ringSize);
+}
+
+int ShmSegment::Map(const FileDescriptor& file, std::uint32_t ringSize) {
+  void* memory =
+      ::mmap(nullptr, SizeFor(ringSize), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
+  if (memory == MAP_FAILED) return errno;
+  Unmap();
+  memory_ = static_cast<char*>(memory);
+  ringSize_ = ringSize;
+  return 0;
+}
+
+void ShmSegment::Unmap() {
+  if (memory_ != nullptr) ::munmap(std::exchange(memory_, nullptr), SizeFor(ringSize_));
+}
+
+Ring ShmSegment::RingAt(std::size_t index) const {
+  auto* controls = std::launder(reinterpret_cast<RingControl*>(memory_));
+  return {controls + index, memory_ + kControlSize + index * ringSize_, ringSize_};
+}
+
+}  // namespace fshmipc

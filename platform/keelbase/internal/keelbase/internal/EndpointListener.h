@@ -1,0 +1,48 @@
+// EndpointListener.h - listens at an endpoint file for the peers that may come.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "keelbase/CAWTransport.h"
+#include "keelbase/internal/EndpointFile.h"
+#include "keelbase/internal/StreamListener.h"
+
+namespace keelbase::internal {
+
+// Loop thread only.
+class KEELBASE_API EndpointListener {
+ public:
+  // A connection of our own user or root (of anybody, where that is allowed). May stop or destroy
+  // the listener.
+  using OnAccepted = std::function<void(FileDescriptor, const CAWPeerCredentials&)>;
+  // Start answered 0 because another process was just setting up an endpoint in that directory, and
+  // then it failed; the listener has stopped. May destroy it.
+  using OnFailed = std::function<void(int error)>;
+
+  EndpointListener(EventLoop& loop, OnAccepted accepted, OnFailed failed);
+  EndpointListener(const EndpointListener&) = delete;
+  EndpointListener& operator=(const EndpointListener&) = delete;
+
+  void AllowAnyUser(bool allow) { allowAnyUser_ = allow; }
+
+  // 0: listening, or waiting for the directory. Else an errno value, and it has stopped.
+  int Start(const std::string& path);
+  void Stop();
+
+ private:
+  int Listen();
+  void Retry();
+
+  EventLoop& loop_;
+  const OnAccepted accepted_;
+  const OnFailed failed_;
+  bool allowAnyUser_ = false;
+  std::string path_;
+  EndpointFile file_;
+  std::optional<StreamListener> listener_;
+  Timer retry_;  // while another process holds the directory
+};
+
+}  // namespace keelbase::internal

@@ -1,0 +1,85 @@
+// EndpointFile.cpp - see EndpointFile.h.
+#include "keelbase/internal/EndpointFile.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+namespace keelbase::internal {
+
+namespace {
+
+// Opens and locks the directory. Nobody but us (and root) may write to it: whoever may could put
+// his own endpoint in our place.
+int LockDirectory(const std::string& path, FileDescriptor& directory) {
+  directory.Reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) return errno;
+  struct stat status {};
+  if (::fstat(directory.Get(), &status) != 0) return errno;
+  const bool ours = status.st_uid == ::geteuid() || status.st_uid == 0;
+  if (!ours || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) return EPERM;
+  return ::flock(directory.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
+}
+
+// Asks with a socket of another type: a bound socket answers that the type is wrong, and its owner
+// notices nothing.
+bool IsServed(const EndpointAddress& address) {
+  const FileDescriptor probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!probe) return true;  // cannot tell, so leave it alone
+  if (::connect(probe.Get(), address.Get(), address.Size()) == 0) return true;
+  return errno != ECONNREFUSED;
+}
+
+// Removes what a listener of ours left behind when it died; everything else is in somebody's use.
+int RemoveStale(int directory, const std::string& name, const EndpointAddress& address) {
+  struct stat status {};
+  if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    return errno == ENOENT ? 0 : errno;
+  if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid() || IsServed(address))
+    return EADDRINUSE;
+  return ::unlinkat(directory, name.c_str(), 0) == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
+  EndpointAddress address;
+  if (const int error = address.Resolve(path); error != 0) return error;
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket) return errno;
+  FileDescriptor directory;
+  if (const int error = LockDirectory(path.directory, directory); error != 0) return error;
+  if (const int error = RemoveStale(directory.Get(), path.name, address); error != 0) return error;
+  // The file takes its mode from the socket, so nobody else can connect even for a moment.
+  if (::fchmod(socket.Get(), S_IRUSR | S_IWUSR) != 0) return errno;
+  if (::bind(socket.Get(), address.Get(), address.Size()) != 0) return errno;
+  struct stat status {};
+  if (::fstatat(directory.Get(), path.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    return errno;
+  path_ = path.directory + "/" + path.name;
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
+  if (::listen(socket.Get(), SOMAXCONN) != 0) {
+    const int error = errno;
+    ::unlinkat(directory.Get(), path.name.c_str(), 0);
+    path_.clear();
+    return error;
+  }
+  listening = std::move(socket);
+  return 0;
+}
+
+// Nobody replaces the file of a live listener, so it is removed while ours still listens.
+void EndpointFile::Remove() {
+  if (path_.empty()) return;
+  struct stat status {};
+  if (::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_)
+    ::unlink(path_.c_str());
+  path_.clear();
+}
+
+}  // namespace keelbase::internal

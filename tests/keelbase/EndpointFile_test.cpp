@@ -1,0 +1,57 @@
+// EndpointFile_test.cpp - the file of a listening socket by itself.
+#include "keelbase/internal/EndpointFile.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "TempRoot.h"
+
+namespace keelbase::internal {
+namespace {
+
+using zarn::test::TempDir;
+
+TEST(EndpointFile, LivesAsLongAsItsOwner) {
+  const TempDir dir;
+  const std::string path = dir.GetPath() + "/1_2";
+  {
+    EndpointFile file;
+    FileDescriptor listening;
+    EXPECT_EQ(file.Listen(EndpointPath(path), listening), 0);
+    EXPECT_TRUE(static_cast<bool>(listening));
+    EXPECT_TRUE(std::filesystem::is_socket(path));
+  }
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(EndpointFile, RemovesWhatItMadeOnly) {
+  const TempDir dir;
+  const std::string path = dir.GetPath() + "/1_2";
+  auto first = std::make_unique<EndpointFile>();
+  FileDescriptor listening;
+  ASSERT_EQ(first->Listen(EndpointPath(path), listening), 0);
+  std::filesystem::remove(path);
+  EndpointFile second;
+  FileDescriptor other;
+  ASSERT_EQ(second.Listen(EndpointPath(path), other), 0);
+  first.reset();
+  EXPECT_TRUE(std::filesystem::is_socket(path));
+  second.Remove();
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(EndpointFile, FailureChangesNothing) {
+  const TempDir dir;
+  EndpointFile file;
+  FileDescriptor listening;
+  EXPECT_EQ(file.Listen(EndpointPath(dir.GetPath() + "/no/1_2"), listening), ENOENT);
+  EXPECT_FALSE(static_cast<bool>(listening));
+  EXPECT_EQ(file.Listen(EndpointPath(""), listening), EINVAL);
+}
+
+}  // namespace
+}  // namespace keelbase::internal
