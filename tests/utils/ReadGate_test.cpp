@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "keelbase/CAWError.h"
 #include "keelbase/CAWTransport.h"
 
 namespace zarn::utils::detail {
