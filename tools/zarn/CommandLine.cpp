@@ -33,6 +33,10 @@ int RunCommandLine(int argc, char** argv) {
   AddBench(app, action);
   AddLs(app, action);
   AddEnv(app, action);
+  AddLog(app, action);
+  AddDb(app, action);
+  AddKv(app, action);
+  AddShm(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
