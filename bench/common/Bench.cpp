@@ -139,7 +139,11 @@ Stamp GetStamp(const char* message) {
   return stamp;
 }
 
-void Sending::Start() { beginAt_ = Now() + seconds_ / 5; }
+void Sending::Start() {
+  const double now = Now();
+  meter_.measured.connectSeconds = now - createdAt_;
+  beginAt_ = now + seconds_ / 5;
+}
 
 Kind Sending::Look(std::uint64_t messages) {
   messages_ += messages;
@@ -220,7 +224,7 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--count]\n",
+               "       [--clients N] [--active N] [--tcp] [--count]\n",
                program);
   std::exit(2);
 }
@@ -239,6 +243,10 @@ Arguments Parse(int argc, char** argv) {
     const std::string name = argv[i];
     if (name == "--count") {
       options.count = true;
+      continue;
+    }
+    if (name == "--tcp") {
+      options.tcp = true;
       continue;
     }
     if (++i == argc) Usage(argv[0]);
@@ -334,8 +342,9 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     std::printf(", \"clients\": %u, \"active\": %u, \"rate\": %.0f", options.clients,
                 options.active, static_cast<double>(received.messages) / received.seconds);
     if (received.idleBytes != 0)
-      std::printf(", \"bytes_per_connection\": %llu",
-                  static_cast<unsigned long long>(received.idleBytes));
+      std::printf(", \"bytes_per_connection\": %llu, \"connect_seconds\": %.3f",
+                  static_cast<unsigned long long>(received.idleBytes),
+                  sending.GetMeasured().connectSeconds);
     PrintSide("sender", sending.GetMeasured(), options.count);
     PrintSide("receiver", received, options.count);
   } else {
