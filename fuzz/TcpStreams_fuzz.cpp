@@ -172,7 +172,8 @@ class Run {
           Check(stream_.SendBytes(input_.ConsumeRandomLengthString(5000)) == !stream_.IsClose());
           break;
         case 1:
-          fake_->AnswerNext(keelbase::AW_ERROR_PARTIAL_DATA, input_.ConsumeIntegral<std::uint8_t>());
+          fake_->AnswerNext(keelbase::AW_ERROR_PARTIAL_DATA,
+                            input_.ConsumeIntegral<std::uint8_t>());
           break;
         case 2:
           fake_->ReadyToSend();
