@@ -238,7 +238,7 @@ namespace {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
                "       [--clients N] [--active N] [--tcp] [--count] [--read]
-",
+               ",
                program);
   std::exit(2);
 }
