@@ -18,7 +18,9 @@ using keelbase::internal::StreamSocket;
 
 TcpTransport::TcpTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket,
                            const CAWInetAddr& local, const CAWInetAddr& peer)
-    : EngineTransport(loop, new StreamSocket(loop, std::move(socket))), local_(local), peer_(peer) {}
+    : EngineTransport(loop, new StreamSocket(loop, std::move(socket))),
+      local_(local),
+      peer_(peer) {}
 
 AWResult TcpTransport::GetOption(int code, void* value) {
   if (value == nullptr) return AW_ERROR_FAILURE;

@@ -7,9 +7,8 @@
 namespace wface {
 
 class TcpTransport final
-    : public keelbase::internal::EngineTransport<IAWTransport, IAWTransportSink,
-                                                 CAWTransportParameter,
-                                                 keelbase::internal::StreamSocket> {
+    : public keelbase::internal::EngineTransport<
+          IAWTransport, IAWTransportSink, CAWTransportParameter, keelbase::internal::StreamSocket> {
  public:
   TcpTransport(keelbase::internal::EventLoop& loop, keelbase::internal::FileDescriptor socket,
                const keelbase::CAWInetAddr& local, const keelbase::CAWInetAddr& peer);

@@ -80,8 +80,7 @@ class WFACE_API CAWConnectionManager {
   static CAWConnectionManager* Instance();
 
   // `kind` is 1, plain TCP; any other is refused with 10001. On failure out is null.
-  virtual keelbase::AWResult CreateConnector(int kind,
-                                             keelbase::CAWAutoPtr<IAWConnector>& out) = 0;
+  virtual keelbase::AWResult CreateConnector(int kind, keelbase::CAWAutoPtr<IAWConnector>& out) = 0;
   virtual keelbase::AWResult CreateAcceptor(int kind, keelbase::CAWAutoPtr<IAWAcceptor>& out) = 0;
 
   // Puts another manager in place, not owned; null restores the real one.
