@@ -7,6 +7,7 @@
 #include <openssl/x509v3.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -128,7 +129,9 @@ class TlsAuthority {
   static std::string KeyToPem(EVP_PKEY* key, const char* password = nullptr) {
     return ToPem([&](BIO* bio) {
       return PEM_write_bio_PKCS8PrivateKey(bio, key, password ? EVP_aes_256_cbc() : nullptr,
-                                           password, password ? -1 : 0, nullptr, nullptr);
+                                           password,
+                                           password ? static_cast<int>(std::strlen(password)) : 0,
+                                           nullptr, nullptr);
     });
   }
 
