@@ -3,6 +3,7 @@
 #include <boost/asio/ssl.hpp>
 
 #include "common/AsioPeer.h"
+#include "common/TcpPort.h"
 #include "common/TlsSide.h"
 
 namespace {
@@ -23,7 +24,7 @@ struct OverTls {
     files.Make();
     static ssl::context settings(bench::MakeServerContext(files, false).release());
     tcp::acceptor acceptor(context, Loopback(0));
-    files.WritePort(acceptor.local_endpoint().port());
+    bench::WritePort(options.dir, acceptor.local_endpoint().port());
     control.SendReady();
     Stream stream(acceptor.accept(), settings);
     stream.next_layer().set_option(tcp::no_delay(true));
@@ -35,7 +36,7 @@ struct OverTls {
     static ssl::context settings(bench::MakeClientContext(files).release());
     Stream stream(context, settings);
     stream.set_verify_callback(ssl::host_name_verification("127.0.0.1"));
-    stream.next_layer().connect(Loopback(files.ReadPort()));
+    stream.next_layer().connect(Loopback(bench::ReadPort(options.dir)));
     stream.next_layer().set_option(tcp::no_delay(true));
     stream.handshake(Stream::client);
     return stream;

@@ -3,6 +3,7 @@
 // Messages are gathered in a buffer of 64 KiB, which is written when it is full. OpenSSL reads by
 // as much.
 #include "common/Frame.h"
+#include "common/TcpPort.h"
 #include "common/TcpSocket.h"
 #include "common/TlsSide.h"
 
@@ -17,7 +18,7 @@ class Connection {
     files.Make();
     std::uint16_t port = 0;
     const int listener = ListenTcp(port);
-    files.WritePort(port);
+    WritePort(options.dir, port);
     control.SendReady();
     Connection connection(MakeServerContext(files, false), AcceptTcp(listener));
     ::close(listener);
@@ -26,7 +27,7 @@ class Connection {
   }
   static Connection Connect(const Options& options) {
     const TlsFiles files(options.dir);
-    Connection connection(MakeClientContext(files), ConnectTcp(files.ReadPort()));
+    Connection connection(MakeClientContext(files), ConnectTcp(ReadPort(options.dir)));
     X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(connection.ssl_.get()), "127.0.0.1");
     if (SSL_connect(connection.ssl_.get()) != 1) FailSsl("connect");
     return connection;

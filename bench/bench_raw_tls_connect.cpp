@@ -1,6 +1,7 @@
 // bench_raw_tls_connect.cpp - connections with OpenSSL itself: each round trip has one of its own,
 // with a handshake in full, or with --resume one that goes on with an earlier session.
 #include "common/Frame.h"
+#include "common/TcpPort.h"
 #include "common/TcpSocket.h"
 #include "common/TlsSide.h"
 
@@ -32,7 +33,7 @@ void Echo(const Options& options, const Control& control) {
   const SslContext context = MakeServerContext(files, true);
   std::uint16_t port = 0;
   const int listener = ListenTcp(port);
-  files.WritePort(port);
+  WritePort(options.dir, port);
   control.SendReady();
   std::vector<char> message(options.size);
   for (bool last = false; !last;) {
@@ -66,7 +67,7 @@ void Ask(const Options& options, const Control&, RoundTrips& trips) {
                                    SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
     SSL_CTX_sess_set_new_cb(context.get(), KeepSession);
   }
-  const std::uint16_t port = files.ReadPort();
+  const std::uint16_t port = ReadPort(options.dir);
   std::vector<char> answer(options.size);
   for (bool first = true; trips.Next(); first = false) {
     const int fd = ConnectTcp(port);

@@ -4,6 +4,7 @@
 #include <list>
 
 #include "common/ChannelBench.h"
+#include "common/TcpPort.h"
 #include "common/TlsSide.h"
 #include "sslutils/CAWSSLManager.h"
 #include "zarn/utils/CZARNSSLTCPSessionBase.h"
@@ -31,7 +32,7 @@ class Server final : public sslutils::IAWSSLConnectionSink {
     Check(acceptor_->SetPrivateKey(files.key), "key");
     Check(acceptor_->SetCertificate(files.certificate), "certificate");
     Check(acceptor_->StartListen(this, CAWInetAddr("127.0.0.1", 0), 128), "listen");
-    files.WritePort(acceptor_->GetLocalAddr().GetPort());
+    WritePort(options.dir, acceptor_->GetLocalAddr().GetPort());
   }
 
  private:
@@ -72,7 +73,7 @@ class Client final : public Session {
       : options_(options), trips_(trips), loop_(loop) {
     const TlsFiles files(options.dir);
     Check(IAWSSLManager::Instance()->SetTrustedCertificates(files.authority), "authority");
-    server_ = CAWInetAddr("127.0.0.1", files.ReadPort());
+    server_ = CAWInetAddr("127.0.0.1", ReadPort(options.dir));
   }
 
   // A session goes on for its own name only.

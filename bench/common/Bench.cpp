@@ -224,7 +224,7 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--resume] [--count]\n",
+               "       [--clients N] [--active N] [--tcp] [--resume] [--count]\n",
                program);
   std::exit(2);
 }
@@ -243,6 +243,10 @@ Arguments Parse(int argc, char** argv) {
     const std::string name = argv[i];
     if (name == "--count") {
       options.count = true;
+      continue;
+    }
+    if (name == "--tcp") {
+      options.tcp = true;
       continue;
     }
     if (name == "--resume") {

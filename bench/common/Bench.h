@@ -20,6 +20,7 @@ struct Options {
   unsigned spinUs = 0;    // how long a side that has nothing to do looks again before it sleeps
   unsigned clients = 1;   // connections
   unsigned active = 1;    // of these, those that send
+  bool tcp = false;       // for the peers that have the choice: TCP instead of a Unix socket
   bool resume = false;    // connections go on with what earlier ones have agreed on
   bool count = false;     // allocations and system calls too
   std::string dir;        // of this run, for sockets
@@ -200,7 +201,7 @@ struct Peer {
 };
 
 // usage: PROGRAM oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS] [--clients N]
-//                                [--active N] [--resume] [--count]
+//                                [--active N] [--tcp] [--resume] [--count]
 // Prints one JSON object.
 int Main(int argc, char** argv, const Peer& peer);
 

@@ -1,11 +1,10 @@
 // TlsSide.h - what the programs that measure TLS share: certificates, made by the receiving side of
-// each run, its port, and contexts of OpenSSL for those that use it directly.
+// each run, and contexts of OpenSSL for those that use it directly.
 #pragma once
 
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
-#include <cstdint>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -20,8 +19,7 @@ struct TlsFiles {
   explicit TlsFiles(const std::string& dir)
       : key(dir + "/key.pem"),
         certificate(dir + "/certificate.pem"),
-        authority(dir + "/authority.pem"),
-        port(dir + "/port") {}
+        authority(dir + "/authority.pem") {}
 
   // For 127.0.0.1 and all names that end in ".bench.example".
   void Make() const {
@@ -33,17 +31,10 @@ struct TlsFiles {
     std::ofstream(certificate) << own.certificate;
     std::ofstream(authority) << made.GetPem();
   }
-  void WritePort(std::uint16_t number) const { std::ofstream(port) << number; }
-  std::uint16_t ReadPort() const {
-    std::uint16_t number = 0;
-    if (!(std::ifstream(port) >> number)) Fail("no port");
-    return number;
-  }
 
   std::string key;
   std::string certificate;
   std::string authority;
-  std::string port;
 };
 
 struct SslFree {
