@@ -237,8 +237,7 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--tcp] [--count] [--read]
-               ",
+               "       [--clients N] [--active N] [--tcp] [--resume] [--count] [--read]\n",
                program);
   std::exit(2);
 }
@@ -255,8 +254,10 @@ Arguments Parse(int argc, char** argv) {
   options.mode = argv[1];
   for (int i = 2; i < argc; ++i) {
     const std::string name = argv[i];
-    const std::map<std::string, bool*> flags = {
-        {"--count", &options.count}, {"--read", &options.read}, {"--tcp", &options.tcp}};
+    const std::map<std::string, bool*> flags = {{"--count", &options.count},
+                                                {"--read", &options.read},
+                                                {"--resume", &options.resume},
+                                                {"--tcp", &options.tcp}};
     if (const auto flag = flags.find(name); flag != flags.end()) {
       *flag->second = true;
       continue;
@@ -362,9 +363,10 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
   } else {
     RoundTrips trips(options);
     peer.ask(options, control, trips);
-    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f", trips.Percentile(0.5),
-                trips.Percentile(0.99));
-    PrintSide("asker", trips.GetMeasured(), options.count);
+    const Measured& measured = trips.GetMeasured();
+    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f, \"rate\": %.1f", trips.Percentile(0.5),
+                trips.Percentile(0.99), static_cast<double>(measured.messages) / measured.seconds);
+    PrintSide("asker", measured, options.count);
   }
   std::printf("}\n");
   std::fflush(stdout);
@@ -376,6 +378,7 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
 
 int Main(int argc, char** argv, const Peer& peer) {
   auto [options, childFd] = Parse(argc, argv);
+  if (options.mode == "oneway" && peer.send == nullptr) Usage(argv[0]);
   // Whatever hangs ends: by the signal, and the other process by the end of the control socket.
   ::alarm(static_cast<unsigned>(options.seconds * 3) + 30);
   if (options.count) StartCounting();

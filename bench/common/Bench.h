@@ -21,6 +21,7 @@ struct Options {
   unsigned clients = 1;   // connections
   unsigned active = 1;    // of these, those that send
   bool tcp = false;       // for the peers that have the choice: TCP instead of a Unix socket
+  bool resume = false;    // connections go on with what earlier ones have agreed on
   bool count = false;     // allocations and system calls too
   bool read = false;      // the receiver compares each byte; otherwise it looks at the beginning
   std::string dir;        // of this run, for sockets
@@ -192,7 +193,8 @@ class RoundTrips {
 
 // --- programs ---
 
-// The four things that a program must be able to do; each returns when its part is over.
+// The four things that a program can do; each returns when its part is over. One that does not go
+// one way has null for the first two.
 struct Peer {
   const char* name;
   void (*receive)(const Options& options, const Control& control, Tally& tally);
@@ -203,7 +205,7 @@ struct Peer {
 };
 
 // usage: PROGRAM oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS] [--clients N]
-//                                [--active N] [--tcp] [--count]
+//                                [--active N] [--tcp] [--resume] [--count]
 // Prints one JSON object.
 int Main(int argc, char** argv, const Peer& peer);
 

@@ -5,6 +5,7 @@
 #include "FrameCodec.h"
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWMessageBlock.h"
+#include "sslutils/CAWSSLError.h"
 
 namespace bench {
 
@@ -30,7 +31,7 @@ class FramedSession : public Session {
                              std::size_t size) = 0;
   int OnConnected(long) override { return 0; }
   void OnPeerDisconnect(long reason) override {
-    if (reason != 0) Fail("connection: " + keelbase::DescribeResult(reason));
+    if (reason != 0) Fail("connection: " + sslutils::DescribeSSLResult(reason));
   }
   void OnRcvBufferOverFlow(std::uint32_t) override {}
 };

@@ -16,7 +16,9 @@
 #include "FakeIpc.h"
 #include "FakeShmIpc.h"
 #include "FakeTcp.h"
+#include "FakeTls.h"
 #include "zarn/utils/CZARNIPCStreamBase.h"
+#include "zarn/utils/CZARNSSLTCPSessionBase.h"
 #include "zarn/utils/CZARNShmIPCStreamBase.h"
 #include "zarn/utils/CZARNTCPSessionBase.h"
 
@@ -99,15 +101,19 @@ class RecordingShmStream : public StreamRecorder<utils::CZARNShmIPCStreamBase> {
   }
 };
 
-// With the accessors that the other streams have.
-class RecordingTcpSession : public StreamRecorder<utils::CZARNTCPSessionBase> {
+// A session with the accessors that the other streams have.
+template <class Session>
+class SessionRecorder : public StreamRecorder<Session> {
  public:
-  using StreamRecorder::StreamRecorder;
+  using StreamRecorder<Session>::StreamRecorder;
 
-  bool IsClosed() { return IsClose(); }
-  const keelbase::CAWInetAddr& GetPeerAddr() const { return *StreamRecorder::GetPeerAddr(); }
-  const keelbase::CAWInetAddr& GetLocalAddr() const { return *StreamRecorder::GetLocalAddr(); }
+  bool IsClosed() { return this->IsClose(); }
+  const keelbase::CAWInetAddr& GetPeerAddr() const { return *Session::GetPeerAddr(); }
+  const keelbase::CAWInetAddr& GetLocalAddr() const { return *Session::GetLocalAddr(); }
 };
+
+using RecordingTcpSession = SessionRecorder<utils::CZARNTCPSessionBase>;
+using RecordingTlsSession = SessionRecorder<utils::CZARNSSLTCPSessionBase>;
 
 // --- a stream class, its fakes, and where its rules differ from the others' ---
 
@@ -176,10 +182,32 @@ struct OverTcp {
   }
 };
 
-using StreamWorlds = ::testing::Types<OverIpc, OverShm, OverTcp>;
+struct OverTls {
+  static constexpr const char* kName = "CZARNSSLTCPSessionBase";
+  using Platform = Tls;
+  using Stream = RecordingTlsSession;
+  using Transport = FakeTlsTransport;
+  using Manager = FakeTlsManager;
+
+  static constexpr const char* kDirectTrace = "CZARNSSLTCPSessionBase";
+  static constexpr bool kAdvancesReceived = false;
+  static constexpr bool kDestructorCancels = false;
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
+  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
+  static std::string FailedConnect(long reason) {
+    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  }
+  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    EXPECT_EQ(connector.verify, 1);
+    EXPECT_FALSE(connector.hadServerName);
+  }
+};
+
+using StreamWorlds = ::testing::Types<OverIpc, OverShm, OverTcp, OverTls>;
 
 // The streams that advance the caller's block, and take blocks directly.
-using AdvancingWorlds = ::testing::Types<OverIpc, OverTcp>;
+using AdvancingWorlds = ::testing::Types<OverIpc, OverTcp, OverTls>;
 
 // Typed tests are called after the class that they run over.
 struct WorldNames {

@@ -7,6 +7,7 @@
 #include "fipc/CAWIPCManager.h"
 #include "fshmipc/CAWShmIPCAddr.h"
 #include "keelbase/CAWError.h"
+#include "sslutils/CAWSSLManager.h"
 #include "wface/CAWConnectionManager.h"
 #include "zarn/utils/CZARNNode.h"
 #include "zarn/utils/zarnutils.h"
@@ -21,6 +22,7 @@ int main() {
                       zarn::utils::GetHashKey(fshmipc::CAWShmIPCAddr(1, 2)) != 0 &&
                       fipc::CAWIPCManager::Instance() != nullptr &&
                       wface::CAWConnectionManager::Instance() != nullptr &&
+                      sslutils::IAWSSLManager::Instance() != nullptr &&
                       !keelbase::DescribeResult(keelbase::AW_ERROR_FAILURE).empty();
   std::printf("%d_%d\n", low, high);
   return usable ? 0 : 1;
