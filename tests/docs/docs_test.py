@@ -1,4 +1,5 @@
-"""What the documents name is there: files and folders of the tree, tests, fuzz targets."""
+"""What the documents name is there: files and folders of the tree, tests, fuzz targets. What is said in
+two places is the same in both."""
 
 import argparse
 import re
@@ -48,6 +49,20 @@ class Documents(unittest.TestCase):
         page = (self.source / "docs/security.md").read_text()
         targets = [path.stem for path in self.source.glob("fuzz/*_fuzz.cpp")]
         self.assertEqual([], [name for name in targets if f"`{name}`" not in page])
+
+    def test_debian_packages_are_built_with_all_that_the_tree_is_built_with(self):
+        setup = (self.source / "scripts/setup").read_text()
+        needed = re.search(r"^readonly build_packages=\((.*?)\)", setup, re.MULTILINE | re.DOTALL)[1]
+        control = (self.source / "debian/control").read_text()
+        named = re.search(r"^Build-Depends:\n((?: .*\n)+)", control, re.MULTILINE)[1]
+        # Every Debian package is built with a compiler.
+        self.assertEqual(set(), set(needed.split()) - {"g++"} - set(re.findall(r"^ ([\w.+-]+)", named,
+                                                                               re.MULTILINE)))
+
+    def test_every_script_is_told_of(self):
+        text = "".join(document.read_text() for document in self.documents)
+        scripts = [f"scripts/{path.name}" for path in self.source.glob("scripts/*")]
+        self.assertEqual([], [name for name in scripts if name not in text])
 
 
 if __name__ == "__main__":
