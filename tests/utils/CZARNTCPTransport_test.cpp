@@ -496,7 +496,9 @@ TEST_F(CZARNTCPTransportTest, CountsWhatItDid) {
 }
 
 #ifndef NDEBUG
-TEST_F(CZARNTCPTransportTest, SendFromAnotherThreadStopsADebugBuildAndNamesTheOperation) {
+using CZARNTCPTransportDeathTest = CZARNTCPTransportTest;
+
+TEST_F(CZARNTCPTransportDeathTest, SendFromAnotherThreadStopsADebugBuildAndNamesTheOperation) {
   EXPECT_DEATH(std::thread([&] { Send("x;"); }).join(), "CZARNTCPTransport::SendMsg");
 }
 #endif
