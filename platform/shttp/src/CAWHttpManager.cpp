@@ -1,0 +1,51 @@
+// CAWHttpManager.cpp - see CAWHttpManager.h.
+#include "shttp/CAWHttpManager.h"
+
+#include <atomic>
+
+#include "HttpClient.h"
+#include "keelbase/internal/MakeOnLoop.h"
+#include "keelbase/internal/Mutex.h"
+
+namespace shttp {
+
+namespace {
+
+using keelbase::internal::Mutex;
+using keelbase::internal::MutexLock;
+
+class HttpManager final : public IAWHttpManager {
+ public:
+  keelbase::AWResult CreateHttpClient(keelbase::CAWAutoPtr<IAWHttpClient>& out) override {
+    return keelbase::internal::MakeOnLoop<HttpClient>(out, GetLimits());
+  }
+  void SetLimits(const CAWHttpLimits& limits) override {
+    const MutexLock lock(mutex_);
+    limits_ = limits;
+  }
+
+ private:
+  CAWHttpLimits GetLimits() {
+    const MutexLock lock(mutex_);
+    return limits_;
+  }
+
+  Mutex mutex_;
+  CAWHttpLimits limits_ AW_GUARDED_BY(mutex_);
+};
+
+std::atomic<IAWHttpManager*> testInstance{nullptr};
+
+}  // namespace
+
+IAWHttpManager* IAWHttpManager::Instance() {
+  static HttpManager& manager = *new HttpManager;  // lives for ever, like the threads
+  IAWHttpManager* replaced = testInstance.load(std::memory_order_acquire);
+  return replaced != nullptr ? replaced : &manager;
+}
+
+void IAWHttpManager::TEST_SetInstance(IAWHttpManager* manager) {
+  testInstance.store(manager, std::memory_order_release);
+}
+
+}  // namespace shttp
