@@ -267,7 +267,7 @@ TEST(AnswerLimit, BodyOfJustThatIsTakenAndAByteMoreIsNot) {
 
 TEST(AnswerLimit, LengthThatIsTooMuchIsRefusedBeforeTheBodyComes) {
   AnswerReader reader(BodyOf(1000), false);
-  EXPECT_EQ(reader.Add("HTTP/1.1 200 OK\r\nContent-Length: 1001\r\n\r\nx"), EMSGSIZE);
+  EXPECT_EQ(reader.Add("HTTP/1.1 200 OK\r\nContent-Length: 1001\r\n\r\n"), EMSGSIZE);
 }
 
 TEST(AnswerLimit, PackedBytesThatDoNotShrinkCountOnceUnpacked) {

@@ -87,15 +87,19 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
     const bool gzip = beast::iequals(value, "gzip") || beast::iequals(value, "x-gzip");
     coding_ = gzip && coding_ == Coding::none ? Coding::gzip : Coding::unknown;
   }
-  void on_header_impl(error_code&) override {}
-  void on_body_init_impl(const boost::optional<std::uint64_t>& length, error_code& code) override {
-    if (coding_ == Coding::unknown) return Fail(ENOTSUP, code);
-    if (coding_ == Coding::gzip) {
+  // What is known of the body before any of it comes. An answer that is done has none.
+  void on_header_impl(error_code& code) override {
+    if (is_done()) return;
+    const auto length = content_length();
+    if (coding_ == Coding::unknown) {
+      Fail(ENOTSUP, code);
+    } else if (coding_ == Coding::gzip) {
       gathered_.gunzip.emplace();
     } else if (length && *length > gathered_.body.GetLeft()) {
       Fail(EMSGSIZE, code);
     }
   }
+  void on_body_init_impl(const boost::optional<std::uint64_t>&, error_code&) override {}
   std::size_t on_body_impl(string_view bytes, error_code& code) override {
     const std::string_view view(bytes.data(), bytes.size());
     Fail(gathered_.gunzip ? gathered_.gunzip->Add(view, gathered_.body)
