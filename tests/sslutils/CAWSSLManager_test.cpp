@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "RealTcp.h"
 #include "RealTls.h"
 #include "TempRoot.h"
 
@@ -41,9 +42,8 @@ class CAWSSLManagerTest : public ::testing::Test {
     client = {};
     EXPECT_EQ(connector->AsyncConnect(&client, server.address, 1, name, nullptr), AW_OK);
     EXPECT_TRUE(client.reasons.empty());
-    EXPECT_TRUE(AwaitTls([&] {
-      return !client.reasons.empty() && server.sink.reasons.size() > before;
-    }));
+    EXPECT_TRUE(
+        AwaitTls([&] { return !client.reasons.empty() && server.sink.reasons.size() > before; }));
     return client.reasons.empty() ? -1 : client.reasons[0];
   }
   static CAWSSLInfo InfoOf(const CAWAutoPtr<IAWSSLTransport>& transport) {
@@ -434,6 +434,50 @@ TEST_F(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
   server.sink.transports[0]->OpenWithSink(&sink);
   EXPECT_TRUE(AwaitTls([&] { return sink.ended; }));
   EXPECT_EQ(sink.reason, 0);
+}
+
+// --- peers that are silent or talk nonsense ---
+
+TEST_F(CAWSSLManagerTest, SilentClientIsGivenUpAfterTenSecondsAndOthersAreServed) {
+  HandClock clock;
+  TlsServerFixture server(Authority().Issue());
+  server.Listen();
+  tcp::PlainTcp silent;
+  silent.Connect(server.address);
+  EXPECT_EQ(Connect(server), 0);
+  clock.Advance(std::chrono::milliseconds(9900));
+  EXPECT_EQ(server.sink.reasons, std::vector<long>{0});
+  clock.Advance(std::chrono::milliseconds(200));
+  EXPECT_EQ(server.sink.reasons, (std::vector<long>{0, AW_SSL_ERROR_HANDSHAKE_TIME}));
+  EXPECT_EQ(Connect(server), 0);
+}
+
+TEST_F(CAWSSLManagerTest, SilentServerIsGivenUpAfterTenSeconds) {
+  HandClock clock;
+  const tcp::PlainListener silent;
+  ASSERT_EQ(connector->AsyncConnect(&client, silent.LocalAddress(), 1, nullptr, nullptr), AW_OK);
+  RunReady();
+  clock.Advance(std::chrono::milliseconds(9900));
+  EXPECT_TRUE(client.reasons.empty());
+  clock.Advance(std::chrono::milliseconds(200));
+  EXPECT_EQ(client.reasons, std::vector<long>{AW_SSL_ERROR_HANDSHAKE_TIME});
+}
+
+TEST_F(CAWSSLManagerTest, ClientThatTalksNonsenseEndsNoOtherConnection) {
+  TlsServerFixture server(Authority().Issue());
+  server.Listen();
+  ASSERT_EQ(Connect(server), 0);
+  TlsTransportSink kept;
+  server.sink.transports[0]->OpenWithSink(&kept);
+  tcp::PlainTcp other;
+  other.Connect(server.address);
+  other.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(AwaitTls([&] { return server.sink.reasons.size() == 2; }));
+  EXPECT_EQ(server.sink.reasons.back(), AW_SSL_ERROR_HANDSHAKE);
+  CAWMessageBlock block("unharmed", 8, CAWMessageBlock::borrow);
+  EXPECT_EQ(client.transports[0]->SendData(block, nullptr), AW_OK);
+  EXPECT_TRUE(AwaitTls([&] { return kept.received == "unharmed"; }));
+  EXPECT_FALSE(kept.ended);
 }
 
 // --- transports ---
