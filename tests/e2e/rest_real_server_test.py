@@ -28,7 +28,7 @@ class Tls(RestTest):
         return self.serve(handle, context=context)
 
     def trust(self, authority=None):
-        return "--trust", (authority or self.authority).certificate
+        return "--ca", (authority or self.authority).certificate
 
     def test_request_over_tls(self):
         server = self.serve_tls(send(answer(b"secret")))
@@ -73,7 +73,7 @@ class Tls(RestTest):
         self.assertEqual(self.ask(server.url(), *self.trust())["body"], "all of it")
 
     def test_file_without_certificates_is_a_failure(self):
-        result = self.rest("https://127.0.0.1:1/zarn/tcpchannel", "--trust", self.write("no", "x"))
+        result = self.rest("https://127.0.0.1:1/zarn/tcpchannel", "--ca", self.write("no", "x"))
         self.assertEqual(result.returncode, 1)
 
 
@@ -139,7 +139,7 @@ class RealServer(RestTest):
             key, certificate = authority.issue("server")
             url = self.serve_nginx(f"ssl_certificate {certificate}; ssl_certificate_key {key};"
                                    "location / { return 200 'secret'; }", tls=True)
-            self.assertEqual(self.ask(url, "--trust", authority.certificate)["body"], "secret")
+            self.assertEqual(self.ask(url, "--ca", authority.certificate)["body"], "secret")
             self.assertEqual(self.rest(url).returncode, 1)
 
 

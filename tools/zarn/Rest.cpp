@@ -36,7 +36,7 @@ struct RestOptions {
   std::string user;
   std::string passwordFile;
   ValueOptions body;
-  std::string trust;
+  std::string authorities;
   double timeout = 30;
   bool json = false;
 };
@@ -60,7 +60,7 @@ class Rest {
 
  private:
   void SetLimits() const;
-  bool SetTrust() const;
+  bool Trust() const;
   void Answered(const std::string& body, long result);
   void PrintBody(const std::string& body);
   void Interrupted();
@@ -75,7 +75,7 @@ class Rest {
 
 int Rest::Run() {
   SetLimits();
-  if (!SetTrust()) return kFailed;
+  if (!Trust()) return kFailed;
   client_ = std::make_unique<utils::CRestfulClient>();
   if (!options_.user.empty()) client_->SetRestfulInfo(options_.user, request_.password);
   client_->StartClient(options_.url, request_.setting, request_.body,
@@ -93,12 +93,12 @@ void Rest::SetLimits() const {
   shttp::IAWHttpManager::Instance()->SetLimits(limits);
 }
 
-bool Rest::SetTrust() const {
-  if (options_.trust.empty()) return true;
+bool Rest::Trust() const {
+  if (options_.authorities.empty()) return true;
   const auto result = static_cast<long>(
-      sslutils::IAWSSLManager::Instance()->SetTrustedCertificates(options_.trust));
+      sslutils::IAWSSLManager::Instance()->SetTrustedCertificates(options_.authorities));
   if (result == 0) return true;
-  Complain("'{}': {}", Escape(options_.trust), sslutils::DescribeSSLResult(result));
+  Complain("'{}': {}", Escape(options_.authorities), sslutils::DescribeSSLResult(result));
   return false;
 }
 
@@ -229,7 +229,7 @@ void AddRest(CLI::App& app, Action& action) {
       ->type_name("NAME");
   command.add_option("--password-file", options->passwordFile, "its first line is the password")
       ->type_name("FILE");
-  command.add_option("--trust", options->trust, "certificates to trust besides the system's")
+  command.add_option("--ca", options->authorities, "authorities to trust besides those of the system")
       ->type_name("FILE");
   AddSeconds(command, "--timeout", options->timeout, 0, kMaxSeconds,
              "how long connecting, sending and the answer may take, each; 0 for ever");
