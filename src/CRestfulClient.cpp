@@ -24,6 +24,20 @@ namespace {
 
 constexpr const char* kMark = "/zarn/tcpchannel";
 
+// Block by block, so that a large answer is not held twice.
+CAWString TakeText(CAWMessageBlock& chain) {
+  CAWString text;
+  text.reserve(chain.GetChainedLength());
+  std::unique_ptr<CAWMessageBlock> rest(chain.Disjoint(chain.GetLength()));
+  text.append(chain.GetReadPtr(), chain.GetLength());
+  while (rest != nullptr) {
+    text.append(rest->GetReadPtr(), rest->GetLength());
+    rest->AdvanceReadPtr(rest->GetLength());
+    rest.reset(rest.release()->ReclaimGarbage());
+  }
+  return text;
+}
+
 void TellThatNobodyListens() {
   static std::atomic<bool> told{false};
   if (told.exchange(true)) return;
@@ -50,7 +64,8 @@ void CRestfulClient::SetRestfulInfo(const CAWString& info1, const CAWString& inf
   info2_ = info2;
 }
 
-// On the network thread, so that nothing of the request before can happen meanwhile.
+// A request that is under way is dropped on the network thread, where nothing of it can happen
+// meanwhile. Otherwise nobody else touches this object.
 void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
                                  const CAWString& body,
                                  std::function<void(const CAWString&, long)> callback) {
@@ -60,9 +75,8 @@ void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
     callback_.swap(callback);
     Open(url);
   };
-  CAWThread* network = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
-  if (network == nullptr) return start();
-  network->Call(start);
+  if (!underWay_.load(std::memory_order_acquire)) return start();
+  CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK)->Call(start);
 }
 
 void CRestfulClient::Open(const CAWString& url) {
@@ -72,6 +86,7 @@ void CRestfulClient::Open(const CAWString& url) {
   }
   if (!client_) return;
   if (!info1_.empty() && !info2_.empty()) client_->SetInfo(info1_, info2_);
+  underWay_.store(true, std::memory_order_relaxed);
   client_->Open(CAWString(url), this, 0);
 }
 
@@ -95,20 +110,21 @@ void CRestfulClient::OnConnect(long /*reason*/, shttp::IAWChannelHttpClient* cha
   SendData(body_.data(), body_.size());
 }
 
-// From the post on another thread may destroy this object. What finds no memory is still told.
+// Another thread may use or destroy this object as soon as no request is under way. What finds no
+// memory is still told. The text goes over to the event, so that a large answer is there once.
 void CRestfulClient::OnReceive(CAWMessageBlock& data, wface::IAWTransport* /*transport*/,
                                wface::CAWTransportParameter* /*parameter*/) {
   const auto channel = std::exchange(channel_, nullptr);
   CRestfulRcvEvent* event = nullptr;
   try {
-    response_ = data.FlattenChained();
+    response_ = TakeText(data);
     if (channel) channel->GetResult(result_);
-    event = new CRestfulRcvEvent(response_, result_, callback_);
+    event = new CRestfulRcvEvent(std::move(response_), result_, callback_);
   } catch (const std::bad_alloc&) {
-    response_ = CAWString();
     result_ = -ENOMEM;
-    event = new CRestfulRcvEvent(response_, result_, callback_);
+    event = new CRestfulRcvEvent(CAWString(), result_, callback_);
   }
+  underWay_.store(false, std::memory_order_release);
   PostToMain(event);
   if (channel) channel->Disconnect(0);
 }
@@ -122,9 +138,9 @@ void CRestfulClient::OnDisconnect(long /*reason*/, wface::IAWTransport* /*transp
 
 // --- the event ---
 
-CRestfulRcvEvent::CRestfulRcvEvent(const CAWString& response, long result,
-                                   const std::function<void(const CAWString&, long)>& callback)
-    : response_(response), result_(result), callback_(callback) {}
+CRestfulRcvEvent::CRestfulRcvEvent(CAWString response, long result,
+                                   std::function<void(const CAWString&, long)> callback)
+    : response_(std::move(response)), result_(result), callback_(std::move(callback)) {}
 
 CRestfulRcvEvent::~CRestfulRcvEvent() = default;
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -109,6 +110,7 @@ class FakeHttpManager final : public shttp::IAWHttpManager {
 
   bool fails = false;
   std::vector<keelbase::CAWAutoPtr<FakeHttpClient>> clients;
+  std::vector<std::thread::id> madeOn;  // of each client
 
   FakeHttpClient& Last() { return *clients.back(); }
 
@@ -116,6 +118,7 @@ class FakeHttpManager final : public shttp::IAWHttpManager {
     out = nullptr;
     if (fails) return keelbase::AW_ERROR_FAILURE;
     clients.emplace_back(new FakeHttpClient(log_));
+    madeOn.push_back(std::this_thread::get_id());
     out = clients.back().Get();
     return keelbase::AW_OK;
   }

@@ -262,7 +262,21 @@ TEST_F(RestfulClient, SecondRequestGetsItsOwnAnswer) {
 
 // --- threads and lifetime ---
 
-TEST_F(RestfulClient, StartingFromAnotherThreadWaitsForTheNetworkThread) {
+TEST_F(RestfulClient, FirstStartWaitsForNobody) {
+  std::thread([&] { Start(); }).join();
+  EXPECT_EQ(log, CallLog{std::string("open ") + kUrl});
+}
+
+TEST_F(RestfulClient, StartAfterAnAnswerWaitsForNobody) {
+  Start();
+  Connect();
+  channel->Receive("one");
+  std::thread([&] { Start(); }).join();
+  EXPECT_EQ(http.clients.size(), 2U);
+}
+
+TEST_F(RestfulClient, StartThatDropsARequestIsCarriedOutOnTheNetworkThread) {
+  Start();
   std::atomic<bool> started{false};
   std::thread other([&] {
     Start();
@@ -270,7 +284,8 @@ TEST_F(RestfulClient, StartingFromAnotherThreadWaitsForTheNetworkThread) {
   });
   while (!started) RunReady();
   other.join();
-  EXPECT_EQ(log, CallLog{std::string("open ") + kUrl});
+  ASSERT_EQ(http.madeOn.size(), 2U);
+  EXPECT_EQ(http.madeOn[1], std::this_thread::get_id());
 }
 
 TEST_F(RestfulClient, DestructionReleasesChannelClientAndCallback) {

@@ -1,6 +1,7 @@
 // CRestfulClient.h - sends one request to an HTTP server and brings its answer to a callback.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 
@@ -55,10 +56,10 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
 
   // Sends `body` to `url`; `callback` is called once, for a failure too, with the answer's body and
   // the result. A request that is under way is dropped first: its callback never runs (one whose
-  // answer is on its way to the main thread is over, and does). Without "/zarn/tcpchannel" in
-  // `url` the client of the call before serves again, and nothing happens when there was none.
-  // Waits for the network thread, so it must not be called by somebody for whom that thread waits.
-  // May throw std::bad_alloc.
+  // answer is on its way to the main thread is over, and does). Without "/zarn/tcpchannel" in `url`
+  // the client of the call before serves again, and nothing happens when there was none. To drop a
+  // request it waits for the network thread, so it must not be called by somebody for whom that
+  // thread waits then. May throw std::bad_alloc.
   void StartClient(const keelbase::CAWString& url, const keelbase::CAWString& setting,
                    const keelbase::CAWString& body,
                    std::function<void(const keelbase::CAWString&, long)> callback);
@@ -85,13 +86,14 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
   long result_ = 0;
   std::function<void(const keelbase::CAWString&, long)> callback_;
   [[maybe_unused]] bool connected_ = false;
+  std::atomic<bool> underWay_{false};  // callbacks of a request may come
 };
 
 // Carries an answer to the main thread.
 class ZARNUTILS_API CRestfulRcvEvent : public keelbase::IAWEvent {
  public:
-  CRestfulRcvEvent(const keelbase::CAWString& response, long result,
-                   const std::function<void(const keelbase::CAWString&, long)>& callback);
+  CRestfulRcvEvent(keelbase::CAWString response, long result,
+                   std::function<void(const keelbase::CAWString&, long)> callback);
   keelbase::AWResult OnEventFire() override;  // calls the callback, if there is one; 0
   ~CRestfulRcvEvent() override;
 

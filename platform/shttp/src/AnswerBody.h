@@ -34,7 +34,8 @@ class AnswerBody {
   // Where the next bytes go, and how many fit: at least one. Commit says how many were put there.
   std::pair<char*, std::size_t> GetRoom() {
     if (tail_ == nullptr || tail_->GetSpace() == 0) {
-      auto block = std::make_unique<keelbase::CAWMessageBlock>(kBlock);
+      auto block = std::make_unique<keelbase::CAWMessageBlock>(nextBlock_);
+      nextBlock_ = std::min(2 * nextBlock_, kLargestBlock);
       keelbase::CAWMessageBlock* const next = block.get();
       if (tail_ == nullptr) {
         head_ = std::move(block);
@@ -54,8 +55,11 @@ class AnswerBody {
   std::unique_ptr<keelbase::CAWMessageBlock> Take() { return std::move(head_); }
 
  private:
-  static constexpr std::size_t kBlock = std::size_t{64} << 10;
+  // The largest come from no pool, which would keep them.
+  static constexpr std::size_t kSmallestBlock = std::size_t{16} << 10;
+  static constexpr std::size_t kLargestBlock = std::size_t{256} << 10;
 
+  std::size_t nextBlock_ = kSmallestBlock;
   std::unique_ptr<keelbase::CAWMessageBlock> head_;
   keelbase::CAWMessageBlock* tail_ = nullptr;
   std::size_t left_;

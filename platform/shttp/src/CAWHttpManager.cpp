@@ -2,9 +2,10 @@
 #include "shttp/CAWHttpManager.h"
 
 #include <atomic>
+#include <new>
 
 #include "HttpClient.h"
-#include "keelbase/internal/MakeOnLoop.h"
+#include "keelbase/CAWThreadManager.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace shttp {
@@ -17,7 +18,16 @@ using keelbase::internal::MutexLock;
 class HttpManager final : public IAWHttpManager {
  public:
   keelbase::AWResult CreateHttpClient(keelbase::CAWAutoPtr<IAWHttpClient>& out) override {
-    return keelbase::internal::MakeOnLoop<HttpClient>(out, GetLimits());
+    using keelbase::CAWThreadManager;
+    out = nullptr;
+    auto* network = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
+    if (network == nullptr) return keelbase::AW_ERROR_FAILURE;
+    try {
+      out = new HttpClient(network->GetLoop(), GetLimits());
+      return keelbase::AW_OK;
+    } catch (const std::bad_alloc&) {
+      return keelbase::AW_ERROR_FAILURE;
+    }
   }
   void SetLimits(const CAWHttpLimits& limits) override {
     const MutexLock lock(mutex_);

@@ -32,7 +32,7 @@ AWResult HttpClient::Open(const CAWString& url, IAWChannelSink* sink, std::uint3
   EndExchange();
   if (sink == nullptr) return AW_ERROR_FAILURE;
   exchange_ =
-      new HttpExchange(GetLoop(), sink, HttpOrder{url, credentials_, credentialsRefused_, limits_});
+      new HttpExchange(loop_, sink, HttpOrder{url, credentials_, credentialsRefused_, limits_});
   exchange_->Start();
   return AW_OK;
 } catch (const std::bad_alloc&) {

@@ -1,17 +1,28 @@
 // HttpClient.h - makes one exchange after the other.
 #pragma once
 
+#include <atomic>
+
 #include "HttpExchange.h"
-#include "keelbase/internal/LoopObject.h"
 #include "shttp/CAWHttpManager.h"
 
 namespace shttp {
 
-class HttpClient final : public keelbase::internal::LoopObject<IAWHttpClient> {
+// Nothing of it belongs to the loop, so it ends wherever its last reference is dropped.
+class HttpClient final : public IAWHttpClient {
  public:
   HttpClient(keelbase::internal::EventLoop& loop, const CAWHttpLimits& limits)
-      : LoopObject(loop), limits_(limits) {}
-  ~HttpClient() override = default;
+      : loop_(loop), limits_(limits) {}
+  ~HttpClient() override { EndExchange(); }
+
+  std::uint32_t AddReference() override {
+    return count_.fetch_add(1, std::memory_order_relaxed) + 1;
+  }
+  std::uint32_t ReleaseReference() override {
+    const std::uint32_t left = count_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    if (left == 0) delete this;
+    return left;
+  }
 
   keelbase::AWResult SetInfo(const keelbase::CAWString& user,
                              const keelbase::CAWString& password) override;
@@ -20,9 +31,10 @@ class HttpClient final : public keelbase::internal::LoopObject<IAWHttpClient> {
                           std::uint32_t reserved) override;
 
  private:
-  void OnLastReference() override { EndExchange(); }
   void EndExchange();
 
+  keelbase::internal::EventLoop& loop_;
+  std::atomic<std::uint32_t> count_{0};
   Credentials credentials_;
   bool credentialsRefused_ = false;
   CAWHttpLimits limits_;

@@ -26,7 +26,7 @@ namespace shttp {
 // block for a failure. OnDisconnect(0) follows unless OnReceive has disconnected. The block is the
 // sink's to take apart; OnSend never comes.
 //
-// Threads: as IAWTransport, on the thread of the client; Disconnect may be called on any.
+// Threads: as IAWTransport, on the network thread; Disconnect may be called on any.
 // Ownership: counted (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last
 // reference is a Disconnect.
 class SHTTP_API IAWChannelHttpClient : public wface::IAWTransport {

@@ -28,11 +28,10 @@ struct CAWHttpLimits {
 // and 1.3, with the server's certificate verified (docs/tls.md). Redirects are not followed,
 // cookies not kept, proxies not asked.
 //
-// Threads: callbacks come on the thread that made the client when that is a platform thread, else
-// on the network thread. Operations are called by one thread at a time, any; none blocks.
-// References may be dropped on any thread. Ownership: counted. Letting go of the last reference
-// ends a request that is under way, without callbacks; a callback that is just running on another
-// thread is not waited for.
+// Threads: callbacks come on the network thread. Operations are called by one thread at a time,
+// any; none blocks. References may be dropped on any thread. Ownership: counted. Letting go of the
+// last reference ends a request that is under way, without callbacks; a callback that is just
+// running on another thread is not waited for.
 class SHTTP_API IAWHttpClient {
  public:
   virtual std::uint32_t AddReference() = 0;
