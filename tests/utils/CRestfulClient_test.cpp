@@ -37,6 +37,8 @@ using Answers = std::vector<std::pair<std::string, long>>;
 
 class RestfulClient : public ::testing::Test {
  protected:
+  ~RestfulClient() override { GetAnswers(); }  // callbacks refer to this object
+
   void Start(const std::string& url = kUrl, const std::string& body = "{}") {
     client->StartClient(url, "PUT", body, [this](const CAWString& text, long result) {
       EXPECT_TRUE(main->IsCurrent());

@@ -25,9 +25,9 @@ namespace {
 
 using keelbase::CAWThreadManager;
 
-constexpr const char* kMark = "/zarn/tcpchannel";
+constexpr const char* kUrlMark = "/zarn/tcpchannel";
 constexpr const char* kPasswordVariable = "ZARN_REST_PASSWORD";
-constexpr double kMaxSeconds = 1e6;
+constexpr double kForEver = 1e6;
 constexpr long kLeastErrorStatus = 400;
 
 struct RestOptions {
@@ -42,7 +42,7 @@ struct RestOptions {
 };
 
 // What is sent, once all files have been read.
-struct Request {
+struct RestRequest {
   std::string setting;
   std::string body;
   std::string password;
@@ -50,7 +50,7 @@ struct Request {
 
 class Rest {
  public:
-  Rest(const RestOptions& options, Request request)
+  Rest(const RestOptions& options, RestRequest request)
       : options_(options),
         request_(std::move(request)),
         output_(options.json),
@@ -67,7 +67,7 @@ class Rest {
   void DropRequest();
 
   const RestOptions& options_;
-  const Request request_;
+  const RestRequest request_;
   Output output_;
   Loop loop_;
   std::unique_ptr<utils::CRestfulClient> client_;
@@ -86,7 +86,7 @@ int Rest::Run() {
 }
 
 void Rest::SetLimits() const {
-  const double seconds = options_.timeout > 0 ? options_.timeout : kMaxSeconds;
+  const double seconds = options_.timeout > 0 ? options_.timeout : kForEver;
   const auto milliseconds = static_cast<std::uint32_t>(std::max(seconds * 1000, 1.0));
   shttp::CAWHttpLimits limits;
   limits.connectMs = limits.sendMs = limits.answerMs = milliseconds;
@@ -171,7 +171,7 @@ std::optional<std::string> GetPassword(const RestOptions& options) {
 }
 
 int RunRest(const RestOptions& options) {
-  Request request;
+  RestRequest request;
   if (!options.setting.empty()) {
     ValueOptions file;
     file.file = options.setting;
@@ -211,9 +211,10 @@ void AddRest(CLI::App& app, Action& action) {
   command.add_option("URL", options->url, "http:// or https://, with '/zarn/tcpchannel' in it")
       ->check(CLI::Validator(
           [](const std::string& text) {
-            return text.find(kMark) != std::string::npos
+            return text.find(kUrlMark) != std::string::npos
                        ? std::string()
-                       : "'" + text + "' has no '" + kMark + "' in it: only such urls are served";
+                       : "'" + text + "' has no '" + kUrlMark +
+                             "' in it: only such urls are served";
           },
           ""))
       ->required();
@@ -229,9 +230,10 @@ void AddRest(CLI::App& app, Action& action) {
       ->type_name("NAME");
   command.add_option("--password-file", options->passwordFile, "its first line is the password")
       ->type_name("FILE");
-  command.add_option("--ca", options->authorities, "authorities to trust besides those of the system")
+  command
+      .add_option("--ca", options->authorities, "authorities to trust besides those of the system")
       ->type_name("FILE");
-  AddSeconds(command, "--timeout", options->timeout, 0, kMaxSeconds,
+  AddSeconds(command, "--timeout", options->timeout, 0, kForEver,
              "how long connecting, sending and the answer may take, each; 0 for ever");
   AddJson(command, options->json);
   SetExamples(command,

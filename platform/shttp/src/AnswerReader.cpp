@@ -19,6 +19,9 @@ using beast::string_view;
 namespace {
 
 constexpr std::size_t kFieldMarks = 4;  // ": " and the line's end
+// The parser stops a debug build when it is to go on with less than this, the shortest end of an
+// answer in chunks: "0\r\n\r\n".
+constexpr std::size_t kLeastLine = 5;
 constexpr int kLeastStatus = 100;
 constexpr int kSwitchingProtocols = 101;
 
@@ -138,6 +141,10 @@ int AnswerReader::Add(std::string_view bytes) {
   if (!gathered_->unparsed.empty()) {
     joined = std::move(gathered_->unparsed);
     joined += bytes;
+    if (joined.size() < kLeastLine) {
+      gathered_->unparsed = std::move(joined);
+      return 0;
+    }
     bytes = joined;
     gathered_->unparsed.clear();
   }
