@@ -107,6 +107,14 @@ TEST(AnswerLength, ByChunks) {
   EXPECT_EQ(ReadAnyhow(Chunked("1\r\nx\r\n0\r\nChecked: yes\r\nMore: so\r\n\r\n")), Good(200, "x"));
 }
 
+TEST(AnswerLength, HeadersEndMayComeByItself) {
+  AnswerReader reader({}, false);
+  EXPECT_EQ(reader.Add("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r"), 0);
+  EXPECT_FALSE(reader.IsWhole());
+  EXPECT_EQ(reader.Add("\n"), 0);
+  EXPECT_TRUE(reader.IsWhole());
+}
+
 TEST(AnswerLength, SomeStatusesAndMethodsHaveNoBody) {
   EXPECT_EQ(ReadAnyhow("HTTP/1.1 204 No Content\r\n\r\n"), Good(204, ""));
   EXPECT_EQ(ReadAnyhow("HTTP/1.1 304 Not Modified\r\nContent-Length: 5\r\n\r\n"), Good(304, ""));

@@ -141,7 +141,7 @@ int AnswerReader::Add(std::string_view bytes) {
   if (!gathered_->unparsed.empty()) {
     joined = std::move(gathered_->unparsed);
     joined += bytes;
-    if (joined.size() < kLeastLine) {
+    if (parser_->is_header_done() && joined.size() < kLeastLine) {
       gathered_->unparsed = std::move(joined);
       return 0;
     }
