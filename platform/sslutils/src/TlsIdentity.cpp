@@ -9,6 +9,7 @@
 
 #include "OpenSslPointers.h"
 #include "PemText.h"
+#include "TlsContext.h"
 #include "sslutils/CAWSSLError.h"
 
 namespace sslutils::internal {
@@ -42,7 +43,7 @@ std::unique_ptr<STACK_OF(X509), StackFree> Above(const Certificates& chain) {
 
 }  // namespace
 
-TlsIdentity::TlsIdentity() : parts_(std::make_unique<Parts>()) {}
+TlsIdentity::TlsIdentity() : parts_(std::make_unique<Parts>()) { StartOpenSsl(); }
 TlsIdentity::~TlsIdentity() = default;
 TlsIdentity::TlsIdentity(TlsIdentity&&) noexcept = default;
 TlsIdentity& TlsIdentity::operator=(TlsIdentity&&) noexcept = default;
@@ -80,8 +81,7 @@ bool TlsIdentity::HasCertificate() const { return !parts_->chain.empty(); }
 AWResult TlsIdentity::Use(ssl_st* ssl) const {
   if (!HasCertificate()) return AW_OK;
   const auto above = Above(parts_->chain);
-  const bool used = above != nullptr &&
-                    SSL_use_certificate(ssl, parts_->chain[0].get()) == 1 &&
+  const bool used = above != nullptr && SSL_use_certificate(ssl, parts_->chain[0].get()) == 1 &&
                     SSL_use_PrivateKey(ssl, parts_->key.get()) == 1 &&
                     SSL_set1_chain(ssl, above.get()) == 1;
   ERR_clear_error();
