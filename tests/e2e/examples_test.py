@@ -9,6 +9,8 @@ import tempfile
 import threading
 import unittest
 
+from http_servers import ScriptServer, answer
+
 LIMIT = 20  # seconds that one step may take
 
 
@@ -120,6 +122,17 @@ class Examples(unittest.TestCase):
         self.assertEqual(output.splitlines(), [
             "calculator: ready", "asker: 7 * 7 = 49", "asker: 12 * 12 = 144", "asker: -3 * -3 = 9",
             "calculator: over"])
+
+    def test_json_is_posted_and_the_answer_printed(self):
+        server = ScriptServer(lambda connection, request: connection.sendall(
+            answer(b"got " + request.body, "201 Created")))
+        self.addCleanup(server.stop)
+        output, errors = self.start("post_json", server.url("/orders"), '{"id": 7}').communicate(
+            timeout=LIMIT)
+        self.assertEqual((output, errors), ('201\ngot {"id": 7}\n', ""))
+        refused = self.start("post_json", "http://127.0.0.1:1/zarn/tcpchannel", "{}")
+        self.assertEqual(refused.communicate(timeout=LIMIT)[1], "post_json: Connection refused\n")
+        self.assertEqual(refused.returncode, 1)
 
 
 if __name__ == "__main__":

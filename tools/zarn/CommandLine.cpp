@@ -81,6 +81,7 @@ int RunCommandLine(int argc, char** argv) {
   AddDb(app, action);
   AddKv(app, action);
   AddShm(app, action);
+  AddRest(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

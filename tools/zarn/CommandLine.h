@@ -27,6 +27,7 @@ void AddLog(CLI::App& app, Action& action);
 void AddDb(CLI::App& app, Action& action);
 void AddKv(CLI::App& app, Action& action);
 void AddShm(CLI::App& app, Action& action);
+void AddRest(CLI::App& app, Action& action);
 
 // --- options that several subcommands take; a value that is not good is a usage error ---
 
