@@ -23,8 +23,7 @@ AWResult CShmZARNLibClientChannel::Init(std::uint16_t localFirst, std::uint16_t 
   localSecond_ = localSecond;
   peerFirst_ = peerFirst;
   peerSecond_ = peerSecond;
-  reconnector_
-      .Start();  // a failed connect is told by OnConnectFailure, which leaves it to the timer
+  reconnector_.SetLost();  // whatever comes of the connect: OnConnectFailure leaves it to the timer
   return ConnectToPeer();
 }
 

@@ -124,8 +124,10 @@ void CZARNShmIPCStreamBase::OnReceive(CAWMessageBlock& data, fshmipc::IAWShmIPCT
     case End::kReplaced:
       return;
     case End::kNeedMore:
-    case End::kTooLong:
       return readGate_.Apply(transport_.Get(), received_.GetLength());
+    case End::kTooLong:
+      if (!closed_) return readGate_.Apply(transport_.Get(), received_.GetLength());
+      [[fallthrough]];  // the handler has closed as well
     case End::kClosed:
       EndConnection(0);
       return OnClose();
@@ -158,18 +160,20 @@ AWResult CZARNShmIPCStreamBase::SendMsg(CAWMessageBlock& data) try {
   if (!transport_) return AW_ERROR_FAILURE;
   const CAWMessageBlock::KeepUnread keep(data);
   const std::size_t length = data.GetChainedLength();
-  const bool waited = !sendQueue_.IsEmpty();
-  const AWResult result = sendQueue_.SendInOrder(
-      data, [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  const auto offer = [this](CAWMessageBlock& block) {
+    return transport_->SendData(block, nullptr);
+  };
+  const bool waits = !sendQueue_.IsEmpty();
+  if (waits && sendQueue_.Append(data) != AW_OK) return AW_ERROR_FAILURE;
+  const AWResult result = waits ? sendQueue_.Offer(offer) : offer(data);
+  // Whatever the answer, what was not taken is queued.
+  if (!waits && sendQueue_.Append(data) != AW_OK) {
+    // What came next would be taken for the rest of this message.
+    if (data.GetChainedLength() != length) Close(AW_ERROR_FAILURE);
+    return AW_ERROR_FAILURE;
+  }
   counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, sendQueue_.GetLength());
-  if (result == AW_ERROR_PARTIAL_DATA) {
-    Close(AW_ERROR_FAILURE);  // whatever came next would be taken for the rest of this message
-    return AW_ERROR_FAILURE;
-  }
-  if (result != AW_OK) {
-    if (!waited) sendQueue_.Append(data);
-    return AW_ERROR_FAILURE;
-  }
+  if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return AW_ERROR_FAILURE;
   ++counters_.messagesSent;
   counters_.bytesSent += length;
   return AW_OK;

@@ -14,7 +14,8 @@ constexpr std::uint32_t kUntilCancelled = 0;
 
 }  // namespace
 
-void Reconnector::Start() {
+void Reconnector::SetLost() {
+  connected_ = false;
   if (timer_.Schedule(channel_, kInterval, kUntilCancelled) != keelbase::AW_OK)
     keelbase::IAWTraceManager::Instance()->Trace(0, "Client channel: no timer, will not reconnect");
 }
@@ -23,11 +24,6 @@ void Reconnector::SetConnected() {
   retryCount_ = 0;
   timer_.Cancel();
   connected_ = true;
-}
-
-void Reconnector::SetLost() {
-  connected_ = false;
-  Start();
 }
 
 bool Reconnector::NextAttempt() {

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <string>
 
-#include "FakeIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
 #include "RecordingChannel.h"
@@ -18,73 +17,87 @@ namespace {
 
 using keelbase::AW_ERROR_PARTIAL_DATA;
 
-class CZARNStreamCountersOfAStream : public ::testing::Test, public StreamFixture {
+template <class World>
+class CZARNStreamCountersOfAStream : public ::testing::Test, public StreamFixture<World> {
  protected:
-  const utils::CZARNStreamCounters& Counters() { return stream->GetCounters(); }
+  const utils::CZARNStreamCounters& Counters() { return this->stream->GetCounters(); }
 };
 
-TEST_F(CZARNStreamCountersOfAStream, StartAtZero) {
-  EXPECT_EQ(Counters().messagesSent, 0U);
-  EXPECT_EQ(Counters().messagesReceived, 0U);
-  EXPECT_EQ(Counters().bytesSent, 0U);
-  EXPECT_EQ(Counters().bytesReceived, 0U);
-  EXPECT_EQ(Counters().connects, 0U);
-  EXPECT_EQ(Counters().malformedFrames, 0U);
-  EXPECT_EQ(Counters().sendQueueHighMark, 0U);
-  EXPECT_EQ(Counters().lastDisconnectReason, 0);
+TYPED_TEST_SUITE(CZARNStreamCountersOfAStream, StreamWorlds, WorldNames);
+
+TYPED_TEST(CZARNStreamCountersOfAStream, StartAtZero) {
+  EXPECT_EQ(this->Counters().messagesSent, 0U);
+  EXPECT_EQ(this->Counters().messagesReceived, 0U);
+  EXPECT_EQ(this->Counters().bytesSent, 0U);
+  EXPECT_EQ(this->Counters().bytesReceived, 0U);
+  EXPECT_EQ(this->Counters().connects, 0U);
+  EXPECT_EQ(this->Counters().malformedFrames, 0U);
+  EXPECT_EQ(this->Counters().sendQueueHighMark, 0U);
+  EXPECT_EQ(this->Counters().lastDisconnectReason, 0);
 }
 
-TEST_F(CZARNStreamCountersOfAStream, CountAcceptedMessagesAndTheirBytes) {
-  auto transport = Attach();
+TYPED_TEST(CZARNStreamCountersOfAStream, CountAcceptedMessagesAndTheirBytes) {
+  auto transport = this->Attach();
   transport->AnswerNext(AW_ERROR_PARTIAL_DATA, 2);
   transport->AnswerNext(AW_ERROR_PARTIAL_DATA, 0);
-  Send("first");
-  Send("second");
-  EXPECT_EQ(Counters().messagesSent, 2U);
-  EXPECT_EQ(Counters().bytesSent, 11U);
-  EXPECT_EQ(Counters().sendQueueHighMark, 9U);
+  this->Send("first");
+  this->Send("second");
+  EXPECT_EQ(this->Counters().messagesSent, 2U);
+  EXPECT_EQ(this->Counters().bytesSent, 11U);
+  EXPECT_EQ(this->Counters().sendQueueHighMark, 9U);
   transport->ReadyToSend();
-  EXPECT_EQ(Counters().sendQueueHighMark, 9U);
+  EXPECT_EQ(this->Counters().sendQueueHighMark, 9U);
 }
 
-TEST_F(CZARNStreamCountersOfAStream, DoNotCountARefusedMessage) {
-  EXPECT_NE(Send("no transport"), keelbase::AW_OK);
-  auto transport = Attach();
+TYPED_TEST(CZARNStreamCountersOfAStream, DoNotCountARefusedMessage) {
+  EXPECT_NE(this->Send("no transport"), keelbase::AW_OK);
+  auto transport = this->Attach();
   transport->AnswerNext(EPIPE, 0);
-  Send("error");
-  EXPECT_EQ(Counters().messagesSent, 0U);
-  EXPECT_EQ(Counters().bytesSent, 0U);
+  this->Send("error");
+  EXPECT_EQ(this->Counters().messagesSent, 0U);
+  EXPECT_EQ(this->Counters().bytesSent, 0U);
 }
 
-TEST_F(CZARNStreamCountersOfAStream, CountFramesAndAllBytesThatArrived) {
-  auto transport = Attach();
+TYPED_TEST(CZARNStreamCountersOfAStream, DoNotCountFramesThatAreClaimedBeyondTheBytes) {
+  auto transport = this->Attach();
+  this->stream->onMessage = [](const char*, std::size_t len) { return len + 1; };
+  transport->Receive("bytes");
+  EXPECT_EQ(this->Counters().messagesReceived, 0U);
+  EXPECT_EQ(this->Counters().bytesReceived, 5U);
+}
+
+TYPED_TEST(CZARNStreamCountersOfAStream, CountFramesAndAllBytesThatArrived) {
+  auto transport = this->Attach();
   transport->Receive("one;two;thr");
-  EXPECT_EQ(Counters().messagesReceived, 2U);
-  EXPECT_EQ(Counters().bytesReceived, 11U);
+  EXPECT_EQ(this->Counters().messagesReceived, 2U);
+  EXPECT_EQ(this->Counters().bytesReceived, 11U);
   transport->Receive("ee;");
-  EXPECT_EQ(Counters().messagesReceived, 3U);
-  EXPECT_EQ(Counters().bytesReceived, 14U);
+  EXPECT_EQ(this->Counters().messagesReceived, 3U);
+  EXPECT_EQ(this->Counters().bytesReceived, 14U);
 }
 
-TEST_F(CZARNStreamCountersOfAStream, CountConnectionsAndKeepTheLastReason) {
-  ConnectFully()->End(ECONNRESET);
-  EXPECT_EQ(Counters().connects, 1U);
-  EXPECT_EQ(Counters().lastDisconnectReason, ECONNRESET);
-  Attach();
-  EXPECT_EQ(Counters().connects, 2U);
-  stream->Connect(keelbase::CAWIPCAddr("/peer"), nullptr);
-  manager.Last().Complete(ECONNREFUSED, nullptr);
-  EXPECT_EQ(Counters().connects, 2U);
-  EXPECT_EQ(Counters().lastDisconnectReason, ECONNREFUSED);
+TYPED_TEST(CZARNStreamCountersOfAStream, CountConnectionsAndKeepTheLastReason) {
+  this->ConnectFully()->End(ECONNRESET);
+  EXPECT_EQ(this->Counters().connects, 1U);
+  EXPECT_EQ(this->Counters().lastDisconnectReason, ECONNRESET);
+  this->Attach();
+  EXPECT_EQ(this->Counters().connects, 2U);
+  this->Connect();
+  this->manager.Last().Complete(ECONNREFUSED, nullptr);
+  EXPECT_EQ(this->Counters().connects, 2U);
+  EXPECT_EQ(this->Counters().lastDisconnectReason, ECONNREFUSED);
 }
 
-class CZARNStreamCountersOfAChannel : public ::testing::Test, public ServerFixture {};
+template <class World>
+class CZARNStreamCountersOfAChannel : public ::testing::Test, public ServerFixture<World> {};
 
-TEST_F(CZARNStreamCountersOfAChannel, CountAMalformedFrameOnceForEachConnection) {
+TYPED_TEST_SUITE(CZARNStreamCountersOfAChannel, ServerWorlds, WorldNames);
+
+TYPED_TEST(CZARNStreamCountersOfAChannel, CountAMalformedFrameOnceForEachConnection) {
   TraceLines trace;
-  transport->Receive(Header(1, 20, 2, 4) + std::string(8, 'x'));
-  transport->Receive("what was under way");
-  EXPECT_EQ(server->GetCounters().malformedFrames, 1U);
+  this->transport->Receive(Header(1, 20, 2, 4) + std::string(8, 'x'));
+  this->transport->Receive("what was under way");
+  EXPECT_EQ(this->server->GetCounters().malformedFrames, 1U);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// ChannelMessages_test.cpp - what the client and the server channel have in common: the frame both
-// ways, over a scripted transport. Every test runs for both.
+// ChannelMessages_test.cpp - what all channels have in common: the frame both ways, over a scripted
+// transport. Every test runs for client and server and for each transport.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "FakeIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
 #include "RecordingChannel.h"
@@ -26,19 +25,21 @@ using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
 using Strings = std::vector<std::string>;
 
-struct ConnectedClient : ClientFixture {
-  static constexpr const char* kName = "CZARNLibClientChannel";
-  Transport transport = ConnectFully();
-  RecordingClient& Channel() { return *client; }
-};
-
-struct OpenServer : ServerFixture {
-  static constexpr const char* kName = "CZARNLibServerChannel";
-  RecordingServer& Channel() { return *server; }
+template <class World>
+struct ConnectedClient : ClientFixture<World> {
+  using Rules = World;
+  typename ClientFixture<World>::Transport transport = this->ConnectFully();
+  auto& Channel() { return *this->client; }
 };
 
 template <class World>
-class ChannelMessages : public ::testing::Test, public World {
+struct OpenServer : ServerFixture<World> {
+  using Rules = World;
+  auto& Channel() { return *this->server; }
+};
+
+template <class Open>
+class ChannelMessages : public ::testing::Test, public Open {
  protected:
   // Bytes of one block form send.
   AWResult SendBlock(std::uint16_t type, std::uint32_t tag, CAWMessageBlock& block) {
@@ -50,21 +51,30 @@ class ChannelMessages : public ::testing::Test, public World {
   std::size_t Handle(const std::string& bytes) {
     return this->Channel().HandleMessage(bytes.data(), bytes.size());
   }
+  // What is unread of a block of `length` bytes that was accepted.
+  static std::size_t LeftOfSent(std::size_t length) {
+    return Open::Rules::kAdvancesSentBlocks ? 0 : length;
+  }
   // The line of a malformed frame, to the letter.
   static std::string Complaint(unsigned pduLength, unsigned dataSize) {
-    return std::string(World::kName) + "::HandleMessage, pdulen=" + std::to_string(pduLength) +
-           ", datasize" + std::to_string(dataSize) + " fatal error";
+    return std::string(Open::Rules::kName) +
+           "::HandleMessage, pdulen=" + std::to_string(pduLength) + ", datasize" +
+           std::to_string(dataSize) + " fatal error";
   }
 };
 
-using Worlds = ::testing::Types<ConnectedClient, OpenServer>;
-struct WorldNames {
-  template <class World>
+struct ChannelNames {
+  template <class Open>
   static std::string GetName(int) {
-    return World::kName;
+    return Open::Rules::kName;
   }
 };
-TYPED_TEST_SUITE(ChannelMessages, Worlds, WorldNames);
+
+using OverIpcChannels = ::testing::Types<ConnectedClient<IpcClient>, OpenServer<IpcServer>>;
+using OverShmChannels = ::testing::Types<ConnectedClient<ShmClient>, OpenServer<ShmServer>>;
+using AllChannels = ::testing::Types<ConnectedClient<IpcClient>, OpenServer<IpcServer>,
+                                     ConnectedClient<ShmClient>, OpenServer<ShmServer>>;
+TYPED_TEST_SUITE(ChannelMessages, AllChannels, ChannelNames);
 
 // --- sending ---
 
@@ -137,7 +147,7 @@ TYPED_TEST(ChannelMessages, ChainOfBlocksIsOnePayload) {
   EXPECT_EQ(this->SendBlock(1, 2, block), AW_OK);
   EXPECT_EQ(this->transport->wire, Frame(1, 2, "one,two"));
   EXPECT_EQ(block.GetNext(), second);
-  EXPECT_EQ(block.GetChainedLength(), 0U);
+  EXPECT_EQ(block.GetChainedLength(), this->LeftOfSent(7));
 }
 
 TYPED_TEST(ChannelMessages, BlockOnTheStackStaysTheCallersAfterASend) {
@@ -146,7 +156,7 @@ TYPED_TEST(ChannelMessages, BlockOnTheStackStaysTheCallersAfterASend) {
     block.Write("stack", 5);
     EXPECT_EQ(this->SendBlock(1, 2, block), AW_OK);
     EXPECT_EQ(block.GetNext(), nullptr);
-    EXPECT_EQ(block.GetLength(), 0U);  // sent
+    EXPECT_EQ(block.GetLength(), this->LeftOfSent(5));
     EXPECT_FALSE(block.IsShared());
   }
   EXPECT_EQ(this->transport->wire, Frame(1, 2, "stack"));
@@ -159,23 +169,10 @@ TYPED_TEST(ChannelMessages, BlockOnTheStackStaysTheCallersAfterAPartialSend) {
     block.Write("stack", 5);
     EXPECT_EQ(this->SendBlock(1, 2, block), AW_OK);
     EXPECT_EQ(block.GetNext(), nullptr);
-    EXPECT_EQ(block.GetLength(), 0U);
+    EXPECT_EQ(block.GetLength(), this->LeftOfSent(5));
   }
   EXPECT_EQ(this->Channel().GetSendQueueLength(), 3U);
   this->transport->ReadyToSend();
-  EXPECT_EQ(this->transport->wire, Frame(1, 2, "stack"));
-}
-
-TYPED_TEST(ChannelMessages, BlockOnTheStackStaysTheCallersAndUnreadAfterAnError) {
-  this->transport->AnswerNext(EPIPE, 0);
-  CAWMessageBlock block(8);
-  block.Write("stack", 5);
-  EXPECT_EQ(this->SendBlock(1, 2, block), static_cast<AWResult>(EPIPE));
-  EXPECT_EQ(block.GetNext(), nullptr);
-  EXPECT_EQ(block.GetLength(), 5U);
-  EXPECT_FALSE(block.IsShared());
-  EXPECT_EQ(this->Channel().GetSendQueueLength(), 0U);
-  EXPECT_EQ(this->SendBlock(1, 2, block), AW_OK);
   EXPECT_EQ(this->transport->wire, Frame(1, 2, "stack"));
 }
 
@@ -382,8 +379,8 @@ TYPED_TEST(ChannelMessages, StallThatTheOwnerEndsFreesTheBytes) {
   TraceLines trace;
   this->transport->Receive(Header(1, 20, 2, 4) + std::string(8, 'x'));
   this->Channel().Close(0);
-  keelbase::CAWAutoPtr<FakeTransport> fresh(new FakeTransport);
-  keelbase::CAWAutoPtr<fipc::IAWIPCTransport> handle(fresh.Get());
+  auto fresh = this->NewTransport();
+  keelbase::CAWAutoPtr<typename TypeParam::Rules::Platform::Transport> handle(fresh.Get());
   this->Channel().SetTransportHandle(handle);
   EXPECT_FALSE(fresh->IsReadingStopped());
   fresh->Receive(Frame(1, 1, "good"));
@@ -411,6 +408,55 @@ TYPED_TEST(ChannelMessages, EchoFromInsideTheHandlerWorks) {
   this->Channel().onMessage = [&] { this->SendText("echo"); };
   this->transport->Receive(Frame(1, 1, "one") + Frame(2, 2, "two"));
   EXPECT_EQ(this->transport->wire, Frame(1, 2, "echo") + Frame(1, 2, "echo"));
+}
+
+// --- errors of the transport ---
+
+template <class Open>
+class ChannelErrorsOverIpc : public ChannelMessages<Open> {};
+TYPED_TEST_SUITE(ChannelErrorsOverIpc, OverIpcChannels, ChannelNames);
+
+TYPED_TEST(ChannelErrorsOverIpc, BlockOnTheStackStaysTheCallersAndUnreadAndMayBeSentAgain) {
+  this->transport->AnswerNext(EPIPE, 0);
+  CAWMessageBlock block(8);
+  block.Write("stack", 5);
+  EXPECT_EQ(this->SendBlock(1, 2, block), static_cast<AWResult>(EPIPE));
+  EXPECT_EQ(block.GetNext(), nullptr);
+  EXPECT_EQ(block.GetLength(), 5U);
+  EXPECT_FALSE(block.IsShared());
+  EXPECT_EQ(this->Channel().GetSendQueueLength(), 0U);
+  EXPECT_EQ(this->SendBlock(1, 2, block), AW_OK);
+  EXPECT_EQ(this->transport->wire, Frame(1, 2, "stack"));
+}
+
+template <class Open>
+class ChannelErrorsOverShm : public ChannelMessages<Open> {};
+TYPED_TEST_SUITE(ChannelErrorsOverShm, OverShmChannels, ChannelNames);
+
+TYPED_TEST(ChannelErrorsOverShm, BlockOnTheStackStaysTheCallersAndUnreadAndItsBytesStayQueued) {
+  this->transport->AnswerNext(EPIPE, 0);
+  {
+    CAWMessageBlock block(8);
+    block.Write("stack", 5);
+    EXPECT_EQ(this->SendBlock(1, 2, block), AW_ERROR_FAILURE);
+    EXPECT_EQ(block.GetNext(), nullptr);
+    EXPECT_EQ(block.GetLength(), 5U);
+    EXPECT_FALSE(block.IsShared());
+  }
+  EXPECT_EQ(this->Channel().GetSendQueueLength(), 17U);
+  this->transport->ReadyToSend();
+  EXPECT_EQ(this->transport->wire, Frame(1, 2, "stack"));
+}
+
+TYPED_TEST(ChannelErrorsOverShm, FramesThatMetErrorsGoOutWholeAndInOrder) {
+  for (int i = 0; i < 3; ++i) this->transport->AnswerNext(EPIPE, 0);
+  EXPECT_EQ(this->SendText("one"), AW_ERROR_FAILURE);
+  EXPECT_EQ(this->Channel().SendZARNMessage(1, 2, nullptr, 0), AW_ERROR_FAILURE);
+  EXPECT_EQ(this->SendText(std::string(60000, 'l')), AW_ERROR_FAILURE);
+  EXPECT_EQ(this->SendText("four"), AW_OK);
+  EXPECT_TRUE(this->transport->wire == Frame(1, 2, "one") + Frame(1, 2, "") +
+                                           Frame(1, 2, std::string(60000, 'l')) +
+                                           Frame(1, 2, "four"));
 }
 
 }  // namespace

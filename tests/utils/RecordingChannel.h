@@ -1,16 +1,22 @@
-// RecordingChannel.h - client and server channels for tests, which note every message.
+// RecordingChannel.h - client and server channels for tests, which note every message. A test whose
+// rule holds for all of a kind runs over all `ClientWorlds` or `ServerWorlds`.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "FakeIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
+#include "RecordingStream.h"
 #include "TempRoot.h"
+#include "zarn/utils/CShmZARNLibClientChannel.h"
+#include "zarn/utils/CShmZARNLibServerChannel.h"
 #include "zarn/utils/CZARNLibClientChannel.h"
 #include "zarn/utils/CZARNLibServerChannel.h"
 
@@ -40,20 +46,77 @@ class Recording : public Channel {
   }
 };
 
-using RecordingClient = Recording<utils::CZARNLibClientChannel>;
-using RecordingServer = Recording<utils::CZARNLibServerChannel>;
+// --- channel classes ---
 
-struct ClientFixture {
-  using Transport = keelbase::CAWAutoPtr<FakeTransport>;
+// What channels take from the stream class below them.
+struct ChannelOverIpc : OverIpc {
+  static constexpr bool kAdvancesSentBlocks = true;
+  static keelbase::CAWIPCAddr EndpointOf(const TempRoot& root, int first, int second) {
+    return keelbase::CAWIPCAddr(
+        root.GetIpcPath(std::to_string(first) + "_" + std::to_string(second)));
+  }
+};
+
+struct ChannelOverShm : OverShm {
+  static constexpr bool kAdvancesSentBlocks = false;
+  static fshmipc::CAWShmIPCAddr EndpointOf(const TempRoot&, std::uint16_t first,
+                                           std::uint16_t second) {
+    return {first, second};
+  }
+};
+
+struct IpcClient : ChannelOverIpc {
+  static constexpr const char* kName = "CZARNLibClientChannel";
+  using Channel = Recording<utils::CZARNLibClientChannel>;
+};
+
+struct IpcServer : ChannelOverIpc {
+  static constexpr const char* kName = "CZARNLibServerChannel";
+  using Channel = Recording<utils::CZARNLibServerChannel>;
+};
+
+struct ShmClient : ChannelOverShm {
+  static constexpr const char* kName = "CShmZARNLibClientChannel";
+  using Channel = Recording<utils::CShmZARNLibClientChannel>;
+};
+
+struct ShmServer : ChannelOverShm {
+  static constexpr const char* kName = "CShmZARNLibServerChannel";
+  using Channel = Recording<utils::CShmZARNLibServerChannel>;
+};
+
+using ClientWorlds = ::testing::Types<IpcClient, ShmClient>;
+using ServerWorlds = ::testing::Types<IpcServer, ShmServer>;
+
+// --- fixtures ---
+
+template <class World>
+struct ChannelFixture {
+  using Transport = keelbase::CAWAutoPtr<typename World::Transport>;
+  using Handle = keelbase::CAWAutoPtr<typename World::Platform::Transport>;
+
+  CallLog log;
+
+  Transport NewTransport() { return Transport(new typename World::Transport(&log)); }
+};
+
+template <class World>
+struct ClientFixture : ChannelFixture<World> {
+  using typename ChannelFixture<World>::Transport;
+  using Client = typename World::Channel;
 
   HandClock clock;
   TempRoot root;
-  FakeManager manager;
-  std::unique_ptr<RecordingClient> client = std::make_unique<RecordingClient>();
+  typename World::Manager manager;
+  std::unique_ptr<Client> client = std::make_unique<Client>();
+
+  auto Endpoint(std::uint16_t first, std::uint16_t second) {
+    return World::EndpointOf(root, first, second);
+  }
 
   // Ends the connect that is under way well.
   Transport CompleteLast() {
-    Transport transport(new FakeTransport);
+    Transport transport = this->NewTransport();
     manager.Last().Complete(0, transport.Get());
     return transport;
   }
@@ -67,12 +130,13 @@ struct ClientFixture {
   }
 };
 
-struct ServerFixture {
-  using Transport = keelbase::CAWAutoPtr<FakeTransport>;
+template <class World>
+struct ServerFixture : ChannelFixture<World> {
+  using typename ChannelFixture<World>::Transport;
+  using Server = typename World::Channel;
 
-  CallLog log;
-  Transport transport{new FakeTransport(&log)};
-  std::unique_ptr<RecordingServer> server = std::make_unique<RecordingServer>(transport.Get());
+  Transport transport = this->NewTransport();
+  std::unique_ptr<Server> server = std::make_unique<Server>(transport.Get());
 };
 
 }  // namespace zarn::test

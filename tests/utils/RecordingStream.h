@@ -1,38 +1,45 @@
-// RecordingStream.h - a stream for tests: frames end with ';', and everything that happens is
-// noted.
+// RecordingStream.h - streams for tests: frames end with ';', and everything that happens is noted.
+// A test whose rule holds for every stream class runs over all `StreamWorlds`.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "FakeIpc.h"
+#include "FakeShmIpc.h"
 #include "zarn/utils/CZARNIPCStreamBase.h"
+#include "zarn/utils/CZARNShmIPCStreamBase.h"
 
 namespace zarn::test {
 
-class RecordingStream : public utils::CZARNIPCStreamBase {
+// Adds the noting to a stream class.
+template <class Stream>
+class StreamRecorder : public Stream {
  public:
-  explicit RecordingStream(CallLog* log = nullptr) : log_(log) {}
-  ~RecordingStream() override {
+  explicit StreamRecorder(CallLog* log = nullptr) : log_(log) {}
+  ~StreamRecorder() override {
     if (destroyed != nullptr) *destroyed = true;
   }
 
   std::vector<std::string> views;      // what each HandleMessage was given
   std::vector<const char*> addresses;  // and where it stood
   std::vector<std::string> frames;
-  std::vector<long> peerDisconnects;
-  std::vector<long> connecteds;
+  std::vector<std::string> upcalls;  // all but HandleMessage, with the reason
   bool* destroyed = nullptr;
 
   // Called in place of, or from inside, the upcalls. A hook runs from a copy: it may delete the
   // stream.
   std::function<std::size_t(const char*, std::size_t)> onMessage;
-  std::function<void(long)> onPeerDisconnect;
-  std::function<void(long)> onConnected;
+  std::function<void()> onConnected;
+  std::function<void()> onEnd;  // in whatever upcall tells that it is over
 
   std::size_t HandleMessage(const char* data, std::size_t len) override {
     views.emplace_back(data, len);
@@ -43,14 +50,12 @@ class RecordingStream : public utils::CZARNIPCStreamBase {
 
   void OnPeerDisconnect(long reason) override {
     Note("OnPeerDisconnect(" + std::to_string(reason) + ")");
-    peerDisconnects.push_back(reason);
-    if (const auto hook = onPeerDisconnect) hook(reason);
+    if (const auto hook = onEnd) hook();
   }
 
   int OnConnected(long reason) override {
     Note("OnConnected(" + std::to_string(reason) + ")");
-    connecteds.push_back(reason);
-    if (const auto hook = onConnected) hook(reason);
+    if (const auto hook = onConnected) hook();
     return 1;
   }
 
@@ -63,26 +68,94 @@ class RecordingStream : public utils::CZARNIPCStreamBase {
     return end + 1;
   }
 
-  using CZARNIPCStreamBase::SetReceiveLimit;
-  using CZARNIPCStreamBase::StopReading;
+  using Stream::SetReceiveLimit;
+  using Stream::StopReading;
+
+ protected:
+  void Note(const std::string& upcall) {
+    upcalls.push_back(upcall);
+    if (log_ != nullptr) log_->push_back(upcall);
+  }
 
  private:
-  void Note(const std::string& call) {
-    if (log_ != nullptr) log_->push_back(call);
-  }
   CallLog* log_;
 };
 
+using RecordingStream = StreamRecorder<utils::CZARNIPCStreamBase>;
+
+class RecordingShmStream : public StreamRecorder<utils::CZARNShmIPCStreamBase> {
+ public:
+  using StreamRecorder::StreamRecorder;
+
+  void OnClose() override {
+    Note("OnClose");
+    if (const auto hook = onEnd) hook();
+  }
+  void OnConnectFailure(long reason) override {
+    Note("OnConnectFailure(" + std::to_string(reason) + ")");
+    if (const auto hook = onEnd) hook();
+  }
+};
+
+// --- a stream class, its fakes, and where its rules differ from the others' ---
+
+struct OverIpc {
+  static constexpr const char* kName = "CZARNIPCStreamBase";
+  using Platform = LocalIpc;
+  using Stream = RecordingStream;
+  using Transport = FakeTransport;
+  using Manager = FakeManager;
+
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
+  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
+  static std::string FailedConnect(long reason) {
+    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  }
+  static keelbase::CAWIPCAddr Endpoint(std::uint16_t number) {
+    return keelbase::CAWIPCAddr("/ipc/" + std::to_string(number));
+  }
+};
+
+struct OverShm {
+  static constexpr const char* kName = "CZARNShmIPCStreamBase";
+  using Platform = ShmIpc;
+  using Stream = RecordingShmStream;
+  using Transport = FakeShmTransport;
+  using Manager = FakeShmManager;
+
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_FAILURE;
+  static constexpr const char* kClosedByHandler = "OnClose";
+  static std::string FailedConnect(long reason) {
+    return "OnConnectFailure(" + std::to_string(reason) + ")";
+  }
+  static fshmipc::CAWShmIPCAddr Endpoint(std::uint16_t number) { return {number, 7}; }
+};
+
+using StreamWorlds = ::testing::Types<OverIpc, OverShm>;
+
+// Typed tests are called after the class that they run over.
+struct WorldNames {
+  template <class World>
+  static std::string GetName(int) {
+    return World::kName;
+  }
+};
+
 // A stream and its world. Attach() gives it a connection the short way.
+template <class World>
 struct StreamFixture {
-  using Transport = keelbase::CAWAutoPtr<FakeTransport>;
-  using Handle = keelbase::CAWAutoPtr<fipc::IAWIPCTransport>;
+  using Stream = typename World::Stream;
+  using Transport = keelbase::CAWAutoPtr<typename World::Transport>;
+  using Handle = keelbase::CAWAutoPtr<typename World::Platform::Transport>;
 
   CallLog log;
-  FakeManager manager{&log};
-  std::unique_ptr<RecordingStream> stream = std::make_unique<RecordingStream>(&log);
+  typename World::Manager manager{&log};
+  bool destroyed = false;  // the stream
+  std::unique_ptr<Stream> stream = std::make_unique<Stream>(&log);
 
-  Transport NewTransport() { return Transport(new FakeTransport(&log)); }
+  StreamFixture() { stream->destroyed = &destroyed; }
+
+  Transport NewTransport() { return Transport(new typename World::Transport(&log)); }
 
   Transport Attach() {
     Transport transport = NewTransport();
@@ -91,9 +164,13 @@ struct StreamFixture {
     return transport;
   }
 
+  keelbase::AWResult Connect(std::uint16_t number = 1) {
+    return stream->Connect(World::Endpoint(number), nullptr);
+  }
+
   // Connect and its good end: the stream holds a connector and a transport.
   Transport ConnectFully() {
-    stream->Connect(keelbase::CAWIPCAddr("/peer"), nullptr);
+    Connect();
     Transport transport = NewTransport();
     manager.Last().Complete(0, transport.Get());
     return transport;
@@ -101,6 +178,18 @@ struct StreamFixture {
 
   keelbase::AWResult Send(const std::string& bytes) {
     return stream->SendMsg(bytes.data(), bytes.size());
+  }
+
+  // Runs `action` while the first message is handled; the messages after it are taken as usual.
+  void DuringFirstMessage(std::function<void()> action) {
+    stream->onMessage = [this, action = std::move(action)](const char* data, std::size_t len) {
+      const std::size_t taken = stream->TakeFrame(data, len);
+      if (stream->frames.size() == 1) action();
+      return taken;
+    };
+  }
+  void DeleteAtTheEnd() {
+    stream->onEnd = [this] { stream.reset(); };
   }
 };
 

@@ -167,8 +167,6 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   void StopAtMalformedFrame();
 
  private:
-  void DropConnector();
-  void DropTransport(long reason);
   void EndConnection(long reason);
   void CloseAndReport(long reason);
   void Report(long reason);

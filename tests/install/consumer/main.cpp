@@ -5,6 +5,7 @@
 #include "fipc/CAWIPCManager.h"
 #include "fshmipc/CAWShmIPCAddr.h"
 #include "keelbase/CAWError.h"
+#include "wface/CAWConnectionManager.h"
 #include "zarn/utils/zarnutils.h"
 
 int main() {
@@ -13,6 +14,7 @@ int main() {
   zarn::utils::FromJno(zarn::utils::MakeJno(1, 2), low, high);
   const bool usable = zarn::utils::GetHashKey(fshmipc::CAWShmIPCAddr(1, 2)) != 0 &&
                       fipc::CAWIPCManager::Instance() != nullptr &&
+                      wface::CAWConnectionManager::Instance() != nullptr &&
                       !keelbase::DescribeResult(keelbase::AW_ERROR_FAILURE).empty();
   std::printf("%d_%d\n", low, high);
   return usable ? 0 : 1;

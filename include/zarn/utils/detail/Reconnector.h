@@ -13,9 +13,8 @@ class ZARNUTILS_API Reconnector {
  public:
   explicit Reconnector(keelbase::CAWTimerWrapperIDSink* channel) : channel_(channel) {}
 
-  void Start();         // the first tick comes in a second, whatever was scheduled
   void SetConnected();  // no more ticks
-  void SetLost();       // ticks from now on
+  void SetLost();       // the first tick comes in a second, whatever was scheduled
   void SetDown() { connected_ = false; }  // leaves the ticks as they are
 
   // For OnTimer: true when an attempt is to be made, which is counted.
