@@ -5,6 +5,7 @@
 #include "fipc/CAWIPCManager.h"
 #include "fshmipc/CAWShmIPCAddr.h"
 #include "keelbase/CAWError.h"
+#include "ptcp/CAWPseudoTCPManager.h"
 #include "wface/CAWConnectionManager.h"
 #include "zarn/utils/zarnutils.h"
 
@@ -14,6 +15,7 @@ int main() {
   zarn::utils::FromJno(zarn::utils::MakeJno(1, 2), low, high);
   const bool usable = zarn::utils::GetHashKey(fshmipc::CAWShmIPCAddr(1, 2)) != 0 &&
                       fipc::CAWIPCManager::Instance() != nullptr &&
+                      ptcp::CAWPseudoTCPManager::Instance() != nullptr &&
                       wface::CAWConnectionManager::Instance() != nullptr &&
                       !keelbase::DescribeResult(keelbase::AW_ERROR_FAILURE).empty();
   std::printf("%d_%d\n", low, high);

@@ -126,7 +126,7 @@ class KEELBASE_API EventLoop {
   void FinishLingers();
 
  private:
-  bool Turn(int timeoutMs);
+  bool Turn(std::int64_t timeoutNs);  // below 0: for ever
   bool Dispatch(int count);
   bool RunPosted();
   bool RunTimers();
@@ -137,7 +137,7 @@ class KEELBASE_API EventLoop {
   bool RunPollers();
   bool ArmPollers();
   void ForgetPollers();
-  int SleepTime() const;
+  std::int64_t SleepTime() const;
   bool PrepareSleep();
   void Wake();
   void DropPosted();
