@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -21,7 +23,7 @@ using namespace bench;
 using iox::popo::ConsumerTooSlowPolicy;
 using iox::popo::QueueFullPolicy;
 
-constexpr std::uint64_t kDepth = 256;  // samples under way, the most that it can
+constexpr std::uint64_t kDepth = 64;  // samples under way; the daemon has 200 of the longest
 
 // Runs while the child process of this run does. Ended by SIGKILL, because with SIGTERM it would
 // end us too; the next one clears away what it leaves.
@@ -49,7 +51,8 @@ class Daemon {
 };
 
 void Start(const char* role) {
-  iox::log::LogManager::GetLogManager().SetDefaultLogLevel(iox::log::LogLevel::kError);
+  iox::log::LogManager::GetLogManager().SetDefaultLogLevel(iox::log::LogLevel::kOff,
+                                                           iox::log::LogLevelOutput::kHideLogLevel);
   const std::string name = std::string("bench") + role + std::to_string(::getpid());
   iox::runtime::PoshRuntime::initRuntime(iox::RuntimeName_t(iox::cxx::TruncateToCapacity, name));
 }
@@ -178,4 +181,8 @@ void Ask(const Options& options, const Control&, RoundTrips& trips) {
 
 }  // namespace
 
-int main(int argc, char** argv) { return Main(argc, argv, {"iceoryx", Receive, Send, Echo, Ask}); }
+int main(int argc, char** argv) {
+  const int result = Main(argc, argv, {"iceoryx", Receive, Send, Echo, Ask});
+  std::fflush(stdout);
+  std::_Exit(result);  // its own end would look for the daemon, which is gone by then
+}

@@ -39,6 +39,10 @@ class Case:
         self.limits = limits  # (contestant that ours is divided by, "at least"/"at most", bound)
         self.results = {name: [] for name in contestants}
 
+    def run(self, runner):
+        """What each contestant has printed."""
+        return {name: runner.run(arguments) for name, arguments in self.contestants.items()}
+
     def median(self, contestant, key=None):
         return statistics.median(result[key or self.metric.key]
                                  for result in self.results[contestant])
@@ -48,6 +52,22 @@ class Case:
 
     def ours(self):
         return next(iter(self.contestants))
+
+
+class SharedCase(Case):
+    """A case whose contestants are measured in turn by one program, which prints an object for each
+    of them: for what moves more between two processes than the contestants differ by. The one that
+    is set up first may be at a disadvantage, so each is once (--first), and means are taken."""
+
+    def __init__(self, name, metric, names, arguments, limits):
+        super().__init__(name, metric, dict.fromkeys(names, arguments), limits)
+        self.arguments = arguments
+
+    def run(self, runner):
+        printed = [runner.run([*self.arguments, "--first", name]) for name in self.contestants]
+        return {name: {key: statistics.mean(one[name][key] for one in printed)
+                       for key in printed[0][name]}
+                for name in self.contestants}
 
 
 class Runner:
@@ -78,8 +98,8 @@ def run_all(cases, runner, runs):
     for number in range(1, runs + 1):
         for case in cases:
             progress(f"run {number} of {runs}: {case.name}")
-            for contestant, arguments in case.contestants.items():
-                case.results[contestant].append(runner.run(arguments))
+            for contestant, result in case.run(runner).items():
+                case.results[contestant].append(result)
     progress("")
     return time.monotonic() - start
 

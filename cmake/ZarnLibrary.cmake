@@ -19,29 +19,32 @@ function(zarn_set_warnings target)
 endfunction()
 
 # zarn_library(NAME name DESCRIPTION text INCLUDE_DIR dir
-#              [SOURCE_DIR dir] [EXPORT_NAME name] [PUBLIC_DEPS ...] [PRIVATE_DEPS ...] [HEADER_ONLY])
+#              [SOURCE_DIR dir] [EXPORT_NAME name] [PUBLIC_DEPS ...] [PUBLIC_PACKAGES ...]
+#              [PRIVATE_DEPS ...] [HEADER_ONLY])
 #
 # Declares a library with its public headers (*.h below INCLUDE_DIR) and its sources (SOURCE_DIR/*.cpp;
 # private headers lie beside them), its installation and its pkg-config file. PUBLIC_DEPS are
-# libraries declared in this way; PRIVATE_DEPS may be any target. Makes
+# libraries declared in this way; PUBLIC_PACKAGES are pkg-config packages whose types the public
+# headers name, each the target PkgConfig::<package>; PRIVATE_DEPS may be any target. Makes
 #   NAME          the shared library, also known as zarn::EXPORT_NAME
 #   NAME_static   the same objects with every symbol within reach, for unit tests and fuzz targets.
 # A program links one kind or the other, never both: each singleton must exist once.
 function(zarn_library)
   cmake_parse_arguments(
     arg "HEADER_ONLY" "NAME;DESCRIPTION;INCLUDE_DIR;SOURCE_DIR;EXPORT_NAME"
-    "PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+    "PUBLIC_DEPS;PUBLIC_PACKAGES;PRIVATE_DEPS" ${ARGN})
   if(NOT arg_EXPORT_NAME)
     set(arg_EXPORT_NAME ${arg_NAME})
   endif()
   cmake_path(ABSOLUTE_PATH arg_INCLUDE_DIR OUTPUT_VARIABLE include_dir)
+  list(TRANSFORM arg_PUBLIC_PACKAGES PREPEND PkgConfig:: OUTPUT_VARIABLE packages)
 
   if(arg_HEADER_ONLY)
     add_library(${arg_NAME} INTERFACE)
-    zarn_add_usage(${arg_NAME} INTERFACE ${include_dir} ${arg_PUBLIC_DEPS})
+    zarn_add_usage(${arg_NAME} INTERFACE ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
     add_library(${arg_NAME}_static INTERFACE)
     list(TRANSFORM arg_PUBLIC_DEPS APPEND _static OUTPUT_VARIABLE static_deps)
-    zarn_add_usage(${arg_NAME}_static INTERFACE ${include_dir} ${static_deps})
+    zarn_add_usage(${arg_NAME}_static INTERFACE ${include_dir} ${static_deps} ${packages})
   else()
     zarn_add_compiled_library()
   endif()
@@ -71,7 +74,7 @@ endfunction()
 macro(zarn_add_compiled_library)
   file(GLOB sources CONFIGURE_DEPENDS ${arg_SOURCE_DIR}/*.cpp)
   add_library(${arg_NAME}_objects OBJECT ${sources})
-  zarn_add_usage(${arg_NAME}_objects PUBLIC ${include_dir} ${arg_PUBLIC_DEPS})
+  zarn_add_usage(${arg_NAME}_objects PUBLIC ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
   target_link_libraries(${arg_NAME}_objects PRIVATE ${arg_PRIVATE_DEPS})
   target_include_directories(${arg_NAME}_objects PRIVATE ${arg_SOURCE_DIR})
   target_compile_definitions(${arg_NAME}_objects PRIVATE ZARN_VERSION="${PROJECT_VERSION}")
@@ -81,7 +84,7 @@ macro(zarn_add_compiled_library)
   zarn_set_warnings(${arg_NAME}_objects)
 
   add_library(${arg_NAME} SHARED $<TARGET_OBJECTS:${arg_NAME}_objects>)
-  zarn_add_usage(${arg_NAME} PUBLIC ${include_dir} ${arg_PUBLIC_DEPS})
+  zarn_add_usage(${arg_NAME} PUBLIC ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
   target_link_libraries(${arg_NAME} PRIVATE ${arg_PRIVATE_DEPS})
   set_target_properties(
     ${arg_NAME}
@@ -96,7 +99,7 @@ macro(zarn_add_compiled_library)
 
   add_library(${arg_NAME}_static STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:${arg_NAME}_objects>)
   list(TRANSFORM arg_PUBLIC_DEPS APPEND _static OUTPUT_VARIABLE static_deps)
-  zarn_add_usage(${arg_NAME}_static PUBLIC ${include_dir} ${static_deps})
+  zarn_add_usage(${arg_NAME}_static PUBLIC ${include_dir} ${static_deps} ${packages})
   target_link_libraries(${arg_NAME}_static PRIVATE ${arg_PRIVATE_DEPS})
   set_target_properties(${arg_NAME}_static PROPERTIES LINKER_LANGUAGE CXX)
 endmacro()
@@ -108,7 +111,7 @@ macro(zarn_install_pkgconfig)
   string(REGEX REPLACE "/$" "" pc_prefix "\${pcfiledir}/${pc_prefix}")
   file(RELATIVE_PATH pc_libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
   file(RELATIVE_PATH pc_includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
-  list(JOIN arg_PUBLIC_DEPS " " pc_requires)
+  string(JOIN " " pc_requires ${arg_PUBLIC_DEPS} ${arg_PUBLIC_PACKAGES})
   set(pc_libs "-L\${libdir} -l${arg_NAME}")
   if(arg_HEADER_ONLY)
     set(pc_libs "")

@@ -71,4 +71,37 @@ ReceivePass OfferHeldBlocks(Stream& stream, detail::Generation& generation, cons
   return pass;
 }
 
+// OnReceiveDirect of the streams that are handed blocks: calls stream.HandleMessage with `data`
+// itself, until it has answered for the first segment or with 0, and then advances `data` over what
+// it answered for. The handler sees the same block again as long as it does not advance it.
+// kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
+// is traced; kDestroyed or kReplaced.
+template <class Stream>
+ReceivePass::End OfferSameBlock(Stream& stream, keelbase::CAWMessageBlock& data,
+                                detail::Generation& generation, const bool& closed,
+                                CZARNStreamCounters& counters) {
+  using End = ReceivePass::End;
+  const detail::Generation::Watch watch(generation);
+  const std::size_t length = data.GetLength();
+  std::size_t consumed = 0;
+  while (consumed < length) {
+    const std::size_t remaining = length - consumed;
+    const std::size_t answered = stream.HandleMessage(data);
+    if (watch.IsDestroyed()) return End::kDestroyed;
+    if (watch.HasChanged() && !closed) return End::kReplaced;
+    if (answered > remaining) {
+      TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
+      return End::kClosed;
+    }
+    if (closed || answered == 0) break;
+    ++counters.messagesReceived;
+    consumed += answered;
+  }
+  if (closed) return End::kClosed;
+  counters.bytesReceived += consumed;
+  const std::size_t left = length - consumed;
+  if (data.GetLength() > left) data.AdvanceReadPtr(data.GetLength() - left);
+  return End::kNeedMore;
+}
+
 }  // namespace zarn::utils

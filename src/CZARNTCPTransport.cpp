@@ -90,33 +90,12 @@ void CZARNTCPTransport::OnReceive(CAWMessageBlock& data, wface::IAWTransport*,
   readGate_.Apply(transport_.Get(), received_.GetLength());
 }
 
-// The handler sees the same block again as long as it does not advance it.
 AWResult CZARNTCPTransport::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNTCPTransport::OnReceiveDirect");
-  const detail::Generation::Watch watch(generation_);
-  const std::size_t length = data.GetLength();
-  std::size_t consumed = 0;
-  while (consumed < length) {
-    const std::size_t remaining = length - consumed;
-    const std::uint16_t answered = HandleMessage(data);
-    if (watch.IsDestroyed()) return AW_ERROR_FAILURE;
-    if (watch.HasChanged() && !closed_) return AW_ERROR_FAILURE;
-    if (answered > remaining) {
-      TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, this);
-      closed_ = true;
-    }
-    if (closed_ || answered == 0) break;
-    ++counters_.messagesReceived;
-    consumed += answered;
-  }
-  if (closed_) {
-    CloseAndReport(0);
-    return AW_ERROR_FAILURE;
-  }
-  counters_.bytesReceived += consumed;
-  const std::size_t left = length - consumed;
-  if (data.GetLength() > left) data.AdvanceReadPtr(data.GetLength() - left);
-  return AW_OK;
+  const End end = OfferSameBlock(*this, data, generation_, closed_, counters_);
+  if (end == End::kNeedMore) return AW_OK;
+  if (end == End::kClosed) CloseAndReport(0);
+  return AW_ERROR_FAILURE;
 }
 
 void CZARNTCPTransport::SetReceiveLimit(std::size_t bytes) {

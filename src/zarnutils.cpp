@@ -5,12 +5,14 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <new>
 
 #include "keelbase/CAWEnvironment.h"
 #include "keelbase/CAWFile.h"
 #include "keelbase/CAWSocketUdp.h"
+#include "zarn/utils/CZARNShareMemory.h"
 
 namespace zarn::utils {
 
@@ -187,6 +189,20 @@ AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b, const keelbase::CAW
   std::sscanf(path.c_str() + directory.size() + 1, "%d_%d", &first, &second);
   a = static_cast<std::uint16_t>(second);
   b = static_cast<std::uint16_t>(first);
+  return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
+}
+
+// --- shared memory ---
+
+AWResult CreateMemory(keelbase::CAWAutoPtr<CZARNShareMemory>& out, const CAWString& name,
+                      std::size_t size) try {
+  constexpr std::size_t kLargest = std::numeric_limits<unsigned int>::max();
+  if (size == 0 || size > kLargest || name.empty()) return AW_ERROR_FAILURE;
+  auto memory = std::make_unique<CZARNShareMemory>(name, static_cast<unsigned int>(size));
+  if (memory->createshm() != 0) return AW_ERROR_FAILURE;
+  out = memory.release();
   return AW_OK;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;

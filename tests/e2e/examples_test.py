@@ -75,6 +75,14 @@ class Examples(unittest.TestCase):
             self.assertEqual(program.returncode, 1)
             self.assertIn("ZARN_ROOT", errors)
 
+    def test_modules_ask_and_answer_in_order(self):
+        program = self.start("modules", "7", "12", "-3")
+        output, errors = program.communicate(timeout=LIMIT)
+        self.assertEqual((program.returncode, errors), (0, ""))
+        self.assertEqual(output.splitlines(), [
+            "calculator: ready", "asker: 7 * 7 = 49", "asker: 12 * 12 = 144", "asker: -3 * -3 = 9",
+            "calculator: over"])
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -26,9 +26,15 @@ class StopAndContinue(ProgramTest):
         stopped.signal(signal.SIGCONT)
 
     def test_nothing_is_lost(self):
+        self.stop_and_continue()
+
+    def test_nothing_is_lost_over_shared_memory(self):
+        self.stop_and_continue("shm")
+
+    def stop_and_continue(self, *options):
         choice = random.Random(5)
-        server = self.start_server("load")
-        client = self.start_client("load")
+        server = self.start_server("load", *options)
+        client = self.start_client("load", *options)
         client.wait("connected")
         server.wait("accepted")
         for _ in range(STOPS):

@@ -121,12 +121,29 @@ class Completion(ToolTest):
         return result.stdout.split()
 
     def test_subcommands(self):
-        self.assertEqual(self.complete("zarn", "s"), ["serve", "send"])
+        self.assertEqual(self.complete("zarn", "s"), ["serve", "send", "shm"])
 
     def test_options_of_a_subcommand(self):
         offered = self.complete("zarn", "ping", "--")
         self.assertLessEqual({"--count", "--interval", "--spin", "--json"}, set(offered))
         self.assertNotIn("--echo", offered)
+
+    def test_log_takes_files_and_levels(self):
+        (self.root / "a.log").touch()
+        self.assertEqual(self.complete("zarn", "log", f"{self.root}/a"), [f"{self.root}/a.log"])
+        self.assertEqual(self.complete("zarn", "log", "--level", "W"), ["WARN"])
+        self.assertEqual(self.complete("zarn", "log", "--gr"), ["--grep"])
+    def test_verbs_options_and_names_of_the_stores(self):
+        self.assertEqual(self.complete("zarn", "db", "some.db", "ex"), ["export"])
+        self.assertEqual(self.complete("zarn", "kv", "store", ""), ["get", "put", "rm", "dump"])
+        self.assertEqual(self.complete("zarn", "shm", "i"), ["info"])
+        self.assertIn("--hex-key", self.complete("zarn", "db", "some.db", "set", "--h"))
+        segments = self.root / "system/zarn/shm/zarnshmm"
+        segments.mkdir(parents=True)
+        (segments / "zarn_shm_cfg").write_text("")
+        self.assertEqual(self.complete("zarn", "shm", "rm", "c"), ["cfg"])
+        self.assertEqual(self.complete("zarn", "db", str(segments) + "/z"),
+                         [str(segments / "zarn_shm_cfg")])
 
     def test_urls_of_listening_endpoints(self):
         self.serve()

@@ -6,7 +6,8 @@ import unittest
 
 from zarn_tool import ToolTest
 
-SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "env")
+SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "env", "log")
+STORES = ("db", "kv", "shm")
 WITH_URL = ("serve", "send", "ping", "bench")
 
 
@@ -24,7 +25,7 @@ class Usage(ToolTest):
 
     def test_help_of_everything_names_the_exit_codes_and_an_example(self):
         self.assertIn("3 peer not reachable", self.run_tool("--help").stdout)
-        for subcommand in SUBCOMMANDS:
+        for subcommand in SUBCOMMANDS + STORES:
             result = self.run_tool(subcommand, "--help")
             self.assertEqual(result.returncode, 0)
             self.assertRegex(result.stdout, rf"Example:\n  zarn {subcommand}")

@@ -417,5 +417,53 @@ TEST(CAWMessageBlock, LongChainsNeedNoStack) {
   EXPECT_EQ(copy.release()->ReclaimGarbage(), nullptr);
 }
 
+// --- KeepUnread ---
+
+// A chain of `count` blocks of three bytes each.
+Owned ChainOf(std::size_t count) {
+  Owned chain = Filled("abc");
+  for (std::size_t i = 1; i < count; ++i) chain->Append(Filled("abc").release());
+  return chain;
+}
+
+TEST(CAWMessageBlockKeepUnread, PutsEveryReadPointerBack) {
+  for (const std::size_t count : {1, 2, 7, 8, 9, 10, 100}) {
+    const Owned chain = ChainOf(count);
+    chain->AdvanceReadPtr(1);
+    const std::string before = chain->FlattenChained();
+    {
+      const CAWMessageBlock::KeepUnread keep(*chain);
+      EXPECT_EQ(chain->AdvanceChainedReadPtr(chain->GetChainedLength() - 1), AW_OK);
+      EXPECT_EQ(chain->GetChainedLength(), 1U);
+    }
+    EXPECT_EQ(chain->FlattenChained(), before) << count << " blocks";
+    const Owned rest(chain->DuplicateChained());
+    EXPECT_EQ(rest->FlattenChained(), before);
+  }
+}
+
+TEST(CAWMessageBlockKeepUnread, PutsThemBackForSharedAndBorrowedBytesToo) {
+  const std::string text = "borrowed";
+  const Owned owned = Filled("shared");
+  const Owned duplicate(owned->DuplicateChained());
+  owned->Append(Borrowed(text).release());
+  {
+    const CAWMessageBlock::KeepUnread keep(*owned);
+    owned->AdvanceChainedReadPtr(9);
+  }
+  EXPECT_EQ(owned->FlattenChained(), "sharedborrowed");
+  EXPECT_EQ(Text(*duplicate), "shared");
+}
+
+TEST(CAWMessageBlockKeepUnread, WhatWasWrittenMeanwhileStays) {
+  const Owned block = Filled("abc", 3);
+  {
+    const CAWMessageBlock::KeepUnread keep(*block);
+    block->AdvanceReadPtr(3);
+    EXPECT_EQ(block->Write("def", 3), AW_OK);
+  }
+  EXPECT_EQ(Text(*block), "abcdef");
+}
+
 }  // namespace
 }  // namespace keelbase

@@ -137,5 +137,56 @@ TEST(CAWCleanUpBase, ThreadsEndInTheChainAndMayUseOlderSingletonsToTheLast) {
   EXPECT_NE(OutputOf("threads").find("[worked][-first]"), std::string::npos);
 }
 
+TEST(CAWCleanUpBase, ThreadsEndBeforeASingletonThatIsNewerThanTheyAre) {
+  if (ChildTest::Role() == "threads") {
+    CAWThread* task = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK);
+    First* newer = CAWSingletonT<First>::Instance();
+    std::atomic<bool> begun{false};
+    task->Post([&begun, newer] {
+      begun = true;
+      while (!CAWCleanUpBase::HasRun()) std::this_thread::yield();
+      for (int i = 0; i < 100000; ++i) newer->value = i;
+      Say("worked");
+    });
+    while (!begun) std::this_thread::yield();
+    std::exit(0);
+  }
+  EXPECT_NE(OutputOf("threads").find("[worked][-first]"), std::string::npos);
+}
+
+// Says what becomes of it.
+class SayingEvent final : public IAWEvent {
+ public:
+  AWResult OnEventFire() override {
+    Say("fired");
+    return AW_OK;
+  }
+  ~SayingEvent() override { Say("destroyed"); }
+};
+
+TEST(CAWCleanUpBase, WhatWaitsOnAThreadThatDoesNotRunIsDestroyed) {
+  if (ChildTest::Role() == "never run") {
+    CAWThreadManager::Instance()->AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThreadManager::Instance()
+        ->GetThread(CAWThreadManager::TT_MAIN)
+        ->GetEventQueue()
+        ->Post(new SayingEvent);
+    std::exit(0);
+  }
+  if (ChildTest::Role() == "exits itself") {
+    CAWThread* task = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK);
+    task->Call([task] {
+      task->Post([] { std::exit(0); });
+      task->GetEventQueue()->Post(new SayingEvent);
+    });
+    for (;;) std::this_thread::yield();
+  }
+  for (const char* role : {"never run", "exits itself"}) {
+    const std::string output = OutputOf(role);
+    EXPECT_NE(output.find("[destroyed]"), std::string::npos) << role << output;
+    EXPECT_EQ(output.find("[fired]"), std::string::npos) << role << output;
+  }
+}
+
 }  // namespace
 }  // namespace keelbase

@@ -48,21 +48,21 @@ bool Await(Condition&& condition) {
 }
 
 // Records everything; a hook may do what an owner would do in that place.
-class TransportSink final : public fipc::IAWIPCTransportSink {
+template <class Interface, class Transport, class Parameter>
+class RecordingTransportSink final : public Interface {
  public:
-  void OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport* transport,
-                 fipc::CAWIPCTransportParameter*) override {
+  void OnReceive(CAWMessageBlock& data, Transport* transport, Parameter*) override {
     EXPECT_FALSE(ended);
     received += data.FlattenChained();
     ++receives;
     if (onReceive) onReceive(transport);
   }
-  void OnSend(fipc::IAWIPCTransport* transport, fipc::CAWIPCTransportParameter*) override {
+  void OnSend(Transport* transport, Parameter*) override {
     EXPECT_FALSE(ended);
     ++sends;
     if (onSend) onSend(transport);
   }
-  void OnDisconnect(long why, fipc::IAWIPCTransport* transport) override {
+  void OnDisconnect(long why, Transport* transport) override {
     EXPECT_FALSE(ended);
     ended = true;
     reason = why;
@@ -74,31 +74,44 @@ class TransportSink final : public fipc::IAWIPCTransportSink {
   int sends = 0;
   bool ended = false;
   long reason = -1;
-  std::function<void(fipc::IAWIPCTransport*)> onReceive;
-  std::function<void(fipc::IAWIPCTransport*)> onSend;
-  std::function<void(fipc::IAWIPCTransport*)> onDisconnect;
+  std::function<void(Transport*)> onReceive;
+  std::function<void(Transport*)> onSend;
+  std::function<void(Transport*)> onDisconnect;
 };
+using TransportSink = RecordingTransportSink<fipc::IAWIPCTransportSink, fipc::IAWIPCTransport,
+                                             fipc::CAWIPCTransportParameter>;
 
-class IndicationSink final : public fipc::IAWIPCAcceptorConnectorSink {
+template <class Interface, class Transport, class Id>
+class RecordingIndicationSink : public Interface {
  public:
   struct Indication {
     long reason;
-    CAWAutoPtr<fipc::IAWIPCTransport> transport;
-    fipc::IAWIPCAcceptorConnectorId* id;
+    CAWAutoPtr<Transport> transport;
+    Id* id;
   };
 
-  void OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
-                              fipc::IAWIPCAcceptorConnectorId* id) override {
+  std::vector<Indication> got;
+  int count = 0;
+  bool keep = true;
+  std::function<void(Transport*)> onIndication;
+
+ protected:
+  void Record(long reason, Transport* transport, Id* id) {
     EXPECT_EQ(reason == 0, transport != nullptr);
     if (onIndication) onIndication(transport);
     if (keep) got.push_back({reason, transport, id});
     ++count;
   }
+};
 
-  std::vector<Indication> got;
-  int count = 0;
-  bool keep = true;
-  std::function<void(fipc::IAWIPCTransport*)> onIndication;
+class IndicationSink final
+    : public RecordingIndicationSink<fipc::IAWIPCAcceptorConnectorSink, fipc::IAWIPCTransport,
+                                     fipc::IAWIPCAcceptorConnectorId> {
+ public:
+  void OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
+                              fipc::IAWIPCAcceptorConnectorId* id) override {
+    Record(reason, transport, id);
+  }
 };
 
 inline CAWAutoPtr<fipc::IAWIPCConnector> MakeConnector() {

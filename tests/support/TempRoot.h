@@ -2,8 +2,7 @@
 // afterwards.
 #pragma once
 
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>

@@ -394,6 +394,14 @@ TYPED_TEST(ChannelMessages, LongestUnfinishedFrameIsFarBelowTheReadingLimit) {
   EXPECT_FALSE(this->transport->IsReadingStopped());
 }
 
+TYPED_TEST(ChannelMessages, MoreThanAMebibyteUnconsumedStopsReading) {
+  this->Channel().takesNothing = true;
+  for (int i = 0; i < 16; ++i) this->transport->Receive(std::string(65536, 'f'));
+  EXPECT_FALSE(this->transport->IsReadingStopped());
+  this->transport->Receive("f");
+  EXPECT_TRUE(this->transport->IsReadingStopped());
+}
+
 // --- closing inside the handler ---
 
 TYPED_TEST(ChannelMessages, CloseInsideAMessageEndsDelivery) {

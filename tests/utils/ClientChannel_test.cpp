@@ -197,6 +197,7 @@ TYPED_TEST(ClientChannelConnect, OverflowKeepsTheChannelDownUntilTheOwnerActs) {
   auto transport = this->ConnectFully();
   this->client->OnRcvBufferOverFlow(1);
   EXPECT_EQ(transport->disconnects, std::vector<long>{0});
+  EXPECT_FALSE(this->client->IsConnected());
   EXPECT_TRUE(this->client->IsClosed());
   EXPECT_EQ(this->client->SendZARNMessage(1, 2, "x", 1), AW_ERROR_FAILURE);
   this->clock.Advance(seconds(10));

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -31,6 +32,11 @@ class Recording : public Channel {
   std::vector<Message> messages;
   std::function<void()> onMessage;  // called inside OnZARNMessage
   bool readAfterHook = false;       // read the payload only after onMessage
+  bool takesNothing = false;        // leaves all that comes unconsumed
+
+  std::size_t HandleMessage(const char* data, std::size_t len) override {
+    return takesNothing ? 0 : Channel::HandleMessage(data, len);
+  }
 
   void OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
                      std::size_t size) override {

@@ -127,6 +127,18 @@ TYPED_TEST(StreamReentry, NewTransportInsideHandleMessageStaysOpen) {
   EXPECT_EQ(this->stream->frames, (Strings{"one", "three"}));
 }
 
+TYPED_TEST(StreamReentry, NewTransportWithoutCloseInsideHandleMessageEndsTheOldDelivery) {
+  auto fresh = this->NewTransport();
+  typename TestFixture::Handle freshHandle(fresh.Get());
+  this->DuringFirstMessage([&] { this->stream->SetTransportHandle(freshHandle); });
+  this->transport->Receive("one;two;");
+  EXPECT_EQ(this->stream->frames, Strings{"one"});
+  EXPECT_EQ(this->transport->disconnects, std::vector<long>{0});
+  EXPECT_TRUE(this->stream->upcalls.empty());
+  fresh->Receive("three;");
+  EXPECT_EQ(this->stream->frames, (Strings{"one", "three"}));
+}
+
 TYPED_TEST(StreamReentry, OverlongCountFromTheOldConnectionDoesNotTearTheNewOneDown) {
   this->stream->onMessage = [&](const char*, std::size_t len) {
     this->stream->onMessage = nullptr;

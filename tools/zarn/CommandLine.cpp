@@ -21,7 +21,7 @@ int RunCommandLine(int argc, char** argv) {
   app.footer(
       std::string("Endpoints are urls: ipc://1_2 is endpoint 1_2 over local IPC, shm://1_2 over "
                   "shared memory, both below the install root, which the environment "
-                  "variable ZARN_ROOT names.\n") +
+                  "variable ZARN_ROOT names; tcp://host:7000 is a port over TCP.\n") +
       "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
@@ -33,6 +33,10 @@ int RunCommandLine(int argc, char** argv) {
   AddBench(app, action);
   AddLs(app, action);
   AddEnv(app, action);
+  AddLog(app, action);
+  AddDb(app, action);
+  AddKv(app, action);
+  AddShm(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -45,7 +49,7 @@ void AddUrl(CLI::App& command, Endpoint& endpoint) {
   command
       .add_option_function<std::string>(
           "URL", [&endpoint](const std::string& text) { ParseEndpoint(text, endpoint); },
-          "the endpoint, as ipc://1_2 or shm://1_2")
+          "the endpoint, as ipc://1_2, shm://1_2 or tcp://host:7000")
       ->check(CLI::Validator(
           [](const std::string& text) {
             Endpoint parsed;

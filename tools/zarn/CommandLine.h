@@ -23,6 +23,10 @@ void AddPing(CLI::App& app, Action& action);
 void AddBench(CLI::App& app, Action& action);
 void AddLs(CLI::App& app, Action& action);
 void AddEnv(CLI::App& app, Action& action);
+void AddLog(CLI::App& app, Action& action);
+void AddDb(CLI::App& app, Action& action);
+void AddKv(CLI::App& app, Action& action);
+void AddShm(CLI::App& app, Action& action);
 
 // --- options that several subcommands take; a value that is not good is a usage error ---
 

@@ -14,7 +14,8 @@ struct Pair {
   std::uint16_t second = 0;
 };
 
-// Decimal, without sign, blanks or leading zeros, so that each pair has one spelling.
+// Decimal, without sign, blanks or leading zeros, so that each number has one spelling.
+std::optional<std::uint16_t> ParseNumber(std::string_view text);
 std::optional<Pair> ParsePair(std::string_view text);
 std::string ToText(const Pair& pair);
 

@@ -3,11 +3,12 @@
 
 #include "IpcLink.h"
 #include "ShmLink.h"
+#include "TcpLink.h"
 
 namespace zarn::tool {
 
 namespace {
-const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme};
+const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme, &kTcpScheme};
 }  // namespace
 
 const Scheme* FindScheme(std::string_view name) {

@@ -52,7 +52,7 @@ class ClientLink {
 class ServerPeer {
  public:
   virtual const std::string& GetName() const = 0;  // printable, unique while the program runs
-  virtual std::int32_t GetProcess() const = 0;
+  virtual std::int32_t GetProcess() const = 0;     // 0: not known, and the user is not either
   virtual std::uint32_t GetUser() const = 0;
   virtual std::uint64_t GetMalformed() const = 0;
   virtual std::uint64_t GetMessages() const = 0;  // received, as are the bytes, headers included

@@ -72,14 +72,16 @@ class Serve final : private ServerSink {
 void Serve::OnPeer(ServerPeer& peer) {
   ++clients_;
   if (options_.quiet) return;
+  const bool known = peer.GetProcess() != 0;
+  if (!output_.IsJson() && !known) return output_.Text("{} connected", peer.GetName());
   if (!output_.IsJson())
     return output_.Text("{} connected: process {} ({}), user {}", peer.GetName(), peer.GetProcess(),
                         Escape(GetProgramName(peer.GetProcess())), GetUserName(peer.GetUser()));
   Json::Value object;
   object["event"] = "connected";
   object["peer"] = peer.GetName();
-  object["pid"] = peer.GetProcess();
-  object["user"] = GetUserName(peer.GetUser());
+  object["pid"] = known ? Json::Value(peer.GetProcess()) : Json::Value();
+  object["user"] = known ? Json::Value(GetUserName(peer.GetUser())) : Json::Value();
   output_.Object(object);
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 
 #include "fipc/CAWIPCManager.h"
@@ -19,6 +20,8 @@
 #include "zarn/utils/zarndefines.h"
 
 namespace zarn::utils {
+
+class CZARNShareMemory;
 
 // --- start and install root ---
 
@@ -90,6 +93,15 @@ ZARNUTILS_API keelbase::AWResult ZARNCreateIPCAddr(std::uint16_t a, std::uint16_
 // it. A path elsewhere is not recognised as such and gives any numbers.
 ZARNUTILS_API keelbase::AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b,
                                                  const keelbase::CAWIPCAddr& addr);
+
+// --- shared memory ---
+
+// A handle on the memory segment of that name, which it makes or attaches, in place of what `out`
+// held; zarn/utils/CZARNShareMemory.h has what goes for it. 0; 10001, with `out` as it was: size 0
+// or not below 4 GiB, an empty name, no system directory, or the segment cannot be had. After that
+// last one the segment's file is gone, also when it was somebody else's.
+ZARNUTILS_API keelbase::AWResult CreateMemory(keelbase::CAWAutoPtr<CZARNShareMemory>& out,
+                                              const keelbase::CAWString& name, std::size_t size);
 
 // --- numbers ---
 

@@ -27,9 +27,10 @@ namespace {
 // So much is shown to the reader before the turn's end: it can work while we go on.
 constexpr std::size_t kPublishSize = 16 * 1024;
 
-// The socket is watched edge by edge, so that a wake-up costs no read; after so many they are
-// read off.
-constexpr std::uint32_t kWakeUpsPerDrain = 32;
+// The socket is watched edge by edge, so that a wake-up costs no read. Each time that we ask for
+// one a byte may come, needed or not; after so many they are read off, or a full socket would keep
+// out the one that counts.
+constexpr std::uint32_t kAsksPerDrain = 32;
 
 }  // namespace
 
@@ -68,7 +69,6 @@ AWResult ShmConnection::Open(keelbase::internal::StreamSocketSink* sink) {
 void ShmConnection::OnReady(std::uint32_t events) {
   const CAWAutoPtr<ShmConnection> alive(this);
   if (state_ == State::lingering) return WriteLingering();
-  if (++wakeUps_ % kWakeUpsPerDrain == 0) DrainSocket();
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
     ReadRest();
   } else {
@@ -76,9 +76,11 @@ void ShmConnection::OnReady(std::uint32_t events) {
   }
 }
 
+// What was not seen yet goes too: to be followed by a look at the rings.
 void ShmConnection::DrainSocket() {
-  std::array<char, 4 * kWakeUpsPerDrain> bytes;
-  ::recv(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  std::array<char, 4096> bytes;
+  const ssize_t count = ::recv(socket_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  if (count < static_cast<ssize_t>(bytes.size())) asks_ = 0;
 }
 
 void ShmConnection::KeepPolling() {
@@ -103,6 +105,7 @@ bool ShmConnection::Poll() {
 }
 
 bool ShmConnection::Arm() {
+  if (++asks_ > kAsksPerDrain) DrainSocket();
   const bool work =
       state_ == State::open && (writer_.IsBroken() || (roomWanted_ && !writer_.WaitForRoom()) ||
                                 (reading_ && !reader_.Sleep()));
@@ -142,6 +145,7 @@ void ShmConnection::ReadRest() {
     if (!ReadOnce()) break;
     left -= std::min<std::size_t>(left, counters_.bytesReceived - before);
   }
+  if (state_ != State::open) return;  // closed by its owner: the memory may be gone
   End(reader_.HasEnded() ? 0 : ECONNRESET);
 }
 
@@ -186,7 +190,7 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
   if (writer_.Unpublished() != 0) Publish();
   ++counters_.partialSends;
   roomWanted_ = true;
-  const bool wait = writer_.WaitForRoom() && !writer_.IsBroken();
+  const bool wait = ++asks_ <= kAsksPerDrain && writer_.WaitForRoom() && !writer_.IsBroken();
   if (!wait && state_ == State::open) KeepPolling();
   return writer_.IsBroken() && written == 0 ? AW_ERROR_FAILURE : AW_ERROR_PARTIAL_DATA;
 }
@@ -203,8 +207,13 @@ std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
   counters_.bytesSent += written;
   if (writer_.Unpublished() >= kPublishSize) {
     Publish();
-  } else if (written != 0 && !std::exchange(dirty_, true)) {
-    loop_.AtTurnEnd(*this);
+  } else if (written != 0 && !dirty_) {
+    try {
+      loop_.AtTurnEnd(*this);
+      dirty_ = true;
+    } catch (const std::bad_alloc&) {
+      Publish();  // nobody would do it later
+    }
   }
   return written;
 }
@@ -218,7 +227,7 @@ void ShmConnection::Publish() {
   if (writer_.Publish()) WakePeer();
 }
 
-// A full socket means that the peer has wake-ups that it has not seen yet.
+// A full socket means that the peer has more wake-ups than it can need: it looks before it sleeps.
 void ShmConnection::WakePeer() {
   ++counters_.systemCallsSent;
   ::send(socket_.Get(), "", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -234,6 +243,7 @@ void ShmConnection::Disconnect() {
   sink_ = nullptr;
   StopPolling();
   state_ = State::lingering;
+  DrainSocket();
   if (gone || WriteLingerData() || lingerMs_ == 0) return CloseNow();
   BeginLinger();
 }

@@ -82,7 +82,7 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
   bool reading_ = true;
   bool roomWanted_ = false;  // 10013 was answered
   bool dirty_ = false;       // OnTurnEnd is due
-  std::uint32_t wakeUps_ = 0;
+  std::uint32_t asks_ = 0;   // to be woken, since what came was read off
   std::size_t readSize_ = keelbase::internal::kReadSize;
 
   std::uint32_t lingerMs_ = 2000;

@@ -118,7 +118,8 @@ int ReceiveAnswer(int socket) {
   if (!IsOurs(answer, length)) return EPROTO;
   if (answer.version != kLayoutVersion) return EPROTONOSUPPORT;
   if (length != static_cast<ssize_t>(sizeof answer) || answer.result > kMostErrno) return EPROTO;
-  return static_cast<int>(answer.result);
+  // To our caller EAGAIN says that nothing has come; an acceptor means memory that it cannot lock.
+  return answer.result == EAGAIN ? ENOMEM : static_cast<int>(answer.result);
 }
 
 }  // namespace fshmipc

@@ -38,8 +38,12 @@ class ShmIPCAcceptor::Guest final : private keelbase::internal::Watcher {
 
   // False: it cannot be waited for.
   bool Wait() {
+    try {
+      timeLimit_.Start(kGreetingTime, 1, [this] { host_.Dismiss(*this); });
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
     watched_ = host_.GetLoop().Watch(socket_.Get(), EPOLLIN, *this) == 0;
-    timeLimit_.Start(kGreetingTime, 1, [this] { host_.Dismiss(*this); });
     return watched_;
   }
 
@@ -140,10 +144,10 @@ void ShmIPCAcceptor::OnGreeted(Guest& guest, int error, const Greeting& greeting
   Dismiss(guest);
   if (error != 0) return;
   try {
-    auto* connection = new ShmConnection(GetLoop(), std::move(socket), std::move(segment),
-                                         ShmConnection::Side::acceptor);
+    const CAWAutoPtr<ShmConnection> connection(new ShmConnection(
+        GetLoop(), std::move(socket), std::move(segment), ShmConnection::Side::acceptor));
     const CAWAutoPtr<IAWShmIPCTransport> transport(
-        new ShmIPCTransport(GetLoop(), connection, address_,
+        new ShmIPCTransport(GetLoop(), connection.Get(), address_,
                             CAWShmIPCAddr(greeting.localFirst, greeting.localSecond), credentials));
     sink_->OnShmIPCConnectIndication(0, transport.Get(), this);
   } catch (const std::bad_alloc&) {

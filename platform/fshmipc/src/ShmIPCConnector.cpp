@@ -104,9 +104,9 @@ void ShmIPCConnector::Finish(int error) {
   if (std::exchange(watched_, false)) GetLoop().Unwatch(socket_.Get(), *this);
   if (error == 0) {
     try {
-      auto* connection = new ShmConnection(GetLoop(), std::move(socket_), std::move(segment_),
-                                           ShmConnection::Side::connector);
-      transport = new ShmIPCTransport(GetLoop(), connection, local_, peer_, credentials_);
+      const CAWAutoPtr<ShmConnection> connection(new ShmConnection(
+          GetLoop(), std::move(socket_), std::move(segment_), ShmConnection::Side::connector));
+      transport = new ShmIPCTransport(GetLoop(), connection.Get(), local_, peer_, credentials_);
     } catch (const std::bad_alloc&) {
       error = ENOMEM;
     }

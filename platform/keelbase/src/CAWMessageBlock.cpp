@@ -33,7 +33,10 @@ struct BlockBytes {
 
   void AddOwner() { owners.fetch_add(1, std::memory_order_relaxed); }
   void DropOwner() {
-    if (owners.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    // Nobody can join the last owner, so it need not be counted off.
+    if (owners.load(std::memory_order_acquire) != 1 &&
+        owners.fetch_sub(1, std::memory_order_acq_rel) != 1)
+      return;
     const std::size_t allocated = sizeof(BlockBytes) + size;
     this->~BlockBytes();
     PoolFree(this, allocated);
@@ -181,8 +184,10 @@ std::size_t CAWMessageBlock::CopyChained(char* out, std::size_t length) const {
 
 CAWMessageBlock* CAWMessageBlock::DuplicateOne() const {
   if (bytes_ != nullptr) return new CAWMessageBlock(bytes_, read_, write_);
-  auto* copy = new CAWMessageBlock(GetLength());
-  copy->Write(read_, GetLength());
+  const std::size_t length = GetLength();
+  auto* copy = new CAWMessageBlock(length);
+  if (length != 0) std::memcpy(copy->write_, read_, length);
+  copy->write_ += length;
   return copy;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "StopThreads.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace keelbase {
@@ -38,6 +39,7 @@ class CleanUpChain {
       hasRun_ = true;
       links.swap(links_);
     }
+    internal::StopThreads();
     std::for_each(links.rbegin(), links.rend(), [](CAWCleanUpBase* link) { delete link; });
   }
 

@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "StopThreads.h"
 #include "keelbase/CAWSingleton.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/Mutex.h"
@@ -44,18 +45,13 @@ Slots& TheSlots() {
 
 }  // namespace
 
-// Stops the started threads and lets what was sent be written: also on threads that were adopted.
+// Lets what was sent be written, also on threads that were adopted.
 class ThreadCleanUp final : public CAWCleanUpBase {
  public:
   ~ThreadCleanUp() override {
     for (Slot& slot : TheSlots().all) {
       CAWThread* thread = slot.thread.load(std::memory_order_acquire);
-      if (thread == nullptr) continue;
-      if (slot.started.joinable()) {
-        Join(slot, *thread);
-      } else {
-        FinishAdopted(*thread);
-      }
+      if (thread != nullptr) FinishLingers(*thread);
     }
   }
 
@@ -64,19 +60,7 @@ class ThreadCleanUp final : public CAWCleanUpBase {
   static void Arm() { new ThreadCleanUp; }
 
  private:
-  // exit() may have been called from that very thread.
-  static void Join(Slot& slot, CAWThread& thread) {
-    if (thread.IsCurrent()) {
-      thread.GetLoop().FinishLingers();
-      slot.started.detach();
-      return;
-    }
-    thread.GetLoop().Stop();
-    slot.started.join();
-    thread.GetLoop().FinishLingers();
-  }
-
-  static void FinishAdopted(CAWThread& thread) {
+  static void FinishLingers(CAWThread& thread) {
     internal::EventLoop& loop = thread.GetLoop();
     if (loop.IsRunning() && !thread.IsCurrent()) {
       auto done = std::make_shared<std::promise<void>>();
@@ -90,6 +74,23 @@ class ThreadCleanUp final : public CAWCleanUpBase {
     }
   }
 };
+
+void internal::StopThreads() {
+  Slots& slots = TheSlots();
+  { const MutexLock wait(slots.mutex); }  // for one that is just being started
+  for (Slot& slot : slots.all) {
+    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+    if (thread == nullptr) continue;
+    EventLoop& loop = thread->GetLoop();
+    if (slot.started.joinable() && !thread->IsCurrent()) {
+      loop.Stop();
+      slot.started.join();
+    } else if (thread->IsCurrent() || !loop.IsRunning()) {
+      if (slot.started.joinable()) slot.started.detach();  // exit() was called on it
+      loop.DropPosted();
+    }
+  }
+}
 
 CAWThread* ThreadCleanUp::Make(Slot& slot) {
   auto* thread = new CAWThread(slot.name);  // lives for ever, like the manager

@@ -32,6 +32,11 @@ constexpr std::uint32_t kServedPerTurn = 16;
 // Whoever had nothing to do for so many looks is not asked any more, though the loop still spins.
 constexpr std::uint32_t kIdleLooks = 4096;
 
+constexpr std::chrono::microseconds kBriefWait(2);
+
+// So many events ahead of the one that is fired.
+constexpr std::size_t kFetchedAhead = 4;
+
 constexpr std::int64_t kNsPerMs = 1000000;
 constexpr std::int64_t kNsPerSecond = 1000 * kNsPerMs;
 
@@ -108,10 +113,11 @@ AWResult EventLoop::Run() {
       worked = Spin();
       if (worked) continue;
     } else if (worked && !pollers_.empty()) {
-      worked =
-          Turn(0);  // who has just brought work may bring more: cheaper than being woken for it
+      // Who has just brought work may bring more: another look is cheaper than being woken for it.
+      worked = Turn(0);
       continue;
     }
+    if (std::exchange(ranPosted_, false)) WaitBriefly();
     worked = PrepareSleep() ? Turn(SleepTime()) : Turn(0);
   }
   FlushTurn();
@@ -202,6 +208,14 @@ bool EventLoop::Spin() {
   return false;
 }
 
+// Who has posted an event is likely to post more. Being woken costs both sides several times this
+// wait, and looking meanwhile would take the queue away from those who post.
+void EventLoop::WaitBriefly() const {
+  if (hasPosted_.load(std::memory_order_relaxed)) return;
+  const auto end = std::chrono::steady_clock::now() + kBriefWait;
+  while (std::chrono::steady_clock::now() < end) __builtin_ia32_pause();
+}
+
 std::int64_t EventLoop::SleepTime() const {
   using std::chrono::nanoseconds;
   const auto due = timers_.NextDue();
@@ -260,12 +274,17 @@ bool EventLoop::RunPosted() {
     hasPosted_.store(false, std::memory_order_relaxed);
   }
   std::size_t fired = 0;
-  while (fired < firing_.size() && !IsStopping()) {
-    IAWEvent* event = firing_[fired++];
+  const std::size_t count = firing_.size();
+  IAWEvent** const events = firing_.data();
+  while (fired < count && !IsStopping()) {
+    // Another thread has written it: the wait for its bytes begins before its turn.
+    if (fired + kFetchedAhead < count) __builtin_prefetch(events[fired + kFetchedAhead]);
+    IAWEvent* event = std::exchange(events[fired++], nullptr);
     event->OnEventFire();
     event->OnDestorySelf();
   }
   firing_.erase(firing_.begin(), firing_.begin() + static_cast<std::ptrdiff_t>(fired));
+  ranPosted_ = true;
   return fired != 0;
 }
 
@@ -286,7 +305,9 @@ void EventLoop::DropPosted() {
     dropped.swap(posted_);
     hasPosted_.store(false, std::memory_order_relaxed);
   }
-  for (IAWEvent* event : left) event->OnDestorySelf();
+  for (IAWEvent* event : left) {
+    if (event != nullptr) event->OnDestorySelf();
+  }
   for (IAWEvent* event : dropped) event->OnDestorySelf();
 }
 

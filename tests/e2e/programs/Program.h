@@ -73,11 +73,12 @@ inline void ReadCommands(const std::function<void(const Words&)>& handle) {
 // that started us dies. Program: Start(), Command(const Words&), Finish(), all called on that
 // thread: the network thread, or with `adopt_main` this one.
 template <class Program>
-int Serve(Program& program, bool adopt_main) {
+int Serve(Program& program, bool adopt_main, std::uint32_t spin = 0) {
   using keelbase::CAWThreadManager;
   auto* manager = CAWThreadManager::Instance();
   if (!adopt_main) {
     keelbase::CAWThread* network = manager->GetThread(CAWThreadManager::TT_NETWORK);
+    network->SetSpin(spin);
     network->Call([&] { program.Start(); });
     ReadCommands([&](const Words& words) { network->Call([&] { program.Command(words); }); });
     network->Call([&] { program.Finish(); });
@@ -85,6 +86,7 @@ int Serve(Program& program, bool adopt_main) {
   }
   manager->AdoptCurrentThread(CAWThreadManager::TT_MAIN);
   keelbase::CAWThread* main_thread = manager->GetThread(CAWThreadManager::TT_MAIN);
+  main_thread->SetSpin(spin);
   program.Start();
   std::thread reader([&] {
     ReadCommands([&](const Words& words) { main_thread->Call([&] { program.Command(words); }); });
@@ -95,5 +97,25 @@ int Serve(Program& program, bool adopt_main) {
   program.Finish();
   return 0;
 }
+
+// What may stand behind the arguments of a program, in any order.
+struct Options {
+  bool adoptMain = false;  // main: serves on the main thread
+  bool shm = false;        // shm: over shared memory
+  std::uint32_t spin = 0;  // spin=MICROSECONDS
+  std::size_t bound = 0;   // bound=BYTES
+
+  Options(int first, int argc, char** argv) {
+    for (int i = first; i < argc; ++i) {
+      const std::string option = argv[i];
+      const std::size_t value = option.find('=') + 1;
+      if (option == "main") adoptMain = true;
+      if (option == "shm") shm = true;
+      if (option.substr(0, value) == "spin=")
+        spin = static_cast<std::uint32_t>(std::stoul(option.substr(value)));
+      if (option.substr(0, value) == "bound=") bound = std::stoul(option.substr(value));
+    }
+  }
+};
 
 }  // namespace e2e

@@ -20,11 +20,15 @@ enum class Mode {
   echo,   // each goes back as it came
   count,  // each is counted
   load,   // both sides send numbered messages all the time and check those of the other
+  flood,  // the same, as fast as they can
 };
+
+inline bool IsLoad(Mode mode) { return mode == Mode::load || mode == Mode::flood; }
 
 inline Mode ParseMode(std::string_view text) {
   if (text == "echo") return Mode::echo;
-  return text == "load" ? Mode::load : Mode::count;
+  if (text == "load") return Mode::load;
+  return text == "flood" ? Mode::flood : Mode::count;
 }
 
 struct Counts {
@@ -105,16 +109,16 @@ class Traffic {
       else
         Wrong("not_sent", size);
     }
-    if (mode_ == Mode::load && !NumberedMessage::IsWhole(nextReceived_++, type, tag, data, size))
+    if (IsLoad(mode_) && !NumberedMessage::IsWhole(nextReceived_++, type, tag, data, size))
       Wrong("wrong", nextReceived_ - 1);
   }
 
   // Some more of the load, unless enough waits already.
   template <class Channel>
   void SendMore(Channel& channel, std::minstd_rand& random) {
-    constexpr int kBatch = 20;
+    const int batch = mode_ == Mode::flood ? 2000 : 20;
     constexpr std::size_t kEnoughBytes = 256 * 1024;
-    for (int i = 0; i < kBatch && channel.GetSendQueueLength() < kEnoughBytes; ++i) {
+    for (int i = 0; i < batch && channel.GetSendQueueLength() < kEnoughBytes; ++i) {
       if (NumberedMessage(nextSent_, random).SendBy(channel) != keelbase::AW_OK) return;
       ++nextSent_;
       ++counts_.sent;

@@ -1,4 +1,5 @@
-// server_peer.cpp - accepts clients: server_peer 1_2 echo|count|load [main] [bound=BYTES]
+// server_peer.cpp - accepts clients: server_peer 1_2 echo|count|load|flood [main] [shm]
+// [spin=MICROSECONDS] [bound=BYTES]
 //
 // Events: listening or listen_failed {reason}; accepted and disconnected {reason, clients}; dropped
 // (more than BYTES waited for a client that does not read); not_sent, wrong; stats {...}.
@@ -9,53 +10,51 @@
 #include <memory>
 
 #include "Descriptors.h"
+#include "Family.h"
 #include "Program.h"
 #include "Traffic.h"
 #include "keelbase/CAWTimer.h"
-#include "zarn/utils/CZARNLibServerChannel.h"
 
 namespace {
 
 using e2e::Event;
 
+template <class Family>
 class Server;
 
-class Channel final : public zarn::utils::CZARNLibServerChannel {
+template <class Family>
+class Channel final : public Family::ServerChannel {
  public:
-  Channel(Server& server, fipc::IAWIPCTransport* transport);
+  Channel(Server<Family>& server, typename Family::Transport* transport);
 
   void OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
                      std::size_t size) override;
   void OnPeerDisconnect(long reason) override;
 
   e2e::Traffic& GetTraffic() { return traffic_; }
-  void SetPlace(std::list<std::unique_ptr<Channel>>::iterator place) { place_ = place; }
+  void SetPlace(typename std::list<std::unique_ptr<Channel>>::iterator place) { place_ = place; }
 
  private:
-  Server& server_;
+  Server<Family>& server_;
   e2e::Traffic traffic_;
-  std::list<std::unique_ptr<Channel>>::iterator place_;
+  typename std::list<std::unique_ptr<Channel>>::iterator place_;
 };
 
-class Server final : public fipc::IAWIPCAcceptorConnectorSink,
-                     public keelbase::CAWTimerWrapperIDSink {
+template <class Family>
+class Server final : public Family::Listener, public keelbase::CAWTimerWrapperIDSink {
  public:
-  Server(const char* endpoint, const char* mode)
-      : endpoint_(endpoint), mode_(e2e::ParseMode(mode)) {}
+  using Channels = std::list<std::unique_ptr<Channel<Family>>>;
 
-  void SetBound(std::size_t bytes) { bound_ = bytes; }
+  Server(const char* endpoint, const char* mode, std::size_t bound)
+      : endpoint_(endpoint), mode_(e2e::ParseMode(mode)), bound_(bound) {}
 
   void Start() {
-    keelbase::CAWIPCAddr address;
-    keelbase::AWResult result =
-        zarn::utils::ZARNCreateIPCAddr(endpoint_.second, endpoint_.first, address);
-    if (result == keelbase::AW_OK) result = zarn::utils::CreateIPCServer(acceptor_);
-    if (result == keelbase::AW_OK) result = acceptor_->StartListen(this, address);
+    const keelbase::AWResult result = this->Listen(endpoint_);
     if (result == keelbase::AW_OK)
       Event("listening");
     else
       Event("listen_failed").With("reason", result);
-    if (mode_ == e2e::Mode::load) timer_.Schedule(this, std::chrono::milliseconds(1));
+    if (e2e::IsLoad(mode_)) timer_.Schedule(this, std::chrono::milliseconds(1));
   }
 
   void Command(const e2e::Words& words) {
@@ -70,16 +69,15 @@ class Server final : public fipc::IAWIPCAcceptorConnectorSink,
   void Finish() {
     timer_.Cancel();
     channels_.clear();
-    acceptor_ = nullptr;
+    this->StopListening();
   }
 
-  void OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
-                              fipc::IAWIPCAcceptorConnectorId* /*id*/) override {
+  void OnIndication(long reason, typename Family::Transport* transport) override {
     if (reason != 0) {
       Event("listen_failed").With("reason", reason);
       return;
     }
-    channels_.push_back(std::make_unique<Channel>(*this, transport));
+    channels_.push_back(std::make_unique<Channel<Family>>(*this, transport));
     channels_.back()->SetPlace(std::prev(channels_.end()));
     Event("accepted").With("clients", channels_.size());
   }
@@ -89,7 +87,7 @@ class Server final : public fipc::IAWIPCAcceptorConnectorSink,
   }
 
   // Destroys the channel.
-  void Drop(std::list<std::unique_ptr<Channel>>::iterator place, long reason) {
+  void Drop(typename Channels::iterator place, long reason) {
     malformed_ += (*place)->GetCounters().malformedFrames;
     channels_.erase(place);
     Event("disconnected").With("reason", reason).With("clients", channels_.size());
@@ -130,41 +128,46 @@ class Server final : public fipc::IAWIPCAcceptorConnectorSink,
 
   e2e::Endpoint endpoint_;
   e2e::Mode mode_;
-  std::size_t bound_ = 0;
+  std::size_t bound_;
   e2e::Counts counts_;
   std::uint64_t malformed_ = 0;  // by clients that are gone
-  keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor> acceptor_;
-  std::list<std::unique_ptr<Channel>> channels_;
+  Channels channels_;
   keelbase::CAWTimerWrapperID timer_;
   std::minstd_rand random_{std::random_device{}()};
 };
 
-Channel::Channel(Server& server, fipc::IAWIPCTransport* transport)
-    : CZARNLibServerChannel(transport),
+template <class Family>
+Channel<Family>::Channel(Server<Family>& server, typename Family::Transport* transport)
+    : Family::ServerChannel(transport),
       server_(server),
       traffic_(server.GetMode(), server.GetCounts()) {}
 
-void Channel::OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
-                            std::size_t size) {
+template <class Family>
+void Channel<Family>::OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
+                                    std::size_t size) {
   traffic_.Received(*this, type, tag, data, size);
-  if (server_.GetBound() != 0 && GetSendQueueLength() > server_.GetBound()) {
-    Event("dropped").With("queued", GetSendQueueLength());
-    Close(0);
+  if (server_.GetBound() != 0 && this->GetSendQueueLength() > server_.GetBound()) {
+    Event("dropped").With("queued", this->GetSendQueueLength());
+    this->Close(0);
   }
 }
 
-void Channel::OnPeerDisconnect(long reason) { server_.Drop(place_, reason); }
+template <class Family>
+void Channel<Family>::OnPeerDisconnect(long reason) {
+  server_.Drop(place_, reason);
+}
+
+template <class Family>
+int Run(char** argv, const e2e::Options& options) {
+  if (Family::Prepare() != keelbase::AW_OK) return 3;
+  Server<Family> server(argv[1], argv[2], options.bound);
+  return e2e::Serve(server, options.adoptMain, options.spin);
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc < 3 || !e2e::GiveDescriptorsBack()) return 2;
-  Server server(argv[1], argv[2]);
-  bool adopt_main = false;
-  for (int i = 3; i < argc; ++i) {
-    const std::string_view option = argv[i];
-    if (option == "main") adopt_main = true;
-    if (option.substr(0, 6) == "bound=") server.SetBound(std::stoul(argv[i] + 6));
-  }
-  return e2e::Serve(server, adopt_main);
+  const e2e::Options options(3, argc, argv);
+  return options.shm ? Run<e2e::SharedMemory>(argv, options) : Run<e2e::LocalIpc>(argv, options);
 }

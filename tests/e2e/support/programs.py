@@ -107,6 +107,11 @@ class Program:
     def descriptors(self) -> int:
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
+    def mappings(self) -> int:
+        """How many pieces of shared memory it maps."""
+        with open(f"/proc/{self.pid}/maps", encoding="ascii") as file:
+            return sum("zarn-shmipc" in line for line in file)
+
     def cpu_seconds(self) -> float:
         with open(f"/proc/{self.pid}/stat", encoding="ascii") as file:
             fields = file.read().rpartition(")")[2].split()
@@ -188,6 +193,11 @@ class InstallRoot:
         directory = os.path.join(self.path, "system", "zarn", "ipc")
         os.makedirs(directory, mode=0o700, exist_ok=True)
         return os.path.join(directory, name)
+
+    def endpoints(self) -> list:
+        """The files of all endpoints."""
+        top = os.path.join(self.path, "system", "zarn")
+        return sorted(name for _, _, files in os.walk(top) for name in files)
 
     def remove(self) -> None:
         shutil.rmtree(self.top, ignore_errors=True)

@@ -9,8 +9,9 @@
 namespace keelbase {
 
 // A link of the clean-up chain: whatever derives from it is deleted at process exit, in the reverse
-// order of construction. Made by `new` only. One made after the chain has run is never deleted; its
-// owner keeps it reachable.
+// order of construction. The chain begins by stopping the threads that the thread manager has
+// started, so no callback of theirs meets what is gone. Made by `new` only. One made after the
+// chain has run is never deleted; its owner keeps it reachable.
 class KEELBASE_API CAWCleanUpBase {
  public:
   static bool HasRun();  // the chain has begun to run
@@ -47,7 +48,12 @@ class CAWSingletonT : public CAWCleanUpBase {
     const bool locked = mutex.Lock() == 0;
     CAWSingletonT* made = instance_.load(std::memory_order_relaxed);
     if (made == nullptr) {
-      made = new CAWSingletonT;
+      try {
+        made = new CAWSingletonT;
+      } catch (...) {
+        if (locked) mutex.UnLock();
+        throw;
+      }
       instance_.store(made, std::memory_order_release);
     }
     if (locked) mutex.UnLock();

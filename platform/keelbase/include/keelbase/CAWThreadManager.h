@@ -11,9 +11,10 @@ namespace keelbase {
 // Hands out the process's typed threads. One for the process, never destroyed. Any thread may call
 // it.
 //
-// The network and the task thread start on first use and are stopped in the clean-up chain at
-// process exit, which lets transports write out what they have taken (at most two seconds). The
-// main thread exists only once a thread has adopted that type.
+// The network and the task thread start on first use. The clean-up chain at process exit first
+// stops them, after the callback in hand, and destroys what is still posted; later it lets
+// transports write out what they have taken (at most two seconds). The main thread exists only once
+// a thread has adopted that type.
 //
 // A fork()ed child has none of these threads: fork before first use, or exec at once.
 class KEELBASE_API CAWThreadManager {

@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <vector>
@@ -74,6 +75,8 @@ class LingerTask {
   ~LingerTask() = default;
 };
 
+inline constexpr std::size_t kCacheLine = 64;  // bytes
+
 class KEELBASE_API EventLoop {
  public:
   explicit EventLoop(const char* name);
@@ -100,6 +103,9 @@ class KEELBASE_API EventLoop {
   // --- events: any thread ---
   AWResult Post(IAWEvent* event);
   void Call(const std::function<void()>& function);  // see CAWThread::Call
+  // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not
+  // run.
+  void DropPosted();
 
   // --- descriptors: loop thread. 0 or an errno value ---
   int Watch(int fd, std::uint32_t events, Watcher& watcher);
@@ -137,10 +143,10 @@ class KEELBASE_API EventLoop {
   bool RunPollers();
   bool ArmPollers();
   void ForgetPollers();
+  void WaitBriefly() const;
   std::int64_t SleepTime() const;
   bool PrepareSleep();
   void Wake();
-  void DropPosted();
 
   const char* name_;
   FileDescriptor epoll_;
@@ -152,12 +158,16 @@ class KEELBASE_API EventLoop {
   std::atomic<bool> stop_{false};
   std::atomic<std::uint32_t> spin_{0};
 
-  Mutex mutex_;
+  // What those who post write to stands apart from what the loop's thread uses for each event.
+  alignas(kCacheLine) Mutex mutex_;
   std::vector<IAWEvent*> posted_ AW_GUARDED_BY(mutex_);
   bool closed_ AW_GUARDED_BY(mutex_) = false;
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   std::atomic<bool> hasPosted_{false};
-  std::vector<IAWEvent*> firing_;  // a stop may leave some behind
+
+  // Null once an event is taken out to be fired; a stop may leave others behind.
+  alignas(kCacheLine) std::vector<IAWEvent*> firing_;
+  bool ranPosted_ = false;  // in the last turn
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};

@@ -1,0 +1,11 @@
+// StopThreads.h - the end of the platform threads, which begins the clean-up chain.
+#pragma once
+
+namespace keelbase::internal {
+
+// Stops the started threads and waits for them, but for the one that calls: whatever the chain
+// destroys afterwards, none of their callbacks is using it. What is queued on them, and on adopted
+// threads that do not run, is destroyed. Once CAWCleanUpBase::HasRun() none is started any more.
+void StopThreads();
+
+}  // namespace keelbase::internal

@@ -1,0 +1,140 @@
+// CZARNLevelDBManager.cpp - see CZARNLevelDBManager.h.
+#include "zarn/utils/CZARNLevelDBManager.h"
+
+#include <leveldb/db.h>
+#include <leveldb/iterator.h>
+#include <leveldb/options.h>
+#include <leveldb/slice.h>
+#include <leveldb/write_batch.h>
+
+#include <memory>
+#include <new>
+
+#include "LevelDBKeeper.h"
+
+namespace zarn::utils {
+
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kFailed = -1;
+
+leveldb::WriteOptions WriteOptionsWith(bool sync) {
+  leveldb::WriteOptions options;
+  options.sync = sync;
+  return options;
+}
+
+leveldb::Status Replace(leveldb::DB& database, const leveldb::Slice& key,
+                        const leveldb::Slice& value) {
+  const leveldb::WriteOptions options;
+  std::string before;
+  if (!database.Get(leveldb::ReadOptions(), key, &before).ok()) {
+    return database.Put(options, key, value);
+  }
+  leveldb::WriteBatch batch;
+  batch.Delete(key);
+  batch.Put(key, value);
+  return database.Write(options, &batch);
+}
+
+}  // namespace
+
+CZARNLevelDBManager::CZARNLevelDBManager(bool syncWrites, unsigned int reserved, bool compression,
+                                         bool createIfMissing)
+    : syncWrites_(syncWrites),
+      reserved_(reserved),
+      compression_(compression),
+      createIfMissing_(createIfMissing) {}
+
+CZARNLevelDBManager::~CZARNLevelDBManager() { Close(); }
+
+// LevelDB is built without exceptions: one that passes through it leaves its locks locked, so the
+// database is not touched again.
+template <class Operation>
+int CZARNLevelDBManager::Run(Operation operation) {
+  try {
+    return operation(*database_.load(std::memory_order_relaxed)).ok() ? kDone : kFailed;
+  } catch (const std::bad_alloc&) {
+    database_ = GetFailedDatabase();
+    return kFailed;
+  }
+}
+
+// A write that failed may have left half a record in the log. LevelDB would take more writes, but
+// never find again what stands behind that, so there are none.
+template <class Operation>
+int CZARNLevelDBManager::RunWrite(Operation operation) {
+  leveldb::DB* database = database_;
+  const int result = Run(operation);
+  if (result != kDone && database_ == database) database_ = GetReadOnly(database);
+  return result;
+}
+
+int CZARNLevelDBManager::Open(const char* path) try {
+  leveldb::Options options;
+  options.create_if_missing = createIfMissing_;
+  if (!compression_) options.compression = leveldb::kNoCompression;
+  database_ = nullptr;
+  database_ = OpenAndKeep(options, path);
+  return database_ != nullptr ? kDone : kFailed;
+} catch (const std::bad_alloc&) {
+  return kFailed;
+}
+
+int CZARNLevelDBManager::DBLookup(char* key, unsigned long keyLen, std::string* value) {
+  if (database_ == nullptr) return kFailed;
+  return Run([&](leveldb::DB& database) {
+    return database.Get(leveldb::ReadOptions(), leveldb::Slice(key, keyLen), value);
+  });
+}
+
+int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
+                                  unsigned long valueLen) {
+  return RunWrite([&](leveldb::DB& database) {
+    return database.Put(WriteOptionsWith(syncWrites_), leveldb::Slice(key, keyLen),
+                        leveldb::Slice(value, valueLen));
+  });
+}
+
+int CZARNLevelDBManager::DBUpdate(char* key, unsigned long keyLen, char* value,
+                                  unsigned long valueLen) {
+  if (database_ == nullptr) return kFailed;
+  return RunWrite([&](leveldb::DB& database) {
+    return Replace(database, leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
+  });
+}
+
+int CZARNLevelDBManager::DBRemove(char* key, unsigned long keyLen) {
+  if (database_ == nullptr) return kFailed;
+  return RunWrite([&](leveldb::DB& database) {
+    return database.Delete(WriteOptionsWith(syncWrites_), leveldb::Slice(key, keyLen));
+  });
+}
+
+// By value, as callers have been compiled to pass it.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void CZARNLevelDBManager::DBDump(Visitor visit) {
+  if (database_ == nullptr) return;
+  std::unique_ptr<leveldb::Iterator> at;
+  int result = Run([&](leveldb::DB& database) {
+    at.reset(database.NewIterator(leveldb::ReadOptions()));
+    at->SeekToFirst();
+    return leveldb::Status();
+  });
+  while (result == kDone && at->Valid()) {
+    const leveldb::Slice key = at->key();
+    const leveldb::Slice value = at->value();
+    if (visit) visit(key.data(), key.size(), value.data(), value.size());
+    result = Run([&](leveldb::DB& /*database*/) {
+      at->Next();
+      return leveldb::Status();
+    });
+  }
+  // Its end would ask for locks that may never come back.
+  if (result != kDone) static_cast<void>(at.release());
+}
+
+void CZARNLevelDBManager::Close() { database_ = nullptr; }
+
+}  // namespace zarn::utils

@@ -1,0 +1,59 @@
+// CZARNShareMemory.cpp - see CZARNShareMemory.h.
+#include "zarn/utils/CZARNShareMemory.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <new>
+
+#include "keelbase/CAWFile.h"
+#include "zarn/utils/zarnutils.h"
+
+namespace zarn::utils {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AWResult;
+using keelbase::CAWFile;
+using keelbase::CAWString;
+
+namespace {
+
+constexpr const char* kDirectory = "/zarn/shm/zarnshmm";  // below the system directory
+constexpr const char* kFilePrefix = "/zarn_shm_";
+constexpr int kNoRoot = -1;
+
+}  // namespace
+
+CZARNShareMemory::CZARNShareMemory(const CAWString& name, unsigned int size)
+    : name_(name), size_(size) {}
+
+CZARNShareMemory::~CZARNShareMemory() {
+  segment_.Close(1);
+  ::unlink(path_.c_str());
+  std::remove(path_.c_str());  // an empty directory too
+  CAWFile::DeleteFile(path_);
+}
+
+AWResult CZARNShareMemory::MemLock() { return segment_.MemLock(); }
+
+AWResult CZARNShareMemory::MemUnlock() { return segment_.MemUnlock(); }
+
+int CZARNShareMemory::createshm() try {
+  // The path stays that of the segment, whatever the environment says by now.
+  if (segment_.GetAddress() != nullptr) return static_cast<int>(AW_ERROR_FAILURE);
+  const CAWString root = GetZARNRootSystem();
+  if (root.empty()) return kNoRoot;
+  const CAWString directory = root + kDirectory;
+  // What cannot be made shows in the result of Create. A directory is made when something, if only
+  // the empty name, stands behind its '/'.
+  CAWFile::mkdir(root + "/zarn/");
+  CAWFile::mkdir(root + "/zarn/shm/");
+  CAWFile::mkdir(directory);
+  path_ = directory + kFilePrefix + name_;
+  CAWFile::mkdir(path_);
+  return static_cast<int>(segment_.Create(path_, size_, 0));
+} catch (const std::bad_alloc&) {
+  return static_cast<int>(AW_ERROR_FAILURE);
+}
+
+}  // namespace zarn::utils

@@ -1,0 +1,122 @@
+// LogConversions.cpp - see LogConversions.h.
+#include "LogConversions.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <set>
+
+namespace zarn::utils {
+
+namespace {
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+unsigned TakeNumber(const char*& at) {
+  unsigned number = 0;
+  for (; IsDigit(*at); ++at) number = std::min(number * 10 + unsigned(*at - '0'), 100000000U);
+  return number;
+}
+
+// "12$"; 0, and nothing taken, when there is none.
+unsigned TakePosition(const char*& at) {
+  const char* ahead = at;
+  const unsigned number = TakeNumber(ahead);
+  if (*ahead == '\0') at = ahead;  // may have become one
+  if (number == 0 || *ahead != '$') return 0;
+  at = ahead + 1;
+  return number;
+}
+
+// A width or a precision.
+void TakeSize(const char*& at, Conversion& conversion) {
+  if (*at != '*') {
+    TakeNumber(at);
+    return;
+  }
+  ++at;
+  conversion.starPositions[conversion.stars++] = TakePosition(at);
+}
+
+// One at most: "hl" is an unknown conversion 'l' to the C library. The newer ones are "w8", "wf16".
+void TakeLengthModifier(const char*& at) {
+  if (*at == '\0' || std::strchr("hlLqzZtjw", *at) == nullptr) return;
+  const char modifier = *at++;
+  if ((modifier == 'h' || modifier == 'l') && *at == modifier) ++at;
+  if (modifier != 'w') return;
+  if (*at == 'f') ++at;
+  TakeNumber(at);
+}
+
+std::string ToReference(unsigned position) {
+  return position == 0 ? std::string() : std::to_string(position) + "$";
+}
+
+std::string MakePointerConversion(const Conversion& conversion) {
+  std::string text = "%" + ToReference(conversion.position);
+  for (std::size_t i = 0; i < conversion.stars; ++i)
+    text += (i == 0 ? "*" : ".*") + ToReference(conversion.starPositions[i]);
+  return text + "p";
+}
+
+}  // namespace
+
+Conversion ParseConversion(const char* percent) {
+  Conversion conversion;
+  const char* at = percent + 1;
+  conversion.position = TakePosition(at);
+  while (*at != '\0' && std::strchr("-+ #0'I", *at) != nullptr) ++at;
+  TakeSize(at, conversion);
+  if (*at == '.') TakeSize(++at, conversion);
+  TakeLengthModifier(at);
+  conversion.kind = *at;
+  if (*at != '\0') conversion.end = at + 1;
+  return conversion;
+}
+
+PatternCheck CheckPattern(const char* pattern) {
+  PatternCheck check;
+  const char* at = std::strchr(pattern, '%');
+  while (at != nullptr) {
+    const Conversion conversion = ParseConversion(at);
+    if (conversion.end == nullptr) break;
+    check.writes = check.writes || conversion.kind == 'n';
+    check.positional = check.positional || conversion.position != 0;
+    at = std::strchr(conversion.end, '%');
+  }
+  check.size = at != nullptr ? static_cast<std::size_t>(at - pattern) : std::strlen(pattern);
+  return check;
+}
+
+bool NamesAllArguments(const char* pattern) {
+  std::set<unsigned> named;
+  for (const char* at = std::strchr(pattern, '%'); at != nullptr;) {
+    const Conversion conversion = ParseConversion(at);
+    if (conversion.end == nullptr) break;
+    named.insert(conversion.position);
+    named.insert(std::begin(conversion.starPositions), std::end(conversion.starPositions));
+    at = std::strchr(conversion.end, '%');
+  }
+  named.erase(0);
+  return named.empty() || *named.rbegin() == named.size();
+}
+
+HarmlessPattern::HarmlessPattern(const char* pattern, std::size_t size) {
+  const std::string kept(pattern, size);
+  const char* copied = kept.c_str();
+  for (const char* at = std::strchr(copied, '%'); at != nullptr;) {
+    const Conversion conversion = ParseConversion(at);
+    if (conversion.end == nullptr) break;
+    if (conversion.kind == 'n') {
+      text.append(copied, at);
+      begins.push_back(text.size());
+      text += MakePointerConversion(conversion);
+      ends.push_back(text.size());
+      copied = conversion.end;
+    }
+    at = std::strchr(conversion.end, '%');
+  }
+  text.append(copied);
+}
+
+}  // namespace zarn::utils

@@ -1,0 +1,53 @@
+// torv.cpp - see torv.h.
+#include "zarn/utils/torv.h"
+
+#include <new>
+
+#include "TorvCalls.h"
+#include "zarn/utils/CTORVManager.h"
+
+namespace zarn::utils {
+
+using keelbase::AWResult;
+
+namespace {
+
+template <class Operation>
+AWResult WithManager(Operation operation) {
+  const CallsInProgress::Call call(torvCalls);
+  try {
+    return operation(*CTORVManager::Instance());
+  } catch (const std::bad_alloc&) {
+    return keelbase::AW_ERROR_FAILURE;
+  }
+}
+
+}  // namespace
+
+AWResult TORVInit(ITORVSink* sink, void* arg) {
+  return WithManager([&](CTORVManager& manager) { return manager.TORVInit(sink, arg); });
+}
+
+AWResult TORVRegisterTno(ITORVSink* sink, unsigned short tno, void* context) {
+  return WithManager(
+      [&](CTORVManager& manager) { return manager.TORVRegisterTno(sink, tno, context); });
+}
+
+AWResult TORVUnRegisterTno(ITORVSink* sink, unsigned short tno) {
+  return WithManager([&](CTORVManager& manager) { return manager.TORVUnRegisterTno(sink, tno); });
+}
+
+AWResult SendTORVMessage(keelbase::CAWMessageBlock& mb, unsigned short number, unsigned short tno) {
+  return WithManager(
+      [&](CTORVManager& manager) { return manager.SendTORVMessage(mb, number, tno); });
+}
+
+AWResult NotifyTORVInitEnd() {
+  return WithManager([](CTORVManager& manager) { return manager.NotifyTORVInitEnd(); });
+}
+
+AWResult NotifyTORVUnInit() {
+  return WithManager([](CTORVManager& manager) { return manager.NotifyTORVUnInit(); });
+}
+
+}  // namespace zarn::utils

@@ -1,0 +1,248 @@
+"""zarn db: what it prints and refuses, and imports and exports that are interrupted."""
+
+import json
+import os
+import pty
+import random
+import signal
+import sqlite3
+import subprocess
+import time
+import unittest
+
+from zarn_tool import PATIENCE, TOOL, ToolTest
+
+ROWS = 6000
+
+
+class Db(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.path = self.root / "store.db"
+        self.db = ("db", str(self.path))
+
+    def rows(self):
+        """What SQLite itself finds."""
+        with sqlite3.connect(self.path) as connection:
+            found = dict(connection.execute(
+                "SELECT CAST(URL AS BLOB), CAST(VALUE AS BLOB) FROM ZARNDATA"))
+        connection.close()
+        return found
+
+    def run_ok(self, *arguments, **options):
+        result = self.run_tool(*arguments, **options)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result.stdout
+
+    def fails(self, code, pattern, *arguments, **options):
+        result = self.run_tool(*arguments, **options)
+        self.assertEqual(result.returncode, code, result.stderr)
+        self.assertRegex(result.stderr, pattern)
+        return result
+
+    def make_lines(self, count=ROWS):
+        path = self.root / "rows.jsonl"
+        with open(path, "w", encoding="utf-8") as file:
+            for i in range(count):
+                file.write(json.dumps({"key": f"zarn://key/{i:06}", "value": f"välue {i}\n" * 3}) + "\n")
+        return path
+
+
+class Values(Db):
+    def test_set_get_and_rm(self):
+        self.assertEqual(self.run_ok(*self.db, "set", "k", "v"), "")
+        self.assertEqual(self.run_ok(*self.db, "get", "k"), "v\n")
+        self.run_ok(*self.db, "set", "k", "w")
+        self.assertEqual(self.rows(), {b"k": b"w"})
+        self.run_ok(*self.db, "rm", "k")
+        self.assertEqual(self.rows(), {})
+
+    def test_values_as_text_hex_and_file(self):
+        raw = bytes(byte for byte in range(1, 256) if byte != 0x27) * 1000
+        (self.root / "raw").write_bytes(raw)
+        self.run_ok(*self.db, "set", "raw", "--file", str(self.root / "raw"))
+        self.run_ok(*self.db, "set", "hex", "--hex", "0aFf5c")
+        self.run_ok(*self.db, "set", "6b65792001", "--hex-key", "text")
+        self.assertEqual(self.rows(), {b"raw": raw, b"hex": b"\n\xff\\", b"key \x01": b"text"})
+        self.assertEqual(self.run_ok(*self.db, "get", "hex"), "\\n\\xff\\\\\n")
+        self.assertEqual(self.run_ok(*self.db, "get", "hex", "--hex"), "0aff5c\n")
+        self.run_ok(*self.db, "get", "raw", "--file", str(self.root / "out"))
+        self.assertEqual((self.root / "out").read_bytes(), raw)
+        piped = subprocess.run([TOOL, *self.db, "get", "raw", "--file", "-"], env=self.env, check=True,
+                               capture_output=True, timeout=PATIENCE)
+        self.assertEqual(piped.stdout, raw)
+
+    def test_ls_in_the_order_of_keys(self):
+        for key in ("b", "a", "c"):
+            self.run_ok(*self.db, "set", key, f"value of {key}")
+        self.assertEqual(self.run_ok(*self.db, "ls"), "a\tvalue of a\nb\tvalue of b\nc\tvalue of c\n")
+        self.assertEqual(self.run_events(*self.db, "ls")[0],
+                         {"event": "entry", "key": "a", "value": "value of a", "size": 10})
+        self.assertEqual(self.run_events(*self.db, "get", "b", "--hex")[0]["value"],
+                         b"value of b".hex())
+
+    def test_quote_nul_and_nothing_are_refused_with_a_reason(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        self.fails(2, "key holds a single quote.*SQL", *self.db, "set", "it's", "v")
+        self.fails(2, "value holds a single quote.*SQL", *self.db, "set", "k", "it's")
+        self.fails(2, "value holds a NUL", *self.db, "set", "k", "--hex", "6100")
+        self.fails(2, "key holds a NUL", *self.db, "set", "00", "--hex-key", "v")
+        self.fails(2, "empty value", *self.db, "set", "k", "")
+        for verb in ("get", "rm"):
+            self.fails(2, "key holds a single quote", *self.db, verb, "x' OR '1'='1")
+            self.fails(2, "empty key", *self.db, verb, "")
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_wrong_usage(self):
+        for arguments in (("db",), self.db, (*self.db, "get"), (*self.db, "set", "k"),
+                          (*self.db, "set", "k", "v", "--hex", "00"), (*self.db, "nonsense"),
+                          (*self.db, "set", "k", "--hex", "0"), (*self.db, "get", "0g", "--hex-key")):
+            self.assertEqual(self.run_tool(*arguments).returncode, 2, arguments)
+
+
+class Files(Db):
+    def test_absent_keys_and_stores_are_failures_and_nothing_is_made(self):
+        self.fails(1, "there is no store", *self.db, "get", "k")
+        self.fails(1, "there is no store", *self.db, "ls")
+        self.assertFalse(self.path.exists())
+        self.run_ok(*self.db, "set", "k", "v")
+        self.fails(1, "no key 'l'", *self.db, "get", "l")
+        self.fails(1, "no key 'l'", *self.db, "rm", "l")
+
+    def test_a_store_that_was_there_before_is_no_failure_and_what_is_none_is(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        self.run_ok(*self.db, "set", "l", "v")
+        other = self.root / "other"
+        other.write_text("no store at all, but long enough to be looked at" * 100)
+        for verb in (("set", "k", "v"), ("get", "k"), ("ls",), ("import", os.devnull)):
+            self.fails(1, "cannot be opened: file is not a database", "db", str(other), *verb)
+        self.fails(1, "cannot be opened", "db", str(self.root), "ls")
+        self.fails(1, "cannot be written", "db", str(self.root / "none/x"), "set", "k", "v")
+
+    def test_a_database_without_the_table_gets_it_by_writing(self):
+        with sqlite3.connect(self.path) as connection:
+            connection.execute("CREATE TABLE other(x)")
+        connection.close()
+        self.fails(1, "no table ZARNDATA", *self.db, "ls")
+        self.run_ok(*self.db, "set", "k", "v")
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_a_store_that_somebody_writes_is_told(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        with sqlite3.connect(self.path) as writer:
+            writer.execute("BEGIN IMMEDIATE")
+            self.fails(1, "cannot be written: database is locked", *self.db, "set", "k", "w")
+            self.assertEqual(self.run_ok(*self.db, "get", "k"), "v\n")
+        writer.close()
+
+    def test_a_full_output_is_a_failure(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        for arguments in (("export",), ("ls",), ("get", "k"), ("get", "k", "--file", "-")):
+            with open("/dev/full", "w", encoding="ascii") as full:
+                result = subprocess.run([TOOL, *self.db, *arguments], env=self.env, stdout=full,
+                                        stderr=subprocess.PIPE, text=True, check=False)
+            self.assertEqual(result.returncode, 1, arguments)
+            self.assertIn("No space left", result.stderr)
+
+
+class Transfer(Db):
+    def test_export_and_import_keep_every_byte(self):
+        for number, value in enumerate((b"text", "ümläut €".encode(), b"\xff\xfe", b'"\\\n\x01\x7f')):
+            self.run_ok(*self.db, "set", f"k{number}", "--hex", value.hex())
+        self.run_ok(*self.db, "set", "ff", "--hex-key", "v")
+        out = self.root / "out.jsonl"
+        self.assertEqual(self.run_ok(*self.db, "export", str(out)), "rows written 5\n")
+        self.assertEqual(self.run_ok(*self.db, "export"), out.read_text(encoding="utf-8"))
+        lines = [json.loads(line) for line in out.read_text(encoding="utf-8").splitlines()]
+        self.assertEqual(lines[0], {"key": "k0", "value": "text"})
+        self.assertEqual(lines[2], {"key": "k2", "value_hex": "fffe"})
+        other = self.root / "other.db"
+        self.assertEqual(self.run_ok("db", str(other), "import", str(out)), "rows stored 5\n")
+        expected = self.rows()
+        self.path = other
+        self.assertEqual(self.rows(), expected)
+        self.assertFalse((self.root / "out.jsonl.part").exists())
+
+    def test_lines_that_are_none_stop_the_import_and_what_came_before_is_kept(self):
+        for bad in ("nonsense", "[]", '{"key":"k"}', '{"key":"k","value":1}', '{"key":"","value":"v"}',
+                    '{"key":"it\'s","value":"v"}', '{"key":"k","value":"\\u0000"}',
+                    '{"key":"k","value":"v","more":1}', '{"key":"k","value_hex":"0"}', "[" * 5000,
+                    '{"key":"k","value":"v"} x'):
+            lines = '{"key":"first","value":"1"}\n\n' + bad + '\n{"key":"last","value":"2"}\n'
+            self.path.unlink(missing_ok=True)
+            self.fails(2, "line 3: ", *self.db, "import", "-", input=lines)
+            self.assertEqual(self.rows(), {b"first": b"1"}, bad)
+
+    def test_import_of_nothing_makes_an_empty_store(self):
+        self.assertEqual(self.run_events(*self.db, "import", "-", input=""),
+                         [{"event": "summary", "rows": 0, "complete": True}])
+        self.assertEqual(self.rows(), {})
+        self.fails(1, "No such file", *self.db, "import", str(self.root / "none"))
+
+    def test_import_interrupted_at_any_moment_and_run_again_ends_with_the_same_content(self):
+        lines = self.make_lines()
+        self.run_ok("db", str(self.root / "whole.db"), "import", str(lines))
+        for how in (signal.SIGINT, signal.SIGKILL, signal.SIGTERM):
+            for attempt in range(2):
+                self.path.unlink(missing_ok=True)
+                process = subprocess.Popen([TOOL, *self.db, "import", str(lines)], env=self.env,
+                                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                time.sleep(0.01 + random.random() * 0.03 * (attempt + 1))
+                process.send_signal(how)
+                errors = process.communicate(timeout=PATIENCE)[1]
+                if how != signal.SIGKILL and process.returncode == 1:
+                    self.assertIn(b"run it again", errors)
+                self.assertEqual(self.run_ok(*self.db, "import", str(lines)), f"rows stored {ROWS}\n")
+                exported = self.run_ok(*self.db, "export")
+                self.assertEqual(exported, self.run_ok("db", str(self.root / "whole.db"), "export"))
+
+    def test_import_interrupted_while_it_waits_for_input_keeps_what_it_has(self):
+        self.run_ok(*self.db, "import", os.devnull)
+        process = self.start(*self.db, "import", "-", stdin=subprocess.PIPE)
+        process.process.stdin.write(b'{"key":"k","value":"v"}\n')
+        process.process.stdin.flush()
+        deadline = time.monotonic() + PATIENCE
+        while not (self.root / "store.db-journal").exists():  # it has begun to write
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.005)
+        self.assertEqual(process.end(), 1)
+        self.assertIn("interrupted after 1 rows", process.errors())
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_export_interrupted_leaves_the_file_that_was_there(self):
+        self.run_ok(*self.db, "import", str(self.make_lines()))
+        out = self.root / "out.jsonl"
+        self.run_ok(*self.db, "export", str(out))
+        expected = out.read_text(encoding="utf-8")
+        for how in (signal.SIGINT, signal.SIGKILL):
+            for _ in range(3):
+                out.write_text("before", encoding="utf-8")
+                process = subprocess.Popen([TOOL, *self.db, "export", str(out)], env=self.env,
+                                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                time.sleep(random.random() * 0.15)
+                process.send_signal(how)
+                process.wait(PATIENCE)
+                self.assertIn(out.read_text(encoding="utf-8"), ("before", expected))
+                self.run_ok(*self.db, "export", str(out))
+                self.assertEqual(out.read_text(encoding="utf-8"), expected)
+
+    def test_progress_is_drawn_on_a_terminal_and_nowhere_else(self):
+        lines = self.make_lines()
+        self.assertEqual(self.run_tool(*self.db, "import", str(lines)).stderr, "")
+        leader, follower = pty.openpty()
+        with os.fdopen(leader, "rb", buffering=0) as terminal:
+            process = subprocess.Popen([TOOL, *self.db, "import", str(lines)], env=self.env,
+                                       stdout=subprocess.DEVNULL, stderr=follower)
+            os.close(follower)
+            shown = b""
+            try:
+                while part := terminal.read(65536):
+                    shown += part
+            except OSError:  # the terminal's way to say that it has ended
+                pass
+            self.assertEqual(process.wait(PATIENCE), 0)
+        self.assertRegex(shown, rb"\[#+-+\] .* rows")
+
+
+if __name__ == "__main__":
+    unittest.main()

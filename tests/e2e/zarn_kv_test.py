@@ -1,0 +1,81 @@
+"""zarn kv: what it prints, and which stores it refuses."""
+
+import os
+import subprocess
+import unittest
+
+from zarn_tool import PATIENCE, TOOL, ToolTest
+
+
+class Kv(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.path = self.root / "store"
+        self.kv = ("kv", str(self.path))
+
+    def run_ok(self, *arguments, **options):
+        result = self.run_tool(*arguments, **options)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        return result.stdout
+
+    def fails(self, code, pattern, *arguments):
+        result = self.run_tool(*arguments)
+        self.assertEqual(result.returncode, code, result.stderr)
+        self.assertRegex(result.stderr, pattern)
+
+    def test_put_get_and_rm(self):
+        self.assertEqual(self.run_ok(*self.kv, "put", "it's", "v"), "")
+        self.assertEqual(self.run_ok(*self.kv, "get", "it's"), "v\n")
+        self.run_ok(*self.kv, "put", "it's", "w")
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "it's\tw\n")
+        self.run_ok(*self.kv, "rm", "it's")
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "")
+
+    def test_any_bytes_are_kept(self):
+        raw = bytes(range(256)) * 500
+        (self.root / "raw").write_bytes(raw)
+        self.run_ok(*self.kv, "put", "00ff", "--hex-key", "--file", str(self.root / "raw"))
+        self.run_ok(*self.kv, "put", "empty", "")
+        self.run_ok(*self.kv, "put", "k", "--hex", "0A5c")
+        piped = subprocess.run([TOOL, *self.kv, "get", "00ff", "--hex-key", "--file", "-"], env=self.env,
+                               check=True, capture_output=True, timeout=PATIENCE)
+        self.assertEqual(piped.stdout, raw)
+        self.assertEqual(self.run_ok(*self.kv, "get", "k"), "\\n\\\\\n")
+        self.assertEqual(self.run_events(*self.kv, "dump", "--hex"), [
+            {"event": "entry", "key": "00ff", "value": raw.hex(), "size": len(raw)},
+            {"event": "entry", "key": b"empty".hex(), "value": "", "size": 0},
+            {"event": "entry", "key": "6b", "value": "0a5c", "size": 2}])
+
+    def test_absent_keys_and_stores_are_failures_and_nothing_is_made(self):
+        for verb in (("get", "k"), ("rm", "k"), ("dump",)):
+            self.fails(1, "there is no store", *self.kv, *verb)
+        self.assertFalse(self.path.exists())
+        self.run_ok(*self.kv, "put", "k", "v")
+        self.fails(1, "no key 'l'", *self.kv, "get", "l")
+        self.fails(1, "no key 'l'", *self.kv, "rm", "l")
+
+    def test_a_store_in_use_is_told_with_its_holder(self):
+        self.run_ok(*self.kv, "put", "k", "v")
+        peer = os.path.join(os.path.dirname(TOOL), "store_peer")
+        with subprocess.Popen([peer, "write", "leveldb", str(self.path), "0"],
+                              stdout=subprocess.PIPE) as holder:
+            holder.stdout.readline()
+            try:
+                self.fails(1, rf"in use by process {holder.pid} \(store_peer\)", *self.kv, "get", "k")
+            finally:
+                holder.kill()
+        self.assertEqual(self.run_ok(*self.kv, "get", "k"), "v\n")
+
+    def test_what_is_no_store_is_refused(self):
+        self.path.write_text("")
+        self.fails(1, "there is no store: Not a directory", *self.kv, "dump")
+        self.fails(1, "Not a directory", *self.kv, "put", "k", "v")
+
+    def test_wrong_usage(self):
+        for arguments in (("kv",), self.kv, (*self.kv, "get"), (*self.kv, "put", "k"),
+                          (*self.kv, "put", "k", "--hex", "xx"), (*self.kv, "get", "0", "--hex-key")):
+            self.assertEqual(self.run_tool(*arguments).returncode, 2, arguments)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,89 @@
+"""zarn shm: the segments of the root, who uses them, and what is not removed."""
+
+import getpass
+import os
+import subprocess
+import unittest
+
+from zarn_tool import TOOL, ToolTest
+
+PEER = os.path.join(os.path.dirname(TOOL), "store_peer")
+
+
+class Shm(ToolTest):
+    def setUp(self):
+        super().setUp()
+        self.directory = self.root / "system/zarn/shm/zarnshmm"
+
+    def use_segment(self, name):
+        """A process that has the segment until it is killed."""
+        process = subprocess.Popen([PEER, "survive", name], env=self.env, stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE)
+        self.addCleanup(self.end, process)
+        self.assertEqual(process.stdout.readline(), b"ready\n")
+        return process
+
+    @staticmethod
+    def end(process):
+        process.kill()
+        process.wait()
+        process.stdin.close()
+        process.stdout.close()
+
+    def fails(self, code, pattern, *arguments):
+        result = self.run_tool(*arguments)
+        self.assertEqual(result.returncode, code, result.stderr)
+        self.assertRegex(result.stderr, pattern)
+
+    def test_nothing_there(self):
+        self.assertEqual(self.run_events("shm", "ls"), [])
+        self.assertIn("no segments in", self.run_tool("shm", "ls").stdout)
+        self.assertFalse(self.directory.exists(), "listing makes nothing")
+        self.fails(1, "there is no such segment", "shm", "info", "cfg")
+        self.fails(1, "there is no such segment", "shm", "rm", "cfg")
+
+    def test_lists_segments_and_who_uses_them(self):
+        user = self.use_segment("cfg")
+        self.end(self.use_segment("left"))
+        (self.directory / "other").write_text("")
+        listed = self.run_events("shm", "ls")
+        self.assertEqual([(e["name"], e["size"], e["user"], e["pids"]) for e in listed],
+                         [("cfg", 16, getpass.getuser(), [user.pid]),
+                          ("left", 16, getpass.getuser(), [])])
+        self.assertEqual(listed[0]["path"], str(self.directory / "zarn_shm_cfg"))
+        self.assertEqual(self.run_events("shm", "info", "cfg"), listed[:1])
+        lines = self.run_tool("shm", "ls").stdout.splitlines()
+        self.assertEqual(lines[1].split(), ["cfg", "16", getpass.getuser(), str(user.pid),
+                                            "(store_peer)"])
+        self.assertIn("bytes      16\n", self.run_tool("shm", "info", "cfg").stdout)
+
+    def test_removes_what_nobody_uses_and_the_rest_only_when_forced(self):
+        user = self.use_segment("cfg")
+        self.end(self.use_segment("left"))
+        self.assertEqual(self.run_tool("shm", "rm", "left").returncode, 0)
+        self.fails(1, rf"in use by process {user.pid}", "shm", "rm", "cfg")
+        self.assertEqual(os.listdir(self.directory), ["zarn_shm_cfg"])
+        self.assertEqual(self.run_tool("shm", "rm", "cfg", "--force").returncode, 0)
+        self.assertEqual(os.listdir(self.directory), [])
+
+    def test_names_that_lead_elsewhere_are_refused(self):
+        for name in ("../x", "a/b", "/x", "..", "a..b", ""):
+            for verb in ("rm", "info"):
+                self.fails(2, "is no name", "shm", verb, name)
+
+    def test_a_directory_in_the_place_of_a_segment_is_left(self):
+        (self.directory / "zarn_shm_cfg").mkdir(parents=True)
+        self.fails(1, "not a regular file", "shm", "rm", "cfg")
+
+    def test_wrong_usage_and_no_root(self):
+        for arguments in (("shm",), ("shm", "rm"), ("shm", "nonsense"), ("shm", "ls", "x")):
+            self.assertEqual(self.run_tool(*arguments).returncode, 2, arguments)
+        env = dict(self.env)
+        del env["ZARN_ROOT"]
+        result = self.run_tool("shm", "ls", env=env)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("ZARN_ROOT is not set", result.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,369 @@
+// ShmConnection_test.cpp - a connection whose peer is played by the test: what it puts into the
+// shared memory and onto the socket, and when it sleeps.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <string>
+
+#include "RawPeer.h"
+#include "keelbase/internal/TimerQueue.h"
+
+namespace fshmipc {
+namespace {
+
+using namespace zarn::test;
+using keelbase::CAWThreadManager;
+
+constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
+
+keelbase::CAWThread& Network() {
+  return *CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
+}
+
+// Runs the loop as a program does, so that it sleeps, until `condition` holds; false after `limit`.
+template <class Condition>
+bool RunUntil(Condition&& condition, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  bool held = false;
+  keelbase::internal::Timer look(Network().GetLoop());
+  keelbase::internal::Timer end(Network().GetLoop());
+  look.Start(std::chrono::milliseconds(1), 0, [&] {
+    if (!condition()) return;
+    held = true;
+    Network().Stop();
+  });
+  end.Start(limit, 1, [&] { Network().Stop(); });
+  EXPECT_EQ(Network().Run(), AW_OK);
+  return held;
+}
+
+// Until nobody polls any more: the loop sleeps and has asked to be woken.
+void RunUntilAsleep(RawPeer& peer) {
+  EXPECT_TRUE(
+      RunUntil([&] { return peer.In().readerSleeps == 0 && peer.Out().readerSleeps != 0; }));
+}
+
+double ProcessorSeconds() {
+  timespec time{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// What this process uses while the loop has nothing to do.
+double SecondsUsedWhileIdle() {
+  const double before = ProcessorSeconds();
+  keelbase::internal::Timer end(Network().GetLoop());
+  end.Start(std::chrono::milliseconds(500), 1, [] { Network().Stop(); });
+  EXPECT_EQ(Network().Run(), AW_OK);
+  return ProcessorSeconds() - before;
+}
+
+// --- positions that make no sense ---
+
+TEST(ShmConnection, ReaderOfNonsenseDisconnects) {
+  for (const std::uint64_t lie : {std::uint64_t{kLeastShmRing + 1}, kMost, kMost / 2}) {
+    RawPeer peer;
+    peer.end.Open();
+    peer.Out().head = lie;
+    EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
+    EXPECT_EQ(peer.end.sink.reason, EPROTO);
+    EXPECT_EQ(peer.end.sink.received, "");
+    EXPECT_EQ(peer.end.Send("x"), AW_ERROR_FAILURE);
+  }
+}
+
+TEST(ShmConnection, NonsenseIsFoundByASleepingConnectionWhenItIsWoken) {
+  RawPeer peer;
+  peer.end.Open();
+  RunUntilAsleep(peer);
+  peer.Out().head = kMost;
+  peer.Wake();
+  EXPECT_TRUE(RunUntil([&] { return peer.end.sink.ended; }));
+  EXPECT_EQ(peer.end.sink.reason, EPROTO);
+}
+
+TEST(ShmConnection, WriterToNonsenseDisconnects) {
+  for (const std::uint64_t lie : {std::uint64_t{1}, kMost - kLeastShmRing, kMost / 2}) {
+    RawPeer peer;
+    peer.end.Open();
+    peer.In().tail = lie;
+    EXPECT_EQ(peer.end.Send(Pattern(70000)), AW_ERROR_PARTIAL_DATA);  // the room of before
+    EXPECT_FALSE(peer.end.sink.ended);
+    EXPECT_TRUE(RunUntil([&] { return peer.end.sink.ended; }));
+    EXPECT_EQ(peer.end.sink.reason, EPROTO);
+    EXPECT_EQ(peer.end.Send("x"), AW_ERROR_FAILURE);
+  }
+}
+
+TEST(ShmConnection, NonsenseFromBeforeTheOpenEndsItAfterwards) {
+  RawPeer peer;
+  peer.Out().head = kMost;
+  peer.In().tail = kMost / 2;
+  peer.end.Send(Pattern(70000));
+  EXPECT_EQ(peer.end.transport->OpenWithSink(&peer.end.sink), AW_OK);
+  EXPECT_FALSE(peer.end.sink.ended);
+  EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
+  EXPECT_EQ(peer.end.sink.reason, EPROTO);
+}
+
+TEST(ShmConnection, NonsenseWhileSomeoneWaitsForRoomEndsIt) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.end.Fill();
+  RunUntil([&] { return peer.In().writerWaits != 0; });
+  peer.In().tail = kMost / 2;
+  peer.Wake();
+  EXPECT_TRUE(RunUntil([&] { return peer.end.sink.ended; }));
+  EXPECT_EQ(peer.end.sink.reason, EPROTO);
+  EXPECT_EQ(peer.end.sink.sends, 0);
+}
+
+TEST(ShmConnection, NonsenseWhileItLingersEndsTheLinger) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.end.Fill();
+  const std::string more = Pattern(100000);
+  CAWMessageBlock block(more.data(), more.size(), CAWMessageBlock::borrow);
+  EXPECT_EQ(peer.end.transport->SetOption(keelbase::AW_OPT_LINGER_DATA, &block), AW_OK);
+  peer.In().tail = kMost / 2;
+  peer.end.transport->Disconnect(0);
+  peer.Wake();
+  EXPECT_TRUE(RunUntil(
+      [&] {
+        peer.socket.Receive();
+        return peer.socket.ended;
+      },
+      std::chrono::milliseconds(1500)));
+}
+
+TEST(ShmConnection, PeerThatDiesLeavingNonsenseIsANonsense) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.end.Set(keelbase::AW_OPT_STOP_READING, true);
+  peer.Out().head = kMost;
+  peer.socket.Close();
+  EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
+  EXPECT_EQ(peer.end.sink.reason, EPROTO);
+}
+
+TEST(ShmConnection, ClaimedBytesThatNobodyWroteAreReadFromTheRing) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.Out().head = kLeastShmRing;
+  EXPECT_TRUE(Await([&] { return peer.end.sink.received.size() == kLeastShmRing; }));
+  EXPECT_FALSE(peer.end.sink.ended);
+}
+
+TEST(ShmConnection, BytesAreTheOwnersOnceTheyAreDelivered) {
+  RawPeer peer;
+  RingWriter writer(peer.segment.ConnectorRing());
+  writer.Write("mine", 4);
+  writer.Publish();
+  std::string seen;
+  peer.end.sink.onReceive = [&](IAWShmIPCTransport*) {
+    peer.segment.ConnectorRing().bytes[0] = 'X';
+    seen = peer.end.sink.received;
+  };
+  peer.end.Open();
+  EXPECT_TRUE(Await([&] { return !seen.empty(); }));
+  EXPECT_EQ(seen, "mine");
+}
+
+TEST(ShmConnection, PeerThatEmptiesThePagesOfItsMemoryDoesNoHarm) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.end.Send("x");
+  RunReady();
+  char* const begin = reinterpret_cast<char*>(&peer.Out());
+  EXPECT_EQ(::madvise(begin, 4096 + 2 * kLeastShmRing, MADV_REMOVE), 0);
+  peer.end.Send(Pattern(1000));
+  for (int i = 0; i < 20; ++i) RunReady();
+  EXPECT_EQ(peer.In().head, 1001U);
+}
+
+// --- ends ---
+
+TEST(ShmConnection, EndWithoutAWordIsAResetEvenBehindBytes) {
+  RawPeer peer;
+  peer.end.Open();
+  RingWriter writer(peer.segment.ConnectorRing());
+  writer.Write("last", 4);
+  writer.Publish();
+  peer.socket.Close();
+  EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
+  EXPECT_EQ(peer.end.sink.received, "last");
+  EXPECT_EQ(peer.end.sink.reason, ECONNRESET);
+}
+
+TEST(ShmConnection, PeerThatOnlyShutsItsSocketDownHasEnded) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.socket.ShutdownWrite();
+  EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
+}
+
+TEST(ShmConnection, PeerThatWritesOnAfterItsEndIsReadForOneRingOnly) {
+  RawPeer peer;
+  RingWriter writer(peer.segment.ConnectorRing());
+  const std::string text = Pattern(kLeastShmRing);
+  writer.Write(text.data(), text.size());
+  writer.Publish();
+  peer.end.Set(keelbase::AW_OPT_READ_SIZE, std::uint32_t{1000});
+  peer.end.sink.onReceive = [&](IAWShmIPCTransport*) {
+    writer.Write(text.data(), text.size());
+    writer.Publish();
+  };
+  peer.end.Set(keelbase::AW_OPT_STOP_READING, true);
+  peer.end.Open();
+  peer.socket.ShutdownWrite();
+  EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
+  EXPECT_GE(peer.end.sink.received.size(), text.size());
+  EXPECT_LT(peer.end.sink.received.size(), text.size() + 1000);
+}
+
+// --- sleeping and waking ---
+
+TEST(ShmConnection, SleepingConnectionIsWokenByOneByte) {
+  RawPeer peer;
+  peer.end.Open();
+  RingWriter writer(peer.segment.ConnectorRing());
+  for (int i = 0; i < 300; ++i) {
+    RunUntilAsleep(peer);
+    writer.Write("x", 1);
+    ASSERT_TRUE(writer.Publish());
+    peer.Wake();
+    ASSERT_TRUE(RunUntil([&] { return peer.end.sink.receives == i + 1; })) << i;
+  }
+}
+
+TEST(ShmConnection, PeerThatSleepsIsWokenByOneByte) {
+  RawPeer peer;
+  peer.end.Open();
+  RingReader reader(peer.segment.AcceptorRing());
+  EXPECT_TRUE(reader.Sleep());
+  peer.end.Send("a");
+  peer.end.Send("b");
+  RunReady();
+  EXPECT_EQ(peer.socket.Receive().size(), 1U);
+  EXPECT_EQ(reader.Available(), 2U);
+  EXPECT_EQ(peer.end.Counters().systemCallsSent, 1U);
+}
+
+// Each answer of 10013 may bring a wake-up, whether or not anybody sleeps. They must not fill the
+// socket so that the one that counts finds no room.
+TEST(ShmConnection, WakeUpIsNotLostBehindThoseThatCameWhileAwake) {
+  RawPeer peer;
+  peer.end.Open();
+  RingReader reader(peer.segment.AcceptorRing());
+  std::string bytes(kLeastShmRing, '\0');
+  const auto readAll = [&] {
+    const std::size_t available = reader.Available();
+    reader.Read(bytes.data(), available);
+    if (reader.ShallTellRoom(0)) peer.Wake();
+  };
+  for (int i = 0; i < 2000; ++i) {  // all within one turn of the connection's loop
+    peer.end.Fill();
+    readAll();
+  }
+  EXPECT_TRUE(RunUntil([&] { return peer.end.sink.sends == 1; }));
+  peer.end.Fill();
+  EXPECT_TRUE(RunUntil([&] { return peer.In().writerWaits != 0 && peer.Out().readerSleeps != 0; }));
+  readAll();
+  EXPECT_TRUE(RunUntil([&] { return peer.end.sink.sends == 2; }));
+}
+
+TEST(ShmConnection, WakeUpsWithoutReasonCostNothingLater) {
+  RawPeer peer;
+  peer.end.Open();
+  while (peer.socket.Send("w") == 1) {
+  }
+  RunUntilAsleep(peer);
+  EXPECT_LT(SecondsUsedWhileIdle(), 0.1);
+  peer.socket.Close();
+  EXPECT_TRUE(RunUntil([&] { return peer.end.sink.ended; }));
+}
+
+TEST(ShmConnection, DescriptorsThatComeWithAWakeUpAreClosed) {
+  RawPeer peer;
+  peer.end.Open();
+  const auto open = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = open();
+  for (int i = 0; i < 200; ++i) {
+    SendWithDescriptors(peer.socket.Get(), "w", 1, {peer.socket.Get()});
+    RunReady();
+  }
+  EXPECT_EQ(open(), before);
+}
+
+// --- what a peer that does nothing costs: as one that was stopped ---
+
+TEST(ShmConnection, PeerThatHasStoppedCostsNoProcessorTime) {
+  for (const std::uint32_t spin : {0U, 100U}) {
+    Network().SetSpin(spin);
+    RawPeer peer;
+    peer.end.Open();
+    peer.end.Fill();
+    EXPECT_LT(SecondsUsedWhileIdle(), 0.1) << "with a full ring";
+    peer.In().tail = kLeastShmRing / 2 - 1;  // not enough room yet
+    peer.Wake();
+    EXPECT_LT(SecondsUsedWhileIdle(), 0.1) << "with some room";
+    peer.end.Set(keelbase::AW_OPT_STOP_READING, true);
+    peer.Out().head = kLeastShmRing;
+    peer.Wake();
+    EXPECT_LT(SecondsUsedWhileIdle(), 0.1) << "with bytes that are not read";
+  }
+  Network().SetSpin(0);
+}
+
+TEST(ShmConnection, ScribblesEndItOrLeaveItWorking) {
+  std::mt19937_64 random(11);
+  for (int round = 0; round < 30; ++round) {
+    RawPeer peer;
+    peer.end.Open();
+    peer.end.sink.onReceive = [&](IAWShmIPCTransport*) { peer.end.sink.received.clear(); };
+    for (int step = 0; step < 200 && !peer.end.sink.ended; ++step) {
+      const auto value = random() % 40 == 0 ? random() : peer.In().head + random() % 1000 - 500;
+      switch (random() % 7) {
+        case 0:
+          peer.Out().head = peer.Out().head + random() % 70000;
+          break;
+        case 1:
+          peer.In().tail = value;
+          break;
+        case 2:
+          peer.Out().readerSleeps = static_cast<std::uint32_t>(random());
+          break;
+        case 3:
+          peer.In().readerSleeps = static_cast<std::uint32_t>(random());
+          break;
+        case 4:
+          peer.In().writerWaits = static_cast<std::uint32_t>(random());
+          break;
+        case 5:
+          peer.Out().tail = random();
+          break;
+        case 6:
+          peer.In().head = random();
+          break;
+      }
+      peer.Wake();
+      peer.end.Send(Pattern(random() % 80000));
+      Network().TEST_RunReady();
+      peer.socket.Receive();
+    }
+    peer.end.transport->Disconnect(0);
+  }
+}
+
+}  // namespace
+}  // namespace fshmipc

@@ -1,0 +1,29 @@
+// StoreTrouble.h - what a disk does to those who write: no room, and no permission. For a process
+// of its own, which keeps it to its end.
+#pragma once
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace zarn::test {
+
+// From now on no file grows beyond `bytes`: writes fail as on a full disk.
+inline bool LimitFileSize(rlim_t bytes) {
+  ::signal(SIGXFSZ, SIG_IGN);
+  const rlimit limit{bytes, bytes};
+  return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+
+// From now on the directory cannot be written to. Root may write anywhere and becomes somebody
+// else.
+inline bool MakeReadOnly(const std::string& directory) {
+  constexpr uid_t kNobody = 65534;
+  if (::chmod(directory.c_str(), 0555) != 0) return false;
+  return ::geteuid() != 0 || ::setresuid(kNobody, kNobody, kNobody) == 0;
+}
+
+}  // namespace zarn::test

@@ -1,0 +1,304 @@
+// CZARNLevelDBManager_test.cpp - real databases. A path is opened once in the life of a process, so
+// whoever looks at one afterwards is another process; a full disk is a limit on the size of files.
+#include "zarn/utils/CZARNLevelDBManager.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "ChildTest.h"
+#include "ForkedChild.h"
+#include "StoreTrouble.h"
+#include "TempRoot.h"
+
+namespace zarn::utils {
+namespace {
+
+using test::ChildTest;
+using test::ForkedChild;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+static_assert(std::has_virtual_destructor_v<CZARNLevelDBManager>);
+
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+int Insert(CZARNLevelDBManager& store, std::string key, std::string value) {
+  return store.DBInsert(key.data(), key.size(), value.data(), value.size());
+}
+int Update(CZARNLevelDBManager& store, std::string key, std::string value) {
+  return store.DBUpdate(key.data(), key.size(), value.data(), value.size());
+}
+int Remove(CZARNLevelDBManager& store, std::string key) {
+  return store.DBRemove(key.data(), key.size());
+}
+int Lookup(CZARNLevelDBManager& store, std::string key, std::string& value) {
+  return store.DBLookup(key.data(), key.size(), &value);
+}
+// The value, or a text that no test stores.
+std::string ValueOf(CZARNLevelDBManager& store, const std::string& key) {
+  std::string value;
+  return Lookup(store, key, value) == 0 ? value : "(none)";
+}
+Entries All(CZARNLevelDBManager& store) {
+  Entries entries;
+  store.DBDump(
+      [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
+        entries.emplace_back(std::string(key, keyLen), std::string(value, valueLen));
+      });
+  return entries;
+}
+
+class CZARNLevelDBManagerTest : public testing::Test {
+ protected:
+  // Runs `work` on the database in another process, as this one cannot open it again.
+  bool Elsewhere(const std::function<bool(CZARNLevelDBManager&)>& work) const {
+    return ForkedChild([&] {
+             CZARNLevelDBManager store(true, 0, true, true);
+             return store.Open(path_.c_str()) == 0 && work(store);
+           })
+        .Succeeded();
+  }
+
+  test::TempDir dir_;
+  const std::string path_ = dir_.GetPath() + "/store";
+  CZARNLevelDBManager store_{true, 7, true, true};
+};
+
+TEST_F(CZARNLevelDBManagerTest, NothingWorksBeforeOpen) {
+  std::string value = "before";
+  EXPECT_EQ(Lookup(store_, "k", value), -1);
+  EXPECT_EQ(Update(store_, "k", "v"), -1);
+  EXPECT_EQ(Remove(store_, "k"), -1);
+  EXPECT_THAT(All(store_), IsEmpty());
+  EXPECT_EQ(value, "before");
+  store_.Close();
+}
+
+TEST_F(CZARNLevelDBManagerTest, InsertsLooksUpUpdatesAndRemoves) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(Insert(store_, "k", "a"), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "a");
+  EXPECT_EQ(Insert(store_, "k", "b"), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "b");
+  EXPECT_EQ(Update(store_, "k", "c"), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "c");
+  EXPECT_EQ(Remove(store_, "k"), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "(none)");
+}
+
+TEST_F(CZARNLevelDBManagerTest, UpdateOfAnAbsentKeyInsertsIt) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(Update(store_, "k", "v"), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "v");
+}
+
+TEST_F(CZARNLevelDBManagerTest, RemovingWhatIsNotThereSucceeds) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(Remove(store_, "absent"), 0);
+}
+
+TEST_F(CZARNLevelDBManagerTest, KeysAndValuesAreAnyBytesAlsoNone) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  const std::string odd("a\0'\xff", 4);
+  const std::string large(5'000'000, '\0');
+  EXPECT_EQ(Insert(store_, odd, large), 0);
+  EXPECT_EQ(Insert(store_, "", "empty key"), 0);
+  EXPECT_EQ(Update(store_, "empty value", ""), 0);
+  EXPECT_THAT(All(store_),
+              ElementsAre(Pair("", "empty key"), Pair(odd, large), Pair("empty value", "")));
+}
+
+TEST_F(CZARNLevelDBManagerTest, DumpsInTheOrderOfKeysWhatThereWasWhenItBegan) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  for (const char* key : {"b", "a", "c"}) Insert(store_, key, "v");
+  std::string keys;
+  store_.DBDump([&](const char* key, unsigned long keyLen, const char*, unsigned long) {
+    keys.append(key, keyLen);
+    EXPECT_EQ(Remove(store_, "c"), 0);
+    EXPECT_EQ(Insert(store_, "d", "v"), 0);
+  });
+  EXPECT_EQ(keys, "abc");
+  EXPECT_EQ(All(store_).size(), 3U);
+}
+
+TEST_F(CZARNLevelDBManagerTest, DumpWithoutAVisitorReturns) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  Insert(store_, "k", "v");
+  store_.DBDump({});
+}
+
+TEST_F(CZARNLevelDBManagerTest, WhatTheVisitorThrowsPassesThrough) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  Insert(store_, "k", "v");
+  const auto visit = [](const char*, unsigned long, const char*, unsigned long) {
+    throw std::runtime_error("enough");
+  };
+  EXPECT_THROW(store_.DBDump(visit), std::runtime_error);
+  EXPECT_EQ(ValueOf(store_, "k"), "v");
+}
+
+TEST_F(CZARNLevelDBManagerTest, OpenMakesADatabaseOnlyWhenToldTo) {
+  CZARNLevelDBManager strict(false, 0, true, false);
+  EXPECT_EQ(strict.Open(path_.c_str()), -1);
+  std::string value;
+  EXPECT_EQ(Lookup(strict, "k", value), -1);
+  ASSERT_TRUE(Elsewhere([](CZARNLevelDBManager& store) { return Insert(store, "k", "v") == 0; }));
+  ASSERT_EQ(strict.Open(path_.c_str()), 0);
+  EXPECT_EQ(ValueOf(strict, "k"), "v");
+}
+
+TEST_F(CZARNLevelDBManagerTest, OpenThatFailsLeavesAnObjectThatCanOpenAnother) {
+  const std::string file = dir_.GetPath() + "/file";
+  std::ofstream(file) << "x";
+  EXPECT_EQ(store_.Open(file.c_str()), -1);
+  EXPECT_EQ(Update(store_, "k", "v"), -1);
+  EXPECT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(Update(store_, "k", "v"), 0);
+}
+
+TEST_F(CZARNLevelDBManagerTest, OpeningASecondDatabaseLetsGoOfTheFirst) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  Insert(store_, "k", "first");
+  ASSERT_EQ(store_.Open((dir_.GetPath() + "/second").c_str()), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "(none)");
+  EXPECT_EQ(store_.Open(path_.c_str()), -1);
+  EXPECT_EQ(Remove(store_, "k"), -1);
+}
+
+TEST_F(CZARNLevelDBManagerTest, CompressionIsAsToldAndEitherIsRead) {
+  const std::string value(1'000'000, 'z');
+  const auto sizeAfterCompaction = [&](const std::string& name, bool compression) {
+    const std::string path = dir_.GetPath() + "/" + name;
+    for (const int round : {0, 1}) {  // opening moves into a table what the log holds
+      EXPECT_TRUE(ForkedChild([&] {
+                    CZARNLevelDBManager store(false, 0, compression, true);
+                    if (store.Open(path.c_str()) != 0) return false;
+                    return round == 0 ? Insert(store, "k", value) == 0
+                                      : ValueOf(store, "k") == value;
+                  }).Succeeded());
+    }
+    std::uintmax_t size = 0;
+    for (const auto& file : std::filesystem::directory_iterator(path)) {
+      if (file.path().extension() == ".ldb") size += file.file_size();
+    }
+    return size;
+  };
+  EXPECT_LT(sizeAfterCompaction("small", true), 100'000U);
+  EXPECT_GT(sizeAfterCompaction("large", false), 1'000'000U);
+}
+
+// --- letting go ---
+
+TEST_F(CZARNLevelDBManagerTest, ClosedPathIsOpenedByAnotherProcessAfterOursAndNotByOurs) {
+  EXPECT_TRUE(Elsewhere([this](CZARNLevelDBManager& store) {
+    const bool wrote = Insert(store, "k", "v") == 0 && Update(store, "u", "w") == 0;
+    store.Close();
+    store.Close();
+    CZARNLevelDBManager again(true, 0, true, true);
+    std::string value;
+    return wrote && Lookup(store, "k", value) == -1 && store.Open(path_.c_str()) == -1 &&
+           again.Open(path_.c_str()) == -1;
+  }));
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "v");
+  EXPECT_EQ(ValueOf(store_, "u"), "w");
+  store_.Close();
+  EXPECT_FALSE(Elsewhere([](CZARNLevelDBManager&) { return true; })) << "the lock is still held";
+}
+
+TEST_F(CZARNLevelDBManagerTest, EndOfTheObjectLetsGoLikeClose) {
+  {
+    CZARNLevelDBManager first(true, 0, true, true);
+    ASSERT_EQ(first.Open(path_.c_str()), 0);
+  }
+  EXPECT_EQ(store_.Open(path_.c_str()), -1);
+}
+
+// Enough for several tables, so LevelDB's thread is at work when the object goes. That thread is
+// not there after a fork, hence a process that starts from nothing.
+TEST_F(CZARNLevelDBManagerTest, LetsGoWhileACompactionRunsAndLosesNothing) {
+  constexpr int kEntries = 400;
+  const auto valueOf = [](int i) { return std::string(40'000, static_cast<char>('a' + i % 26)); };
+  const auto keyOf = [](int i) { return std::to_string(i * 7919 % kEntries); };
+  if (ChildTest::Role() == "writer") {
+    CZARNLevelDBManager store(false, 0, false, true);
+    bool good = store.Open(ChildTest::Argument().c_str()) == 0;
+    for (int i = 0; i < kEntries; ++i) good = good && Insert(store, keyOf(i), valueOf(i)) == 0;
+    store.Close();
+    std::exit(good ? 0 : 1);
+  }
+  ChildTest writer("writer", path_);
+  ASSERT_EQ(writer.Wait(), 0) << writer.GetErrors();
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  for (int i = 0; i < kEntries; ++i) ASSERT_EQ(ValueOf(store_, keyOf(i)), valueOf(i));
+}
+
+// In this process, where the sanitizers watch.
+TEST_F(CZARNLevelDBManagerTest, ClosingDuringACompactionTouchesNothingThatIsGone) {
+  {
+    CZARNLevelDBManager store(false, 0, true, true);
+    ASSERT_EQ(store.Open(path_.c_str()), 0);
+    for (int i = 0; i < 300; ++i) {
+      ASSERT_EQ(Insert(store, std::to_string(i % 100), std::string(40'000, 'x')), 0);
+    }
+  }
+  EXPECT_EQ(store_.Open((dir_.GetPath() + "/other").c_str()), 0);
+  EXPECT_EQ(Insert(store_, "k", "v"), 0);
+}
+
+TEST_F(CZARNLevelDBManagerTest, ThreadsUseOneObjectAtOnce) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 3; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < 50; ++i) {
+        const std::string key = std::to_string(thread) + "/" + std::to_string(i);
+        EXPECT_EQ(Update(store_, key, "v"), 0);
+        EXPECT_EQ(ValueOf(store_, key), "v");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(All(store_).size(), 150U);
+}
+
+// --- no room, no permission ---
+
+// LevelDB itself acknowledges the small ones, and has lost them when it is opened again.
+TEST_F(CZARNLevelDBManagerTest, FullDiskIsACodeTheOldDataStaysAndNoLaterWriteIsTaken) {
+  EXPECT_TRUE(Elsewhere([](CZARNLevelDBManager& store) { return Insert(store, "k", "old") == 0; }));
+  EXPECT_TRUE(Elsewhere([](CZARNLevelDBManager& store) {
+    if (!test::LimitFileSize(20'000) || Insert(store, "before", "b") != 0) return false;
+    const std::string large(100'000, 'x');
+    return Insert(store, "large", large) == -1 && Update(store, "large", large) == -1 &&
+           Insert(store, "small", "s") == -1 && Update(store, "small", "s") == -1 &&
+           Remove(store, "k") == -1 && ValueOf(store, "k") == "old" && All(store).size() == 2;
+  }));
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_THAT(All(store_), ElementsAre(Pair("before", "b"), Pair("k", "old")));
+  EXPECT_EQ(Insert(store_, "k", "new"), 0);
+}
+
+TEST_F(CZARNLevelDBManagerTest, ReadOnlyDirectoryIsACodeAndTheOldDataStays) {
+  EXPECT_TRUE(Elsewhere([](CZARNLevelDBManager& store) { return Insert(store, "k", "old") == 0; }));
+  ForkedChild child([&] {
+    CZARNLevelDBManager made(true, 0, true, true);
+    return test::MakeReadOnly(path_) && store_.Open(path_.c_str()) == -1 &&
+           made.Open((path_ + "/below").c_str()) == -1;
+  });
+  EXPECT_TRUE(child.Succeeded());
+  std::filesystem::permissions(path_, std::filesystem::perms{0700});
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "old");
+}
+
+}  // namespace
+}  // namespace zarn::utils

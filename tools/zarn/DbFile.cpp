@@ -1,0 +1,100 @@
+// DbFile.cpp - see DbFile.h.
+#include "DbFile.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace zarn::tool {
+
+namespace {
+
+constexpr int kBusyWaitMs = 5000;
+
+using Statement = std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>;
+
+Statement Prepare(sqlite3* handle, const char* text) {
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(handle, text, -1, &statement, nullptr);
+  return {statement, &sqlite3_finalize};
+}
+
+std::string_view ColumnOf(const Statement& statement, int column) {
+  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement.get(), column));
+  const int size = sqlite3_column_bytes(statement.get(), column);
+  return bytes == nullptr ? std::string_view() : std::string_view(bytes, std::size_t(size));
+}
+
+}  // namespace
+
+DbFile::DbFile(const std::string& path) : path_(path), state_(Examine()) {}
+
+DbFile::~DbFile() { sqlite3_close(handle_); }
+
+bool DbFile::Fail() {
+  reason_ = sqlite3_errmsg(handle_);
+  return false;
+}
+
+DbFile::State DbFile::Examine() {
+  struct stat status {};
+  if (::stat(path_.c_str(), &status) != 0) {
+    reason_ = std::strerror(errno);
+    return errno == ENOENT ? State::missing : State::unreadable;
+  }
+  // Writable where that is possible: what a killed writer left has to be undone first.
+  if (sqlite3_open_v2(path_.c_str(), &handle_, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+    Fail();
+    return State::unreadable;
+  }
+  sqlite3_busy_timeout(handle_, kBusyWaitMs);
+  const Statement tables =
+      Prepare(handle_, "SELECT 1 FROM sqlite_master WHERE type='table' AND name='ZARNDATA'");
+  const int found = sqlite3_step(tables.get());
+  if (found == SQLITE_DONE) return State::noTable;
+  const Statement rows = Prepare(handle_, "SELECT URL,VALUE FROM ZARNDATA LIMIT 1");
+  const int row = found == SQLITE_ROW ? sqlite3_step(rows.get()) : found;
+  if (row == SQLITE_ROW || row == SQLITE_DONE) return State::usable;
+  Fail();
+  return State::unreadable;
+}
+
+bool DbFile::Find(std::string_view key, std::optional<std::string>& value) {
+  const Statement select = Prepare(handle_, "SELECT VALUE FROM ZARNDATA WHERE URL=?");
+  sqlite3_bind_text(select.get(), 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  const int code = sqlite3_step(select.get());
+  if (code == SQLITE_ROW) value = ColumnOf(select, 0);
+  return code == SQLITE_ROW || code == SQLITE_DONE || Fail();
+}
+
+std::optional<std::uint64_t> DbFile::Count() {
+  const Statement count = Prepare(handle_, "SELECT COUNT(*) FROM ZARNDATA");
+  if (sqlite3_step(count.get()) == SQLITE_ROW)
+    return static_cast<std::uint64_t>(sqlite3_column_int64(count.get(), 0));
+  Fail();
+  return std::nullopt;
+}
+
+bool DbFile::ForEach(const Visit& visit) {
+  const Statement select = Prepare(handle_, "SELECT URL,VALUE FROM ZARNDATA ORDER BY URL");
+  int code = SQLITE_ROW;
+  while ((code = sqlite3_step(select.get())) == SQLITE_ROW) {
+    if (!visit(ColumnOf(select, 0), ColumnOf(select, 1))) return true;
+  }
+  return code == SQLITE_DONE || Fail();
+}
+
+std::string DbFile::ExplainWriteFailure() {
+  sqlite3_busy_timeout(handle_, 0);
+  const Statement begin = Prepare(handle_, "BEGIN IMMEDIATE");
+  if (handle_ == nullptr || sqlite3_step(begin.get()) != SQLITE_DONE) {
+    return handle_ == nullptr ? "it cannot be made" : sqlite3_errmsg(handle_);
+  }
+  sqlite3_step(Prepare(handle_, "ROLLBACK").get());
+  return "no room, or somebody else was writing";
+}
+
+}  // namespace zarn::tool

@@ -1,0 +1,280 @@
+// DbTransfer.cpp - zarn db import and export: one JSON object a line.
+#include <fcntl.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "CommandLine.h"
+#include "Db.h"
+#include "Interruption.h"
+#include "Output.h"
+#include "Progress.h"
+#include "StoreBytes.h"
+
+namespace zarn::tool {
+
+namespace {
+
+// Between two commits. What an interruption undoes is at most one batch.
+constexpr std::uint64_t kBatchRows = 1000;
+constexpr std::size_t kBatchBytes = std::size_t{4} << 20;
+constexpr std::uint64_t kRowsPerLook = 256;  // between two drawings of the progress bar
+
+struct StoreRow {
+  std::string key;
+  std::string value;
+};
+
+// Takes the text under `name`, or the hex digits under `name`_hex. Empty, or what is wrong.
+std::string TakeMember(const Json::Value& object, const std::string& name, std::string& bytes) {
+  const bool hex = object.isMember(name + "_hex");
+  if (hex == object.isMember(name)) return fmt::format("it has no {}, or two", name);
+  const Json::Value& member = object[hex ? name + "_hex" : name];
+  if (!member.isString()) return fmt::format("its {} is no text", name);
+  bytes = member.asString();
+  if (hex) {
+    std::optional<std::string> decoded = FromHex(bytes);
+    if (!decoded) return fmt::format("its {}_hex is not pairs of hex digits", name);
+    bytes = std::move(*decoded);
+  }
+  return WhyRefused(name.c_str(), bytes);
+}
+
+// Empty, or what is wrong with the line.
+std::string ParseRow(Json::CharReader& reader, std::string_view line, StoreRow& row) {
+  Json::Value object;
+  try {
+    if (!reader.parse(line.data(), line.data() + line.size(), &object, nullptr) ||
+        !object.isObject() || object.size() != 2)
+      return "it is no JSON object of a key and a value";
+  } catch (const Json::Exception&) {
+    return "it is no JSON object of a key and a value";
+  }
+  std::string problem = TakeMember(object, "key", row.key);
+  return problem.empty() ? TakeMember(object, "value", row.value) : problem;
+}
+
+class Importer {
+ public:
+  Importer(std::FILE* file, const std::string& from, const std::string& path)
+      : file_(file), from_(from), path_(path), reader_(MakeReader()) {
+    struct stat status {};
+    if (::fstat(::fileno(file_), &status) == 0 && S_ISREG(status.st_mode))
+      size_ = static_cast<double>(status.st_size);
+  }
+  ~Importer() { std::free(line_); }
+  Importer(const Importer&) = delete;
+  Importer& operator=(const Importer&) = delete;
+
+  int Run() {
+    CatchInterruptions();
+    if (!OpenToWrite(path_, db_)) return kFailed;
+    int code = kDone;
+    while (code == kDone && ReadLine()) code = Take();
+    // What came before a line that is not good, or before an interruption, is kept.
+    if (!Commit() && code != kFailed) code = kFailed;
+    progress_.Clear();
+    if (code == kDone && IsInterrupted()) {
+      Complain("interrupted after {} rows; run it again to finish", rows_);
+      code = kFailed;
+    } else if (code == kDone && std::ferror(file_) != 0) {
+      Complain("'{}': {}", Escape(from_), std::strerror(errno));
+      code = kFailed;
+    }
+    return code;
+  }
+  std::uint64_t GetRows() const { return rows_; }
+
+ private:
+  static std::unique_ptr<Json::CharReader> MakeReader() {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }
+
+  bool ReadLine() {
+    if (IsInterrupted()) return false;
+    const ssize_t length = ::getline(&line_, &capacity_, file_);
+    if (length < 0 || IsInterrupted()) return false;
+    lineLength_ = static_cast<std::size_t>(length);
+    read_ += static_cast<double>(length);
+    ++number_;
+    return true;
+  }
+
+  int Take() {
+    StoreRow row;
+    std::string_view line(line_, lineLength_);
+    if (line.ends_with('\n')) line.remove_suffix(1);
+    if (line.empty()) return kDone;
+    if (const std::string problem = ParseRow(*reader_, line, row); !problem.empty()) {
+      progress_.Clear();
+      Complain("'{}', line {}: {}; {} rows before it are stored", Escape(from_), number_, problem,
+               rows_ + batchRows_);
+      return kUsage;
+    }
+    if (batchRows_ == 0) begun_ = db_.Begin() == 0;
+    if (!begun_ || db_.SetPersistentData(row.key, row.value) != keelbase::AW_OK) {
+      NotWritten();
+      return kFailed;
+    }
+    ++batchRows_;
+    batchBytes_ += row.key.size() + row.value.size();
+    const bool full = batchRows_ == kBatchRows || batchBytes_ >= kBatchBytes;
+    return full && !Commit() ? kFailed : kDone;
+  }
+
+  // Nothing of this batch is stored then.
+  void NotWritten() {
+    batchRows_ = 0;
+    begun_ = false;
+    db_.CloseDB();
+    progress_.Clear();
+    ComplainNotWritten(path_);
+    Complain("{} rows are stored; run it again to finish", rows_);
+  }
+
+  bool Commit() {
+    if (batchRows_ == 0) return true;
+    if (db_.Commit() != 0) {
+      NotWritten();
+      return false;
+    }
+    rows_ += batchRows_;
+    batchRows_ = 0;
+    batchBytes_ = 0;
+    if (size_ > 0) progress_.Show(read_ / size_, fmt::format("{} rows", rows_));
+    return true;
+  }
+
+  std::FILE* const file_;
+  const std::string from_;
+  const std::string path_;
+  const std::unique_ptr<Json::CharReader> reader_;
+  utils::CZARNSqliteDB db_;
+  Progress progress_;
+  double size_ = 0;  // of the file; 0: not known
+  double read_ = 0;
+  char* line_ = nullptr;  // of getline
+  std::size_t capacity_ = 0;
+  std::size_t lineLength_ = 0;
+  std::uint64_t number_ = 0;
+  std::uint64_t rows_ = 0;  // committed
+  std::uint64_t batchRows_ = 0;
+  std::size_t batchBytes_ = 0;
+  bool begun_ = false;
+};
+
+std::string FormatRow(const Json::StreamWriterBuilder& builder, std::string_view key,
+                      std::string_view value) {
+  Json::Value object;
+  const auto put = [&](const std::string& name, std::string_view bytes) {
+    if (IsUtf8(bytes)) {
+      object[name] = std::string(bytes);
+    } else {
+      object[name + "_hex"] = ToHex(bytes);
+    }
+  };
+  put("key", key);
+  put("value", value);
+  return Json::writeString(builder, object) + "\n";
+}
+
+// False after a complaint. `rows` counts those written.
+bool WriteRows(DbFile& store, const std::string& path, std::FILE* file, const std::string& to,
+               std::uint64_t& rows) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  Progress progress;
+  const auto count = store.Count();
+  bool written = true;
+  const bool read = count && store.ForEach([&](std::string_view key, std::string_view value) {
+    const std::string line = FormatRow(builder, key, value);
+    written = std::fwrite(line.data(), 1, line.size(), file) == line.size();
+    if (++rows % kRowsPerLook == 0 && file != stdout)
+      progress.Show(static_cast<double>(rows) / static_cast<double>(*count),
+                    fmt::format("{} rows", rows));
+    return written && !IsInterrupted();
+  });
+  written = written && std::fflush(file) == 0;
+  const int error = errno;
+  progress.Clear();
+  if (!written) {
+    if (error != EPIPE) Complain("'{}': {}", Escape(to), std::strerror(error));
+  } else if (!read) {
+    Complain("'{}': {}", Escape(path), store.GetReason());
+  } else if (IsInterrupted()) {
+    Complain("interrupted; run it again");
+  }
+  return written && read && !IsInterrupted();
+}
+
+// The file is there with all its rows, or as it was before.
+bool ExportToFile(DbFile& store, const std::string& path, const std::string& to,
+                  std::uint64_t& rows) {
+  const std::string part = to + ".part";
+  std::FILE* file = std::fopen(part.c_str(), "wbe");
+  if (file == nullptr) {
+    Complain("'{}': {}", Escape(part), std::strerror(errno));
+    return false;
+  }
+  const bool written = WriteRows(store, path, file, to, rows);
+  bool done = written && ::fsync(::fileno(file)) == 0;
+  done = std::fclose(file) == 0 && done;
+  done = done && std::rename(part.c_str(), to.c_str()) == 0;
+  if (done) return true;
+  if (written) Complain("'{}': {}", Escape(to), std::strerror(errno));
+  ::unlink(part.c_str());
+  return false;
+}
+
+void SummariseTransfer(Output& output, std::uint64_t rows, bool complete) {
+  Json::Value object;
+  object["event"] = "summary";
+  object["rows"] = Json::UInt64(rows);
+  object["complete"] = complete;
+  output.Object(object);
+}
+
+}  // namespace
+
+int ImportDb(const std::string& path, const std::string& from, bool json) {
+  const bool standard = from == "-";
+  std::FILE* file = standard ? stdin : std::fopen(from.c_str(), "rbe");
+  if (file == nullptr) {
+    Complain("'{}': {}", Escape(from), std::strerror(errno));
+    return kFailed;
+  }
+  Output output(json);
+  int code = kDone;
+  {
+    Importer importer(file, from, path);
+    code = importer.Run();
+    if (code == kDone) output.Text("rows stored {}", importer.GetRows());
+    SummariseTransfer(output, importer.GetRows(), code == kDone);
+  }
+  if (!standard) std::fclose(file);
+  return output.Flush() ? code : kFailed;
+}
+
+int ExportDb(const std::string& path, const std::string& to, bool json) {
+  const auto store = OpenToRead(path);
+  if (store == nullptr) return kFailed;
+  CatchInterruptions();
+  std::uint64_t rows = 0;
+  if (to == "-") return WriteRows(*store, path, stdout, to, rows) ? kDone : kFailed;
+  Output output(json);
+  const bool done = ExportToFile(*store, path, to, rows);
+  if (done) output.Text("rows written {}", rows);
+  SummariseTransfer(output, rows, done);
+  return output.Flush() && done ? kDone : kFailed;
+}
+
+}  // namespace zarn::tool

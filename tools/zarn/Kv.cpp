@@ -1,0 +1,159 @@
+// Kv.cpp - zarn kv: looks into a LevelDB store and changes it.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/App.hpp>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "CommandLine.h"
+#include "Descriptor.h"
+#include "EndpointFiles.h"
+#include "Output.h"
+#include "StoreBytes.h"
+#include "zarn/utils/CZARNLevelDBManager.h"
+
+namespace zarn::tool {
+
+namespace {
+
+using utils::CZARNLevelDBManager;
+
+struct KvOptions {
+  std::string path;
+  bool json = false;
+  KeyOptions key;
+  ValueOptions value;
+  ShowOptions show;
+};
+
+// Who has the store open; 0 when nobody has.
+pid_t FindHolder(const std::string& path) {
+  const Descriptor lockFile(::open((path + "/LOCK").c_str(), O_RDWR | O_CLOEXEC));
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  if (!lockFile || ::fcntl(lockFile.Get(), F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return 0;
+  return lock.l_pid;
+}
+
+void ComplainNotOpened(const std::string& path) {
+  if (const pid_t holder = FindHolder(path); holder > 0) {
+    Complain("'{}': in use by process {} ({})", Escape(path), holder,
+             Escape(GetProgramName(holder)));
+  } else if (!Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) ||
+             ::access(path.c_str(), W_OK | X_OK) != 0) {
+    Complain("'{}': {}", Escape(path), std::strerror(errno));
+  } else {
+    Complain("'{}': cannot be opened; its file LOG may say why", Escape(path));
+  }
+}
+
+// LevelDB makes the directory even where it is to make no database, so that is looked at first.
+bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
+  if (!make && ::access((path + "/CURRENT").c_str(), F_OK) != 0) {
+    Complain("'{}': there is no store: {}", Escape(path), std::strerror(errno));
+    return false;
+  }
+  if (store.Open(path.c_str()) == 0) return true;
+  ComplainNotOpened(path);
+  return false;
+}
+
+bool FindInKv(CZARNLevelDBManager& store, const KvOptions& options, std::string& key,
+              std::string& value) {
+  if (store.DBLookup(key.data(), key.size(), &value) == 0) return true;
+  Complain("'{}': no key '{}', or it cannot be read", Escape(options.path), Escape(key));
+  return false;
+}
+
+int Written(const KvOptions& options, int result) {
+  if (result == 0) return kDone;
+  Complain("'{}': cannot be written", Escape(options.path));
+  return kFailed;
+}
+
+int RunKvGet(const KvOptions& options) {
+  auto key = GetKey(options.key);
+  if (!key) return kUsage;
+  CZARNLevelDBManager store(true, 0, true, false);
+  std::string value;
+  if (!OpenKv(options.path, store, false) || !FindInKv(store, options, *key, value)) return kFailed;
+  Output output(options.json);
+  return ShowValue(output, options.show, *key, value) && output.Flush() ? kDone : kFailed;
+}
+
+int RunKvPut(const KvOptions& options) {
+  auto key = GetKey(options.key);
+  if (!key) return kUsage;
+  auto value = GetValue(options.value);
+  if (!value) return kFailed;
+  CZARNLevelDBManager store(true, 0, true, true);
+  if (!OpenKv(options.path, store, true)) return kFailed;
+  return Written(options, store.DBInsert(key->data(), key->size(), value->data(), value->size()));
+}
+
+int RunKvRm(const KvOptions& options) {
+  auto key = GetKey(options.key);
+  if (!key) return kUsage;
+  CZARNLevelDBManager store(true, 0, true, false);
+  std::string value;
+  if (!OpenKv(options.path, store, false) || !FindInKv(store, options, *key, value)) return kFailed;
+  return Written(options, store.DBRemove(key->data(), key->size()));
+}
+
+int RunKvDump(const KvOptions& options) {
+  CZARNLevelDBManager store(true, 0, true, false);
+  if (!OpenKv(options.path, store, false)) return kFailed;
+  Output output(options.json);
+  store.DBDump(
+      [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
+        ShowEntry(output, options.show.hex, {key, keyLen}, {value, valueLen});
+      });
+  return output.Flush() ? kDone : kFailed;
+}
+
+CLI::App& AddKvVerb(CLI::App& kv, const std::shared_ptr<KvOptions>& options, Action& action,
+                    const char* name, const char* description, int (*run)(const KvOptions&)) {
+  CLI::App& verb = *kv.add_subcommand(name, description);
+  verb.fallthrough();
+  AddJson(verb, options->json);
+  verb.callback([options, run, &action] { action = [options, run] { return run(*options); }; });
+  return verb;
+}
+
+}  // namespace
+
+void AddKv(CLI::App& app, Action& action) {
+  auto options = std::make_shared<KvOptions>();
+  CLI::App& kv = *app.add_subcommand("kv", "look into a LevelDB store and change it");
+  kv.add_option("DIR", options->path, "the directory of the store; 'put' makes it")->required();
+  kv.require_subcommand(1);
+  AddJson(kv, options->json);
+  SetExamples(kv, "  zarn kv store put name north\n  zarn kv store dump --hex");
+
+  CLI::App& get = AddKvVerb(kv, options, action, "get", "print the value of a key", RunKvGet);
+  AddKey(get, options->key);
+  AddHex(get, options->show.hex);
+  get.add_option("--file", options->show.file,
+                 "write the value there as it is; '-' is standard output")
+      ->type_name("FILE");
+  SetExamples(get, "  zarn kv store get name");
+
+  CLI::App& put = AddKvVerb(kv, options, action, "put", "set the value of a key", RunKvPut);
+  AddKey(put, options->key);
+  AddValue(put, options->value);
+  SetExamples(put, "  zarn kv store put name north\n  zarn kv store put 00ff --hex-key --hex 01");
+
+  CLI::App& rm = AddKvVerb(kv, options, action, "rm", "remove a key", RunKvRm);
+  AddKey(rm, options->key);
+  SetExamples(rm, "  zarn kv store rm name");
+
+  CLI::App& dump = AddKvVerb(kv, options, action, "dump", "print all keys and values", RunKvDump);
+  AddHex(dump, options->show.hex);
+  SetExamples(dump, "  zarn kv store dump --json");
+}
+
+}  // namespace zarn::tool

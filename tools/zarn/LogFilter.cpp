@@ -1,0 +1,70 @@
+// LogFilter.cpp - see LogFilter.h.
+#include "LogFilter.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace zarn::tool {
+
+namespace {
+
+constexpr const char* kMetacharacters = "\\^$.[]|()?*+{}";
+
+// The longest text that is in everything that the expression matches; found only in simple ones.
+std::string FindNeededText(std::string_view expression) {
+  if (expression.find_first_of("\\[]|(){}") != std::string_view::npos) return {};
+  std::string_view longest;
+  while (!expression.empty()) {
+    const std::size_t end = std::min(expression.find_first_of(kMetacharacters), expression.size());
+    std::string_view text = expression.substr(0, end);
+    const bool optional = end < expression.size() && std::strchr("*?", expression[end]) != nullptr;
+    if (optional && !text.empty()) text.remove_suffix(1);
+    if (text.size() > longest.size()) longest = text;
+    expression.remove_prefix(std::min(end + 1, expression.size()));
+  }
+  return std::string(longest);
+}
+
+bool EqualsAnyCase(std::string_view one, std::string_view other) {
+  return one.size() == other.size() && ::strncasecmp(one.data(), other.data(), one.size()) == 0;
+}
+
+}  // namespace
+
+std::string LogPattern::Set(const std::string& pattern, bool fixed) {
+  text_ = fixed ? pattern : FindNeededText(pattern);
+  if (fixed || pattern.find_first_of(kMetacharacters) == std::string::npos) return {};
+  regex_t compiled;
+  const int error = ::regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NEWLINE | REG_NOSUB);
+  if (error != 0) {
+    char reason[128];
+    ::regerror(error, &compiled, reason, sizeof reason);
+    return reason;
+  }
+  expression_.reset(new regex_t(compiled));
+  return {};
+}
+
+bool LogPattern::Matches(std::string_view line) const {
+  if (expression_ == nullptr) return true;
+  regmatch_t range{};  // in: where to look
+  range.rm_eo = static_cast<regoff_t>(line.size());
+  return ::regexec(expression_.get(), line.data(), 1, &range, REG_STARTEND) == 0;
+}
+
+bool LogFilter::Passes(const LogLine& line) const {
+  if (since && line.time < *since) return false;
+  if (until && line.time > *until) return false;
+  const auto isLevel = [&](const std::string& level) { return EqualsAnyCase(level, line.level); };
+  if (!levels.empty() && std::none_of(levels.begin(), levels.end(), isLevel)) return false;
+  return functions.empty() ||
+         std::find(functions.begin(), functions.end(), line.function) != functions.end();
+}
+
+bool LogFilter::AsksForFields() const {
+  return since || until || !levels.empty() || !functions.empty();
+}
+
+}  // namespace zarn::tool
