@@ -209,7 +209,9 @@ TEST(PtcpConnection, PacketsOfOneConnectionAreNothingToAnother) {
   ASSERT_TRUE(one.Establish());
   ASSERT_TRUE(other.Establish());
   std::vector<Datagram> strange;
-  other.watch = [&](Bytes datagram, bool) { strange.emplace_back(datagram.begin(), datagram.end()); };
+  other.watch = [&](Bytes datagram, bool) {
+    strange.emplace_back(datagram.begin(), datagram.end());
+  };
   other.client->Send("strange", 7);
   other.server->Send("strange", 7);
   other.client->Flush(other.now);
@@ -225,6 +227,32 @@ TEST(PtcpConnection, PacketsOfOneConnectionAreNothingToAnother) {
   EXPECT_FALSE(one.client->IsDead());
 }
 
+// What a network error quotes must be a packet of ours: addresses alone are easily guessed.
+TEST(PtcpConnection, KnowsItsOwnPacketsByTheIdsThatTheyBear) {
+  SimulatedPair pair(17, {});
+  SimulatedPair other(18, {});
+  std::vector<Datagram> sent;
+  pair.watch = [&](Bytes datagram, bool toServer) {
+    if (toServer) sent.emplace_back(datagram.begin(), datagram.end());
+  };
+  ASSERT_TRUE(pair.Start());
+  EXPECT_TRUE(pair.client->MayHaveSent(sent.at(0)));
+  EXPECT_TRUE(pair.client->MayHaveSent(Bytes(sent[0]).first(22)));
+  EXPECT_FALSE(pair.client->MayHaveSent(Bytes(sent[0]).first(21)));
+  ASSERT_TRUE(pair.StepUntil([&] { return pair.client->IsEstablished(); }));
+  ASSERT_TRUE(other.Establish());
+  pair.StepUntil([] { return false; }, 2 * kSecond);
+  sent.clear();
+  pair.client->Send("data", 4);
+  pair.client->Flush(pair.now);
+  ASSERT_FALSE(sent.empty());
+  EXPECT_TRUE(pair.client->MayHaveSent(Bytes(sent[0]).first(9)));
+  EXPECT_FALSE(pair.client->MayHaveSent(Bytes(sent[0]).first(8)));
+  EXPECT_FALSE(pair.server->MayHaveSent(sent[0]));
+  EXPECT_FALSE(other.client->MayHaveSent(sent[0]));
+  EXPECT_FALSE(pair.client->MayHaveSent({}));
+}
+
 TEST(PtcpConnection, AResetIsBelievedWhenItBearsTheTokenAndIsNoLongerThanWhatItAnswers) {
   SimulatedPair pair(15, {});
   ASSERT_TRUE(pair.Establish());
@@ -237,21 +265,20 @@ TEST(PtcpConnection, AResetIsBelievedWhenItBearsTheTokenAndIsNoLongerThanWhatItA
   pair.client->Send(text.data(), text.size());
   pair.client->Flush(pair.now);
   ASSERT_EQ(sent.size(), 1U);
-  const auto id = PtcpConnection::Destination(sent[0]);
+  const auto id = DestinationOf(sent[0]);
   ASSERT_TRUE(id);
   const Tag wrong{};
   const auto random = [&](std::uint8_t* out, std::size_t length) {
     pair.serverHost.FillRandom(out, length);
   };
-  pair.client->Receive(PtcpConnection::MakeReset(sent[0], wrong, random), pair.now);
+  pair.client->Receive(MakeReset(sent[0], wrong, random), pair.now);
   EXPECT_FALSE(pair.client->IsDead());
-  const auto reset =
-      PtcpConnection::MakeReset(sent[0], pair.serverHost.ResetToken(*id), random);
+  const auto reset = MakeReset(sent[0], pair.serverHost.ResetToken(*id), random);
   EXPECT_LT(reset.size(), sent[0].size());
   pair.client->Receive(reset, pair.now);
   EXPECT_TRUE(pair.client->IsDead());
   EXPECT_EQ(pair.client->Reason(), ECONNRESET);
-  EXPECT_TRUE(PtcpConnection::MakeReset(Bytes(sent[0]).first(20), wrong, random).empty());
+  EXPECT_TRUE(MakeReset(Bytes(sent[0]).first(20), wrong, random).empty());
 }
 
 TEST(PtcpConnection, OnlyAWholeFirstPacketOfOurVersionCanMakeAConnection) {
@@ -259,15 +286,15 @@ TEST(PtcpConnection, OnlyAWholeFirstPacketOfOurVersionCanMakeAConnection) {
   Datagram first;
   pair.watch = [&](Bytes datagram, bool) { first.assign(datagram.begin(), datagram.end()); };
   ASSERT_TRUE(pair.Start());
-  ASSERT_TRUE(PtcpConnection::ReadInitial(first));
-  EXPECT_FALSE(PtcpConnection::ReadInitial({}));
-  EXPECT_FALSE(PtcpConnection::ReadInitial(Bytes(first).first(1199)));
+  ASSERT_TRUE(ReadInitial(first));
+  EXPECT_FALSE(ReadInitial({}));
+  EXPECT_FALSE(ReadInitial(Bytes(first).first(1199)));
   Datagram otherVersion = first;
   otherVersion[4] = 7;
-  EXPECT_FALSE(PtcpConnection::ReadInitial(otherVersion));
+  EXPECT_FALSE(ReadInitial(otherVersion));
   Datagram reserved = first;
   std::fill_n(reserved.begin() + 1, 4, std::uint8_t{0x0a});
-  EXPECT_FALSE(PtcpConnection::ReadInitial(reserved));
+  EXPECT_FALSE(ReadInitial(reserved));
   Datagram damaged = first;
   damaged[1000] ^= 1;
   pair.ToServer(damaged);

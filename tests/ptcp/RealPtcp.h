@@ -83,7 +83,9 @@ inline CAWInetAddr Loopback(std::uint16_t port = 0) { return {"127.0.0.1", port}
 inline keelbase::AWResult SendText(IAWPseudoTCPTransport& transport, const std::string& text) {
   CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
   const auto result = transport.SendData(block, nullptr);
-  if (result == keelbase::AW_OK) EXPECT_EQ(block.GetLength(), 0U);
+  if (result == keelbase::AW_OK) {
+    EXPECT_EQ(block.GetLength(), 0U);
+  }
   return result;
 }
 
@@ -123,7 +125,8 @@ class RealPtcp : public ::testing::Test {
   void ConnectTo(const CAWInetAddr& peer) {
     const int before = accepted.indications;
     ASSERT_EQ(connector->AsyncConnect(&connected, peer, nullptr, nullptr), keelbase::AW_OK);
-    ASSERT_TRUE(WaitFor([&] { return connected.indications != 0 && accepted.indications > before; }));
+    ASSERT_TRUE(
+        WaitFor([&] { return connected.indications != 0 && accepted.indications > before; }));
     ASSERT_EQ(connected.reason, 0);
     client = connected.transports.back();
     server = accepted.transports.back();

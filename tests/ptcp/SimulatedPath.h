@@ -101,18 +101,18 @@ class SimulatedPair {
 
   bool Establish() {
     return Start() && StepUntil([this] {
-      return client->IsEstablished() && server != nullptr && server->IsEstablished();
-    });
+             return client->IsEstablished() && server != nullptr && server->IsEstablished();
+           });
   }
 
   void ToClient(Bytes datagram) {
-    const auto id = PtcpConnection::Destination(datagram);
+    const auto id = DestinationOf(datagram);
     if (id && clientHost.Knows(*id)) client->Receive(datagram, now);
   }
   void ToServer(Bytes datagram) {
     bytesToServer += datagram.size();
     if (server != nullptr) return server->Receive(datagram, now);
-    const auto initial = PtcpConnection::ReadInitial(datagram);
+    const auto initial = ReadInitial(datagram);
     if (!initial) return;
     server = std::make_unique<PtcpConnection>(serverHost);
     if (server->Accept(*initial, initial->destination, now)) server->Receive(datagram, now);

@@ -41,9 +41,8 @@ class CAWSSLManagerTest : public ::testing::Test {
     client = {};
     EXPECT_EQ(connector->AsyncConnect(&client, server.address, 1, name, nullptr), AW_OK);
     EXPECT_TRUE(client.reasons.empty());
-    EXPECT_TRUE(AwaitTls([&] {
-      return !client.reasons.empty() && server.sink.reasons.size() > before;
-    }));
+    EXPECT_TRUE(
+        AwaitTls([&] { return !client.reasons.empty() && server.sink.reasons.size() > before; }));
     return client.reasons.empty() ? -1 : client.reasons[0];
   }
   static CAWSSLInfo InfoOf(const CAWAutoPtr<IAWSSLTransport>& transport) {

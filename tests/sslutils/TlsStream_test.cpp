@@ -260,8 +260,7 @@ TEST(TlsStream, NothingIsToldAfterDisconnectDuringTheHandshake) {
 // --- bytes ---
 
 class TlsStreamVersions : public ::testing::TestWithParam<int> {};
-INSTANTIATE_TEST_SUITE_P(Tls, TlsStreamVersions,
-                         ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
+INSTANTIATE_TEST_SUITE_P(Tls, TlsStreamVersions, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
                          [](const auto& version) {
                            return version.param == TLS1_2_VERSION ? "v12" : "v13";
                          });

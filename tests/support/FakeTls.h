@@ -27,7 +27,7 @@ class FakeTlsTransport final : public ScriptedTransport<Tls> {
  public:
   explicit FakeTlsTransport(CallLog* log = nullptr) : ScriptedTransport(log) {}
 
-  std::vector<int> optionsRead;  // the codes, in order
+  std::vector<int> optionsRead;                // the codes, in order
   std::vector<Tls::Parameter> parametersSeen;  // of the sends that had one, as they were
 
   void Receive(keelbase::CAWMessageBlock& block) {
@@ -101,8 +101,7 @@ class FakeTlsConnector final : public FakeCounted<sslutils::IAWSSLConnector> {
   }
   keelbase::AWResult SetVerifyMode(int) override { return keelbase::AW_ERROR_FAILURE; }
   keelbase::AWResult AsyncConnect(sslutils::IAWSSLConnectionSink* sink, const Address& to,
-                                  int check, const char* serverName,
-                                  const Address* from) override {
+                                  int check, const char* serverName, const Address* from) override {
     Note("connector.AsyncConnect");
     ++connects;
     peer = to;

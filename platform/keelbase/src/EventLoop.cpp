@@ -47,8 +47,7 @@ int WaitForEvents(int epoll, epoll_event* events, int size, std::int64_t timeout
   const timespec limit{timeoutNs / kNsPerSecond, timeoutNs % kNsPerSecond};
   const int count = ::epoll_pwait2(epoll, events, size, &limit, nullptr);
   if (count >= 0 || errno != ENOSYS) return count;
-  return ::epoll_wait(epoll, events, size,
-                      static_cast<int>((timeoutNs + kNsPerMs - 1) / kNsPerMs));
+  return ::epoll_wait(epoll, events, size, static_cast<int>((timeoutNs + kNsPerMs - 1) / kNsPerMs));
 }
 
 // A callback that throws has left its objects in a state that nobody knows: say where, and stop.

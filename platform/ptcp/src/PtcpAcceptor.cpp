@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "ClockAndRandom.h"
 #include "PtcpTransport.h"
 
 namespace ptcp {
@@ -31,8 +32,8 @@ std::array<std::uint8_t, 32> Secret() {
 PtcpAcceptor::PtcpAcceptor(keelbase::internal::EventLoop& loop)
     : LoopObject(loop), tokens_(Secret()) {}
 
-AWResult PtcpAcceptor::StartListen(IAWPseudoTCPAcceptorConnectorSink* sink,
-                                   const CAWInetAddr& addr, int backlog) {
+AWResult PtcpAcceptor::StartListen(IAWPseudoTCPAcceptorConnectorSink* sink, const CAWInetAddr& addr,
+                                   int backlog) {
   if (sink == nullptr) return AW_ERROR_FAILURE;
   AWResult result = AW_ERROR_FAILURE;
   GetLoop().Call([&] {
@@ -85,7 +86,7 @@ void PtcpAcceptor::Stop() {
 
 // Without memory this packet was not seen; the client sends it again.
 void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram) {
-  const auto initial = PtcpConnection::ReadInitial(datagram);
+  const auto initial = ReadInitial(datagram);
   if (!initial) return;
   try {
     if (initial->token.empty()) {
@@ -103,7 +104,7 @@ void PtcpAcceptor::AskAgain(const Path& from, const InitialHeader& initial) {
   FillWithRandom(fresh.data(), fresh.size());
   const ConnectionId comeBackWith(fresh);
   const auto token = tokens_.Make(from.peer, initial.destination, comeBackWith, Now());
-  const auto retry = PtcpConnection::MakeRetry(initial, comeBackWith, token);
+  const auto retry = MakeRetry(initial, comeBackWith, token);
   if (!retry.empty()) port_->Send(from, retry);
 }
 
@@ -128,8 +129,7 @@ void PtcpAcceptor::OnHandshake(PtcpEngine* engine, int error) {
   const in_addr known = engine->GetPath().local;
   if (known.s_addr != 0) local.Set(ntohl(known.s_addr), local_.GetPort());
   try {
-    const CAWAutoPtr<IAWPseudoTCPTransport> transport(
-        new PtcpTransport(GetLoop(), engine, local));
+    const CAWAutoPtr<IAWPseudoTCPTransport> transport(new PtcpTransport(GetLoop(), engine, local));
     sink_->OnConnectIndication(0, transport.Get(), this);
   } catch (const std::bad_alloc&) {
     engine->Disconnect();

@@ -2,25 +2,17 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <optional>
-#include <vector>
 
 #include "ByteQueue.h"
 #include "ConnectionId.h"
+#include "LonePackets.h"
 #include "PacketKey.h"
-
-struct ngtcp2_callbacks;
-struct ngtcp2_conn;
-struct ngtcp2_settings;
-struct ngtcp2_transport_params;
+#include "PtcpHandshake.h"
 
 namespace ptcp {
 
-inline constexpr std::size_t kLocalIdSize = 8;        // of the ids that we make
 inline constexpr std::size_t kLargestDatagram = 1472;  // an Ethernet frame without its headers
 
 // Nanoseconds on any clock that never goes back.
@@ -40,13 +32,6 @@ class PtcpHost {
 
  protected:
   ~PtcpHost() = default;
-};
-
-// A client's first packet, as far as it is readable without a key.
-struct InitialHeader {
-  ConnectionId destination;
-  ConnectionId source;
-  Bytes token;
 };
 
 // The peer's and our bytes, in order, each once; see IAWPseudoTCPTransport for limits. All failures
@@ -94,42 +79,22 @@ class PtcpConnection {
   void Close(bool inOrder, Time now);
   void Fail(int reason);  // without telling anybody
 
-  // --- packets without a connection ---
-
-  // The id that the datagram is for; none when it is no packet at all.
-  static std::optional<ConnectionId> Destination(Bytes datagram);
-  // None when it cannot be the first packet of a connection.
-  static std::optional<InitialHeader> ReadInitial(Bytes datagram);
-  // What asks the client to come again with `token`, under the id `source`. Empty when impossible.
-  static std::vector<std::uint8_t> MakeRetry(const InitialHeader& initial,
-                                             const ConnectionId& source, Bytes token);
-  // What tells the sender of `datagram` that nobody knows its connection; shorter than that is.
-  static std::vector<std::uint8_t> MakeReset(
-      Bytes datagram, const Tag& token,
-      const std::function<void(std::uint8_t*, std::size_t)>& fillRandom);
+  // Whether what `packet` begins with is what the peer's address and ids make our packets begin
+  // with.
+  bool MayHaveSent(Bytes packet) const;
 
   // The key of our packets once established.
-  const PacketKey& TEST_SendKey() const { return sendKey_; }
+  const PacketKey& TEST_SendKey() const { return handshake_.SendKey(); }
 
  private:
   struct Callbacks;
-  using Random = std::array<std::uint8_t, 16>;
-  static constexpr std::size_t kLargestHello = 1024;
-
+  static const ngtcp2_callbacks& CallbackTable();
   bool MakeClient(Time now);
   bool MakeServer(const InitialHeader& initial, const ConnectionId& original, Time now);
   void Configure(ngtcp2_settings& settings, ngtcp2_transport_params& params, Time now);
+  RandomBits MakeRandomBits();
   bool AddLocalId(ConnectionId& id);
-  bool InstallInitialKeys(const ConnectionId& id);
-  bool InstallHandshakeKeys();
-  bool InstallSendKey();
-  bool InstallReceiveKey();
-  bool SendHello(std::uint32_t level, Bytes content, bool withParams);
-  bool ReadParams(Bytes encoded);
-  bool OnHello(std::uint32_t level, Bytes data);
-  bool OnInitialHello();
-  bool OnHandshakeHello();
-  bool OnStreamData(std::int64_t stream, Bytes data, bool last);
+  void OnStreamData(std::int64_t stream, Bytes data, bool last);
   void OpenStream();
   void Ended(int error, Time now);
   void SendClose(const void* closeError, Time now);
@@ -146,15 +111,9 @@ class PtcpConnection {
   bool dead_ = false;
   int reason_ = 0;
 
-  PacketKey initialSendKey_;
-  PacketKey initialReceiveKey_;
-  PacketKey sendKey_;
-  PacketKey receiveKey_;
-  Random clientRandom_{};
-  Random serverRandom_{};
-  int step_ = 0;  // of the handshake: how many of the peer's messages were read
-  std::array<std::vector<std::uint8_t>, 2> hello_;  // what came of the peer's next message
-  std::array<std::vector<std::uint8_t>, 2> ourHello_;  // must stay until acknowledged
+  bool violated_ = false;  // the peer did what a side of ours does not
+  bool noMemory_ = false;
+  PtcpHandshake handshake_;
 
   // Until the peer's address is proved, this bounds what is sent to it.
   std::uint64_t datagramBytesIn_ = 0;

@@ -19,8 +19,7 @@ using keelbase::internal::Clock;
 
 // The work is done by a timer that is due at once, so that nothing is told from in here.
 AWResult PtcpConnector::AsyncConnect(IAWPseudoTCPAcceptorConnectorSink* sink,
-                                     const CAWInetAddr& peer,
-                                     const keelbase::CAWTimeValue* timeout,
+                                     const CAWInetAddr& peer, const keelbase::CAWTimeValue* timeout,
                                      const CAWInetAddr* local) {
   if (sink == nullptr) return AW_ERROR_FAILURE;
   AWResult result = AW_ERROR_FAILURE;

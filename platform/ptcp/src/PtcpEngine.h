@@ -6,6 +6,7 @@
 #include <functional>
 #include <vector>
 
+#include "ClockAndRandom.h"
 #include "PtcpConnection.h"
 #include "UdpPort.h"
 #include "keelbase/CAWAutoPtr.h"
@@ -58,6 +59,7 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
 
   void OnDatagram(Bytes datagram, Time now) override { connection_.Receive(datagram, now); }
   void OnBatchEnd() override;
+  bool MayHaveSent(Bytes packet) const override { return connection_.MayHaveSent(packet); }
   void OnPortError(int error) override;
   void OnPortFree() override { WantTurnEnd(); }
   Time LingerDue() const override { return std::min(lingerEnd_, connection_.Due()); }

@@ -22,12 +22,11 @@ Tag RetryTokens::Sign(Bytes content, const CAWInetAddr& client, const Connection
     return Bytes(reinterpret_cast<const std::uint8_t*>(&value), sizeof value);
   };
   const std::uint64_t idSize = id.size;
-  return key_.Sign({bytesOf(address.sin_addr), bytesOf(address.sin_port), bytesOf(idSize),
-                    id.View(), content});
+  return key_.Sign(
+      {bytesOf(address.sin_addr), bytesOf(address.sin_port), bytesOf(idSize), id.View(), content});
 }
 
-std::vector<std::uint8_t> RetryTokens::Make(const CAWInetAddr& client,
-                                            const ConnectionId& original,
+std::vector<std::uint8_t> RetryTokens::Make(const CAWInetAddr& client, const ConnectionId& original,
                                             const ConnectionId& comeBackWith, Time now) const {
   std::vector<std::uint8_t> token(kTimeSize + original.size + kTagSize);
   std::memcpy(token.data(), &now, kTimeSize);  // only we read it

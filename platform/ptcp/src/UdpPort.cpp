@@ -1,12 +1,6 @@
 // UdpPort.cpp - see UdpPort.h.
 #include "UdpPort.h"
 
-#include <linux/errqueue.h>
-#include <netinet/ip.h>
-#include <netinet/udp.h>
-#include <sys/random.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -15,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "ClockAndRandom.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace ptcp {
@@ -23,14 +18,12 @@ using keelbase::CAWAutoPtr;
 using keelbase::CAWInetAddr;
 using keelbase::internal::Clock;
 using keelbase::internal::EventLoop;
-using keelbase::internal::FileDescriptor;
 using keelbase::internal::Mutex;
 using keelbase::internal::MutexLock;
 
 namespace {
 
-constexpr int kSocketBuffer = 4 << 20;
-constexpr std::size_t kMaxSegments = 64;     // of one write
+constexpr std::size_t kMaxSegments = 64;      // of one write
 constexpr std::size_t kMaxBatch = 64 * 1000;  // below what one UDP write may have
 constexpr int kReadsPerTurn = 64;
 
@@ -44,75 +37,11 @@ Directory& GetDirectory() {
   return directory;
 }
 
-void Set(int socket, int level, int option, int value) {
-  ::setsockopt(socket, level, option, &value, sizeof value);
-}
-
-CAWInetAddr ToAddr(const sockaddr_in& address) {
-  return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
-}
-
-template <class Function>
-void ForEachControl(msghdr& message, Function&& function) {
-  for (cmsghdr* one = CMSG_FIRSTHDR(&message); one != nullptr; one = CMSG_NXTHDR(&message, one))
-    function(*one);
-}
-
-template <class Value>
-Value ValueOf(const cmsghdr& control) {
-  Value value;
-  std::memcpy(&value, CMSG_DATA(&control), sizeof value);
-  return value;
-}
-
-// Room for what we read and write beside the data.
-struct alignas(cmsghdr) ControlBuffer {
-  std::array<char, 512> bytes{};
-};
-
-template <class Value>
-void AddControl(msghdr& message, int level, int type, const Value& value) {
-  auto* control = reinterpret_cast<cmsghdr*>(static_cast<char*>(message.msg_control) +
-                                             message.msg_controllen);
-  control->cmsg_level = level;
-  control->cmsg_type = type;
-  control->cmsg_len = CMSG_LEN(sizeof value);
-  std::memcpy(CMSG_DATA(control), &value, sizeof value);
-  message.msg_controllen += CMSG_SPACE(sizeof value);
-}
-
-PacketKey RandomKey() {
-  std::array<std::uint8_t, 32> secret;
-  FillWithRandom(secret.data(), secret.size());
-  return PacketKey(secret);
-}
-
-std::uint64_t RandomSeed() {
-  std::array<std::uint8_t, 8> bytes;
-  FillWithRandom(bytes.data(), bytes.size());
-  std::uint64_t seed;
-  std::memcpy(&seed, bytes.data(), sizeof seed);
-  return seed;
-}
-
 void Forget(std::vector<PortUser*>& list, PortUser& user) {
   std::replace(list.begin(), list.end(), &user, static_cast<PortUser*>(nullptr));
 }
 
 }  // namespace
-
-Time Now() {
-  return static_cast<Time>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::Now().time_since_epoch())
-          .count());
-}
-
-// Fails on no kernel that has it for so few bytes; whoever sees zeroes has no connection, no more.
-void FillWithRandom(std::uint8_t* out, std::size_t length) {
-  std::memset(out, 0, length);
-  while (::getrandom(out, length, 0) < 0 && errno == EINTR) {
-  }
-}
 
 std::size_t UdpPort::IdHash::operator()(const ConnectionId& id) const {
   std::uint64_t hash = seed;
@@ -130,10 +59,10 @@ UdpPort::~UdpPort() {
   if (listed_) {
     Directory& directory = GetDirectory();
     const MutexLock lock(directory.mutex);
-    directory.ports.erase({&loop_, local_});
+    directory.ports.erase({&loop_, GetLocalAddr()});
   }
   if (batch_ != nullptr) loop_.Buffers().GiveGather(std::move(batch_));
-  if (socket_) loop_.Unwatch(socket_.Get(), *this);
+  if (socket_.IsOpen()) loop_.Unwatch(socket_.Get(), *this);
 }
 
 CAWAutoPtr<UdpPort> UdpPort::Find(EventLoop& loop, const CAWInetAddr& local) {
@@ -145,35 +74,13 @@ CAWAutoPtr<UdpPort> UdpPort::Find(EventLoop& loop, const CAWInetAddr& local) {
 }
 
 int UdpPort::Open(const CAWInetAddr* local, const CAWInetAddr* peer) {
-  FileDescriptor socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!socket) return errno;
-  socket_ = std::move(socket);
-  int error = SetUp(local, peer);
+  int error = socket_.Open(local, peer);
   if (error == 0) error = loop_.Watch(socket_.Get(), EPOLLIN, *this);
-  if (error != 0) socket_.Reset();
+  if (error != 0) socket_.Close();
   if (error != 0 || peer != nullptr) return error;
   Directory& directory = GetDirectory();
   const MutexLock lock(directory.mutex);
-  listed_ = directory.ports.emplace(std::make_pair(&loop_, local_), this).second;
-  return 0;
-}
-
-int UdpPort::SetUp(const CAWInetAddr* local, const CAWInetAddr* peer) {
-  const int socket = socket_.Get();
-  Set(socket, SOL_SOCKET, SO_RCVBUF, kSocketBuffer);
-  Set(socket, SOL_SOCKET, SO_SNDBUF, kSocketBuffer);
-  Set(socket, IPPROTO_UDP, UDP_GRO, 1);
-  Set(socket, IPPROTO_IP, IP_RECVERR, 1);
-  Set(socket, IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_PROBE);  // we find the MTU out ourselves
-  if (peer == nullptr) Set(socket, IPPROTO_IP, IP_PKTINFO, 1);
-  if (local != nullptr && ::bind(socket, local->GetPtr(), local->GetSize()) != 0) return errno;
-  if (peer != nullptr && ::connect(socket, peer->GetPtr(), peer->GetSize()) != 0) return errno;
-  sockaddr_in bound{};
-  socklen_t size = sizeof bound;
-  if (::getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &size) != 0) return errno;
-  local_ = ToAddr(bound);
-  connected_ = peer != nullptr;
-  if (connected_) peer_ = *peer;
+  listed_ = directory.ports.emplace(std::make_pair(&loop_, GetLocalAddr()), this).second;
   return 0;
 }
 
@@ -204,29 +111,19 @@ void UdpPort::ReadErrors() {
   EndBatch();
 }
 
-// What a router or the peer's system says of an earlier packet; its data is the packet's.
+// Believed when what it quotes is a packet that the connection may have sent: who only knows the
+// addresses cannot end it.
 bool UdpPort::ReadOneError() {
-  sockaddr_in to{};
-  ControlBuffer control;
-  msghdr message{};
-  message.msg_name = &to;
-  message.msg_namelen = sizeof to;
-  message.msg_control = control.bytes.data();
-  message.msg_controllen = control.bytes.size();
-  if (::recvmsg(socket_.Get(), &message, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) return false;
-  int error = 0;
-  ForEachControl(message, [&error](const cmsghdr& one) {
-    if (one.cmsg_level == IPPROTO_IP && one.cmsg_type == IP_RECVERR)
-      error = static_cast<int>(ValueOf<sock_extended_err>(one).ee_errno);
-  });
-  const CAWInetAddr peer = connected_ ? peer_ : ToAddr(to);
-  if (error == 0) return true;
+  std::array<char, 64> room;
+  UdpSocket::NetworkError told;
+  if (socket_.ReadError(room, told) != 0) return false;
+  if (told.error == 0) return true;
   for (const auto& [id, user] : users_) {
-    if (user->GetPath().peer == peer) {
-      user->OnPortError(error);
-      if (std::find(touched_.begin(), touched_.end(), user) == touched_.end())
-        touched_.push_back(user);
-    }
+    if (!(user->GetPath().peer == told.peer) || !user->MayHaveSent(told.quoted)) continue;
+    user->OnPortError(told.error);
+    if (std::find(touched_.begin(), touched_.end(), user) == touched_.end())
+      touched_.push_back(user);
+    break;
   }
   return true;
 }
@@ -239,34 +136,19 @@ void UdpPort::ReadDatagrams() {
 }
 
 bool UdpPort::ReadOnce(Time now) {
-  sockaddr_in from{};
-  ControlBuffer control;
-  msghdr message{};
-  message.msg_name = &from;
-  message.msg_namelen = sizeof from;
-  message.msg_control = control.bytes.data();
-  message.msg_controllen = control.bytes.size();
   try {
     keelbase::CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
-    iovec piece{block.GetWritePtr(), keelbase::internal::kReadSize};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    const ssize_t count = ::recvmsg(socket_.Get(), &message, MSG_DONTWAIT);
+    UdpSocket::Received received;
     // An error that waited for us has been taken by that; there may be datagrams behind it.
-    if (count < 0) return errno != EAGAIN && errno != EWOULDBLOCK;
-    Path path{connected_ ? peer_ : ToAddr(from), {}};
-    std::size_t segment = 0;
-    ForEachControl(message, [&](const cmsghdr& one) {
-      if (one.cmsg_level == IPPROTO_UDP && one.cmsg_type == UDP_GRO)
-        segment = static_cast<std::size_t>(ValueOf<int>(one));
-      if (one.cmsg_level == IPPROTO_IP && one.cmsg_type == IP_PKTINFO)
-        path.local = ValueOf<in_pktinfo>(one).ipi_spec_dst;
-    });
-    Bytes data(reinterpret_cast<const std::uint8_t*>(piece.iov_base),
-               static_cast<std::size_t>(count));
+    if (const int error =
+            socket_.Read({block.GetWritePtr(), keelbase::internal::kReadSize}, received);
+        error != 0)
+      return error != EAGAIN;
+    Bytes data = received.data;
     while (!data.empty()) {
-      const std::size_t length = segment == 0 ? data.size() : std::min(segment, data.size());
-      Dispatch(path, data.first(length), now);
+      const std::size_t length =
+          received.segment == 0 ? data.size() : std::min(received.segment, data.size());
+      Dispatch(received.from, data.first(length), now);
       data = data.subspan(length);
     }
   } catch (const std::bad_alloc&) {  // as if this one had been lost
@@ -275,7 +157,7 @@ bool UdpPort::ReadOnce(Time now) {
 }
 
 void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
-  const auto id = PtcpConnection::Destination(datagram);
+  const auto id = DestinationOf(datagram);
   if (!id) return;
   const auto found = users_.find(*id);
   if (found == users_.end()) return OnUnknown(from, *id, datagram);
@@ -292,7 +174,7 @@ void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram
     if (stranger_ != nullptr) stranger_(from, datagram);
     return;
   }
-  const auto reset = PtcpConnection::MakeReset(datagram, ResetToken(id), &FillWithRandom);
+  const auto reset = MakeReset(datagram, ResetToken(id), &FillWithRandom);
   if (!reset.empty()) Send(from, reset);
 }
 
@@ -348,7 +230,7 @@ void UdpPort::FlushBatch() {
 bool UdpPort::WriteBatch() {
   const Bytes all(reinterpret_cast<const std::uint8_t*>(batch_->data()), batchSize_);
   if (batchCount_ == 1 || offload_) {
-    const long error = Write(all, batchCount_ == 1 ? 0 : segment_);
+    const int error = socket_.Write(batchPath_, all, batchCount_ == 1 ? 0 : segment_);
     if (error == EAGAIN || error == ENOBUFS) return false;
     // No device of this path can cut it up, or the system is too old.
     const bool cannot = error == EIO || error == EINVAL || error == EOPNOTSUPP;
@@ -356,40 +238,11 @@ bool UdpPort::WriteBatch() {
     offload_ = false;
   }
   for (std::size_t at = 0; at < all.size(); at += segment_) {
-    const long error = Write(all.subspan(at, std::min(segment_, all.size() - at)), 0);
+    const Bytes one = all.subspan(at, std::min(segment_, all.size() - at));
+    const int error = socket_.Write(batchPath_, one, 0);
     if (error == EAGAIN || error == ENOBUFS) break;  // the rest is sent again in time
   }
   return true;
-}
-
-// 0 or an errno value. An error of an earlier packet comes instead of sending this one.
-long UdpPort::Write(Bytes data, std::size_t segment) {
-  sockaddr_in to{};
-  std::memcpy(&to, batchPath_.peer.GetPtr(), sizeof to);
-  ControlBuffer control;
-  iovec piece{const_cast<std::uint8_t*>(data.data()), data.size()};
-  msghdr message{};
-  if (!connected_) {
-    message.msg_name = &to;
-    message.msg_namelen = sizeof to;
-  }
-  message.msg_iov = &piece;
-  message.msg_iovlen = 1;
-  message.msg_control = control.bytes.data();
-  if (segment != 0)
-    AddControl(message, IPPROTO_UDP, UDP_SEGMENT, static_cast<std::uint16_t>(segment));
-  if (batchPath_.local.s_addr != 0) {
-    in_pktinfo info{};
-    info.ipi_spec_dst = batchPath_.local;
-    AddControl(message, IPPROTO_IP, IP_PKTINFO, info);
-  }
-  if (message.msg_controllen == 0) message.msg_control = nullptr;
-  for (int tries = 0;; ++tries) {
-    ++writes_;
-    if (::sendmsg(socket_.Get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
-    const bool again = errno == EINTR || errno == ECONNREFUSED;
-    if (!again || tries == 3) return errno;
-  }
 }
 
 void UdpPort::BecomeFree() {

@@ -1,8 +1,6 @@
 // UdpPort.h - a UDP socket that many connections share.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -14,33 +12,24 @@
 #include "ConnectionId.h"
 #include "PacketKey.h"
 #include "PtcpConnection.h"
+#include "UdpSocket.h"
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWInetAddr.h"
 #include "keelbase/CAWReferenceControl.h"
 #include "keelbase/internal/BufferPool.h"
 #include "keelbase/internal/EventLoop.h"
-#include "keelbase/internal/FileDescriptor.h"
 
 namespace ptcp {
-
-// Where a connection's packets go: the peer, and which of our addresses it knows us by (0.0.0.0:
-// the system may choose).
-struct Path {
-  keelbase::CAWInetAddr peer;
-  in_addr local{};
-};
-
-Time Now();
-void FillWithRandom(std::uint8_t* out, std::size_t length);
 
 // A connection, as the port sees it.
 class PortUser {
  public:
   virtual const Path& GetPath() const = 0;
   virtual void OnDatagram(Bytes datagram, Time now) = 0;
-  virtual void OnBatchEnd() = 0;           // after one or more OnDatagram
-  virtual void OnPortError(int error) = 0;  // the network says that packets do not arrive
-  virtual void OnPortFree() = 0;           // after IsBlocked()
+  virtual void OnBatchEnd() = 0;                     // after one or more OnDatagram
+  virtual bool MayHaveSent(Bytes packet) const = 0;  // the beginning of one
+  virtual void OnPortError(int error) = 0;  // the network says that its packets do not arrive
+  virtual void OnPortFree() = 0;            // after IsBlocked()
   virtual Time LingerDue() const = 0;
   virtual void OnLinger() = 0;
 
@@ -60,14 +49,14 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   explicit UdpPort(keelbase::internal::EventLoop& loop);
   ~UdpPort() override;
 
-  // A port of this loop that is bound to `local` already and has no listener; null if there is none.
+  // A port of this loop that is bound to `local` already and has no listener; null if there is
+  // none.
   static keelbase::CAWAutoPtr<UdpPort> Find(keelbase::internal::EventLoop& loop,
                                             const keelbase::CAWInetAddr& local);
 
-  // Bound to `local` when that is not null; takes packets from `peer` only when that is not null. 0
-  // or an errno value.
+  // As UdpSocket has it.
   int Open(const keelbase::CAWInetAddr* local, const keelbase::CAWInetAddr* peer);
-  const keelbase::CAWInetAddr& GetLocalAddr() const { return local_; }
+  const keelbase::CAWInetAddr& GetLocalAddr() const { return socket_.GetLocalAddr(); }
 
   // Who gets first packets that belong to no connection; null: nobody.
   void Listen(OnStranger stranger) { stranger_ = std::move(stranger); }
@@ -80,7 +69,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
 
   void Send(const Path& path, Bytes datagram);
   void FlushBatch();
-  std::uint64_t Writes() const { return writes_; }
+  std::uint64_t Writes() const { return socket_.Writes(); }
 
   // The system takes no more for now. OnPortFree will tell.
   bool IsBlocked() const { return blocked_; }
@@ -103,7 +92,6 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   void AbandonLinger() override { ServeLingering(); }
   void ServeLingering();
 
-  int SetUp(const keelbase::CAWInetAddr* local, const keelbase::CAWInetAddr* peer);
   void ReadErrors();
   bool ReadOneError();
   void ReadDatagrams();
@@ -113,15 +101,11 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   void EndBatch();
   void BecomeFree();
   bool WriteBatch();
-  long Write(Bytes data, std::size_t segment);
   bool IsOfBatch(const Path& path, std::size_t size) const;
 
   keelbase::internal::EventLoop& loop_;
-  keelbase::internal::FileDescriptor socket_;
-  keelbase::CAWInetAddr local_;
-  bool connected_ = false;
+  UdpSocket socket_;
   bool listed_ = false;  // can be found
-  keelbase::CAWInetAddr peer_;
   OnStranger stranger_;
   PacketKey resetKey_;
   std::unordered_map<ConnectionId, PortUser*, IdHash> users_;
@@ -136,7 +120,6 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   std::size_t segment_ = 0;
   bool offload_ = true;
   bool blocked_ = false;
-  std::uint64_t writes_ = 0;
 };
 
 }  // namespace ptcp

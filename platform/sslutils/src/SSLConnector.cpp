@@ -19,8 +19,7 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWInetAddr;
 
-SSLConnector::SSLConnector(keelbase::internal::EventLoop& loop,
-                           CAWAutoPtr<wface::IAWConnector> tcp)
+SSLConnector::SSLConnector(keelbase::internal::EventLoop& loop, CAWAutoPtr<wface::IAWConnector> tcp)
     : LoopObject(loop), tcp_(std::move(tcp)), failure_(loop) {}
 
 AWResult SSLConnector::SetPrivateKey(const keelbase::CAWString& text) try {
@@ -41,8 +40,8 @@ AWResult SSLConnector::SetVerifyMode(int mode) {
   return AW_OK;
 }
 
-AWResult SSLConnector::AsyncConnect(IAWSSLConnectionSink* sink, const CAWInetAddr& peer,
-                                    int verify, const char* serverName, const CAWInetAddr* local) {
+AWResult SSLConnector::AsyncConnect(IAWSSLConnectionSink* sink, const CAWInetAddr& peer, int verify,
+                                    const char* serverName, const CAWInetAddr* local) {
   if (sink == nullptr || sink_ != nullptr || (verify != 0 && verify != 1)) return AW_ERROR_FAILURE;
   try {
     settings_.mode = static_cast<CAWSSLVerifyMode>(verify == 1 ? mode_ : AW_SSL_VERIFY_NONE);

@@ -12,8 +12,7 @@ namespace sslutils {
 class SSLConnector final : public keelbase::internal::LoopObject<IAWSSLConnector>,
                            private wface::IAWAcceptorConnectorSink {
  public:
-  SSLConnector(keelbase::internal::EventLoop& loop,
-               keelbase::CAWAutoPtr<wface::IAWConnector> tcp);
+  SSLConnector(keelbase::internal::EventLoop& loop, keelbase::CAWAutoPtr<wface::IAWConnector> tcp);
   ~SSLConnector() override = default;
 
   keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override;
