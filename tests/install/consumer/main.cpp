@@ -8,6 +8,7 @@
 #include "fshmipc/CAWShmIPCAddr.h"
 #include "keelbase/CAWError.h"
 #include "ptcp/CAWPseudoTCPManager.h"
+#include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
 #include "wface/CAWConnectionManager.h"
 #include "zarn/utils/CZARNNode.h"
@@ -24,6 +25,7 @@ int main() {
                       fipc::CAWIPCManager::Instance() != nullptr &&
                       ptcp::CAWPseudoTCPManager::Instance() != nullptr &&
                       wface::CAWConnectionManager::Instance() != nullptr &&
+                      sslptcp::IAWSSLPTCPManager::Instance() != nullptr &&
                       sslutils::IAWSSLManager::Instance() != nullptr &&
                       !keelbase::DescribeResult(keelbase::AW_ERROR_FAILURE).empty();
   std::printf("%d_%d\n", low, high);
