@@ -41,7 +41,7 @@ struct PtcpConnection::Callbacks {
   }
   static int CryptoData(ngtcp2_conn*, ngtcp2::Level level, std::uint64_t, const std::uint8_t* data,
                         std::size_t length, void* user) {
-    return Guarded(user, NGTCP2_ERR_PROTO, [&](PtcpConnection& self) {
+    return Guarded(user, NGTCP2_ERR_CRYPTO, [&](PtcpConnection& self) {
       return self.handshake_.OnMessage(level, {data, length});
     });
   }
