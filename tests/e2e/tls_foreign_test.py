@@ -44,6 +44,18 @@ class ForeignClient(TlsTest):
              *arguments], input=text, text=True, timeout=60, check=False,
             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
+    def interactive(self, *arguments):
+        process = subprocess.Popen(
+            ["openssl", "s_client", "-connect", f"127.0.0.1:{self.port}", "-quiet", "-no_ign_eof",
+             "-CAfile", self.authority.certificate, *arguments],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(process.wait, 20)
+        self.addCleanup(process.stderr.close)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.kill)
+        self.addCleanup(process.stdin.close)
+        return process
+
     def connect_by_python(self):
         context = ssl.create_default_context(cafile=self.authority.certificate)
         plain = socket.create_connection(("127.0.0.1", self.port), timeout=20)
@@ -91,6 +103,50 @@ class ForeignClient(TlsTest):
                 self.assertNotEqual(self.s_client(version, *ANY_VERSION).returncode, 0)
                 server.wait("refused", reason=VERSION)
         self.assert_serves(server)
+
+    def test_renegotiation_is_refused_and_ends_that_client_only(self):
+        server = self.serve()
+        kept = self.connect_by_python()
+        server.wait("accepted")
+        result = self.s_client("-tls1_2", text="R\n")  # the program's command for it
+        self.assertIn("no renegotiation", result.stderr)
+        server.wait("accepted")
+        server.wait("ended")
+        kept.sendall(b"unharmed")
+        self.assertEqual(kept.recv(100), b"unharmed")
+
+    def test_keys_are_changed_when_the_peer_asks_for_it(self):
+        server = self.serve()
+        client = self.interactive("-tls1_3")
+        server.wait("accepted")
+        for text in (b"before\n", b"K\n", b"after\n"):  # K is the program's command for it
+            client.stdin.write(text)
+            client.stdin.flush()
+            if text == b"K\n":
+                while b"KEYUPDATE" not in client.stderr.readline():
+                    pass
+            else:
+                self.assertEqual(client.stdout.readline(), text)
+
+    def test_no_early_data_is_taken(self):
+        server = self.serve()
+        with tempfile.TemporaryDirectory() as directory:
+            session, early = directory + "/session", directory + "/early"
+            with open(early, "wb") as file:
+                file.write(b"too early")
+            client = self.interactive("-tls1_3", "-sess_out", session)
+            client.stdin.write(b"x\n")
+            client.stdin.flush()
+            client.stdout.readline()  # tickets have come before it
+            client.stdin.close()
+            client.wait(20)
+            shown = subprocess.run(["openssl", "sess_id", "-in", session, "-noout", "-text"], check=True,
+                                   timeout=20, stdout=subprocess.PIPE).stdout
+            self.assertIn(b"Max Early Data: 0", shown)
+            server.wait("ended")
+            again = self.s_client("-sess_in", session, "-early_data", early, text="in time\n")
+            self.assertNotIn("too early", again.stdout)
+            self.assertIn("in time", again.stdout)
 
     def test_megabytes_come_back(self):
         server = self.serve()
@@ -156,8 +212,9 @@ class ForeignServer(TlsTest):
         process = subprocess.Popen(
             ["openssl", "s_server", "-accept", "127.0.0.1:0", "-naccept", "1",
              "-key", key or self.server_key, "-cert", certificate or self.server_certificate,
-             *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+             *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(process.wait, 20)
+        self.addCleanup(process.stderr.close)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.kill)
         self.addCleanup(process.stdin.close)
@@ -192,6 +249,15 @@ class ForeignServer(TlsTest):
                 client.wait("received", bytes=7)
                 client.tell("close")
                 self.assertEqual(process.wait(20), 0)
+
+    def test_renegotiation_that_the_server_asks_for_is_refused(self):
+        process, port = self.serve("-tls1_2")
+        client = self.connect_to(port)
+        client.wait("connected")
+        process.stdin.write(b"r\n")  # the program's command for it
+        process.stdin.flush()
+        self.assertNotEqual(client.wait("ended")["reason"], 0)  # it takes a no for an error
+        self.assertIn(b"no renegotiation", process.stderr.read())
 
     def test_s_server_that_wants_a_certificate(self):
         for version in ("-tls1_2", "-tls1_3"):

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "RealTcp.h"
 #include "RealTls.h"
 #include "TempRoot.h"
 
@@ -25,6 +26,9 @@ using keelbase::CAWMessageBlock;
 using namespace sslutils;
 
 const TlsAuthority& Authority() {
+  // The library comes first, so that it is the one that starts OpenSSL, as in most programs.
+  static const AWResult started = IAWSSLManager::Instance()->SetTrustedCertificates("");
+  EXPECT_EQ(started, AW_OK);
   static const TlsAuthority authority;
   return authority;
 }
@@ -453,6 +457,50 @@ TEST_P(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
   server.sink.transports[0]->OpenWithSink(&sink);
   EXPECT_TRUE(AwaitTls([&] { return sink.ended; }));
   EXPECT_EQ(sink.reason, 0);
+}
+
+// --- peers that are silent or talk nonsense ---
+
+TEST_F(CAWSSLManagerTest, SilentClientIsGivenUpAfterTenSecondsAndOthersAreServed) {
+  HandClock clock;
+  TlsServerFixture server(Authority().Issue());
+  server.Listen();
+  tcp::PlainTcp silent;
+  silent.Connect(server.address);
+  EXPECT_EQ(Connect(server), 0);
+  clock.Advance(std::chrono::milliseconds(9900));
+  EXPECT_EQ(server.sink.reasons, std::vector<long>{0});
+  clock.Advance(std::chrono::milliseconds(200));
+  EXPECT_EQ(server.sink.reasons, (std::vector<long>{0, AW_SSL_ERROR_HANDSHAKE_TIME}));
+  EXPECT_EQ(Connect(server), 0);
+}
+
+TEST_F(CAWSSLManagerTest, SilentServerIsGivenUpAfterTenSeconds) {
+  HandClock clock;
+  const tcp::PlainListener silent;
+  ASSERT_EQ(connector->AsyncConnect(&client, silent.LocalAddress(), 1, nullptr, nullptr), AW_OK);
+  RunReady();
+  clock.Advance(std::chrono::milliseconds(9900));
+  EXPECT_TRUE(client.reasons.empty());
+  clock.Advance(std::chrono::milliseconds(200));
+  EXPECT_EQ(client.reasons, std::vector<long>{AW_SSL_ERROR_HANDSHAKE_TIME});
+}
+
+TEST_F(CAWSSLManagerTest, ClientThatTalksNonsenseEndsNoOtherConnection) {
+  TlsServerFixture server(Authority().Issue());
+  server.Listen();
+  ASSERT_EQ(Connect(server), 0);
+  TlsTransportSink kept;
+  server.sink.transports[0]->OpenWithSink(&kept);
+  tcp::PlainTcp other;
+  other.Connect(server.address);
+  other.Send("GET / HTTP/1.1\r\n\r\n");
+  EXPECT_TRUE(AwaitTls([&] { return server.sink.reasons.size() == 2; }));
+  EXPECT_EQ(server.sink.reasons.back(), AW_SSL_ERROR_HANDSHAKE);
+  CAWMessageBlock block("unharmed", 8, CAWMessageBlock::borrow);
+  EXPECT_EQ(client.transports[0]->SendData(block, nullptr), AW_OK);
+  EXPECT_TRUE(AwaitTls([&] { return kept.received == "unharmed"; }));
+  EXPECT_FALSE(kept.ended);
 }
 
 // --- transports ---

@@ -31,6 +31,7 @@ void AddShm(CLI::App& app, Action& action);
 // --- options that several subcommands take; a value that is not good is a usage error ---
 
 void AddUrl(CLI::App& command, Endpoint& endpoint);
+void AddServerSecurity(CLI::App& command, Endpoint& endpoint);
 void AddOwnPair(CLI::App& command, Pair& own);
 void AddJson(CLI::App& command, bool& json);
 void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,

@@ -35,14 +35,16 @@ std::string ParseEndpoint(const std::string& text, Endpoint& endpoint) {
   const std::size_t end = text.find("://");
   if (end == std::string::npos)
     return fmt::format(
-        "'{}' is not a url; endpoints are written as ipc://1_2, shm://1_2 or tcp://host:7000",
+        "'{}' is not a url; endpoints are written as ipc://1_2, shm://1_2, tcp://host:7000 or "
+        "tls://host:7443",
         text);
   const Scheme* scheme = FindScheme(std::string_view(text).substr(0, end));
   if (scheme == nullptr)
     return fmt::format("'{}': unknown scheme; there is {}", text, ListSchemes());
   const std::string address = text.substr(end + 3);
   if (!scheme->isAddress(address)) return fmt::format("'{}': the form is {}", text, scheme->form);
-  endpoint = {scheme, address};
+  endpoint.scheme = scheme;
+  endpoint.address = address;
   return {};
 }
 

@@ -4,11 +4,13 @@
 #include "IpcLink.h"
 #include "ShmLink.h"
 #include "TcpLink.h"
+#include "TlsLink.h"
+#include "sslutils/CAWSSLError.h"
 
 namespace zarn::tool {
 
 namespace {
-const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme, &kTcpScheme};
+const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme, &kTcpScheme, &kTlsScheme};
 }  // namespace
 
 const Scheme* FindScheme(std::string_view name) {
@@ -22,5 +24,7 @@ std::string ListSchemes() {
   for (const Scheme* scheme : kSchemes) list.append(list.empty() ? "" : ", ").append(scheme->form);
   return list;
 }
+
+std::string DescribeReason(long reason) { return sslutils::DescribeSSLResult(reason); }
 
 }  // namespace zarn::tool

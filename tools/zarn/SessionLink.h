@@ -3,7 +3,11 @@
 // `Over` says over what:
 //   kScheme                               of urls
 //   Session, Transport                    a session class and what it is made from
-//   Listener(accepted)                    with Start(address) and Stop()
+//   Listener(accepted, refused)           with Prepare(endpoint), Start(address) and Stop()
+//   Prepare(session, endpoint)            before the session connects; this and that of the
+//   listener
+//                                         say what is wrong, else nothing
+//   GetSubject(transport), IsFinal(reason)  see Link.h
 #pragma once
 
 #include <fmt/format.h>
@@ -19,6 +23,7 @@
 #include "HostPort.h"
 #include "Link.h"
 #include "Loop.h"
+#include "Output.h"
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
@@ -49,7 +54,7 @@ class FramedSession : public Over::Session {
 
   std::size_t HandleMessage(const char* data, std::size_t len) override {
     const utils::Frame frame = utils::DecodeFrame(data, len);
-    if (frame.result == utils::FrameResult::kMalformed) this->StopAtMalformedFrame();
+    if (frame.result == utils::FrameResult::kMalformed) Refuse(frame);
     if (frame.result != utils::FrameResult::kFrame) return 0;
     OnFrame({frame.type, frame.tag, std::string_view(frame.payload, frame.datasize)});
     return frame.pdulen;
@@ -73,6 +78,15 @@ class FramedSession : public Over::Session {
  private:
   static constexpr std::size_t kReceiveLimit = 1024 * 1024;
   static constexpr keelbase::CAWMessageBlock::borrow_t borrow_{};
+
+  // Ends the connection: over TCP the peer's end could stand behind bytes that nobody reads, and
+  // would not be noticed. The owner hears OnPeerDisconnect(0).
+  void Refuse(const utils::Frame& frame) {
+    this->StopAtMalformedFrame();
+    Complain("{}: malformed frame, pdulen={}, datasize={}: the connection is ended",
+             ToText(*this->GetPeerAddr()), frame.pdulen, frame.datasize);
+    this->Close(0);
+  }
 
   keelbase::CAWAutoPtr<typename Over::Transport> transport_;
 };
@@ -127,11 +141,13 @@ class ReconnectingSession final : public FramedSession<Over> {
 template <class Over>
 class SessionClient final : public ClientLink {
  public:
-  SessionClient(HostPort peer, ClientSink& sink) : peer_(std::move(peer)), session_(sink) {}
+  SessionClient(const Endpoint& peer, ClientSink& sink)
+      : endpoint_(peer), peer_(*ParseHostPort(peer.address)), session_(sink) {}
 
   std::string Start() override {
     keelbase::CAWInetAddr address;
     if (std::string problem = Resolve(peer_, address); !problem.empty()) return problem;
+    if (std::string problem = Over::Prepare(session_, endpoint_); !problem.empty()) return problem;
     const keelbase::AWResult result = session_.Start(address);
     return result == keelbase::AW_OK ? std::string() : Explain(static_cast<long>(result));
   }
@@ -143,11 +159,13 @@ class SessionClient final : public ClientLink {
     if (reason == 0) return "the peer closed the connection";
     if (reason == ECONNREFUSED) return "nobody listens there";
     if (reason == ETIMEDOUT) return "no answer from there";
-    return keelbase::DescribeResult(reason);
+    return DescribeReason(reason);
   }
+  bool IsFinal(long reason) const override { return Over::IsFinal(reason); }
 
  private:
-  HostPort peer_;
+  const Endpoint endpoint_;
+  const HostPort peer_;
   ReconnectingSession<Over> session_;
 };
 
@@ -163,6 +181,7 @@ class AcceptedSession final : public FramedSession<Over>, public ServerPeer {
   const std::string& GetName() const override { return name_; }
   std::int32_t GetProcess() const override { return 0; }
   std::uint32_t GetUser() const override { return 0; }
+  std::string GetSubject() const override { return Over::GetSubject(*this->GetTransport()); }
   std::uint64_t GetMalformed() const override { return this->GetCounters().malformedFrames; }
   std::uint64_t GetMessages() const override { return this->GetCounters().messagesReceived; }
   std::uint64_t GetBytes() const override { return this->GetCounters().bytesReceived; }
@@ -196,15 +215,18 @@ class SessionServer final : public ServerLink {
  public:
   using Peer = AcceptedSession<Over>;
 
-  SessionServer(HostPort own, ServerSink& sink)
-      : own_(std::move(own)),
+  SessionServer(const Endpoint& own, ServerSink& sink)
+      : endpoint_(own),
+        own_(*ParseHostPort(own.address)),
         sink_(sink),
-        listener_([this](auto* transport) { Accepted(transport); }) {}
+        listener_([this](auto* transport) { Accepted(transport); },
+                  [this](long reason) { sink_.OnPeerRefused(reason); }) {}
   ~SessionServer() override { Stop(); }
 
   std::string Start() override {
     keelbase::CAWInetAddr address;
     if (std::string problem = Resolve(own_, address); !problem.empty()) return problem;
+    if (std::string problem = listener_.Prepare(endpoint_); !problem.empty()) return problem;
     const keelbase::AWResult result = listener_.Start(address);
     return result == keelbase::AW_OK ? std::string() : Explain(static_cast<long>(result));
   }
@@ -219,7 +241,7 @@ class SessionServer final : public ServerLink {
     if (reason == EADDRNOTAVAIL)
       return fmt::format("'{}' is not an address of this machine", own_.host);
     if (reason == EACCES) return fmt::format("port {} is reserved", own_.port);
-    return keelbase::DescribeResult(reason);
+    return DescribeReason(reason);
   }
 
   void Received(Peer& peer, const Message& message) { sink_.OnMessage(peer, message); }
@@ -238,6 +260,7 @@ class SessionServer final : public ServerLink {
     sink_.OnPeer(added);
   }
 
+  const Endpoint endpoint_;
   const HostPort own_;
   ServerSink& sink_;
   typename Over::Listener listener_;
@@ -246,16 +269,17 @@ class SessionServer final : public ServerLink {
 };
 
 template <class Over>
-constexpr Scheme MakeSessionScheme(std::string_view form) {
-  return {Over::kScheme, form,
+constexpr Scheme MakeSessionScheme(std::string_view form, bool isSecured = false) {
+  return {Over::kScheme,
+          form,
           [](std::string_view address) { return ParseHostPort(address).has_value(); },
-          [](const std::string& address, Pair /*own*/,
-             ClientSink& sink) -> std::unique_ptr<ClientLink> {
-            return std::make_unique<SessionClient<Over>>(*ParseHostPort(address), sink);
+          [](const Endpoint& peer, Pair /*own*/, ClientSink& sink) -> std::unique_ptr<ClientLink> {
+            return std::make_unique<SessionClient<Over>>(peer, sink);
           },
-          [](const std::string& address, ServerSink& sink) -> std::unique_ptr<ServerLink> {
-            return std::make_unique<SessionServer<Over>>(*ParseHostPort(address), sink);
-          }};
+          [](const Endpoint& own, ServerSink& sink) -> std::unique_ptr<ServerLink> {
+            return std::make_unique<SessionServer<Over>>(own, sink);
+          },
+          isSecured};
 }
 
 }  // namespace zarn::tool

@@ -18,9 +18,16 @@ struct PlainTcp {
   using Transport = wface::IAWTransport;
   using TransportParameter = wface::CAWTransportParameter;
 
+  static std::string Prepare(Session&, const Endpoint&) { return {}; }
+  static std::string GetSubject(Transport&) { return {}; }
+  static bool IsFinal(long /*reason*/) { return false; }
+
   class Listener final : private wface::IAWAcceptorConnectorSink {
    public:
-    explicit Listener(std::function<void(Transport*)> accepted) : accepted_(std::move(accepted)) {}
+    Listener(std::function<void(Transport*)> accepted, const std::function<void(long)>& /*refused*/)
+        : accepted_(std::move(accepted)) {}
+
+    static std::string Prepare(const Endpoint&) { return {}; }
 
     keelbase::AWResult Start(const keelbase::CAWInetAddr& address) {
       const keelbase::AWResult made =

@@ -39,7 +39,7 @@ _zarn() {
     "") words="serve send ping bench ls env log db kv shm --help --version" ;;
     serve | send | ping | bench | ls | env | log)
       case "$previous" in
-        --file)
+        --file | --key | --cert | --ca | --client-ca)
           mapfile -t COMPREPLY < <(compgen -f -- "$current")
           return
           ;;
@@ -48,7 +48,7 @@ _zarn() {
           return
           ;;
         --as | --type | --tag | --data | --replies | --timeout | --count | -c | --size | -s | \
-          --interval | -i | --spin | --sizes | --seconds | --window | --max-queue | \
+          --interval | -i | --spin | --sizes | --seconds | --window | --max-queue | --server-name | \
           --grep | --function | --since | --until)
           return
           ;;
