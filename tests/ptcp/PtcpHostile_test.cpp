@@ -56,9 +56,10 @@ TEST_F(PtcpHostileClient, ResetOfTheStreamIsRefused) {
   ExpectRefused();
 }
 
-TEST_F(PtcpHostileClient, WishThatWeStopSendingIsRefused) {
+TEST_F(PtcpHostileClient, WishThatWeStopSendingIsRefusedWhenWeSend) {
   Send({0x0a, 0, 1, 1});
   Send({0x05, 0, 0});
+  pair.server->Send("x", 1);
   ExpectRefused();
 }
 
