@@ -15,14 +15,6 @@ using keelbase::CAWMessageBlock;
 using ptcp::CAWPseudoTCPTransportParameter;
 using ptcp::IAWPseudoTCPTransport;
 
-namespace {
-
-// What the transport holds at most; behind it bytes wait in the stream, which is told of room.
-// Enough for a turn of the loop on a fast path.
-constexpr std::uint32_t kTransportQueue = 512 * 1024;
-
-}  // namespace
-
 class PtcpSession::Stream final : public utils::CPTCPStreamBase {
  public:
   Stream(PtcpSession& owner, std::size_t receiveLimit) : owner_(owner) {

@@ -19,6 +19,10 @@ namespace zarn::tool {
 // old one is left in a new one. Operations and upcalls as CZARNTCPSessionBase has them.
 class PtcpSession : private ptcp::IAWPseudoTCPAcceptorConnectorSink {
  public:
+  // What the transport holds at most; behind it bytes wait in the stream, which is told of room.
+  // Enough for a turn of the loop on a fast path.
+  static constexpr std::uint32_t kTransportQueue = 512 * 1024;
+
   PtcpSession();
   ~PtcpSession() override;
   PtcpSession(const PtcpSession&) = delete;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "PtcpSession.h"
 #include "SessionLink.h"
 #include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
@@ -56,6 +57,12 @@ struct BelowPtls {
   class Session : public utils::CSSLPTCPSessionBase {
    public:
     AWResult SendMsg(keelbase::CAWMessageBlock& data) { return SendMessage(data); }
+    AWResult SetTransportHandle(
+        keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) override {
+      std::uint32_t limit = PtcpSession::kTransportQueue;
+      transport->SetOption(ptcp::AW_OPT_SEND_QUEUE_LIMIT, &limit);
+      return CSSLPTCPSessionBase::SetTransportHandle(transport);
+    }
   };
 
   static AWResult Make(keelbase::CAWAutoPtr<Connector>& out) {
