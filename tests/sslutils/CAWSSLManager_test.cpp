@@ -77,6 +77,10 @@ class CAWSSLManagerTest : public ::testing::TestWithParam<Below> {
   TlsConnectionSink client;
 };
 
+// With a peer that speaks TCP and no TLS.
+class CAWSSLManagerAndPlainTcp : public CAWSSLManagerTest {};
+INSTANTIATE_TEST_SUITE_P(Over, CAWSSLManagerAndPlainTcp, ::testing::Values(Below::tcp));
+
 INSTANTIATE_TEST_SUITE_P(Over, CAWSSLManagerTest, ::testing::Values(Below::tcp, Below::ptcp),
                          [](const auto& world) {
                            return world.param == Below::tcp ? "Tcp" : "PseudoTcp";
@@ -461,7 +465,7 @@ TEST_P(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
 
 // --- peers that are silent or talk nonsense ---
 
-TEST_F(CAWSSLManagerTest, SilentClientIsGivenUpAfterTenSecondsAndOthersAreServed) {
+TEST_P(CAWSSLManagerAndPlainTcp, SilentClientIsGivenUpAfterTenSecondsAndOthersAreServed) {
   HandClock clock;
   TlsServerFixture server(Authority().Issue());
   server.Listen();
@@ -475,7 +479,7 @@ TEST_F(CAWSSLManagerTest, SilentClientIsGivenUpAfterTenSecondsAndOthersAreServed
   EXPECT_EQ(Connect(server), 0);
 }
 
-TEST_F(CAWSSLManagerTest, SilentServerIsGivenUpAfterTenSeconds) {
+TEST_P(CAWSSLManagerAndPlainTcp, SilentServerIsGivenUpAfterTenSeconds) {
   HandClock clock;
   const tcp::PlainListener silent;
   ASSERT_EQ(connector->AsyncConnect(&client, silent.LocalAddress(), 1, nullptr, nullptr), AW_OK);
@@ -486,7 +490,7 @@ TEST_F(CAWSSLManagerTest, SilentServerIsGivenUpAfterTenSeconds) {
   EXPECT_EQ(client.reasons, std::vector<long>{AW_SSL_ERROR_HANDSHAKE_TIME});
 }
 
-TEST_F(CAWSSLManagerTest, ClientThatTalksNonsenseEndsNoOtherConnection) {
+TEST_P(CAWSSLManagerAndPlainTcp, ClientThatTalksNonsenseEndsNoOtherConnection) {
   TlsServerFixture server(Authority().Issue());
   server.Listen();
   ASSERT_EQ(Connect(server), 0);
