@@ -1,5 +1,5 @@
 """TCP between two machines, as far as network namespaces and a virtual cable between them are: peers
-that vanish without a word, an address that is silent, a thousand at once, readers that do not read.
+that vanish without a word, an address that is silent, many at once, readers that do not read.
 
 As root only; it says so otherwise."""
 
@@ -16,6 +16,8 @@ HERE, THERE, NOBODY = "10.97.0.1", "10.97.0.2", "10.97.0.9"
 SILENCE = 3000  # milliseconds, the least that can be set
 MOST_SECONDS = 9  # until it is noticed: as long again for the system's timers, and a machine under load
 MANY = 1000
+KEPT = 5000
+MOST_KEPT = 16 << 10  # bytes of the server for each of these
 MOST_IN_TRANSPORT = 256 << 10
 MOST_EACH = 512 << 10  # of the process, for a connection whose peer does not read
 MOST_EACH_SANITIZED = 4 << 20
@@ -29,7 +31,7 @@ def ip(*arguments):
 class TwoMachines(ProgramTest):
     def setUp(self):
         super().setUp()
-        raise_descriptor_limit(2 * MANY + 100)
+        raise_descriptor_limit(KEPT + 100)
         self.here, self.there = f"zarn-{os.getpid()}-a", f"zarn-{os.getpid()}-b"
         for name in (self.here, self.there):
             ip("netns", "add", name)
@@ -115,6 +117,21 @@ class TwoMachines(ProgramTest):
         client.tell("send 5000")
         client.wait("answered")
         self.assert_idle(server)
+
+    def test_five_thousand_are_kept_for_little(self):
+        server = self.serve()
+        self.connect()
+        before, start = server.private_bytes(), time.monotonic()
+        for _ in range(KEPT // 500):
+            self.connect(500, silence=60000)
+        server.wait("accepted", clients=KEPT + 1)
+        took = time.monotonic() - start
+        each = (server.private_bytes() - before) / KEPT
+        share = server.cpu_share(1.0)
+        print(f"{KEPT} connections after {took:.2f} s, {each:.0f} bytes each, {100 * share:.1f} % of a processor")
+        if not server.is_sanitized():
+            self.assertLess(each, MOST_KEPT)
+        self.assertLess(share, 0.1)
 
     def test_readers_that_do_not_read_cost_bounded_memory(self):
         server = self.serve()

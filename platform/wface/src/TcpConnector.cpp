@@ -124,12 +124,13 @@ void TcpConnector::Finish(int error) {
   const CAWAutoPtr<TcpConnector> alive(this);
   timer_.Cancel();
   Unwatch();
-  FileDescriptor socket = std::move(socket_);
   CAWAutoPtr<IAWTransport> transport;
-  if (error == 0 && IsSelf(socket.Get())) error = ECONNREFUSED;
-  if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), transport);
+  {  // what is not taken over is closed before anybody hears of it
+    FileDescriptor socket = std::move(socket_);
+    if (error == 0 && IsSelf(socket.Get())) error = ECONNREFUSED;
+    if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), transport);
+  }
   if (error == ENOTCONN) error = ECONNRESET;
-  socket.Reset();
   std::exchange(sink_, nullptr)->OnConnectIndication(error, transport.Get(), this);
 }
 

@@ -64,7 +64,7 @@ class Server final : public sslutils::IAWSSLConnectionSink {
       Event("refused").With("reason", reason);
       return;
     }
-    Event("accepted");
+    const Event told("accepted");
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> accepted(transport);
     echoes_.emplace_back().SetSSLTransportHandle(accepted);
   }
@@ -98,7 +98,7 @@ class Client final : public zarn::utils::CZARNSSLTCPSessionBase {
     return length;
   }
   int OnConnected(long) override {
-    Event("connected");
+    const Event told("connected");
     return 0;
   }
   void OnPeerDisconnect(long reason) override { Event("ended").With("reason", reason); }
