@@ -180,13 +180,13 @@ void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram
 
 void UdpPort::EndBatch() {
   FlushBatch();
-  for (std::size_t i = 0; i < touched_.size(); ++i) {
-    PortUser* const user = touched_[i];
+  while (!touched_.empty()) {
+    PortUser* const user = touched_.back();
+    touched_.pop_back();
     if (user == nullptr) continue;  // gone meanwhile
     Forget(touched_, *user);
     user->OnBatchEnd();
   }
-  touched_.clear();
 }
 
 // --- sending ---
