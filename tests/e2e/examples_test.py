@@ -98,6 +98,19 @@ class Examples(unittest.TestCase):
             self.assertEqual(plain.recv(1), b"")
         self.assertIsNone(server.poll())
 
+    def test_pseudo_tcp_carries_lines(self):
+        server = self.start("ptcp_echo", "serve", "127.0.0.1", "0")
+        port = server.stdout.readline().split()[-1]
+        ask = ("ptcp_echo", "ask", "127.0.0.1", port, "1000")
+        output, errors = self.start(*ask).communicate(timeout=LIMIT)
+        self.assertRegex(output, r"^1000 answers in [0-9.]+ s\n$")
+        self.assertEqual(errors, "")
+        self.assertEqual(server.communicate(timeout=LIMIT), ("", ""))
+        self.assertEqual(server.returncode, 0)
+        output, errors = self.start(*ask).communicate(timeout=LIMIT)
+        self.assertEqual((output, errors), (
+            "", "ptcp_echo: 1000 answers are missing: Connection refused\n"))
+
     def test_client_that_comes_first_finds_the_server_later(self):
         client = self.start("echo_client", "3", "4", "1", "2", "early")
         self.assertEqual(client.stdout.readline(), "not connected: No such file or directory\n")
