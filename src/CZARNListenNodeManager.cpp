@@ -75,7 +75,8 @@ void CZARNListenNodeManager::DumpStartListenItem(
   }
 }
 
-void CZARNListenNodeManager::PrintAllMap(Map map) {
+// The map is the caller's to hand over; what it costs is a copy.
+void CZARNListenNodeManager::PrintAllMap(Map map) {  // NOLINT(performance-unnecessary-value-param)
   std::cout << "ZARNListenNodeManager::PrintAllMap" << std::endl;
   for (const auto& [key, item] : map) PrintEntry(key, item);
 }

@@ -20,6 +20,8 @@
 
 namespace bench {
 
+constexpr char kFiller = 'x';  // behind the stamp
+
 void Fail(const std::string& what) {
   std::fprintf(stderr, "bench: %s\n", what.c_str());
   std::_Exit(1);
@@ -157,7 +159,7 @@ Kind Sending::Look(std::uint64_t messages) {
 
 Outgoing::Outgoing(const Options& options, Sending& sending)
     : sending_(sending),
-      message_(options.size, 'x'),
+      message_(options.size, kFiller),
       stride_(options.mode == "pingpong" ? 1
                                          : std::max<std::uint64_t>(1, kBatchSize / options.size)),
       untilLook_(stride_) {}
@@ -169,9 +171,19 @@ Kind Outgoing::Look() {
   return kind;
 }
 
+Incoming::Incoming(const Options& options, Tally& tally)
+    : size_(options.size),
+      expected_(options.read ? options.size - kSmallestMessage : 0, kFiller),
+      tally_(tally) {}
+
 void Incoming::FailOrder(std::size_t length, std::uint64_t sequence) const {
   Fail("expected message " + std::to_string(sequence_) + " of " + std::to_string(size_) +
        " bytes, got " + std::to_string(sequence) + " of " + std::to_string(length));
+}
+
+void Incoming::Compare(const char* message) const {
+  if (std::memcmp(message + kSmallestMessage, expected_.data(), expected_.size()) != 0)
+    Fail("message " + std::to_string(sequence_) + " came changed");
 }
 
 bool Incoming::Mark(Kind kind) {
@@ -220,7 +232,7 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--count]\n",
+               "       [--clients N] [--active N] [--count] [--read]\n",
                program);
   std::exit(2);
 }
@@ -237,8 +249,8 @@ Arguments Parse(int argc, char** argv) {
   options.mode = argv[1];
   for (int i = 2; i < argc; ++i) {
     const std::string name = argv[i];
-    if (name == "--count") {
-      options.count = true;
+    if (name == "--count" || name == "--read") {
+      (name == "--count" ? options.count : options.read) = true;
       continue;
     }
     if (++i == argc) Usage(argv[0]);

@@ -21,6 +21,7 @@ struct Options {
   unsigned clients = 1;   // connections
   unsigned active = 1;    // of these, those that send
   bool count = false;     // allocations and system calls too
+  bool read = false;      // the receiver compares each byte; otherwise it looks at the beginning
   std::string dir;        // of this run, for sockets
 };
 
@@ -140,12 +141,13 @@ struct Tally {
 // What one connection receives. A message that is not the next one ends the program.
 class Incoming {
  public:
-  Incoming(const Options& options, Tally& tally) : size_(options.size), tally_(tally) {}
+  Incoming(const Options& options, Tally& tally);
 
   // False for the last one.
   bool Take(const char* message, std::size_t length) {
     const Stamp stamp = length == size_ ? GetStamp(message) : Stamp{};
     if (length != size_ || stamp.sequence != sequence_) FailOrder(length, stamp.sequence);
+    if (!expected_.empty()) Compare(message);
     ++sequence_;
     ++tally_.messages;
     return stamp.kind == Kind::kPlain || Mark(stamp.kind);
@@ -153,9 +155,11 @@ class Incoming {
 
  private:
   [[noreturn]] void FailOrder(std::size_t length, std::uint64_t sequence) const;
+  void Compare(const char* message) const;
   bool Mark(Kind kind);
 
   std::size_t size_;
+  std::vector<char> expected_;  // what follows the stamp, where that is looked at
   std::uint64_t sequence_ = 0;
   Tally& tally_;
 };

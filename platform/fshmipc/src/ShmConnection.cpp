@@ -190,8 +190,7 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
   if (writer_.Unpublished() != 0) Publish();
   ++counters_.partialSends;
   roomWanted_ = true;
-  const bool wait = ++asks_ <= kAsksPerDrain && writer_.WaitForRoom() && !writer_.IsBroken();
-  if (!wait && state_ == State::open) KeepPolling();
+  if (state_ == State::open) KeepPolling();
   return writer_.IsBroken() && written == 0 ? AW_ERROR_FAILURE : AW_ERROR_PARTIAL_DATA;
 }
 

@@ -94,6 +94,7 @@ int ShmIPCConnector::Greet() {
 }
 
 void ShmIPCConnector::OnReady(std::uint32_t /*events*/) {
+  if (IsLetGo()) return;
   const int answer = ReceiveAnswer(socket_.Get());
   if (answer != EAGAIN) Finish(answer);
 }

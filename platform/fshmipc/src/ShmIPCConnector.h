@@ -14,7 +14,7 @@ class ShmIPCConnector final : public keelbase::internal::LoopObject<IAWShmIPCCon
  public:
   ShmIPCConnector(keelbase::internal::EventLoop& loop, const SystemPath& systemPath)
       : LoopObject(loop), systemPath_(systemPath), dialer_(loop), timeLimit_(loop) {}
-  ~ShmIPCConnector() override = default;
+  ~ShmIPCConnector() override { Stop(); }
 
   keelbase::AWResult SetOption(int code, void* value) override;
   keelbase::AWResult AsyncConnect(IAWShmIPCAcceptorConnectorSink* sink, const CAWShmIPCAddr& peer,
@@ -22,7 +22,11 @@ class ShmIPCConnector final : public keelbase::internal::LoopObject<IAWShmIPCCon
   keelbase::AWResult CancelConnect() override;
 
  private:
-  void OnLastReference() override { CancelConnect(); }
+  // On any thread, and waits for nobody; the rest is undone when the loop destroys us.
+  void OnLastReference() override {
+    dialer_.Cancel();
+    timeLimit_.Cancel();
+  }
   void OnDialled(int error, FileDescriptor socket, const keelbase::CAWPeerCredentials& credentials);
   int Greet();
   void OnReady(std::uint32_t events) override;
