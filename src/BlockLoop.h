@@ -71,6 +71,29 @@ ReceivePass OfferHeldBlocks(Stream& stream, detail::Generation& generation, cons
   return pass;
 }
 
+// A receive event of the streams that keep the rest of an event after each of its frames, and do
+// not drop it when a later frame takes all of it. With nothing held back `data` is advanced over
+// what was handled, else it is left as it is.
+template <class Stream>
+ReceivePass OfferBlocksKeepingRest(Stream& stream, detail::Generation& generation,
+                                   const bool& closed, CZARNStreamCounters& counters,
+                                   detail::ReceiveAccumulator& received,
+                                   keelbase::CAWMessageBlock& data) {
+  using End = ReceivePass::End;
+  counters.bytesReceived += data.GetChainedLength();
+  if (received.GetLength() != 0)
+    return OfferHeldBlocks(stream, generation, closed, counters, received, data);
+  if (data.GetChainedLength() == 0) return {};
+  const auto keepRest = [&] {
+    received.Clear();
+    return received.Append(data);
+  };
+  ReceivePass pass = OfferBlocks(stream, generation, closed, counters, data, keepRest);
+  const bool incomplete = pass.end == End::kNeedMore && pass.answered == 0;
+  if (incomplete && keepRest() != keelbase::AW_OK) pass.end = End::kNoMemory;
+  return pass;
+}
+
 // OnReceiveDirect of the streams that are handed blocks: calls stream.HandleMessage with `data`
 // itself, until it has answered for the first segment or with 0, and then advances `data` over what
 // it answered for. The handler sees the same block again as long as it does not advance it.

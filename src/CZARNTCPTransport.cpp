@@ -70,20 +70,8 @@ void CZARNTCPTransport::CloseAndReport(long reason) {
 
 void CZARNTCPTransport::OnReceive(CAWMessageBlock& data, wface::IAWTransport*,
                                   wface::CAWTransportParameter*) {
-  counters_.bytesReceived += data.GetChainedLength();
-  ReceivePass pass;
-  if (received_.GetLength() != 0) {
-    pass = OfferHeldBlocks(*this, generation_, closed_, counters_, received_, data);
-  } else if (data.GetChainedLength() != 0) {
-    // The rest is kept after each frame, and not dropped when the last one takes all of it.
-    const auto keepRest = [&] {
-      received_.Clear();
-      return received_.Append(data);
-    };
-    pass = OfferBlocks(*this, generation_, closed_, counters_, data, keepRest);
-    const bool incomplete = pass.end == End::kNeedMore && pass.answered == 0;
-    if (incomplete && keepRest() != AW_OK) pass.end = End::kNoMemory;
-  }
+  const ReceivePass pass =
+      OfferBlocksKeepingRest(*this, generation_, closed_, counters_, received_, data);
   if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return;
   if (pass.end == End::kNoMemory) return CloseAndReport(AW_ERROR_FAILURE);
   if (pass.end != End::kNeedMore) return CloseAndReport(0);

@@ -1,4 +1,5 @@
-// CAWSSLManager_test.cpp - connectors and acceptors over real TCP on the loopback address.
+// CAWSSLManager_test.cpp - connectors and acceptors over real TCP, and over real pseudo-TCP, on the
+// loopback address.
 #include "sslutils/CAWSSLManager.h"
 
 #include <gtest/gtest.h>
@@ -29,7 +30,9 @@ const TlsAuthority& Authority() {
   return authority;
 }
 
-class CAWSSLManagerTest : public ::testing::Test {
+enum class Below { tcp, ptcp };
+
+class CAWSSLManagerTest : public ::testing::TestWithParam<Below> {
  protected:
   CAWSSLManagerTest() {
     EXPECT_EQ(IAWSSLManager::Instance()->SetTrustedCertificates(Authority().GetPem()), AW_OK);
@@ -59,95 +62,110 @@ class CAWSSLManagerTest : public ::testing::Test {
     client.transports[0]->Disconnect(0);
   }
 
-  CAWAutoPtr<IAWSSLConnector> connector = MakeTlsConnector();
+  static CAWAutoPtr<IAWSSLConnector> MakeConnector() {
+    if (GetParam() == Below::tcp) return MakeTlsConnector();
+    return CAWAutoPtr<IAWSSLConnector>(new SslPtcpConnector);
+  }
+  static CAWAutoPtr<IAWSSLAcceptor> MakeAcceptor() {
+    return GetParam() == Below::tcp ? MakeTlsAcceptor() : MakeSslPtcpAcceptor();
+  }
+
+  CAWAutoPtr<IAWSSLConnector> connector = MakeConnector();
   TlsConnectionSink client;
 };
 
+INSTANTIATE_TEST_SUITE_P(Over, CAWSSLManagerTest, ::testing::Values(Below::tcp, Below::ptcp),
+                         [](const auto& world) {
+                           return world.param == Below::tcp ? "Tcp" : "PseudoTcp";
+                         });
+
 // --- who is accepted ---
 
-TEST_F(CAWSSLManagerTest, PeerIsVerifiedByItsAddressWhenNoNameIsGiven) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, PeerIsVerifiedByItsAddressWhenNoNameIsGiven) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server), 0);
   EXPECT_EQ(server.sink.reasons, std::vector<long>{0});
   EXPECT_TRUE(InfoOf(client.transports[0]).peerVerified);
 }
 
-TEST_F(CAWSSLManagerTest, EmptyNameIsNoName) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, EmptyNameIsNoName) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server, ""), 0);
 }
 
-TEST_F(CAWSSLManagerTest, CertificateWithoutTheAddressIsRefusedWhenNoNameIsGiven) {
+TEST_P(CAWSSLManagerTest, CertificateWithoutTheAddressIsRefusedWhenNoNameIsGiven) {
   CertificateRequest request;
   request.address.clear();
-  TlsServerFixture server(Authority().Issue(request));
+  TlsServerFixture server(Authority().Issue(request), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_CERTIFICATE_NAME);
   EXPECT_EQ(Connect(server, "localhost"), 0);
 }
 
-TEST_F(CAWSSLManagerTest, WrongNameIsRefusedAndTheServerIsTold) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, WrongNameIsRefusedAndTheServerIsTold) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server, "other.example"), AW_SSL_ERROR_CERTIFICATE_NAME);
   EXPECT_EQ(server.sink.reasons, std::vector<long>{AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE});
 }
 
-TEST_F(CAWSSLManagerTest, ExpiredCertificateIsRefused) {
+TEST_P(CAWSSLManagerTest, ExpiredCertificateIsRefused) {
   CertificateRequest request;
   request.notBefore = -7200;
   request.notAfter = -60;
-  TlsServerFixture server(Authority().Issue(request));
+  TlsServerFixture server(Authority().Issue(request), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_CERTIFICATE_EXPIRED);
 }
 
-TEST_F(CAWSSLManagerTest, CertificateOfTheFutureIsRefused) {
+TEST_P(CAWSSLManagerTest, CertificateOfTheFutureIsRefused) {
   CertificateRequest request;
   request.notBefore = 3600;
-  TlsServerFixture server(Authority().Issue(request));
+  TlsServerFixture server(Authority().Issue(request), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_CERTIFICATE_NOT_YET_VALID);
 }
 
-TEST_F(CAWSSLManagerTest, UnknownAuthorityIsRefused) {
+TEST_P(CAWSSLManagerTest, UnknownAuthorityIsRefused) {
   const TlsAuthority other("Another Authority");
-  TlsServerFixture server(other.Issue());
+  TlsServerFixture server(other.Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
 }
 
-TEST_F(CAWSSLManagerTest, CertificateForClientsIsNoneForAServer) {
+TEST_P(CAWSSLManagerTest, CertificateForClientsIsNoneForAServer) {
   CertificateRequest request;
   request.forClients = true;
-  TlsServerFixture server(Authority().Issue(request));
+  TlsServerFixture server(Authority().Issue(request), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_CERTIFICATE_INVALID);
 }
 
-TEST_F(CAWSSLManagerTest, ChainModeTakesAnotherNameButNoUnknownAuthority) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ChainModeTakesAnotherNameButNoUnknownAuthority) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(connector->SetVerifyMode(AW_SSL_VERIFY_CHAIN), AW_OK);
   EXPECT_EQ(Connect(server, "other.example"), 0);
   const TlsAuthority other("Another Authority");
-  TlsServerFixture unknown(other.Issue());
+  TlsServerFixture unknown(other.Issue(), MakeAcceptor());
   unknown.Listen();
   EXPECT_EQ(Connect(unknown), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
 }
 
-TEST_F(CAWSSLManagerTest, NoneModeTakesAnybody) {
+TEST_P(CAWSSLManagerTest, NoneModeTakesAnybody) {
   const TlsAuthority other("Another Authority");
-  TlsServerFixture server(other.Issue());
+  TlsServerFixture server(other.Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(connector->SetVerifyMode(AW_SSL_VERIFY_NONE), AW_OK);
   EXPECT_EQ(Connect(server, "other.example"), 0);
   EXPECT_FALSE(InfoOf(client.transports[0]).peerVerified);
 }
 
-TEST_F(CAWSSLManagerTest, ValueZeroAsksForNoVerification) {
+TEST(CAWSSLManagerOverTcp, ValueZeroAsksForNoVerification) {
+  auto connector = MakeTlsConnector();
+  TlsConnectionSink client;
   const TlsAuthority other("Another Authority");
   TlsServerFixture server(other.Issue());
   server.Listen();
@@ -156,7 +174,9 @@ TEST_F(CAWSSLManagerTest, ValueZeroAsksForNoVerification) {
   EXPECT_EQ(client.reasons, std::vector<long>{0});
 }
 
-TEST_F(CAWSSLManagerTest, UnknownModesAndValuesAreRefused) {
+TEST(CAWSSLManagerOverTcp, UnknownModesAndValuesAreRefused) {
+  auto connector = MakeTlsConnector();
+  TlsConnectionSink client;
   EXPECT_EQ(connector->SetVerifyMode(3), AW_ERROR_FAILURE);
   EXPECT_EQ(connector->SetVerifyMode(-1), AW_ERROR_FAILURE);
   const CAWInetAddr nowhere("127.0.0.1", 1);
@@ -164,8 +184,8 @@ TEST_F(CAWSSLManagerTest, UnknownModesAndValuesAreRefused) {
   EXPECT_EQ(connector->AsyncConnect(nullptr, nowhere, 1, nullptr, nullptr), AW_ERROR_FAILURE);
 }
 
-TEST_F(CAWSSLManagerTest, TrustedCertificatesAreReplacedAndABadTextChangesNothing) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, TrustedCertificatesAreReplacedAndABadTextChangesNothing) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   auto* manager = IAWSSLManager::Instance();
   EXPECT_EQ(manager->SetTrustedCertificates("-----BEGIN nonsense"),
@@ -178,8 +198,8 @@ TEST_F(CAWSSLManagerTest, TrustedCertificatesAreReplacedAndABadTextChangesNothin
 
 // --- client certificates ---
 
-TEST_F(CAWSSLManagerTest, ClientWithACertificateOfTheAuthorityIsAcceptedAndNamed) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ClientWithACertificateOfTheAuthorityIsAcceptedAndNamed) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   ASSERT_EQ(server.acceptor->SetClientAuthorities(Authority().GetPem(), true), AW_OK);
   server.Listen();
   const auto own = Authority().IssueForClient("alice");
@@ -192,8 +212,8 @@ TEST_F(CAWSSLManagerTest, ClientWithACertificateOfTheAuthorityIsAcceptedAndNamed
   EXPECT_EQ(info.peerSubject, "CN = alice");
 }
 
-TEST_F(CAWSSLManagerTest, ClientWithoutACertificateIsRefusedWhereOneIsRequired) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ClientWithoutACertificateIsRefusedWhereOneIsRequired) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   ASSERT_EQ(server.acceptor->SetClientAuthorities(Authority().GetPem(), true), AW_OK);
   server.Listen();
   EXPECT_EQ(Connect(server), 0);  // with TLS 1.3 the client learns of it afterwards
@@ -204,8 +224,8 @@ TEST_F(CAWSSLManagerTest, ClientWithoutACertificateIsRefusedWhereOneIsRequired) 
   EXPECT_EQ(sink.reason, AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE);
 }
 
-TEST_F(CAWSSLManagerTest, ClientWithoutACertificateIsAcceptedWhereNoneIsRequired) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ClientWithoutACertificateIsAcceptedWhereNoneIsRequired) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   ASSERT_EQ(server.acceptor->SetClientAuthorities(Authority().GetPem(), false), AW_OK);
   server.Listen();
   EXPECT_EQ(Connect(server), 0);
@@ -213,10 +233,10 @@ TEST_F(CAWSSLManagerTest, ClientWithoutACertificateIsAcceptedWhereNoneIsRequired
   EXPECT_FALSE(InfoOf(server.sink.transports[0]).peerVerified);
 }
 
-TEST_F(CAWSSLManagerTest, ClientOfAnotherAuthorityIsRefused) {
+TEST_P(CAWSSLManagerTest, ClientOfAnotherAuthorityIsRefused) {
   const TlsAuthority other("Another Authority");
   for (const bool required : {true, false}) {
-    TlsServerFixture server(Authority().Issue());
+    TlsServerFixture server(Authority().Issue(), MakeAcceptor());
     ASSERT_EQ(server.acceptor->SetClientAuthorities(Authority().GetPem(), required), AW_OK);
     server.Listen();
     const auto own = other.IssueForClient();
@@ -227,8 +247,8 @@ TEST_F(CAWSSLManagerTest, ClientOfAnotherAuthorityIsRefused) {
   }
 }
 
-TEST_F(CAWSSLManagerTest, ClientAuthoritiesThatCannotBeReadStopTheListen) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ClientAuthoritiesThatCannotBeReadStopTheListen) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   EXPECT_EQ(server.acceptor->SetClientAuthorities("/nowhere/at/all", true), AWResult{ENOENT});
   EXPECT_EQ(server.acceptor->StartListen(&server.sink, CAWInetAddr("127.0.0.1", 0), 1),
             AWResult{ENOENT});
@@ -243,7 +263,7 @@ struct BadText {
   long reason;
 };
 
-TEST_F(CAWSSLManagerTest, EachBadKeyOrCertificateHasItsReasonOnBothSides) {
+TEST_P(CAWSSLManagerTest, EachBadKeyOrCertificateHasItsReasonOnBothSides) {
   const TempDir dir;
   const auto own = Authority().Issue();
   const auto other = Authority().Issue();
@@ -261,13 +281,13 @@ TEST_F(CAWSSLManagerTest, EachBadKeyOrCertificateHasItsReasonOnBothSides) {
   };
   for (const BadText& bad : cases) {
     SCOPED_TRACE(bad.what);
-    auto acceptor = MakeTlsAcceptor();
+    auto acceptor = MakeAcceptor();
     acceptor->SetPrivateKey(bad.key);
     acceptor->SetCertificate(bad.certificate);
     TlsConnectionSink sink;
     EXPECT_EQ(acceptor->StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 1),
               static_cast<AWResult>(bad.reason));
-    auto connecting = MakeTlsConnector();
+    auto connecting = MakeConnector();
     connecting->SetPrivateKey(bad.key);
     connecting->SetCertificate(bad.certificate);
     ASSERT_EQ(connecting->AsyncConnect(&sink, CAWInetAddr("127.0.0.1", 1), 1, nullptr, nullptr),
@@ -278,29 +298,29 @@ TEST_F(CAWSSLManagerTest, EachBadKeyOrCertificateHasItsReasonOnBothSides) {
   }
 }
 
-TEST_F(CAWSSLManagerTest, CertificateWithoutAKeyIsRefused) {
-  auto acceptor = MakeTlsAcceptor();
+TEST_P(CAWSSLManagerTest, CertificateWithoutAKeyIsRefused) {
+  auto acceptor = MakeAcceptor();
   acceptor->SetCertificate(Authority().Issue().certificate);
   TlsConnectionSink sink;
   EXPECT_EQ(acceptor->StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 1),
             AWResult{AW_SSL_ERROR_KEY_MISSING});
 }
 
-TEST_F(CAWSSLManagerTest, ListenWithoutACertificateIsRefused) {
-  auto acceptor = MakeTlsAcceptor();
+TEST_P(CAWSSLManagerTest, ListenWithoutACertificateIsRefused) {
+  auto acceptor = MakeAcceptor();
   TlsConnectionSink sink;
   EXPECT_EQ(acceptor->StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 1),
             AWResult{AW_SSL_ERROR_OWN_CERTIFICATE_MISSING});
 }
 
-TEST_F(CAWSSLManagerTest, KeyAloneIsNoIdentityAndNoError) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, KeyAloneIsNoIdentityAndNoError) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   EXPECT_EQ(connector->SetPrivateKey(TlsAuthority::MakeKeyPem()), AW_OK);
   EXPECT_EQ(Connect(server), 0);
 }
 
-TEST_F(CAWSSLManagerTest, TextsMayBePathsOfFiles) {
+TEST_P(CAWSSLManagerTest, TextsMayBePathsOfFiles) {
   const TempDir dir;
   const auto own = Authority().Issue();
   const auto write = [&dir](const std::string& name, const std::string& text) {
@@ -308,7 +328,7 @@ TEST_F(CAWSSLManagerTest, TextsMayBePathsOfFiles) {
     std::ofstream(path) << text;
     return path;
   };
-  auto acceptor = MakeTlsAcceptor();
+  auto acceptor = MakeAcceptor();
   EXPECT_EQ(acceptor->SetPrivateKey(write("key.pem", own.key)), AW_OK);
   EXPECT_EQ(acceptor->SetCertificate(write("cert.pem", own.certificate)), AW_OK);
   TlsConnectionSink sink;
@@ -320,8 +340,8 @@ TEST_F(CAWSSLManagerTest, TextsMayBePathsOfFiles) {
 
 // --- sessions ---
 
-TEST_F(CAWSSLManagerTest, SecondConnectionResumesTheSession) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, SecondConnectionResumesTheSession) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   ASSERT_EQ(Connect(server), 0);
   EXPECT_FALSE(InfoOf(client.transports[0]).resumed);
@@ -331,8 +351,8 @@ TEST_F(CAWSSLManagerTest, SecondConnectionResumesTheSession) {
   EXPECT_TRUE(InfoOf(client.transports[0]).peerVerified);
 }
 
-TEST_F(CAWSSLManagerTest, SessionIsNotResumedForAnotherName) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, SessionIsNotResumedForAnotherName) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   ASSERT_EQ(Connect(server), 0);
   ReadTickets();
@@ -341,8 +361,8 @@ TEST_F(CAWSSLManagerTest, SessionIsNotResumedForAnotherName) {
   EXPECT_EQ(Connect(server, "other.example"), AW_SSL_ERROR_CERTIFICATE_NAME);
 }
 
-TEST_F(CAWSSLManagerTest, SessionOfARelaxedModeIsNotResumedByAStrictOne) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, SessionOfARelaxedModeIsNotResumedByAStrictOne) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   connector->SetVerifyMode(AW_SSL_VERIFY_NONE);
   ASSERT_EQ(Connect(server, "other.example"), 0);
@@ -351,8 +371,8 @@ TEST_F(CAWSSLManagerTest, SessionOfARelaxedModeIsNotResumedByAStrictOne) {
   EXPECT_EQ(Connect(server, "other.example"), AW_SSL_ERROR_CERTIFICATE_NAME);
 }
 
-TEST_F(CAWSSLManagerTest, SessionIsNotResumedOnceTheTrustedCertificatesHaveChanged) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, SessionIsNotResumedOnceTheTrustedCertificatesHaveChanged) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   ASSERT_EQ(Connect(server), 0);
   ReadTickets();
@@ -360,8 +380,8 @@ TEST_F(CAWSSLManagerTest, SessionIsNotResumedOnceTheTrustedCertificatesHaveChang
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
 }
 
-TEST_F(CAWSSLManagerTest, SessionIsNotResumedWithAnotherCertificateOfOurOwn) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, SessionIsNotResumedWithAnotherCertificateOfOurOwn) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.acceptor->SetClientAuthorities(Authority().GetPem(), false);
   server.Listen();
   ASSERT_EQ(Connect(server), 0);
@@ -374,14 +394,14 @@ TEST_F(CAWSSLManagerTest, SessionIsNotResumedWithAnotherCertificateOfOurOwn) {
   EXPECT_EQ(InfoOf(server.sink.transports.back()).peerSubject, "CN = bob");
 }
 
-TEST_F(CAWSSLManagerTest, ServerThatHasStartedAnewShakesHandsInFull) {
+TEST_P(CAWSSLManagerTest, ServerThatHasStartedAnewShakesHandsInFull) {
   const auto own = Authority().Issue();
-  TlsServerFixture first(own);
+  TlsServerFixture first(own, MakeAcceptor());
   first.Listen();
   ASSERT_EQ(Connect(first), 0);
   ReadTickets();
   first.acceptor->StopListen();
-  TlsServerFixture second(own);
+  TlsServerFixture second(own, MakeAcceptor());
   ASSERT_EQ(second.acceptor->StartListen(&second.sink, first.address, 16), AW_OK);
   second.address = first.address;
   ASSERT_EQ(Connect(second), 0);
@@ -390,8 +410,8 @@ TEST_F(CAWSSLManagerTest, ServerThatHasStartedAnewShakesHandsInFull) {
 
 // --- connecting ---
 
-TEST_F(CAWSSLManagerTest, ConnectThatFindsNobodyIsIndicatedOnceWithItsReason) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ConnectThatFindsNobodyIsIndicatedOnceWithItsReason) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   server.acceptor->StopListen();
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
@@ -401,8 +421,8 @@ TEST_F(CAWSSLManagerTest, ConnectThatFindsNobodyIsIndicatedOnceWithItsReason) {
   EXPECT_EQ(client.reasons, std::vector<long>{ECONNREFUSED});
 }
 
-TEST_F(CAWSSLManagerTest, CancelledConnectIsNotIndicated) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, CancelledConnectIsNotIndicated) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
   EXPECT_EQ(connector->Cancel(0), AW_OK);
@@ -411,8 +431,8 @@ TEST_F(CAWSSLManagerTest, CancelledConnectIsNotIndicated) {
   EXPECT_EQ(Connect(server), 0);  // and may be used again
 }
 
-TEST_F(CAWSSLManagerTest, CancelDuringTheHandshakeIsNotIndicated) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, CancelDuringTheHandshakeIsNotIndicated) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
   auto* network =
@@ -424,8 +444,8 @@ TEST_F(CAWSSLManagerTest, CancelDuringTheHandshakeIsNotIndicated) {
   EXPECT_LE(client.reasons.size(), 1U);
 }
 
-TEST_F(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   client.keep = false;
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
@@ -482,8 +502,8 @@ TEST_F(CAWSSLManagerTest, ClientThatTalksNonsenseEndsNoOtherConnection) {
 
 // --- transports ---
 
-TEST_F(CAWSSLManagerTest, TransportsKnowBothAddresses) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, TransportsKnowBothAddresses) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   ASSERT_EQ(Connect(server), 0);
   CAWInetAddr peer;
@@ -496,8 +516,8 @@ TEST_F(CAWSSLManagerTest, TransportsKnowBothAddresses) {
   EXPECT_EQ(local, seen);
 }
 
-TEST_F(CAWSSLManagerTest, ClientThatSendsAndLeavesAtOnceLosesNothing) {
-  TlsServerFixture server(Authority().Issue());
+TEST_P(CAWSSLManagerTest, ClientThatSendsAndLeavesAtOnceLosesNothing) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   server.Listen();
   const std::string all(5 << 20, 'x');
   client.keep = false;
@@ -515,7 +535,7 @@ TEST_F(CAWSSLManagerTest, ClientThatSendsAndLeavesAtOnceLosesNothing) {
   EXPECT_EQ(sink.reason, 0);
 }
 
-TEST_F(CAWSSLManagerTest, AnotherManagerCanBePutInPlace) {
+TEST(CAWSSLManagerOverTcp, AnotherManagerCanBePutInPlace) {
   class Fake final : public IAWSSLManager {
    public:
     AWResult CreateSSLConnector(CAWAutoPtr<IAWSSLConnector>&) override { return 77; }

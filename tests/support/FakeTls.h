@@ -7,6 +7,7 @@
 
 #include "FakeTransport.h"
 #include "keelbase/CAWInetAddr.h"
+#include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/CAWSSLTransport.h"
 
@@ -27,7 +28,7 @@ class FakeTlsTransport final : public ScriptedTransport<Tls> {
  public:
   explicit FakeTlsTransport(CallLog* log = nullptr) : ScriptedTransport(log) {}
 
-  std::vector<int> optionsRead;  // the codes, in order
+  std::vector<int> optionsRead;                // the codes, in order
   std::vector<Tls::Parameter> parametersSeen;  // of the sends that had one, as they were
 
   void Receive(keelbase::CAWMessageBlock& block) {
@@ -67,11 +68,13 @@ class FakeTlsTransport final : public ScriptedTransport<Tls> {
   bool ended_ = false;
 };
 
-class FakeTlsConnector final : public FakeCounted<sslutils::IAWSSLConnector> {
+// All of a connector but the parameters of its AsyncConnect.
+template <class Interface>
+class TlsConnectorScript : public FakeCounted<Interface> {
  public:
   using Address = keelbase::CAWInetAddr;
 
-  explicit FakeTlsConnector(CallLog* log = nullptr) : FakeCounted(log) {}
+  explicit TlsConnectorScript(CallLog* log) : FakeCounted<Interface>(log) {}
 
   keelbase::AWResult connectResult = keelbase::AW_OK;
 
@@ -87,74 +90,110 @@ class FakeTlsConnector final : public FakeCounted<sslutils::IAWSSLConnector> {
   bool IsPending() const { return sink_ != nullptr; }
 
   void Complete(long reason, sslutils::IAWSSLTransport* transport) {
-    const keelbase::CAWAutoPtr<FakeTlsConnector> self(this);
+    const keelbase::CAWAutoPtr<TlsConnectorScript> self(this);
     if (auto* sink = std::exchange(sink_, nullptr)) sink->OnSSLConnected(reason, transport);
   }
 
   keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override {
-    Note("connector.SetPrivateKey(" + text + ")");
+    this->Note("connector.SetPrivateKey(" + text + ")");
     return keelbase::AW_OK;
   }
   keelbase::AWResult SetCertificate(const keelbase::CAWString& text) override {
-    Note("connector.SetCertificate(" + text + ")");
+    this->Note("connector.SetCertificate(" + text + ")");
     return keelbase::AW_OK;
   }
   keelbase::AWResult SetVerifyMode(int) override { return keelbase::AW_ERROR_FAILURE; }
-  keelbase::AWResult AsyncConnect(sslutils::IAWSSLConnectionSink* sink, const Address& to,
-                                  int check, const char* serverName,
-                                  const Address* from) override {
-    Note("connector.AsyncConnect");
-    ++connects;
-    peer = to;
-    hadLocal = from != nullptr;
-    local = hadLocal ? *from : Address();
-    verify = check;
-    hadServerName = serverName != nullptr;
-    if (connectResult == keelbase::AW_OK) sink_ = sink;
-    return connectResult;
-  }
   keelbase::AWResult Cancel(long reason) override {
-    Note("connector.CancelConnect");
+    this->Note("connector.CancelConnect");
     ++cancels;
     cancelReasons.push_back(reason);
     sink_ = nullptr;
     return keelbase::AW_OK;
   }
 
+ protected:
+  keelbase::AWResult Start(sslutils::IAWSSLConnectionSink* sink, const Address& to,
+                           const char* serverName, const Address* from) {
+    this->Note("connector.AsyncConnect");
+    ++connects;
+    peer = to;
+    hadLocal = from != nullptr;
+    local = hadLocal ? *from : Address();
+    hadServerName = serverName != nullptr;
+    if (connectResult == keelbase::AW_OK) sink_ = sink;
+    return connectResult;
+  }
+
  private:
   sslutils::IAWSSLConnectionSink* sink_ = nullptr;
 };
 
-// Stands in for the process's manager as long as it lives.
-class FakeTlsManager final : public sslutils::IAWSSLManager {
+class FakeTlsConnector final : public TlsConnectorScript<sslutils::IAWSSLConnector> {
  public:
-  using Connector = FakeTlsConnector;
+  using TlsConnectorScript::TlsConnectorScript;
 
-  explicit FakeTlsManager(CallLog* log = nullptr) : log_(log) { TEST_SetInstance(this); }
-  ~FakeTlsManager() override { TEST_SetInstance(nullptr); }
-  FakeTlsManager(const FakeTlsManager&) = delete;
-  FakeTlsManager& operator=(const FakeTlsManager&) = delete;
+  keelbase::AWResult AsyncConnect(sslutils::IAWSSLConnectionSink* sink, const Address& to,
+                                  int check, const char* serverName, const Address* from) override {
+    verify = check;
+    return Start(sink, to, serverName, from);
+  }
+};
+
+class FakeSslPtcpConnector final : public TlsConnectorScript<sslptcp::IAWSSLPTCPConnector> {
+ public:
+  using TlsConnectorScript::TlsConnectorScript;
+
+  keelbase::AWResult AsyncConnect(sslutils::IAWSSLConnectionSink* sink, const Address& to,
+                                  const char* serverName, const Address* from) override {
+    return Start(sink, to, serverName, from);
+  }
+};
+
+// Stands in for the process's manager as long as it lives.
+template <class Manager, class FakeConnector>
+class TlsManagerScript : public Manager {
+ public:
+  using Connector = FakeConnector;
+
+  explicit TlsManagerScript(CallLog* log) : log_(log) { Manager::TEST_SetInstance(this); }
+  ~TlsManagerScript() override { Manager::TEST_SetInstance(nullptr); }
+  TlsManagerScript(const TlsManagerScript&) = delete;
+  TlsManagerScript& operator=(const TlsManagerScript&) = delete;
 
   keelbase::AWResult createResult = keelbase::AW_OK;   // any other: nothing is made
   keelbase::AWResult connectResult = keelbase::AW_OK;  // of the connectors made from now on
   bool makesNothing = false;                           // and says that all is well
 
   int requests = 0;
-  std::vector<keelbase::CAWAutoPtr<FakeTlsConnector>> connectors;
+  std::vector<keelbase::CAWAutoPtr<Connector>> connectors;
   bool outWasNull = true;  // on every call
 
-  FakeTlsConnector& Last() { return *connectors.back(); }
+  Connector& Last() { return *connectors.back(); }
 
-  keelbase::AWResult CreateSSLConnector(
-      keelbase::CAWAutoPtr<sslutils::IAWSSLConnector>& out) override {
+ protected:
+  template <class Interface>
+  keelbase::AWResult Create(keelbase::CAWAutoPtr<Interface>& out) {
     ++requests;
     outWasNull = outWasNull && !out;
     out = nullptr;
     if (createResult != keelbase::AW_OK || makesNothing) return createResult;
-    connectors.emplace_back(new FakeTlsConnector(log_));
+    connectors.emplace_back(new Connector(log_));
     Last().connectResult = connectResult;
     out = connectors.back().Get();
     return keelbase::AW_OK;
+  }
+
+ private:
+  CallLog* log_;
+};
+
+class FakeTlsManager final : public TlsManagerScript<sslutils::IAWSSLManager, FakeTlsConnector> {
+ public:
+  explicit FakeTlsManager(CallLog* log = nullptr) : TlsManagerScript(log) {}
+
+  keelbase::AWResult CreateSSLConnector(
+      keelbase::CAWAutoPtr<sslutils::IAWSSLConnector>& out) override {
+    return Create(out);
   }
   keelbase::AWResult CreateSSLAcceptor(keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>&) override {
     return keelbase::AW_ERROR_FAILURE;
@@ -162,9 +201,20 @@ class FakeTlsManager final : public sslutils::IAWSSLManager {
   keelbase::AWResult SetTrustedCertificates(const keelbase::CAWString&) override {
     return keelbase::AW_ERROR_FAILURE;
   }
+};
 
- private:
-  CallLog* log_;
+class FakeSslPtcpManager final
+    : public TlsManagerScript<sslptcp::IAWSSLPTCPManager, FakeSslPtcpConnector> {
+ public:
+  explicit FakeSslPtcpManager(CallLog* log = nullptr) : TlsManagerScript(log) {}
+
+  keelbase::AWResult CreateConnector(
+      keelbase::CAWAutoPtr<sslptcp::IAWSSLPTCPConnector>& out) override {
+    return Create(out);
+  }
+  keelbase::AWResult CreateAcceptor(keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>&) override {
+    return keelbase::AW_ERROR_FAILURE;
+  }
 };
 
 }  // namespace zarn::test

@@ -16,8 +16,8 @@ namespace zarn::test {
 
 // Both ends keep one: the transport is destroyed with its stream, this is the test's.
 struct MemoryEnd {
-  sslutils::internal::ByteSink* sink = nullptr;  // null: not open, or disconnected
-  std::string sent;                              // waits to be moved
+  sslutils::internal::ByteSink* sink = nullptr;     // null: not open, or disconnected
+  std::string sent;                                 // waits to be moved
   std::size_t room = static_cast<std::size_t>(-1);  // that `sent` may have
   keelbase::AWResult sendResult = keelbase::AW_OK;  // anything else: every send fails with it
   bool roomWanted = false;

@@ -8,10 +8,13 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "FakeTransport.h"
 #include "NetworkThread.h"
 #include "TlsAuthority.h"
+#include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
 
 namespace zarn::test {
@@ -80,9 +83,44 @@ inline keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor> MakeTlsAcceptor() {
   return out;
 }
 
+// The connector of TLS over pseudo-TCP in the shape of the one over TCP.
+class SslPtcpConnector final : public FakeCounted<sslutils::IAWSSLConnector> {
+ public:
+  SslPtcpConnector() : FakeCounted(nullptr) {
+    EXPECT_EQ(sslptcp::IAWSSLPTCPManager::Instance()->CreateConnector(real_), keelbase::AW_OK);
+  }
+  keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override {
+    return real_->SetPrivateKey(text);
+  }
+  keelbase::AWResult SetCertificate(const keelbase::CAWString& text) override {
+    return real_->SetCertificate(text);
+  }
+  keelbase::AWResult SetVerifyMode(int mode) override { return real_->SetVerifyMode(mode); }
+  keelbase::AWResult AsyncConnect(sslutils::IAWSSLConnectionSink* sink,
+                                  const keelbase::CAWInetAddr& peer, int verify,
+                                  const char* serverName,
+                                  const keelbase::CAWInetAddr* local) override {
+    EXPECT_EQ(verify, 1);
+    return real_->AsyncConnect(sink, peer, serverName, local);
+  }
+  keelbase::AWResult Cancel(long reason) override { return real_->Cancel(reason); }
+
+ private:
+  keelbase::CAWAutoPtr<sslptcp::IAWSSLPTCPConnector> real_;
+};
+
+inline keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor> MakeSslPtcpAcceptor() {
+  keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor> out;
+  EXPECT_EQ(sslptcp::IAWSSLPTCPManager::Instance()->CreateAcceptor(out), keelbase::AW_OK);
+  return out;
+}
+
 // A listener with a certificate, on a free port of the loopback address.
 struct TlsServerFixture {
-  explicit TlsServerFixture(const KeyAndCertificate& own) : acceptor(MakeTlsAcceptor()) {
+  explicit TlsServerFixture(
+      const KeyAndCertificate& own,
+      keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor> listening = MakeTlsAcceptor())
+      : acceptor(std::move(listening)) {
     EXPECT_EQ(acceptor->SetPrivateKey(own.key), keelbase::AW_OK);
     EXPECT_EQ(acceptor->SetCertificate(own.certificate), keelbase::AW_OK);
   }

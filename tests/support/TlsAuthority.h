@@ -16,7 +16,7 @@ namespace zarn::test {
 
 // What is asked of an authority.
 struct CertificateRequest {
-  std::string name = "localhost";    // subject, and DNS name
+  std::string name = "localhost";     // subject, and DNS name
   std::string address = "127.0.0.1";  // IP address in it; empty for none
   long notBefore = -3600;             // seconds from now
   long notAfter = 3600 * 24;
@@ -33,8 +33,7 @@ class TlsAuthority {
  public:
   explicit TlsAuthority(const std::string& name = "Test Authority") : key_(MakeKey()) {
     certificate_.reset(MakeCertificate(name, -3600, 3600 * 24, key_.get()));
-    AddExtension(certificate_.get(), certificate_.get(), NID_basic_constraints,
-                 "critical,CA:TRUE");
+    AddExtension(certificate_.get(), certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
     AddExtension(certificate_.get(), certificate_.get(), NID_key_usage,
                  "critical,keyCertSign,cRLSign");
     AddExtension(certificate_.get(), certificate_.get(), NID_subject_key_identifier, "hash");
@@ -128,10 +127,9 @@ class TlsAuthority {
   }
   static std::string KeyToPem(EVP_PKEY* key, const char* password = nullptr) {
     return ToPem([&](BIO* bio) {
-      return PEM_write_bio_PKCS8PrivateKey(bio, key, password ? EVP_aes_256_cbc() : nullptr,
-                                           password,
-                                           password ? static_cast<int>(std::strlen(password)) : 0,
-                                           nullptr, nullptr);
+      return PEM_write_bio_PKCS8PrivateKey(
+          bio, key, password ? EVP_aes_256_cbc() : nullptr, password,
+          password ? static_cast<int>(std::strlen(password)) : 0, nullptr, nullptr);
     });
   }
 

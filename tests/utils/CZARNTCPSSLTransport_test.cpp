@@ -377,9 +377,9 @@ TEST_F(CZARNTCPSSLTransportTest, BufferSizesStartAt1048576AndAreStoredAsTheyAre)
 TEST(VirtualSlots, TlsTransportStreamStartsWithTheSinksSlotsAndAddsItsOwn) {
   using Stream = utils::CZARNTCPSSLTransport;
   using sslutils::IAWSSLTransport;
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(CAWMessageBlock&, IAWSSLTransport*)>(
-                &Stream::OnSSLDataReceive),
-            0);
+  EXPECT_EQ(
+      VirtualSlot<void (Stream::*)(CAWMessageBlock&, IAWSSLTransport*)>(&Stream::OnSSLDataReceive),
+      0);
   EXPECT_EQ(VirtualSlot<void (Stream::*)(long, IAWSSLTransport*)>(&Stream::OnSSLDisconnect), 1);
   EXPECT_EQ(VirtualSlot<void (Stream::*)(IAWSSLTransport*)>(&Stream::OnSSLDataSend), 2);
   EXPECT_EQ(VirtualSlot(&Stream::SendSSLMessage), 5);  // 3 and 4 are the destructor pair

@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "FakePtcp.h"
 #include "RecordingStream.h"
 #include "keelbase/CAWMessageBlock.h"
+#include "zarn/utils/CPTCPStreamBase.h"
 #include "zarn/utils/CZARNTCPTransport.h"
 
 namespace zarn::test {
@@ -72,6 +74,17 @@ class RecordingTcpTransport : public BlockRecorder<utils::CZARNTCPTransport> {
   bool IsClosed() { return IsClose(); }
 };
 
+class RecordingPtcpStream : public BlockRecorder<utils::CPTCPStreamBase> {
+ public:
+  using BlockRecorder::BlockRecorder;
+
+  using BlockRecorder::SetReceiveLimit;
+  keelbase::AWResult SendMsg(const char* bytes, std::size_t length) {
+    keelbase::CAWMessageBlock block(bytes, length, keelbase::CAWMessageBlock::borrow);
+    return SendMessage(block, nullptr);
+  }
+};
+
 struct OverTcpTransport {
   static constexpr const char* kName = "CZARNTCPTransport";
   using Platform = Tcp;
@@ -80,6 +93,18 @@ struct OverTcpTransport {
   using Manager = FakeTcpManager;
 
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_FAILURE;
+};
+
+struct NoManager {
+  explicit NoManager(CallLog*) {}
+};
+
+struct OverPtcp {
+  static constexpr const char* kName = "CPTCPStreamBase";
+  using Platform = Ptcp;
+  using Stream = RecordingPtcpStream;
+  using Transport = FakePtcpTransport;
+  using Manager = NoManager;
 };
 
 }  // namespace zarn::test

@@ -17,6 +17,7 @@
 #include "FakeShmIpc.h"
 #include "FakeTcp.h"
 #include "FakeTls.h"
+#include "zarn/utils/CSSLPTCPSessionBase.h"
 #include "zarn/utils/CZARNIPCStreamBase.h"
 #include "zarn/utils/CZARNSSLTCPSessionBase.h"
 #include "zarn/utils/CZARNShmIPCStreamBase.h"
@@ -115,6 +116,17 @@ class SessionRecorder : public StreamRecorder<Session> {
 using RecordingTcpSession = SessionRecorder<utils::CZARNTCPSessionBase>;
 using RecordingTlsSession = SessionRecorder<utils::CZARNSSLTCPSessionBase>;
 
+class RecordingSslPtcpSession : public SessionRecorder<utils::CSSLPTCPSessionBase> {
+ public:
+  using SessionRecorder::SessionRecorder;
+
+  // As the other streams send.
+  keelbase::AWResult SendMsg(keelbase::CAWMessageBlock& data) { return SendMessage(data); }
+  keelbase::AWResult SendMsg(const char* data, std::size_t length) {
+    return SendMessage(data, length);
+  }
+};
+
 // --- a stream class, its fakes, and where its rules differ from the others' ---
 
 struct OverIpc {
@@ -127,6 +139,7 @@ struct OverIpc {
   static constexpr const char* kDirectTrace = "CAWTCPSessionBase";
   static constexpr bool kAdvancesReceived = true;
   static constexpr bool kDestructorCancels = true;
+  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
   static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
   static std::string FailedConnect(long reason) {
@@ -149,6 +162,7 @@ struct OverShm {
 
   static constexpr bool kAdvancesReceived = true;
   static constexpr bool kDestructorCancels = true;
+  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_FAILURE;
   static constexpr const char* kClosedByHandler = "OnClose";
   static std::string FailedConnect(long reason) {
@@ -170,6 +184,7 @@ struct OverTcp {
   static constexpr const char* kDirectTrace = "CZARNTCPSessionBase";
   static constexpr bool kAdvancesReceived = false;
   static constexpr bool kDestructorCancels = false;
+  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
   static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
   static std::string FailedConnect(long reason) {
@@ -192,6 +207,7 @@ struct OverTls {
   static constexpr const char* kDirectTrace = "CZARNSSLTCPSessionBase";
   static constexpr bool kAdvancesReceived = false;
   static constexpr bool kDestructorCancels = false;
+  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
   static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
   static std::string FailedConnect(long reason) {
@@ -204,10 +220,32 @@ struct OverTls {
   }
 };
 
-using StreamWorlds = ::testing::Types<OverIpc, OverShm, OverTcp, OverTls>;
+struct OverSslPtcp {
+  static constexpr const char* kName = "CSSLPTCPSessionBase";
+  using Platform = Tls;
+  using Stream = RecordingSslPtcpSession;
+  using Transport = FakeTlsTransport;
+  using Manager = FakeSslPtcpManager;
+
+  static constexpr const char* kDirectTrace = "CSSLPTCPSessionBase";
+  static constexpr bool kAdvancesReceived = false;
+  static constexpr bool kDestructorCancels = true;
+  static constexpr bool kCloseCancels = false;
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
+  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
+  static std::string FailedConnect(long reason) {
+    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  }
+  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    EXPECT_FALSE(connector.hadServerName);
+  }
+};
+
+using StreamWorlds = ::testing::Types<OverIpc, OverShm, OverTcp, OverTls, OverSslPtcp>;
 
 // The streams that advance the caller's block, and take blocks directly.
-using AdvancingWorlds = ::testing::Types<OverIpc, OverTcp, OverTls>;
+using AdvancingWorlds = ::testing::Types<OverIpc, OverTcp, OverTls, OverSslPtcp>;
 
 // Typed tests are called after the class that they run over.
 struct WorldNames {

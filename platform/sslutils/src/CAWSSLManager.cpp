@@ -4,9 +4,9 @@
 #include <atomic>
 #include <new>
 
-#include "SSLAcceptor.h"
-#include "SSLConnector.h"
+#include "OverTcp.h"
 #include "keelbase/internal/MakeOnLoop.h"
+#include "sslutils/internal/TlsClient.h"
 
 namespace sslutils {
 

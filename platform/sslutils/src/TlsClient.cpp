@@ -113,8 +113,7 @@ AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
   ERR_clear_error();
   if (!good) return AW_SSL_ERROR_CERTIFICATE_NAME;  // no certificate can be for such a name
   auto key = std::make_unique<std::string>(MakeKey(settings, trust.generation));
-  if (const SessionPtr session = Sessions().Take(*key))
-    SSL_set_session(ssl.get(), session.get());
+  if (const SessionPtr session = Sessions().Take(*key)) SSL_set_session(ssl.get(), session.get());
   if (SSL_set_ex_data(ssl.get(), KeyIndex(), key.get()) == 1) key.release();
   SSL_set_connect_state(ssl.get());
   out = std::move(ssl);

@@ -80,8 +80,7 @@ bool TlsIdentity::HasCertificate() const { return !parts_->chain.empty(); }
 AWResult TlsIdentity::Use(ssl_st* ssl) const {
   if (!HasCertificate()) return AW_OK;
   const auto above = Above(parts_->chain);
-  const bool used = above != nullptr &&
-                    SSL_use_certificate(ssl, parts_->chain[0].get()) == 1 &&
+  const bool used = above != nullptr && SSL_use_certificate(ssl, parts_->chain[0].get()) == 1 &&
                     SSL_use_PrivateKey(ssl, parts_->key.get()) == 1 &&
                     SSL_set1_chain(ssl, above.get()) == 1;
   ERR_clear_error();

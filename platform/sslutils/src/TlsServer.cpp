@@ -31,8 +31,8 @@ bool AskForCertificates(SSL_CTX* context, const Certificates& authorities, bool 
     if (X509_STORE_add_cert(store.get(), authority.get()) != 1) return false;
     if (SSL_CTX_add_client_CA(context, authority.get()) != 1) return false;
   }
-  SSL_CTX_set_verify(
-      context, SSL_VERIFY_PEER | (required ? SSL_VERIFY_FAIL_IF_NO_PEER_CERT : 0), nullptr);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER | (required ? SSL_VERIFY_FAIL_IF_NO_PEER_CERT : 0),
+                     nullptr);
   return SSL_CTX_set1_verify_cert_store(context, store.get()) == 1;
 }
 
@@ -67,9 +67,8 @@ AWResult TlsServer::Prepare() {
   SSL_CTX_set_dh_auto(context.get(), 1);
   if (const AWResult result = own_.Use(context.get()); result != AW_OK) return result;
   const bool asks = !authorities_->certificates.empty();
-  const bool good =
-      !asks || AskForCertificates(context.get(), authorities_->certificates,
-                                  authorities_->required);
+  const bool good = !asks || AskForCertificates(context.get(), authorities_->certificates,
+                                                authorities_->required);
   ERR_clear_error();
   if (!good) return ENOMEM;
   SSL_CTX_free(std::exchange(context_, context.release()));

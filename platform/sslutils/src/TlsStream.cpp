@@ -65,9 +65,7 @@ struct TlsBio {
     if (Stream(bio).writeError_ == 0) BIO_set_retry_write(bio);
     return -1;
   }
-  static long Control(BIO*, int command, long, void*) {
-    return command == BIO_CTRL_FLUSH ? 1 : 0;
-  }
+  static long Control(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
 
   static BIO_METHOD* Method() {
     static BIO_METHOD* const method = [] {

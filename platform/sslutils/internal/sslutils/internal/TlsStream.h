@@ -31,10 +31,11 @@ using SslPtr = std::unique_ptr<ssl_st, SslFree>;
 // OpenSSL reads the received bytes where they lie and gives its records straight to the transport
 // below, so that nothing is kept here but a record that is being filled and one that the transport
 // has refused. Loop thread only, but for the count.
-class SSLUTILS_API TlsStream final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
-                                     private ByteSink,
-                                     private keelbase::internal::TurnEndTask,
-                                     private keelbase::internal::LingerTask {
+class SSLUTILS_API TlsStream final
+    : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
+      private ByteSink,
+      private keelbase::internal::TurnEndTask,
+      private keelbase::internal::LingerTask {
  public:
   // `ssl` knows its role and all that it is to check.
   TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTransport> lower, SslPtr ssl);
@@ -116,12 +117,12 @@ class SSLUTILS_API TlsStream final : public keelbase::CAWReferenceControlT<keelb
   // had to be left.
   keelbase::CAWMessageBlock* arriving_ = nullptr;
   std::unique_ptr<keelbase::CAWMessageBlock> kept_;
-  bool reading_ = true;        // the owner wants to
-  bool lowerReading_ = true;   // the transport below does
+  bool reading_ = true;       // the owner wants to
+  bool lowerReading_ = true;  // the transport below does
   bool lowerEnded_ = false;
-  bool peerEnded_ = false;     // close_notify has come
+  bool peerEnded_ = false;  // close_notify has come
   bool pumping_ = false;
-  long endReason_ = 0;         // of the transport below
+  long endReason_ = 0;  // of the transport below
   std::size_t readSize_;
 
   std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
