@@ -26,7 +26,7 @@ void AddStream(std::string& text, CZARNStreamMetrics& stream) {
   text.append(",\"connected\":").append(ToText(stream.isConnected));
   for (const MetricsField& field : kMetricsFields)
     text.append(",\"").append(field.name).append("\":").append(std::to_string(field.at(stream)));
-  text += ",\"last_reason\":" + std::to_string(stream.counters.lastDisconnectReason) + "}";
+  text += ",\"last_reason\":" + std::to_string(stream.counters.lastDisconnectReason) + "}\n";
 }
 
 }  // namespace
@@ -39,12 +39,8 @@ std::string ToJson(CZARNMetrics metrics) {
   text += "{\"format\":1,\"pid\":" + std::to_string(::getpid());
   text.append(",\"complete\":").append(ToText(metrics.isComplete));
   text += ",\"omitted\":" + std::to_string(metrics.streams.size() - shown);
-  text += ",\"streams\":[";
-  for (std::size_t i = 0; i < shown; ++i) {
-    if (i != 0) text += ',';
-    AddStream(text, metrics.streams[i]);
-  }
-  text += "]}\n";
+  text += ",\"streams\":" + std::to_string(shown) + "}\n";
+  for (std::size_t i = 0; i < shown; ++i) AddStream(text, metrics.streams[i]);
   return text;
 }
 

@@ -10,7 +10,8 @@ namespace zarn::utils {
 // What stands in one answer at most; the rest is counted and left out.
 inline constexpr std::size_t kMostStreamsShown = 4096;
 
-// One JSON object in ASCII, with a newline behind it; docs/metrics.md has its form.
+// JSON objects in ASCII, one a line: about the process, then for each stream. docs/metrics.md has
+// their form.
 std::string ToJson(CZARNMetrics metrics);
 
 }  // namespace zarn::utils
