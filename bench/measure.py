@@ -20,7 +20,7 @@ class Metric:
 def format_rate(value):
     if value >= 1e6:
         return f"{value / 1e6:.2f} M/s"
-    return f"{value / 1e3:.0f} k/s"
+    return f"{value / 1e3:.0f} k/s" if value >= 1e4 else f"{value:.0f}/s"
 
 
 RATE = Metric("rate", format_rate)  # so many a second

@@ -141,7 +141,11 @@ Stamp GetStamp(const char* message) {
   return stamp;
 }
 
-void Sending::Start() { beginAt_ = Now() + seconds_ / 5; }
+void Sending::Start() {
+  const double now = Now();
+  meter_.measured.connectSeconds = now - createdAt_;
+  beginAt_ = now + seconds_ / 5;
+}
 
 Kind Sending::Look(std::uint64_t messages) {
   messages_ += messages;
@@ -232,7 +236,7 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--count] [--read]\n",
+               "       [--clients N] [--active N] [--tcp] [--resume] [--count] [--read]\n",
                program);
   std::exit(2);
 }
@@ -251,6 +255,14 @@ Arguments Parse(int argc, char** argv) {
     const std::string name = argv[i];
     if (name == "--count" || name == "--read") {
       (name == "--count" ? options.count : options.read) = true;
+      continue;
+    }
+    if (name == "--tcp") {
+      options.tcp = true;
+      continue;
+    }
+    if (name == "--resume") {
+      options.resume = true;
       continue;
     }
     if (++i == argc) Usage(argv[0]);
@@ -346,16 +358,18 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     std::printf(", \"clients\": %u, \"active\": %u, \"rate\": %.0f", options.clients,
                 options.active, static_cast<double>(received.messages) / received.seconds);
     if (received.idleBytes != 0)
-      std::printf(", \"bytes_per_connection\": %llu",
-                  static_cast<unsigned long long>(received.idleBytes));
+      std::printf(", \"bytes_per_connection\": %llu, \"connect_seconds\": %.3f",
+                  static_cast<unsigned long long>(received.idleBytes),
+                  sending.GetMeasured().connectSeconds);
     PrintSide("sender", sending.GetMeasured(), options.count);
     PrintSide("receiver", received, options.count);
   } else {
     RoundTrips trips(options);
     peer.ask(options, control, trips);
-    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f", trips.Percentile(0.5),
-                trips.Percentile(0.99));
-    PrintSide("asker", trips.GetMeasured(), options.count);
+    const Measured& measured = trips.GetMeasured();
+    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f, \"rate\": %.1f", trips.Percentile(0.5),
+                trips.Percentile(0.99), static_cast<double>(measured.messages) / measured.seconds);
+    PrintSide("asker", measured, options.count);
   }
   std::printf("}\n");
   std::fflush(stdout);
@@ -367,6 +381,7 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
 
 int Main(int argc, char** argv, const Peer& peer) {
   auto [options, childFd] = Parse(argc, argv);
+  if (options.mode == "oneway" && peer.send == nullptr) Usage(argv[0]);
   // Whatever hangs ends: by the signal, and the other process by the end of the control socket.
   ::alarm(static_cast<unsigned>(options.seconds * 3) + 30);
   if (options.count) StartCounting();

@@ -85,8 +85,8 @@ class ChannelBench {
   // What the connections of the receiving process have in common.
   class Reception {
    public:
-    Reception(const Options& options, Tally& tally, CAWThread& loop)
-        : options_(options), tally_(tally), loop_(loop), active_(options.active) {}
+    Reception(const Options& options, Tally& tally, std::function<void()> done)
+        : options_(options), tally_(tally), done_(std::move(done)), active_(options.active) {}
 
     // Memory is compared between one connection that has been used and all of them.
     void CountHello() {
@@ -98,13 +98,13 @@ class ChannelBench {
     }
 
     void CountLast() {
-      if (--active_ == 0) loop_.Stop();
+      if (--active_ == 0) done_();
     }
 
    private:
     const Options& options_;
     Tally& tally_;
-    CAWThread& loop_;
+    std::function<void()> done_;
     unsigned active_;
     unsigned hellos_ = 0;
     std::uint64_t bytesWithOne_ = 0;
@@ -132,15 +132,19 @@ class ChannelBench {
 
   static void Receive(const Options& options, const Control& control, Tally& tally) {
     CAWThread& loop = StartLoop(options);
-    Reception reception(options, tally, loop);
-    {
-      const Server server([&](Transport* transport) {
-        return std::make_unique<ReceivingChannel>(transport, reception, Incoming(options, tally));
-      });
-      control.SendReady();
-      loop.Run();
+    std::optional<Server> server;
+    // In a turn of the loop, which writes what the ends of connections still have to say.
+    const auto finish = [&] {
       control.SendReport(tally.meter.measured);
-    }
+      server.reset();
+      loop.Stop();
+    };
+    Reception reception(options, tally, [&] { loop.Post(finish); });
+    server.emplace([&](Transport* transport) {
+      return std::make_unique<ReceivingChannel>(transport, reception, Incoming(options, tally));
+    });
+    control.SendReady();
+    loop.Run();
     control.WaitForParent();
   }
 

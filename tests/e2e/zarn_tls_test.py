@@ -1,4 +1,4 @@
-"""zarn over tls://: what it exchanges, whom it refuses, and what it says about it."""
+"""zarn over tls:// and ptls://: what it exchanges, whom it refuses, and what it says about it."""
 
 import socket
 import subprocess
@@ -10,6 +10,8 @@ from zarn_tool import LONGEST, ToolTest
 
 
 class TlsToolTest(ToolTest):
+    secured = "tls"
+
     @classmethod
     def setUpClass(cls):
         directory = tempfile.TemporaryDirectory(prefix="zarntls")
@@ -25,7 +27,7 @@ class TlsToolTest(ToolTest):
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
             self.port = probe.getsockname()[1]
-        self.url = f"tls://127.0.0.1:{self.port}"
+        self.url = f"{self.secured}://127.0.0.1:{self.port}"
         self.ca = ("--ca", self.authority.certificate)
 
     @staticmethod
@@ -78,13 +80,17 @@ class Exchange(TlsToolTest):
 
     def test_name_of_the_url_is_the_name_that_is_checked(self):
         self.listen(own=self.authority.issue("named", names="DNS:localhost"))
-        url = f"tls://localhost:{self.port}"
+        url = f"{self.secured}://localhost:{self.port}"
         self.run_events("ping", url, *self.ca, "-c", "1")
         self.assert_fails("is for another name", "ping", self.url, *self.ca)
         self.run_events("ping", self.url, *self.ca, "--server-name", "localhost", "-c", "1")
 
     def test_nobody_there_is_not_reachable(self):
         self.assert_fails("nobody listens there", "ping", self.url, *self.ca, "--timeout", "0.3", code=3)
+
+
+class ExchangeOverPseudoTcp(Exchange):
+    secured = "ptls"
 
 
 class Refusals(TlsToolTest):
@@ -156,6 +162,10 @@ class ClientCertificates(TlsToolTest):
         self.assertEqual(server.event("summary")["refused"], 1)
 
 
+class ClientCertificatesOverPseudoTcp(ClientCertificates):
+    secured = "ptls"
+
+
 class Usage(TlsToolTest):
     def test_each_bad_file_is_named_with_its_option(self):
         key, certificate = self.server
@@ -179,8 +189,8 @@ class Usage(TlsToolTest):
                 ("needs --key and --cert", ("serve", self.url)),
                 ("--key requires --cert", ("ping", self.url, "--key", key)),
                 ("--cert requires --key", ("serve", self.url, "--cert", certificate)),
-                ("--ca: is for tls:// endpoints only", ("ping", "ipc://1_2", *self.ca)),
-                ("--key: is for tls:// endpoints only",
+                ("--ca: is for tls:// and ptls:// endpoints only", ("ping", "ipc://1_2", *self.ca)),
+                ("--key: is for tls:// and ptls:// endpoints only",
                  ("serve", "tcp://127.0.0.1:7000", "--key", key, "--cert", certificate)),
                 ("the form is tls://host:port", ("ping", "tls://nothing"))):
             with self.subTest(text):

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -297,11 +298,23 @@ TEST(ShmIPCConnector, CancelledConnectIsNeverIndicatedAtAnyStage) {
   }
 }
 
-TEST(ShmIPCConnector, LettingGoCancelsAtAnyStageOnAnyThread) {
-  for (const Stage stage : {Stage::asked, Stage::greeted, Stage::answered}) {
+TEST(ShmIPCConnector, LettingGoCancelsAtAnyStage) {
+  for (const Stage stage : {Stage::asked, Stage::greeted, Stage::answered})
     GiveUpAt(stage, [](CAWAutoPtr<IAWShmIPCConnector>& connector) { connector = nullptr; });
+}
+
+// The thread that lets go waits for the loop, which must turn meanwhile; an answer that is there
+// would be indicated before the loop hears of it.
+TEST(ShmIPCConnector, LettingGoOnAnotherThreadCancels) {
+  for (const Stage stage : {Stage::asked, Stage::greeted}) {
     GiveUpAt(stage, [](CAWAutoPtr<IAWShmIPCConnector>& connector) {
-      std::thread([&] { connector = nullptr; }).join();
+      std::atomic<bool> gone{false};
+      std::thread thread([&] {
+        connector = nullptr;
+        gone = true;
+      });
+      EXPECT_TRUE(Await([&] { return gone.load(); }));
+      thread.join();
     });
   }
 }

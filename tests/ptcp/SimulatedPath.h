@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "PtcpConnection.h"
+#include "SealedPackets.h"
 
 namespace ptcp::test {
 
-using Datagram = std::vector<std::uint8_t>;
 using Generator = std::mt19937_64;
 
 inline constexpr Time kMillisecond = 1000000;

@@ -26,6 +26,9 @@ using keelbase::CAWMessageBlock;
 using namespace sslutils;
 
 const TlsAuthority& Authority() {
+  // The library comes first, so that it is the one that starts OpenSSL, as in most programs.
+  static const AWResult started = IAWSSLManager::Instance()->SetTrustedCertificates("");
+  EXPECT_EQ(started, AW_OK);
   static const TlsAuthority authority;
   return authority;
 }

@@ -100,6 +100,7 @@ struct Pair {
     Drop(client);
     Drop(server_);
     Move();
+    loop.FinishLingers();  // of those whose peer has not ended in order
   }
   static void Drop(Side& side) { side.stream = nullptr; }
 

@@ -121,7 +121,11 @@ class RecordingSslPtcpSession : public SessionRecorder<utils::CSSLPTCPSessionBas
   using SessionRecorder::SessionRecorder;
 
   // As the other streams send.
-  keelbase::AWResult SendMsg(keelbase::CAWMessageBlock& data) { return SendMessage(data); }
+  using SessionRecorder::SendMessage;
+  keelbase::AWResult SendMessage(keelbase::CAWMessageBlock& data) override { return SendMsg(data); }
+  virtual keelbase::AWResult SendMsg(keelbase::CAWMessageBlock& data) {
+    return SessionRecorder::SendMessage(data);
+  }
   keelbase::AWResult SendMsg(const char* data, std::size_t length) {
     return SendMessage(data, length);
   }

@@ -16,7 +16,7 @@ constexpr const char* kExitCodes =
 
 constexpr double kMaxSeconds = 1e6;
 
-constexpr const char* kTlsOptions = "Options for tls:// endpoints";
+constexpr const char* kTlsOptions = "Options for tls:// and ptls:// endpoints";
 
 std::vector<CLI::Option*> AddIdentity(CLI::App& command, Security& security) {
   CLI::Option* key = command.add_option("--key", security.key, "the own private key, PEM");
@@ -33,7 +33,7 @@ void RefuseUnlessSecured(const Endpoint& endpoint, const std::vector<CLI::Option
   if (endpoint.scheme == nullptr || endpoint.scheme->isSecured) return;
   for (const CLI::Option* option : options) {
     if (option->count() != 0)
-      throw CLI::ValidationError(option->get_name(), "is for tls:// endpoints only");
+      throw CLI::ValidationError(option->get_name(), "is for tls:// and ptls:// endpoints only");
   }
 }
 
@@ -65,7 +65,7 @@ int RunCommandLine(int argc, char** argv) {
       std::string("Endpoints are urls: ipc://1_2 is endpoint 1_2 over local IPC, shm://1_2 over "
                   "shared memory, both below the install root, which the environment "
                   "variable ZARN_ROOT names; tcp://host:7000 is a port over TCP, tls://host:7443 "
-                  "one over TLS.\n") +
+                  "one over TLS; ptcp:// and ptls:// are the same over pseudo-TCP.\n") +
       "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);

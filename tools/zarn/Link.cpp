@@ -2,6 +2,7 @@
 #include "Link.h"
 
 #include "IpcLink.h"
+#include "PtcpLink.h"
 #include "ShmLink.h"
 #include "TcpLink.h"
 #include "TlsLink.h"
@@ -10,7 +11,8 @@
 namespace zarn::tool {
 
 namespace {
-const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme, &kTcpScheme, &kTlsScheme};
+const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme,  &kTcpScheme,
+                                  &kTlsScheme, &kPtcpScheme, &kPtlsScheme};
 }  // namespace
 
 const Scheme* FindScheme(std::string_view name) {

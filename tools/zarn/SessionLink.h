@@ -23,6 +23,7 @@
 #include "HostPort.h"
 #include "Link.h"
 #include "Loop.h"
+#include "Output.h"
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
@@ -53,7 +54,7 @@ class FramedSession : public Over::Session {
 
   std::size_t HandleMessage(const char* data, std::size_t len) override {
     const utils::Frame frame = utils::DecodeFrame(data, len);
-    if (frame.result == utils::FrameResult::kMalformed) this->StopAtMalformedFrame();
+    if (frame.result == utils::FrameResult::kMalformed) Refuse(frame);
     if (frame.result != utils::FrameResult::kFrame) return 0;
     OnFrame({frame.type, frame.tag, std::string_view(frame.payload, frame.datasize)});
     return frame.pdulen;
@@ -77,6 +78,15 @@ class FramedSession : public Over::Session {
  private:
   static constexpr std::size_t kReceiveLimit = 1024 * 1024;
   static constexpr keelbase::CAWMessageBlock::borrow_t borrow_{};
+
+  // Ends the connection: over TCP the peer's end could stand behind bytes that nobody reads, and
+  // would not be noticed. The owner hears OnPeerDisconnect(0).
+  void Refuse(const utils::Frame& frame) {
+    this->StopAtMalformedFrame();
+    Complain("{}: malformed frame, pdulen={}, datasize={}: the connection is ended",
+             ToText(*this->GetPeerAddr()), frame.pdulen, frame.datasize);
+    this->Close(0);
+  }
 
   keelbase::CAWAutoPtr<typename Over::Transport> transport_;
 };

@@ -5,7 +5,9 @@
 #include <utility>
 
 #include "SessionLink.h"
+#include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
+#include "zarn/utils/CSSLPTCPSessionBase.h"
 #include "zarn/utils/CZARNSSLTCPSessionBase.h"
 
 namespace zarn::tool {
@@ -28,13 +30,57 @@ std::string SetIdentity(sslutils::IAWSSLConnectorAcceptor& side, const Security&
   return Complaint("--cert", security.certificate, side.SetCertificate(security.certificate));
 }
 
-struct OverTls {
+// What TLS is carried by.
+struct BelowTls {
   static constexpr const char* kScheme = "tls";
+  using Session = utils::CZARNSSLTCPSessionBase;
+  using Connector = sslutils::IAWSSLConnector;
+
+  static AWResult Make(keelbase::CAWAutoPtr<Connector>& out) {
+    return sslutils::IAWSSLManager::Instance()->CreateSSLConnector(out);
+  }
+  static AWResult Make(keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>& out) {
+    return sslutils::IAWSSLManager::Instance()->CreateSSLAcceptor(out);
+  }
+  static AWResult Connect(Connector& connector, sslutils::IAWSSLConnectionSink* sink,
+                          const keelbase::CAWInetAddr& peer, const char* serverName,
+                          const keelbase::CAWInetAddr* local) {
+    return connector.AsyncConnect(sink, peer, 1, serverName, local);
+  }
+};
+
+struct BelowPtls {
+  static constexpr const char* kScheme = "ptls";
+  using Connector = sslptcp::IAWSSLPTCPConnector;
+
+  class Session : public utils::CSSLPTCPSessionBase {
+   public:
+    AWResult SendMsg(keelbase::CAWMessageBlock& data) { return SendMessage(data); }
+  };
+
+  static AWResult Make(keelbase::CAWAutoPtr<Connector>& out) {
+    return sslptcp::IAWSSLPTCPManager::Instance()->CreateConnector(out);
+  }
+  static AWResult Make(keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>& out) {
+    return sslptcp::IAWSSLPTCPManager::Instance()->CreateAcceptor(out);
+  }
+  static AWResult Connect(Connector& connector, sslutils::IAWSSLConnectionSink* sink,
+                          const keelbase::CAWInetAddr& peer, const char* serverName,
+                          const keelbase::CAWInetAddr* local) {
+    return connector.AsyncConnect(sink, peer, serverName, local);
+  }
+};
+
+template <class Below>
+struct OverTls {
+  static constexpr const char* kScheme = Below::kScheme;
   using Transport = sslutils::IAWSSLTransport;
   using TransportParameter = sslutils::CAWSSLTransportParameter;
 
   // Asks for the server by name, and has the operations that the other sessions have.
-  class Session : public utils::CZARNSSLTCPSessionBase {
+  class Session : public Below::Session {
+    using Base = typename Below::Session;
+
    public:
     std::string Prepare(const Endpoint& endpoint) {
       security_ = endpoint.security;
@@ -44,28 +90,28 @@ struct OverTls {
       const std::string& authorities = security_.authorities;
       const AWResult trusted = manager->SetTrustedCertificates(authorities);
       if (trusted != AW_OK) return Complaint("--ca", authorities, trusted);
-      const AWResult made = manager->CreateSSLConnector(connector_);
+      const AWResult made = Below::Make(connector_);
       return made == AW_OK ? SetIdentity(*connector_, security_)
                            : DescribeReason(static_cast<long>(made));
     }
 
     AWResult Connect(const keelbase::CAWInetAddr& peer, keelbase::CAWInetAddr* local) override {
       Close(0);
-      return connector_->AsyncConnect(this, peer, 1, security_.serverName.c_str(), local);
+      return Below::Connect(*connector_, this, peer, security_.serverName.c_str(), local);
     }
     AWResult Close(long reason) override {
       if (connector_) connector_->Cancel(0);
-      return CZARNSSLTCPSessionBase::Close(reason);
+      return Base::Close(reason);
     }
 
     virtual void OnSend(Transport* transport, TransportParameter* /*parameter*/) {
-      CZARNSSLTCPSessionBase::OnSSLDataSend(transport);
+      Base::OnSSLDataSend(transport);
     }
     void OnSSLDataSend(Transport* transport) final { OnSend(transport, nullptr); }
 
    private:
     Security security_;
-    keelbase::CAWAutoPtr<sslutils::IAWSSLConnector> connector_;  // of a client
+    keelbase::CAWAutoPtr<typename Below::Connector> connector_;  // of a client
   };
 
   static std::string Prepare(Session& session, const Endpoint& endpoint) {
@@ -91,7 +137,7 @@ struct OverTls {
 
     std::string Prepare(const Endpoint& endpoint) {
       const Security& security = endpoint.security;
-      const AWResult made = sslutils::IAWSSLManager::Instance()->CreateSSLAcceptor(acceptor_);
+      const AWResult made = Below::Make(acceptor_);
       if (made != AW_OK) return DescribeReason(static_cast<long>(made));
       std::string problem = SetIdentity(*acceptor_, security);
       if (!problem.empty()) return problem;
@@ -119,6 +165,9 @@ struct OverTls {
 
 }  // namespace
 
-constinit const Scheme kTlsScheme = MakeSessionScheme<OverTls>("tls://host:port likewise", true);
+constinit const Scheme kTlsScheme =
+    MakeSessionScheme<OverTls<BelowTls>>("tls://host:port likewise", true);
+constinit const Scheme kPtlsScheme =
+    MakeSessionScheme<OverTls<BelowPtls>>("ptls://host:port likewise", true);
 
 }  // namespace zarn::tool

@@ -1,4 +1,4 @@
-// TlsLink.h - tls:// endpoints.
+// TlsLink.h - tls:// endpoints, over TCP, and ptls:// endpoints, over pseudo-TCP.
 #pragma once
 
 #include "Link.h"
@@ -6,5 +6,6 @@
 namespace zarn::tool {
 
 extern const Scheme kTlsScheme;
+extern const Scheme kPtlsScheme;
 
 }  // namespace zarn::tool

@@ -165,12 +165,14 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
 
  protected:
   // While more than `bytes` received bytes stand unconsumed nothing more is read from the peer,
-  // whose end is still noticed. 0, the default, is no limit. One below the length of the longest
-  // frame blocks the connection for good.
+  // whose end is still noticed, as far as TCP brings it: an orderly end waits in the peer's system
+  // behind bytes that there is no room for here. 0, the default, is no limit. One below the length
+  // of the longest frame blocks the connection for good.
   void SetReceiveLimit(std::size_t bytes);
 
-  // Reads nothing more on this connection, whose end is still noticed. For a handler that has found
-  // a frame it cannot go on from.
+  // Reads nothing more on this connection, whose end is noticed as said above. For a handler that
+  // has found a frame it cannot go on from; Close is the better answer unless the peer may still
+  // want what is on its way to it.
   void StopReading();
 
   // StopReading, counted once for each connection.

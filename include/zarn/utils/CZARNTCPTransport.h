@@ -137,8 +137,9 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
 
  protected:
   // While more than `bytes` received bytes stand unconsumed nothing more is read from the peer,
-  // whose end is still noticed. 0, the default, is no limit. One below the length of the longest
-  // frame blocks the connection for good.
+  // whose end is still noticed, as far as TCP brings it: an orderly end waits in the peer's system
+  // behind bytes that there is no room for here. 0, the default, is no limit. One below the length
+  // of the longest frame blocks the connection for good.
   void SetReceiveLimit(std::size_t bytes);
 
  private:

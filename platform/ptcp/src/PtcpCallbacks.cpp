@@ -41,7 +41,7 @@ struct PtcpConnection::Callbacks {
   }
   static int CryptoData(ngtcp2_conn*, ngtcp2::Level level, std::uint64_t, const std::uint8_t* data,
                         std::size_t length, void* user) {
-    return Guarded(user, NGTCP2_ERR_PROTO, [&](PtcpConnection& self) {
+    return Guarded(user, NGTCP2_ERR_CRYPTO, [&](PtcpConnection& self) {
       return self.handshake_.OnMessage(level, {data, length});
     });
   }
@@ -70,13 +70,9 @@ struct PtcpConnection::Callbacks {
     Self(user).blocked_ = false;
     return 0;
   }
-  // Neither is ever done by a side of ours.
+  // No side of ours ever does that. Nor does one ask to stop sending: the next send fails then.
   static int StreamReset(ngtcp2_conn*, std::int64_t, std::uint64_t, std::uint64_t, void* user,
                          void*) {
-    Self(user).violated_ = true;
-    return 0;
-  }
-  static int StopSending(ngtcp2_conn*, std::int64_t, std::uint64_t, void* user, void*) {
     Self(user).violated_ = true;
     return 0;
   }
@@ -137,7 +133,6 @@ const ngtcp2_callbacks& PtcpConnection::CallbackTable() {
     all.acked_stream_data_offset = &Callbacks::Acknowledged;
     all.extend_max_stream_data = &Callbacks::WindowOpened;
     all.stream_reset = &Callbacks::StreamReset;
-    all.stream_stop_sending = &Callbacks::StopSending;
     all.rand = &Callbacks::Random;
     all.get_new_connection_id = &Callbacks::NewId;
     all.remove_connection_id = &Callbacks::IdGone;

@@ -29,6 +29,8 @@ constexpr std::size_t kWindow = std::size_t{8} << 20;
 constexpr ngtcp2_duration kIdleLimit = 10 * NGTCP2_SECONDS;
 constexpr ngtcp2_duration kHandshakeLimit = 10 * NGTCP2_SECONDS;
 
+constexpr Time kLeastPause = NGTCP2_MILLISECONDS;  // between two looks that change nothing
+
 constexpr char kPreface = 1;
 
 // What a close says; the peer's reason follows from it.
@@ -202,7 +204,10 @@ void PtcpConnection::OnTimer(Time now) {
   if (const int error = ngtcp2_conn_handle_expiry(conn_, now); error != 0) Ended(error, now);
 }
 
-Time PtcpConnection::Due() const { return dead_ ? kNever : ngtcp2_conn_get_expiry(conn_); }
+Time PtcpConnection::Due() const {
+  if (dead_ || conn_ == nullptr) return kNever;
+  return std::max<Time>(ngtcp2_conn_get_expiry(conn_), notBefore_);
+}
 
 void PtcpConnection::OpenStream() {
   if (server_ || !established_ || stream_ >= 0) return;
@@ -221,7 +226,12 @@ void PtcpConnection::Flush(Time now) {
   std::size_t total = 0;
   while (WriteOne(now, total) && total < quantum) {
   }
-  if (!dead_) ngtcp2_conn_update_pkt_tx_time(conn_, now);
+  if (dead_) return;
+  if (violated_) return Ended(NGTCP2_ERR_PROTO, now);
+  ngtcp2_conn_update_pkt_tx_time(conn_, now);
+  // A peer can bring about a timer that is due and stays due, whatever is done.
+  const bool stuck = total == 0 && ngtcp2_conn_get_expiry(conn_) <= now;
+  notBefore_ = stuck ? now + kLeastPause : 0;
 }
 
 // False when there is nothing more to send for now.
@@ -300,6 +310,7 @@ void PtcpConnection::Ended(int error, Time now) {
 
 void PtcpConnection::Close(bool inOrder, Time now) {
   if (dead_) return;
+  if (conn_ == nullptr) return Fail(ECONNABORTED);  // it never began
   CloseError told;
   ngtcp2::SetApplicationError(told, inOrder ? kClosedInOrder : kGivenUp);
   SendClose(&told, now);

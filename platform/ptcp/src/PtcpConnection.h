@@ -83,8 +83,8 @@ class PtcpConnection {
   // with.
   bool MayHaveSent(Bytes packet) const;
 
-  // The key of our packets once established.
-  const PacketKey& TEST_SendKey() const { return handshake_.SendKey(); }
+  // The keys of our packets.
+  const PtcpHandshake& TEST_Handshake() const { return handshake_; }
 
  private:
   struct Callbacks;
@@ -119,6 +119,7 @@ class PtcpConnection {
   std::uint64_t datagramBytesIn_ = 0;
   std::uint64_t datagramBytesOut_ = 0;
 
+  Time notBefore_ = 0;  // no timer is due earlier
   std::int64_t stream_ = -1;
   bool blocked_ = false;
   bool finishing_ = false;

@@ -160,7 +160,7 @@ bool PtcpHandshake::OnHandshakeHello() {
     const Parsed parsed = FindParams(message, 0, params);
     if (parsed != Parsed::whole) return parsed == Parsed::more;
     step_ = 2;
-    if (!ngtcp2::DecodeParams(conn_, params) == 0 ||
+    if (ngtcp2::DecodeParams(conn_, params) != 0 ||
         !SendMessage(ngtcp2::kHandshakeLevel, kFinish, false) || !InstallReceiveKey() ||
         !InstallSendKey())
       return false;

@@ -32,6 +32,7 @@ class PtcpHandshake {
 
   const PacketKey& SendKey() const { return sendKey_; }
   const PacketKey& ReceiveKey() const { return receiveKey_; }
+  const PacketKey& TEST_InitialSendKey() const { return initialSendKey_; }
 
  private:
   bool InstallHandshakeKeys();

@@ -120,6 +120,9 @@ AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
   return AW_OK;
 }
 
-AWResult SetTrusted(const std::string& text) { return Trust().Set(text); }
+AWResult SetTrusted(const std::string& text) {
+  StartOpenSsl();
+  return Trust().Set(text);
+}
 
 }  // namespace sslutils::internal

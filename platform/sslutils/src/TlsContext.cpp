@@ -10,6 +10,11 @@ constexpr int kSecurityLevel = 2;  // 112 bits: RSA and DH from 2048 bits on, no
 constexpr long kSessionSeconds = 3600;
 }  // namespace
 
+void StartOpenSsl() {
+  static const bool started = OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+  (void)started;  // what fails here fails again, and is told, when something is made
+}
+
 ContextPtr MakeContext(const SSL_METHOD* method) {
   ContextPtr context(SSL_CTX_new(method));
   if (context == nullptr) {

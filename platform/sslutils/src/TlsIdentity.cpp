@@ -9,6 +9,7 @@
 
 #include "OpenSslPointers.h"
 #include "PemText.h"
+#include "TlsContext.h"
 #include "sslutils/CAWSSLError.h"
 
 namespace sslutils::internal {
@@ -42,7 +43,7 @@ std::unique_ptr<STACK_OF(X509), StackFree> Above(const Certificates& chain) {
 
 }  // namespace
 
-TlsIdentity::TlsIdentity() : parts_(std::make_unique<Parts>()) {}
+TlsIdentity::TlsIdentity() : parts_(std::make_unique<Parts>()) { StartOpenSsl(); }
 TlsIdentity::~TlsIdentity() = default;
 TlsIdentity::TlsIdentity(TlsIdentity&&) noexcept = default;
 TlsIdentity& TlsIdentity::operator=(TlsIdentity&&) noexcept = default;
