@@ -23,11 +23,17 @@
 #include <vector>
 
 #include "ChildTest.h"
+#include "FakePtcp.h"
+#include "FakeTcp.h"
+#include "FakeTls.h"
 #include "NetworkThread.h"
 #include "RealIpc.h"
 #include "RecordingStream.h"
 #include "TempRoot.h"
+#include "zarn/utils/CPTCPStreamBase.h"
 #include "zarn/utils/CZARNLibClientChannel.h"
+#include "zarn/utils/CZARNTCPSSLTransport.h"
+#include "zarn/utils/CZARNTCPTransport.h"
 #include "zarn/utils/zarnutils.h"
 
 namespace zarn::test {
@@ -110,6 +116,37 @@ TYPED_TEST(ZARNMetricsOfAStream, CanBeTakenInsideAHandler) {
   };
   transport->Receive("bytes");
   EXPECT_EQ(received, 5U);
+}
+
+// --- streams that never connect by themselves ---
+
+template <class Stream>
+struct BlockStream : Stream {
+  std::uint16_t HandleMessage(CAWMessageBlock& data) override {
+    return static_cast<std::uint16_t>(data.GetChainedLength());
+  }
+  void OnPeerDisconnect(long) override {}
+};
+
+template <class Stream, class Handle>
+void ExpectShown(const char* kind, AWResult (Stream::*attach)(Handle&), Handle& transport) {
+  BlockStream<Stream> stream;
+  ASSERT_EQ((stream.*attach)(transport), AW_OK);
+  const CZARNMetrics metrics = ZARNTakeMetrics();
+  ASSERT_EQ(metrics.streams.size(), 1U);
+  EXPECT_EQ(metrics.streams[0].transport, kind);
+  EXPECT_FALSE(metrics.streams[0].isClient);
+  EXPECT_EQ(metrics.streams[0].counters.connects, 1U);
+}
+
+TEST(ZARNTakeMetrics, ShowsStreamsThatAreOnlyHandedTheirConnections) {
+  CallLog log;
+  CAWAutoPtr<wface::IAWTransport> tcp(new FakeTcpTransport(&log));
+  ExpectShown("tcp", &utils::CZARNTCPTransport::SetTransportHandle, tcp);
+  CAWAutoPtr<sslutils::IAWSSLTransport> tls(new FakeTlsTransport(&log));
+  ExpectShown("tls", &utils::CZARNTCPSSLTransport::SetSSLTransportHandle, tls);
+  CAWAutoPtr<ptcp::IAWPseudoTCPTransport> ptcp(new FakePtcpTransport(&log));
+  ExpectShown("ptcp", &utils::CPTCPStreamBase::SetTransportHandle, ptcp);
 }
 
 // --- several threads ---
