@@ -76,7 +76,9 @@ void PtcpConnection::Configure(ngtcp2_settings& settings, ngtcp2_transport_param
   ngtcp2_settings_default(&settings);
   settings.initial_ts = now;
   settings.cc_algo = ngtcp2::kCongestionControl;
-  settings.max_tx_udp_payload_size = kLargestDatagram;
+  settings.max_tx_udp_payload_size = inside_ ? kLargestInside : kLargestDatagram;
+  settings.no_tx_udp_payload_size_shaping = inside_ ? 1 : 0;
+  settings.no_pmtud = inside_ ? 1 : 0;
   settings.handshake_timeout = kHandshakeLimit;
   settings.rand_ctx.native_handle = &host_;
   ngtcp2_transport_params_default(&params);
@@ -236,7 +238,7 @@ void PtcpConnection::Flush(Time now) {
 
 // False when there is nothing more to send for now.
 bool PtcpConnection::WriteOne(Time now, std::size_t& total) {
-  std::array<std::uint8_t, kLargestDatagram> packet;
+  std::array<std::uint8_t, kLargestInside> packet;
   std::array<ngtcp2_vec, 2> pieces;
   std::size_t count = 0;
   std::int64_t stream = -1;

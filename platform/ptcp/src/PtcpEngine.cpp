@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -22,6 +23,13 @@ using keelbase::CAWMessageBlock;
 namespace {
 
 constexpr std::size_t kQueueLimit = std::size_t{4} << 20;
+// An address of the loopback device, over which datagrams of 64 KB go.
+bool IsInside(const keelbase::CAWInetAddr& peer) {
+  sockaddr_in address{};
+  std::memcpy(&address, peer.GetPtr(), sizeof address);
+  return ntohl(address.sin_addr.s_addr) >> 24 == 127;
+}
+
 constexpr std::size_t kGathered = 64 * 1024;  // from here on it is sent before the turn's end
 
 }  // namespace
@@ -31,7 +39,7 @@ PtcpEngine::PtcpEngine(keelbase::internal::EventLoop& loop, const CAWAutoPtr<Udp
     : loop_(loop),
       port_(port),
       path_(path),
-      connection_(*this),
+      connection_(*this, IsInside(path.peer)),
       timer_(loop),
       readSize_(keelbase::internal::kReadSize),
       queueLimit_(kQueueLimit) {}
