@@ -74,7 +74,7 @@ std::string AskForMetrics(const std::string& path, MetricsClock::time_point dead
     if (error != 0 && error != EAGAIN) return std::strerror(error);
     answer.clear();
     if (error == 0) {
-      const std::string problem = ReadMetrics(fd.Get(), deadline, answer);
+      std::string problem = ReadMetrics(fd.Get(), deadline, answer);
       if (!problem.empty() || !answer.empty()) return problem;
     }
     if (!WaitForMetrics(-1, std::min(deadline, MetricsClock::now() + kMetricsPause)))

@@ -35,7 +35,7 @@ std::string CheckRoot() {
 }
 
 std::string GetEndpointDirectory(std::string_view scheme) {
-  const std::string system = utils::GetZARNRootSystem();
+  std::string system = utils::GetZARNRootSystem();
   if (system.empty()) return system;
   if (scheme == "stat") return system + "/zarn/stat";
   return system + (scheme == "shm" ? "/zarn/shmipc" : "/zarn/ipc");
