@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "BlockLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 
 namespace zarn::utils {
@@ -20,6 +21,7 @@ using End = ReceivePass::End;
 CPTCPStreamBase::CPTCPStreamBase() = default;
 
 CPTCPStreamBase::~CPTCPStreamBase() {
+  metrics_.Leave();
   if (transport_) thread_.Check("CPTCPStreamBase::~CPTCPStreamBase");
   EndConnection();
 }
@@ -28,6 +30,7 @@ AWResult CPTCPStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<IAWPseudoTCPTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CPTCPStreamBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

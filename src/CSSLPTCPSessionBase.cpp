@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ReceiveLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 
 namespace zarn::utils {
@@ -20,6 +21,7 @@ using End = ReceivePass::End;
 CSSLPTCPSessionBase::CSSLPTCPSessionBase() = default;
 
 CSSLPTCPSessionBase::~CSSLPTCPSessionBase() {
+  metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CSSLPTCPSessionBase::~CSSLPTCPSessionBase");
   DropConnector();
   EndConnection(0);
@@ -29,6 +31,7 @@ CSSLPTCPSessionBase::~CSSLPTCPSessionBase() {
 
 AWResult CSSLPTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* local) {
   thread_.Claim("CSSLPTCPSessionBase::Connect");
+  metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
   DropConnector();
   DropTransport(transport_, 0);
@@ -59,7 +62,10 @@ AWResult CSSLPTCPSessionBase::Certificate(const keelbase::CAWString& text) try {
 }
 
 void CSSLPTCPSessionBase::OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) {
-  if (reason != 0) return Report(reason);
+  if (reason != 0) {
+    ++counters_.connectFailures;
+    return Report(reason);
+  }
   keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> connected(transport);
   const AWResult attached = SetTransportHandle(connected);
   if (attached != AW_OK) return CloseAndReport(attached);
@@ -71,6 +77,7 @@ AWResult CSSLPTCPSessionBase::SetTransportHandle(
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CSSLPTCPSessionBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

@@ -2,6 +2,7 @@
 #include "zarn/utils/CZARNIPCStreamBase.h"
 
 #include "ReceiveLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 #include "keelbase/CAWTransport.h"
 
@@ -17,6 +18,7 @@ using End = ReceivePass::End;
 CZARNIPCStreamBase::CZARNIPCStreamBase() = default;
 
 CZARNIPCStreamBase::~CZARNIPCStreamBase() {
+  metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNIPCStreamBase::~CZARNIPCStreamBase");
   DropConnector(connector_);
   EndConnection(0);
@@ -27,6 +29,7 @@ CZARNIPCStreamBase::~CZARNIPCStreamBase() {
 AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
                                      keelbase::CAWIPCAddr* local) {
   thread_.Claim("CZARNIPCStreamBase::Connect");
+  metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
   DropConnector(connector_);
   DropTransport(transport_, 0);
@@ -39,7 +42,10 @@ AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
 
 void CZARNIPCStreamBase::OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
                                                 fipc::IAWIPCAcceptorConnectorId*) {
-  if (reason != 0) return Report(reason);
+  if (reason != 0) {
+    ++counters_.connectFailures;
+    return Report(reason);
+  }
   keelbase::CAWAutoPtr<fipc::IAWIPCTransport> connected(transport);
   const AWResult attached = SetTransportHandle(connected);
   if (attached != AW_OK) return CloseAndReport(attached);
@@ -51,6 +57,7 @@ AWResult CZARNIPCStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<fipc::IAWIPCTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNIPCStreamBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

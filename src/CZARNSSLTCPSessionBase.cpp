@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ReceiveLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 
 namespace zarn::utils {
@@ -26,6 +27,7 @@ constexpr int kVerify = 1;
 CZARNSSLTCPSessionBase::CZARNSSLTCPSessionBase() = default;
 
 CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase() {
+  metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase");
   EndConnection(0);
   connector_ = nullptr;  // letting go of it cancels
@@ -35,6 +37,7 @@ CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase() {
 
 AWResult CZARNSSLTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* local) {
   thread_.Claim("CZARNSSLTCPSessionBase::Connect");
+  metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
   DropConnector();
   DropTransport(transport_, 0);
@@ -64,7 +67,10 @@ AWResult CZARNSSLTCPSessionBase::Certificate(const keelbase::CAWString& text) tr
 }
 
 void CZARNSSLTCPSessionBase::OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) {
-  if (reason != 0) return Report(reason);
+  if (reason != 0) {
+    ++counters_.connectFailures;
+    return Report(reason);
+  }
   keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> connected(transport);
   const AWResult attached = SetTransportHandle(connected);
   if (attached != AW_OK) return CloseAndReport(attached);
@@ -76,6 +82,7 @@ AWResult CZARNSSLTCPSessionBase::SetTransportHandle(
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNSSLTCPSessionBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "BlockLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 
 namespace zarn::utils {
@@ -18,6 +19,7 @@ using End = ReceivePass::End;
 CZARNTCPSSLTransport::CZARNTCPSSLTransport() = default;
 
 CZARNTCPSSLTransport::~CZARNTCPSSLTransport() {
+  metrics_.Leave();
   if (transport_) thread_.Check("CZARNTCPSSLTransport::~CZARNTCPSSLTransport");
   EndConnection();
 }
@@ -26,6 +28,7 @@ AWResult CZARNTCPSSLTransport::SetSSLTransportHandle(
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNTCPSSLTransport::SetSSLTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

@@ -2,6 +2,7 @@
 #include "zarn/utils/CZARNTCPSessionBase.h"
 
 #include "ReceiveLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 #include "keelbase/CAWTimeValue.h"
 
@@ -25,6 +26,7 @@ constexpr keelbase::CAWTimeValue kConnectTimeout(3, 0);
 CZARNTCPSessionBase::CZARNTCPSessionBase() = default;
 
 CZARNTCPSessionBase::~CZARNTCPSessionBase() {
+  metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNTCPSessionBase::~CZARNTCPSessionBase");
   EndConnection(0);
   connector_ = nullptr;  // letting go of it cancels
@@ -34,6 +36,7 @@ CZARNTCPSessionBase::~CZARNTCPSessionBase() {
 
 AWResult CZARNTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* local) {
   thread_.Claim("CZARNTCPSessionBase::Connect");
+  metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
   DropConnector(connector_);
   DropTransport(transport_, 0);
@@ -47,7 +50,10 @@ AWResult CZARNTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* loca
 
 void CZARNTCPSessionBase::OnConnectIndication(long reason, wface::IAWTransport* transport,
                                               wface::IAWAcceptorConnectorId*) {
-  if (reason != 0) return Report(reason);
+  if (reason != 0) {
+    ++counters_.connectFailures;
+    return Report(reason);
+  }
   keelbase::CAWAutoPtr<wface::IAWTransport> connected(transport);
   const AWResult attached = SetTransportHandle(connected);
   if (attached != AW_OK) return CloseAndReport(attached);
@@ -59,6 +65,7 @@ AWResult CZARNTCPSessionBase::SetTransportHandle(
     keelbase::CAWAutoPtr<wface::IAWTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNTCPSessionBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

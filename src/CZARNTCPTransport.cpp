@@ -2,6 +2,7 @@
 #include "zarn/utils/CZARNTCPTransport.h"
 
 #include "BlockLoop.h"
+#include "StreamMetrics.h"
 #include "StreamSteps.h"
 
 namespace zarn::utils {
@@ -15,6 +16,7 @@ using End = ReceivePass::End;
 CZARNTCPTransport::CZARNTCPTransport() = default;
 
 CZARNTCPTransport::~CZARNTCPTransport() {
+  metrics_.Leave();
   if (transport_) thread_.Check("CZARNTCPTransport::~CZARNTCPTransport");
   EndConnection(0);
 }
@@ -23,6 +25,7 @@ AWResult CZARNTCPTransport::SetTransportHandle(
     keelbase::CAWAutoPtr<wface::IAWTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNTCPTransport::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(transport_, 0);
   transport_ = transport;

@@ -237,7 +237,8 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--tcp] [--resume] [--count] [--read]\n",
+               "       [--clients N] [--active N] [--tcp] [--resume] [--count] [--read]\n"
+               "       [--snapshots MILLISECONDS]\n",
                program);
   std::exit(2);
 }
@@ -273,6 +274,8 @@ Arguments Parse(int argc, char** argv) {
       options.clients = static_cast<unsigned>(std::atoi(argv[i]));
     else if (name == "--active")
       options.active = static_cast<unsigned>(std::atoi(argv[i]));
+    else if (name == "--snapshots")
+      options.snapshotMs = static_cast<unsigned>(std::atoi(argv[i]));
     else if (name == "--dir")
       options.dir = argv[i];
     else if (name == "--child")

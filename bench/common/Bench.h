@@ -14,17 +14,18 @@
 namespace bench {
 
 struct Options {
-  std::string mode;       // "oneway" or "pingpong"
-  std::size_t size = 64;  // of a message, without any header
-  double seconds = 1.0;   // measured; a fifth of it comes before, unmeasured
-  unsigned spinUs = 0;    // how long a side that has nothing to do looks again before it sleeps
-  unsigned clients = 1;   // connections
-  unsigned active = 1;    // of these, those that send
-  bool tcp = false;       // for the peers that have the choice: TCP instead of a Unix socket
-  bool resume = false;    // connections go on with what earlier ones have agreed on
-  bool count = false;     // allocations and system calls too
-  bool read = false;      // the receiver compares each byte; otherwise it looks at the beginning
-  std::string dir;        // of this run, for sockets
+  std::string mode;         // "oneway" or "pingpong"
+  std::size_t size = 64;    // of a message, without any header
+  double seconds = 1.0;     // measured; a fifth of it comes before, unmeasured
+  unsigned spinUs = 0;      // how long a side that has nothing to do looks again before it sleeps
+  unsigned clients = 1;     // connections
+  unsigned active = 1;      // of these, those that send
+  bool tcp = false;         // for the peers that have the choice: TCP instead of a Unix socket
+  bool resume = false;      // connections go on with what earlier ones have agreed on
+  bool count = false;       // allocations and system calls too
+  bool read = false;        // the receiver compares each byte; otherwise it looks at the beginning
+  unsigned snapshotMs = 0;  // how often a thread of each side takes its metrics; 0: never
+  std::string dir;          // of this run, for sockets
 };
 
 [[noreturn]] void Fail(const std::string& what);       // prints it and exits

@@ -4,11 +4,13 @@
 
 #include <sys/resource.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWThread.h"
 #include "keelbase/CAWThreadManager.h"
+#include "zarn/utils/CZARNMetrics.h"
 #include "zarn/utils/zarnutils.h"
 
 namespace bench {
@@ -39,6 +42,17 @@ inline void AllowDescriptors() {
   ::setrlimit(RLIMIT_NOFILE, &descriptors);
 }
 
+// The thread ends with the process.
+inline void StartSnapshots(std::chrono::milliseconds interval) {
+  Check(zarn::utils::ZARNEnableMetrics(), "metrics");
+  std::thread([interval] {
+    for (;;) {
+      std::this_thread::sleep_for(interval);
+      zarn::utils::ZARNTakeMetrics();
+    }
+  }).detach();
+}
+
 inline CAWThread& StartLoop(const Options& options) {
   AllowDescriptors();
   std::filesystem::create_directory(options.dir + "/system");
@@ -48,6 +62,7 @@ inline CAWThread& StartLoop(const Options& options) {
   Check(manager->AdoptCurrentThread(CAWThreadManager::TT_NETWORK), "main thread");
   CAWThread* loop = manager->GetThread(CAWThreadManager::TT_NETWORK);
   loop->SetSpin(options.spinUs);
+  if (options.snapshotMs != 0) StartSnapshots(std::chrono::milliseconds(options.snapshotMs));
   return *loop;
 }
 

@@ -76,6 +76,7 @@ int RunCommandLine(int argc, char** argv) {
   AddPing(app, action);
   AddBench(app, action);
   AddLs(app, action);
+  AddStat(app, action);
   AddEnv(app, action);
   AddLog(app, action);
   AddDb(app, action);

@@ -22,6 +22,7 @@ void AddSend(CLI::App& app, Action& action);
 void AddPing(CLI::App& app, Action& action);
 void AddBench(CLI::App& app, Action& action);
 void AddLs(CLI::App& app, Action& action);
+void AddStat(CLI::App& app, Action& action);
 void AddEnv(CLI::App& app, Action& action);
 void AddLog(CLI::App& app, Action& action);
 void AddDb(CLI::App& app, Action& action);

@@ -7,6 +7,8 @@
 #include "Link.h"
 #include "Loop.h"
 #include "Output.h"
+#include "Root.h"
+#include "zarn/utils/CZARNMetrics.h"
 
 namespace zarn::tool {
 
@@ -39,6 +41,7 @@ class Serve final : private ServerSink {
       Complain("{}: cannot listen: {}", endpoint.GetUrl(), problem);
       return kFailed;
     }
+    ShowMetrics();
     PrintStart();
     watch_.Every(1);
     const int code = loop_.Run();
@@ -55,6 +58,7 @@ class Serve final : private ServerSink {
   void OnListenFailed(long reason) override;
   void SendBack(ServerPeer& peer, const Message& message);
   void Watch();
+  void ShowMetrics();
   void PrintStart();
   void PrintSummary();
 
@@ -155,6 +159,13 @@ void Serve::Watch() {
   const std::string problem = link_->Check();
   if (!problem.empty() && !lostEndpoint_) Complain("{}: {}", options_.endpoint.GetUrl(), problem);
   lostEndpoint_ = !problem.empty();
+}
+
+// To zarn stat. A server without an install root, which TCP does not need, does without.
+void Serve::ShowMetrics() {
+  if (!CheckRoot().empty()) return;
+  const auto result = static_cast<long>(utils::ZARNEnableMetrics());
+  if (result != 0) Complain("zarn stat will not see this server: {}", DescribeReason(result));
 }
 
 void Serve::PrintStart() {

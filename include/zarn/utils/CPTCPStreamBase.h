@@ -12,6 +12,7 @@
 #include "ptcp/CAWPseudoTCPTransport.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -140,6 +141,9 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   void SetReceiveLimit(std::size_t bytes);
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "ptcp";
+
   void EndConnection();
   void CloseAndReport(long reason);
   keelbase::AWResult SendBehindOthers(keelbase::CAWMessageBlock& data,
@@ -158,6 +162,7 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

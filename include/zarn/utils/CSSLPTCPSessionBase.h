@@ -15,6 +15,7 @@
 #include "sslutils/CAWSSLTransport.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -173,6 +174,9 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   void StopAtMalformedFrame();
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "sslptcp";
+
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
 
   void DropConnector();
@@ -199,6 +203,7 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

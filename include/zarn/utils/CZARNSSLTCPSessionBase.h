@@ -13,6 +13,7 @@
 #include "sslutils/CAWSSLTransport.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -172,6 +173,9 @@ class ZARNUTILS_API CZARNSSLTCPSessionBase : public sslutils::IAWSSLTransportSin
   void StopAtMalformedFrame();
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "tls";
+
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
 
   void DropConnector();
@@ -198,6 +202,7 @@ class ZARNUTILS_API CZARNSSLTCPSessionBase : public sslutils::IAWSSLTransportSin
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

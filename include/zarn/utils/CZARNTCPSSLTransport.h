@@ -12,6 +12,7 @@
 #include "sslutils/CAWSSLTransport.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -136,6 +137,9 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   void SetReceiveLimit(std::size_t bytes);
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "tls";
+
   void EndConnection();
   void TearDown(sslutils::IAWSSLTransport* transport);
   void Report(long reason);
@@ -153,6 +157,7 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

@@ -13,6 +13,7 @@
 #include "wface/CAWTransport.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -178,6 +179,9 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
   void StopAtMalformedFrame();
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "tcp";
+
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
 
   void EndConnection(long reason);
@@ -201,6 +205,7 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

@@ -12,6 +12,7 @@
 #include "wface/CAWTransport.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -142,6 +143,9 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   void SetReceiveLimit(std::size_t bytes);
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "tcp";
+
   void EndConnection(long reason);
   void CloseAndReport(long reason);
 
@@ -158,6 +162,7 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

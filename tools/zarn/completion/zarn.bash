@@ -36,8 +36,8 @@ _zarn() {
   COMPREPLY=()
   if ((COMP_CWORD > 1)); then subcommand="${COMP_WORDS[1]}"; fi
   case "$subcommand" in
-    "") words="serve send ping bench ls env log db kv shm rest --help --version" ;;
-    serve | send | ping | bench | ls | env | log | rest)
+    "") words="serve send ping bench ls stat env log db kv shm rest --help --version" ;;
+    serve | send | ping | bench | ls | stat | env | log | rest)
       case "$previous" in
         --file | --setting | --password-file | --key | --cert | --ca | --client-ca)
           mapfile -t COMPREPLY < <(compgen -f -- "$current")
@@ -49,7 +49,7 @@ _zarn() {
           ;;
         --as | --type | --tag | --data | --replies | --timeout | --count | -c | --size | -s | \
           --interval | -i | --spin | --sizes | --seconds | --window | --max-queue | --server-name | \
-          --grep | --function | --since | --until | --user)
+          --grep | --function | --since | --until | --user | --watch)
           return
           ;;
       esac
@@ -60,6 +60,7 @@ _zarn() {
       fi
       case "$subcommand:$line" in
         ls:* | env:* | rest:http* | *:-*) ;;
+        stat:*) words="all $(_zarn_urls | sed 's,.*//,,')" ;;
         *) words="$(_zarn_urls)" ;;
       esac
       ;;
