@@ -17,6 +17,20 @@ std::optional<ConnectionId> DestinationOf(Bytes datagram) {
   return ConnectionId({header.dcid, header.dcidlen});
 }
 
+Bytes LongPacketsOf(Bytes datagram) {
+  constexpr std::uint8_t kLongHeader = 0x80;
+  std::size_t at = 0;
+  while (at < datagram.size() && (datagram[at] & kLongHeader) != 0) {
+    ngtcp2_pkt_hd header;
+    const Bytes rest = datagram.subspan(at);
+    const ngtcp2_ssize length = ngtcp2_pkt_decode_hd_long(&header, rest.data(), rest.size());
+    // What has no length (or none that makes sense) goes to the end.
+    if (length < 0 || header.len == 0) return datagram;
+    at += std::min(rest.size(), static_cast<std::size_t>(length) + header.len);
+  }
+  return datagram.first(at);
+}
+
 std::optional<InitialHeader> ReadInitial(Bytes datagram) {
   ngtcp2_pkt_hd header;
   if (ngtcp2_accept(&header, datagram.data(), datagram.size()) != 0 ||

@@ -24,6 +24,9 @@ struct InitialHeader {
 // The id that the datagram is for; none when it is no packet at all.
 std::optional<ConnectionId> DestinationOf(Bytes datagram);
 
+// The packets of the handshake that the datagram begins with; without those behind them.
+Bytes LongPacketsOf(Bytes datagram);
+
 // None when it cannot be the first packet of a connection.
 std::optional<InitialHeader> ReadInitial(Bytes datagram);
 

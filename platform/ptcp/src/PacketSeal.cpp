@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include "FrameFilter.h"
+
 namespace ptcp {
 
 namespace {
@@ -63,6 +65,7 @@ int Unseal(std::uint8_t* dest, const ngtcp2_crypto_aead*, const ngtcp2_crypto_ae
   const Tag tag =
       SignPacket(context, {header, headerLength}, {nonce, nonceLength}, {sealed, length});
   if (std::memcmp(tag.data(), sealed + length, tag.size()) != 0) return NGTCP2_ERR_DECRYPT;
+  if (!AreOurFrames({sealed, length})) return NGTCP2_ERR_DECRYPT;
   if (length != 0 && dest != sealed) std::memmove(dest, sealed, length);
   return 0;
 }

@@ -194,6 +194,10 @@ std::size_t PtcpConnection::Read(char* out, std::size_t length) {
 void PtcpConnection::Receive(Bytes datagram, Time now) {
   if (dead_ || datagram.empty()) return;
   datagramBytesIn_ += datagram.size();
+  // ngtcp2 asserts that a client finishes its handshake before a frame of the connection changes
+  // anything. Servers of ours have nothing to send by then.
+  if (!server_ && !established_) datagram = LongPacketsOf(datagram);
+  if (datagram.empty()) return;
   const ngtcp2_pkt_info info{};
   const int error =
       ngtcp2_conn_read_pkt(conn_, &AnyPath(), &info, datagram.data(), datagram.size(), now);
