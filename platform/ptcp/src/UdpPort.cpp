@@ -174,7 +174,9 @@ void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram
     if (stranger_ != nullptr) stranger_(from, datagram);
     return;
   }
-  const auto reset = MakeReset(datagram, ResetToken(id), &FillWithRandom);
+  // A function's own type would be exported with the library's symbols.
+  const auto fill = [](std::uint8_t* out, std::size_t length) { FillWithRandom(out, length); };
+  const auto reset = MakeReset(datagram, ResetToken(id), fill);
   if (!reset.empty()) Send(from, reset);
 }
 
