@@ -586,13 +586,17 @@ TEST_F(HttpClient, NameThatDoesNotResolveIsToldAsAFailedConnect) {
 }
 
 TEST_F(HttpClient, LookupThatNobodyWaitsForTellsNothing) {
-  Open("http://localhost:81/");
+  auto before = tcp.requests;
+  do {  // now and then the lookup is quicker than we are
+    before = tcp.requests;
+    Open("http://localhost:81/");
+  } while (tcp.requests != before);
   client = nullptr;
   client = MakeClient();
   Open("http://localhost:82/");
-  ASSERT_TRUE(Await([&] { return tcp.requests != 0; }));
+  ASSERT_TRUE(Await([&] { return tcp.requests != before; }));
   EXPECT_EQ(tcp.Last().peer.GetPort(), 82);
-  EXPECT_EQ(tcp.requests, 1);
+  EXPECT_EQ(tcp.requests, before + 1);
 }
 
 TEST_F(HttpClient, HttpsGoesOverTlsAndVerifies) {
