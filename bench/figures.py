@@ -105,13 +105,13 @@ def median_of(contestant, *keys):
     return statistics.median(values)
 
 
-def families(cases, pattern):
-    """Cases whose names differ by a number only: the name with ... for it -> number -> case."""
+def families(cases, pattern, instead):
+    """Cases whose names differ by a number only: the name with `instead` for it -> number -> case."""
     found = {}
     for case in cases:
         match = re.search(pattern, case["name"])
         if match:
-            name = f"{case['name'][:match.start(1)]}…{case['name'][match.end(1):]}"
+            name = case["name"].replace(match[0], instead, 1)
             found.setdefault(name, {})[int(match[1])] = case
     return {name: dict(sorted(members.items())) for name, members in found.items()
             if len(members) > 1}
@@ -132,7 +132,7 @@ def chart_over(members, title, unit, value_of):
 
 def throughput_charts(cases):
     charts = []
-    for name, members in families(cases, r"\b(\d+) B\b").items():
+    for name, members in families(cases, r"\b(\d+) B\b", "… B").items():
         if all(case["metric"] == "rate" for case in members.values()):
             charts += chart_over(members, f"{name}: MB a second over message size in bytes", "MB/s",
                                  lambda size, one: one["median"] * size / 1e6)
@@ -158,8 +158,8 @@ def percentile_charts(cases):
 
 def connection_charts(cases):
     charts = []
-    for name, members in families(cases, r"\b(\d+) (?:connection|client)s?\b").items():
-        name = name.replace("connection,", "connections,")
+    pattern = r"\b(\d+) (?:connection|client)s?\b"
+    for name, members in families(cases, pattern, "… connections").items():
         charts += chart_over(members, f"{name}: processor time of a message over connections", "ns",
                              lambda _, one: cpu_nanoseconds(one))
         charts += chart_over(members, f"{name}: memory of an idle connection over connections", "B",

@@ -23,9 +23,11 @@ table { border-collapse: collapse; font-size: .9rem; font-variant-numeric: tabul
 th, td { padding: .2rem .7rem; border-bottom: 1px solid var(--line); text-align: left;
   vertical-align: top; overflow-wrap: normal; }
 td.number, th.number { text-align: right; white-space: nowrap; }
+th .soft { font-weight: normal; }
 .ours { font-weight: 600; }
 .met { color: var(--met); } .missed { color: var(--missed); font-weight: 600; }
-.charts { display: grid; gap: 1.5rem; grid-template-columns: repeat(auto-fill, minmax(min(100%, 20rem), 1fr)); }
+.charts { display: grid; gap: 1.5rem; margin: 1.5rem 0;
+  grid-template-columns: repeat(auto-fill, minmax(min(100%, 20rem), 1fr)); }
 figure { margin: 0; } figcaption { font-size: .9rem; }
 svg { display: block; width: 100%; height: auto; }
 svg text { fill: var(--soft); font-size: 10px; }
@@ -37,6 +39,8 @@ polyline { fill: none; stroke: var(--c); stroke-width: 2; } circle { fill: var(-
 .swatch { display: inline-block; width: .8em; height: .8em; margin-right: .4em; background: var(--c); }
 .s0 { --c: var(--s0); } .s1 { --c: var(--s1); } .s2 { --c: var(--s2); }
 .s3 { --c: var(--s3); } .s4 { --c: var(--s4); } .s5 { --c: var(--s5); }
+@media (max-width: 30rem) { body { padding: .6rem; } table { font-size: .8rem; }
+  th, td { padding: .2rem .3rem; } }
 """
 CASE_HEADS = ("case", "who", "median", "p99", "least – most", "ours ÷ it")
 TARGET_HEADS = ("target", "measured", "bound", "")
@@ -71,9 +75,9 @@ def summary(results, suites):
     targets = [target for suite in suites for target in suite.targets]
     met = sum(target["passed"] for target in targets)
     rows = [(element("td", element("a", suite.name, href=f"#suite-{number}")),
-             suite.title, f"{suite.met()} of {len(suite.targets)}")
+             suite.title, f"{suite.met()} of {len(suite.targets)}" if suite.targets else "–")
             for number, suite in enumerate(suites)]
-    missed = [(suite.name, *target_cells(target)) for suite in suites for target in suite.targets
+    missed = [(suite.name, *figures.target_row(target)[:-1]) for suite in suites for target in suite.targets
               if not target["passed"]]
     parts = [
         element("p", f"{met} of {len(targets)} targets met.", class_="ours"),
@@ -81,10 +85,10 @@ def summary(results, suites):
                 "figures themselves move with the machine, and differences below 15 % are noise.",
                 class_="soft"),
         table(("", ""), figures.facts(results)),
-        element("h3", "Suites"), table(("suite", "what", "targets met"), rows, numbers=(2,)),
+        element("h3", "Suites"), table(("suite", "what", "met"), rows, numbers=(2,)),
     ]
     if missed:
-        parts += [element("h3", "Missed"), table(("suite", *TARGET_HEADS), missed, numbers=(2,))]
+        parts += [element("h3", "Missed"), table(("suite", *TARGET_HEADS[:-1]), missed, numbers=(2,))]
     return join(parts)
 
 
