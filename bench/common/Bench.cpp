@@ -367,8 +367,10 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     RoundTrips trips(options);
     peer.ask(options, control, trips);
     const Measured& measured = trips.GetMeasured();
-    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f, \"rate\": %.1f", trips.Percentile(0.5),
-                trips.Percentile(0.99), static_cast<double>(measured.messages) / measured.seconds);
+    std::printf(", \"p50_us\": %.2f, \"p90_us\": %.2f, \"p99_us\": %.2f, \"p99_9_us\": %.2f",
+                trips.Percentile(0.5), trips.Percentile(0.9), trips.Percentile(0.99),
+                trips.Percentile(0.999));
+    std::printf(", \"rate\": %.1f", static_cast<double>(measured.messages) / measured.seconds);
     PrintSide("asker", measured, options.count);
   }
   std::printf("}\n");

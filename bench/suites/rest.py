@@ -5,7 +5,7 @@ import shutil
 import sys
 import tempfile
 
-from measure import Case, Metric, target
+from measure import REQUEST, THROUGHPUT, Case, target
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e/support"))
 from http_servers import Nginx  # noqa: E402, how to start it is known there
@@ -13,8 +13,6 @@ from http_servers import Nginx  # noqa: E402, how to start it is known there
 PROGRAM = "bench_rest"
 LARGE = 64  # MiB
 BUFFER = 3  # MiB: one buffer, and what a program that does its first request has not touched before
-REQUEST = Metric("us", "{:.0f} us".format)
-THROUGHPUT = Metric("mb_per_s", "{:.0f} MB/s".format)
 
 
 def start_server():
