@@ -338,7 +338,7 @@ TYPED_TEST(StreamDeathTest, SendFromAnotherThreadStopsADebugBuildAndNamesTheOper
         this->Attach();
         std::thread([&] { this->Send("x;"); }).join();
       },
-      std::string(TypeParam::kName) + "::SendMsg");
+      std::string(TypeParam::kName) + "::Send(Msg|Message) ");
 }
 
 TYPED_TEST(StreamDeathTest, CloseFromAnotherThreadStopsADebugBuild) {
