@@ -64,6 +64,7 @@ class Exchange(TlsToolTest):
         server = self.listen()
         lines = "\n".join(str(number) for number in range(1000))
         self.run_events("send", self.url, *self.ca, "-", input=lines)
+        server.event("gone")
         self.assertEqual(server.end(), 0)
         self.assertEqual(server.event("summary")["messages"], 1000)
 
