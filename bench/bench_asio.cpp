@@ -1,146 +1,30 @@
-// bench_asio.cpp - Boost.Asio over a Unix socket, used as its users do: asynchronous, one thread,
-// and two buffers, of which one is being written while the other is being filled.
-#include <array>
-#include <boost/asio/buffer.hpp>
-#include <boost/asio/io_context.hpp>
+// bench_asio.cpp - Boost.Asio over a Unix socket.
 #include <boost/asio/local/stream_protocol.hpp>
-#include <boost/asio/write.hpp>
-#include <utility>
 
-#include "common/Bench.h"
-#include "common/Frame.h"
+#include "common/AsioPeer.h"
 
 namespace {
 
-using namespace bench;
+using boost::asio::io_context;
 using boost::asio::local::stream_protocol;
-using boost::system::error_code;
 
-void Check(const error_code& error) {
-  if (error) Fail("asio: " + error.message());
-}
-
-class Connection {
- public:
-  explicit Connection(stream_protocol::socket socket) : socket_(std::move(socket)) {}
-
-  bool HasRoom(std::size_t size) const { return filling_->HasRoom(size); }
-
-  // Gathers; Flush() or the end of a write sends it.
-  void Add(const char* message, std::size_t size) { filling_->Add(message, size); }
-
-  // Writes what is gathered, now or when the write under way has ended. Calls `written` after each
-  // write, when the next one has been started.
-  template <class Written>
-  void Flush(Written written) {
-    if (!writing_->IsEmpty() || filling_->IsEmpty()) return;
-    std::swap(writing_, filling_);
-    boost::asio::async_write(socket_, boost::asio::buffer(writing_->Data(), writing_->Size()),
-                             [this, written](const error_code& error, std::size_t count) {
-                               Check(error);
-                               writing_->Consume(count);
-                               Flush(written);
-                               written();
-                             });
+struct UnixSocket {
+  static stream_protocol::endpoint MakeEndpoint(const bench::Options& options) {
+    return stream_protocol::endpoint(options.dir + "/asio");
   }
-
-  // Hands each message to `take` until it returns false; after each read calls `parsed`.
-  template <class Take, class Parsed>
-  void Read(Take take, Parsed parsed) {
-    socket_.async_read_some(boost::asio::buffer(buffer_.WritePtr(), buffer_.Room()),
-                            [this, take, parsed](const error_code& error, std::size_t count) {
-                              Check(error);
-                              const bool go = buffer_.Added(count, take);
-                              parsed();
-                              if (go) Read(take, parsed);
-                            });
+  static stream_protocol::socket Accept(io_context& context, const bench::Options& options,
+                                        const bench::Control& control) {
+    stream_protocol::acceptor acceptor(context, MakeEndpoint(options));
+    control.SendReady();
+    return acceptor.accept();
   }
-
- private:
-  stream_protocol::socket socket_;
-  std::array<SendBatch, 2> batches_;
-  SendBatch* filling_ = &batches_[0];
-  SendBatch* writing_ = &batches_[1];
-  ReceiveBuffer buffer_;
+  static stream_protocol::socket Connect(io_context& context, const bench::Options& options) {
+    stream_protocol::socket socket(context);
+    socket.connect(MakeEndpoint(options));
+    return socket;
+  }
 };
-
-std::string MakePath(const Options& options) { return options.dir + "/asio"; }
-
-stream_protocol::socket Accept(boost::asio::io_context& context, const Options& options,
-                               const Control& control) {
-  stream_protocol::acceptor acceptor(context, stream_protocol::endpoint(MakePath(options)));
-  control.SendReady();
-  return acceptor.accept();
-}
-
-stream_protocol::socket Connect(boost::asio::io_context& context, const Options& options) {
-  stream_protocol::socket socket(context);
-  socket.connect(stream_protocol::endpoint(MakePath(options)));
-  return socket;
-}
-
-void Receive(const Options& options, const Control& control, Tally& tally) {
-  boost::asio::io_context context(1);
-  Connection connection(Accept(context, options, control));
-  Incoming incoming(options, tally);
-  connection.Read(
-      [&](const char* message, std::size_t size) { return incoming.Take(message, size); }, [] {});
-  context.run();
-  control.SendReport(tally.meter.measured);
-  control.WaitForParent();
-}
-
-void Send(const Options& options, const Control&, Sending& sending) {
-  boost::asio::io_context context(1);
-  Connection connection(Connect(context, options));
-  sending.Start();
-  Outgoing outgoing(options, sending);
-  bool more = outgoing.Next();
-  const auto fill = [&] {
-    while (more && connection.HasRoom(options.size)) {
-      connection.Add(outgoing.Message().data(), options.size);
-      more = outgoing.Next();
-    }
-  };
-  fill();
-  connection.Flush(fill);
-  fill();  // the second buffer, while the first is being written
-  context.run();
-}
-
-void Echo(const Options& options, const Control& control) {
-  boost::asio::io_context context(1);
-  Connection connection(Accept(context, options, control));
-  connection.Read(
-      [&](const char* message, std::size_t size) {
-        const bool last = GetStamp(message).kind == Kind::kLast;
-        connection.Add(message, size);
-        return !last;
-      },
-      [&] { connection.Flush([] {}); });
-  context.run();
-  control.WaitForParent();
-}
-
-void Ask(const Options& options, const Control&, RoundTrips& trips) {
-  boost::asio::io_context context(1);
-  Connection connection(Connect(context, options));
-  const auto ask = [&] {
-    if (!trips.Next()) return false;
-    connection.Add(trips.Message().data(), options.size);
-    connection.Flush([] {});
-    return true;
-  };
-  ask();
-  connection.Read(
-      [&](const char* message, std::size_t size) {
-        trips.Take(message, size);
-        return ask();
-      },
-      [] {});
-  context.run();
-}
 
 }  // namespace
 
-int main(int argc, char** argv) { return Main(argc, argv, {"asio", Receive, Send, Echo, Ask}); }
+int main(int argc, char** argv) { return bench::AsioPeer<UnixSocket>::Run(argc, argv); }

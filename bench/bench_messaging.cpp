@@ -279,8 +279,11 @@ class PingPong {
     peer.End();
     if (times.empty()) Fail("no round trip was measured");
     std::sort(times.begin(), times.end());
-    std::printf("{\"p50_us\": %.2f, \"p99_us\": %.2f, \"messages\": %zu}\n",
-                times[times.size() / 2], times[times.size() * 99 / 100], times.size());
+    std::printf(
+        "{\"p50_us\": %.2f, \"p90_us\": %.2f, \"p99_us\": %.2f, \"p99_9_us\": %.2f, "
+        "\"messages\": %zu}\n",
+        times[times.size() / 2], times[times.size() * 9 / 10], times[times.size() * 99 / 100],
+        times[times.size() * 999 / 1000], times.size());
   }
 
  private:

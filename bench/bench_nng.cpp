@@ -1,10 +1,13 @@
-// bench_nng.cpp - nng over its ipc transport, PAIR sockets: faster here than PUSH and PULL.
+// bench_nng.cpp - nng over its ipc transport, with --tcp over tcp, PAIR sockets: faster here than
+// PUSH and PULL.
+#include <arpa/inet.h>
 #include <nng/nng.h>
 #include <nng/protocol/pair0/pair.h>
 
 #include <cstring>
 
 #include "common/Bench.h"
+#include "common/TcpPort.h"
 
 namespace {
 
@@ -26,7 +29,13 @@ class Socket {
   Socket& operator=(const Socket&) = delete;
 
   void Listen(const Options& options) {
-    Check(nng_listen(socket_, MakeUrl(options).c_str(), nullptr, 0), "listen");
+    nng_listener listener;
+    const std::string url = options.tcp ? "tcp://127.0.0.1:0" : MakeUrl(options);
+    Check(nng_listen(socket_, url.c_str(), &listener, 0), "listen");
+    if (!options.tcp) return;
+    nng_sockaddr address;
+    Check(nng_listener_get_addr(listener, NNG_OPT_LOCADDR, &address), "address");
+    WritePort(options.dir, ntohs(address.s_in.sa_port));
   }
   void Dial(const Options& options) {
     Check(nng_dial(socket_, MakeUrl(options).c_str(), nullptr, 0), "dial");
@@ -49,7 +58,10 @@ class Socket {
  private:
   static constexpr int kBuffered = 1024;  // messages
 
-  static std::string MakeUrl(const Options& options) { return "ipc://" + options.dir + "/nng"; }
+  static std::string MakeUrl(const Options& options) {
+    if (options.tcp) return "tcp://127.0.0.1:" + std::to_string(ReadPort(options.dir));
+    return "ipc://" + options.dir + "/nng";
+  }
 
   nng_socket socket_ = NNG_SOCKET_INITIALIZER;
 };

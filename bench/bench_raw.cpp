@@ -1,4 +1,5 @@
-// bench_raw.cpp - what the system itself gives: a Unix socket, epoll, and nothing between.
+// bench_raw.cpp - what the system itself gives: a Unix socket, with --tcp TCP, epoll, and nothing
+// between.
 //
 // Messages are gathered in a buffer of 64 KiB, which is written when it is full, and read by as
 // much. With --spin a side that has nothing to do looks again before it sleeps: a microsecond of
@@ -14,6 +15,8 @@
 
 #include "common/Bench.h"
 #include "common/Frame.h"
+#include "common/TcpPort.h"
+#include "common/TcpSocket.h"
 
 namespace {
 
@@ -34,7 +37,18 @@ int MakeSocket() {
   return fd;
 }
 
+int AcceptOverTcp(const Options& options, const Control& control) {
+  std::uint16_t port = 0;
+  const int listener = ListenTcp(port);
+  WritePort(options.dir, port);
+  control.SendReady();
+  const int fd = AcceptTcp(listener);
+  ::close(listener);
+  return fd;
+}
+
 int Accept(const Options& options, const Control& control) {
+  if (options.tcp) return AcceptOverTcp(options, control);
   const sockaddr_un address = MakeAddress(options);
   const int listener = MakeSocket();
   if (::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
@@ -48,6 +62,7 @@ int Accept(const Options& options, const Control& control) {
 }
 
 int Connect(const Options& options) {
+  if (options.tcp) return ConnectTcp(ReadPort(options.dir));
   const sockaddr_un address = MakeAddress(options);
   const int fd = MakeSocket();
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)

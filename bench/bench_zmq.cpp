@@ -1,18 +1,30 @@
-// bench_zmq.cpp - ZeroMQ over its ipc transport: PUSH to PULL one way, PAIR for round trips.
+// bench_zmq.cpp - ZeroMQ over its ipc transport, with --tcp over tcp: PUSH to PULL one way, PAIR
+// for round trips.
 #include <zmq.hpp>
 
 #include "common/Bench.h"
+#include "common/TcpPort.h"
 
 namespace {
 
 using namespace bench;
 
-std::string MakeUrl(const Options& options) { return "ipc://" + options.dir + "/zmq"; }
+void Bind(zmq::socket_t& socket, const Options& options) {
+  if (!options.tcp) return socket.bind("ipc://" + options.dir + "/zmq");
+  socket.bind("tcp://127.0.0.1:*");
+  const std::string url = socket.get(zmq::sockopt::last_endpoint);
+  WritePort(options.dir, static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
+}
+
+std::string MakeUrl(const Options& options) {
+  if (options.tcp) return "tcp://127.0.0.1:" + std::to_string(ReadPort(options.dir));
+  return "ipc://" + options.dir + "/zmq";
+}
 
 void Receive(const Options& options, const Control& control, Tally& tally) {
   zmq::context_t context;
   zmq::socket_t socket(context, zmq::socket_type::pull);
-  socket.bind(MakeUrl(options));
+  Bind(socket, options);
   control.SendReady();
   Incoming incoming(options, tally);
   zmq::message_t message;
@@ -36,7 +48,7 @@ void Send(const Options& options, const Control& control, Sending& sending) {
 void Echo(const Options& options, const Control& control) {
   zmq::context_t context;
   zmq::socket_t socket(context, zmq::socket_type::pair);
-  socket.bind(MakeUrl(options));
+  Bind(socket, options);
   control.SendReady();
   zmq::message_t message;
   for (bool go = true; go;) {

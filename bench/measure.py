@@ -10,23 +10,28 @@ import time
 
 
 class Metric:
-    """A number that a program prints under `key`, and how it is written."""
+    """A number that a program prints under `key`, how it is written, and which is better."""
 
-    def __init__(self, key, format_value):
+    def __init__(self, key, format_value, better="less"):
         self.key = key
         self.format = format_value
+        self.better = better
 
 
 def format_rate(value):
     if value >= 1e6:
         return f"{value / 1e6:.2f} M/s"
-    return f"{value / 1e3:.0f} k/s"
+    return f"{value / 1e3:.0f} k/s" if value >= 1e4 else f"{value:.0f}/s"
 
 
-RATE = Metric("rate", format_rate)  # so many a second
+RATE = Metric("rate", format_rate, better="more")  # so many a second
 ROUND_TRIP = Metric("p50_us", "{:.1f} us".format)  # median of a run; its "p99_us" is shown too
 NANOSECONDS = Metric("ns", "{:.1f} ns".format)  # for one call
 SECONDS = Metric("seconds", "{:.3f} s".format)
+REQUEST = Metric("us", "{:.0f} us".format)
+THROUGHPUT = Metric("mb_per_s", "{:.0f} MB/s".format, better="more")
+METRICS = {metric.key: metric
+           for metric in (RATE, ROUND_TRIP, NANOSECONDS, SECONDS, REQUEST, THROUGHPUT)}
 
 
 class Case:

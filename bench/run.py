@@ -13,12 +13,11 @@ further targets.
 import argparse
 import importlib
 import json
-import os
 import pkgutil
-import platform
 import sys
 
 import suites
+from machine import describe_tree_and_machine
 from measure import (Runner, describe_cases, judge_cases, print_cases, print_targets, progress,
                      run_all)
 
@@ -32,6 +31,7 @@ class Result:
         suite = importlib.import_module(f"suites.{name}")
         runner = Runner(options.bin, options.seconds)
         self.name = name
+        self.title = suite.__doc__.splitlines()[0]
         self.cases = [case for case in suite.make_cases() if options.only in case.name]
         self.counts, self.targets = [], []
         if not self.cases:
@@ -43,17 +43,17 @@ class Result:
         if hasattr(suite, "judge_more"):
             self.targets += suite.judge_more(self.cases, self.counts)
         progress("")
-        print(f"{name}: {suite.__doc__.splitlines()[0]}")
+        print(f"{name}: {self.title}")
         print_cases(self.cases)
         if self.counts:
             suite.print_counts(self.counts)
-        print_targets(self.targets)
+        if self.targets:
+            print_targets(self.targets)
         print()
 
     def describe(self):
-        return {"suite": self.name, "took_seconds": round(self.seconds, 1),
-                "cases": describe_cases(self.cases), "counts": self.counts,
-                "targets": self.targets}
+        return {"suite": self.name, "title": self.title, "took_seconds": round(self.seconds, 1),
+                "cases": describe_cases(self.cases), "counts": self.counts, "targets": self.targets}
 
 
 def parse():
@@ -85,7 +85,7 @@ def main():
         sys.exit(f"bench: no case has '{options.only}' in its name")
     if options.json:
         described = {
-            "machine": {"processors": os.cpu_count(), "kernel": platform.release()},
+            **describe_tree_and_machine(),
             "runs": options.runs, "seconds": options.seconds,
             "suites": [result.describe() for result in results],
         }

@@ -81,6 +81,10 @@ macro(zarn_add_compiled_library)
   set_target_properties(
     ${arg_NAME}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
                                    VISIBILITY_INLINES_HIDDEN ON)
+  # The record of the ABI (tests/abi) is made of the types, all of them and not only line numbers.
+  target_compile_options(
+    ${arg_NAME}_objects
+    PRIVATE $<$<AND:$<CONFIG:RelWithDebInfo>,$<CXX_COMPILER_ID:GNU>>:-g2 -femit-class-debug-always>)
   zarn_set_warnings(${arg_NAME}_objects)
 
   add_library(${arg_NAME} SHARED $<TARGET_OBJECTS:${arg_NAME}_objects>)
@@ -130,4 +134,9 @@ function(zarn_install_package)
   install(FILES ${PROJECT_SOURCE_DIR}/cmake/zarnutilsConfig.cmake
                 ${PROJECT_BINARY_DIR}/zarnutilsConfigVersion.cmake DESTINATION ${package_dir})
   install(EXPORT zarnutilsTargets NAMESPACE zarn:: DESTINATION ${package_dir})
+
+  # All libraries and nothing else.
+  get_property(libraries GLOBAL PROPERTY zarn_libraries)
+  add_custom_target(shared_libraries)
+  add_dependencies(shared_libraries ${libraries})
 endfunction()

@@ -1,5 +1,5 @@
 # zarnutilsConfig.cmake - zarn::utils and the platform libraries below it: zarn::keelbase,
-# zarn::fipc, zarn::fshmipc.
+# zarn::fipc, zarn::fshmipc, zarn::wface, zarn::sslutils, zarn::shttp, zarn::ptcp, zarn::sslptcp.
 include(CMakeFindDependencyMacro)
 find_dependency(PkgConfig)
 

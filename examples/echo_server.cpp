@@ -3,6 +3,7 @@
 //   ZARN_ROOT=/opt/zarn echo_server 1 2        listens at 1_2 until SIGINT or SIGTERM
 #include <keelbase/CAWThreadManager.h>
 #include <zarn/utils/CZARNLibServerChannel.h>
+#include <zarn/utils/CZARNMetrics.h>
 #include <zarn/utils/zarnutils.h>
 
 #include <csignal>
@@ -87,6 +88,8 @@ int main(int argc, char** argv) {
   auto* threads = keelbase::CAWThreadManager::Instance();
   threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK);
   keelbase::CAWThread* network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+
+  zarn::utils::ZARNEnableMetrics();  // zarn stat shows what the server does
 
   EchoServer server;
   const auto first = static_cast<std::uint16_t>(std::atoi(argv[1]));

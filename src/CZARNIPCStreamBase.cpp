@@ -1,18 +1,15 @@
 // CZARNIPCStreamBase.cpp - see CZARNIPCStreamBase.h.
 #include "zarn/utils/CZARNIPCStreamBase.h"
 
-#include <algorithm>
-#include <utility>
-
 #include "ReceiveLoop.h"
-#include "StreamTrace.h"
+#include "StreamMetrics.h"
+#include "StreamSteps.h"
 #include "keelbase/CAWTransport.h"
 
 namespace zarn::utils {
 
 using keelbase::AW_ERROR_FAILURE;
 using keelbase::AW_ERROR_NOT_INITIALIZED;
-using keelbase::AW_ERROR_PARTIAL_DATA;
 using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
@@ -21,8 +18,9 @@ using End = ReceivePass::End;
 CZARNIPCStreamBase::CZARNIPCStreamBase() = default;
 
 CZARNIPCStreamBase::~CZARNIPCStreamBase() {
+  metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNIPCStreamBase::~CZARNIPCStreamBase");
-  DropConnector();
+  DropConnector(connector_);
   EndConnection(0);
 }
 
@@ -31,9 +29,10 @@ CZARNIPCStreamBase::~CZARNIPCStreamBase() {
 AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
                                      keelbase::CAWIPCAddr* local) {
   thread_.Claim("CZARNIPCStreamBase::Connect");
+  metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
-  DropConnector();
-  DropTransport(0);
+  DropConnector(connector_);
+  DropTransport(transport_, 0);
   const AWResult made = fipc::CAWIPCManager::Instance()->CreateConnector(1, connector_);
   if (made != AW_OK) return made;
   closed_ = false;
@@ -43,7 +42,10 @@ AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
 
 void CZARNIPCStreamBase::OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
                                                 fipc::IAWIPCAcceptorConnectorId*) {
-  if (reason != 0) return Report(reason);
+  if (reason != 0) {
+    ++counters_.connectFailures;
+    return Report(reason);
+  }
   keelbase::CAWAutoPtr<fipc::IAWIPCTransport> connected(transport);
   const AWResult attached = SetTransportHandle(connected);
   if (attached != AW_OK) return CloseAndReport(attached);
@@ -55,8 +57,9 @@ AWResult CZARNIPCStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<fipc::IAWIPCTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNIPCStreamBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
-  DropTransport(0);
+  DropTransport(transport_, 0);
   transport_ = transport;
   closed_ = false;
   readGate_.Reset();
@@ -73,7 +76,7 @@ AWResult CZARNIPCStreamBase::SetTransportHandle(
 AWResult CZARNIPCStreamBase::Close(long reason) {
   thread_.Check("CZARNIPCStreamBase::Close");
   EndConnection(reason);
-  DropConnector();
+  DropConnector(connector_);
   closed_ = true;
   return AW_OK;
 }
@@ -86,21 +89,11 @@ void CZARNIPCStreamBase::OnDisconnect(long reason, fipc::IAWIPCTransport*) {
   Report(reason);
 }
 
-void CZARNIPCStreamBase::DropConnector() {
-  const auto connector = std::move(connector_);
-  if (connector) connector->CancelConnect();
-}
-
-void CZARNIPCStreamBase::DropTransport(long reason) {
-  const auto transport = std::move(transport_);
-  if (transport) transport->Disconnect(reason);
-}
-
 // Nothing that SendMsg accepted is lost: the transport goes on with it.
 void CZARNIPCStreamBase::EndConnection(long reason) {
   generation_.Raise();
   if (transport_) sendQueue_.LeaveTo(*transport_);
-  DropTransport(reason);
+  DropTransport(transport_, reason);
   sendQueue_.Clear();
   received_.Clear();
 }
@@ -125,7 +118,7 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
   const End end = OfferReceived(*this, received_, data, generation_, closed_, counters_).end;
   if (end == End::kDestroyed || end == End::kReplaced) return;
   if (end != End::kNeedMore) {
-    DropConnector();
+    DropConnector(connector_);
     return CloseAndReport(end == End::kNoMemory ? AW_ERROR_FAILURE : 0);
   }
   readGate_.Apply(transport_.Get(), received_.GetLength());
@@ -133,17 +126,11 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
 
 AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::OnReceiveDirect");
-  const ReceivePass pass =
-      OfferFrames(*this, generation_, closed_, counters_, data.GetReadPtr(), data.GetLength());
-  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return AW_ERROR_FAILURE;
-  counters_.bytesReceived += pass.consumed;
-  if (pass.end == End::kTooLong)
-    TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", pass.answered, pass.offered, this);
-  if (pass.end == End::kTooLong || closed_) {
-    CloseAndReport(0);
-    return AW_ERROR_FAILURE;
-  }
-  return data.AdvanceReadPtr(pass.consumed);
+  const End end = OfferDirect(*this, data, generation_, closed_, counters_,
+                              "CAWTCPSessionBase::OnReceiveDirect");
+  if (end == End::kNeedMore) return AW_OK;
+  if (end == End::kClosed) CloseAndReport(0);
+  return AW_ERROR_FAILURE;
 }
 
 void CZARNIPCStreamBase::SetReceiveLimit(std::size_t bytes) {
@@ -166,20 +153,10 @@ void CZARNIPCStreamBase::StopAtMalformedFrame() {
 AWResult CZARNIPCStreamBase::SendMsg(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::SendMsg");
   if (!transport_) return AW_ERROR_NOT_INITIALIZED;
-  const std::size_t length = data.GetChainedLength();
-  const AWResult result = sendQueue_.SendInOrder(
-      data, [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
-  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, sendQueue_.GetLength());
-  if (result == AW_ERROR_PARTIAL_DATA) {
-    Close(AW_ERROR_FAILURE);  // whatever came next would be taken for the rest of this message
-    return AW_ERROR_FAILURE;
-  }
-  if (result != AW_OK) return result;
-  const std::size_t left = data.GetChainedLength();  // queued, or not advanced by the transport
-  if (left != 0) data.AdvanceChainedReadPtr(left);
-  ++counters_.messagesSent;
-  counters_.bytesSent += length;
-  return AW_OK;
+  return SendAndAdvance(
+      data, sendQueue_, counters_,
+      [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); },
+      [this] { Close(AW_ERROR_FAILURE); });
 }
 
 AWResult CZARNIPCStreamBase::SendMsg(const char* data, std::size_t len) {

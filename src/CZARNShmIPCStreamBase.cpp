@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ReceiveLoop.h"
+#include "StreamMetrics.h"
 
 namespace zarn::utils {
 
@@ -19,6 +20,7 @@ using End = ReceivePass::End;
 CZARNShmIPCStreamBase::CZARNShmIPCStreamBase() = default;
 
 CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase() {
+  metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase");
   DropConnector();
   EndConnection(0);
@@ -29,6 +31,7 @@ CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase() {
 AWResult CZARNShmIPCStreamBase::Connect(const fshmipc::CAWShmIPCAddr& peer,
                                         fshmipc::CAWShmIPCAddr* local) {
   thread_.Claim("CZARNShmIPCStreamBase::Connect");
+  metrics_.JoinConnecting(*this, peer);
   closed_ = false;
   DropConnector();
   EndConnection(0);
@@ -50,6 +53,7 @@ void CZARNShmIPCStreamBase::OnShmIPCConnectIndication(long reason,
     }
     EndConnection(0);
   }
+  ++counters_.connectFailures;
   NoteEnd(reason);
   OnConnectFailure(reason);
 }
@@ -58,6 +62,7 @@ AWResult CZARNShmIPCStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<fshmipc::IAWShmIPCTransport>& transport) {
   if (!transport) return AW_ERROR_FAILURE;
   thread_.Claim("CZARNShmIPCStreamBase::SetTransportHandle");
+  metrics_.JoinAttached(*this);
   generation_.Raise();
   DropTransport(0);
   transport_ = transport;

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <utility>
 
+#include "StreamTrace.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
@@ -54,13 +55,13 @@ ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bo
   return pass;
 }
 
-// A receive event: takes over the unread bytes of `data`, which are advanced, behind those that
-// wait in `received`, and offers them. What the handler has not taken waits in `received` again,
-// unless the stream is destroyed or has another connection by then.
+// A receive event: adds the unread bytes of `data`, which is left as it is, to those that wait in
+// `received`, and offers them. What the handler has not taken waits in `received` again, unless the
+// stream is destroyed or has another connection by then.
 template <class Stream>
-ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
-                          keelbase::CAWMessageBlock& data, detail::Generation& generation,
-                          const bool& closed, CZARNStreamCounters& counters) {
+ReceivePass OfferDuplicate(Stream& stream, detail::ReceiveAccumulator& received,
+                           const keelbase::CAWMessageBlock& data, detail::Generation& generation,
+                           const bool& closed, CZARNStreamCounters& counters) {
   ReceivePass pass;
   const std::size_t length = data.GetChainedLength();
   if (length == 0) return pass;
@@ -68,7 +69,6 @@ ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
     pass.end = ReceivePass::End::kNoMemory;
     return pass;
   }
-  data.AdvanceChainedReadPtr(length);
   counters.bytesReceived += length;
 
   // Held here while the handler runs, the bytes outlive whatever it does to the stream.
@@ -80,6 +80,36 @@ ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
   held.Consume(pass.consumed);
   received = std::move(held);
   return pass;
+}
+
+// The same, and advances `data` over all of its bytes.
+template <class Stream>
+ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
+                          keelbase::CAWMessageBlock& data, detail::Generation& generation,
+                          const bool& closed, CZARNStreamCounters& counters) {
+  const std::size_t length = data.GetChainedLength();
+  const ReceivePass pass = OfferDuplicate(stream, received, data, generation, closed, counters);
+  if (pass.end != ReceivePass::End::kNoMemory) data.AdvanceChainedReadPtr(length);
+  return pass;
+}
+
+// OnReceiveDirect: offers the first segment of `data` in place and advances over what was taken.
+// kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
+// is traced under the name of `operation`; kDestroyed or kReplaced.
+template <class Stream>
+ReceivePass::End OfferDirect(Stream& stream, keelbase::CAWMessageBlock& data,
+                             detail::Generation& generation, const bool& closed,
+                             CZARNStreamCounters& counters, const char* operation) {
+  using End = ReceivePass::End;
+  const ReceivePass pass =
+      OfferFrames(stream, generation, closed, counters, data.GetReadPtr(), data.GetLength());
+  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return pass.end;
+  counters.bytesReceived += pass.consumed;
+  if (pass.end == End::kTooLong)
+    TraceTooLongAnswer(operation, pass.answered, pass.offered, &stream);
+  if (pass.end == End::kTooLong || closed) return End::kClosed;
+  data.AdvanceReadPtr(pass.consumed);
+  return End::kNeedMore;
 }
 
 }  // namespace zarn::utils

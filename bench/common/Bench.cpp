@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "Frame.h"
 
@@ -141,7 +142,11 @@ Stamp GetStamp(const char* message) {
   return stamp;
 }
 
-void Sending::Start() { beginAt_ = Now() + seconds_ / 5; }
+void Sending::Start() {
+  const double now = Now();
+  meter_.measured.connectSeconds = now - createdAt_;
+  beginAt_ = now + seconds_ / 5;
+}
 
 Kind Sending::Look(std::uint64_t messages) {
   messages_ += messages;
@@ -232,7 +237,8 @@ namespace {
 [[noreturn]] void Usage(const char* program) {
   std::fprintf(stderr,
                "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--count] [--read]\n",
+               "       [--clients N] [--active N] [--tcp] [--resume] [--count] [--read]\n"
+               "       [--snapshots MILLISECONDS]\n",
                program);
   std::exit(2);
 }
@@ -249,8 +255,12 @@ Arguments Parse(int argc, char** argv) {
   options.mode = argv[1];
   for (int i = 2; i < argc; ++i) {
     const std::string name = argv[i];
-    if (name == "--count" || name == "--read") {
-      (name == "--count" ? options.count : options.read) = true;
+    const std::map<std::string, bool*> flags = {{"--count", &options.count},
+                                                {"--read", &options.read},
+                                                {"--resume", &options.resume},
+                                                {"--tcp", &options.tcp}};
+    if (const auto flag = flags.find(name); flag != flags.end()) {
+      *flag->second = true;
       continue;
     }
     if (++i == argc) Usage(argv[0]);
@@ -264,6 +274,8 @@ Arguments Parse(int argc, char** argv) {
       options.clients = static_cast<unsigned>(std::atoi(argv[i]));
     else if (name == "--active")
       options.active = static_cast<unsigned>(std::atoi(argv[i]));
+    else if (name == "--snapshots")
+      options.snapshotMs = static_cast<unsigned>(std::atoi(argv[i]));
     else if (name == "--dir")
       options.dir = argv[i];
     else if (name == "--child")
@@ -346,16 +358,20 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     std::printf(", \"clients\": %u, \"active\": %u, \"rate\": %.0f", options.clients,
                 options.active, static_cast<double>(received.messages) / received.seconds);
     if (received.idleBytes != 0)
-      std::printf(", \"bytes_per_connection\": %llu",
-                  static_cast<unsigned long long>(received.idleBytes));
+      std::printf(", \"bytes_per_connection\": %llu, \"connect_seconds\": %.3f",
+                  static_cast<unsigned long long>(received.idleBytes),
+                  sending.GetMeasured().connectSeconds);
     PrintSide("sender", sending.GetMeasured(), options.count);
     PrintSide("receiver", received, options.count);
   } else {
     RoundTrips trips(options);
     peer.ask(options, control, trips);
-    std::printf(", \"p50_us\": %.2f, \"p99_us\": %.2f", trips.Percentile(0.5),
-                trips.Percentile(0.99));
-    PrintSide("asker", trips.GetMeasured(), options.count);
+    const Measured& measured = trips.GetMeasured();
+    std::printf(", \"p50_us\": %.2f, \"p90_us\": %.2f, \"p99_us\": %.2f, \"p99_9_us\": %.2f",
+                trips.Percentile(0.5), trips.Percentile(0.9), trips.Percentile(0.99),
+                trips.Percentile(0.999));
+    std::printf(", \"rate\": %.1f", static_cast<double>(measured.messages) / measured.seconds);
+    PrintSide("asker", measured, options.count);
   }
   std::printf("}\n");
   std::fflush(stdout);
@@ -367,6 +383,7 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
 
 int Main(int argc, char** argv, const Peer& peer) {
   auto [options, childFd] = Parse(argc, argv);
+  if (options.mode == "oneway" && peer.send == nullptr) Usage(argv[0]);
   // Whatever hangs ends: by the signal, and the other process by the end of the control socket.
   ::alarm(static_cast<unsigned>(options.seconds * 3) + 30);
   if (options.count) StartCounting();

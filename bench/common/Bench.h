@@ -14,15 +14,18 @@
 namespace bench {
 
 struct Options {
-  std::string mode;       // "oneway" or "pingpong"
-  std::size_t size = 64;  // of a message, without any header
-  double seconds = 1.0;   // measured; a fifth of it comes before, unmeasured
-  unsigned spinUs = 0;    // how long a side that has nothing to do looks again before it sleeps
-  unsigned clients = 1;   // connections
-  unsigned active = 1;    // of these, those that send
-  bool count = false;     // allocations and system calls too
-  bool read = false;      // the receiver compares each byte; otherwise it looks at the beginning
-  std::string dir;        // of this run, for sockets
+  std::string mode;         // "oneway" or "pingpong"
+  std::size_t size = 64;    // of a message, without any header
+  double seconds = 1.0;     // measured; a fifth of it comes before, unmeasured
+  unsigned spinUs = 0;      // how long a side that has nothing to do looks again before it sleeps
+  unsigned clients = 1;     // connections
+  unsigned active = 1;      // of these, those that send
+  bool tcp = false;         // for the peers that have the choice: TCP instead of a Unix socket
+  bool resume = false;      // connections go on with what earlier ones have agreed on
+  bool count = false;       // allocations and system calls too
+  bool read = false;        // the receiver compares each byte; otherwise it looks at the beginning
+  unsigned snapshotMs = 0;  // how often a thread of each side takes its metrics; 0: never
+  std::string dir;          // of this run, for sockets
 };
 
 [[noreturn]] void Fail(const std::string& what);       // prints it and exits
@@ -37,6 +40,7 @@ struct Measured {
   double cpuSeconds = 0;
   std::uint64_t messages = 0;
   Counts counts;
+  double connectSeconds = 0;    // until everything was connected
   std::uint64_t idleBytes = 0;  // private memory that each connection added
 };
 
@@ -101,6 +105,7 @@ class Sending {
  private:
   Meter meter_;
   double seconds_;
+  double createdAt_ = Now();
   double beginAt_ = 0;
   std::uint64_t messages_ = 0;
   bool begun_ = false;
@@ -189,7 +194,8 @@ class RoundTrips {
 
 // --- programs ---
 
-// The four things that a program must be able to do; each returns when its part is over.
+// The four things that a program can do; each returns when its part is over. One that does not go
+// one way has null for the first two.
 struct Peer {
   const char* name;
   void (*receive)(const Options& options, const Control& control, Tally& tally);
@@ -200,7 +206,7 @@ struct Peer {
 };
 
 // usage: PROGRAM oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS] [--clients N]
-//                                [--active N] [--count]
+//                                [--active N] [--tcp] [--resume] [--count]
 // Prints one JSON object.
 int Main(int argc, char** argv, const Peer& peer);
 

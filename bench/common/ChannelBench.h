@@ -4,11 +4,13 @@
 
 #include <sys/resource.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWThread.h"
 #include "keelbase/CAWThreadManager.h"
+#include "zarn/utils/CZARNMetrics.h"
 #include "zarn/utils/zarnutils.h"
 
 namespace bench {
@@ -39,6 +42,17 @@ inline void AllowDescriptors() {
   ::setrlimit(RLIMIT_NOFILE, &descriptors);
 }
 
+// The thread ends with the process.
+inline void StartSnapshots(std::chrono::milliseconds interval) {
+  Check(zarn::utils::ZARNEnableMetrics(), "metrics");
+  std::thread([interval] {
+    for (;;) {
+      std::this_thread::sleep_for(interval);
+      zarn::utils::ZARNTakeMetrics();
+    }
+  }).detach();
+}
+
 inline CAWThread& StartLoop(const Options& options) {
   AllowDescriptors();
   std::filesystem::create_directory(options.dir + "/system");
@@ -48,6 +62,7 @@ inline CAWThread& StartLoop(const Options& options) {
   Check(manager->AdoptCurrentThread(CAWThreadManager::TT_NETWORK), "main thread");
   CAWThread* loop = manager->GetThread(CAWThreadManager::TT_NETWORK);
   loop->SetSpin(options.spinUs);
+  if (options.snapshotMs != 0) StartSnapshots(std::chrono::milliseconds(options.snapshotMs));
   return *loop;
 }
 
@@ -85,8 +100,8 @@ class ChannelBench {
   // What the connections of the receiving process have in common.
   class Reception {
    public:
-    Reception(const Options& options, Tally& tally, CAWThread& loop)
-        : options_(options), tally_(tally), loop_(loop), active_(options.active) {}
+    Reception(const Options& options, Tally& tally, std::function<void()> done)
+        : options_(options), tally_(tally), done_(std::move(done)), active_(options.active) {}
 
     // Memory is compared between one connection that has been used and all of them.
     void CountHello() {
@@ -98,13 +113,13 @@ class ChannelBench {
     }
 
     void CountLast() {
-      if (--active_ == 0) loop_.Stop();
+      if (--active_ == 0) done_();
     }
 
    private:
     const Options& options_;
     Tally& tally_;
-    CAWThread& loop_;
+    std::function<void()> done_;
     unsigned active_;
     unsigned hellos_ = 0;
     std::uint64_t bytesWithOne_ = 0;
@@ -132,15 +147,19 @@ class ChannelBench {
 
   static void Receive(const Options& options, const Control& control, Tally& tally) {
     CAWThread& loop = StartLoop(options);
-    Reception reception(options, tally, loop);
-    {
-      const Server server([&](Transport* transport) {
-        return std::make_unique<ReceivingChannel>(transport, reception, Incoming(options, tally));
-      });
-      control.SendReady();
-      loop.Run();
+    std::optional<Server> server;
+    // In a turn of the loop, which writes what the ends of connections still have to say.
+    const auto finish = [&] {
       control.SendReport(tally.meter.measured);
-    }
+      server.reset();
+      loop.Stop();
+    };
+    Reception reception(options, tally, [&] { loop.Post(finish); });
+    server.emplace([&](Transport* transport) {
+      return std::make_unique<ReceivingChannel>(transport, reception, Incoming(options, tally));
+    });
+    control.SendReady();
+    loop.Run();
     control.WaitForParent();
   }
 

@@ -37,6 +37,10 @@ def make_cases():
                           side_by_side(("zarn", "raw"), "pingpong", size, *SPIN),
                           [("raw", "at most", 1.5)]))
     cases += make_client_cases()
+    program = [PROGRAMS["zarn"], "oneway", "--size", "64"]
+    cases.append(Case("one way 64 B, a snapshot of the metrics every 10 ms", RATE,
+                      {"zarn": [*program, "--snapshots", "10"], "without": program},
+                      [("without", "at least", 0.95)]))
     return cases
 
 

@@ -3,9 +3,13 @@
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
+import threading
 import unittest
+
+from http_servers import ScriptServer, answer
 
 LIMIT = 20  # seconds that one step may take
 
@@ -58,6 +62,55 @@ class Examples(unittest.TestCase):
         self.assertEqual(server.returncode, 0)
         self.assertEqual(os.listdir(os.path.join(self.root, "system/zarn/shmipc")), [])
 
+    def serve_tcp(self):
+        server = self.start("tcp_echo", "serve", "127.0.0.1", "0")
+        line = server.stdout.readline()
+        self.assertRegex(line, r"^listening at port [1-9]\d*\n$")
+        return server, int(line.split()[-1])
+
+    def test_tcp_carries_lines_to_clients_that_are_ours_or_not(self):
+        server, port = self.serve_tcp()
+        ask = ("tcp_echo", "ask", "127.0.0.1", str(port), "1000")
+        output, errors = self.start(*ask).communicate(timeout=LIMIT)
+        self.assertRegex(output, r"^1000 answers in [0-9.]+ s\n$")
+        self.assertEqual(errors, "")
+        lines = b"".join(b"%d\n" % number * (number % 50) for number in range(2000))
+        with socket.create_connection(("127.0.0.1", port), LIMIT) as plain:
+            sender = threading.Thread(target=plain.sendall, args=(lines + b"half a line",))
+            sender.start()
+            received = b""
+            while len(received) < len(lines):
+                received += plain.recv(1 << 16)
+            sender.join()
+            self.assertEqual(received, lines)
+        second = self.start("tcp_echo", "serve", "127.0.0.1", str(port))
+        self.assertIn("cannot listen: Address already in use", second.communicate(timeout=LIMIT)[1])
+        self.assertEqual(server.communicate(timeout=LIMIT), ("", ""))
+        self.assertEqual(server.returncode, 0)
+        output, errors = self.start(*ask).communicate(timeout=LIMIT)
+        self.assertEqual((output, errors), (
+            "", "tcp_echo: 1000 answers are missing: Connection refused\n"))
+
+    def test_tcp_ends_a_client_whose_line_does_not_end(self):
+        server, port = self.serve_tcp()
+        with socket.create_connection(("127.0.0.1", port), LIMIT) as plain:
+            plain.sendall(b"x" * 65535)
+            self.assertEqual(plain.recv(1), b"")
+        self.assertIsNone(server.poll())
+
+    def test_pseudo_tcp_carries_lines(self):
+        server = self.start("ptcp_echo", "serve", "127.0.0.1", "0")
+        port = server.stdout.readline().split()[-1]
+        ask = ("ptcp_echo", "ask", "127.0.0.1", port, "1000")
+        output, errors = self.start(*ask).communicate(timeout=LIMIT)
+        self.assertRegex(output, r"^1000 answers in [0-9.]+ s\n$")
+        self.assertEqual(errors, "")
+        self.assertEqual(server.communicate(timeout=LIMIT), ("", ""))
+        self.assertEqual(server.returncode, 0)
+        output, errors = self.start(*ask).communicate(timeout=LIMIT)
+        self.assertEqual((output, errors), (
+            "", "ptcp_echo: 1000 answers are missing: Connection refused\n"))
+
     def test_client_that_comes_first_finds_the_server_later(self):
         client = self.start("echo_client", "3", "4", "1", "2", "early")
         self.assertEqual(client.stdout.readline(), "not connected: No such file or directory\n")
@@ -82,6 +135,17 @@ class Examples(unittest.TestCase):
         self.assertEqual(output.splitlines(), [
             "calculator: ready", "asker: 7 * 7 = 49", "asker: 12 * 12 = 144", "asker: -3 * -3 = 9",
             "calculator: over"])
+
+    def test_json_is_posted_and_the_answer_printed(self):
+        server = ScriptServer(lambda connection, request: connection.sendall(
+            answer(b"got " + request.body, "201 Created")))
+        self.addCleanup(server.stop)
+        output, errors = self.start("post_json", server.url("/orders"), '{"id": 7}').communicate(
+            timeout=LIMIT)
+        self.assertEqual((output, errors), ('201\ngot {"id": 7}\n', ""))
+        refused = self.start("post_json", "http://127.0.0.1:1/zarn/tcpchannel", "{}")
+        self.assertEqual(refused.communicate(timeout=LIMIT)[1], "post_json: Connection refused\n")
+        self.assertEqual(refused.returncode, 1)
 
 
 if __name__ == "__main__":

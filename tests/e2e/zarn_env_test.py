@@ -13,7 +13,8 @@ class Env(ToolTest):
 
     def test_a_good_root(self):
         found = self.directories(0)
-        self.assertEqual(list(found), ["root", "system", "zarn", "ipc", "shmipc", "bin", "libs", "logs", "config"])
+        self.assertEqual(list(found), ["root", "system", "zarn", "ipc", "shmipc", "stat", "bin", "libs",
+                                       "logs", "config"])
         self.assertEqual([found[name]["state"] for name in ("root", "system", "ipc", "logs")],
                          ["ok", "ok", "missing", "missing"])
         self.assertEqual(found["ipc"]["path"], str(self.root) + "/system/zarn/ipc")

@@ -121,7 +121,7 @@ class Completion(ToolTest):
         return result.stdout.split()
 
     def test_subcommands(self):
-        self.assertEqual(self.complete("zarn", "s"), ["serve", "send", "shm"])
+        self.assertEqual(self.complete("zarn", "s"), ["serve", "send", "stat", "shm"])
 
     def test_options_of_a_subcommand(self):
         offered = self.complete("zarn", "ping", "--")
@@ -149,6 +149,7 @@ class Completion(ToolTest):
         self.serve()
         self.leave_stale("3_4")
         self.assertEqual(self.complete("zarn", "ping", "ip"), ["ipc://1_2"])
+        self.assertEqual(self.complete("zarn", "stat", ""), ["all", "1_2"])
 
 
 if __name__ == "__main__":

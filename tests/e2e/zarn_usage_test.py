@@ -6,7 +6,7 @@ import unittest
 
 from zarn_tool import ToolTest
 
-SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "env", "log")
+SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "stat", "env", "log")
 STORES = ("db", "kv", "shm")
 WITH_URL = ("serve", "send", "ping", "bench")
 

@@ -11,18 +11,17 @@ import tempfile
 import unittest
 from pathlib import Path
 
-LIBRARIES = ("keelbase", "fipc", "fshmipc", "zarnutils")
-PUBLIC_HEADERS = ("include", "platform/keelbase/include", "platform/fipc/include",
-                  "platform/fshmipc/include")
+LIBRARIES = ("keelbase", "fipc", "fshmipc", "wface", "sslutils", "shttp", "ptcp", "sslptcp", "zarnutils")
+PUBLIC_HEADERS = ("include", *(f"platform/{name}/include" for name in LIBRARIES[:-1]))
 OPTIONS = argparse.Namespace()
 
 # A mangled name up to its first namespace: what kind of special name it is (a vtable, a type's
 # description, a guard, a thunk), whether it is local to a function, qualifiers.
 MANGLED_HEAD = r"_Z(?:T[VTIS]|G[VR]|Th?n?\d+_|Tvn?\d+_n?\d+_|Tch?[n\d_]*)?Z*(?:N[rVKRO]*)?"
-OURS = re.compile(MANGLED_HEAD + r"(?:4zarn|8keelbase|4fipc|7fshmipc)")
+OURS = re.compile(MANGLED_HEAD + r"(?:4zarn|8keelbase|4fipc|7fshmipc|5wface|8sslutils|5shttp|4ptcp|7sslptcp)")
 # Templates of the standard library over any type are emitted weak wherever they are used.
 STANDARD = re.compile(MANGLED_HEAD + r"(?:S[tabsiod]|9__gnu_cxx)")
-OURS_INSIDE = re.compile(r"(?:4zarn|8keelbase|4fipc|7fshmipc)")
+OURS_INSIDE = re.compile(r"(?:4zarn|8keelbase|4fipc|7fshmipc|5wface|8sslutils|5shttp|4ptcp|7sslptcp)")
 
 
 def run(*command, cwd=None, env=None):

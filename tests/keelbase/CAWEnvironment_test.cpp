@@ -75,6 +75,8 @@ bool CopyFindsItself(const fs::path& directory, const CAWString& home) {
   const CAWString program = (directory / "program").string();
   fs::copy_file(fs::read_symlink("/proc/self/exe"), program);
   const ScopedEnv expected(kExpectedHome, home);
+  const ScopedEnv oneShard("GTEST_TOTAL_SHARDS", "1");
+  const ScopedEnv firstShard("GTEST_SHARD_INDEX", "0");
   CAWString name = "a name that is not the file's";
   CAWString filter = "--gtest_filter=CAWEnvironment.ProgramKnowsItsNameAndHome";
   char* arguments[] = {name.data(), filter.data(), nullptr};

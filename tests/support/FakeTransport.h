@@ -81,8 +81,9 @@ class ScriptedTransport : public FakeCounted<typename Platform::Transport> {
   std::vector<std::size_t> offered;  // chained length of each SendData
   std::vector<Segment> segments;     // the blocks of the last SendData, as they were offered
   bool sendParameterWasNull = true;
-  std::vector<long> disconnects;  // the reasons
-  std::string lingerData;         // what AW_OPT_LINGER_DATA handed over
+  std::vector<typename Platform::Parameter*> sendParameters;  // of each SendData
+  std::vector<long> disconnects;                              // the reasons
+  std::string lingerData;                                     // what AW_OPT_LINGER_DATA handed over
   int lingerCalls = 0;
   std::vector<bool> stopReading;  // every AW_OPT_STOP_READING
 
@@ -124,6 +125,7 @@ class ScriptedTransport : public FakeCounted<typename Platform::Transport> {
     for (const auto* block = &data; block != nullptr; block = block->GetNext())
       segments.push_back({block->GetReadPtr(), block->GetLength()});
     sendParameterWasNull = sendParameterWasNull && parameter == nullptr;
+    sendParameters.push_back(parameter);
     SendStep step;
     if (!sendScript.empty()) {
       step = sendScript.front();
@@ -162,14 +164,14 @@ class ScriptedTransport : public FakeCounted<typename Platform::Transport> {
   Sink* sink_ = nullptr;
 };
 
+// All of a connector but the parameters of its AsyncConnect.
 template <class Platform>
-class ScriptedConnector final : public FakeCounted<typename Platform::Connector> {
+class ConnectorScript : public FakeCounted<typename Platform::Connector> {
  public:
   using Address = typename Platform::Address;
   using Sink = typename Platform::ConnectSink;
 
-  explicit ScriptedConnector(CallLog* log = nullptr)
-      : FakeCounted<typename Platform::Connector>(log) {}
+  explicit ConnectorScript(CallLog* log) : FakeCounted<typename Platform::Connector>(log) {}
 
   keelbase::AWResult connectResult = keelbase::AW_OK;
 
@@ -178,27 +180,14 @@ class ScriptedConnector final : public FakeCounted<typename Platform::Connector>
   Address peer;
   Address local;
   bool hadLocal = false;
-  std::uint32_t parameter = 99;
 
   bool IsPending() const { return sink_ != nullptr; }
 
   // Delivers the one indication, unless it was cancelled.
   void Complete(long reason, typename Platform::Transport* transport) {
-    const keelbase::CAWAutoPtr<ScriptedConnector> self(this);
+    const keelbase::CAWAutoPtr<ConnectorScript> self(this);
     if (auto* sink = std::exchange(sink_, nullptr))
       Platform::Indicate(*sink, reason, transport, this);
-  }
-
-  keelbase::AWResult AsyncConnect(Sink* sink, const Address& to, std::uint32_t extra,
-                                  const Address* from) override {
-    this->Note("connector.AsyncConnect");
-    ++connects;
-    peer = to;
-    hadLocal = from != nullptr;
-    local = hadLocal ? *from : Address();
-    parameter = extra;
-    if (connectResult == keelbase::AW_OK) sink_ = sink;
-    return connectResult;
   }
 
   keelbase::AWResult CancelConnect() override {
@@ -208,10 +197,37 @@ class ScriptedConnector final : public FakeCounted<typename Platform::Connector>
     return keelbase::AW_OK;
   }
 
-  keelbase::AWResult SetOption(int, void*) override { return keelbase::AW_ERROR_FAILURE; }
+ protected:
+  keelbase::AWResult Start(Sink* sink, const Address& to, const Address* from) {
+    this->Note("connector.AsyncConnect");
+    ++connects;
+    peer = to;
+    hadLocal = from != nullptr;
+    local = hadLocal ? *from : Address();
+    if (connectResult == keelbase::AW_OK) sink_ = sink;
+    return connectResult;
+  }
 
  private:
   Sink* sink_ = nullptr;
+};
+
+// The connectors of local transports; others are specialised beside their Platform.
+template <class Platform>
+class ScriptedConnector final : public ConnectorScript<Platform> {
+ public:
+  using Address = typename Platform::Address;
+
+  explicit ScriptedConnector(CallLog* log = nullptr) : ConnectorScript<Platform>(log) {}
+
+  std::uint32_t parameter = 99;
+
+  keelbase::AWResult AsyncConnect(typename Platform::ConnectSink* sink, const Address& to,
+                                  std::uint32_t extra, const Address* from) override {
+    parameter = extra;
+    return this->Start(sink, to, from);
+  }
+  keelbase::AWResult SetOption(int, void*) override { return keelbase::AW_ERROR_FAILURE; }
 };
 
 template <class Platform>

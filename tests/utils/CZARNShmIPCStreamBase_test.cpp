@@ -6,13 +6,13 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "Blocks.h"
 #include "NetworkThread.h"
 #include "RecordingStream.h"
+#include "StoredSize.h"
 #include "TraceLines.h"
 
 namespace zarn::test {
@@ -47,42 +47,9 @@ class CZARNShmIPCStreamBaseRules : public ::testing::Test, public StreamFixture<
 
 // --- accessors ---
 
-// The sizes are kept and nothing more, so that only the object's own bytes show them.
-class StoredSize {
- public:
-  template <class Set>
-  StoredSize(const utils::CZARNShmIPCStreamBase& stream, Set set) : stream_(stream) {
-    const auto before = Words();
-    set(kMark);
-    const auto after = Words();
-    for (std::size_t i = 0; i < before.size(); ++i) {
-      if (before[i] == after[i]) continue;
-      EXPECT_EQ(before[i], 32768U);
-      EXPECT_EQ(after[i], kMark);
-      at_ = i;
-      ++changes_;
-    }
-    EXPECT_EQ(changes_, 1);
-  }
-  std::uint32_t Get() const { return Words().at(at_); }
-
- private:
-  static constexpr std::uint32_t kMark = 100;
-
-  std::vector<std::uint32_t> Words() const {
-    std::vector<std::uint32_t> words(sizeof stream_ / sizeof(std::uint32_t));
-    std::memcpy(words.data(), static_cast<const void*>(&stream_), sizeof stream_);
-    return words;
-  }
-
-  const utils::CZARNShmIPCStreamBase& stream_;
-  std::size_t at_ = 0;
-  int changes_ = 0;
-};
-
 TEST_F(CZARNShmIPCStreamBaseRules, ReceiveBufferSizeIsStoredUpTo32768) {
   const auto set = [&](std::uint32_t size) { stream->SetRcvBufferSize(size); };
-  const StoredSize stored(*stream, set);  // has set 100
+  const StoredSize stored(*stream, set, 32768);  // has set 100
   for (const std::uint32_t size : {65536U, 32769U, 0xFFFFFFFFU, 32768U}) {
     set(0);
     EXPECT_EQ(stored.Get(), 0U);
@@ -95,7 +62,7 @@ TEST_F(CZARNShmIPCStreamBaseRules, ReceiveBufferSizeIsStoredUpTo32768) {
 
 TEST_F(CZARNShmIPCStreamBaseRules, SendBufferSizeIsStoredAsItIs) {
   const auto set = [&](std::uint32_t size) { stream->SetSendBufferSize(size); };
-  const StoredSize stored(*stream, set);
+  const StoredSize stored(*stream, set, 32768);
   for (const std::uint32_t size : {0U, 65536U, 0xFFFFFFFFU}) {
     set(size);
     EXPECT_EQ(stored.Get(), size);

@@ -15,8 +15,13 @@
 
 #include "FakeIpc.h"
 #include "FakeShmIpc.h"
+#include "FakeTcp.h"
+#include "FakeTls.h"
+#include "zarn/utils/CSSLPTCPSessionBase.h"
 #include "zarn/utils/CZARNIPCStreamBase.h"
+#include "zarn/utils/CZARNSSLTCPSessionBase.h"
 #include "zarn/utils/CZARNShmIPCStreamBase.h"
+#include "zarn/utils/CZARNTCPSessionBase.h"
 
 namespace zarn::test {
 
@@ -97,6 +102,35 @@ class RecordingShmStream : public StreamRecorder<utils::CZARNShmIPCStreamBase> {
   }
 };
 
+// A session with the accessors that the other streams have.
+template <class Session>
+class SessionRecorder : public StreamRecorder<Session> {
+ public:
+  using StreamRecorder<Session>::StreamRecorder;
+
+  bool IsClosed() { return this->IsClose(); }
+  const keelbase::CAWInetAddr& GetPeerAddr() const { return *Session::GetPeerAddr(); }
+  const keelbase::CAWInetAddr& GetLocalAddr() const { return *Session::GetLocalAddr(); }
+};
+
+using RecordingTcpSession = SessionRecorder<utils::CZARNTCPSessionBase>;
+using RecordingTlsSession = SessionRecorder<utils::CZARNSSLTCPSessionBase>;
+
+class RecordingSslPtcpSession : public SessionRecorder<utils::CSSLPTCPSessionBase> {
+ public:
+  using SessionRecorder::SessionRecorder;
+
+  // As the other streams send.
+  using SessionRecorder::SendMessage;
+  keelbase::AWResult SendMessage(keelbase::CAWMessageBlock& data) override { return SendMsg(data); }
+  virtual keelbase::AWResult SendMsg(keelbase::CAWMessageBlock& data) {
+    return SessionRecorder::SendMessage(data);
+  }
+  keelbase::AWResult SendMsg(const char* data, std::size_t length) {
+    return SendMessage(data, length);
+  }
+};
+
 // --- a stream class, its fakes, and where its rules differ from the others' ---
 
 struct OverIpc {
@@ -106,6 +140,10 @@ struct OverIpc {
   using Transport = FakeTransport;
   using Manager = FakeManager;
 
+  static constexpr const char* kDirectTrace = "CAWTCPSessionBase";
+  static constexpr bool kAdvancesReceived = true;
+  static constexpr bool kDestructorCancels = true;
+  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
   static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
   static std::string FailedConnect(long reason) {
@@ -113,6 +151,9 @@ struct OverIpc {
   }
   static keelbase::CAWIPCAddr Endpoint(std::uint16_t number) {
     return keelbase::CAWIPCAddr("/ipc/" + std::to_string(number));
+  }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    EXPECT_EQ(connector.parameter, 0U);
   }
 };
 
@@ -123,15 +164,92 @@ struct OverShm {
   using Transport = FakeShmTransport;
   using Manager = FakeShmManager;
 
+  static constexpr bool kAdvancesReceived = true;
+  static constexpr bool kDestructorCancels = true;
+  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_FAILURE;
   static constexpr const char* kClosedByHandler = "OnClose";
   static std::string FailedConnect(long reason) {
     return "OnConnectFailure(" + std::to_string(reason) + ")";
   }
   static fshmipc::CAWShmIPCAddr Endpoint(std::uint16_t number) { return {number, 7}; }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    EXPECT_EQ(connector.parameter, 0U);
+  }
 };
 
-using StreamWorlds = ::testing::Types<OverIpc, OverShm>;
+struct OverTcp {
+  static constexpr const char* kName = "CZARNTCPSessionBase";
+  using Platform = Tcp;
+  using Stream = RecordingTcpSession;
+  using Transport = FakeTcpTransport;
+  using Manager = FakeTcpManager;
+
+  static constexpr const char* kDirectTrace = "CZARNTCPSessionBase";
+  static constexpr bool kAdvancesReceived = false;
+  static constexpr bool kDestructorCancels = false;
+  static constexpr bool kCloseCancels = true;
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
+  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
+  static std::string FailedConnect(long reason) {
+    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  }
+  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    ASSERT_TRUE(connector.timeout.has_value());
+    EXPECT_EQ(*connector.timeout, keelbase::CAWTimeValue(3, 0));
+  }
+};
+
+struct OverTls {
+  static constexpr const char* kName = "CZARNSSLTCPSessionBase";
+  using Platform = Tls;
+  using Stream = RecordingTlsSession;
+  using Transport = FakeTlsTransport;
+  using Manager = FakeTlsManager;
+
+  static constexpr const char* kDirectTrace = "CZARNSSLTCPSessionBase";
+  static constexpr bool kAdvancesReceived = false;
+  static constexpr bool kDestructorCancels = false;
+  static constexpr bool kCloseCancels = true;
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
+  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
+  static std::string FailedConnect(long reason) {
+    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  }
+  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    EXPECT_EQ(connector.verify, 1);
+    EXPECT_FALSE(connector.hadServerName);
+  }
+};
+
+struct OverSslPtcp {
+  static constexpr const char* kName = "CSSLPTCPSessionBase";
+  using Platform = Tls;
+  using Stream = RecordingSslPtcpSession;
+  using Transport = FakeTlsTransport;
+  using Manager = FakeSslPtcpManager;
+
+  static constexpr const char* kDirectTrace = "CSSLPTCPSessionBase";
+  static constexpr bool kAdvancesReceived = false;
+  static constexpr bool kDestructorCancels = true;
+  static constexpr bool kCloseCancels = false;
+  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
+  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
+  static std::string FailedConnect(long reason) {
+    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  }
+  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void ExpectConnectParameter(const Manager::Connector& connector) {
+    EXPECT_FALSE(connector.hadServerName);
+  }
+};
+
+using StreamWorlds = ::testing::Types<OverIpc, OverShm, OverTcp, OverTls, OverSslPtcp>;
+
+// The streams that advance the caller's block, and take blocks directly.
+using AdvancingWorlds = ::testing::Types<OverIpc, OverTcp, OverTls, OverSslPtcp>;
 
 // Typed tests are called after the class that they run over.
 struct WorldNames {

@@ -106,7 +106,7 @@ bool Bench::SendOne() {
     ++underWay_;
     return true;
   }
-  Complain("{}: cannot send: {}", GetUrl(), keelbase::DescribeResult(static_cast<long>(result)));
+  Complain("{}: cannot send: {}", GetUrl(), DescribeReason(static_cast<long>(result)));
   Finish(kFailed);
   return false;
 }

@@ -14,7 +14,7 @@ ClientCommand::ClientCommand(const ClientOptions& options)
 
 int ClientCommand::Run() {
   const Endpoint& endpoint = options_.endpoint;
-  link_ = endpoint.scheme->makeClient(endpoint.address, options_.own, *this);
+  link_ = endpoint.scheme->makeClient(endpoint, options_.own, *this);
   if (const std::string problem = link_->Start(); !problem.empty()) {
     Complain("{}", problem);
     return kFailed;
@@ -39,9 +39,18 @@ void ClientCommand::OnDown(long reason) {
   lastReason_ = link_->Explain(reason);
   const bool wasUp = up_;
   up_ = false;
+  if (!heard_ && link_->IsFinal(reason)) {
+    Complain("{}: {}", GetUrl(), lastReason_);
+    return Finish(kFailed);
+  }
   if (!wasUp) return;
   lostAt_ = Clock::now();
   Lost(lastReason_);
+}
+
+void ClientCommand::OnMessage(const Message& message) {
+  heard_ = true;
+  Received(message);
 }
 
 void ClientCommand::GiveUp() {

@@ -47,7 +47,7 @@ class ClientCommand : private ClientSink {
  private:
   void OnUp() override;
   void OnDown(long reason) override;
-  void OnMessage(const Message& message) override { Received(message); }
+  void OnMessage(const Message& message) override;
   void OnRoom() override { Room(); }
   void GiveUp();
 
@@ -59,6 +59,7 @@ class ClientCommand : private ClientSink {
   std::string lastReason_ = "no answer to the connect";
   bool up_ = false;
   bool begun_ = false;
+  bool heard_ = false;  // the peer has sent something
   Clock::time_point lostAt_;
 };
 

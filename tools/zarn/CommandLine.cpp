@@ -3,6 +3,9 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <vector>
+
+#include "Link.h"
 
 namespace zarn::tool {
 
@@ -13,6 +16,46 @@ constexpr const char* kExitCodes =
 
 constexpr double kMaxSeconds = 1e6;
 
+constexpr const char* kTlsOptions = "Options for tls:// and ptls:// endpoints";
+
+std::vector<CLI::Option*> AddIdentity(CLI::App& command, Security& security) {
+  CLI::Option* key = command.add_option("--key", security.key, "the own private key, PEM");
+  CLI::Option* certificate =
+      command.add_option("--cert", security.certificate,
+                         "the own certificate, PEM, and those between it and the root");
+  for (CLI::Option* option : {key, certificate}) option->type_name("FILE")->group(kTlsOptions);
+  key->needs(certificate);
+  certificate->needs(key);
+  return {key, certificate};
+}
+
+void RefuseUnlessSecured(const Endpoint& endpoint, const std::vector<CLI::Option*>& options) {
+  if (endpoint.scheme == nullptr || endpoint.scheme->isSecured) return;
+  for (const CLI::Option* option : options) {
+    if (option->count() != 0)
+      throw CLI::ValidationError(option->get_name(), "is for tls:// and ptls:// endpoints only");
+  }
+}
+
+void AddClientSecurity(CLI::App& command, Endpoint& endpoint) {
+  Security& security = endpoint.security;
+  std::vector<CLI::Option*> options = AddIdentity(command, security);
+  options.push_back(
+      command
+          .add_option("--ca", security.authorities,
+                      "certificates of authorities to trust besides the system's, PEM")
+          ->type_name("FILE")
+          ->group(kTlsOptions));
+  options.push_back(
+      command
+          .add_option("--server-name", security.serverName,
+                      "the name that the server's certificate must be for; by default "
+                      "the host of the url")
+          ->type_name("NAME")
+          ->group(kTlsOptions));
+  command.parse_complete_callback([&endpoint, options] { RefuseUnlessSecured(endpoint, options); });
+}
+
 }  // namespace
 
 int RunCommandLine(int argc, char** argv) {
@@ -21,7 +64,8 @@ int RunCommandLine(int argc, char** argv) {
   app.footer(
       std::string("Endpoints are urls: ipc://1_2 is endpoint 1_2 over local IPC, shm://1_2 over "
                   "shared memory, both below the install root, which the environment "
-                  "variable ZARN_ROOT names.\n") +
+                  "variable ZARN_ROOT names; tcp://host:7000 is a port over TCP, tls://host:7443 "
+                  "one over TLS; ptcp:// and ptls:// are the same over pseudo-TCP.\n") +
       "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
@@ -32,11 +76,13 @@ int RunCommandLine(int argc, char** argv) {
   AddPing(app, action);
   AddBench(app, action);
   AddLs(app, action);
+  AddStat(app, action);
   AddEnv(app, action);
   AddLog(app, action);
   AddDb(app, action);
   AddKv(app, action);
   AddShm(app, action);
+  AddRest(app, action);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -49,7 +95,7 @@ void AddUrl(CLI::App& command, Endpoint& endpoint) {
   command
       .add_option_function<std::string>(
           "URL", [&endpoint](const std::string& text) { ParseEndpoint(text, endpoint); },
-          "the endpoint, as ipc://1_2 or shm://1_2")
+          "the endpoint, as ipc://1_2, shm://1_2, tcp://host:7000 or tls://host:7443")
       ->check(CLI::Validator(
           [](const std::string& text) {
             Endpoint parsed;
@@ -57,6 +103,22 @@ void AddUrl(CLI::App& command, Endpoint& endpoint) {
           },
           ""))
       ->required();
+}
+
+void AddServerSecurity(CLI::App& command, Endpoint& endpoint) {
+  Security& security = endpoint.security;
+  std::vector<CLI::Option*> options = AddIdentity(command, security);
+  options.push_back(
+      command
+          .add_option("--client-ca", security.clientAuthorities,
+                      "refuse clients without a certificate of one of these authorities")
+          ->type_name("FILE")
+          ->group(kTlsOptions));
+  command.parse_complete_callback([&endpoint, options] {
+    RefuseUnlessSecured(endpoint, options);
+    if (endpoint.scheme->isSecured && endpoint.security.certificate.empty())
+      throw CLI::ValidationError(endpoint.GetUrl(), "needs --key and --cert: clients ask for them");
+  });
 }
 
 void AddOwnPair(CLI::App& command, Pair& own) {
@@ -97,6 +159,7 @@ void SetExamples(CLI::App& command, const std::string& examples) {
 
 void AddClientOptions(CLI::App& command, ClientOptions& options) {
   AddUrl(command, options.endpoint);
+  AddClientSecurity(command, options.endpoint);
   AddOwnPair(command, options.own);
   AddSeconds(command, "--timeout", options.timeout, 0, kMaxSeconds,
              "how long to wait for the peer to be there, and for an answer; 0 for ever");

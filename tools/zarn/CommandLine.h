@@ -22,15 +22,18 @@ void AddSend(CLI::App& app, Action& action);
 void AddPing(CLI::App& app, Action& action);
 void AddBench(CLI::App& app, Action& action);
 void AddLs(CLI::App& app, Action& action);
+void AddStat(CLI::App& app, Action& action);
 void AddEnv(CLI::App& app, Action& action);
 void AddLog(CLI::App& app, Action& action);
 void AddDb(CLI::App& app, Action& action);
 void AddKv(CLI::App& app, Action& action);
 void AddShm(CLI::App& app, Action& action);
+void AddRest(CLI::App& app, Action& action);
 
 // --- options that several subcommands take; a value that is not good is a usage error ---
 
 void AddUrl(CLI::App& command, Endpoint& endpoint);
+void AddServerSecurity(CLI::App& command, Endpoint& endpoint);
 void AddOwnPair(CLI::App& command, Pair& own);
 void AddJson(CLI::App& command, bool& json);
 void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,

@@ -9,8 +9,6 @@
 
 namespace zarn::tool {
 
-namespace {
-
 std::optional<std::uint16_t> ParseNumber(std::string_view text) {
   std::uint16_t number = 0;
   const char* end = text.data() + text.size();
@@ -19,8 +17,6 @@ std::optional<std::uint16_t> ParseNumber(std::string_view text) {
   if (text.size() > 1 && text[0] == '0') return std::nullopt;
   return number;
 }
-
-}  // namespace
 
 std::optional<Pair> ParsePair(std::string_view text) {
   const std::size_t middle = text.find('_');
@@ -38,13 +34,17 @@ std::string Endpoint::GetUrl() const { return fmt::format("{}://{}", scheme->nam
 std::string ParseEndpoint(const std::string& text, Endpoint& endpoint) {
   const std::size_t end = text.find("://");
   if (end == std::string::npos)
-    return fmt::format("'{}' is not a url; endpoints are written as ipc://1_2 or shm://1_2", text);
+    return fmt::format(
+        "'{}' is not a url; endpoints are written as ipc://1_2, shm://1_2, tcp://host:7000 or "
+        "tls://host:7443",
+        text);
   const Scheme* scheme = FindScheme(std::string_view(text).substr(0, end));
   if (scheme == nullptr)
     return fmt::format("'{}': unknown scheme; there is {}", text, ListSchemes());
   const std::string address = text.substr(end + 3);
   if (!scheme->isAddress(address)) return fmt::format("'{}': the form is {}", text, scheme->form);
-  endpoint = {scheme, address};
+  endpoint.scheme = scheme;
+  endpoint.address = address;
   return {};
 }
 

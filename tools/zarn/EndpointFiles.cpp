@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -42,10 +43,15 @@ EndpointState Probe(int directory, const std::string& name) {
   return errno == ECONNREFUSED ? EndpointState::stale : EndpointState::unknown;
 }
 
+bool IsNamedRightly(const EndpointFile& file) {
+  if (file.scheme == "stat") return ParseProcess(file.name).has_value();
+  return ParsePair(file.name).has_value();
+}
+
 // False when there is no such file any more.
 bool Examine(int directory, EndpointFile& file) {
   if (::fstatat(directory, file.name.c_str(), &file.status, AT_SYMLINK_NOFOLLOW) != 0) return false;
-  const bool endpoint = S_ISSOCK(file.status.st_mode) && ParsePair(file.name);
+  const bool endpoint = S_ISSOCK(file.status.st_mode) && IsNamedRightly(file);
   file.state = endpoint ? Probe(directory, file.name) : EndpointState::foreign;
   return true;
 }
@@ -53,7 +59,8 @@ bool Examine(int directory, EndpointFile& file) {
 void SortByNumber(std::vector<EndpointFile>& files) {
   const auto key = [](const EndpointFile& file) {
     const auto pair = ParsePair(file.name);
-    return std::tuple(!pair, pair ? pair->first : 0, pair ? pair->second : 0, file.name);
+    const pid_t process = ParseProcess(file.name).value_or(0);
+    return std::tuple(!pair, pair ? pair->first : 0, pair ? pair->second : 0, process, file.name);
   };
   std::sort(files.begin(), files.end(),
             [&](const EndpointFile& a, const EndpointFile& b) { return key(a) < key(b); });
@@ -84,6 +91,13 @@ const char* ToText(EndpointState state) {
       break;
   }
   return "unknown";
+}
+
+std::optional<pid_t> ParseProcess(std::string_view text) {
+  pid_t process = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), process);
+  const bool good = error == std::errc() && end == text.data() + text.size() && process > 0;
+  return good && text[0] != '0' ? std::optional(process) : std::nullopt;
 }
 
 int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files) {

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zarn::tool {
@@ -27,8 +29,12 @@ struct EndpointFile {
   pid_t process = 0;  // of whoever listens; 0: unknown
 };
 
-// All that is in the directory of that scheme, sorted by number, without disturbing whoever
-// listens. Fails with an errno value; a directory that does not exist holds nothing.
+// A process number as a file of metrics bears it: decimal, without leading zeros.
+std::optional<pid_t> ParseProcess(std::string_view text);
+
+// All that is in the directory of that scheme (see GetEndpointDirectory), sorted by number, without
+// disturbing whoever listens. Fails with an errno value; a directory that does not exist holds
+// nothing.
 int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files);
 
 // Removes the stale ones that belong to our own user and marks them. Asks again with the directory

@@ -33,6 +33,7 @@ const Directory kDirectories[] = {
     {"zarn", "/system/zarn", Directory::madeOnDemand},
     {"ipc", "/system/zarn/ipc", Directory::madeOnDemand},
     {"shmipc", "/system/zarn/shmipc", Directory::madeOnDemand},
+    {"stat", "/system/zarn/stat", Directory::madeOnDemand},
     {"bin", "/bin", Directory::optional},
     {"libs", "/libs", Directory::optional},
     {"logs", "/logs", Directory::optional},

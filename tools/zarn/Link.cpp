@@ -2,12 +2,17 @@
 #include "Link.h"
 
 #include "IpcLink.h"
+#include "PtcpLink.h"
 #include "ShmLink.h"
+#include "TcpLink.h"
+#include "TlsLink.h"
+#include "sslutils/CAWSSLError.h"
 
 namespace zarn::tool {
 
 namespace {
-const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme};
+const Scheme* const kSchemes[] = {&kIpcScheme, &kShmScheme,  &kTcpScheme,
+                                  &kTlsScheme, &kPtcpScheme, &kPtlsScheme};
 }  // namespace
 
 const Scheme* FindScheme(std::string_view name) {
@@ -21,5 +26,7 @@ std::string ListSchemes() {
   for (const Scheme* scheme : kSchemes) list.append(list.empty() ? "" : ", ").append(scheme->form);
   return list;
 }
+
+std::string DescribeReason(long reason) { return sslutils::DescribeSSLResult(reason); }
 
 }  // namespace zarn::tool

@@ -45,6 +45,7 @@ class ClientLink {
   virtual std::size_t GetQueueLength() = 0;            // bytes that the system has not taken yet
   virtual void Close() = 0;                            // for good, also inside a callback
   virtual std::string Explain(long reason) const = 0;  // why there is no connection, in one line
+  virtual bool IsFinal(long /*reason*/) const { return false; }  // trying again will not help
 };
 
 // --- server side ---
@@ -52,8 +53,9 @@ class ClientLink {
 class ServerPeer {
  public:
   virtual const std::string& GetName() const = 0;  // printable, unique while the program runs
-  virtual std::int32_t GetProcess() const = 0;
+  virtual std::int32_t GetProcess() const = 0;     // 0: not known, and the user is not either
   virtual std::uint32_t GetUser() const = 0;
+  virtual std::string GetSubject() const { return {}; }  // of its certificate, which was checked
   virtual std::uint64_t GetMalformed() const = 0;
   virtual std::uint64_t GetMessages() const = 0;  // received, as are the bytes, headers included
   virtual std::uint64_t GetBytes() const = 0;
@@ -69,6 +71,7 @@ class ServerPeer {
 class ServerSink {
  public:
   virtual void OnPeer(ServerPeer& peer) = 0;
+  virtual void OnPeerRefused(long reason) = 0;                 // somebody who did not get so far
   virtual void OnPeerGone(ServerPeer& peer, long reason) = 0;  // the last that is heard of it
   virtual void OnMessage(ServerPeer& peer, const Message& message) = 0;
   virtual void OnListenFailed(long reason) = 0;
@@ -93,11 +96,14 @@ struct Scheme {
   std::string_view name;
   std::string_view form;  // how its urls are written, for messages
   bool (*isAddress)(std::string_view address);
-  std::unique_ptr<ClientLink> (*makeClient)(const std::string& address, Pair own, ClientSink& sink);
-  std::unique_ptr<ServerLink> (*makeServer)(const std::string& address, ServerSink& sink);
+  std::unique_ptr<ClientLink> (*makeClient)(const Endpoint& peer, Pair own, ClientSink& sink);
+  std::unique_ptr<ServerLink> (*makeServer)(const Endpoint& own, ServerSink& sink);
+  bool isSecured = false;  // Endpoint::security is for it
 };
 
 const Scheme* FindScheme(std::string_view name);  // null: there is none of that name
 std::string ListSchemes();
+
+std::string DescribeReason(long reason);  // of any scheme
 
 }  // namespace zarn::tool

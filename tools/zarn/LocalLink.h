@@ -230,14 +230,14 @@ class LocalServer final : public ServerLink {
 
 template <class Over>
 constexpr Scheme MakeLocalScheme(std::string_view form) {
-  return {
-      Over::kScheme, form, [](std::string_view address) { return ParsePair(address).has_value(); },
-      [](const std::string& address, Pair own, ClientSink& sink) -> std::unique_ptr<ClientLink> {
-        return std::make_unique<LocalClient<Over>>(*ParsePair(address), own, sink);
-      },
-      [](const std::string& address, ServerSink& sink) -> std::unique_ptr<ServerLink> {
-        return std::make_unique<LocalServer<Over>>(*ParsePair(address), sink);
-      }};
+  return {Over::kScheme, form,
+          [](std::string_view address) { return ParsePair(address).has_value(); },
+          [](const Endpoint& peer, Pair own, ClientSink& sink) -> std::unique_ptr<ClientLink> {
+            return std::make_unique<LocalClient<Over>>(*ParsePair(peer.address), own, sink);
+          },
+          [](const Endpoint& own, ServerSink& sink) -> std::unique_ptr<ServerLink> {
+            return std::make_unique<LocalServer<Over>>(*ParsePair(own.address), sink);
+          }};
 }
 
 }  // namespace zarn::tool

@@ -9,7 +9,6 @@
 #include <cstdlib>
 
 #include "Output.h"
-#include "keelbase/CAWThreadManager.h"
 
 namespace zarn::tool {
 
@@ -34,20 +33,20 @@ sigset_t HandledSignals() {
   return signals;
 }
 
-keelbase::CAWThread* AdoptMainThread() {
+keelbase::CAWThread* AdoptMainThread(int type) {
   auto* manager = CAWThreadManager::Instance();
-  if (manager->AdoptCurrentThread(CAWThreadManager::TT_NETWORK) != keelbase::AW_OK) {
+  if (manager->AdoptCurrentThread(type) != keelbase::AW_OK) {
     Complain("no event loop: out of memory or descriptors");
     std::exit(1);
   }
-  return manager->GetThread(CAWThreadManager::TT_NETWORK);
+  return manager->GetThread(type);
 }
 
 }  // namespace
 
 // The signals are blocked in all threads and fetched by one that may post like any other.
-Loop::Loop(std::function<void()> interrupted)
-    : interrupted_(std::move(interrupted)), thread_(AdoptMainThread()) {
+Loop::Loop(std::function<void()> interrupted, int type)
+    : interrupted_(std::move(interrupted)), thread_(AdoptMainThread(type)) {
   const sigset_t signals = HandledSignals();
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signals_ = std::thread([this] { WaitForSignals(); });

@@ -5,18 +5,20 @@
 #include <thread>
 
 #include "keelbase/CAWThread.h"
+#include "keelbase/CAWThreadManager.h"
 #include "keelbase/CAWTimer.h"
 
 namespace zarn::tool {
 
-// Makes the main thread the network thread of the platform, so that links, timers and the
-// subcommand itself share one thread. One for the process, made before anything else that may start
-// a thread.
+// Makes the main thread a thread of the platform: the network thread unless said otherwise, so that
+// links, timers and the subcommand itself share one thread. One for the process, made before
+// anything else that may start a thread.
 class Loop {
  public:
   // `interrupted` runs on the loop at the first SIGINT, SIGTERM or SIGHUP (unless that was ignored
   // when the program started); a second one ends the process at once.
-  explicit Loop(std::function<void()> interrupted);
+  explicit Loop(std::function<void()> interrupted,
+                int type = keelbase::CAWThreadManager::TT_NETWORK);
   ~Loop();
   Loop(const Loop&) = delete;
   Loop& operator=(const Loop&) = delete;

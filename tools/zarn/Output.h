@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "Escape.h"
+
 namespace zarn::tool {
 
 class Latency;
@@ -57,10 +59,6 @@ template <class... Args>
 void Complain(fmt::format_string<Args...> format, Args&&... args) {
   ComplainLine(fmt::format(format, std::forward<Args>(args)...));
 }
-
-// Bytes of any kind as one line of UTF-8: control bytes, and what is not UTF-8, as \n, \t, \r or
-// \xNN, and the backslash doubled, so that the bytes can be had back.
-std::string Escape(std::string_view bytes);
 
 // Adds the percentiles of round trips to an object, in microseconds; nothing when there are none.
 void AddRoundTrips(Json::Value& object, const Latency& latency);

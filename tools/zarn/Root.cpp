@@ -37,6 +37,7 @@ std::string CheckRoot() {
 std::string GetEndpointDirectory(std::string_view scheme) {
   std::string system = utils::GetZARNRootSystem();
   if (system.empty()) return system;
+  if (scheme == "stat") return system + "/zarn/stat";
   return system + (scheme == "shm" ? "/zarn/shmipc" : "/zarn/ipc");
 }
 

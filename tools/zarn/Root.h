@@ -9,7 +9,8 @@ namespace zarn::tool {
 // In one line what is wrong with ZARN_ROOT and what to do about it; empty when nothing is.
 std::string CheckRoot();
 
-// Where the endpoint files of a scheme ("ipc", "shm") are; need not exist. Empty without a good
+// Where the endpoint files of a scheme ("ipc", "shm") are, and with "stat" the files at which
+// processes show their metrics; need not exist. Empty without a good
 // root.
 std::string GetEndpointDirectory(std::string_view scheme);
 

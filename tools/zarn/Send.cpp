@@ -105,7 +105,7 @@ bool Send::SendOne(std::string_view data) {
     bytes_ += data.size();
     return true;
   }
-  Complain("{}: cannot send: {}", GetUrl(), keelbase::DescribeResult(static_cast<long>(result)));
+  Complain("{}: cannot send: {}", GetUrl(), DescribeReason(static_cast<long>(result)));
   Finish(kFailed);
   return false;
 }

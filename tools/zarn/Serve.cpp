@@ -7,6 +7,8 @@
 #include "Link.h"
 #include "Loop.h"
 #include "Output.h"
+#include "Root.h"
+#include "zarn/utils/CZARNMetrics.h"
 
 namespace zarn::tool {
 
@@ -34,11 +36,12 @@ class Serve final : private ServerSink {
 
   int Run() {
     const Endpoint& endpoint = options_.endpoint;
-    link_ = endpoint.scheme->makeServer(endpoint.address, *this);
+    link_ = endpoint.scheme->makeServer(endpoint, *this);
     if (const std::string problem = link_->Start(); !problem.empty()) {
       Complain("{}: cannot listen: {}", endpoint.GetUrl(), problem);
       return kFailed;
     }
+    ShowMetrics();
     PrintStart();
     watch_.Every(1);
     const int code = loop_.Run();
@@ -49,11 +52,13 @@ class Serve final : private ServerSink {
 
  private:
   void OnPeer(ServerPeer& peer) override;
+  void OnPeerRefused(long reason) override;
   void OnPeerGone(ServerPeer& peer, long reason) override;
   void OnMessage(ServerPeer& peer, const Message& message) override;
   void OnListenFailed(long reason) override;
   void SendBack(ServerPeer& peer, const Message& message);
   void Watch();
+  void ShowMetrics();
   void PrintStart();
   void PrintSummary();
 
@@ -67,25 +72,42 @@ class Serve final : private ServerSink {
   std::uint64_t messages_ = 0;
   std::uint64_t bytes_ = 0;
   std::uint64_t dropped_ = 0;
+  std::uint64_t refused_ = 0;
 };
 
 void Serve::OnPeer(ServerPeer& peer) {
   ++clients_;
   if (options_.quiet) return;
+  const bool known = peer.GetProcess() != 0;
+  const std::string subject = Escape(peer.GetSubject());
+  if (!output_.IsJson() && !known)
+    return output_.Text("{} connected{}{}", peer.GetName(), subject.empty() ? "" : ": ", subject);
   if (!output_.IsJson())
     return output_.Text("{} connected: process {} ({}), user {}", peer.GetName(), peer.GetProcess(),
                         Escape(GetProgramName(peer.GetProcess())), GetUserName(peer.GetUser()));
   Json::Value object;
   object["event"] = "connected";
   object["peer"] = peer.GetName();
-  object["pid"] = peer.GetProcess();
-  object["user"] = GetUserName(peer.GetUser());
+  object["pid"] = known ? Json::Value(peer.GetProcess()) : Json::Value();
+  object["user"] = known ? Json::Value(GetUserName(peer.GetUser())) : Json::Value();
+  if (!subject.empty()) object["certificate"] = subject;
+  output_.Object(object);
+}
+
+void Serve::OnPeerRefused(long reason) {
+  ++refused_;
+  if (options_.quiet) return;
+  const std::string why = DescribeReason(reason);
+  output_.Text("somebody refused: {}", why);
+  Json::Value object;
+  object["event"] = "refused";
+  object["reason"] = why;
   output_.Object(object);
 }
 
 void Serve::OnPeerGone(ServerPeer& peer, long reason) {
   if (options_.quiet) return;
-  const std::string why = reason == 0 ? "closed" : keelbase::DescribeResult(reason);
+  const std::string why = reason == 0 ? "closed" : DescribeReason(reason);
   if (!output_.IsJson())
     return output_.Text("{} gone: {}, {} messages, {}{}", peer.GetName(), why, peer.GetMessages(),
                         FormatBytes(static_cast<double>(peer.GetBytes())),
@@ -116,7 +138,7 @@ void Serve::SendBack(ServerPeer& peer, const Message& message) {
       result == keelbase::AW_OK
           ? fmt::format("it does not read, {} wait for it",
                         FormatBytes(static_cast<double>(waiting)))
-          : fmt::format("cannot send: {}", keelbase::DescribeResult(static_cast<long>(result)));
+          : fmt::format("cannot send: {}", DescribeReason(static_cast<long>(result)));
   Complain("{} dropped: {}", peer.GetName(), why);
   Json::Value object;
   object["event"] = "dropped";
@@ -139,6 +161,13 @@ void Serve::Watch() {
   lostEndpoint_ = !problem.empty();
 }
 
+// To zarn stat. A server without an install root, which TCP does not need, does without.
+void Serve::ShowMetrics() {
+  if (!CheckRoot().empty()) return;
+  const auto result = static_cast<long>(utils::ZARNEnableMetrics());
+  if (result != 0) Complain("zarn stat will not see this server: {}", DescribeReason(result));
+}
+
 void Serve::PrintStart() {
   if (options_.quiet) return;
   const std::string url = options_.endpoint.GetUrl();
@@ -151,14 +180,16 @@ void Serve::PrintStart() {
 }
 
 void Serve::PrintSummary() {
-  output_.Text("clients {}, messages {}, payload {}, dropped {}", clients_, messages_,
-               FormatBytes(static_cast<double>(bytes_)), dropped_);
+  output_.Text("clients {}, messages {}, payload {}, dropped {}{}", clients_, messages_,
+               FormatBytes(static_cast<double>(bytes_)), dropped_,
+               refused_ == 0 ? "" : fmt::format(", refused {}", refused_));
   Json::Value object;
   object["event"] = "summary";
   object["clients"] = Json::UInt64(clients_);
   object["messages"] = Json::UInt64(messages_);
   object["bytes"] = Json::UInt64(bytes_);
   object["dropped"] = Json::UInt64(dropped_);
+  if (options_.endpoint.scheme->isSecured) object["refused"] = Json::UInt64(refused_);
   output_.Object(object);
 }
 
@@ -169,6 +200,7 @@ void AddServe(CLI::App& app, Action& action) {
   CLI::App& command =
       *app.add_subcommand("serve", "accept any number of clients and print each message");
   AddUrl(command, options->endpoint);
+  AddServerSecurity(command, options->endpoint);
   command.add_flag("--echo", options->echo, "send each message back to its sender");
   command
       .add_option("--max-queue", options->maxQueue,

@@ -12,6 +12,7 @@
 #include "keelbase/CAWMessageBlock.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -167,8 +168,9 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   void StopAtMalformedFrame();
 
  private:
-  void DropConnector();
-  void DropTransport(long reason);
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "ipc";
+
   void EndConnection(long reason);
   void CloseAndReport(long reason);
   void Report(long reason);
@@ -191,6 +193,7 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

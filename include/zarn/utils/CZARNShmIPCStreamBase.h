@@ -13,6 +13,7 @@
 #include "keelbase/CAWMessageBlock.h"
 #include "zarn/utils/CZARNStreamCounters.h"
 #include "zarn/utils/detail/Generation.h"
+#include "zarn/utils/detail/MetricsEntry.h"
 #include "zarn/utils/detail/ReadGate.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -157,6 +158,9 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   void StopAtMalformedFrame();
 
  private:
+  friend class detail::MetricsEntry;
+  static constexpr const char* kMetricsTransport = "shm";
+
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
 
   void DropConnector();
@@ -181,6 +185,7 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;
+  detail::MetricsEntry metrics_;
 };
 
 }  // namespace zarn::utils

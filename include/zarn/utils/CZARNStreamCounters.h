@@ -14,6 +14,7 @@ struct CZARNStreamCounters {
   std::uint64_t bytesSent = 0;
   std::uint64_t bytesReceived = 0;
   std::uint64_t connects = 0;  // connections attached, by a connect or by SetTransportHandle
+  std::uint64_t connectFailures = 0;
   std::uint64_t malformedFrames = 0;
   std::size_t sendQueueHighMark = 0;  // most bytes that ever waited in the send queue
   long lastDisconnectReason = 0;      // of the last OnPeerDisconnect

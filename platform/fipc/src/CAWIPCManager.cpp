@@ -2,43 +2,31 @@
 #include "fipc/CAWIPCManager.h"
 
 #include <atomic>
-#include <new>
 
 #include "IPCAcceptor.h"
 #include "IPCConnector.h"
-#include "keelbase/CAWThreadManager.h"
+#include "keelbase/internal/MakeOnLoop.h"
 
 namespace fipc {
 
 namespace {
 
+using keelbase::AW_ERROR_FAILURE;
 using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
+using keelbase::internal::MakeOnLoop;
 
 constexpr int kUnixStream = 1;
-
-// Their callbacks come on the caller's loop, else on the network thread's.
-template <class Object, class Interface>
-AWResult Create(int kind, CAWAutoPtr<Interface>& out) {
-  out = nullptr;
-  if (kind != kUnixStream) return keelbase::AW_ERROR_FAILURE;
-  keelbase::CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrentOrNetwork();
-  if (thread == nullptr) return keelbase::AW_ERROR_FAILURE;
-  try {
-    out = new Object(thread->GetLoop());
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
-  }
-  return keelbase::AW_OK;
-}
 
 class IPCManager final : public CAWIPCManager {
  public:
   AWResult CreateConnector(int kind, CAWAutoPtr<IAWIPCConnector>& out) override {
-    return Create<IPCConnector>(kind, out);
+    out = nullptr;
+    return kind == kUnixStream ? MakeOnLoop<IPCConnector>(out) : AW_ERROR_FAILURE;
   }
   AWResult CreateAcceptor(int kind, CAWAutoPtr<IAWIPCAcceptor>& out) override {
-    return Create<IPCAcceptor>(kind, out);
+    out = nullptr;
+    return kind == kUnixStream ? MakeOnLoop<IPCAcceptor>(out) : AW_ERROR_FAILURE;
   }
 };
 

@@ -2,12 +2,11 @@
 #include "fshmipc/CAWShmIPCManager.h"
 
 #include <atomic>
-#include <new>
 
 #include "ShmIPCAcceptor.h"
 #include "ShmIPCConnector.h"
 #include "SystemPath.h"
-#include "keelbase/CAWThreadManager.h"
+#include "keelbase/internal/MakeOnLoop.h"
 
 namespace fshmipc {
 
@@ -15,32 +14,19 @@ namespace {
 
 using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
+using keelbase::internal::MakeOnLoop;
 
 class ShmIPCManager final : public CAWShmIPCManager {
  public:
   void SetSystemPath(const keelbase::CAWString& directory) override { systemPath_.Set(directory); }
   AWResult CreateConnector(CAWAutoPtr<IAWShmIPCConnector>& out) override {
-    return Create<ShmIPCConnector>(out);
+    return MakeOnLoop<ShmIPCConnector>(out, systemPath_);
   }
   AWResult CreateAcceptor(CAWAutoPtr<IAWShmIPCAcceptor>& out) override {
-    return Create<ShmIPCAcceptor>(out);
+    return MakeOnLoop<ShmIPCAcceptor>(out, systemPath_);
   }
 
  private:
-  // Their callbacks come on the caller's loop, else on the network thread's.
-  template <class Object, class Interface>
-  AWResult Create(CAWAutoPtr<Interface>& out) {
-    out = nullptr;
-    keelbase::CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrentOrNetwork();
-    if (thread == nullptr) return keelbase::AW_ERROR_FAILURE;
-    try {
-      out = new Object(thread->GetLoop(), systemPath_);
-    } catch (const std::bad_alloc&) {
-      return keelbase::AW_ERROR_FAILURE;
-    }
-    return keelbase::AW_OK;
-  }
-
   SystemPath systemPath_;
 };
 

@@ -166,14 +166,19 @@ AWResult CAWThreadManager::AdoptCurrentThread(int type) {
   return AW_OK;
 }
 
-CAWThread* CAWThreadManager::GetCurrentOrNetwork() {
-  if (const internal::EventLoop* loop = internal::EventLoop::Current(); loop != nullptr) {
-    for (Slot& slot : TheSlots().all) {
-      CAWThread* thread = slot.thread.load(std::memory_order_acquire);
-      if (thread != nullptr && &thread->GetLoop() == loop) return thread;
-    }
+CAWThread* CAWThreadManager::GetCurrent() {
+  const internal::EventLoop* loop = internal::EventLoop::Current();
+  if (loop == nullptr) return nullptr;
+  for (Slot& slot : TheSlots().all) {
+    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+    if (thread != nullptr && &thread->GetLoop() == loop) return thread;
   }
-  return GetThread(TT_NETWORK);
+  return nullptr;
+}
+
+CAWThread* CAWThreadManager::GetCurrentOrNetwork() {
+  CAWThread* thread = GetCurrent();
+  return thread != nullptr ? thread : GetThread(TT_NETWORK);
 }
 
 CAWMutexThread& CAWThreadManager::GetSingletonMutex() {

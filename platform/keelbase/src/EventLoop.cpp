@@ -37,6 +37,19 @@ constexpr std::chrono::microseconds kBriefWait(2);
 // So many events ahead of the one that is fired.
 constexpr std::size_t kFetchedAhead = 4;
 
+constexpr std::int64_t kNsPerMs = 1000000;
+constexpr std::int64_t kNsPerSecond = 1000 * kNsPerMs;
+
+// To the nanosecond, since paced senders wake many times in a millisecond; to the millisecond above
+// on systems that cannot.
+int WaitForEvents(int epoll, epoll_event* events, int size, std::int64_t timeoutNs) {
+  if (timeoutNs <= 0) return ::epoll_wait(epoll, events, size, timeoutNs < 0 ? -1 : 0);
+  const timespec limit{timeoutNs / kNsPerSecond, timeoutNs % kNsPerSecond};
+  const int count = ::epoll_pwait2(epoll, events, size, &limit, nullptr);
+  if (count >= 0 || errno != ENOSYS) return count;
+  return ::epoll_wait(epoll, events, size, static_cast<int>((timeoutNs + kNsPerMs - 1) / kNsPerMs));
+}
+
 // A callback that throws has left its objects in a state that nobody knows: say where, and stop.
 [[noreturn]] void StopForException(const char* loop) {
   char line[512];
@@ -128,9 +141,9 @@ bool EventLoop::RunReady() {
   return any;
 }
 
-bool EventLoop::Turn(int timeoutMs) {
+bool EventLoop::Turn(std::int64_t timeoutNs) {
   try {
-    const int count = ::epoll_wait(epoll_.Get(), batch_.data(), kBatch, timeoutMs);
+    const int count = WaitForEvents(epoll_.Get(), batch_.data(), kBatch, timeoutNs);
     bool any = count > 0 && Dispatch(count);
     any |= RunPollers();
     if (hasPosted_.load(std::memory_order_acquire)) any |= RunPosted();
@@ -202,11 +215,12 @@ void EventLoop::WaitBriefly() const {
   while (std::chrono::steady_clock::now() < end) __builtin_ia32_pause();
 }
 
-int EventLoop::SleepTime() const {
+std::int64_t EventLoop::SleepTime() const {
+  using std::chrono::nanoseconds;
   const auto due = timers_.NextDue();
   if (!due) return -1;
-  const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::Now()).count();
-  return static_cast<int>(std::clamp<std::int64_t>(wait, 0, 1000L * 60 * 60));
+  const auto wait = std::chrono::duration_cast<nanoseconds>(*due - Clock::Now());
+  return std::clamp(wait, nanoseconds(0), nanoseconds(std::chrono::hours(1))).count();
 }
 
 // From here on whoever posts must wake us. False when something has been posted already.

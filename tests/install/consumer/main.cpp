@@ -7,6 +7,10 @@
 #include "fipc/CAWIPCManager.h"
 #include "fshmipc/CAWShmIPCAddr.h"
 #include "keelbase/CAWError.h"
+#include "ptcp/CAWPseudoTCPManager.h"
+#include "sslptcp/CAWSSLPTCPManager.h"
+#include "sslutils/CAWSSLManager.h"
+#include "wface/CAWConnectionManager.h"
 #include "zarn/utils/CZARNNode.h"
 #include "zarn/utils/zarnutils.h"
 
@@ -19,6 +23,10 @@ int main() {
   const bool usable = json.size() == 15 &&
                       zarn::utils::GetHashKey(fshmipc::CAWShmIPCAddr(1, 2)) != 0 &&
                       fipc::CAWIPCManager::Instance() != nullptr &&
+                      ptcp::CAWPseudoTCPManager::Instance() != nullptr &&
+                      wface::CAWConnectionManager::Instance() != nullptr &&
+                      sslptcp::IAWSSLPTCPManager::Instance() != nullptr &&
+                      sslutils::IAWSSLManager::Instance() != nullptr &&
                       !keelbase::DescribeResult(keelbase::AW_ERROR_FAILURE).empty();
   std::printf("%d_%d\n", low, high);
   return usable ? 0 : 1;

@@ -36,10 +36,10 @@ _zarn() {
   COMPREPLY=()
   if ((COMP_CWORD > 1)); then subcommand="${COMP_WORDS[1]}"; fi
   case "$subcommand" in
-    "") words="serve send ping bench ls env log db kv shm --help --version" ;;
-    serve | send | ping | bench | ls | env | log)
+    "") words="serve send ping bench ls stat env log db kv shm rest --help --version" ;;
+    serve | send | ping | bench | ls | stat | env | log | rest)
       case "$previous" in
-        --file)
+        --file | --setting | --password-file | --key | --cert | --ca | --client-ca)
           mapfile -t COMPREPLY < <(compgen -f -- "$current")
           return
           ;;
@@ -48,8 +48,8 @@ _zarn() {
           return
           ;;
         --as | --type | --tag | --data | --replies | --timeout | --count | -c | --size | -s | \
-          --interval | -i | --spin | --sizes | --seconds | --window | --max-queue | \
-          --grep | --function | --since | --until)
+          --interval | -i | --spin | --sizes | --seconds | --window | --max-queue | --server-name | \
+          --grep | --function | --since | --until | --user | --watch)
           return
           ;;
       esac
@@ -59,7 +59,8 @@ _zarn() {
         return
       fi
       case "$subcommand:$line" in
-        ls:* | env:* | *:-*) ;;
+        ls:* | env:* | rest:http* | *:-*) ;;
+        stat:*) words="all $(_zarn_urls | sed 's,.*//,,')" ;;
         *) words="$(_zarn_urls)" ;;
       esac
       ;;

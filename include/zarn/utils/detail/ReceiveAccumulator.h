@@ -22,6 +22,9 @@ class ZARNUTILS_API ReceiveAccumulator {
   const char* GetData() const { return block_ == nullptr ? nullptr : block_->GetReadPtr(); }
   std::size_t GetLength() const { return block_ == nullptr ? 0 : block_->GetLength(); }
 
+  // The bytes as a block, which may be duplicated and advanced; null when nothing is held.
+  keelbase::CAWMessageBlock* GetBlock() { return block_.get(); }
+
   // Drops the first `length` bytes, at most GetLength(). Called after each look at the bytes, also
   // with 0: a short rest is moved out of the received block, so that its buffer is free for the
   // next read.

@@ -21,9 +21,10 @@ class ZARNUTILS_API SendQueue {
 
   bool IsEmpty() const { return head_ == nullptr; }
   std::size_t GetLength() const { return length_; }
+  keelbase::CAWMessageBlock* GetBlock() { return head_.get(); }  // null when it is empty
 
-  // Adds the chain's unread bytes, which are not advanced; what is borrowed is copied. 0; 10001
-  // without memory (nothing added).
+  // Adds the chain's unread bytes, which are not advanced, and may be the queue's own; what is
+  // borrowed is copied. 0; 10001 without memory (nothing added).
   keelbase::AWResult Append(const keelbase::CAWMessageBlock& data);
 
   // Offers everything to `send(block)`, a transport's SendData, and drops what it takes. Returns

@@ -32,6 +32,9 @@ class KEELBASE_API CAWThreadManager {
   // main. 10001 when that type exists already or the caller is a platform thread already.
   AWResult AdoptCurrentThread(int type);
 
+  // The platform thread that the caller runs on, else null.
+  CAWThread* GetCurrent();
+
   // The platform thread that the caller runs on, else the network thread: where the callbacks of
   // what the caller makes now will come. Null only when the network thread cannot be started.
   CAWThread* GetCurrentOrNetwork();

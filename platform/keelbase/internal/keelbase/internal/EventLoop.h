@@ -132,7 +132,7 @@ class KEELBASE_API EventLoop {
   void FinishLingers();
 
  private:
-  bool Turn(int timeoutMs);
+  bool Turn(std::int64_t timeoutNs);  // below 0: for ever
   bool Dispatch(int count);
   bool RunPosted();
   bool RunTimers();
@@ -144,7 +144,7 @@ class KEELBASE_API EventLoop {
   bool ArmPollers();
   void ForgetPollers();
   void WaitBriefly() const;
-  int SleepTime() const;
+  std::int64_t SleepTime() const;
   bool PrepareSleep();
   void Wake();
 

@@ -1,0 +1,179 @@
+// ptcp_echo.cpp - the two ends of a pseudo-TCP connection, in one program.
+//
+//   ptcp_echo serve ADDRESS PORT           sends back each line that comes, until its input ends
+//   ptcp_echo ask ADDRESS PORT COUNT       so many round trips, one after the other
+//
+// CPTCPStreamBase takes over connections that were made elsewhere: by an acceptor here, by a
+// connector there. Port 0 is a free one. No ZARN_ROOT is needed. The library's own network thread
+// runs the loop here; everything about connections happens on it, hence Call.
+#include <keelbase/CAWThreadManager.h>
+#include <ptcp/CAWPseudoTCPManager.h>
+#include <zarn/utils/CPTCPStreamBase.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+namespace {
+
+using keelbase::CAWMessageBlock;
+
+// All whole lines of a block are taken in one call, as far as a count of 16 bits goes: a class that
+// took them one by one would be given the last one twice.
+class Lines : public zarn::utils::CPTCPStreamBase {
+ public:
+  std::uint16_t HandleMessage(CAWMessageBlock& data) override {
+    const std::string bytes = data.FlattenChained();
+    const std::size_t end = bytes.rfind('\n', kMostTaken - 1);
+    if (end == std::string::npos) {
+      if (bytes.size() >= kMostTaken) Disconnect(0);  // no line may be as long
+      return 0;
+    }
+    OnLines(bytes.substr(0, end + 1));
+    return static_cast<std::uint16_t>(end + 1);
+  }
+
+ protected:
+  // Ends the connection instead of letting the send queue begin to fill: what waits there is
+  // offered twice.
+  void Send(const std::string& lines) {
+    CAWMessageBlock block(lines.data(), lines.size(), CAWMessageBlock::borrow);
+    SendMessage(block, nullptr);
+    if (GetSendQueueLength() != 0) Disconnect(0);  // megabytes wait already: it does not read
+  }
+
+ private:
+  static constexpr std::size_t kMostTaken = 65535;
+
+  virtual void OnLines(const std::string& lines) = 0;
+};
+
+class EchoServer : public ptcp::IAWPseudoTCPAcceptorConnectorSink {
+ public:
+  keelbase::AWResult Listen(const keelbase::CAWInetAddr& address) {
+    auto* manager = ptcp::CAWPseudoTCPManager::Instance();
+    if (const auto made = manager->CreateAcceptor(acceptor_); made != 0) return made;
+    return acceptor_->StartListen(this, address, 0);
+  }
+  std::uint16_t GetPort() { return acceptor_->GetLocalAddr().GetPort(); }
+
+  void OnConnectIndication(long reason, ptcp::IAWPseudoTCPTransport* transport,
+                           ptcp::IAWPseudoTCPAcceptorConnectorId*) override {
+    if (reason != 0) return;
+    keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPTransport> accepted(transport);
+    auto client = std::make_unique<Client>(*this);
+    if (client->SetTransportHandle(accepted) != 0) return;
+    Client* const key = client.get();
+    clients_.emplace(key, std::move(client));
+  }
+
+ private:
+  class Client : public Lines {
+   public:
+    explicit Client(EchoServer& server) : server_(server) {}
+    void OnLines(const std::string& lines) override { Send(lines); }
+    // Deletes the client, which the stream allows in this place.
+    void OnPeerDisconnect(long) override { server_.clients_.erase(this); }
+
+   private:
+    EchoServer& server_;
+  };
+
+  keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPAcceptor> acceptor_;
+  std::unordered_map<Client*, std::unique_ptr<Client>> clients_;
+};
+
+class Asker : public Lines, private ptcp::IAWPseudoTCPAcceptorConnectorSink {
+ public:
+  explicit Asker(int count) : left_(count) {}
+
+  keelbase::AWResult Connect(const keelbase::CAWInetAddr& peer) {
+    auto* manager = ptcp::CAWPseudoTCPManager::Instance();
+    if (const auto made = manager->CreateConnector(connector_); made != 0) return made;
+    return connector_->AsyncConnect(this, peer, nullptr, nullptr);
+  }
+  void OnPeerDisconnect(long reason) override { done_.set_value(reason); }
+
+  long WaitForEnd() { return done_.get_future().get(); }  // its reason
+  int GetLeft() const { return left_; }
+
+ private:
+  void OnConnectIndication(long reason, ptcp::IAWPseudoTCPTransport* transport,
+                           ptcp::IAWPseudoTCPAcceptorConnectorId*) override {
+    if (reason != 0) return OnPeerDisconnect(reason);
+    keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPTransport> connected(transport);
+    SetTransportHandle(connected);
+    Send("hello\n");
+  }
+  void OnLines(const std::string&) override {
+    if (--left_ == 0)
+      Disconnect(0);  // OnPeerDisconnect(0) follows, since this is inside HandleMessage
+    else
+      Send("hello\n");
+  }
+
+  keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPConnector> connector_;
+  int left_;
+  std::promise<long> done_;
+};
+
+int Serve(keelbase::CAWThread& network, const keelbase::CAWInetAddr& address) {
+  auto server = std::make_unique<EchoServer>();
+  const auto result = network.Call([&] { return server->Listen(address); });
+  if (result != 0) {
+    std::fprintf(stderr, "ptcp_echo: cannot listen: %s\n",
+                 keelbase::DescribeResult(result).c_str());
+    return 1;
+  }
+  std::printf("listening at port %u\n", network.Call([&] { return server->GetPort(); }));
+  std::fflush(stdout);
+  while (std::getchar() != EOF) {
+  }
+  network.Call([&] { server.reset(); });  // where it lives
+  return 0;
+}
+
+int Ask(keelbase::CAWThread& network, const keelbase::CAWInetAddr& peer, int count) {
+  auto asker = std::make_unique<Asker>(count);
+  const auto start = std::chrono::steady_clock::now();
+  const auto result = network.Call([&] { return asker->Connect(peer); });
+  const long reason = result == 0 ? asker->WaitForEnd() : static_cast<long>(result);
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  const int left = asker->GetLeft();
+  network.Call([&] { asker.reset(); });  // where it lives
+  if (left != 0) {
+    const std::string why = reason == 0 ? "the peer has closed" : keelbase::DescribeResult(reason);
+    std::fprintf(stderr, "ptcp_echo: %d answers are missing: %s\n", left, why.c_str());
+    return 1;
+  }
+  std::printf("%d answers in %.3f s\n", count, took.count());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool serve = argc == 4 && std::strcmp(argv[1], "serve") == 0;
+  const bool ask = argc == 5 && std::strcmp(argv[1], "ask") == 0 && std::atoi(argv[4]) > 0;
+  if (!serve && !ask) {
+    std::fprintf(stderr,
+                 "usage: ptcp_echo serve ADDRESS PORT\n"
+                 "       ptcp_echo ask ADDRESS PORT COUNT\n");
+    return 2;
+  }
+  keelbase::CAWInetAddr address;
+  if (address.Set(argv[2], static_cast<std::uint16_t>(std::atoi(argv[3]))) != 0) {
+    std::fprintf(stderr, "ptcp_echo: '%s' is no IPv4 address and no name of one\n", argv[2]);
+    return 1;
+  }
+  keelbase::CAWThread* network =
+      keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  return serve ? Serve(*network, address) : Ask(*network, address, std::atoi(argv[4]));
+}

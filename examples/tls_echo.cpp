@@ -1,0 +1,163 @@
+// tls_echo.cpp - the two ends of a TLS connection, in one program.
+//
+//   tls_echo serve PORT KEY CERTIFICATE [CLIENT_AUTHORITIES]
+//   tls_echo ask ADDRESS PORT AUTHORITIES COUNT [KEY CERTIFICATE]
+//
+// `serve` sends back each line that comes, until its input ends; with CLIENT_AUTHORITIES only to
+// clients that have a certificate of theirs. `ask` makes so many round trips, one after the other,
+// with a server whose certificate is for ADDRESS and comes from AUTHORITIES. All files are PEM.
+// docs/tls.md tells how to make them. No ZARN_ROOT is needed.
+#include <keelbase/CAWThreadManager.h>
+#include <sslutils/CAWSSLManager.h>
+#include <zarn/utils/CZARNSSLTCPSessionBase.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <vector>
+
+namespace {
+
+// Frames are lines.
+class Lines : public zarn::utils::CZARNSSLTCPSessionBase {
+ public:
+  std::size_t HandleMessage(const char* data, std::size_t len) override {
+    const void* end = std::memchr(data, '\n', len);
+    if (end == nullptr) return 0;
+    const auto length = static_cast<std::size_t>(static_cast<const char*>(end) - data) + 1;
+    OnLine(data, length);
+    return length;
+  }
+  int OnConnected(long) override { return 0; }
+  void OnPeerDisconnect(long) override {}
+  void OnRcvBufferOverFlow(std::uint32_t) override {}
+
+ private:
+  virtual void OnLine(const char* data, std::size_t length) = 0;
+};
+
+class EchoServer : public sslutils::IAWSSLConnectionSink {
+ public:
+  keelbase::AWResult Listen(std::uint16_t port, const char* key, const char* certificate,
+                            const char* clientAuthorities) {
+    sslutils::IAWSSLManager::Instance()->CreateSSLAcceptor(acceptor_);
+    if (!acceptor_) return keelbase::AW_ERROR_FAILURE;
+    acceptor_->SetPrivateKey(key);  // what is wrong with a file is told by StartListen
+    acceptor_->SetCertificate(certificate);
+    if (clientAuthorities != nullptr) acceptor_->SetClientAuthorities(clientAuthorities, true);
+    return acceptor_->StartListen(this, keelbase::CAWInetAddr("0.0.0.0", port), 64);
+  }
+  std::uint16_t GetPort() { return acceptor_->GetLocalAddr().GetPort(); }
+
+  void OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) override {
+    if (reason != 0) {
+      std::fprintf(stderr, "refused: %s\n", sslutils::DescribeSSLResult(reason).c_str());
+      return;
+    }
+    sslutils::CAWSSLInfo info;
+    transport->GetOption(sslutils::AW_OPT_SSL_INFO, &info);
+    std::printf("%s, client '%s'\n", info.protocol.c_str(), info.peerSubject.c_str());
+    keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> accepted(transport);
+    clients_.push_back(std::make_unique<Client>());
+    clients_.back()->SetTransportHandle(accepted);
+  }
+
+ private:
+  // Stays, closed, when its peer has gone: enough for an example.
+  class Client : public Lines {
+    void OnLine(const char* data, std::size_t length) override { SendMsg(data, length); }
+  };
+
+  keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor> acceptor_;
+  std::vector<std::unique_ptr<Client>> clients_;
+};
+
+class Asker : public Lines {
+ public:
+  explicit Asker(int count) : left_(count) {}
+
+  int OnConnected(long) override {
+    Ask();
+    return 0;
+  }
+  void OnPeerDisconnect(long reason) override { done_.set_value(reason); }
+  long WaitForAll() { return done_.get_future().get(); }  // 0, or why not
+
+ private:
+  void OnLine(const char*, std::size_t) override {
+    if (--left_ == 0)
+      Close(0);  // OnPeerDisconnect(0) follows, since this is inside HandleMessage
+    else
+      Ask();
+  }
+  void Ask() { SendMsg("hello\n", 6); }
+
+  int left_;
+  std::promise<long> done_;
+};
+
+int Serve(keelbase::CAWThread& network, int argc, char** argv) {
+  auto server = std::make_unique<EchoServer>();
+  const auto port = static_cast<std::uint16_t>(std::atoi(argv[2]));
+  const auto result = network.Call(
+      [&] { return server->Listen(port, argv[3], argv[4], argc == 6 ? argv[5] : nullptr); });
+  if (result != 0) {
+    std::fprintf(stderr, "tls_echo: cannot listen: %s\n",
+                 sslutils::DescribeSSLResult(static_cast<long>(result)).c_str());
+    return 1;
+  }
+  std::printf("listening at port %u\n", network.Call([&] { return server->GetPort(); }));
+  std::fflush(stdout);
+  while (std::getchar() != EOF) {
+  }
+  network.Call([&] { server.reset(); });  // where it lives
+  return 0;
+}
+
+int Ask(keelbase::CAWThread& network, int argc, char** argv) {
+  const keelbase::CAWInetAddr peer(argv[2], static_cast<std::uint16_t>(std::atoi(argv[3])));
+  const auto trusted = sslutils::IAWSSLManager::Instance()->SetTrustedCertificates(argv[4]);
+  if (trusted != 0) {
+    std::fprintf(stderr, "tls_echo: '%s': %s\n", argv[4],
+                 sslutils::DescribeSSLResult(static_cast<long>(trusted)).c_str());
+    return 1;
+  }
+  const int count = std::atoi(argv[5]);
+  auto asker = std::make_unique<Asker>(count);
+  if (argc == 8) {
+    asker->PrivateKey(argv[6]);
+    asker->Certificate(argv[7]);
+  }
+  const auto start = std::chrono::steady_clock::now();
+  network.Call([&] { return asker->Connect(peer, nullptr); });
+  const long reason = asker->WaitForAll();
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  network.Call([&] { asker.reset(); });  // where it lives
+  if (reason != 0) {
+    std::fprintf(stderr, "tls_echo: %s\n", sslutils::DescribeSSLResult(reason).c_str());
+    return 1;
+  }
+  std::printf("%d answers in %.3f s\n", count, took.count());
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bool serve = (argc == 5 || argc == 6) && std::strcmp(argv[1], "serve") == 0;
+  const bool ask =
+      (argc == 6 || argc == 8) && std::strcmp(argv[1], "ask") == 0 && std::atoi(argv[5]) > 0;
+  if (!serve && !ask) {
+    std::fprintf(stderr,
+                 "usage: tls_echo serve PORT KEY CERTIFICATE [CLIENT_AUTHORITIES]\n"
+                 "       tls_echo ask ADDRESS PORT AUTHORITIES COUNT [KEY CERTIFICATE]\n");
+    return 2;
+  }
+  keelbase::CAWThread* network =
+      keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  return serve ? Serve(*network, argc, argv) : Ask(*network, argc, argv);
+}

@@ -1,0 +1,12 @@
+// FrameFilter.h - which packets a side of ours can have sent.
+#pragma once
+
+#include "PacketKey.h"
+
+namespace ptcp {
+
+// Whether `frames`, the content of a packet, are such as our sides send. Others are kept away from
+// ngtcp2, whose assertions can be reached by ids that are withdrawn in an order of a peer's choice.
+bool AreOurFrames(Bytes frames);
+
+}  // namespace ptcp

@@ -1,0 +1,79 @@
+// PacketSeal.cpp - see PacketSeal.h.
+#include "PacketSeal.h"
+
+#include <cstring>
+
+#include "FrameFilter.h"
+
+namespace ptcp {
+
+namespace {
+
+constexpr std::size_t kTagSize = sizeof(Tag);
+
+}  // namespace
+
+ngtcp2_crypto_aead_ctx Aead(const PacketKey& key) { return {const_cast<PacketKey*>(&key)}; }
+ngtcp2_crypto_cipher_ctx HeaderCipher(const PacketKey& key) {
+  return {const_cast<PacketKey*>(&key)};
+}
+
+const PacketKey& RetryKey() {
+  static const PacketKey key;
+  return key;
+}
+
+ngtcp2_crypto_aead TagOnly() {
+  ngtcp2_crypto_aead aead{};
+  aead.max_overhead = kTagSize;
+  return aead;
+}
+
+ngtcp2_crypto_ctx Context() {
+  ngtcp2_crypto_ctx context{};
+  context.aead = TagOnly();
+  context.max_encryption = UINT64_MAX;
+  context.max_decryption_failure = UINT64_MAX;
+  return context;
+}
+
+namespace {
+
+Tag SignPacket(const ngtcp2_crypto_aead_ctx* context, Bytes header, Bytes nonce, Bytes payload) {
+  return static_cast<const PacketKey*>(context->native_handle)->Sign({header, nonce, payload});
+}
+
+}  // namespace
+
+int Seal(std::uint8_t* dest, const ngtcp2_crypto_aead*, const ngtcp2_crypto_aead_ctx* context,
+         const std::uint8_t* plain, std::size_t length, const std::uint8_t* nonce,
+         std::size_t nonceLength, const std::uint8_t* header, std::size_t headerLength) {
+  const Tag tag =
+      SignPacket(context, {header, headerLength}, {nonce, nonceLength}, {plain, length});
+  if (length != 0 && dest != plain) std::memmove(dest, plain, length);
+  std::memcpy(dest + length, tag.data(), tag.size());
+  return 0;
+}
+
+// The nonce is the whole packet number, of which only the end is on the wire: a late duplicate is
+// decoded as a packet of the future, and the tag is what gives it away.
+int Unseal(std::uint8_t* dest, const ngtcp2_crypto_aead*, const ngtcp2_crypto_aead_ctx* context,
+           const std::uint8_t* sealed, std::size_t length, const std::uint8_t* nonce,
+           std::size_t nonceLength, const std::uint8_t* header, std::size_t headerLength) {
+  if (length < kTagSize) return NGTCP2_ERR_DECRYPT;
+  length -= kTagSize;
+  const Tag tag =
+      SignPacket(context, {header, headerLength}, {nonce, nonceLength}, {sealed, length});
+  if (std::memcmp(tag.data(), sealed + length, tag.size()) != 0) return NGTCP2_ERR_DECRYPT;
+  if (!AreOurFrames({sealed, length})) return NGTCP2_ERR_DECRYPT;
+  if (length != 0 && dest != sealed) std::memmove(dest, sealed, length);
+  return 0;
+}
+
+int NoHeaderMask(std::uint8_t* dest, const ngtcp2_crypto_cipher*, const ngtcp2_crypto_cipher_ctx*,
+                 const std::uint8_t*) {
+  std::memset(dest, 0, NGTCP2_HP_MASKLEN);
+  return 0;
+}
+
+}  // namespace ptcp

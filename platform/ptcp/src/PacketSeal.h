@@ -1,0 +1,37 @@
+// PacketSeal.h - the keyed tag as the packet protection that ngtcp2 asks for.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "Ngtcp2.h"
+#include "PacketKey.h"
+
+namespace ptcp {
+
+inline constexpr std::size_t kNonceSize = 12;
+inline constexpr std::array<std::uint8_t, kNonceSize>
+    kZeroes{};  // then a nonce is the packet number
+
+// The keys are referred to and must stay.
+ngtcp2_crypto_aead_ctx Aead(const PacketKey& key);
+ngtcp2_crypto_cipher_ctx HeaderCipher(const PacketKey& key);
+ngtcp2_crypto_aead TagOnly();
+ngtcp2_crypto_ctx Context();
+
+// Everybody knows it: a Retry packet is sealed against accidents only.
+const PacketKey& RetryKey();
+
+// In the shapes in which ngtcp2 calls them.
+int Seal(std::uint8_t* dest, const ngtcp2_crypto_aead* aead, const ngtcp2_crypto_aead_ctx* context,
+         const std::uint8_t* plain, std::size_t length, const std::uint8_t* nonce,
+         std::size_t nonceLength, const std::uint8_t* header, std::size_t headerLength);
+int Unseal(std::uint8_t* dest, const ngtcp2_crypto_aead* aead,
+           const ngtcp2_crypto_aead_ctx* context, const std::uint8_t* sealed, std::size_t length,
+           const std::uint8_t* nonce, std::size_t nonceLength, const std::uint8_t* header,
+           std::size_t headerLength);
+int NoHeaderMask(std::uint8_t* dest, const ngtcp2_crypto_cipher* cipher,
+                 const ngtcp2_crypto_cipher_ctx* context, const std::uint8_t* sample);
+
+}  // namespace ptcp

@@ -1,0 +1,46 @@
+// PtcpAcceptor.h - takes pseudo-TCP connections at a port that all of them share.
+#pragma once
+
+#include <unordered_map>
+
+#include "PtcpEngine.h"
+#include "RetryTokens.h"
+#include "keelbase/internal/LoopObject.h"
+#include "ptcp/CAWPseudoTCPManager.h"
+
+namespace ptcp {
+
+class PtcpAcceptor final : public keelbase::internal::LoopObject<IAWPseudoTCPAcceptor> {
+ public:
+  explicit PtcpAcceptor(keelbase::internal::EventLoop& loop);
+  ~PtcpAcceptor() override = default;
+
+  keelbase::AWResult StartListen(IAWPseudoTCPAcceptorConnectorSink* sink,
+                                 const keelbase::CAWInetAddr& addr, int backlog) override;
+  keelbase::AWResult StopListen() override;
+  keelbase::CAWInetAddr GetLocalAddr() const override;
+
+  // Half-open connections.
+  std::size_t TEST_HalfOpen() const { return halfOpen_.size(); }
+  // As if it had come in at the port.
+  void TEST_OnStranger(const Path& from, Bytes datagram) { OnStranger(from, datagram); }
+
+ private:
+  void OnLastReference() override { StopListen(); }
+  int Listen(const keelbase::CAWInetAddr& addr);
+  void Stop();
+  void OnStranger(const Path& from, Bytes datagram);
+  void AskAgain(const Path& from, const InitialHeader& initial);
+  void Admit(const Path& from, const InitialHeader& initial, const ConnectionId& original,
+             Bytes datagram);
+  void OnHandshake(PtcpEngine* engine, int error);
+
+  IAWPseudoTCPAcceptorConnectorSink* sink_ = nullptr;  // null: not listening
+  keelbase::CAWInetAddr local_;
+  keelbase::CAWAutoPtr<UdpPort> port_;
+  RetryTokens tokens_;
+  std::size_t halfOpenLimit_ = 0;
+  std::unordered_map<PtcpEngine*, keelbase::CAWAutoPtr<PtcpEngine>> halfOpen_;
+};
+
+}  // namespace ptcp

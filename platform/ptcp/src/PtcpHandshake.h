@@ -1,0 +1,58 @@
+// PtcpHandshake.h - how two sides agree on keys and limits.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "ConnectionId.h"
+#include "Ngtcp2.h"
+#include "PacketKey.h"
+
+namespace ptcp {
+
+using RandomBits = std::array<std::uint8_t, 16>;
+
+// In the place where QUIC has TLS: client hello (magic, 128 random bits, transport parameters),
+// server hello (128 random bits), server parameters, client finish (one byte). The first packets
+// are keyed by the id that the client made up for the server, all others by both sides' random
+// bits. ngtcp2 asserts that keys are given to it once and in order, so each of the peer's messages
+// is awaited once. Operations answer false when the peer makes no sense or memory is short, and may
+// throw std::bad_alloc; the connection is over then.
+class PtcpHandshake {
+ public:
+  void Begin(ngtcp2_conn* conn, bool server, const RandomBits& ours);
+
+  bool SendClientHello();
+  // `id` is what the client's packets are addressed to.
+  bool InstallInitialKeys(const ConnectionId& id);
+  // Bytes of the peer's messages, in order.
+  bool OnMessage(std::uint32_t level, Bytes data);
+
+  const PacketKey& SendKey() const { return sendKey_; }
+  const PacketKey& ReceiveKey() const { return receiveKey_; }
+  const PacketKey& TEST_InitialSendKey() const { return initialSendKey_; }
+
+ private:
+  bool InstallHandshakeKeys();
+  bool InstallSendKey();
+  bool InstallReceiveKey();
+  bool SendMessage(std::uint32_t level, Bytes content, bool withParams);
+  bool OnInitialHello();
+  bool OnHandshakeHello();
+
+  ngtcp2_conn* conn_ = nullptr;
+  bool server_ = false;
+  PacketKey initialSendKey_;
+  PacketKey initialReceiveKey_;
+  PacketKey sendKey_;
+  PacketKey receiveKey_;
+  RandomBits clientRandom_{};
+  RandomBits serverRandom_{};
+  int step_ = 0;                                     // how many of the peer's messages were read
+  std::array<std::vector<std::uint8_t>, 2> theirs_;  // what came of each
+  std::array<std::vector<std::uint8_t>, 2> ours_;    // must stay until acknowledged
+};
+
+}  // namespace ptcp

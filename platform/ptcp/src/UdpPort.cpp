@@ -1,0 +1,296 @@
+// UdpPort.cpp - see UdpPort.h.
+#include "UdpPort.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <new>
+#include <utility>
+
+#include "ClockAndRandom.h"
+#include "keelbase/internal/Mutex.h"
+
+namespace ptcp {
+
+using keelbase::CAWAutoPtr;
+using keelbase::CAWInetAddr;
+using keelbase::internal::Clock;
+using keelbase::internal::EventLoop;
+using keelbase::internal::Mutex;
+using keelbase::internal::MutexLock;
+
+namespace {
+
+constexpr std::size_t kMaxSegments = 64;      // of one write
+constexpr std::size_t kMaxBatch = 64 * 1000;  // below what one UDP write may have
+constexpr int kReadsPerTurn = 64;
+
+// The ports that a listener can find again while connections of an earlier one use them.
+struct Directory {
+  Mutex mutex;
+  std::map<std::pair<EventLoop*, CAWInetAddr>, UdpPort*> ports AW_GUARDED_BY(mutex);
+};
+Directory& GetDirectory() {
+  static Directory& directory = *new Directory;  // lives for ever, like the loops
+  return directory;
+}
+
+void Forget(std::vector<PortUser*>& list, PortUser& user) {
+  std::replace(list.begin(), list.end(), &user, static_cast<PortUser*>(nullptr));
+}
+
+}  // namespace
+
+std::size_t UdpPort::IdHash::operator()(const ConnectionId& id) const {
+  std::uint64_t hash = seed;
+  for (const std::uint8_t byte : id.View()) {
+    hash = (hash ^ byte) * 0x9E3779B97F4A7C15ULL;
+    hash ^= hash >> 29;
+  }
+  return hash ^ seed >> 17;
+}
+
+UdpPort::UdpPort(EventLoop& loop)
+    : loop_(loop), resetKey_(RandomKey()), users_(0, IdHash{RandomSeed()}) {}
+
+UdpPort::~UdpPort() {
+  if (listed_) {
+    Directory& directory = GetDirectory();
+    const MutexLock lock(directory.mutex);
+    directory.ports.erase({&loop_, GetLocalAddr()});
+  }
+  if (batch_ != nullptr) loop_.Buffers().GiveGather(std::move(batch_));
+  if (socket_.IsOpen()) loop_.Unwatch(socket_.Get(), *this);
+}
+
+CAWAutoPtr<UdpPort> UdpPort::Find(EventLoop& loop, const CAWInetAddr& local) {
+  Directory& directory = GetDirectory();
+  const MutexLock lock(directory.mutex);
+  const auto found = directory.ports.find({&loop, local});
+  if (found == directory.ports.end() || found->second->HasListener()) return {};
+  return CAWAutoPtr<UdpPort>(found->second);
+}
+
+int UdpPort::Open(const CAWInetAddr* local, const CAWInetAddr* peer) {
+  int error = socket_.Open(local, peer);
+  if (error == 0) error = loop_.Watch(socket_.Get(), EPOLLIN, *this);
+  if (error != 0) socket_.Close();
+  if (error != 0 || peer != nullptr) return error;
+  Directory& directory = GetDirectory();
+  const MutexLock lock(directory.mutex);
+  listed_ = directory.ports.emplace(std::make_pair(&loop_, GetLocalAddr()), this).second;
+  return 0;
+}
+
+// --- users ---
+
+bool UdpPort::AddId(const ConnectionId& id, PortUser& user) {
+  return users_.emplace(id, &user).second;
+}
+
+void UdpPort::Remove(PortUser& user) {
+  Forget(touched_, user);
+  Forget(waiting_, user);
+  EndLinger(user);
+}
+
+// --- receiving ---
+
+void UdpPort::OnReady(std::uint32_t events) {
+  const CAWAutoPtr<UdpPort> alive(this);
+  if ((events & EPOLLERR) != 0) ReadErrors();
+  if ((events & EPOLLOUT) != 0 && blocked_) BecomeFree();
+  if ((events & EPOLLIN) != 0) ReadDatagrams();
+}
+
+void UdpPort::ReadErrors() {
+  for (int reads = 0; reads < kReadsPerTurn && ReadOneError(); ++reads) {
+  }
+  EndBatch();
+}
+
+// Believed when what it quotes is a packet that the connection may have sent: who only knows the
+// addresses cannot end it.
+bool UdpPort::ReadOneError() {
+  std::array<char, 64> room;
+  UdpSocket::NetworkError told;
+  if (socket_.ReadError(room, told) != 0) return false;
+  if (told.error == 0) return true;
+  for (const auto& [id, user] : users_) {
+    if (!(user->GetPath().peer == told.peer) || !user->MayHaveSent(told.quoted)) continue;
+    user->OnPortError(told.error);
+    if (std::find(touched_.begin(), touched_.end(), user) == touched_.end())
+      touched_.push_back(user);
+    break;
+  }
+  return true;
+}
+
+void UdpPort::ReadDatagrams() {
+  const Time now = Now();
+  for (int reads = 0; reads < kReadsPerTurn && ReadOnce(now); ++reads) {
+  }
+  EndBatch();
+}
+
+bool UdpPort::ReadOnce(Time now) {
+  try {
+    keelbase::CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
+    UdpSocket::Received received;
+    // An error that waited for us has been taken by that; there may be datagrams behind it.
+    if (const int error =
+            socket_.Read({block.GetWritePtr(), keelbase::internal::kReadSize}, received);
+        error != 0)
+      return error != EAGAIN;
+    Bytes data = received.data;
+    while (!data.empty()) {
+      const std::size_t length =
+          received.segment == 0 ? data.size() : std::min(received.segment, data.size());
+      Dispatch(received.from, data.first(length), now);
+      data = data.subspan(length);
+    }
+  } catch (const std::bad_alloc&) {  // as if this one had been lost
+  }
+  return true;
+}
+
+void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
+  const auto id = DestinationOf(datagram);
+  if (!id) return;
+  const auto found = users_.find(*id);
+  if (found == users_.end()) return OnUnknown(from, *id, datagram);
+  PortUser* const user = found->second;
+  if (!(user->GetPath().peer == from.peer)) return;
+  if (touched_.empty() || touched_.back() != user) touched_.push_back(user);
+  user->OnDatagram(datagram, now);
+}
+
+// A first packet, or one of a connection that is over here while its peer does not know.
+void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram) {
+  constexpr std::uint8_t kLongHeader = 0x80;
+  if ((datagram[0] & kLongHeader) != 0) {
+    if (stranger_ != nullptr) stranger_(from, datagram);
+    return;
+  }
+  // A function's own type would be exported with the library's symbols.
+  const auto fill = [](std::uint8_t* out, std::size_t length) { FillWithRandom(out, length); };
+  const auto reset = MakeReset(datagram, ResetToken(id), fill);
+  if (!reset.empty()) Send(from, reset);
+}
+
+void UdpPort::EndBatch() {
+  FlushBatch();
+  while (!touched_.empty()) {
+    PortUser* const user = touched_.back();
+    touched_.pop_back();
+    if (user == nullptr) continue;  // gone meanwhile
+    Forget(touched_, *user);
+    user->OnBatchEnd();
+  }
+}
+
+// --- sending ---
+
+bool UdpPort::IsOfBatch(const Path& path, std::size_t size) const {
+  return path.peer == batchPath_.peer && path.local.s_addr == batchPath_.local.s_addr &&
+         size <= segment_ && batchSize_ % segment_ == 0 && batchCount_ < kMaxSegments &&
+         batchSize_ + size <= kMaxBatch;
+}
+
+// While the system takes nothing more, what does not fit behind is lost, as on any path.
+void UdpPort::Send(const Path& path, Bytes datagram) {
+  if (batchSize_ != 0 && !IsOfBatch(path, datagram.size())) FlushBatch();
+  if (blocked_ && batchSize_ != 0 && !IsOfBatch(path, datagram.size())) return;
+  try {
+    if (batch_ == nullptr) batch_ = loop_.Buffers().TakeGather();
+  } catch (const std::bad_alloc&) {
+    return;
+  }
+  if (batchSize_ == 0) {
+    batchPath_ = path;
+    segment_ = datagram.size();
+  }
+  std::memcpy(batch_->data() + batchSize_, datagram.data(), datagram.size());
+  batchSize_ += datagram.size();
+  ++batchCount_;
+}
+
+void UdpPort::FlushBatch() {
+  if (batchSize_ == 0 || blocked_) return;
+  if (!WriteBatch()) {
+    blocked_ = loop_.Change(socket_.Get(), EPOLLIN | EPOLLOUT, *this) == 0;
+    if (blocked_) return;
+  }
+  batchSize_ = 0;
+  batchCount_ = 0;
+  loop_.Buffers().GiveGather(std::move(batch_));
+}
+
+// False when the system takes no more for now. Any other failure is as if the packets were lost.
+bool UdpPort::WriteBatch() {
+  const Bytes all(reinterpret_cast<const std::uint8_t*>(batch_->data()), batchSize_);
+  if (batchCount_ == 1 || offload_) {
+    const int error = socket_.Write(batchPath_, all, batchCount_ == 1 ? 0 : segment_);
+    if (error == EAGAIN || error == ENOBUFS) return false;
+    // No device of this path can cut it up, or the system is too old.
+    const bool cannot = error == EIO || error == EINVAL || error == EOPNOTSUPP;
+    if (batchCount_ == 1 || !cannot) return true;
+    offload_ = false;
+  }
+  for (std::size_t at = 0; at < all.size(); at += segment_) {
+    const Bytes one = all.subspan(at, std::min(segment_, all.size() - at));
+    const int error = socket_.Write(batchPath_, one, 0);
+    if (error == EAGAIN || error == ENOBUFS) break;  // the rest is sent again in time
+  }
+  return true;
+}
+
+void UdpPort::BecomeFree() {
+  blocked_ = false;
+  loop_.Change(socket_.Get(), EPOLLIN, *this);
+  FlushBatch();
+  if (blocked_) return;
+  const std::vector<PortUser*> waited = std::exchange(waiting_, {});
+  for (PortUser* user : waited) {
+    if (user != nullptr) user->OnPortFree();
+  }
+}
+
+// --- lingers ---
+
+void UdpPort::BeginLinger(PortUser& user) {
+  if (lingering_.empty()) loop_.BeginLinger(*this);
+  lingering_.push_back(&user);
+}
+
+void UdpPort::EndLinger(PortUser& user) {
+  if (std::erase(lingering_, &user) != 0 && lingering_.empty()) loop_.EndLinger(*this);
+}
+
+// At the process's end no timers run: what is due of a connection is done at this deadline.
+Clock::Point UdpPort::LingerDeadline() const {
+  Time due = kNever;
+  for (const PortUser* user : lingering_) due = std::min(due, user->LingerDue());
+  return Clock::Point(std::chrono::nanoseconds(static_cast<std::int64_t>(due)));
+}
+
+void UdpPort::WriteLingering() {
+  const CAWAutoPtr<UdpPort> alive(this);
+  if (blocked_) BecomeFree();
+  ReadErrors();
+  ReadDatagrams();
+  ServeLingering();
+}
+
+void UdpPort::ServeLingering() {
+  const CAWAutoPtr<UdpPort> alive(this);
+  const std::vector<PortUser*> users = lingering_;
+  for (PortUser* user : users) {
+    const bool there = std::find(lingering_.begin(), lingering_.end(), user) != lingering_.end();
+    if (there) user->OnLinger();
+  }
+}
+
+}  // namespace ptcp

@@ -1,0 +1,47 @@
+// HttpClient.cpp - see HttpClient.h.
+#include "HttpClient.h"
+
+#include <new>
+#include <utility>
+
+namespace shttp {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWAutoPtr;
+using keelbase::CAWString;
+
+AWResult HttpClient::SetInfo(const CAWString& user, const CAWString& password) try {
+  credentialsRefused_ = true;
+  Credentials credentials{user, password};
+  if (!AreGood(credentials)) return AW_ERROR_FAILURE;
+  credentials_ = std::move(credentials);
+  credentialsRefused_ = false;
+  return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
+}
+
+AWResult HttpClient::SetLimits(const CAWHttpLimits& limits) {
+  limits_ = limits;
+  return AW_OK;
+}
+
+AWResult HttpClient::Open(const CAWString& url, IAWChannelSink* sink, std::uint32_t) try {
+  EndExchange();
+  if (sink == nullptr) return AW_ERROR_FAILURE;
+  exchange_ =
+      new HttpExchange(loop_, sink, HttpOrder{url, credentials_, credentialsRefused_, limits_});
+  exchange_->Start();
+  return AW_OK;
+} catch (const std::bad_alloc&) {
+  EndExchange();
+  return AW_ERROR_FAILURE;
+}
+
+void HttpClient::EndExchange() {
+  if (const CAWAutoPtr<HttpExchange> exchange = std::move(exchange_)) exchange->Cancel();
+}
+
+}  // namespace shttp

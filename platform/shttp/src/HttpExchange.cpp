@@ -1,0 +1,240 @@
+// HttpExchange.cpp - see HttpExchange.h.
+#include "HttpExchange.h"
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "HttpChannel.h"
+#include "keelbase/internal/FunctionEvent.h"
+
+namespace shttp {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_ERROR_NOT_AVAILABLE;
+using keelbase::AW_ERROR_NOT_INITIALIZED;
+using keelbase::AW_ERROR_PARTIAL_DATA;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWAutoPtr;
+using keelbase::CAWMessageBlock;
+using keelbase::internal::FunctionEvent;
+
+namespace {
+
+// The system has a time limit of its own for a peer that does not stir. What the transport says of
+// itself (10001 and the like) means nothing to whoever asked.
+long ResultOfEnd(long reason) {
+  if (reason == ETIMEDOUT) return -ETIME;
+  const bool ofTransport = reason >= static_cast<long>(AW_ERROR_FAILURE) &&
+                           reason <= static_cast<long>(AW_ERROR_PARTIAL_DATA);
+  return ofTransport || reason == EPIPE ? -ECONNRESET : -reason;
+}
+
+}  // namespace
+
+HttpExchange::HttpExchange(keelbase::internal::EventLoop& loop, IAWChannelSink* sink,
+                           HttpOrder order)
+    : LoopObject(loop),
+      connectSink_(sink),
+      channel_(std::make_unique<HttpChannel>(loop)),
+      order_(std::move(order)),
+      refused_(order_.credentialsRefused),
+      timer_(loop),
+      dialer_(loop) {}
+
+HttpExchange::~HttpExchange() = default;
+
+void HttpExchange::Start() {
+  const CAWAutoPtr<HttpExchange> self(this);
+  GetLoop().Post(new FunctionEvent([self] { self->Begin(); }));
+}
+
+// What belongs to the loop is let go there.
+void HttpExchange::Cancel() {
+  if (cancelled_.exchange(true) || IsLetGo()) return;
+  if (GetLoop().IsCurrent()) return LetGo();
+  const CAWAutoPtr<HttpExchange> self(this);
+  try {
+    GetLoop().Post(new FunctionEvent([self] { self->LetGo(); }));
+  } catch (const std::bad_alloc&) {  // it lasts until the time limit of its step
+  }
+}
+
+void HttpExchange::LetGo() {
+  const CAWAutoPtr<HttpExchange> alive(this);
+  connectSink_ = nullptr;
+  sink_ = nullptr;
+  timer_.Cancel();
+  dialer_.Stop();
+  stream_ = nullptr;
+  rest_ = nullptr;
+}
+
+// --- connecting ---
+
+void HttpExchange::Begin() {
+  if (IsOver()) return LetGo();
+  const CAWAutoPtr<HttpExchange> alive(this);
+  int error = ParseUrl(order_.url, url_);
+  if (error == 0) {
+    try {
+      timer_.Start(std::chrono::milliseconds(order_.limits.connectMs), 1,
+                   [this] { Connected(ETIMEDOUT, nullptr); });
+      error = dialer_.Start(url_, [this](long reason, std::unique_ptr<ByteStream> stream) {
+        Connected(reason, std::move(stream));
+      });
+    } catch (const std::bad_alloc&) {
+      error = ENOMEM;
+    }
+  }
+  if (error != 0) Connected(error, nullptr);
+}
+
+void HttpExchange::Connected(long reason, std::unique_ptr<ByteStream> stream) {
+  if (IsOver()) return;
+  const CAWAutoPtr<HttpExchange> alive(this);
+  timer_.Cancel();
+  dialer_.Stop();
+  stream_ = std::move(stream);
+  if (reason != 0) result_ = -reason;
+  handle_ = channel_.get();
+  const CAWAutoPtr<HttpChannel> channel(channel_.release());
+  channel->Attach(this);
+  std::exchange(connectSink_, nullptr)->OnConnect(reason, channel.Get());
+}
+
+// --- the request ---
+
+AWResult HttpExchange::Listen(wface::IAWTransportSink* sink) {
+  GetLoop().CheckCurrent("an HTTP channel's OpenWithSink");
+  if (sink == nullptr || opened_ || IsOver()) return AW_ERROR_FAILURE;
+  if (result_ && !FinishLater(*result_)) return AW_ERROR_FAILURE;
+  opened_ = true;
+  sink_ = sink;
+  return AW_OK;
+}
+
+AWResult HttpExchange::SetRequest(const std::string& setting) try {
+  GetLoop().CheckCurrent("an HTTP channel's SetRequest");
+  setting_ = Setting();
+  const bool good = ParseSetting(setting, setting_);
+  refused_ = !good || order_.credentialsRefused;
+  return good ? AW_OK : AW_ERROR_FAILURE;
+} catch (const std::bad_alloc&) {
+  refused_ = true;
+  return AW_ERROR_FAILURE;
+}
+
+AWResult HttpExchange::Send(CAWMessageBlock& body) {
+  GetLoop().CheckCurrent("an HTTP channel's SendData");
+  if (IsOver() || result_) return AW_ERROR_NOT_INITIALIZED;
+  if (!opened_ || sent_) return AW_ERROR_FAILURE;
+  sent_ = true;
+  if (refused_) {
+    FinishLater(-EINVAL);
+    return AW_ERROR_FAILURE;
+  }
+  try {
+    SendHeadAnd(body);
+    return AW_OK;
+  } catch (const std::bad_alloc&) {
+    FinishLater(-ENOMEM);
+    return AW_ERROR_FAILURE;
+  }
+}
+
+void HttpExchange::SendHeadAnd(CAWMessageBlock& body) {
+  const std::size_t size = body.GetChainedLength();
+  const std::string text = WriteHead(url_, setting_, order_.credentials, size);
+  reader_ = std::make_unique<AnswerReader>(order_.limits, setting_.method == "HEAD");
+  Limit(order_.limits.sendMs, -ETIME);
+  stream_->Open(this);
+  CAWMessageBlock head(text.data(), text.size(), CAWMessageBlock::borrow);
+  const CAWMessageBlock::LinkForCall link(head, body);
+  const AWResult sent = stream_->Send(head);
+  if (sent == AW_OK) return AwaitAnswer();
+  if (sent != AW_ERROR_PARTIAL_DATA) {
+    FinishLater(ResultOfEnd(static_cast<long>(sent)));
+    return;
+  }
+  rest_.reset(head.DuplicateChained());
+  body.AdvanceChainedReadPtr(body.GetChainedLength());
+}
+
+void HttpExchange::OnRoom() {
+  if (rest_ == nullptr) return;
+  const AWResult sent = stream_->Send(*rest_);
+  if (sent == AW_ERROR_PARTIAL_DATA) return;
+  rest_ = nullptr;
+  if (sent == AW_OK) return AwaitAnswer();
+  Finish(ResultOfEnd(static_cast<long>(sent)));
+}
+
+void HttpExchange::AwaitAnswer() { Limit(order_.limits.answerMs, -ETIME); }
+
+void HttpExchange::Limit(std::uint32_t milliseconds, long result) {
+  timer_.Start(std::chrono::milliseconds(milliseconds), 1, [this, result] { Finish(result); });
+}
+
+// --- the answer; it may come before the request is sent ---
+
+void HttpExchange::OnBytes(CAWMessageBlock& chain) {
+  int error = 0;
+  try {
+    for (const CAWMessageBlock* block = &chain; block != nullptr && error == 0;
+         block = block->GetNext())
+      error = reader_->Add({block->GetReadPtr(), block->GetLength()});
+  } catch (const std::bad_alloc&) {
+    error = ENOMEM;
+  }
+  if (error != 0) return Finish(-error);
+  if (reader_->IsWhole()) Finish(reader_->GetStatus());
+}
+
+void HttpExchange::OnEnd(long reason) {
+  if (reason != 0) return Finish(ResultOfEnd(reason));
+  const int error = reader_->End();
+  Finish(error == 0 ? reader_->GetStatus() : -error);
+}
+
+// Nothing is told from inside an operation of the user's.
+bool HttpExchange::FinishLater(long result) try {
+  timer_.Start(std::chrono::microseconds(0), 1, [this, result] { Finish(result); });
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+void HttpExchange::Finish(long result) {
+  const CAWAutoPtr<HttpExchange> alive(this);
+  std::unique_ptr<CAWMessageBlock> body;
+  if (result > 0) body = reader_->TakeBody();
+  result_ = result;
+  timer_.Cancel();
+  stream_ = nullptr;
+  rest_ = nullptr;
+  reader_ = nullptr;
+  Deliver(std::move(body));
+}
+
+void HttpExchange::Deliver(std::unique_ptr<CAWMessageBlock> body) {
+  if (IsOver() || handle_ == nullptr || handle_->IsLetGo()) return;
+  const CAWAutoPtr<HttpChannel> channel(handle_);
+  CAWMessageBlock nothing(nullptr, 0, CAWMessageBlock::borrow);
+  sink_->OnReceive(body != nullptr ? *body : nothing, channel.Get(), nullptr);
+  if (IsOver()) return;
+  if (auto* sink = std::exchange(sink_, nullptr)) sink->OnDisconnect(0, channel.Get());
+}
+
+AWResult HttpExchange::GetResult(long& result) const {
+  if (!result_) return AW_ERROR_NOT_AVAILABLE;
+  result = *result_;
+  return AW_OK;
+}
+
+AWResult HttpExchange::GetOption(int code, void* value) {
+  return stream_ == nullptr ? AW_ERROR_FAILURE : stream_->GetOption(code, value);
+}
+
+}  // namespace shttp

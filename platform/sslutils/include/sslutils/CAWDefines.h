@@ -1,0 +1,4 @@
+// CAWDefines.h - what is exported from the sslutils library.
+#pragma once
+
+#define SSLUTILS_API __attribute__((visibility("default")))

@@ -1,0 +1,130 @@
+// TlsAcceptor.h - listens by a transport of the platform, and shakes hands with who comes.
+#pragma once
+
+#include <cerrno>
+#include <memory>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include "keelbase/internal/LoopObject.h"
+#include "sslutils/CAWSSLManager.h"
+#include "sslutils/internal/ByteTransport.h"
+#include "sslutils/internal/HandshakeLimit.h"
+#include "sslutils/internal/SSLTransport.h"
+#include "sslutils/internal/TlsServer.h"
+#include "sslutils/internal/TlsStream.h"
+
+namespace sslutils::internal {
+
+// `Below` names the interfaces of the library that listens.
+template <class Below>
+class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
+                          private Below::ConnectSink {
+  using Transport = typename Below::Transport;
+
+ public:
+  TlsAcceptor(keelbase::internal::EventLoop& loop,
+              keelbase::CAWAutoPtr<typename Below::Acceptor> below)
+      : LoopObject(loop), below_(std::move(below)) {}
+  ~TlsAcceptor() override = default;
+
+  keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override try {
+    return server_.SetPrivateKey(text);
+  } catch (const std::bad_alloc&) {
+    return keelbase::AW_ERROR_FAILURE;
+  }
+  keelbase::AWResult SetCertificate(const keelbase::CAWString& text) override try {
+    return server_.SetCertificate(text);
+  } catch (const std::bad_alloc&) {
+    return keelbase::AW_ERROR_FAILURE;
+  }
+  keelbase::AWResult SetClientAuthorities(const keelbase::CAWString& authorities,
+                                          bool required) override try {
+    return server_.SetClientAuthorities(authorities, required);
+  } catch (const std::bad_alloc&) {
+    return keelbase::AW_ERROR_FAILURE;
+  }
+
+  keelbase::AWResult StartListen(IAWSSLConnectionSink* sink, const keelbase::CAWInetAddr& addr,
+                                 int backlog) override {
+    if (sink == nullptr) return keelbase::AW_ERROR_FAILURE;
+    keelbase::AWResult result = keelbase::AW_ERROR_FAILURE;
+    GetLoop().Call([&] {
+      if (sink_ != nullptr) return;
+      try {
+        result = server_.Prepare();
+        if (result == keelbase::AW_OK) result = below_->StartListen(this, addr, backlog);
+      } catch (const std::bad_alloc&) {
+        result = keelbase::AW_ERROR_FAILURE;
+      }
+      if (result == keelbase::AW_OK) sink_ = sink;
+    });
+    return result;
+  }
+  keelbase::AWResult StopListen() override {
+    GetLoop().Call([this] {
+      sink_ = nullptr;
+      below_->StopListen();
+      const auto shaking = std::move(shaking_);
+      shaking_.clear();
+      for (const auto& each : shaking) each.second->Disconnect();
+    });
+    return keelbase::AW_OK;
+  }
+  keelbase::CAWInetAddr GetLocalAddr() override {
+    keelbase::CAWInetAddr address;
+    GetLoop().Call([&] {
+      if (sink_ != nullptr) address = below_->GetLocalAddr();
+    });
+    return address;
+  }
+
+ private:
+  void OnLastReference() override { StopListen(); }
+
+  void OnConnectIndication(long /*reason*/, Transport* transport,
+                           typename Below::Id* /*id*/) override {
+    if (transport == nullptr || IsLetGo()) return;
+    try {
+      ShakeHands(transport);
+    } catch (const std::bad_alloc&) {
+      // This one connection is closed; the next may find memory again.
+    }
+  }
+
+  void ShakeHands(Transport* transport) {
+    using Bytes =
+        TransportBytes<Transport, typename Below::TransportSink, typename Below::Parameter>;
+    SslPtr ssl = server_.MakeSsl();
+    if (ssl == nullptr) return;
+    keelbase::CAWAutoPtr<TlsStream> stream(
+        new TlsStream(GetLoop(), std::make_unique<Bytes>(transport), std::move(ssl)));
+    TlsStream* const key = stream.Get();
+    shaking_.emplace(key, stream);
+    stream->Start(kHandshakeLimit, [this, key](long reason) { OnEstablished(key, reason); });
+  }
+
+  void OnEstablished(TlsStream* stream, long reason) {
+    if (IsLetGo()) return;
+    const keelbase::CAWAutoPtr<TlsAcceptor> alive(this);
+    const keelbase::CAWAutoPtr<TlsStream> held(stream);
+    shaking_.erase(stream);
+    keelbase::CAWAutoPtr<IAWSSLTransport> transport;
+    if (reason == 0) {
+      try {
+        transport = new SSLTransport(GetLoop(), held);
+      } catch (const std::bad_alloc&) {
+        reason = ENOMEM;
+      }
+    }
+    sink_->OnSSLConnected(reason, transport.Get());
+  }
+
+  const keelbase::CAWAutoPtr<typename Below::Acceptor> below_;
+  IAWSSLConnectionSink* sink_ = nullptr;  // null: not listening
+  TlsServer server_;
+  std::unordered_map<TlsStream*, keelbase::CAWAutoPtr<TlsStream>> shaking_;
+};
+
+}  // namespace sslutils::internal

@@ -1,0 +1,146 @@
+// TlsStream.h - one TLS connection over any byte transport: handshake, records, orderly end.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "keelbase/CAWAutoPtr.h"
+#include "keelbase/CAWMessageBlock.h"
+#include "keelbase/CAWReferenceControl.h"
+#include "keelbase/CAWTransport.h"
+#include "keelbase/internal/EventLoop.h"
+#include "sslutils/CAWDefines.h"
+#include "sslutils/CAWSSLTransport.h"
+#include "sslutils/internal/ByteTransport.h"
+
+struct bio_method_st;
+struct bio_st;
+struct ssl_st;
+
+namespace sslutils::internal {
+
+struct SslFree {
+  SSLUTILS_API void operator()(ssl_st* ssl) const;
+};
+using SslPtr = std::unique_ptr<ssl_st, SslFree>;
+
+// Plain bytes go in and out as with a StreamSocket, whose operations it has; below it, records.
+// OpenSSL reads the received bytes where they lie and gives its records straight to the transport
+// below, so that nothing is kept here but a record that is being filled and one that the transport
+// has refused. Loop thread only, but for the count.
+class SSLUTILS_API TlsStream final
+    : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
+      private ByteSink,
+      private keelbase::internal::TurnEndTask,
+      private keelbase::internal::LingerTask {
+ public:
+  // `ssl` knows its role and all that it is to check.
+  TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTransport> lower, SslPtr ssl);
+  ~TlsStream() override;
+  void OnReferenceDestory() override;
+
+  // Shakes hands. `done` comes once, with 0 or a reason, never from in here and never after
+  // Disconnect; it may open, disconnect or drop the stream.
+  using Done = std::function<void(long reason)>;
+  void Start(std::chrono::milliseconds limit, Done done);
+
+  // See IAWSSLTransport. For a stream whose handshake has succeeded.
+  keelbase::AWResult Open(ByteSink* sink);
+  keelbase::AWResult Send(keelbase::CAWMessageBlock& chain);
+  void Disconnect();
+  keelbase::AWResult GetOption(int code, void* value) const;
+  keelbase::AWResult SetOption(int code, void* value);
+
+ private:
+  enum class State { fresh, shaking, ready, open, ended, closing, closed };
+
+  // Events of the transport below.
+  void OnBytes(keelbase::CAWMessageBlock& block) override;
+  void OnRoom() override;
+  void OnEnd(long reason) override;
+
+  void OnTurnEnd() override;
+
+  // The last seconds of a process: the transport below lingers in its own way.
+  int LingerDescriptor() const override { return -1; }
+  keelbase::internal::Clock::Point LingerDeadline() const override { return lingerBegin_; }
+  void WriteLingering() override {}
+  void AbandonLinger() override { CloseNow(); }
+
+  // OpenSSL's side; see the BIO in TlsStream.cpp.
+  friend struct TlsBio;
+  std::size_t ReadBelow(char* data, std::size_t length);
+  std::size_t WriteBelow(const char* data, std::size_t length);
+
+  void ShakeHands();
+  void Established(long reason);
+  void Pump();
+  bool FillBlock(keelbase::CAWMessageBlock& block);
+  void Deliver(keelbase::CAWMessageBlock& block);
+  void TellRoom();
+  void End(long reason);
+  void EndOfLower();
+  bool MayRead() const;
+  void StopReading(bool stop);
+  void ReadLower(bool read);
+
+  std::size_t TakeSome(keelbase::CAWMessageBlock& block);
+  void WriteRecord(const char* data, std::size_t length);
+  void WritePending();
+  void KeepPending(const char* data, std::size_t length);
+  void FailWriting(long reason);
+  bool FlushGather();
+  std::size_t Gathered() const { return gather_ == nullptr ? 0 : gather_->GetLength(); }
+  bool IsBlocked() const { return pending_ != nullptr; }
+  void WantTurnEnd();
+  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
+  CAWSSLInfo GetInfo() const;
+  keelbase::CAWTransportCounters GetCounters() const;
+
+  void WriteLast();
+  void Drain();
+  void WriteRest();
+  void CloseNow() { CloseNow(lingerMs_); }
+  void CloseNow(std::uint32_t lingerMs);
+
+  keelbase::internal::EventLoop& loop_;
+  std::unique_ptr<ByteTransport> lower_;
+  SslPtr ssl_;
+  State state_ = State::fresh;
+  ByteSink* sink_ = nullptr;
+  Done done_;
+
+  // Received and not decrypted yet: during an event the transport's own block, else a copy of what
+  // had to be left.
+  keelbase::CAWMessageBlock* arriving_ = nullptr;
+  std::unique_ptr<keelbase::CAWMessageBlock> kept_;
+  bool reading_ = true;       // the owner wants to
+  bool lowerReading_ = true;  // the transport below does
+  bool lowerEnded_ = false;
+  bool peerEnded_ = false;  // close_notify has come
+  bool pumping_ = false;
+  long endReason_ = 0;  // of the transport below
+  std::size_t readSize_;
+
+  std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
+  std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that is to be written again
+  bool readBlocked_ = false;  // reading goes on when there is room to write
+  bool roomWanted_ = false;   // 10013 was answered
+  bool dirty_ = false;        // OnTurnEnd is due
+  long writeError_ = 0;       // nothing more can be sent
+  bool failed_ = false;       // and the transport below does not know
+
+  std::uint32_t lingerMs_ = 2000;
+  std::unique_ptr<keelbase::CAWMessageBlock> lingerData_;
+  std::unique_ptr<keelbase::CAWMessageBlock> rest_;  // records that wait for the last writes
+  keelbase::internal::Clock::Point lingerBegin_{};
+  std::unique_ptr<keelbase::internal::Timer> timer_;  // of the handshake, then of the linger
+  keelbase::CAWAutoPtr<TlsStream> self_;              // held while lingering
+
+  keelbase::CAWTransportCounters counters_;
+};
+
+}  // namespace sslutils::internal

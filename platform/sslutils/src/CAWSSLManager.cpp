@@ -1,0 +1,56 @@
+// CAWSSLManager.cpp - see CAWSSLManager.h.
+#include "sslutils/CAWSSLManager.h"
+
+#include <atomic>
+#include <new>
+
+#include "OverTcp.h"
+#include "keelbase/internal/MakeOnLoop.h"
+#include "sslutils/internal/TlsClient.h"
+
+namespace sslutils {
+
+namespace {
+
+using keelbase::AWResult;
+using keelbase::CAWAutoPtr;
+using keelbase::internal::MakeOnLoop;
+
+constexpr int kPlainTcp = 1;
+
+class SSLManager final : public IAWSSLManager {
+ public:
+  AWResult CreateSSLConnector(CAWAutoPtr<IAWSSLConnector>& out) override {
+    CAWAutoPtr<wface::IAWConnector> tcp;
+    out = nullptr;
+    const AWResult made = wface::CAWConnectionManager::Instance()->CreateConnector(kPlainTcp, tcp);
+    return made == keelbase::AW_OK ? MakeOnLoop<SSLConnector>(out, tcp) : made;
+  }
+  AWResult CreateSSLAcceptor(CAWAutoPtr<IAWSSLAcceptor>& out) override {
+    CAWAutoPtr<wface::IAWAcceptor> tcp;
+    out = nullptr;
+    const AWResult made = wface::CAWConnectionManager::Instance()->CreateAcceptor(kPlainTcp, tcp);
+    return made == keelbase::AW_OK ? MakeOnLoop<SSLAcceptor>(out, tcp) : made;
+  }
+  AWResult SetTrustedCertificates(const keelbase::CAWString& text) override try {
+    return internal::SetTrusted(text);
+  } catch (const std::bad_alloc&) {
+    return keelbase::AW_ERROR_FAILURE;
+  }
+};
+
+std::atomic<IAWSSLManager*> testInstance{nullptr};
+
+}  // namespace
+
+IAWSSLManager* IAWSSLManager::Instance() {
+  static SSLManager& manager = *new SSLManager;  // lives for ever, like the threads
+  IAWSSLManager* replaced = testInstance.load(std::memory_order_acquire);
+  return replaced != nullptr ? replaced : &manager;
+}
+
+void IAWSSLManager::TEST_SetInstance(IAWSSLManager* manager) {
+  testInstance.store(manager, std::memory_order_release);
+}
+
+}  // namespace sslutils

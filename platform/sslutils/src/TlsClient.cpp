@@ -1,0 +1,128 @@
+// TlsClient.cpp - see TlsClient.h.
+#include "sslutils/internal/TlsClient.h"
+
+#include <arpa/inet.h>
+#include <openssl/err.h>
+#include <openssl/x509v3.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "TlsContext.h"
+#include "TlsSessions.h"
+#include "TlsTrust.h"
+
+namespace sslutils::internal {
+
+using keelbase::AW_OK;
+using keelbase::AWResult;
+
+namespace {
+
+// These live for ever, like the threads: a connection may end during exit.
+TlsTrust& Trust() {
+  static TlsTrust& trust = *new TlsTrust;
+  return trust;
+}
+TlsSessions& Sessions() {
+  static TlsSessions& sessions = *new TlsSessions;
+  return sessions;
+}
+
+// --- the session key of a connection, kept with it ---
+
+void FreeKey(void*, void* key, CRYPTO_EX_DATA*, int, long, void*) {
+  delete static_cast<std::string*>(key);
+}
+
+int KeyIndex() {
+  static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, FreeKey);
+  return index;
+}
+
+int KeepSession(SSL* ssl, SSL_SESSION* session) {
+  const auto* key = static_cast<const std::string*>(SSL_get_ex_data(ssl, KeyIndex()));
+  if (key == nullptr) return 0;
+  try {
+    SSL_SESSION_up_ref(session);
+    Sessions().Add(*key, SessionPtr(session));
+  } catch (const std::bad_alloc&) {  // the next connection shakes hands in full
+  }
+  return 0;
+}
+
+std::string MakeKey(const TlsClientSettings& settings, std::uint64_t trust) {
+  const auto& peer = settings.peer;
+  return peer.GetIpDisplayName() + ':' + std::to_string(peer.GetPort()) + '/' +
+         std::to_string(settings.mode) + '/' + std::to_string(trust) + '/' +
+         settings.identity.GetFingerprint() + '/' + settings.serverName;
+}
+
+SSL_CTX* Context() {
+  static SSL_CTX* const context = [] {
+    ContextPtr made = MakeContext(TLS_client_method());
+    if (made != nullptr) {
+      SSL_CTX_set_session_cache_mode(made.get(),
+                                     SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+      SSL_CTX_sess_set_new_cb(made.get(), KeepSession);
+    }
+    return made.release();
+  }();
+  return context;
+}
+
+// --- what is checked ---
+
+bool IsIpAddress(const std::string& name) {
+  in6_addr address;
+  return ::inet_pton(AF_INET, name.c_str(), &address) == 1 ||
+         ::inet_pton(AF_INET6, name.c_str(), &address) == 1;
+}
+
+bool CheckName(SSL* ssl, const std::string& name) {
+  X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
+  if (IsIpAddress(name)) return X509_VERIFY_PARAM_set1_ip_asc(param, name.c_str()) == 1;
+  X509_VERIFY_PARAM_set_hostflags(
+      param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS | X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
+  return X509_VERIFY_PARAM_set1_host(param, name.c_str(), name.size()) == 1;
+}
+
+bool SetChecks(SSL* ssl, const TlsClientSettings& settings, X509_STORE* store) {
+  const bool named = !settings.serverName.empty();
+  if (named && !IsIpAddress(settings.serverName) &&
+      SSL_set_tlsext_host_name(ssl, settings.serverName.c_str()) != 1)
+    return false;
+  if (settings.mode == AW_SSL_VERIFY_NONE) return true;
+  SSL_set_verify(ssl, SSL_VERIFY_PEER, nullptr);
+  if (store == nullptr || SSL_set1_verify_cert_store(ssl, store) != 1) return false;
+  if (settings.mode == AW_SSL_VERIFY_CHAIN) return true;
+  return CheckName(ssl, named ? settings.serverName : settings.peer.GetIpDisplayName());
+}
+
+}  // namespace
+
+AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
+  if (const AWResult result = settings.identity.Check(); result != AW_OK) return result;
+  SslPtr ssl(Context() == nullptr ? nullptr : SSL_new(Context()));
+  if (ssl == nullptr) return ENOMEM;
+  TlsTrust::Snapshot trust;
+  if (settings.mode != AW_SSL_VERIFY_NONE) trust = Trust().Get();
+  if (const AWResult result = settings.identity.Use(ssl.get()); result != AW_OK) return result;
+  const bool good = SetChecks(ssl.get(), settings, trust.store.get());
+  ERR_clear_error();
+  if (!good) return AW_SSL_ERROR_CERTIFICATE_NAME;  // no certificate can be for such a name
+  auto key = std::make_unique<std::string>(MakeKey(settings, trust.generation));
+  if (const SessionPtr session = Sessions().Take(*key)) SSL_set_session(ssl.get(), session.get());
+  if (SSL_set_ex_data(ssl.get(), KeyIndex(), key.get()) == 1) (void)key.release();
+  SSL_set_connect_state(ssl.get());
+  out = std::move(ssl);
+  return AW_OK;
+}
+
+AWResult SetTrusted(const std::string& text) {
+  StartOpenSsl();
+  return Trust().Set(text);
+}
+
+}  // namespace sslutils::internal

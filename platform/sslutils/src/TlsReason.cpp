@@ -1,0 +1,103 @@
+// TlsReason.cpp - see TlsReason.h.
+#include "TlsReason.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <memory>
+
+namespace sslutils::internal {
+
+namespace {
+
+struct BioFree {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+
+long ReasonOfVerification(long result) {
+  switch (result) {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+      return AW_SSL_ERROR_CERTIFICATE_EXPIRED;
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+      return AW_SSL_ERROR_CERTIFICATE_NOT_YET_VALID;
+    case X509_V_ERR_HOSTNAME_MISMATCH:
+    case X509_V_ERR_IP_ADDRESS_MISMATCH:
+      return AW_SSL_ERROR_CERTIFICATE_NAME;
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+    case X509_V_ERR_CERT_UNTRUSTED:
+      return AW_SSL_ERROR_UNKNOWN_AUTHORITY;
+    default:
+      return AW_SSL_ERROR_CERTIFICATE_INVALID;
+  }
+}
+
+// 0 for what tells nothing more than that it has failed.
+long ReasonOfError(int reason) {
+  switch (reason) {
+    case SSL_R_UNSUPPORTED_PROTOCOL:
+    case SSL_R_VERSION_TOO_LOW:
+    case SSL_R_TLSV1_ALERT_PROTOCOL_VERSION:
+      return AW_SSL_ERROR_VERSION;
+    case SSL_R_NO_SHARED_CIPHER:
+      return AW_SSL_ERROR_NO_COMMON_CIPHER;
+    case SSL_R_PEER_DID_NOT_RETURN_A_CERTIFICATE:
+      return AW_SSL_ERROR_CERTIFICATE_MISSING;
+    case SSL_R_TLSV1_ALERT_UNKNOWN_CA:
+    case SSL_R_TLSV13_ALERT_CERTIFICATE_REQUIRED:
+    case SSL_R_SSLV3_ALERT_BAD_CERTIFICATE:
+    case SSL_R_SSLV3_ALERT_UNSUPPORTED_CERTIFICATE:
+    case SSL_R_SSLV3_ALERT_CERTIFICATE_REVOKED:
+    case SSL_R_SSLV3_ALERT_CERTIFICATE_EXPIRED:
+    case SSL_R_SSLV3_ALERT_CERTIFICATE_UNKNOWN:
+    case SSL_R_SSLV3_ALERT_NO_CERTIFICATE:
+      return AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE;
+    default:
+      return 0;
+  }
+}
+
+// OpenSSL counts the alerts of the peer from here on.
+bool IsAlert(int reason) { return reason > SSL_AD_REASON_OFFSET; }
+
+}  // namespace
+
+long ReasonOfHandshakeFailure(const SSL* ssl) {
+  const long verified = SSL_get_verify_result(ssl);
+  if (verified != X509_V_OK && SSL_get_verify_mode(ssl) != SSL_VERIFY_NONE)
+    return ReasonOfVerification(verified);
+  const int reason = ERR_GET_REASON(ERR_peek_error());
+  if (const long known = ReasonOfError(reason); known != 0) return known;
+  return IsAlert(reason) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_HANDSHAKE;
+}
+
+// With TLS 1.3 a server looks at our certificate when we are connected already.
+long ReasonOfRecordFailure() {
+  const long known = ReasonOfError(ERR_GET_REASON(ERR_peek_error()));
+  return known == AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE ? known : AW_SSL_ERROR_RECORD;
+}
+
+void DescribePeerCertificate(SSL* ssl, CAWSSLInfo& info) {
+  X509* certificate = SSL_get0_peer_certificate(ssl);
+  if (certificate == nullptr) return;
+  info.peerVerified =
+      SSL_get_verify_mode(ssl) != SSL_VERIFY_NONE && SSL_get_verify_result(ssl) == X509_V_OK;
+  const auto text = [](auto write) {
+    const std::unique_ptr<BIO, BioFree> bio(BIO_new(BIO_s_mem()));
+    if (bio == nullptr || write(bio.get()) < 0) return keelbase::CAWString();
+    char* data = nullptr;
+    const long length = BIO_get_mem_data(bio.get(), &data);
+    return keelbase::CAWString(data, static_cast<std::size_t>(length));
+  };
+  info.peerSubject = text([&](BIO* bio) {
+    return X509_NAME_print_ex(bio, X509_get_subject_name(certificate), 0,
+                              XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
+  });
+  info.peerCertificate = text([&](BIO* bio) { return PEM_write_bio_X509(bio, certificate); });
+}
+
+}  // namespace sslutils::internal

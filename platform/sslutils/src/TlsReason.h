@@ -1,0 +1,17 @@
+// TlsReason.h - what OpenSSL says, as reasons of CAWSSLError.h.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include "sslutils/CAWSSLTransport.h"
+
+namespace sslutils::internal {
+
+// Right after a call has failed with SSL_ERROR_SSL, on the same thread.
+long ReasonOfHandshakeFailure(const SSL* ssl);
+long ReasonOfRecordFailure();
+
+// Fills in what is known of the peer's certificate.
+void DescribePeerCertificate(SSL* ssl, CAWSSLInfo& info);
+
+}  // namespace sslutils::internal

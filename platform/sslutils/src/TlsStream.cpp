@@ -1,0 +1,582 @@
+// TlsStream.cpp - see TlsStream.h.
+#include "sslutils/internal/TlsStream.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "TlsReason.h"
+#include "keelbase/internal/BufferPool.h"
+
+namespace sslutils::internal {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_ERROR_NOT_INITIALIZED;
+using keelbase::AW_ERROR_PARTIAL_DATA;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWAutoPtr;
+using keelbase::CAWMessageBlock;
+using keelbase::internal::Clock;
+using keelbase::internal::kGatherSize;
+using keelbase::internal::kReadSize;
+
+namespace {
+
+constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // 16 KiB
+
+bool HasBytes(const CAWMessageBlock* chain) {
+  return chain != nullptr && chain->GetChainedLength() != 0;
+}
+
+void DropRead(std::unique_ptr<CAWMessageBlock>& chain) {
+  if (chain != nullptr) chain.reset(chain.release()->ReclaimGarbage());
+}
+
+void AppendTo(std::unique_ptr<CAWMessageBlock>& chain, CAWMessageBlock* more) {
+  if (chain == nullptr) {
+    chain.reset(more);
+  } else {
+    chain->Append(more);
+  }
+}
+
+}  // namespace
+
+// The BIO through which OpenSSL reads and writes: no buffer of its own, and never blocked for good.
+struct TlsBio {
+  static TlsStream& Stream(BIO* bio) { return *static_cast<TlsStream*>(BIO_get_data(bio)); }
+
+  static int Read(BIO* bio, char* data, std::size_t length, std::size_t* count) {
+    BIO_clear_retry_flags(bio);
+    *count = Stream(bio).ReadBelow(data, length);
+    if (*count != 0) return 1;
+    BIO_set_retry_read(bio);
+    return -1;
+  }
+  static int Write(BIO* bio, const char* data, std::size_t length, std::size_t* count) {
+    BIO_clear_retry_flags(bio);
+    *count = Stream(bio).WriteBelow(data, length);
+    if (*count != 0) return 1;
+    if (Stream(bio).writeError_ == 0) BIO_set_retry_write(bio);
+    return -1;
+  }
+  static long Control(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
+
+  static BIO_METHOD* Method() {
+    static BIO_METHOD* const method = [] {
+      BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "transport");
+      if (made == nullptr) return made;
+      BIO_meth_set_read_ex(made, Read);
+      BIO_meth_set_write_ex(made, Write);
+      BIO_meth_set_ctrl(made, Control);
+      return made;
+    }();
+    return method;
+  }
+};
+
+void SslFree::operator()(ssl_st* ssl) const { SSL_free(ssl); }
+
+TlsStream::TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTransport> lower,
+                     SslPtr ssl)
+    : loop_(loop), lower_(std::move(lower)), ssl_(std::move(ssl)), readSize_(kReadSize) {
+  BIO* bio = TlsBio::Method() == nullptr ? nullptr : BIO_new(TlsBio::Method());
+  if (bio == nullptr) throw std::bad_alloc();
+  BIO_set_data(bio, this);
+  BIO_set_init(bio, 1);
+  SSL_set_bio(ssl_.get(), bio, bio);
+}
+
+TlsStream::~TlsStream() = default;
+
+// Letting go of a connection ends it in order, and that may take a while.
+void TlsStream::OnReferenceDestory() {
+  if (state_ == State::closed) {
+    delete this;
+    return;
+  }
+  const CAWAutoPtr<TlsStream> alive(this);
+  Disconnect();
+}
+
+// --- handshake ---
+
+void TlsStream::Start(std::chrono::milliseconds limit, Done done) {
+  done_ = std::move(done);
+  state_ = State::shaking;
+  timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
+  timer_->Start(limit, 1, [this] {
+    const CAWAutoPtr<TlsStream> alive(this);
+    Established(AW_SSL_ERROR_HANDSHAKE_TIME);
+  });
+  lower_->Open(this);
+  WantTurnEnd();
+}
+
+void TlsStream::ShakeHands() {
+  ERR_clear_error();
+  const int result = SSL_do_handshake(ssl_.get());
+  if (result == 1) return Established(0);
+  switch (SSL_get_error(ssl_.get(), result)) {
+    case SSL_ERROR_WANT_READ:
+    case SSL_ERROR_WANT_WRITE:
+      if (lowerEnded_) Established(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
+      return;
+    case SSL_ERROR_SYSCALL:
+      return Established(writeError_ != 0 ? writeError_ : AW_SSL_ERROR_HANDSHAKE);
+    default:
+      return Established(ReasonOfHandshakeFailure(ssl_.get()));
+  }
+}
+
+void TlsStream::Established(long reason) {
+  if (state_ != State::shaking) return;
+  timer_.reset();
+  const Done done = std::move(done_);
+  if (reason == 0) {
+    state_ = State::ready;
+  } else {
+    CloseNow();
+  }
+  done(reason);
+  if (state_ == State::ready) ReadLower(false);  // until somebody wants the bytes
+}
+
+AWResult TlsStream::Open(ByteSink* sink) {
+  loop_.CheckCurrent("a transport's OpenWithSink");
+  if (sink == nullptr || state_ != State::ready) return AW_ERROR_FAILURE;
+  sink_ = sink;
+  state_ = State::open;
+  ReadLower(reading_);
+  WantTurnEnd();
+  return AW_OK;
+}
+
+// --- events of the transport below ---
+
+void TlsStream::OnBytes(CAWMessageBlock& block) {
+  const CAWAutoPtr<TlsStream> alive(this);
+  arriving_ = &block;
+  try {
+    if (state_ == State::shaking) ShakeHands();
+    if (state_ == State::open) Pump();
+    if (state_ == State::closing) Drain();
+    const bool wanted = state_ == State::ready || state_ == State::open;
+    if (wanted && HasBytes(arriving_)) AppendTo(kept_, arriving_->DuplicateChained());
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+  arriving_ = nullptr;
+}
+
+void TlsStream::OnRoom() {
+  const CAWAutoPtr<TlsStream> alive(this);
+  if (state_ == State::shaking) return ShakeHands();
+  if (state_ == State::closing) return WriteRest();
+  WritePending();
+  if (!IsBlocked()) FlushGather();
+  if (readBlocked_ && state_ == State::open) Pump();
+  if (!IsBlocked() && roomWanted_) TellRoom();
+}
+
+void TlsStream::OnEnd(long reason) {
+  const CAWAutoPtr<TlsStream> alive(this);
+  lowerEnded_ = true;
+  endReason_ = reason;
+  switch (state_) {
+    case State::shaking:
+      return ShakeHands();
+    case State::open:
+      return EndOfLower();
+    case State::closing:
+      return CloseNow();
+    default:
+      return;  // whoever opens the stream is told then
+  }
+}
+
+// What came before the end is delivered first, also to an owner who had stopped reading.
+void TlsStream::EndOfLower() {
+  Pump();
+  if (writeError_ != 0) return End(writeError_);
+  End(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
+}
+
+void TlsStream::OnTurnEnd() {
+  const CAWAutoPtr<TlsStream> alive(this);
+  dirty_ = false;
+  if (state_ == State::shaking) return ShakeHands();
+  if (!IsBlocked()) FlushGather();
+  if (state_ != State::open) return;
+  if (lowerEnded_) return EndOfLower();
+  Pump();
+  if (failed_) End(writeError_);
+}
+
+// --- receiving ---
+
+std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
+  CAWMessageBlock* const source = kept_ != nullptr ? kept_.get() : arriving_;
+  if (source == nullptr) return 0;
+  const std::size_t count = source->CopyChained(data, length);
+  source->AdvanceChainedReadPtr(count);
+  DropRead(kept_);
+  return count;
+}
+
+bool TlsStream::MayRead() const {
+  if (state_ != State::open || (!reading_ && !lowerEnded_)) return false;
+  return kept_ != nullptr || HasBytes(arriving_) || SSL_has_pending(ssl_.get()) == 1;
+}
+
+void TlsStream::Pump() {
+  if (std::exchange(pumping_, true)) return;  // inside an upcall: the loop below goes on
+  try {
+    for (bool more = true; more && MayRead();) {
+      // Room in front, so that a receiver can put the start of a cut frame there.
+      const auto block = std::make_unique<CAWMessageBlock>(kReadSize, kGatherSize);
+      more = FillBlock(*block);
+    }
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+  pumping_ = false;
+}
+
+// Decrypts as much as one event may bring and delivers it. False when there is nothing to go on
+// with for now, or for good.
+bool TlsStream::FillBlock(CAWMessageBlock& block) {
+  int error = SSL_ERROR_NONE;
+  while (error == SSL_ERROR_NONE && block.GetLength() < readSize_) {
+    std::size_t count = 0;
+    ERR_clear_error();
+    const int result =
+        SSL_read_ex(ssl_.get(), block.GetWritePtr(), readSize_ - block.GetLength(), &count);
+    if (result == 1) {
+      block.AdvanceWritePtr(count);
+    } else {
+      error = SSL_get_error(ssl_.get(), result);
+    }
+  }
+  const bool broken = error == SSL_ERROR_SSL;
+  const long reason = broken ? ReasonOfRecordFailure() : 0;
+  readBlocked_ = error == SSL_ERROR_WANT_WRITE;
+  peerEnded_ = peerEnded_ || error == SSL_ERROR_ZERO_RETURN;
+  if (block.GetLength() != 0) Deliver(block);
+  if (broken || peerEnded_) End(reason);
+  return error == SSL_ERROR_NONE;
+}
+
+void TlsStream::Deliver(CAWMessageBlock& block) {
+  ++counters_.blocksReceived;
+  counters_.bytesReceived += block.GetLength();
+  sink_->OnBytes(block);
+}
+
+void TlsStream::TellRoom() {
+  roomWanted_ = false;
+  try {
+    if (sink_ != nullptr) sink_->OnRoom();
+  } catch (const std::bad_alloc&) {
+    End(ENOMEM);
+  }
+}
+
+// A connection that is broken is closed here; after an orderly end what was taken may still go out.
+void TlsStream::End(long reason) {
+  if (state_ == State::shaking) return Established(reason);
+  if (state_ != State::open) return;
+  state_ = State::ended;
+  ByteSink* const sink = std::exchange(sink_, nullptr);
+  if (reason != 0) CloseNow();
+  sink->OnEnd(reason);
+}
+
+void TlsStream::StopReading(bool stop) {
+  reading_ = !stop;
+  if (state_ != State::open) return;
+  ReadLower(reading_);
+  if (reading_) WantTurnEnd();
+}
+
+void TlsStream::ReadLower(bool read) {
+  if (lowerReading_ == read) return;
+  lowerReading_ = read;
+  bool stop = !read;
+  lower_->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+}
+
+// --- sending ---
+
+std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
+  CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
+  AWResult result = AW_ERROR_PARTIAL_DATA;
+  if (rest_ == nullptr && !lowerEnded_) result = lower_->Send(block);
+  if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) {
+    if (writeError_ == 0) writeError_ = static_cast<long>(result);
+    return 0;
+  }
+  if (state_ != State::closing || block.GetLength() == 0) return length - block.GetLength();
+  // The last records are kept, however little the transport takes.
+  try {
+    AppendTo(rest_, block.DuplicateChained());
+    return length;
+  } catch (const std::bad_alloc&) {
+    writeError_ = ENOMEM;
+    return 0;
+  }
+}
+
+AWResult TlsStream::Send(CAWMessageBlock& chain) {
+  loop_.CheckCurrent("a transport's SendData");
+  if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (writeError_ != 0) return static_cast<AWResult>(writeError_);
+  if (state_ == State::ended) return AW_ERROR_FAILURE;
+  std::size_t taken = 0;
+  bool all = true;
+  for (CAWMessageBlock* block = &chain; block != nullptr && all; block = block->GetNext()) {
+    while (all && block->GetLength() != 0) {
+      const std::size_t count = TakeSome(*block);
+      taken += count;
+      all = count != 0;
+    }
+  }
+  if (taken != 0) ++counters_.blocksSent;
+  counters_.bytesSent += taken;
+  if (all) return AW_OK;
+  if (taken == 0 && writeError_ != 0) return static_cast<AWResult>(writeError_);
+  ++counters_.partialSends;
+  roomWanted_ = true;
+  return AW_ERROR_PARTIAL_DATA;
+}
+
+// Takes bytes up to the end of a record; 0 when it can take none now. Records that fill up from the
+// caller's own bytes are encrypted where those lie.
+std::size_t TlsStream::TakeSome(CAWMessageBlock& block) {
+  std::size_t count = block.GetLength();
+  if (Gathered() == 0 && count >= kRecord) {
+    if (IsBlocked() || writeError_ != 0) return 0;
+    WriteRecord(block.GetReadPtr(), kRecord);
+    if (writeError_ != 0) return 0;
+    block.AdvanceReadPtr(kRecord);
+    return kRecord;
+  }
+  if (Gathered() == kRecord && !FlushGather()) return 0;
+  if (gather_ == nullptr) {
+    try {
+      gather_ = std::make_unique<CAWMessageBlock>(kRecord);
+    } catch (const std::bad_alloc&) {
+      FailWriting(ENOMEM);
+      return 0;
+    }
+  }
+  count = std::min(count, gather_->GetSpace());
+  gather_->Write(block.GetReadPtr(), count);
+  block.AdvanceReadPtr(count);
+  if (Gathered() == kRecord) FlushGather();
+  WantTurnEnd();
+  return count;
+}
+
+// False when a record is waiting before it.
+bool TlsStream::FlushGather() {
+  if (IsBlocked() || writeError_ != 0) return false;
+  if (Gathered() == 0) return true;
+  const auto record = std::move(gather_);
+  WriteRecord(record->GetReadPtr(), record->GetLength());
+  return true;
+}
+
+// What OpenSSL cannot write now it must be given again.
+void TlsStream::WriteRecord(const char* data, std::size_t length) {
+  std::size_t count = 0;
+  ERR_clear_error();
+  const int result = SSL_write_ex(ssl_.get(), data, length, &count);
+  if (result == 1) {
+    ++counters_.systemCallsSent;
+    return;
+  }
+  switch (SSL_get_error(ssl_.get(), result)) {
+    case SSL_ERROR_WANT_READ:
+    case SSL_ERROR_WANT_WRITE:
+      return KeepPending(data, length);
+    case SSL_ERROR_SYSCALL:
+      return;  // the transport below has failed, and says so
+    default:
+      return FailWriting(AW_SSL_ERROR_RECORD);
+  }
+}
+
+void TlsStream::KeepPending(const char* data, std::size_t length) {
+  try {
+    pending_ = std::make_unique<CAWMessageBlock>(length);
+    pending_->Write(data, length);
+    counters_.queuedHighMark = std::max<std::uint64_t>(counters_.queuedHighMark, length);
+  } catch (const std::bad_alloc&) {
+    FailWriting(ENOMEM);
+  }
+}
+
+void TlsStream::FailWriting(long reason) {
+  if (writeError_ == 0) writeError_ = reason;
+  failed_ = true;
+  WantTurnEnd();
+}
+
+void TlsStream::WritePending() {
+  if (pending_ == nullptr || writeError_ != 0) return;
+  const auto record = std::move(pending_);
+  WriteRecord(record->GetReadPtr(), record->GetLength());
+}
+
+void TlsStream::WantTurnEnd() {
+  if (!std::exchange(dirty_, true)) loop_.AtTurnEnd(*this);
+}
+
+// --- closing ---
+
+void TlsStream::Disconnect() {
+  loop_.CheckCurrent("a transport's Disconnect");
+  if (state_ == State::closing || state_ == State::closed) return;
+  const CAWAutoPtr<TlsStream> alive(this);
+  const bool established = state_ != State::fresh && state_ != State::shaking;
+  sink_ = nullptr;
+  done_ = nullptr;
+  timer_.reset();
+  state_ = State::closing;
+  if (!established || writeError_ != 0) return CloseNow();
+  try {
+    WriteLast();
+    if (peerEnded_ || lowerEnded_ || lingerMs_ == 0) return CloseNow();
+    timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
+    timer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] {
+      const CAWAutoPtr<TlsStream> last(this);
+      CloseNow(0);
+    });
+    self_ = this;
+    lingerBegin_ = Clock::Now();
+    loop_.BeginLinger(*this);
+    ReadLower(true);
+    Drain();
+  } catch (const std::bad_alloc&) {
+    CloseNow();
+  }
+}
+
+void TlsStream::WriteLast() {
+  WritePending();
+  FlushGather();
+  for (const CAWMessageBlock* block = lingerData_.get(); block != nullptr;
+       block = block->GetNext()) {
+    for (std::size_t done = 0; done < block->GetLength(); done += kRecord)
+      WriteRecord(block->GetReadPtr() + done, std::min(kRecord, block->GetLength() - done));
+  }
+  lingerData_.reset();
+  ERR_clear_error();
+  SSL_shutdown(ssl_.get());
+}
+
+// A connection that is closed with bytes of the peer unread is reset, and what we wrote last may be
+// lost. So the peer's own end is awaited, and what it still sends is read and dropped.
+void TlsStream::Drain() {
+  char dropped[4096];
+  std::size_t count = 0;
+  ERR_clear_error();
+  int result = 1;
+  while (result == 1) result = SSL_read_ex(ssl_.get(), dropped, sizeof dropped, &count);
+  const int error = SSL_get_error(ssl_.get(), result);
+  if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) return;
+  CloseNow();
+}
+
+void TlsStream::WriteRest() {
+  if (rest_ == nullptr) return;
+  const AWResult result = lower_->Send(*rest_);
+  if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return CloseNow();
+  DropRead(rest_);
+}
+
+// The transport below goes on with what is left.
+void TlsStream::CloseNow(std::uint32_t lingerMs) {
+  if (state_ == State::closed) return;
+  state_ = State::closed;
+  sink_ = nullptr;
+  if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
+  lower_->SetOption(keelbase::AW_OPT_LINGER, &lingerMs);
+  if (rest_ != nullptr) lower_->SetOption(keelbase::AW_OPT_LINGER_DATA, rest_.get());
+  lower_->Disconnect();
+  for (auto* chain : {&kept_, &gather_, &pending_, &lingerData_, &rest_}) chain->reset();
+  timer_.reset();
+  if (self_) loop_.EndLinger(*this);
+  const CAWAutoPtr<TlsStream> last(std::move(self_));
+}
+
+AWResult TlsStream::AddLingerData(const CAWMessageBlock& chain) {
+  if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  try {
+    AppendTo(lingerData_, chain.DuplicateChained());
+  } catch (const std::bad_alloc&) {
+    return AW_ERROR_FAILURE;
+  }
+  return AW_OK;
+}
+
+// --- options ---
+
+CAWSSLInfo TlsStream::GetInfo() const {
+  CAWSSLInfo info;
+  info.protocol = SSL_get_version(ssl_.get());
+  info.cipher = SSL_get_cipher_name(ssl_.get());
+  info.resumed = SSL_session_reused(ssl_.get()) == 1;
+  DescribePeerCertificate(ssl_.get(), info);
+  return info;
+}
+
+keelbase::CAWTransportCounters TlsStream::GetCounters() const {
+  keelbase::CAWTransportCounters counters = counters_;
+  keelbase::CAWTransportCounters lower;
+  lower_->GetOption(keelbase::AW_OPT_COUNTERS, &lower);
+  counters.queuedBytes =
+      Gathered() + (pending_ == nullptr ? 0 : pending_->GetLength()) + lower.queuedBytes;
+  return counters;
+}
+
+AWResult TlsStream::GetOption(int code, void* value) const {
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  switch (code) {
+    case AW_OPT_SSL_INFO:
+      *static_cast<CAWSSLInfo*>(value) = GetInfo();
+      return AW_OK;
+    case keelbase::AW_OPT_COUNTERS:
+      *static_cast<keelbase::CAWTransportCounters*>(value) = GetCounters();
+      return AW_OK;
+    default:
+      return lower_->GetOption(code, value);
+  }
+}
+
+AWResult TlsStream::SetOption(int code, void* value) {
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  switch (code) {
+    case keelbase::AW_OPT_STOP_READING:
+      StopReading(*static_cast<const bool*>(value));
+      return AW_OK;
+    case keelbase::AW_OPT_READ_SIZE:
+      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1, kReadSize);
+      return AW_OK;
+    case keelbase::AW_OPT_LINGER:
+      lingerMs_ = *static_cast<const std::uint32_t*>(value);
+      return AW_OK;
+    case keelbase::AW_OPT_LINGER_DATA:
+      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
+    default:
+      return lower_->SetOption(code, value);
+  }
+}
+
+}  // namespace sslutils::internal

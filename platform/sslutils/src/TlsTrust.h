@@ -1,0 +1,32 @@
+// TlsTrust.h - the authorities that connectors trust.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "OpenSslPointers.h"
+#include "keelbase/CAWError.h"
+#include "keelbase/internal/Mutex.h"
+
+namespace sslutils::internal {
+
+// The system's, and those that the process adds. Any thread.
+class TlsTrust {
+ public:
+  // See IAWSSLManager::SetTrustedCertificates.
+  keelbase::AWResult Set(const std::string& text);
+
+  struct Snapshot {
+    StorePtr store;                // null without memory
+    std::uint64_t generation = 0;  // another one after each Set
+  };
+  Snapshot Get();
+
+ private:
+  keelbase::internal::Mutex mutex_;
+  Certificates added_ AW_GUARDED_BY(mutex_);
+  std::uint64_t generation_ AW_GUARDED_BY(mutex_) = 0;
+  StorePtr store_ AW_GUARDED_BY(mutex_);  // made when it is first needed
+};
+
+}  // namespace sslutils::internal

@@ -1,0 +1,47 @@
+// CAWConnectionManager.cpp - see CAWConnectionManager.h.
+#include "wface/CAWConnectionManager.h"
+
+#include <atomic>
+
+#include "TcpAcceptor.h"
+#include "TcpConnector.h"
+#include "keelbase/internal/MakeOnLoop.h"
+
+namespace wface {
+
+namespace {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AWResult;
+using keelbase::CAWAutoPtr;
+using keelbase::internal::MakeOnLoop;
+
+constexpr int kPlainTcp = 1;
+
+class ConnectionManager final : public CAWConnectionManager {
+ public:
+  AWResult CreateConnector(int kind, CAWAutoPtr<IAWConnector>& out) override {
+    out = nullptr;
+    return kind == kPlainTcp ? MakeOnLoop<TcpConnector>(out) : AW_ERROR_FAILURE;
+  }
+  AWResult CreateAcceptor(int kind, CAWAutoPtr<IAWAcceptor>& out) override {
+    out = nullptr;
+    return kind == kPlainTcp ? MakeOnLoop<TcpAcceptor>(out) : AW_ERROR_FAILURE;
+  }
+};
+
+std::atomic<CAWConnectionManager*> testInstance{nullptr};
+
+}  // namespace
+
+CAWConnectionManager* CAWConnectionManager::Instance() {
+  static ConnectionManager& manager = *new ConnectionManager;  // lives for ever, like the threads
+  CAWConnectionManager* replaced = testInstance.load(std::memory_order_acquire);
+  return replaced != nullptr ? replaced : &manager;
+}
+
+void CAWConnectionManager::TEST_SetInstance(CAWConnectionManager* manager) {
+  testInstance.store(manager, std::memory_order_release);
+}
+
+}  // namespace wface

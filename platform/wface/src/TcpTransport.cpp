@@ -1,0 +1,61 @@
+// TcpTransport.cpp - see TcpTransport.h.
+#include "TcpTransport.h"
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "TcpSocket.h"
+
+namespace wface {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWInetAddr;
+using keelbase::internal::FileDescriptor;
+using keelbase::internal::StreamSocket;
+
+TcpTransport::TcpTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket,
+                           const CAWInetAddr& local, const CAWInetAddr& peer)
+    : EngineTransport(loop, new StreamSocket(loop, std::move(socket))),
+      local_(local),
+      peer_(peer) {}
+
+AWResult TcpTransport::GetOption(int code, void* value) {
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  switch (code) {
+    case keelbase::AW_OPT_LOCAL_ADDRESS:
+      *static_cast<CAWInetAddr*>(value) = local_;
+      return AW_OK;
+    case keelbase::AW_OPT_PEER_ADDRESS:
+      *static_cast<CAWInetAddr*>(value) = peer_;
+      return AW_OK;
+    default:
+      return GetEngine().GetOption(code, value);
+  }
+}
+
+AWResult TcpTransport::SetOption(int code, void* value) {
+  if (code != AW_OPT_SILENCE_LIMIT) return GetEngine().SetOption(code, value);
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  const auto limit = *static_cast<const std::uint32_t*>(value);
+  return SetSilenceLimit(GetEngine().GetDescriptor(), limit) ? AW_OK : AW_ERROR_FAILURE;
+}
+
+int MakeTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket,
+                  keelbase::CAWAutoPtr<IAWTransport>& out) {
+  CAWInetAddr local;
+  CAWInetAddr peer;
+  int error = GetLocalAddress(socket.Get(), local);
+  if (error == 0) error = GetPeerAddress(socket.Get(), peer);
+  if (error != 0) return error;
+  try {
+    out = new TcpTransport(loop, std::move(socket), local, peer);
+  } catch (const std::bad_alloc&) {
+    return ENOMEM;
+  }
+  return 0;
+}
+
+}  // namespace wface

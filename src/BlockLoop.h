@@ -1,0 +1,130 @@
+// BlockLoop.h - hands received bytes to a handler that is given blocks.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "ReceiveLoop.h"
+#include "keelbase/CAWMessageBlock.h"
+
+namespace zarn::utils {
+
+inline std::unique_ptr<keelbase::CAWMessageBlock> DuplicateOrNull(
+    const keelbase::CAWMessageBlock& bytes) try {
+  return std::unique_ptr<keelbase::CAWMessageBlock>(bytes.DuplicateChained());
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+
+// Calls stream.HandleMessage with a duplicate of the unread bytes of `bytes`, once at least, as
+// long as it takes some and some are left, and advances `bytes` over what it took. After each step
+// that left bytes `partly()` is called, which answers 0, or 10001 without memory. As in OfferFrames
+// the handler may do anything to the stream; `bytes` must outlive that.
+template <class Stream, class Partly>
+ReceivePass OfferBlocks(Stream& stream, detail::Generation& generation, const bool& closed,
+                        CZARNStreamCounters& counters, keelbase::CAWMessageBlock& bytes,
+                        Partly partly) {
+  using End = ReceivePass::End;
+  const detail::Generation::Watch watch(generation);
+  ReceivePass pass;
+  const auto ended = [&pass](End end) {
+    pass.end = end;
+    return pass;
+  };
+  do {
+    pass.offered = bytes.GetChainedLength();
+    auto duplicate = DuplicateOrNull(bytes);
+    if (duplicate == nullptr) return ended(End::kNoMemory);
+    pass.answered = stream.HandleMessage(*duplicate);
+    duplicate.reset();
+    if (watch.IsDestroyed()) return ended(End::kDestroyed);
+    if (watch.HasChanged() && !closed) return ended(End::kReplaced);
+    if (closed) return ended(End::kClosed);
+    if (pass.answered > pass.offered) return ended(End::kTooLong);
+    if (pass.answered == 0) return pass;
+    ++counters.messagesReceived;
+    bytes.AdvanceChainedReadPtr(pass.answered);
+    pass.consumed += pass.answered;
+    if (pass.answered < pass.offered && partly() != keelbase::AW_OK) return ended(End::kNoMemory);
+  } while (pass.answered < pass.offered);
+  return pass;
+}
+
+// The same for the bytes that wait in `received`, behind which those of `data`, which is left as it
+// is, are put first. What the handler has not taken waits there again.
+template <class Stream>
+ReceivePass OfferHeldBlocks(Stream& stream, detail::Generation& generation, const bool& closed,
+                            CZARNStreamCounters& counters, detail::ReceiveAccumulator& received,
+                            const keelbase::CAWMessageBlock& data) {
+  using End = ReceivePass::End;
+  ReceivePass pass;
+  pass.end = End::kNoMemory;
+  if (received.Append(data) != keelbase::AW_OK) return pass;
+  detail::ReceiveAccumulator held = std::move(received);
+  pass = OfferBlocks(stream, generation, closed, counters, *held.GetBlock(),
+                     [] { return keelbase::AW_OK; });
+  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return pass;
+  held.Consume(0);
+  received = std::move(held);
+  return pass;
+}
+
+// A receive event of the streams that keep the rest of an event after each of its frames, and do
+// not drop it when a later frame takes all of it. With nothing held back `data` is advanced over
+// what was handled, else it is left as it is.
+template <class Stream>
+ReceivePass OfferBlocksKeepingRest(Stream& stream, detail::Generation& generation,
+                                   const bool& closed, CZARNStreamCounters& counters,
+                                   detail::ReceiveAccumulator& received,
+                                   keelbase::CAWMessageBlock& data) {
+  using End = ReceivePass::End;
+  counters.bytesReceived += data.GetChainedLength();
+  if (received.GetLength() != 0)
+    return OfferHeldBlocks(stream, generation, closed, counters, received, data);
+  if (data.GetChainedLength() == 0) return {};
+  const auto keepRest = [&] {
+    received.Clear();
+    return received.Append(data);
+  };
+  ReceivePass pass = OfferBlocks(stream, generation, closed, counters, data, keepRest);
+  const bool incomplete = pass.end == End::kNeedMore && pass.answered == 0;
+  if (incomplete && keepRest() != keelbase::AW_OK) pass.end = End::kNoMemory;
+  return pass;
+}
+
+// OnReceiveDirect of the streams that are handed blocks: calls stream.HandleMessage with `data`
+// itself, until it has answered for the first segment or with 0, and then advances `data` over what
+// it answered for. The handler sees the same block again as long as it does not advance it.
+// kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
+// is traced; kDestroyed or kReplaced.
+template <class Stream>
+ReceivePass::End OfferSameBlock(Stream& stream, keelbase::CAWMessageBlock& data,
+                                detail::Generation& generation, const bool& closed,
+                                CZARNStreamCounters& counters) {
+  using End = ReceivePass::End;
+  const detail::Generation::Watch watch(generation);
+  const std::size_t length = data.GetLength();
+  std::size_t consumed = 0;
+  while (consumed < length) {
+    const std::size_t remaining = length - consumed;
+    const std::size_t answered = stream.HandleMessage(data);
+    if (watch.IsDestroyed()) return End::kDestroyed;
+    if (watch.HasChanged() && !closed) return End::kReplaced;
+    if (answered > remaining) {
+      TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
+      return End::kClosed;
+    }
+    if (closed || answered == 0) break;
+    ++counters.messagesReceived;
+    consumed += answered;
+  }
+  if (closed) return End::kClosed;
+  counters.bytesReceived += consumed;
+  const std::size_t left = length - consumed;
+  if (data.GetLength() > left) data.AdvanceReadPtr(data.GetLength() - left);
+  return End::kNeedMore;
+}
+
+}  // namespace zarn::utils

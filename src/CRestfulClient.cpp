@@ -1,0 +1,152 @@
+// CRestfulClient.cpp - see CRestfulClient.h.
+#include "zarn/utils/CRestfulClient.h"
+
+#include <atomic>
+#include <cerrno>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "keelbase/CAWThreadManager.h"
+#include "keelbase/CAWTrace.h"
+
+namespace zarn::utils {
+
+using keelbase::AW_ERROR_NOT_INITIALIZED;
+using keelbase::AW_OK;
+using keelbase::AWResult;
+using keelbase::CAWMessageBlock;
+using keelbase::CAWString;
+using keelbase::CAWThread;
+using keelbase::CAWThreadManager;
+
+namespace {
+
+constexpr const char* kMark = "/zarn/tcpchannel";
+
+// Block by block, so that a large answer is not held twice.
+CAWString TakeText(CAWMessageBlock& chain) {
+  CAWString text;
+  text.reserve(chain.GetChainedLength());
+  std::unique_ptr<CAWMessageBlock> rest(chain.Disjoint(chain.GetLength()));
+  text.append(chain.GetReadPtr(), chain.GetLength());
+  while (rest != nullptr) {
+    text.append(rest->GetReadPtr(), rest->GetLength());
+    rest->AdvanceReadPtr(rest->GetLength());
+    rest.reset(rest.release()->ReclaimGarbage());
+  }
+  return text;
+}
+
+void TellThatNobodyListens() {
+  static std::atomic<bool> told{false};
+  if (told.exchange(true)) return;
+  keelbase::IAWTraceManager::Instance()->Trace(
+      0, "an HTTP answer was dropped: no thread has adopted TT_MAIN, where callbacks run");
+}
+
+// The event is taken over.
+void PostToMain(CRestfulRcvEvent* event) {
+  std::unique_ptr<CRestfulRcvEvent> owned(event);
+  CAWThread* main = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_MAIN);
+  if (main == nullptr) return TellThatNobodyListens();
+  main->GetEventQueue()->Post(owned.release());
+}
+
+}  // namespace
+
+// --- the client ---
+
+CRestfulClient::~CRestfulClient() { ReleaseChannel(); }
+
+void CRestfulClient::SetRestfulInfo(const CAWString& info1, const CAWString& info2) {
+  info1_ = info1;
+  info2_ = info2;
+}
+
+// A request that is under way is dropped on the network thread, where nothing of it can happen
+// meanwhile. Otherwise nobody else touches this object.
+void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
+                                 const CAWString& body,
+                                 std::function<void(const CAWString&, long)> callback) {
+  const auto start = [&] {
+    setting_ = setting;
+    body_ = body;
+    callback_.swap(callback);
+    Open(url);
+  };
+  if (!underWay_.load(std::memory_order_acquire)) return start();
+  CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK)->Call(start);
+}
+
+void CRestfulClient::Open(const CAWString& url) {
+  if (url.find(kMark) != CAWString::npos) {
+    client_ = nullptr;
+    shttp::IAWHttpManager::Instance()->CreateHttpClient(client_);
+  }
+  if (!client_) return;
+  if (!info1_.empty() && !info2_.empty()) client_->SetInfo(info1_, info2_);
+  underWay_.store(true, std::memory_order_relaxed);
+  client_->Open(CAWString(url), this, 0);
+}
+
+AWResult CRestfulClient::SendData(const char* data, std::size_t len) {
+  if (!channel_) return AW_ERROR_NOT_INITIALIZED;
+  channel_->SetRequest(setting_);
+  CAWMessageBlock block(data, len, CAWMessageBlock::borrow);
+  wface::CAWTransportParameter parameter;
+  return channel_->SendData(block, &parameter);
+}
+
+void CRestfulClient::ReleaseChannel() {
+  if (const auto channel = std::exchange(channel_, nullptr)) channel->Disconnect(0);
+}
+
+void CRestfulClient::OnConnect(long /*reason*/, shttp::IAWChannelHttpClient* channel) {
+  connected_ = true;
+  if (channel_.Get() != channel) channel_ = channel;
+  if (!channel_) return;
+  channel_->OpenWithSink(this);
+  SendData(body_.data(), body_.size());
+}
+
+// Another thread may use or destroy this object as soon as no request is under way. What finds no
+// memory is still told. The text goes over to the event, so that a large answer is there once.
+void CRestfulClient::OnReceive(CAWMessageBlock& data, wface::IAWTransport* /*transport*/,
+                               wface::CAWTransportParameter* /*parameter*/) {
+  const auto channel = std::exchange(channel_, nullptr);
+  CRestfulRcvEvent* event = nullptr;
+  try {
+    response_ = TakeText(data);
+    if (channel) channel->GetResult(result_);
+    event = new CRestfulRcvEvent(std::move(response_), result_, callback_);
+  } catch (const std::bad_alloc&) {
+    result_ = -ENOMEM;
+    event = new CRestfulRcvEvent(CAWString(), result_, callback_);
+  }
+  underWay_.store(false, std::memory_order_release);
+  PostToMain(event);
+  if (channel) channel->Disconnect(0);
+}
+
+void CRestfulClient::OnSend(wface::IAWTransport* /*transport*/,
+                            wface::CAWTransportParameter* /*parameter*/) {}
+
+void CRestfulClient::OnDisconnect(long /*reason*/, wface::IAWTransport* /*transport*/) {
+  ReleaseChannel();
+}
+
+// --- the event ---
+
+CRestfulRcvEvent::CRestfulRcvEvent(CAWString response, long result,
+                                   std::function<void(const CAWString&, long)> callback)
+    : response_(std::move(response)), result_(result), callback_(std::move(callback)) {}
+
+CRestfulRcvEvent::~CRestfulRcvEvent() = default;
+
+AWResult CRestfulRcvEvent::OnEventFire() {
+  if (callback_) callback_(response_, result_);
+  return AW_OK;
+}
+
+}  // namespace zarn::utils

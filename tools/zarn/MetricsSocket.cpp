@@ -1,0 +1,86 @@
+// MetricsSocket.cpp - see MetricsSocket.h.
+#include "MetricsSocket.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Descriptor.h"
+#include "Interruption.h"
+#include "MetricsAnswer.h"
+
+namespace zarn::tool {
+
+namespace {
+
+using MetricsClock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kMetricsPause(100);
+
+// Waits until there is something to read, or only waits (-1). False at the deadline.
+bool WaitForMetrics(int fd, MetricsClock::time_point deadline) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - MetricsClock::now());
+  if (left.count() <= 0 || IsInterrupted()) return false;
+  pollfd ready{fd, POLLIN, 0};
+  ::poll(&ready, 1, static_cast<int>(std::min<std::int64_t>(left.count(), 1000)));
+  return true;
+}
+
+// The way over the directory's descriptor serves paths of any length. 0 or an errno value.
+int ConnectToMetrics(int fd, const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const Descriptor directory(
+      ::open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) return errno;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string near = fmt::format("/proc/self/fd/{}{}", directory.Get(), path.substr(slash));
+  if (near.size() >= sizeof address.sun_path) return ENAMETOOLONG;
+  std::memcpy(address.sun_path, near.c_str(), near.size());
+  const auto* name = reinterpret_cast<const sockaddr*>(&address);
+  return ::connect(fd, name, sizeof address) == 0 ? 0 : errno;
+}
+
+std::string ReadMetrics(int fd, MetricsClock::time_point deadline, std::string& answer) {
+  char part[65536];
+  for (;;) {
+    const ssize_t count = ::recv(fd, part, sizeof part, MSG_DONTWAIT);
+    if (count == 0) return {};
+    if (count > 0) answer.append(part, static_cast<std::size_t>(count));
+    if (answer.size() > kLongestAnswer) return "its answer is too long";
+    if (count < 0 && errno != EAGAIN && errno != EINTR) return std::strerror(errno);
+    if (count < 0 && !WaitForMetrics(fd, deadline)) return "it does not answer";
+    if (MetricsClock::now() >= deadline) return "it does not answer";
+  }
+}
+
+}  // namespace
+
+// One who asks too often is turned away without a word, and asks again.
+std::string AskForMetrics(const std::string& path, MetricsClock::time_point deadline,
+                          std::string& answer) {
+  for (;;) {
+    const Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd) return std::strerror(errno);
+    const int error = ConnectToMetrics(fd.Get(), path);
+    if (error == ECONNREFUSED || error == ENOENT) return "it does not show its metrics";
+    if (error != 0 && error != EAGAIN) return std::strerror(error);
+    answer.clear();
+    if (error == 0) {
+      std::string problem = ReadMetrics(fd.Get(), deadline, answer);
+      if (!problem.empty() || !answer.empty()) return problem;
+    }
+    if (!WaitForMetrics(-1, std::min(deadline, MetricsClock::now() + kMetricsPause)))
+      return "it turns us away";
+    if (MetricsClock::now() >= deadline) return "it turns us away";
+  }
+}
+
+}  // namespace zarn::tool
