@@ -92,7 +92,7 @@ Datagram MakeDatagram(zarn::test::FuzzInput& input, const std::vector<Datagram>&
   Client client(input.Byte());
   Datagram datagram = client.first;
   const std::string text = input.Text();
-  const Datagram content(text.begin(), text.end());
+  Datagram content(text.begin(), text.end());
   switch (how % 5) {
     case 0:
       return content;
