@@ -1,9 +1,6 @@
 // CPTCPStreamBase.cpp - see CPTCPStreamBase.h.
 #include "zarn/utils/CPTCPStreamBase.h"
 
-#include <algorithm>
-
-#include "BlockLoop.h"
 #include "StreamMetrics.h"
 #include "StreamSteps.h"
 
@@ -16,30 +13,22 @@ using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
 using ptcp::CAWPseudoTCPTransportParameter;
 using ptcp::IAWPseudoTCPTransport;
-using End = ReceivePass::End;
 
 CPTCPStreamBase::CPTCPStreamBase() = default;
 
 CPTCPStreamBase::~CPTCPStreamBase() {
   metrics_.Leave();
   if (transport_) thread_.Check("CPTCPStreamBase::~CPTCPStreamBase");
-  EndConnection();
+  StreamSteps::EndConnection(*this, 0);
 }
 
 AWResult CPTCPStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<IAWPseudoTCPTransport>& transport) {
-  if (!transport) return AW_ERROR_FAILURE;
-  thread_.Claim("CPTCPStreamBase::SetTransportHandle");
-  metrics_.JoinAttached(*this);
-  generation_.Raise();
-  DropTransport(transport_, 0);
-  transport_ = transport;
-  readGate_.Reset();
-  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  closed_ = false;
-  ReadAddresses(*transport_, peerAddr_, localAddr_);
-  ++counters_.connects;
-  return AW_OK;
+  const bool wasClosed = closed_;
+  const AWResult attached =
+      StreamSteps::Attach(*this, transport, "CPTCPStreamBase::SetTransportHandle");
+  if (attached != AW_OK) closed_ = wasClosed;
+  return attached;
 }
 
 // --- ending ---
@@ -47,7 +36,7 @@ AWResult CPTCPStreamBase::SetTransportHandle(
 AWResult CPTCPStreamBase::Disconnect(long reason) {
   thread_.Check("CPTCPStreamBase::Disconnect");
   generation_.Raise();
-  DropTransport(transport_, reason);
+  StreamSteps::DropTransport(*this, reason);
   closed_ = true;
   return AW_OK;
 }
@@ -58,38 +47,15 @@ void CPTCPStreamBase::OnDisconnect(long reason, IAWPseudoTCPTransport*) {
   OnPeerDisconnect(reason);
 }
 
-// Nothing that SendMessage accepted is lost: the transport goes on with it.
-void CPTCPStreamBase::EndConnection() {
-  generation_.Raise();
-  if (transport_) sendQueue_.LeaveTo(*transport_);
-  DropTransport(transport_, 0);
-  received_.Clear();
-  sendQueue_.Clear();
-}
-
-// Always the last thing that is done: the subclass may delete the stream.
-void CPTCPStreamBase::CloseAndReport(long reason) {
-  closed_ = true;
-  EndConnection();
-  counters_.lastDisconnectReason = reason;
-  OnPeerDisconnect(reason);
-}
-
 // --- receiving ---
 
 void CPTCPStreamBase::OnReceive(CAWMessageBlock& data, IAWPseudoTCPTransport*,
                                 CAWPseudoTCPTransportParameter*) {
-  const ReceivePass pass =
-      OfferBlocksKeepingRest(*this, generation_, closed_, counters_, received_, data);
-  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return;
-  if (pass.end == End::kNoMemory) return CloseAndReport(AW_ERROR_FAILURE);
-  if (pass.end != End::kNeedMore) return CloseAndReport(0);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::ReceiveBlocks(*this, data);
 }
 
 void CPTCPStreamBase::SetReceiveLimit(std::size_t bytes) {
-  readGate_.SetLimit(bytes);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::SetReceiveLimit(*this, bytes);
 }
 
 // --- sending ---
@@ -114,9 +80,8 @@ AWResult CPTCPStreamBase::SendMessage(CAWMessageBlock& data,
     }
   }
   if (result != AW_OK) return result;
-  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, sendQueue_.GetLength());
-  ++counters_.messagesSent;
-  counters_.bytesSent += length;
+  StreamSteps::NoteQueueLength(*this);
+  StreamSteps::CountSent(*this, length);
   return AW_OK;
 }
 

@@ -2,9 +2,7 @@
 #include "zarn/utils/CSSLPTCPSessionBase.h"
 
 #include <new>
-#include <utility>
 
-#include "ReceiveLoop.h"
 #include "StreamMetrics.h"
 #include "StreamSteps.h"
 
@@ -16,15 +14,14 @@ using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWInetAddr;
 using keelbase::CAWMessageBlock;
-using End = ReceivePass::End;
 
 CSSLPTCPSessionBase::CSSLPTCPSessionBase() = default;
 
 CSSLPTCPSessionBase::~CSSLPTCPSessionBase() {
   metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CSSLPTCPSessionBase::~CSSLPTCPSessionBase");
-  DropConnector();
-  EndConnection(0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::EndConnection(*this, 0);
 }
 
 // --- connecting ---
@@ -33,8 +30,8 @@ AWResult CSSLPTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* loca
   thread_.Claim("CSSLPTCPSessionBase::Connect");
   metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
-  DropConnector();
-  DropTransport(transport_, 0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::DropTransport(*this, 0);
   auto* manager = sslptcp::IAWSSLPTCPManager::Instance();
   if (const AWResult made = manager->CreateConnector(connector_); made != AW_OK) return made;
   if (!connector_) return AW_ERROR_FAILURE;
@@ -62,32 +59,12 @@ AWResult CSSLPTCPSessionBase::Certificate(const keelbase::CAWString& text) try {
 }
 
 void CSSLPTCPSessionBase::OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) {
-  if (reason != 0) {
-    ++counters_.connectFailures;
-    return Report(reason);
-  }
-  keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> connected(transport);
-  const AWResult attached = SetTransportHandle(connected);
-  if (attached != AW_OK) return CloseAndReport(attached);
-  closed_ = false;
-  OnConnected(0);
+  StreamSteps::Connected(*this, reason, transport);
 }
 
 AWResult CSSLPTCPSessionBase::SetTransportHandle(
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) {
-  if (!transport) return AW_ERROR_FAILURE;
-  thread_.Claim("CSSLPTCPSessionBase::SetTransportHandle");
-  metrics_.JoinAttached(*this);
-  generation_.Raise();
-  DropTransport(transport_, 0);
-  transport_ = transport;
-  closed_ = false;
-  readGate_.Reset();
-  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  ReadAddresses(*transport_, peerAddr_, localAddr_);
-  transportAttached_ = true;
-  ++counters_.connects;
-  return AW_OK;
+  return StreamSteps::Attach(*this, transport, "CSSLPTCPSessionBase::SetTransportHandle");
 }
 
 // --- ending ---
@@ -95,89 +72,41 @@ AWResult CSSLPTCPSessionBase::SetTransportHandle(
 // The connector of a connect that was issued is kept.
 AWResult CSSLPTCPSessionBase::Close(long reason) {
   thread_.Check("CSSLPTCPSessionBase::Close");
-  EndConnection(reason);
-  if (!connectIssued_) DropConnector();
+  StreamSteps::EndConnection(*this, reason);
+  if (!connectIssued_) StreamSteps::DropConnector(*this);
   closed_ = true;
   return AW_OK;
 }
 
-// The buffers are kept: the subclass may still want to know what did not go out.
 void CSSLPTCPSessionBase::OnSSLDisconnect(long reason, sslutils::IAWSSLTransport*) {
-  generation_.Raise();
-  transport_ = nullptr;
-  transportAttached_ = false;
-  Report(reason);
-}
-
-void CSSLPTCPSessionBase::DropConnector() {
-  const auto connector = std::move(connector_);
-  if (connector) connector->Cancel(0);
-}
-
-// Nothing that SendMessage accepted is lost: the transport goes on with it.
-void CSSLPTCPSessionBase::EndConnection(long reason) {
-  generation_.Raise();
-  if (transport_) sendQueue_.LeaveTo(*transport_);
-  DropTransport(transport_, reason);
-  sendQueue_.Clear();
-  received_.Clear();
-}
-
-void CSSLPTCPSessionBase::CloseAndReport(long reason) {
-  EndConnection(0);
-  Report(reason);
-}
-
-// Always the last thing that is done: the subclass may delete the session.
-void CSSLPTCPSessionBase::Report(long reason) {
-  closed_ = true;
-  counters_.lastDisconnectReason = reason;
-  OnPeerDisconnect(reason);
+  StreamSteps::LoseConnection(*this, reason);
 }
 
 // --- receiving ---
 
 void CSSLPTCPSessionBase::OnSSLDataReceive(CAWMessageBlock& data, sslutils::IAWSSLTransport*) {
-  const End end = OfferDuplicate(*this, received_, data, generation_, closed_, counters_).end;
-  if (end == End::kDestroyed || end == End::kReplaced) return;
-  if (end == End::kNoMemory) return CloseAndReport(AW_ERROR_FAILURE);
-  if (end != End::kNeedMore && closed_) return CloseAndReport(0);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::ReceiveDuplicate(*this, data);
 }
 
 AWResult CSSLPTCPSessionBase::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CSSLPTCPSessionBase::OnReceiveDirect");
-  const End end = OfferDirect(*this, data, generation_, closed_, counters_,
-                              "CSSLPTCPSessionBase::OnReceiveDirect");
-  if (end == End::kNeedMore) return AW_OK;
-  if (end == End::kClosed) CloseAndReport(0);
-  return AW_ERROR_FAILURE;
+  return StreamSteps::ReceiveDirect(*this, data, "CSSLPTCPSessionBase::OnReceiveDirect");
 }
 
 void CSSLPTCPSessionBase::SetReceiveLimit(std::size_t bytes) {
-  readGate_.SetLimit(bytes);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::SetReceiveLimit(*this, bytes);
 }
 
-void CSSLPTCPSessionBase::StopReading() {
-  readGate_.Stop();
-  readGate_.Apply(transport_.Get(), received_.GetLength());
-}
+void CSSLPTCPSessionBase::StopReading() { StreamSteps::StopReading(*this); }
 
-void CSSLPTCPSessionBase::StopAtMalformedFrame() {
-  if (!readGate_.IsStopped()) ++counters_.malformedFrames;
-  StopReading();
-}
+void CSSLPTCPSessionBase::StopAtMalformedFrame() { StreamSteps::StopAtMalformedFrame(*this); }
 
 // --- sending ---
 
 AWResult CSSLPTCPSessionBase::SendMessage(CAWMessageBlock& data) {
   thread_.Check("CSSLPTCPSessionBase::SendMessage");
   if (!transport_) return AW_ERROR_NOT_INITIALIZED;
-  return SendAndAdvance(
-      data, sendQueue_, counters_,
-      [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); },
-      [this] { Close(AW_ERROR_FAILURE); });
+  return StreamSteps::Send(*this, data, nullptr, [this] { Close(AW_ERROR_FAILURE); });
 }
 
 AWResult CSSLPTCPSessionBase::SendMessage(const char* data, std::size_t len) {
@@ -186,8 +115,7 @@ AWResult CSSLPTCPSessionBase::SendMessage(const char* data, std::size_t len) {
 }
 
 void CSSLPTCPSessionBase::OnSSLDataSend(sslutils::IAWSSLTransport*) {
-  if (!transport_ || sendQueue_.IsEmpty()) return;
-  sendQueue_.Offer([this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  StreamSteps::SendWaiting(*this);
 }
 
 }  // namespace zarn::utils

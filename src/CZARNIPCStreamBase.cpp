@@ -1,7 +1,6 @@
 // CZARNIPCStreamBase.cpp - see CZARNIPCStreamBase.h.
 #include "zarn/utils/CZARNIPCStreamBase.h"
 
-#include "ReceiveLoop.h"
 #include "StreamMetrics.h"
 #include "StreamSteps.h"
 #include "keelbase/CAWTransport.h"
@@ -20,8 +19,8 @@ CZARNIPCStreamBase::CZARNIPCStreamBase() = default;
 CZARNIPCStreamBase::~CZARNIPCStreamBase() {
   metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNIPCStreamBase::~CZARNIPCStreamBase");
-  DropConnector(connector_);
-  EndConnection(0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::EndConnection(*this, 0);
 }
 
 // --- connecting ---
@@ -31,8 +30,8 @@ AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
   thread_.Claim("CZARNIPCStreamBase::Connect");
   metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
-  DropConnector(connector_);
-  DropTransport(transport_, 0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::DropTransport(*this, 0);
   const AWResult made = fipc::CAWIPCManager::Instance()->CreateConnector(1, connector_);
   if (made != AW_OK) return made;
   closed_ = false;
@@ -42,41 +41,20 @@ AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
 
 void CZARNIPCStreamBase::OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
                                                 fipc::IAWIPCAcceptorConnectorId*) {
-  if (reason != 0) {
-    ++counters_.connectFailures;
-    return Report(reason);
-  }
-  keelbase::CAWAutoPtr<fipc::IAWIPCTransport> connected(transport);
-  const AWResult attached = SetTransportHandle(connected);
-  if (attached != AW_OK) return CloseAndReport(attached);
-  closed_ = false;
-  OnConnected(0);
+  StreamSteps::Connected(*this, reason, transport);
 }
 
 AWResult CZARNIPCStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<fipc::IAWIPCTransport>& transport) {
-  if (!transport) return AW_ERROR_FAILURE;
-  thread_.Claim("CZARNIPCStreamBase::SetTransportHandle");
-  metrics_.JoinAttached(*this);
-  generation_.Raise();
-  DropTransport(transport_, 0);
-  transport_ = transport;
-  closed_ = false;
-  readGate_.Reset();
-  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  transport_->GetOption(keelbase::AW_OPT_PEER_ADDRESS, &peerAddr_);
-  transport_->GetOption(keelbase::AW_OPT_LOCAL_ADDRESS, &localAddr_);
-  transportAttached_ = true;
-  ++counters_.connects;
-  return AW_OK;
+  return StreamSteps::Attach(*this, transport, "CZARNIPCStreamBase::SetTransportHandle");
 }
 
 // --- ending ---
 
 AWResult CZARNIPCStreamBase::Close(long reason) {
   thread_.Check("CZARNIPCStreamBase::Close");
-  EndConnection(reason);
-  DropConnector(connector_);
+  StreamSteps::EndConnection(*this, reason);
+  StreamSteps::DropConnector(*this);
   closed_ = true;
   return AW_OK;
 }
@@ -86,28 +64,7 @@ void CZARNIPCStreamBase::OnDisconnect(long reason, fipc::IAWIPCTransport*) {
   transportAttached_ = false;
   closed_ = true;
   Close(0);
-  Report(reason);
-}
-
-// Nothing that SendMsg accepted is lost: the transport goes on with it.
-void CZARNIPCStreamBase::EndConnection(long reason) {
-  generation_.Raise();
-  if (transport_) sendQueue_.LeaveTo(*transport_);
-  DropTransport(transport_, reason);
-  sendQueue_.Clear();
-  received_.Clear();
-}
-
-void CZARNIPCStreamBase::CloseAndReport(long reason) {
-  EndConnection(0);
-  Report(reason);
-}
-
-// Always the last thing that is done: the subclass may delete the stream.
-void CZARNIPCStreamBase::Report(long reason) {
-  closed_ = true;
-  counters_.lastDisconnectReason = reason;
-  OnPeerDisconnect(reason);
+  StreamSteps::Report(*this, reason);
 }
 
 // --- receiving ---
@@ -118,45 +75,31 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
   const End end = OfferReceived(*this, received_, data, generation_, closed_, counters_).end;
   if (end == End::kDestroyed || end == End::kReplaced) return;
   if (end != End::kNeedMore) {
-    DropConnector(connector_);
-    return CloseAndReport(end == End::kNoMemory ? AW_ERROR_FAILURE : 0);
+    StreamSteps::DropConnector(*this);
+    return StreamSteps::CloseAndReport(*this, end == End::kNoMemory ? AW_ERROR_FAILURE : 0);
   }
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::ApplyReadGate(*this);
 }
 
 AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::OnReceiveDirect");
-  const End end = OfferDirect(*this, data, generation_, closed_, counters_,
-                              "CAWTCPSessionBase::OnReceiveDirect");
-  if (end == End::kNeedMore) return AW_OK;
-  if (end == End::kClosed) CloseAndReport(0);
-  return AW_ERROR_FAILURE;
+  return StreamSteps::ReceiveDirect(*this, data, "CAWTCPSessionBase::OnReceiveDirect");
 }
 
 void CZARNIPCStreamBase::SetReceiveLimit(std::size_t bytes) {
-  readGate_.SetLimit(bytes);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::SetReceiveLimit(*this, bytes);
 }
 
-void CZARNIPCStreamBase::StopReading() {
-  readGate_.Stop();
-  readGate_.Apply(transport_.Get(), received_.GetLength());
-}
+void CZARNIPCStreamBase::StopReading() { StreamSteps::StopReading(*this); }
 
-void CZARNIPCStreamBase::StopAtMalformedFrame() {
-  if (!readGate_.IsStopped()) ++counters_.malformedFrames;
-  StopReading();
-}
+void CZARNIPCStreamBase::StopAtMalformedFrame() { StreamSteps::StopAtMalformedFrame(*this); }
 
 // --- sending ---
 
 AWResult CZARNIPCStreamBase::SendMsg(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::SendMsg");
   if (!transport_) return AW_ERROR_NOT_INITIALIZED;
-  return SendAndAdvance(
-      data, sendQueue_, counters_,
-      [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); },
-      [this] { Close(AW_ERROR_FAILURE); });
+  return StreamSteps::Send(*this, data, nullptr, [this] { Close(AW_ERROR_FAILURE); });
 }
 
 AWResult CZARNIPCStreamBase::SendMsg(const char* data, std::size_t len) {
@@ -165,8 +108,7 @@ AWResult CZARNIPCStreamBase::SendMsg(const char* data, std::size_t len) {
 }
 
 void CZARNIPCStreamBase::OnSend(fipc::IAWIPCTransport*, fipc::CAWIPCTransportParameter*) {
-  if (!transport_ || sendQueue_.IsEmpty()) return;
-  sendQueue_.Offer([this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  StreamSteps::SendWaiting(*this);
 }
 
 }  // namespace zarn::utils

@@ -2,9 +2,7 @@
 #include "zarn/utils/CZARNSSLTCPSessionBase.h"
 
 #include <new>
-#include <utility>
 
-#include "ReceiveLoop.h"
 #include "StreamMetrics.h"
 #include "StreamSteps.h"
 
@@ -16,7 +14,6 @@ using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWInetAddr;
 using keelbase::CAWMessageBlock;
-using End = ReceivePass::End;
 
 namespace {
 
@@ -29,7 +26,7 @@ CZARNSSLTCPSessionBase::CZARNSSLTCPSessionBase() = default;
 CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase() {
   metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase");
-  EndConnection(0);
+  StreamSteps::EndConnection(*this, 0);
   connector_ = nullptr;  // letting go of it cancels
 }
 
@@ -39,8 +36,8 @@ AWResult CZARNSSLTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* l
   thread_.Claim("CZARNSSLTCPSessionBase::Connect");
   metrics_.JoinConnecting(*this, peer);
   generation_.Raise();
-  DropConnector();
-  DropTransport(transport_, 0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::DropTransport(*this, 0);
   auto* manager = sslutils::IAWSSLManager::Instance();
   if (const AWResult made = manager->CreateSSLConnector(connector_); made != AW_OK) return made;
   if (!connector_) return AW_ERROR_FAILURE;
@@ -67,121 +64,53 @@ AWResult CZARNSSLTCPSessionBase::Certificate(const keelbase::CAWString& text) tr
 }
 
 void CZARNSSLTCPSessionBase::OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) {
-  if (reason != 0) {
-    ++counters_.connectFailures;
-    return Report(reason);
-  }
-  keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> connected(transport);
-  const AWResult attached = SetTransportHandle(connected);
-  if (attached != AW_OK) return CloseAndReport(attached);
-  closed_ = false;
-  OnConnected(0);
+  StreamSteps::Connected(*this, reason, transport);
 }
 
 AWResult CZARNSSLTCPSessionBase::SetTransportHandle(
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) {
-  if (!transport) return AW_ERROR_FAILURE;
-  thread_.Claim("CZARNSSLTCPSessionBase::SetTransportHandle");
-  metrics_.JoinAttached(*this);
-  generation_.Raise();
-  DropTransport(transport_, 0);
-  transport_ = transport;
-  closed_ = false;
-  readGate_.Reset();
-  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  ReadAddresses(*transport_, peerAddr_, localAddr_);
-  transportAttached_ = true;
-  ++counters_.connects;
-  return AW_OK;
+  return StreamSteps::Attach(*this, transport, "CZARNSSLTCPSessionBase::SetTransportHandle");
 }
 
 // --- ending ---
 
 AWResult CZARNSSLTCPSessionBase::Close(long reason) {
   thread_.Check("CZARNSSLTCPSessionBase::Close");
-  EndConnection(reason);
-  DropConnector();
+  StreamSteps::EndConnection(*this, reason);
+  StreamSteps::DropConnector(*this);
   closed_ = true;
   return AW_OK;
 }
 
-// The buffers are kept: the subclass may still want to know what did not go out.
 void CZARNSSLTCPSessionBase::OnSSLDisconnect(long reason, sslutils::IAWSSLTransport*) {
-  generation_.Raise();
-  transport_ = nullptr;
-  transportAttached_ = false;
-  Report(reason);
-}
-
-void CZARNSSLTCPSessionBase::DropConnector() {
-  const auto connector = std::move(connector_);
-  if (connector) connector->Cancel(0);
-}
-
-// Nothing that SendMsg accepted is lost: the transport goes on with it.
-void CZARNSSLTCPSessionBase::EndConnection(long reason) {
-  generation_.Raise();
-  if (transport_) sendQueue_.LeaveTo(*transport_);
-  DropTransport(transport_, reason);
-  sendQueue_.Clear();
-  received_.Clear();
-}
-
-void CZARNSSLTCPSessionBase::CloseAndReport(long reason) {
-  EndConnection(0);
-  Report(reason);
-}
-
-// Always the last thing that is done: the subclass may delete the session.
-void CZARNSSLTCPSessionBase::Report(long reason) {
-  closed_ = true;
-  counters_.lastDisconnectReason = reason;
-  OnPeerDisconnect(reason);
+  StreamSteps::LoseConnection(*this, reason);
 }
 
 // --- receiving ---
 
 void CZARNSSLTCPSessionBase::OnSSLDataReceive(CAWMessageBlock& data, sslutils::IAWSSLTransport*) {
-  const End end = OfferDuplicate(*this, received_, data, generation_, closed_, counters_).end;
-  if (end == End::kDestroyed || end == End::kReplaced) return;
-  if (end == End::kNoMemory) return CloseAndReport(AW_ERROR_FAILURE);
-  if (end != End::kNeedMore && closed_) return CloseAndReport(0);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::ReceiveDuplicate(*this, data);
 }
 
 AWResult CZARNSSLTCPSessionBase::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNSSLTCPSessionBase::OnReceiveDirect");
-  const End end = OfferDirect(*this, data, generation_, closed_, counters_,
-                              "CZARNSSLTCPSessionBase::OnReceiveDirect");
-  if (end == End::kNeedMore) return AW_OK;
-  if (end == End::kClosed) CloseAndReport(0);
-  return AW_ERROR_FAILURE;
+  return StreamSteps::ReceiveDirect(*this, data, "CZARNSSLTCPSessionBase::OnReceiveDirect");
 }
 
 void CZARNSSLTCPSessionBase::SetReceiveLimit(std::size_t bytes) {
-  readGate_.SetLimit(bytes);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::SetReceiveLimit(*this, bytes);
 }
 
-void CZARNSSLTCPSessionBase::StopReading() {
-  readGate_.Stop();
-  readGate_.Apply(transport_.Get(), received_.GetLength());
-}
+void CZARNSSLTCPSessionBase::StopReading() { StreamSteps::StopReading(*this); }
 
-void CZARNSSLTCPSessionBase::StopAtMalformedFrame() {
-  if (!readGate_.IsStopped()) ++counters_.malformedFrames;
-  StopReading();
-}
+void CZARNSSLTCPSessionBase::StopAtMalformedFrame() { StreamSteps::StopAtMalformedFrame(*this); }
 
 // --- sending ---
 
 AWResult CZARNSSLTCPSessionBase::SendMsg(CAWMessageBlock& data) {
   thread_.Check("CZARNSSLTCPSessionBase::SendMsg");
   if (!transport_) return AW_ERROR_NOT_INITIALIZED;
-  return SendAndAdvance(
-      data, sendQueue_, counters_,
-      [this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); },
-      [this] { Close(AW_ERROR_FAILURE); });
+  return StreamSteps::Send(*this, data, nullptr, [this] { Close(AW_ERROR_FAILURE); });
 }
 
 AWResult CZARNSSLTCPSessionBase::SendMsg(const char* data, std::size_t len) {
@@ -190,8 +119,7 @@ AWResult CZARNSSLTCPSessionBase::SendMsg(const char* data, std::size_t len) {
 }
 
 void CZARNSSLTCPSessionBase::OnSSLDataSend(sslutils::IAWSSLTransport*) {
-  if (!transport_ || sendQueue_.IsEmpty()) return;
-  sendQueue_.Offer([this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  StreamSteps::SendWaiting(*this);
 }
 
 }  // namespace zarn::utils

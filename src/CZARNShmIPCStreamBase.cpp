@@ -1,12 +1,10 @@
 // CZARNShmIPCStreamBase.cpp - see CZARNShmIPCStreamBase.h.
 #include "zarn/utils/CZARNShmIPCStreamBase.h"
 
-#include <algorithm>
 #include <new>
-#include <utility>
 
-#include "ReceiveLoop.h"
 #include "StreamMetrics.h"
+#include "StreamSteps.h"
 
 namespace zarn::utils {
 
@@ -22,8 +20,8 @@ CZARNShmIPCStreamBase::CZARNShmIPCStreamBase() = default;
 CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase() {
   metrics_.Leave();
   if (connector_ || transport_) thread_.Check("CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase");
-  DropConnector();
-  EndConnection(0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::EndConnection(*this, 0);
 }
 
 // --- connecting ---
@@ -33,8 +31,8 @@ AWResult CZARNShmIPCStreamBase::Connect(const fshmipc::CAWShmIPCAddr& peer,
   thread_.Claim("CZARNShmIPCStreamBase::Connect");
   metrics_.JoinConnecting(*this, peer);
   closed_ = false;
-  DropConnector();
-  EndConnection(0);
+  StreamSteps::DropConnector(*this);
+  StreamSteps::EndConnection(*this, 0);
   if (fshmipc::CAWShmIPCManager::Instance()->CreateConnector(connector_) != AW_OK || !connector_)
     return AW_ERROR_FAILURE;
   connectIssued_ = true;
@@ -51,72 +49,30 @@ void CZARNShmIPCStreamBase::OnShmIPCConnectIndication(long reason,
       OnConnected(0);
       return;
     }
-    EndConnection(0);
+    StreamSteps::EndConnection(*this, 0);
   }
   ++counters_.connectFailures;
-  NoteEnd(reason);
+  StreamSteps::NoteEnd(*this, reason);
   OnConnectFailure(reason);
 }
 
 AWResult CZARNShmIPCStreamBase::SetTransportHandle(
     keelbase::CAWAutoPtr<fshmipc::IAWShmIPCTransport>& transport) {
-  if (!transport) return AW_ERROR_FAILURE;
-  thread_.Claim("CZARNShmIPCStreamBase::SetTransportHandle");
-  metrics_.JoinAttached(*this);
-  generation_.Raise();
-  DropTransport(0);
-  transport_ = transport;
-  closed_ = false;
-  readGate_.Reset();
-  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  peerAddr_ = transport_->GetPeerAddr();
-  localAddr_ = transport_->GetLocalAddr();
-  transportAttached_ = true;
-  ++counters_.connects;
-  return AW_OK;
+  return StreamSteps::Attach(*this, transport, "CZARNShmIPCStreamBase::SetTransportHandle");
 }
 
 // --- ending ---
 
 AWResult CZARNShmIPCStreamBase::Close(long reason) {
   thread_.Check("CZARNShmIPCStreamBase::Close");
-  EndConnection(reason);
-  DropConnector();
+  StreamSteps::EndConnection(*this, reason);
+  StreamSteps::DropConnector(*this);
   closed_ = true;
   return AW_OK;
 }
 
-// The buffers are kept: the subclass may still want to know what did not go out.
 void CZARNShmIPCStreamBase::OnDisconnect(long reason, fshmipc::IAWShmIPCTransport*) {
-  generation_.Raise();
-  transport_ = nullptr;
-  transportAttached_ = false;
-  NoteEnd(reason);
-  OnPeerDisconnect(reason);
-}
-
-void CZARNShmIPCStreamBase::DropConnector() {
-  const auto connector = std::move(connector_);
-  if (connector) connector->CancelConnect();
-}
-
-void CZARNShmIPCStreamBase::DropTransport(long reason) {
-  const auto transport = std::move(transport_);
-  if (transport) transport->Disconnect(reason);
-}
-
-// Nothing that SendMsg accepted is lost: the transport goes on with it.
-void CZARNShmIPCStreamBase::EndConnection(long reason) {
-  generation_.Raise();
-  if (transport_) sendQueue_.LeaveTo(*transport_);
-  DropTransport(reason);
-  sendQueue_.Clear();
-  received_.Clear();
-}
-
-void CZARNShmIPCStreamBase::NoteEnd(long reason) {
-  closed_ = true;
-  counters_.lastDisconnectReason = reason;
+  StreamSteps::LoseConnection(*this, reason);
 }
 
 // --- receiving ---
@@ -129,34 +85,25 @@ void CZARNShmIPCStreamBase::OnReceive(CAWMessageBlock& data, fshmipc::IAWShmIPCT
     case End::kReplaced:
       return;
     case End::kNeedMore:
-      return readGate_.Apply(transport_.Get(), received_.GetLength());
+      return StreamSteps::ApplyReadGate(*this);
     case End::kTooLong:
-      if (!closed_) return readGate_.Apply(transport_.Get(), received_.GetLength());
+      if (!closed_) return StreamSteps::ApplyReadGate(*this);
       [[fallthrough]];  // the handler has closed as well
     case End::kClosed:
-      EndConnection(0);
+      StreamSteps::EndConnection(*this, 0);
       return OnClose();
     case End::kNoMemory:
-      EndConnection(0);
-      NoteEnd(AW_ERROR_FAILURE);
-      return OnPeerDisconnect(AW_ERROR_FAILURE);
+      return StreamSteps::CloseAndReport(*this, AW_ERROR_FAILURE);
   }
 }
 
 void CZARNShmIPCStreamBase::SetReceiveLimit(std::size_t bytes) {
-  readGate_.SetLimit(bytes);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::SetReceiveLimit(*this, bytes);
 }
 
-void CZARNShmIPCStreamBase::StopReading() {
-  readGate_.Stop();
-  readGate_.Apply(transport_.Get(), received_.GetLength());
-}
+void CZARNShmIPCStreamBase::StopReading() { StreamSteps::StopReading(*this); }
 
-void CZARNShmIPCStreamBase::StopAtMalformedFrame() {
-  if (!readGate_.IsStopped()) ++counters_.malformedFrames;
-  StopReading();
-}
+void CZARNShmIPCStreamBase::StopAtMalformedFrame() { StreamSteps::StopAtMalformedFrame(*this); }
 
 // --- sending ---
 
@@ -177,10 +124,9 @@ AWResult CZARNShmIPCStreamBase::SendMsg(CAWMessageBlock& data) try {
     if (data.GetChainedLength() != length) Close(AW_ERROR_FAILURE);
     return AW_ERROR_FAILURE;
   }
-  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, sendQueue_.GetLength());
+  StreamSteps::NoteQueueLength(*this);
   if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return AW_ERROR_FAILURE;
-  ++counters_.messagesSent;
-  counters_.bytesSent += length;
+  StreamSteps::CountSent(*this, length);
   return AW_OK;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
@@ -193,8 +139,7 @@ AWResult CZARNShmIPCStreamBase::SendMsg(const char* data, std::size_t len) {
 
 void CZARNShmIPCStreamBase::OnSend(fshmipc::IAWShmIPCTransport*,
                                    fshmipc::CAWShmIPCTransportParameter*) {
-  if (!transport_ || sendQueue_.IsEmpty()) return;
-  sendQueue_.Offer([this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  StreamSteps::SendWaiting(*this);
 }
 
 }  // namespace zarn::utils

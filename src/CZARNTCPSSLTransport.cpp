@@ -1,9 +1,6 @@
 // CZARNTCPSSLTransport.cpp - see CZARNTCPSSLTransport.h.
 #include "zarn/utils/CZARNTCPSSLTransport.h"
 
-#include <algorithm>
-
-#include "BlockLoop.h"
 #include "StreamMetrics.h"
 #include "StreamSteps.h"
 
@@ -21,47 +18,28 @@ CZARNTCPSSLTransport::CZARNTCPSSLTransport() = default;
 CZARNTCPSSLTransport::~CZARNTCPSSLTransport() {
   metrics_.Leave();
   if (transport_) thread_.Check("CZARNTCPSSLTransport::~CZARNTCPSSLTransport");
-  EndConnection();
+  StreamSteps::EndConnection(*this, 0);
 }
 
 AWResult CZARNTCPSSLTransport::SetSSLTransportHandle(
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>& transport) {
-  if (!transport) return AW_ERROR_FAILURE;
-  thread_.Claim("CZARNTCPSSLTransport::SetSSLTransportHandle");
-  metrics_.JoinAttached(*this);
-  generation_.Raise();
-  DropTransport(transport_, 0);
-  transport_ = transport;
-  closed_ = false;
-  readGate_.Reset();
-  if (transport_->OpenWithSink(this) != AW_OK) return AW_ERROR_FAILURE;
-  ReadAddresses(*transport_, peerAddr_, localAddr_);
-  ++counters_.connects;
-  return AW_OK;
+  return StreamSteps::Attach(*this, transport, "CZARNTCPSSLTransport::SetSSLTransportHandle");
 }
 
 // --- ending ---
 
 AWResult CZARNTCPSSLTransport::Disconnect(long /*reason*/) {
   thread_.Check("CZARNTCPSSLTransport::Disconnect");
-  EndConnection();
+  StreamSteps::EndConnection(*this, 0);
   closed_ = true;
   return AW_OK;
 }
 
 // Also the last step when this side ends the connection. The stream is not marked closed here.
 void CZARNTCPSSLTransport::OnSSLDisconnect(long reason, sslutils::IAWSSLTransport*) {
-  EndConnection();
-  Report(reason);
-}
-
-// Nothing that SendSSLMessage accepted is lost: the transport goes on with it.
-void CZARNTCPSSLTransport::EndConnection() {
-  generation_.Raise();
-  if (transport_) sendQueue_.LeaveTo(*transport_);
-  received_.Clear();
-  sendQueue_.Clear();
-  DropTransport(transport_, 0);
+  StreamSteps::EndConnection(*this, 0);
+  counters_.lastDisconnectReason = reason;
+  OnPeerDisconnect(reason);
 }
 
 // A subclass that overrides OnSSLDisconnect hears of it there.
@@ -71,12 +49,6 @@ void CZARNTCPSSLTransport::TearDown(sslutils::IAWSSLTransport* transport) {
   received_.Clear();
   sendQueue_.Clear();
   OnSSLDisconnect(AW_ERROR_FAILURE, transport);
-}
-
-// Always the last thing that is done: the subclass may delete the stream.
-void CZARNTCPSSLTransport::Report(long reason) {
-  counters_.lastDisconnectReason = reason;
-  OnPeerDisconnect(reason);
 }
 
 // --- receiving ---
@@ -99,24 +71,16 @@ void CZARNTCPSSLTransport::OnSSLDataReceive(CAWMessageBlock& data,
   if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return;
   const bool goOn = pass.end == End::kNeedMore || (held && pass.end == End::kTooLong);
   if (!goOn) return TearDown(transport);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::ApplyReadGate(*this);
 }
 
 AWResult CZARNTCPSSLTransport::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNTCPSSLTransport::OnReceiveDirect");
-  const End end = OfferSameBlock(*this, data, generation_, closed_, counters_);
-  if (end == End::kNeedMore) return AW_OK;
-  if (end == End::kClosed) {
-    closed_ = true;
-    EndConnection();
-    Report(0);
-  }
-  return AW_ERROR_FAILURE;
+  return StreamSteps::ReceiveDirectBlock(*this, data);
 }
 
 void CZARNTCPSSLTransport::SetReceiveLimit(std::size_t bytes) {
-  readGate_.SetLimit(bytes);
-  readGate_.Apply(transport_.Get(), received_.GetLength());
+  StreamSteps::SetReceiveLimit(*this, bytes);
 }
 
 // --- sending ---
@@ -137,15 +101,13 @@ AWResult CZARNTCPSSLTransport::SendSSLMessage(CAWMessageBlock& data) {
     Disconnect(0);  // whatever came next would be taken for the rest of this message
     return AW_ERROR_FAILURE;
   }
-  counters_.sendQueueHighMark = std::max(counters_.sendQueueHighMark, sendQueue_.GetLength());
-  ++counters_.messagesSent;
-  counters_.bytesSent += length;
+  StreamSteps::NoteQueueLength(*this);
+  StreamSteps::CountSent(*this, length);
   return AW_OK;
 }
 
 void CZARNTCPSSLTransport::OnSSLDataSend(sslutils::IAWSSLTransport*) {
-  if (!transport_ || sendQueue_.IsEmpty()) return;
-  sendQueue_.Offer([this](CAWMessageBlock& block) { return transport_->SendData(block, nullptr); });
+  StreamSteps::SendWaiting(*this);
 }
 
 }  // namespace zarn::utils

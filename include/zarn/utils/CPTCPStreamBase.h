@@ -142,10 +142,9 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "ptcp";
 
-  void EndConnection();
-  void CloseAndReport(long reason);
   keelbase::AWResult SendBehindOthers(keelbase::CAWMessageBlock& data,
                                       ptcp::CAWPseudoTCPTransportParameter* parameter);
 

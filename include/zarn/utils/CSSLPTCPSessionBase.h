@@ -175,14 +175,10 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "sslptcp";
 
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
-
-  void DropConnector();
-  void EndConnection(long reason);
-  void CloseAndReport(long reason);
-  void Report(long reason);
 
   keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> transport_;
   keelbase::CAWAutoPtr<sslptcp::IAWSSLPTCPConnector> connector_;

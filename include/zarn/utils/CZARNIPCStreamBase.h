@@ -169,11 +169,8 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "ipc";
-
-  void EndConnection(long reason);
-  void CloseAndReport(long reason);
-  void Report(long reason);
 
   keelbase::CAWAutoPtr<fipc::IAWIPCTransport> transport_;
   keelbase::CAWAutoPtr<fipc::IAWIPCConnector> connector_;

@@ -174,14 +174,10 @@ class ZARNUTILS_API CZARNSSLTCPSessionBase : public sslutils::IAWSSLTransportSin
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "tls";
 
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
-
-  void DropConnector();
-  void EndConnection(long reason);
-  void CloseAndReport(long reason);
-  void Report(long reason);
 
   keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> transport_;
   keelbase::CAWAutoPtr<sslutils::IAWSSLConnector> connector_;

@@ -159,14 +159,10 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "shm";
 
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
-
-  void DropConnector();
-  void DropTransport(long reason);
-  void EndConnection(long reason);
-  void NoteEnd(long reason);
 
   keelbase::CAWAutoPtr<fshmipc::IAWShmIPCTransport> transport_;
   keelbase::CAWAutoPtr<fshmipc::IAWShmIPCConnector> connector_;

@@ -138,11 +138,10 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "tls";
 
-  void EndConnection();
   void TearDown(sslutils::IAWSSLTransport* transport);
-  void Report(long reason);
 
   keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> transport_;
   detail::ReceiveAccumulator received_;

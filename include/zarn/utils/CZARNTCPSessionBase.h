@@ -180,13 +180,10 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "tcp";
 
   static constexpr std::uint32_t kDefaultBufferSize = 32768;
-
-  void EndConnection(long reason);
-  void CloseAndReport(long reason);
-  void Report(long reason);
 
   keelbase::CAWAutoPtr<wface::IAWTransport> transport_;
   keelbase::CAWAutoPtr<wface::IAWConnector> connector_;

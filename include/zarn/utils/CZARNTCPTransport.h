@@ -144,10 +144,8 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
 
  private:
   friend class detail::MetricsEntry;
+  friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "tcp";
-
-  void EndConnection(long reason);
-  void CloseAndReport(long reason);
 
   keelbase::CAWAutoPtr<wface::IAWTransport> transport_;
   detail::ReceiveAccumulator received_;
