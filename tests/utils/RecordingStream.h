@@ -133,14 +133,8 @@ class RecordingSslPtcpSession : public SessionRecorder<utils::CSSLPTCPSessionBas
 
 // --- a stream class, its fakes, and where its rules differ from the others' ---
 
-struct OverIpc {
-  static constexpr const char* kName = "CZARNIPCStreamBase";
-  using Platform = LocalIpc;
-  using Stream = RecordingStream;
-  using Transport = FakeTransport;
-  using Manager = FakeManager;
-
-  static constexpr const char* kDirectTrace = "CAWTCPSessionBase";
+// What holds for most.
+struct OverAny {
   static constexpr bool kAdvancesReceived = true;
   static constexpr bool kDestructorCancels = true;
   static constexpr bool kCloseCancels = true;
@@ -149,6 +143,16 @@ struct OverIpc {
   static std::string FailedConnect(long reason) {
     return "OnPeerDisconnect(" + std::to_string(reason) + ")";
   }
+};
+
+struct OverIpc : OverAny {
+  static constexpr const char* kName = "CZARNIPCStreamBase";
+  using Platform = LocalIpc;
+  using Stream = RecordingStream;
+  using Transport = FakeTransport;
+  using Manager = FakeManager;
+
+  static constexpr const char* kDirectTrace = "CAWTCPSessionBase";
   static keelbase::CAWIPCAddr Endpoint(std::uint16_t number) {
     return keelbase::CAWIPCAddr("/ipc/" + std::to_string(number));
   }
@@ -157,16 +161,13 @@ struct OverIpc {
   }
 };
 
-struct OverShm {
+struct OverShm : OverAny {
   static constexpr const char* kName = "CZARNShmIPCStreamBase";
   using Platform = ShmIpc;
   using Stream = RecordingShmStream;
   using Transport = FakeShmTransport;
   using Manager = FakeShmManager;
 
-  static constexpr bool kAdvancesReceived = true;
-  static constexpr bool kDestructorCancels = true;
-  static constexpr bool kCloseCancels = true;
   static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_FAILURE;
   static constexpr const char* kClosedByHandler = "OnClose";
   static std::string FailedConnect(long reason) {
@@ -178,7 +179,13 @@ struct OverShm {
   }
 };
 
-struct OverTcp {
+// The sessions, whose addresses are those of the internet.
+struct OverSession : OverAny {
+  static constexpr bool kAdvancesReceived = false;
+  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+};
+
+struct OverTcp : OverSession {
   static constexpr const char* kName = "CZARNTCPSessionBase";
   using Platform = Tcp;
   using Stream = RecordingTcpSession;
@@ -186,22 +193,21 @@ struct OverTcp {
   using Manager = FakeTcpManager;
 
   static constexpr const char* kDirectTrace = "CZARNTCPSessionBase";
-  static constexpr bool kAdvancesReceived = false;
   static constexpr bool kDestructorCancels = false;
-  static constexpr bool kCloseCancels = true;
-  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
-  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
-  static std::string FailedConnect(long reason) {
-    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  static void Receive(Stream& stream, keelbase::CAWMessageBlock& data,
+                      Platform::Transport* transport) {
+    stream.OnReceive(data, transport, nullptr);
   }
-  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void FailConnect(Stream& stream, long reason) {
+    stream.OnConnectIndication(reason, nullptr, nullptr);
+  }
   static void ExpectConnectParameter(const Manager::Connector& connector) {
     ASSERT_TRUE(connector.timeout.has_value());
     EXPECT_EQ(*connector.timeout, keelbase::CAWTimeValue(3, 0));
   }
 };
 
-struct OverTls {
+struct OverTls : OverSession {
   static constexpr const char* kName = "CZARNSSLTCPSessionBase";
   using Platform = Tls;
   using Stream = RecordingTlsSession;
@@ -209,22 +215,19 @@ struct OverTls {
   using Manager = FakeTlsManager;
 
   static constexpr const char* kDirectTrace = "CZARNSSLTCPSessionBase";
-  static constexpr bool kAdvancesReceived = false;
   static constexpr bool kDestructorCancels = false;
-  static constexpr bool kCloseCancels = true;
-  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
-  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
-  static std::string FailedConnect(long reason) {
-    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  static void Receive(Stream& stream, keelbase::CAWMessageBlock& data,
+                      Platform::Transport* transport) {
+    stream.OnSSLDataReceive(data, transport);
   }
-  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void FailConnect(Stream& stream, long reason) { stream.OnSSLConnected(reason, nullptr); }
   static void ExpectConnectParameter(const Manager::Connector& connector) {
     EXPECT_EQ(connector.verify, 1);
     EXPECT_FALSE(connector.hadServerName);
   }
 };
 
-struct OverSslPtcp {
+struct OverSslPtcp : OverSession {
   static constexpr const char* kName = "CSSLPTCPSessionBase";
   using Platform = Tls;
   using Stream = RecordingSslPtcpSession;
@@ -232,15 +235,12 @@ struct OverSslPtcp {
   using Manager = FakeSslPtcpManager;
 
   static constexpr const char* kDirectTrace = "CSSLPTCPSessionBase";
-  static constexpr bool kAdvancesReceived = false;
-  static constexpr bool kDestructorCancels = true;
   static constexpr bool kCloseCancels = false;
-  static constexpr keelbase::AWResult kNotConnected = keelbase::AW_ERROR_NOT_INITIALIZED;
-  static constexpr const char* kClosedByHandler = "OnPeerDisconnect(0)";
-  static std::string FailedConnect(long reason) {
-    return "OnPeerDisconnect(" + std::to_string(reason) + ")";
+  static void Receive(Stream& stream, keelbase::CAWMessageBlock& data,
+                      Platform::Transport* transport) {
+    stream.OnSSLDataReceive(data, transport);
   }
-  static keelbase::CAWInetAddr Endpoint(std::uint16_t number) { return {0x7F000001U, number}; }
+  static void FailConnect(Stream& stream, long reason) { stream.OnSSLConnected(reason, nullptr); }
   static void ExpectConnectParameter(const Manager::Connector& connector) {
     EXPECT_FALSE(connector.hadServerName);
   }
