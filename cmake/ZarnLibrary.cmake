@@ -85,6 +85,7 @@ macro(zarn_add_compiled_library)
   target_compile_options(
     ${arg_NAME}_objects
     PRIVATE $<$<AND:$<CONFIG:RelWithDebInfo>,$<CXX_COMPILER_ID:GNU>>:-g2 -femit-class-debug-always>)
+  target_compile_options(${arg_NAME}_objects PRIVATE ${ZARN_LIBRARY_OPTIONS})
   zarn_set_warnings(${arg_NAME}_objects)
 
   add_library(${arg_NAME} SHARED $<TARGET_OBJECTS:${arg_NAME}_objects>)
