@@ -21,12 +21,12 @@ class Peer:
         self.name = name
         self.process = process
         self.pid = process.pid
-        self.born = time.monotonic()
         self.pulse = {"sent": 0, "received": 0, "bytes": 0, "connections": 0}
-        self.pulse_time = self.progress_time = self.born
+        self.pulse_time = self.progress_time = time.monotonic()
         self._errors = errors
         self._on_trouble = on_trouble
         self._is_ending = False
+        self.has_ended_well = False  # as it was meant to, and without complaint
         self._events = []
         self._changed = asyncio.Condition()
         self._reader = asyncio.create_task(self._read())
@@ -40,6 +40,7 @@ class Peer:
                 stdin=asyncio.subprocess.PIPE, stdout=asyncio.subprocess.PIPE, stderr=file,
                 env=place.environment, start_new_session=True)  # not for the terminal's Ctrl-C
         peer = cls(name, process, errors, on_trouble)
+        place.forget_ended()
         place.peers.append(peer)
         return peer
 
@@ -139,9 +140,9 @@ class Peer:
             await asyncio.wait_for(asyncio.shield(self._reader), REACTION)
         except asyncio.TimeoutError:
             raise Trouble(f"{self.name} hangs: its end takes over {REACTION:.0f} s") from None
-        self._check_errors()
         if self.process.returncode != 0:
             raise Trouble(f"{self.name} ended with {self.process.returncode}")
+        self._check_errors()
 
     async def discard(self) -> None:
         """At the very end, whatever state it is in."""
@@ -152,14 +153,17 @@ class Peer:
             await self.process.wait()
 
     def complaints(self) -> str:
+        if self.has_ended_well:
+            return ""
         with open(self._errors, encoding="utf-8", errors="replace") as file:
             return file.read()
 
     def _check_errors(self) -> None:
         complaints = self.complaints()
         if complaints:
-            raise Trouble(f"{self.name} has complained:\n{complaints[:8000]}")
+            raise Trouble(f"{self.name} has complained")
         os.unlink(self._errors)
+        self.has_ended_well = True
 
 
 class Place:
@@ -179,6 +183,9 @@ class Place:
     def _add_option(self, variable: str, option: str) -> None:
         present = self.environment.get(variable)
         self.environment[variable] = f"{present}:{option}" if present else option
+
+    def forget_ended(self) -> None:
+        self.peers = [peer for peer in self.peers if not peer.has_ended_well]
 
     def new_errors_file(self, name: str) -> str:
         self._count += 1

@@ -2,7 +2,7 @@
 restarts either side at random moments, and checks every byte that arrives, that everybody goes on, and
 that those who survive do not grow. Prints a table; exits with 1 and the reason if anything is off.
 
-    soak.py --seconds 60 [--seed N] [--clients N] [--pace N]
+    soak.py --seconds 60 [--seed N] [--clients N] [--pace N] [--nice N]
 
 ZARN_BIN_DIR says where soak_peer is. The same seed makes the same plan and the same messages; the moments
 of the kills also depend on how fast the machine is."""
@@ -61,8 +61,8 @@ async def run(options, top: str) -> list:
             raise Trouble(f"left behind: {place.endpoints()}")
     except Trouble:
         for peer in place.peers:  # what a sanitizer has to say explains the rest
-            if os.path.exists(peer._errors) and peer.complaints():
-                print(f"{peer.name} (process {peer.pid}):\n{peer.complaints()[:8000]}", file=sys.stderr)
+            if complaints := peer.complaints():
+                print(f"{peer.name}, process {peer.pid}:\n{complaints[:8000]}", file=sys.stderr)
         raise
     finally:
         for task in [everything, watcher, *tasks]:
@@ -108,7 +108,9 @@ def main() -> int:
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1 << 32))
     parser.add_argument("--clients", type=int, default=2, help="of each of the twelve servers (2)")
     parser.add_argument("--pace", type=int, default=4, help="messages of each side every 10 ms (4)")
+    parser.add_argument("--nice", type=int, default=0, help="by how much others come first (0)")
     options = parser.parse_args()
+    os.nice(options.nice)
     print(f"soak: {options.seconds:.0f} s, seed {options.seed}", flush=True)
     start = time.monotonic()
     top = tempfile.mkdtemp(prefix="zarnsoak")

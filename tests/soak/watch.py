@@ -33,7 +33,10 @@ class Watch:
             if group.settled_since is None or now - group.settled_since < SETTLED:
                 continue
             for peer in group.survivors():
-                self.samples.setdefault(peer, []).append(peer.measure())
+                try:
+                    self.samples.setdefault(peer, []).append(peer.measure())
+                except (FileNotFoundError, ProcessLookupError):
+                    pass  # it has ended, which is noticed elsewhere
 
     def growth(self, group) -> tuple:
         """The largest growth of any survivor: bytes, descriptors, threads."""
