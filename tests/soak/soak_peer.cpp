@@ -68,8 +68,9 @@ class Peer {
   // Mostly a few, seldom as many as the window lets through.
   int ChooseCount() {
     constexpr int kBurst = 1000;
-    return random_() % 50 == 0 ? kBurst
-                               : static_cast<int>(random_() % static_cast<unsigned>(setup_.pace * 2));
+    return random_() % 50 == 0
+               ? kBurst
+               : static_cast<int>(random_() % static_cast<unsigned>(setup_.pace * 2));
   }
 
   Conversation MakeConversation(Conversation::Send send) {
@@ -190,9 +191,8 @@ class Server final : public Peer, private zarn::tool::ServerSink {
   using Link = zarn::tool::ServerPeer;
 
   void OnPeer(Link& peer) override {
-    conversations_.emplace(&peer, MakeConversation([&peer](const Message& message) {
-                             return peer.Send(message);
-                           }));
+    conversations_.emplace(
+        &peer, MakeConversation([&peer](const Message& message) { return peer.Send(message); }));
   }
   void OnPeerRefused(long /*reason*/) override {}  // killed within its handshake
   void OnPeerGone(Link& peer, long reason) override {

@@ -18,7 +18,7 @@ MOST_THREADS = 0
 def most_memory(early: float, is_sanitized: bool) -> float:
     """How many bytes of growth are not called growth. A sanitizer keeps freed memory for a while,
     and remembers where memory was touched."""
-    return max(24 << 20, 0.25 * early) if is_sanitized else max(4 << 20, 0.10 * early)
+    return max(16 << 20, 0.20 * early) if is_sanitized else max(4 << 20, 0.10 * early)
 
 
 class Watch:
