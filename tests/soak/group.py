@@ -173,17 +173,18 @@ class Group:
         """Until each side has received all that the other has sent."""
         end = time.monotonic() + REACTION
         while True:
-            at_server = await self.server.connections()
+            count, at_server = await self.server.connections()
             at_clients = {}
             for peer in self.clients.values():
-                at_clients.update(await peer.connections())
+                at_clients.update((await peer.connections())[1])
             crossed = {client: (generation, received, sent)
                        for client, (generation, sent, received) in at_clients.items()}
-            if at_server == crossed and len(crossed) == len(self.clients):
+            if at_server == crossed and count == len(crossed) == len(self.clients):
                 return
             if time.monotonic() > end:
-                raise Trouble(f"{self.name}: not all that was sent has arrived: the server has"
-                              f" {at_server}, the clients {at_clients}")
+                raise Trouble(f"{self.name}: not all that was sent has arrived, or somebody who is"
+                              f" gone is still here: the server has {count}: {at_server},"
+                              f" the clients {at_clients}")
             await asyncio.sleep(0.05)
 
     def _add_up(self, peer: Peer) -> None:

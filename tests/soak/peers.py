@@ -91,23 +91,25 @@ class Peer:
             raise Trouble(f"{self.name}: no '{name}' within {REACTION:.0f} s,"
                           f" but {self._events[-5:]}, {self.pulse}") from None
 
-    async def connections(self) -> dict:
-        """client -> (generation, sent, received)"""
+    async def connections(self) -> tuple:
+        """How many there are, and of each the client -> (generation, sent, received)."""
         self.process.stdin.write(b"connections\n")
-        await self.expect("connections")
+        count = (await self.expect("connections"))["count"]
         told = [event for event in self._events if event["event"] == "connection"]
         self._events = [event for event in self._events if event["event"] != "connection"]
-        return {event["client"]: (event["generation"], event["sent"], event["received"])
-                for event in told}
+        return count, {event["client"]: (event["generation"], event["sent"], event["received"])
+                       for event in told}
 
     def quiet(self) -> None:
         self.process.stdin.write(b"quiet\n")
 
-    def check_progress(self) -> None:
+    def check_progress(self, is_settled: bool) -> None:
+        if self._is_ending:
+            return
         now = time.monotonic()
         if now - self.pulse_time > REACTION:
             raise Trouble(f"{self.name} hangs: no pulse for {REACTION:.0f} s")
-        if now - self.progress_time > REACTION:
+        if is_settled and now - self.progress_time > REACTION:
             raise Trouble(f"{self.name}: connected, but no message for {REACTION:.0f} s")
 
     # --- what it uses ---

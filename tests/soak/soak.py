@@ -36,8 +36,7 @@ async def watch_all(groups: list, watch: Watch, interval: float) -> None:
         watch.sample()
         for group in groups:
             for peer in group.living():
-                if peer.process.returncode is None and group.settled_since is not None:
-                    peer.check_progress()
+                peer.check_progress(group.settled_since is not None)
 
 
 async def run(options, top: str) -> list:
