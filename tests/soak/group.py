@@ -152,7 +152,9 @@ class Group:
     async def _start_server(self) -> float:
         secured = self.transport in ("tls", "ptls")
         more = [self.setting.key, self.setting.certificate] if secured else []
-        self.server = await self._start("server", "serve", *more)
+        # Over TCP and TLS there are two kinds of streams for servers.
+        blocks = self.transport in ("tcp", "tls") and not self.kills_server
+        self.server = await self._start("server", "serve-blocks" if blocks else "serve", *more)
         return (await self.server.expect("listening"))["time"]
 
     async def _start_client(self, number: int) -> None:

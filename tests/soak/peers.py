@@ -60,6 +60,8 @@ class Peer:
     async def _handle(self, event: dict) -> None:
         if event["event"] == "wrong":
             self._on_trouble(f"{self.name}: a message that must not come: {event}")
+        elif event["event"] == "listen_failed":
+            self._on_trouble(f"{self.name} cannot listen: {event}")
         elif event["event"] == "pulse":
             self.pulse_time = time.monotonic()
             if event["received"] > self.pulse["received"] or event["connections"] == 0:

@@ -1,6 +1,7 @@
 // soak_peer.cpp - one process of the soak, over any of the six transports:
-//   soak_peer serve URL SEED INCARNATION PACE [KEY CERTIFICATE]
+//   soak_peer serve|serve-blocks URL SEED INCARNATION PACE [KEY CERTIFICATE]
 //   soak_peer connect URL SEED INCARNATION PACE CLIENT [AUTHORITY]
+// serve-blocks makes a server over TCP or TLS of the streams that deliver block by block.
 // Every ten milliseconds it sends up to twice PACE messages on each connection. A client connects
 // again whenever its connection is lost.
 //
@@ -18,6 +19,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "BlockServer.h"
 #include "Conversation.h"
 #include "Endpoint.h"
 #include "Link.h"
@@ -174,10 +176,10 @@ class Client final : public Peer, private zarn::tool::ClientSink {
 
 class Server final : public Peer, private zarn::tool::ServerSink {
  public:
-  using Peer::Peer;
+  Server(Setup setup, bool usesBlocks) : Peer(std::move(setup)), usesBlocks_(usesBlocks) {}
 
   void Start() override {
-    link_ = setup_.endpoint.scheme->makeServer(setup_.endpoint, *this);
+    link_ = MakeLink();
     Event(link_->Start().empty() ? "listening" : "listen_failed");
     Peer::Start();
   }
@@ -189,6 +191,15 @@ class Server final : public Peer, private zarn::tool::ServerSink {
 
  private:
   using Link = zarn::tool::ServerPeer;
+
+  std::unique_ptr<zarn::tool::ServerLink> MakeLink() {
+    const zarn::tool::Endpoint& endpoint = setup_.endpoint;
+    zarn::tool::ServerSink& sink = *this;
+    if (!usesBlocks_) return endpoint.scheme->makeServer(endpoint, sink);
+    if (endpoint.scheme->isSecured)
+      return std::make_unique<soak::BlockServer<soak::TlsBlocks>>(endpoint, sink);
+    return std::make_unique<soak::BlockServer<soak::TcpBlocks>>(endpoint, sink);
+  }
 
   void OnPeer(Link& peer) override {
     conversations_.emplace(
@@ -230,6 +241,7 @@ class Server final : public Peer, private zarn::tool::ServerSink {
     return CountConnections();
   }
 
+  const bool usesBlocks_;
   std::unique_ptr<zarn::tool::ServerLink> link_;
   std::unordered_map<Link*, Conversation> conversations_;
   std::map<std::uint32_t, std::uint64_t> lastOf_;  // generation of each client
@@ -243,10 +255,10 @@ int Run(const e2e::Words& words) {
   setup.pace = std::stoi(words.at(4));
   zarn::tool::Security& security = setup.endpoint.security;
   std::unique_ptr<Peer> peer;
-  if (words[0] == "serve") {
+  if (words[0] != "connect") {
     if (words.size() > 5) security.key = words.at(5);
     if (words.size() > 5) security.certificate = words.at(6);
-    peer = std::make_unique<Server>(std::move(setup));
+    peer = std::make_unique<Server>(std::move(setup), words[0] == "serve-blocks");
   } else {
     if (words.size() > 6) security.authorities = words.at(6);
     peer = std::make_unique<Client>(std::move(setup),
@@ -259,6 +271,6 @@ int Run(const e2e::Words& words) {
 
 int main(int argc, char** argv) {
   const e2e::Words words(argv + 1, argv + argc);
-  if (words.size() < 5 || (words[0] != "serve" && words.size() < 6)) return 2;
+  if (words.size() < 5 || (words[0] == "connect" && words.size() < 6)) return 2;
   return Run(words);
 }
