@@ -180,7 +180,8 @@ class Server final : public Peer, private zarn::tool::ServerSink {
 
   void Start() override {
     link_ = MakeLink();
-    Event(link_->Start().empty() ? "listening" : "listen_failed");
+    const bool listens = link_->Start().empty();
+    const Event told(listens ? "listening" : "listen_failed");
     Peer::Start();
   }
   void Finish() override {
