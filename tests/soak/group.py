@@ -100,8 +100,10 @@ class Group:
         count = len(self.clients) if self.random.random() < 0.2 else 1
         numbers = self.random.sample(sorted(self.clients), count)
         for number in numbers:
+            victim = self.clients[number].incarnation
             lost = await self._lose(self.clients[number])
-            await self._wait_noticed([self.server], lost, lambda event: event["client"] == number)
+            await self._wait_noticed(
+                [self.server], lost, lambda event: event["generation"] >> 32 == victim)
             if self.random.random() < 0.3:  # and its successor, before or while it connects
                 await self._start_client(number)
                 await asyncio.sleep(self.random.random() * 0.5)

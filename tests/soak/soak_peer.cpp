@@ -8,7 +8,7 @@
 // Events, times are seconds of the steady clock:
 //   listening or listen_failed
 //   flowing {client, generation}  on each connection, once messages have come and been found right
-//   down {client, reason}         the end of a connection
+//   down {client, generation, reason}  the end of a connection
 //   pulse {sent, received, bytes, connections}  every half second
 //   wrong {...}                   a message that must not have come
 // Commands: quiet (says nothing more); connections: a connection {client, generation, sent,
@@ -79,7 +79,6 @@ class Peer {
     return Conversation(setup_.seed, totals_, std::move(send));
   }
 
-  // Of the two numbers of its client only the connection differs between a client's connections.
   Speaker MakeSpeaker(std::uint32_t client, bool isServer) {
     return {client, setup_.incarnation, ++connections_, isServer ? 1U : 0U};
   }
@@ -87,6 +86,12 @@ class Peer {
   static void TellIfFlowing(const Conversation& conversation, const Speaker& client) {
     if (conversation.GetReceived() != kFlowing) return;
     Event("flowing").With("client", client.client).With("generation", client.GetGeneration());
+  }
+  static void TellEnd(const Speaker& client, long reason) {
+    Event("down")
+        .With("client", client.client)
+        .With("generation", client.GetGeneration())
+        .With("reason", reason);
   }
   static void TellConnection(const Conversation& conversation, const Speaker& client) {
     Event("connection")
@@ -140,7 +145,7 @@ class Client final : public Peer, private zarn::tool::ClientSink {
   void OnDown(long reason) override {
     if (!conversation_) return;  // a connect that has failed
     conversation_.reset();
-    Event("down").With("client", number_).With("reason", reason);
+    TellEnd(speaker_, reason);
   }
   void OnMessage(const Message& message) override {
     if (!conversation_->Take(message)) return;
@@ -210,7 +215,7 @@ class Server final : public Peer, private zarn::tool::ServerSink {
   void OnPeerGone(Link& peer, long reason) override {
     const auto gone = conversations_.extract(&peer);
     if (gone.mapped().GetReceived() == 0) return;  // nobody knows who it was
-    Event("down").With("client", gone.mapped().GetOther().client).With("reason", reason);
+    TellEnd(gone.mapped().GetOther(), reason);
   }
   void OnMessage(Link& peer, const Message& message) override {
     Conversation& conversation = conversations_.at(&peer);
