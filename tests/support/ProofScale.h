@@ -7,7 +7,8 @@
 
 namespace testsupport {
 
-// `full` when ZARN_PROOF_FULL=1 (scripts/soak sets it), else a twentieth of it, at least 1.
+// `full` when ZARN_PROOF_FULL=1 (scripts/soak --proofs sets it), else a twentieth of it, at
+// least 1.
 inline int ProofCount(int full) {
   const char* value = std::getenv("ZARN_PROOF_FULL");
   return value != nullptr && std::string_view(value) == "1" ? full : std::max(1, full / 20);
