@@ -10,18 +10,15 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <filesystem>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "DescriptorShortage.h"
 #include "RawPeer.h"
 
 namespace fshmipc {
 namespace {
-
-namespace fs = std::filesystem;
 
 struct Sockets {
   Sockets() {
@@ -33,11 +30,6 @@ struct Sockets {
   FileDescriptor near;
   FileDescriptor far;
 };
-
-std::size_t OpenDescriptors() {
-  return static_cast<std::size_t>(
-      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
-}
 
 const CAWShmIPCAddr kOwn(3, 4);
 

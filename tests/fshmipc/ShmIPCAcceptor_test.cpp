@@ -9,7 +9,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,19 +22,10 @@ namespace {
 using namespace zarn::test;
 namespace fs = std::filesystem;
 
-void Turn() {
-  for (int i = 0; i < 20; ++i) RunReady();
-}
-
 AWResult ResultOfListen() {
   ShmIndicationSink sink;
   const auto acceptor = MakeShmAcceptor();
   return acceptor->StartListen(&sink, kShmServer);
-}
-
-std::size_t OpenDescriptors() {
-  return static_cast<std::size_t>(
-      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
 // A client that is not ours.

@@ -25,10 +25,6 @@ AWResult Connect(IAWShmIPCConnector& connector, ShmIndicationSink& sink) {
   return connector.AsyncConnect(&sink, kShmServer, 0, nullptr);
 }
 
-void Turn() {
-  for (int i = 0; i < 20; ++i) RunReady();
-}
-
 // The reason of a connect, which comes once, later, and without a transport when it failed.
 long Reason() {
   const auto connector = MakeShmConnector();

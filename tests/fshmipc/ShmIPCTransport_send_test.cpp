@@ -20,10 +20,6 @@ namespace {
 
 using namespace zarn::test;
 
-void Turn() {
-  for (int i = 0; i < 20; ++i) RunReady();
-}
-
 TEST(ShmIPCTransportSend, FullRingTakesPartAndTellsOfRoomOnce) {
   ShmPair p;
   p.client.Open();

@@ -29,10 +29,6 @@ namespace {
 
 using namespace zarn::test;
 
-void Turn() {
-  for (int i = 0; i < 20; ++i) RunReady();
-}
-
 // --- opening ---
 
 TEST(ShmIPCTransport, BytesGoBothWays) {

@@ -13,7 +13,7 @@ namespace {
 using shttp::ParseUrl;
 using shttp::Url;
 
-struct Good {
+struct GoodUrl {
   std::string text;
   bool tls;
   std::string host;
@@ -23,7 +23,7 @@ struct Good {
 };
 
 TEST(UrlText, GoodOnesAreTakenApart) {
-  const std::vector<Good> table = {
+  const std::vector<GoodUrl> table = {
       {"http://a", false, "a", 80, "/", "a"},
       {"https://a", true, "a", 443, "/", "a"},
       {"HtTpS://Example.COM/X", true, "Example.COM", 443, "/X", "Example.COM"},
@@ -48,7 +48,7 @@ TEST(UrlText, GoodOnesAreTakenApart) {
       {"http://" + std::string(253, 'h') + "/", false, std::string(253, 'h'), 80, "/",
        std::string(253, 'h')},
   };
-  for (const Good& one : table) {
+  for (const GoodUrl& one : table) {
     Url url;
     ASSERT_EQ(ParseUrl(one.text, url), 0) << one.text;
     EXPECT_EQ(url.tls, one.tls) << one.text;

@@ -1,14 +1,22 @@
-// DescriptorShortage.h - takes all file descriptors that the process may have.
+// DescriptorShortage.h - counts file descriptors, and takes all that the process may have.
 #pragma once
 
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
 #include <vector>
 
 #include "keelbase/internal/FileDescriptor.h"
 
 namespace zarn::test {
+
+inline std::size_t OpenDescriptors() {
+  const std::filesystem::directory_iterator first("/proc/self/fd");
+  return static_cast<std::size_t>(std::distance(first, std::filesystem::directory_iterator()));
+}
 
 // As long as it lives, whatever needs a new descriptor fails with EMFILE.
 class DescriptorShortage {

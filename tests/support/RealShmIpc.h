@@ -27,6 +27,10 @@ class ShmIndicationSink final
   }
 };
 
+inline void Turn() {
+  for (int i = 0; i < 20; ++i) RunReady();
+}
+
 inline CAWAutoPtr<fshmipc::IAWShmIPCConnector> MakeShmConnector() {
   CAWAutoPtr<fshmipc::IAWShmIPCConnector> out;
   EXPECT_EQ(fshmipc::CAWShmIPCManager::Instance()->CreateConnector(out), AW_OK);

@@ -76,44 +76,52 @@ TEST_F(CSSLPTCPSessionBaseRules, DestructorCancelsTheConnectorWithZeroAndLetsGoO
 
 // --- slots ---
 
-using Session = utils::CSSLPTCPSessionBase;
+using SslPtcpSession = utils::CSSLPTCPSessionBase;
 using sslutils::IAWSSLConnectionSink;
 using sslutils::IAWSSLTransport;
 using sslutils::IAWSSLTransportSink;
 
 // 3 and 4 are the destructor pair.
 TEST(VirtualSlots, SslPtcpSessionStartsWithTheTransportSinksSlotsAndAddsItsOwn) {
-  EXPECT_EQ(VirtualSlot<void (Session::*)(CAWMessageBlock&, IAWSSLTransport*)>(
-                &Session::OnSSLDataReceive),
+  EXPECT_EQ(VirtualSlot<void (SslPtcpSession::*)(CAWMessageBlock&, IAWSSLTransport*)>(
+                &SslPtcpSession::OnSSLDataReceive),
             0);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(long, IAWSSLTransport*)>(&Session::OnSSLDisconnect), 1);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(IAWSSLTransport*)>(&Session::OnSSLDataSend), 2);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(long, IAWSSLTransport*)>(&Session::OnSSLConnected), 5);
-  EXPECT_EQ(VirtualSlot(&Session::Connect), 6);
-  EXPECT_EQ(VirtualSlot<AWResult (Session::*)(CAWMessageBlock&)>(&Session::SendMessage), 7);
-  EXPECT_EQ(VirtualSlot<AWResult (Session::*)(const char*, std::size_t)>(&Session::SendMessage), 8);
-  EXPECT_EQ(VirtualSlot(&Session::HandleMessage), 9);
-  EXPECT_EQ(VirtualSlot(&Session::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot(&Session::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot(&Session::OnRcvBufferOverFlow), 12);
-  EXPECT_EQ(VirtualSlot(&Session::SetTransportHandle), 13);
-  EXPECT_EQ(VirtualSlot(&Session::Close), 14);
+  EXPECT_EQ(VirtualSlot<void (SslPtcpSession::*)(long, IAWSSLTransport*)>(
+                &SslPtcpSession::OnSSLDisconnect),
+            1);
+  EXPECT_EQ(VirtualSlot<void (SslPtcpSession::*)(IAWSSLTransport*)>(&SslPtcpSession::OnSSLDataSend),
+            2);
+  EXPECT_EQ(VirtualSlot<void (SslPtcpSession::*)(long, IAWSSLTransport*)>(
+                &SslPtcpSession::OnSSLConnected),
+            5);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::Connect), 6);
+  EXPECT_EQ(
+      VirtualSlot<AWResult (SslPtcpSession::*)(CAWMessageBlock&)>(&SslPtcpSession::SendMessage), 7);
+  EXPECT_EQ(VirtualSlot<AWResult (SslPtcpSession::*)(const char*, std::size_t)>(
+                &SslPtcpSession::SendMessage),
+            8);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::HandleMessage), 9);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::OnRcvBufferOverFlow), 12);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::SetTransportHandle), 13);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::Close), 14);
 }
 
 TEST(VirtualSlots, SslPtcpSessionsAccessorsAreNotVirtual) {
-  EXPECT_EQ(VirtualSlot(&Session::PrivateKey), -1);
-  EXPECT_EQ(VirtualSlot(&Session::Certificate), -1);
-  EXPECT_EQ(VirtualSlot(&Session::SetSendBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Session::SetRcvBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Session::IsClose), -1);
-  EXPECT_EQ(VirtualSlot(&Session::GetPeerIP), -1);
-  EXPECT_EQ(VirtualSlot(&Session::OnReceiveDirect), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::PrivateKey), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::Certificate), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::SetSendBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::SetRcvBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::IsClose), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::GetPeerIP), -1);
+  EXPECT_EQ(VirtualSlot(&SslPtcpSession::OnReceiveDirect), -1);
 }
 
 TEST(VirtualSlots, SslPtcpTransportSinkIsTheSessionsFirstBaseAndConnectionSinkItsSecond) {
-  EXPECT_TRUE(std::is_abstract_v<Session>);
+  EXPECT_TRUE(std::is_abstract_v<SslPtcpSession>);
   RecordingSslPtcpSession recording;
-  Session* session = &recording;
+  SslPtcpSession* session = &recording;
   auto* start = reinterpret_cast<char*>(session);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWSSLTransportSink*>(session)), start);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWSSLConnectionSink*>(session)),

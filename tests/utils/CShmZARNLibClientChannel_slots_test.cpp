@@ -15,37 +15,44 @@ using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
 using keelbase::CAWTimerWrapperID;
 using keelbase::CAWTimerWrapperIDSink;
-using Channel = utils::CShmZARNLibClientChannel;
+using ShmClientSlots = utils::CShmZARNLibClientChannel;
 
 TEST(VirtualSlots, ShmClientChannelOverridesTheStreamsHandlersInPlace) {
+  EXPECT_EQ(VirtualSlot<std::size_t (ShmClientSlots::*)(const char*, std::size_t)>(
+                &ShmClientSlots::HandleMessage),
+            9);
+  EXPECT_EQ(VirtualSlot<void (ShmClientSlots::*)(long)>(&ShmClientSlots::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot<int (ShmClientSlots::*)(long)>(&ShmClientSlots::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot<void (ShmClientSlots::*)()>(&ShmClientSlots::OnClose), 12);
+  EXPECT_EQ(VirtualSlot<void (ShmClientSlots::*)(long)>(&ShmClientSlots::OnConnectFailure), 13);
   EXPECT_EQ(
-      VirtualSlot<std::size_t (Channel::*)(const char*, std::size_t)>(&Channel::HandleMessage), 9);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(long)>(&Channel::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot<int (Channel::*)(long)>(&Channel::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)()>(&Channel::OnClose), 12);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(long)>(&Channel::OnConnectFailure), 13);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(std::uint32_t)>(&Channel::OnRcvBufferOverFlow), 14);
+      VirtualSlot<void (ShmClientSlots::*)(std::uint32_t)>(&ShmClientSlots::OnRcvBufferOverFlow),
+      14);
 }
 
 TEST(VirtualSlots, ShmClientChannelsOwnOperationsFollowTheStreams) {
   using Number = std::uint16_t;
-  EXPECT_EQ(VirtualSlot<AWResult (Channel::*)(Number, Number, Number, Number)>(&Channel::Init), 17);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(Number, std::uint32_t, const char*, std::size_t)>(
-                &Channel::OnZARNMessage),
+  EXPECT_EQ(VirtualSlot<AWResult (ShmClientSlots::*)(Number, Number, Number, Number)>(
+                &ShmClientSlots::Init),
+            17);
+  EXPECT_EQ(VirtualSlot<void (ShmClientSlots::*)(Number, std::uint32_t, const char*, std::size_t)>(
+                &ShmClientSlots::OnZARNMessage),
             18);
-  EXPECT_EQ(VirtualSlot<AWResult (Channel::*)(Number, std::uint32_t, const char*, std::size_t)>(
-                &Channel::SendZARNMessage),
-            19);
-  EXPECT_EQ(VirtualSlot<AWResult (Channel::*)(Number, std::uint32_t, CAWMessageBlock&)>(
-                &Channel::SendZARNMessage),
+  EXPECT_EQ(
+      VirtualSlot<AWResult (ShmClientSlots::*)(Number, std::uint32_t, const char*, std::size_t)>(
+          &ShmClientSlots::SendZARNMessage),
+      19);
+  EXPECT_EQ(VirtualSlot<AWResult (ShmClientSlots::*)(Number, std::uint32_t, CAWMessageBlock&)>(
+                &ShmClientSlots::SendZARNMessage),
             20);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(CAWTimerWrapperID*)>(&Channel::OnTimer), 21);
+  EXPECT_EQ(VirtualSlot<void (ShmClientSlots::*)(CAWTimerWrapperID*)>(&ShmClientSlots::OnTimer),
+            21);
 }
 
 TEST(VirtualSlots, ShmClientChannelIsAStreamAndATimerSink) {
-  EXPECT_TRUE((std::is_base_of_v<utils::CZARNShmIPCStreamBase, Channel>));
-  EXPECT_TRUE((std::is_base_of_v<CAWTimerWrapperIDSink, Channel>));
-  EXPECT_TRUE(std::is_abstract_v<Channel>);
+  EXPECT_TRUE((std::is_base_of_v<utils::CZARNShmIPCStreamBase, ShmClientSlots>));
+  EXPECT_TRUE((std::is_base_of_v<CAWTimerWrapperIDSink, ShmClientSlots>));
+  EXPECT_TRUE(std::is_abstract_v<ShmClientSlots>);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ using keelbase::AWResult;
 using keelbase::CAWIPCAddr;
 using keelbase::CAWMessageBlock;
 using utils::CZARNIPCStreamBase;
-using Stream = CZARNIPCStreamBase;
+using IpcStream = CZARNIPCStreamBase;
 
 TEST(VirtualSlots, TransportSinkDeclaresItsCallbacksFirstAndItsDestructorLast) {
   EXPECT_EQ(VirtualSlot(&IAWIPCTransportSink::OnReceive), 0);
@@ -38,54 +38,55 @@ TEST(VirtualSlots, ConnectSinkDeclaresItsCallbackFirst) {
 }
 
 TEST(VirtualSlots, StreamStartsWithTheTransportSinksSlots) {
-  EXPECT_EQ(
-      VirtualSlot<void (Stream::*)(CAWMessageBlock&, IAWIPCTransport*, CAWIPCTransportParameter*)>(
-          &Stream::OnReceive),
-      0);
-  EXPECT_EQ(
-      VirtualSlot<void (Stream::*)(IAWIPCTransport*, CAWIPCTransportParameter*)>(&Stream::OnSend),
-      1);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long, IAWIPCTransport*)>(&Stream::OnDisconnect), 2);
+  EXPECT_EQ(VirtualSlot<void (IpcStream::*)(CAWMessageBlock&, IAWIPCTransport*,
+                                            CAWIPCTransportParameter*)>(&IpcStream::OnReceive),
+            0);
+  EXPECT_EQ(VirtualSlot<void (IpcStream::*)(IAWIPCTransport*, CAWIPCTransportParameter*)>(
+                &IpcStream::OnSend),
+            1);
+  EXPECT_EQ(VirtualSlot<void (IpcStream::*)(long, IAWIPCTransport*)>(&IpcStream::OnDisconnect), 2);
 }
 
 // 3 and 4 are the destructor pair.
 TEST(VirtualSlots, StreamsOwnOperationsFollowTheDestructorPair) {
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long, IAWIPCTransport*, IAWIPCAcceptorConnectorId*)>(
-                &Stream::OnIPCConnectIndication),
+  EXPECT_EQ(VirtualSlot<void (IpcStream::*)(long, IAWIPCTransport*, IAWIPCAcceptorConnectorId*)>(
+                &IpcStream::OnIPCConnectIndication),
             5);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(const CAWIPCAddr&, CAWIPCAddr*)>(&Stream::Connect), 6);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(CAWMessageBlock&)>(&Stream::SendMsg), 7);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(const char*, std::size_t)>(&Stream::SendMsg), 8);
-  EXPECT_EQ(VirtualSlot<std::size_t (Stream::*)(const char*, std::size_t)>(&Stream::HandleMessage),
-            9);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long)>(&Stream::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot<int (Stream::*)(long)>(&Stream::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(std::uint32_t)>(&Stream::OnRcvBufferOverFlow), 12);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(keelbase::CAWAutoPtr<IAWIPCTransport>&)>(
-                &Stream::SetTransportHandle),
+  EXPECT_EQ(
+      VirtualSlot<AWResult (IpcStream::*)(const CAWIPCAddr&, CAWIPCAddr*)>(&IpcStream::Connect), 6);
+  EXPECT_EQ(VirtualSlot<AWResult (IpcStream::*)(CAWMessageBlock&)>(&IpcStream::SendMsg), 7);
+  EXPECT_EQ(VirtualSlot<AWResult (IpcStream::*)(const char*, std::size_t)>(&IpcStream::SendMsg), 8);
+  EXPECT_EQ(
+      VirtualSlot<std::size_t (IpcStream::*)(const char*, std::size_t)>(&IpcStream::HandleMessage),
+      9);
+  EXPECT_EQ(VirtualSlot<void (IpcStream::*)(long)>(&IpcStream::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot<int (IpcStream::*)(long)>(&IpcStream::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot<void (IpcStream::*)(std::uint32_t)>(&IpcStream::OnRcvBufferOverFlow), 12);
+  EXPECT_EQ(VirtualSlot<AWResult (IpcStream::*)(keelbase::CAWAutoPtr<IAWIPCTransport>&)>(
+                &IpcStream::SetTransportHandle),
             13);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(long)>(&Stream::Close), 14);
+  EXPECT_EQ(VirtualSlot<AWResult (IpcStream::*)(long)>(&IpcStream::Close), 14);
 }
 
 TEST(VirtualSlots, StreamsAccessorsAreNotVirtual) {
-  EXPECT_EQ(VirtualSlot(&Stream::SetSendBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::SetRcvBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::IsClosed), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetPeerAddr), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetLocalAddr), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::IsSendOverBuffer), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::IsRcvOverBuffer), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::OnReceiveDirect), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetSendQueueLength), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetCounters), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::SetSendBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::SetRcvBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::IsClosed), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::GetPeerAddr), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::GetLocalAddr), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::IsSendOverBuffer), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::IsRcvOverBuffer), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::OnReceiveDirect), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::GetSendQueueLength), -1);
+  EXPECT_EQ(VirtualSlot(&IpcStream::GetCounters), -1);
 }
 
 TEST(VirtualSlots, TransportSinkIsTheStreamsFirstBaseAndConnectSinkItsSecond) {
-  EXPECT_TRUE((std::is_base_of_v<IAWIPCTransportSink, Stream>));
-  EXPECT_TRUE((std::is_base_of_v<IAWIPCAcceptorConnectorSink, Stream>));
-  EXPECT_TRUE(std::is_abstract_v<Stream>);
+  EXPECT_TRUE((std::is_base_of_v<IAWIPCTransportSink, IpcStream>));
+  EXPECT_TRUE((std::is_base_of_v<IAWIPCAcceptorConnectorSink, IpcStream>));
+  EXPECT_TRUE(std::is_abstract_v<IpcStream>);
   RecordingStream recording;
-  Stream* stream = &recording;
+  IpcStream* stream = &recording;
   auto* start = reinterpret_cast<char*>(stream);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWIPCTransportSink*>(stream)), start);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWIPCAcceptorConnectorSink*>(stream)),

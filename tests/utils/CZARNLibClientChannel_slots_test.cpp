@@ -16,7 +16,7 @@ using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
 using keelbase::CAWTimerWrapperID;
 using keelbase::CAWTimerWrapperIDSink;
-using Channel = utils::CZARNLibClientChannel;
+using ClientSlots = utils::CZARNLibClientChannel;
 
 TEST(VirtualSlots, TimerSinkDeclaresItsCallbackFirst) {
   EXPECT_EQ(VirtualSlot(&CAWTimerWrapperIDSink::OnTimer), 0);
@@ -24,34 +24,38 @@ TEST(VirtualSlots, TimerSinkDeclaresItsCallbackFirst) {
 }
 
 TEST(VirtualSlots, ClientChannelOverridesTheStreamsHandlersInPlace) {
-  EXPECT_EQ(
-      VirtualSlot<std::size_t (Channel::*)(const char*, std::size_t)>(&Channel::HandleMessage), 9);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(long)>(&Channel::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot<int (Channel::*)(long)>(&Channel::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(std::uint32_t)>(&Channel::OnRcvBufferOverFlow), 12);
+  EXPECT_EQ(VirtualSlot<std::size_t (ClientSlots::*)(const char*, std::size_t)>(
+                &ClientSlots::HandleMessage),
+            9);
+  EXPECT_EQ(VirtualSlot<void (ClientSlots::*)(long)>(&ClientSlots::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot<int (ClientSlots::*)(long)>(&ClientSlots::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot<void (ClientSlots::*)(std::uint32_t)>(&ClientSlots::OnRcvBufferOverFlow),
+            12);
 }
 
 TEST(VirtualSlots, ClientChannelsOwnOperationsFollowTheStreams) {
   using Number = std::uint16_t;
-  EXPECT_EQ(VirtualSlot<AWResult (Channel::*)(Number, Number, Number, Number)>(&Channel::Init), 15);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)()>(&Channel::OnClose), 16);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(long)>(&Channel::OnConnectFailure), 17);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(Number, std::uint32_t, const char*, std::size_t)>(
-                &Channel::OnZARNMessage),
+  EXPECT_EQ(
+      VirtualSlot<AWResult (ClientSlots::*)(Number, Number, Number, Number)>(&ClientSlots::Init),
+      15);
+  EXPECT_EQ(VirtualSlot<void (ClientSlots::*)()>(&ClientSlots::OnClose), 16);
+  EXPECT_EQ(VirtualSlot<void (ClientSlots::*)(long)>(&ClientSlots::OnConnectFailure), 17);
+  EXPECT_EQ(VirtualSlot<void (ClientSlots::*)(Number, std::uint32_t, const char*, std::size_t)>(
+                &ClientSlots::OnZARNMessage),
             18);
-  EXPECT_EQ(VirtualSlot<AWResult (Channel::*)(Number, std::uint32_t, const char*, std::size_t)>(
-                &Channel::SendZARNMessage),
+  EXPECT_EQ(VirtualSlot<AWResult (ClientSlots::*)(Number, std::uint32_t, const char*, std::size_t)>(
+                &ClientSlots::SendZARNMessage),
             19);
-  EXPECT_EQ(VirtualSlot<AWResult (Channel::*)(Number, std::uint32_t, CAWMessageBlock&)>(
-                &Channel::SendZARNMessage),
+  EXPECT_EQ(VirtualSlot<AWResult (ClientSlots::*)(Number, std::uint32_t, CAWMessageBlock&)>(
+                &ClientSlots::SendZARNMessage),
             20);
-  EXPECT_EQ(VirtualSlot<void (Channel::*)(CAWTimerWrapperID*)>(&Channel::OnTimer), 21);
+  EXPECT_EQ(VirtualSlot<void (ClientSlots::*)(CAWTimerWrapperID*)>(&ClientSlots::OnTimer), 21);
 }
 
 TEST(VirtualSlots, ClientChannelIsAStreamAndATimerSink) {
-  EXPECT_TRUE((std::is_base_of_v<utils::CZARNIPCStreamBase, Channel>));
-  EXPECT_TRUE((std::is_base_of_v<CAWTimerWrapperIDSink, Channel>));
-  EXPECT_TRUE(std::is_abstract_v<Channel>);
+  EXPECT_TRUE((std::is_base_of_v<utils::CZARNIPCStreamBase, ClientSlots>));
+  EXPECT_TRUE((std::is_base_of_v<CAWTimerWrapperIDSink, ClientSlots>));
+  EXPECT_TRUE(std::is_abstract_v<ClientSlots>);
 }
 
 }  // namespace

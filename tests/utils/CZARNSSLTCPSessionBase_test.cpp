@@ -51,7 +51,7 @@ TEST_F(CZARNSSLTCPSessionBaseRules, DestructorLetsGoOfTheConnectorWithoutCancell
 
 // --- slots ---
 
-using Session = utils::CZARNSSLTCPSessionBase;
+using TlsTcpSession = utils::CZARNSSLTCPSessionBase;
 using sslutils::IAWSSLConnectionSink;
 using sslutils::IAWSSLTransport;
 using sslutils::IAWSSLTransportSink;
@@ -65,37 +65,44 @@ TEST(VirtualSlots, TlsSinksDeclareTheirCallbacksFirst) {
 
 // 3 and 4 are the destructor pair.
 TEST(VirtualSlots, TlsSessionStartsWithTheTransportSinksSlotsAndAddsItsOwn) {
-  EXPECT_EQ(VirtualSlot<void (Session::*)(CAWMessageBlock&, IAWSSLTransport*)>(
-                &Session::OnSSLDataReceive),
+  EXPECT_EQ(VirtualSlot<void (TlsTcpSession::*)(CAWMessageBlock&, IAWSSLTransport*)>(
+                &TlsTcpSession::OnSSLDataReceive),
             0);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(long, IAWSSLTransport*)>(&Session::OnSSLDisconnect), 1);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(IAWSSLTransport*)>(&Session::OnSSLDataSend), 2);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(long, IAWSSLTransport*)>(&Session::OnSSLConnected), 5);
-  EXPECT_EQ(VirtualSlot(&Session::Connect), 6);
-  EXPECT_EQ(VirtualSlot<AWResult (Session::*)(CAWMessageBlock&)>(&Session::SendMsg), 7);
-  EXPECT_EQ(VirtualSlot<AWResult (Session::*)(const char*, std::size_t)>(&Session::SendMsg), 8);
-  EXPECT_EQ(VirtualSlot(&Session::HandleMessage), 9);
-  EXPECT_EQ(VirtualSlot(&Session::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot(&Session::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot(&Session::OnRcvBufferOverFlow), 12);
-  EXPECT_EQ(VirtualSlot(&Session::SetTransportHandle), 13);
-  EXPECT_EQ(VirtualSlot(&Session::Close), 14);
+  EXPECT_EQ(
+      VirtualSlot<void (TlsTcpSession::*)(long, IAWSSLTransport*)>(&TlsTcpSession::OnSSLDisconnect),
+      1);
+  EXPECT_EQ(VirtualSlot<void (TlsTcpSession::*)(IAWSSLTransport*)>(&TlsTcpSession::OnSSLDataSend),
+            2);
+  EXPECT_EQ(
+      VirtualSlot<void (TlsTcpSession::*)(long, IAWSSLTransport*)>(&TlsTcpSession::OnSSLConnected),
+      5);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::Connect), 6);
+  EXPECT_EQ(VirtualSlot<AWResult (TlsTcpSession::*)(CAWMessageBlock&)>(&TlsTcpSession::SendMsg), 7);
+  EXPECT_EQ(
+      VirtualSlot<AWResult (TlsTcpSession::*)(const char*, std::size_t)>(&TlsTcpSession::SendMsg),
+      8);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::HandleMessage), 9);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::OnRcvBufferOverFlow), 12);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::SetTransportHandle), 13);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::Close), 14);
 }
 
 TEST(VirtualSlots, TlsSessionsAccessorsAreNotVirtual) {
-  EXPECT_EQ(VirtualSlot(&Session::PrivateKey), -1);
-  EXPECT_EQ(VirtualSlot(&Session::Certificate), -1);
-  EXPECT_EQ(VirtualSlot(&Session::SetSendBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Session::SetRcvBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Session::IsClose), -1);
-  EXPECT_EQ(VirtualSlot(&Session::GetPeerIP), -1);
-  EXPECT_EQ(VirtualSlot(&Session::OnReceiveDirect), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::PrivateKey), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::Certificate), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::SetSendBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::SetRcvBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::IsClose), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::GetPeerIP), -1);
+  EXPECT_EQ(VirtualSlot(&TlsTcpSession::OnReceiveDirect), -1);
 }
 
 TEST(VirtualSlots, TlsTransportSinkIsTheSessionsFirstBaseAndConnectionSinkItsSecond) {
-  EXPECT_TRUE(std::is_abstract_v<Session>);
+  EXPECT_TRUE(std::is_abstract_v<TlsTcpSession>);
   RecordingTlsSession recording;
-  Session* session = &recording;
+  TlsTcpSession* session = &recording;
   auto* start = reinterpret_cast<char*>(session);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWSSLTransportSink*>(session)), start);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWSSLConnectionSink*>(session)),

@@ -23,7 +23,7 @@ using fshmipc::IAWShmIPCTransportSink;
 using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
 using utils::CZARNShmIPCStreamBase;
-using Stream = CZARNShmIPCStreamBase;
+using ShmStream = CZARNShmIPCStreamBase;
 
 TEST(VirtualSlots, ShmTransportSinkDeclaresItsCallbacksFirstAndItsDestructorLast) {
   EXPECT_EQ(VirtualSlot(&IAWShmIPCTransportSink::OnReceive), 0);
@@ -38,45 +38,49 @@ TEST(VirtualSlots, ShmConnectSinkDeclaresItsCallbackFirst) {
 }
 
 TEST(VirtualSlots, ShmStreamStartsWithTheTransportSinksSlots) {
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(CAWMessageBlock&, IAWShmIPCTransport*,
-                                         CAWShmIPCTransportParameter*)>(&Stream::OnReceive),
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)(CAWMessageBlock&, IAWShmIPCTransport*,
+                                            CAWShmIPCTransportParameter*)>(&ShmStream::OnReceive),
             0);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(IAWShmIPCTransport*, CAWShmIPCTransportParameter*)>(
-                &Stream::OnSend),
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)(IAWShmIPCTransport*, CAWShmIPCTransportParameter*)>(
+                &ShmStream::OnSend),
             1);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long, IAWShmIPCTransport*)>(&Stream::OnDisconnect), 2);
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)(long, IAWShmIPCTransport*)>(&ShmStream::OnDisconnect),
+            2);
 }
 
 // 3 and 4 are the destructor pair.
 TEST(VirtualSlots, ShmStreamsOwnOperationsFollowTheDestructorPair) {
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long, IAWShmIPCTransport*, IAWShmIPCAcceptorConnectorId*)>(
-                &Stream::OnShmIPCConnectIndication),
-            5);
   EXPECT_EQ(
-      VirtualSlot<AWResult (Stream::*)(const CAWShmIPCAddr&, CAWShmIPCAddr*)>(&Stream::Connect), 6);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(CAWMessageBlock&)>(&Stream::SendMsg), 7);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(const char*, std::size_t)>(&Stream::SendMsg), 8);
-  EXPECT_EQ(VirtualSlot<std::size_t (Stream::*)(const char*, std::size_t)>(&Stream::HandleMessage),
-            9);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long)>(&Stream::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot<int (Stream::*)(long)>(&Stream::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)()>(&Stream::OnClose), 12);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(long)>(&Stream::OnConnectFailure), 13);
-  EXPECT_EQ(VirtualSlot<void (Stream::*)(std::uint32_t)>(&Stream::OnRcvBufferOverFlow), 14);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(keelbase::CAWAutoPtr<IAWShmIPCTransport>&)>(
-                &Stream::SetTransportHandle),
+      VirtualSlot<void (ShmStream::*)(long, IAWShmIPCTransport*, IAWShmIPCAcceptorConnectorId*)>(
+          &ShmStream::OnShmIPCConnectIndication),
+      5);
+  EXPECT_EQ(VirtualSlot<AWResult (ShmStream::*)(const CAWShmIPCAddr&, CAWShmIPCAddr*)>(
+                &ShmStream::Connect),
+            6);
+  EXPECT_EQ(VirtualSlot<AWResult (ShmStream::*)(CAWMessageBlock&)>(&ShmStream::SendMsg), 7);
+  EXPECT_EQ(VirtualSlot<AWResult (ShmStream::*)(const char*, std::size_t)>(&ShmStream::SendMsg), 8);
+  EXPECT_EQ(
+      VirtualSlot<std::size_t (ShmStream::*)(const char*, std::size_t)>(&ShmStream::HandleMessage),
+      9);
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)(long)>(&ShmStream::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot<int (ShmStream::*)(long)>(&ShmStream::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)()>(&ShmStream::OnClose), 12);
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)(long)>(&ShmStream::OnConnectFailure), 13);
+  EXPECT_EQ(VirtualSlot<void (ShmStream::*)(std::uint32_t)>(&ShmStream::OnRcvBufferOverFlow), 14);
+  EXPECT_EQ(VirtualSlot<AWResult (ShmStream::*)(keelbase::CAWAutoPtr<IAWShmIPCTransport>&)>(
+                &ShmStream::SetTransportHandle),
             15);
-  EXPECT_EQ(VirtualSlot<AWResult (Stream::*)(long)>(&Stream::Close), 16);
+  EXPECT_EQ(VirtualSlot<AWResult (ShmStream::*)(long)>(&ShmStream::Close), 16);
 }
 
 TEST(VirtualSlots, ShmStreamsAccessorsAreNotVirtual) {
-  EXPECT_EQ(VirtualSlot(&Stream::SetSendBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::SetRcvBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::IsClosed), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetPeerAddr), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetLocalAddr), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetSendQueueLength), -1);
-  EXPECT_EQ(VirtualSlot(&Stream::GetCounters), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::SetSendBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::SetRcvBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::IsClosed), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::GetPeerAddr), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::GetLocalAddr), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::GetSendQueueLength), -1);
+  EXPECT_EQ(VirtualSlot(&ShmStream::GetCounters), -1);
 }
 
 template <class Any>
@@ -92,16 +96,16 @@ concept TakesBlocksDirectly = requires(Any& stream, CAWMessageBlock& block) {
 TEST(VirtualSlots, ShmStreamHasNoOverBufferFlagsAndTakesNoBlocksDirectly) {
   EXPECT_TRUE(WatchesItsBuffers<RecordingStream>);
   EXPECT_TRUE(TakesBlocksDirectly<RecordingStream>);
-  EXPECT_FALSE(WatchesItsBuffers<Stream>);
-  EXPECT_FALSE(TakesBlocksDirectly<Stream>);
+  EXPECT_FALSE(WatchesItsBuffers<ShmStream>);
+  EXPECT_FALSE(TakesBlocksDirectly<ShmStream>);
 }
 
 TEST(VirtualSlots, ShmTransportSinkIsTheStreamsFirstBaseAndConnectSinkItsSecond) {
-  EXPECT_TRUE((std::is_base_of_v<IAWShmIPCTransportSink, Stream>));
-  EXPECT_TRUE((std::is_base_of_v<IAWShmIPCAcceptorConnectorSink, Stream>));
-  EXPECT_TRUE(std::is_abstract_v<Stream>);
+  EXPECT_TRUE((std::is_base_of_v<IAWShmIPCTransportSink, ShmStream>));
+  EXPECT_TRUE((std::is_base_of_v<IAWShmIPCAcceptorConnectorSink, ShmStream>));
+  EXPECT_TRUE(std::is_abstract_v<ShmStream>);
   RecordingShmStream recording;
-  Stream* stream = &recording;
+  ShmStream* stream = &recording;
   auto* start = reinterpret_cast<char*>(stream);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWShmIPCTransportSink*>(stream)), start);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<IAWShmIPCAcceptorConnectorSink*>(stream)),

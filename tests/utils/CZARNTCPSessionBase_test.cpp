@@ -34,50 +34,53 @@ TEST_F(CZARNTCPSessionBaseRules, ConnectAsksForAConnectorOfKindOneAndGivesItThre
 
 // --- slots ---
 
-using Session = utils::CZARNTCPSessionBase;
+using TcpSession = utils::CZARNTCPSessionBase;
 using wface::CAWTransportParameter;
 using wface::IAWAcceptorConnectorId;
 using wface::IAWTransport;
 
 TEST(VirtualSlots, TcpSessionStartsWithTheTransportSinksSlots) {
-  EXPECT_EQ(VirtualSlot<void (Session::*)(CAWMessageBlock&, IAWTransport*, CAWTransportParameter*)>(
-                &Session::OnReceive),
-            0);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(IAWTransport*, CAWTransportParameter*)>(&Session::OnSend),
-            1);
-  EXPECT_EQ(VirtualSlot<void (Session::*)(long, IAWTransport*)>(&Session::OnDisconnect), 2);
+  EXPECT_EQ(
+      VirtualSlot<void (TcpSession::*)(CAWMessageBlock&, IAWTransport*, CAWTransportParameter*)>(
+          &TcpSession::OnReceive),
+      0);
+  EXPECT_EQ(
+      VirtualSlot<void (TcpSession::*)(IAWTransport*, CAWTransportParameter*)>(&TcpSession::OnSend),
+      1);
+  EXPECT_EQ(VirtualSlot<void (TcpSession::*)(long, IAWTransport*)>(&TcpSession::OnDisconnect), 2);
 }
 
 // 3 and 4 are the destructor pair.
 TEST(VirtualSlots, TcpSessionsOwnOperationsFollowTheDestructorPair) {
-  EXPECT_EQ(VirtualSlot<void (Session::*)(long, IAWTransport*, IAWAcceptorConnectorId*)>(
-                &Session::OnConnectIndication),
+  EXPECT_EQ(VirtualSlot<void (TcpSession::*)(long, IAWTransport*, IAWAcceptorConnectorId*)>(
+                &TcpSession::OnConnectIndication),
             5);
-  EXPECT_EQ(VirtualSlot(&Session::Connect), 6);
-  EXPECT_EQ(VirtualSlot<AWResult (Session::*)(CAWMessageBlock&)>(&Session::SendMsg), 7);
-  EXPECT_EQ(VirtualSlot<AWResult (Session::*)(const char*, std::size_t)>(&Session::SendMsg), 8);
-  EXPECT_EQ(VirtualSlot(&Session::HandleMessage), 9);
-  EXPECT_EQ(VirtualSlot(&Session::OnPeerDisconnect), 10);
-  EXPECT_EQ(VirtualSlot(&Session::OnConnected), 11);
-  EXPECT_EQ(VirtualSlot(&Session::OnRcvBufferOverFlow), 12);
-  EXPECT_EQ(VirtualSlot(&Session::SetTransportHandle), 13);
-  EXPECT_EQ(VirtualSlot(&Session::Close), 14);
+  EXPECT_EQ(VirtualSlot(&TcpSession::Connect), 6);
+  EXPECT_EQ(VirtualSlot<AWResult (TcpSession::*)(CAWMessageBlock&)>(&TcpSession::SendMsg), 7);
+  EXPECT_EQ(VirtualSlot<AWResult (TcpSession::*)(const char*, std::size_t)>(&TcpSession::SendMsg),
+            8);
+  EXPECT_EQ(VirtualSlot(&TcpSession::HandleMessage), 9);
+  EXPECT_EQ(VirtualSlot(&TcpSession::OnPeerDisconnect), 10);
+  EXPECT_EQ(VirtualSlot(&TcpSession::OnConnected), 11);
+  EXPECT_EQ(VirtualSlot(&TcpSession::OnRcvBufferOverFlow), 12);
+  EXPECT_EQ(VirtualSlot(&TcpSession::SetTransportHandle), 13);
+  EXPECT_EQ(VirtualSlot(&TcpSession::Close), 14);
 }
 
 TEST(VirtualSlots, TcpSessionsAccessorsAreNotVirtual) {
-  EXPECT_EQ(VirtualSlot(&Session::SetSendBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Session::SetRcvBufferSize), -1);
-  EXPECT_EQ(VirtualSlot(&Session::IsClose), -1);
-  EXPECT_EQ(VirtualSlot(&Session::GetPeerIP), -1);
-  EXPECT_EQ(VirtualSlot(&Session::GetPeerPort), -1);
-  EXPECT_EQ(VirtualSlot(&Session::GetPeerAddr), -1);
-  EXPECT_EQ(VirtualSlot(&Session::OnReceiveDirect), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::SetSendBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::SetRcvBufferSize), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::IsClose), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::GetPeerIP), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::GetPeerPort), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::GetPeerAddr), -1);
+  EXPECT_EQ(VirtualSlot(&TcpSession::OnReceiveDirect), -1);
 }
 
 TEST(VirtualSlots, TcpTransportSinkIsTheSessionsFirstBaseAndConnectSinkItsSecond) {
-  EXPECT_TRUE(std::is_abstract_v<Session>);
+  EXPECT_TRUE(std::is_abstract_v<TcpSession>);
   RecordingTcpSession recording;
-  Session* session = &recording;
+  TcpSession* session = &recording;
   auto* start = reinterpret_cast<char*>(session);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<wface::IAWTransportSink*>(session)), start);
   EXPECT_EQ(reinterpret_cast<char*>(static_cast<wface::IAWAcceptorConnectorSink*>(session)),

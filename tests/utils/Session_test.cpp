@@ -22,13 +22,13 @@ using keelbase::CAWInetAddr;
 using Strings = std::vector<std::string>;
 
 template <class World>
-class Session : public ::testing::Test, public SessionFixture<World> {};
+class SessionRules : public ::testing::Test, public SessionFixture<World> {};
 
-TYPED_TEST_SUITE(Session, SessionWorlds, WorldNames);
+TYPED_TEST_SUITE(SessionRules, SessionWorlds, WorldNames);
 
 // --- accessors ---
 
-TYPED_TEST(Session, ReceiveBufferSizeIsStoredUpTo32768) {
+TYPED_TEST(SessionRules, ReceiveBufferSizeIsStoredUpTo32768) {
   const auto set = [&](std::uint32_t size) { this->stream->SetRcvBufferSize(size); };
   const StoredSize stored(*this->stream, set, 32768);
   for (const std::uint32_t size : {100000U, 32769U, 0xFFFFFFFFU, 32768U}) {
@@ -39,14 +39,14 @@ TYPED_TEST(Session, ReceiveBufferSizeIsStoredUpTo32768) {
   }
 }
 
-TYPED_TEST(Session, SendBufferSizeIsStoredAsItIs) {
+TYPED_TEST(SessionRules, SendBufferSizeIsStoredAsItIs) {
   const auto set = [&](std::uint32_t size) { this->stream->SetSendBufferSize(size); };
   const StoredSize stored(*this->stream, set, 32768);
   set(100000);
   EXPECT_EQ(stored.Get(), 100000U);
 }
 
-TYPED_TEST(Session, AddressesAreReadPeerFirstAndToldAsTextAndNumberAndByPointer) {
+TYPED_TEST(SessionRules, AddressesAreReadPeerFirstAndToldAsTextAndNumberAndByPointer) {
   auto transport = this->NewTransport();
   transport->peer = CAWInetAddr("10.0.0.1", 1000);
   transport->local = CAWInetAddr("10.0.0.2", 2000);
@@ -66,14 +66,14 @@ TYPED_TEST(Session, AddressesAreReadPeerFirstAndToldAsTextAndNumberAndByPointer)
 
 // --- connecting ---
 
-TYPED_TEST(Session, ConnectReturnsTheManagersErrorAndLeavesAClosedSessionClosed) {
+TYPED_TEST(SessionRules, ConnectReturnsTheManagersErrorAndLeavesAClosedSessionClosed) {
   this->stream->Close(0);
   this->manager.createResult = 10012;
   EXPECT_EQ(this->Connect(), 10012U);
   EXPECT_TRUE(this->stream->IsClose());
 }
 
-TYPED_TEST(Session, ConnectCancelsThenDisconnectsThenStartsAndKeepsBothBuffers) {
+TYPED_TEST(SessionRules, ConnectCancelsThenDisconnectsThenStartsAndKeepsBothBuffers) {
   auto old = this->ConnectWithFullBuffers();
   this->log.clear();
   this->Connect(2);
@@ -88,7 +88,7 @@ TYPED_TEST(Session, ConnectCancelsThenDisconnectsThenStartsAndKeepsBothBuffers) 
   EXPECT_EQ(this->stream->frames, Strings{"half+rest"});
 }
 
-TYPED_TEST(Session, FailedConnectClosesAndReportsItAsPeerDisconnect) {
+TYPED_TEST(SessionRules, FailedConnectClosesAndReportsItAsPeerDisconnect) {
   this->Connect();
   this->manager.Last().Complete(ETIMEDOUT, nullptr);
   EXPECT_TRUE(this->stream->IsClose());
@@ -98,7 +98,7 @@ TYPED_TEST(Session, FailedConnectClosesAndReportsItAsPeerDisconnect) {
 
 // --- the end of the connection ---
 
-TYPED_TEST(Session, EndKeepsBothBuffersAndTheConnectorAndDoesNotCallClose) {
+TYPED_TEST(SessionRules, EndKeepsBothBuffersAndTheConnectorAndDoesNotCallClose) {
   auto old = this->ConnectWithFullBuffers();
   old->End(ECONNRESET);
   EXPECT_TRUE(this->stream->IsClose());
@@ -110,7 +110,7 @@ TYPED_TEST(Session, EndKeepsBothBuffersAndTheConnectorAndDoesNotCallClose) {
   EXPECT_EQ(this->stream->frames, Strings{"half+rest"});
 }
 
-TYPED_TEST(Session, CloseAfterTheEndDropsBothBuffers) {
+TYPED_TEST(SessionRules, CloseAfterTheEndDropsBothBuffers) {
   auto old = this->ConnectWithFullBuffers();
   old->End(0);
   this->stream->Close(0);
@@ -120,7 +120,7 @@ TYPED_TEST(Session, CloseAfterTheEndDropsBothBuffers) {
 
 // --- receiving ---
 
-TYPED_TEST(Session, BytesOfAnyTransportAreParsedAndTheBlockIsLeftAsItIs) {
+TYPED_TEST(SessionRules, BytesOfAnyTransportAreParsedAndTheBlockIsLeftAsItIs) {
   auto transport = this->Attach();
   auto other = this->NewTransport();
   transport->Receive("ha");
@@ -132,7 +132,7 @@ TYPED_TEST(Session, BytesOfAnyTransportAreParsedAndTheBlockIsLeftAsItIs) {
   EXPECT_TRUE(other->disconnects.empty());
 }
 
-TYPED_TEST(Session, CountBeyondTheBytesKeepsTheConnectionOpenAndTheBytesAreOfferedAgain) {
+TYPED_TEST(SessionRules, CountBeyondTheBytesKeepsTheConnectionOpenAndTheBytesAreOfferedAgain) {
   TraceLines trace;
   auto transport = this->Attach();
   this->stream->onMessage = [](const char*, std::size_t len) { return len + 1; };
@@ -148,7 +148,7 @@ TYPED_TEST(Session, CountBeyondTheBytesKeepsTheConnectionOpenAndTheBytesAreOffer
   EXPECT_EQ(this->stream->frames, Strings{"bytes+more"});
 }
 
-TYPED_TEST(Session, FramesBeforeACountBeyondTheBytesAreGone) {
+TYPED_TEST(SessionRules, FramesBeforeACountBeyondTheBytesAreGone) {
   auto transport = this->Attach();
   this->stream->onMessage = [&](const char*, std::size_t) -> std::size_t {
     return this->stream->views.size() == 1 ? 4
@@ -160,7 +160,7 @@ TYPED_TEST(Session, FramesBeforeACountBeyondTheBytesAreGone) {
   EXPECT_EQ(this->stream->frames, (Strings{"two", "three"}));
 }
 
-TYPED_TEST(Session, CountBeyondTheBytesFromAHandlerThatClosedIsAClose) {
+TYPED_TEST(SessionRules, CountBeyondTheBytesFromAHandlerThatClosedIsAClose) {
   auto transport = this->Attach();
   this->stream->onMessage = [&](const char*, std::size_t len) {
     this->stream->Close(5);
@@ -173,7 +173,7 @@ TYPED_TEST(Session, CountBeyondTheBytesFromAHandlerThatClosedIsAClose) {
   this->ExpectEmptyBuffers();
 }
 
-TYPED_TEST(Session, TeardownDisconnectsTheTransportAndLeavesTheConnector) {
+TYPED_TEST(SessionRules, TeardownDisconnectsTheTransportAndLeavesTheConnector) {
   auto transport = this->ConnectWithFullBuffers();
   // Closed by something that holds on to both: another connect that failed.
   this->stream->onMessage = [&](const char*, std::size_t) -> std::size_t {
@@ -191,7 +191,7 @@ TYPED_TEST(Session, TeardownDisconnectsTheTransportAndLeavesTheConnector) {
   this->ExpectEmptyBuffers();
 }
 
-TYPED_TEST(Session, BytesForAClosedSessionAreOfferedOnceAndTornDown) {
+TYPED_TEST(SessionRules, BytesForAClosedSessionAreOfferedOnceAndTornDown) {
   this->stream->Close(0);
   TypeParam::Receive(*this->stream, *Chain({"one;two;"}), nullptr);
   EXPECT_EQ(this->stream->frames, Strings{"one"});
@@ -200,9 +200,11 @@ TYPED_TEST(Session, BytesForAClosedSessionAreOfferedOnceAndTornDown) {
 
 // --- sending ---
 
-TYPED_TEST(Session, SendWithoutATransportAnswers10002) { EXPECT_EQ(this->Send("bytes"), 10002U); }
+TYPED_TEST(SessionRules, SendWithoutATransportAnswers10002) {
+  EXPECT_EQ(this->Send("bytes"), 10002U);
+}
 
-TYPED_TEST(Session, WhatIsRefusedWaitsForTheSendEvent) {
+TYPED_TEST(SessionRules, WhatIsRefusedWaitsForTheSendEvent) {
   auto transport = this->Attach();
   transport->AnswerNext(AW_ERROR_PARTIAL_DATA, 2);
   EXPECT_EQ(this->Send("one"), AW_OK);

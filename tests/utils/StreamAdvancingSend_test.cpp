@@ -20,8 +20,8 @@ using keelbase::CAWMessageBlock;
 template <class World>
 class StreamAdvancingSend : public ::testing::Test, public StreamFixture<World> {};
 
-using Worlds = ::testing::Types<OverIpc, OverTcp, OverTcpTransport>;
-TYPED_TEST_SUITE(StreamAdvancingSend, Worlds, WorldNames);
+using AdvancedBlockWorlds = ::testing::Types<OverIpc, OverTcp, OverTcpTransport>;
+TYPED_TEST_SUITE(StreamAdvancingSend, AdvancedBlockWorlds, WorldNames);
 
 TYPED_TEST(StreamAdvancingSend, SendWithoutATransportIsRefusedAndLeavesTheBlock) {
   const auto block = Chain({"bytes"});

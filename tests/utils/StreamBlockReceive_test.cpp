@@ -27,8 +27,8 @@ class StreamBlockReceive : public ::testing::Test, public StreamFixture<World> {
   }
 };
 
-using Worlds = ::testing::Types<OverTcpTransport, OverPtcp>;
-TYPED_TEST_SUITE(StreamBlockReceive, Worlds, WorldNames);
+using BlockWorlds = ::testing::Types<OverTcpTransport, OverPtcp>;
+TYPED_TEST_SUITE(StreamBlockReceive, BlockWorlds, WorldNames);
 
 // --- receiving with nothing held back ---
 

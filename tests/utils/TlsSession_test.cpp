@@ -15,7 +15,7 @@ using keelbase::AW_ERROR_FAILURE;
 using keelbase::AW_OK;
 
 template <class World>
-class TlsSession : public ::testing::Test, public SessionFixture<World> {
+class TlsSessionRules : public ::testing::Test, public SessionFixture<World> {
  protected:
   // What happens in a connect after one that failed, but for the end of that one.
   CallLog LaterConnect() {
@@ -28,27 +28,27 @@ class TlsSession : public ::testing::Test, public SessionFixture<World> {
   }
 };
 
-TYPED_TEST_SUITE(TlsSession, TlsSessionWorlds, WorldNames);
+TYPED_TEST_SUITE(TlsSessionRules, TlsSessionWorlds, WorldNames);
 
-TYPED_TEST(TlsSession, NoKeyAndNoCertificateAreNotHandedOver) {
+TYPED_TEST(TlsSessionRules, NoKeyAndNoCertificateAreNotHandedOver) {
   this->Connect();
   EXPECT_EQ(this->log, CallLog{"connector.AsyncConnect"});
 }
 
-TYPED_TEST(TlsSession, KeyWithoutCertificateIsHandedOverAlone) {
+TYPED_TEST(TlsSessionRules, KeyWithoutCertificateIsHandedOverAlone) {
   EXPECT_EQ(this->stream->PrivateKey("a key"), AW_OK);
   this->Connect();
   EXPECT_EQ(this->log, (CallLog{"connector.SetPrivateKey(a key)", "connector.AsyncConnect"}));
 }
 
-TYPED_TEST(TlsSession, CertificateWithoutKeyIsHandedOverAlone) {
+TYPED_TEST(TlsSessionRules, CertificateWithoutKeyIsHandedOverAlone) {
   EXPECT_EQ(this->stream->Certificate("a certificate"), AW_OK);
   this->Connect();
   EXPECT_EQ(this->log,
             (CallLog{"connector.SetCertificate(a certificate)", "connector.AsyncConnect"}));
 }
 
-TYPED_TEST(TlsSession, KeyIsHandedOverBeforeTheCertificateExactlyAsSetAndEachTime) {
+TYPED_TEST(TlsSessionRules, KeyIsHandedOverBeforeTheCertificateExactlyAsSetAndEachTime) {
   std::string key = "first\n key ";
   this->stream->PrivateKey(key);
   this->stream->Certificate("certificate");
@@ -63,20 +63,20 @@ TYPED_TEST(TlsSession, KeyIsHandedOverBeforeTheCertificateExactlyAsSetAndEachTim
             (CallLog{"connector.SetCertificate(certificate)", "connector.AsyncConnect"}));
 }
 
-TYPED_TEST(TlsSession, ManagerThatMakesNothingAnswers10001) {
+TYPED_TEST(TlsSessionRules, ManagerThatMakesNothingAnswers10001) {
   this->stream->Close(0);
   this->manager.makesNothing = true;
   EXPECT_EQ(this->Connect(), AW_ERROR_FAILURE);
   EXPECT_TRUE(this->stream->IsClose());
 }
 
-TYPED_TEST(TlsSession, PendingConnectIsCancelledWithZero) {
+TYPED_TEST(TlsSessionRules, PendingConnectIsCancelledWithZero) {
   this->Connect();
   this->Connect(2);
   EXPECT_EQ(this->manager.connectors[0]->cancelReasons, std::vector<long>{0});
 }
 
-TYPED_TEST(TlsSession, RefusedCertificateIsReportedAsPeerDisconnectWithItsReason) {
+TYPED_TEST(TlsSessionRules, RefusedCertificateIsReportedAsPeerDisconnectWithItsReason) {
   this->Connect();
   this->manager.Last().Complete(sslutils::AW_SSL_ERROR_CERTIFICATE_EXPIRED, nullptr);
   EXPECT_TRUE(this->stream->IsClose());
