@@ -53,6 +53,7 @@ class SilentListener {
     }
   }
   CAWInetAddr Address() const { return listener_.LocalAddress(); }
+  void AnswerFromNowOn() { EXPECT_EQ(listener_.Listen(), 0); }
 
  private:
   PlainListener listener_;
@@ -78,6 +79,22 @@ TEST(TcpConnector, ConnectsAndBothEndsKnowBothAddresses) {
   EXPECT_EQ(seen, local);
   EXPECT_EQ(accepted->GetOption(104, &seen), AW_OK);
   EXPECT_EQ(seen, server.Address());
+}
+
+// The system asks again after a second.
+TEST(TcpConnector, ServerThatAnswersLateIsWaitedFor) {
+  SilentListener listener;
+  const auto connector = MakeConnector();
+  IndicationSink sink;
+  EXPECT_EQ(Connect(*connector, sink, listener.Address()), AW_OK);
+  for (int i = 0; i < 20; ++i) RunReady();
+  EXPECT_EQ(sink.count, 0);
+  listener.AnswerFromNowOn();
+  ASSERT_TRUE(Await([&] { return sink.count == 1; }));
+  ASSERT_EQ(sink.got[0].reason, 0);
+  CAWInetAddr peer;
+  EXPECT_EQ(sink.got[0].transport->GetOption(105, &peer), AW_OK);
+  EXPECT_EQ(peer, listener.Address());
 }
 
 TEST(TcpConnector, EachFailureIsOneIndicationWithItsReason) {

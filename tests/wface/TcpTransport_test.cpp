@@ -37,10 +37,8 @@ int Option(int socket, int level, int option) {
 int DescriptorOf(const CAWInetAddr& local, const CAWInetAddr& peer) {
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     const int descriptor = std::stoi(entry.path().filename());
-    CAWInetAddr address;
-    CAWInetAddr other;
-    if (GetLocalAddress(descriptor, address) == 0 && GetPeerAddress(descriptor, other) == 0 &&
-        address == local && other == peer)
+    TcpEnds ends;
+    if (GetEnds(descriptor, ends) == 0 && ends.local == local && ends.peer == peer)
       return descriptor;
   }
   return -1;

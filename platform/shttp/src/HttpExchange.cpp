@@ -206,16 +206,16 @@ bool HttpExchange::FinishLater(long result) try {
   return false;
 }
 
+// What is over is let go of after the user was told, who need not wait for the system to close a
+// connection.
 void HttpExchange::Finish(long result) {
   const CAWAutoPtr<HttpExchange> alive(this);
-  std::unique_ptr<CAWMessageBlock> body;
-  if (result > 0) body = reader_->TakeBody();
+  const std::unique_ptr<ByteStream> stream = std::move(stream_);
+  const std::unique_ptr<AnswerReader> reader = std::move(reader_);
+  rest_ = nullptr;
   result_ = result;
   timer_.Cancel();
-  stream_ = nullptr;
-  rest_ = nullptr;
-  reader_ = nullptr;
-  Deliver(std::move(body));
+  Deliver(result > 0 ? reader->TakeBody() : nullptr);
 }
 
 void HttpExchange::Deliver(std::unique_ptr<CAWMessageBlock> body) {

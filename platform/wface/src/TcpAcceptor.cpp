@@ -65,7 +65,9 @@ void TcpAcceptor::OnAccepted(FileDescriptor socket) {
   const CAWAutoPtr<TcpAcceptor> alive(this);
   CAWAutoPtr<IAWTransport> transport;
   // Without memory, or when the client has gone already, only this connection is closed.
-  if (MakeTransport(GetLoop(), std::move(socket), transport) == 0)
+  TcpEnds ends;
+  if (GetEnds(socket.Get(), ends) == 0 &&
+      MakeTransport(GetLoop(), std::move(socket), ends, transport) == 0)
     sink_->OnConnectIndication(0, transport.Get(), this);
 }
 

@@ -9,7 +9,6 @@
 #include <new>
 #include <utility>
 
-#include "TcpSocket.h"
 #include "TcpTransport.h"
 
 namespace wface {
@@ -34,14 +33,6 @@ int Bind(int socket, const CAWInetAddr& local) {
   else
     ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   return ::bind(socket, local.GetPtr(), local.GetSize()) == 0 ? 0 : errno;
-}
-
-// TCP lets a socket connect to itself when the port it was given is the one it asks for and nobody
-// listens there.
-bool IsSelf(int socket) {
-  CAWInetAddr local;
-  CAWInetAddr peer;
-  return GetLocalAddress(socket, local) == 0 && GetPeerAddress(socket, peer) == 0 && local == peer;
 }
 
 }  // namespace
@@ -97,27 +88,34 @@ int TcpConnector::StartConnect() {
   if (peer_ == CAWInetAddr()) return EADDRNOTAVAIL;
   FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
-  SetTcpDefaults(socket.Get());
   if (local_) {
     if (const int error = Bind(socket.Get(), *local_); error != 0) return error;
   }
-  int error = ::connect(socket.Get(), peer_.GetPtr(), peer_.GetSize()) == 0 ? 0 : errno;
+  const int error = ::connect(socket.Get(), peer_.GetPtr(), peer_.GetSize()) == 0 ? 0 : errno;
   if (error != 0 && error != EINPROGRESS) return error;
-  if (const int refused = GetLoop().Watch(socket.Get(), EPOLLOUT, *this); refused != 0)
-    return refused;
+  SetTcpDefaults(socket.Get());  // while the peer has something to do already
   socket_ = std::move(socket);
-  return error;
+  return AwaitConnect();
+}
+
+// On the same machine the peer has answered before connect returns, though that does not say so.
+int TcpConnector::AwaitConnect() {
+  if (GetEnds(socket_.Get(), ends_) == 0) return 0;
+  const int refused = GetLoop().Watch(socket_.Get(), EPOLLOUT, *this);
+  watched_ = refused == 0;
+  return watched_ ? EINPROGRESS : refused;
 }
 
 void TcpConnector::OnReady(std::uint32_t /*events*/) {
   int error = 0;
   socklen_t size = sizeof error;
   if (::getsockopt(socket_.Get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) error = errno;
+  if (error == 0) error = GetEnds(socket_.Get(), ends_);
   Finish(error);
 }
 
 void TcpConnector::Unwatch() {
-  if (socket_) GetLoop().Unwatch(socket_.Get(), *this);
+  if (std::exchange(watched_, false)) GetLoop().Unwatch(socket_.Get(), *this);
 }
 
 void TcpConnector::Finish(int error) {
@@ -127,8 +125,10 @@ void TcpConnector::Finish(int error) {
   CAWAutoPtr<IAWTransport> transport;
   {  // what is not taken over is closed before anybody hears of it
     FileDescriptor socket = std::move(socket_);
-    if (error == 0 && IsSelf(socket.Get())) error = ECONNREFUSED;
-    if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), transport);
+    // TCP lets a socket connect to itself when the port it was given is the one it asks for and
+    // nobody listens there.
+    if (error == 0 && ends_.local == ends_.peer) error = ECONNREFUSED;
+    if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), ends_, transport);
   }
   if (error == ENOTCONN) error = ECONNRESET;
   std::exchange(sink_, nullptr)->OnConnectIndication(error, transport.Get(), this);

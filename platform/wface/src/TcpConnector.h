@@ -4,6 +4,7 @@
 #include <chrono>
 #include <optional>
 
+#include "TcpSocket.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/LoopObject.h"
 #include "wface/CAWConnectionManager.h"
@@ -27,6 +28,7 @@ class TcpConnector final : public keelbase::internal::LoopObject<IAWConnector>,
 
   void Begin();
   int StartConnect();
+  int AwaitConnect();
   void Unwatch();
   void Finish(int error);
 
@@ -34,8 +36,10 @@ class TcpConnector final : public keelbase::internal::LoopObject<IAWConnector>,
   keelbase::CAWInetAddr peer_;
   std::optional<keelbase::CAWInetAddr> local_;
   std::optional<keelbase::internal::Clock::Point> deadline_;
-  keelbase::internal::FileDescriptor socket_;  // watched while there is one
-  keelbase::internal::Timer timer_;            // begins the connect, then ends it when it is late
+  keelbase::internal::FileDescriptor socket_;
+  TcpEnds ends_;  // once it is connected
+  bool watched_ = false;
+  keelbase::internal::Timer timer_;  // begins the connect, then ends it when it is late
 };
 
 }  // namespace wface

@@ -53,8 +53,9 @@ int GetLocalAddress(int socket, CAWInetAddr& out) {
   return ReadAddress(&::getsockname, socket, out);
 }
 
-int GetPeerAddress(int socket, CAWInetAddr& out) {
-  return ReadAddress(&::getpeername, socket, out);
+int GetEnds(int socket, TcpEnds& out) {
+  const int error = ReadAddress(&::getpeername, socket, out.peer);
+  return error != 0 ? error : GetLocalAddress(socket, out.local);
 }
 
 }  // namespace wface

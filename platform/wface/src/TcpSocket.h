@@ -17,6 +17,13 @@ bool SetSilenceLimit(int socket, std::uint32_t milliseconds);
 
 // 0 or an errno value.
 int GetLocalAddress(int socket, keelbase::CAWInetAddr& out);
-int GetPeerAddress(int socket, keelbase::CAWInetAddr& out);
+
+struct TcpEnds {
+  keelbase::CAWInetAddr local;
+  keelbase::CAWInetAddr peer;
+};
+
+// 0 or an errno value: ENOTCONN while the socket is not connected, or when its peer has gone.
+int GetEnds(int socket, TcpEnds& out);
 
 }  // namespace wface

@@ -5,8 +5,6 @@
 #include <new>
 #include <utility>
 
-#include "TcpSocket.h"
-
 namespace wface {
 
 using keelbase::AW_ERROR_FAILURE;
@@ -17,19 +15,17 @@ using keelbase::internal::FileDescriptor;
 using keelbase::internal::StreamSocket;
 
 TcpTransport::TcpTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket,
-                           const CAWInetAddr& local, const CAWInetAddr& peer)
-    : EngineTransport(loop, new StreamSocket(loop, std::move(socket))),
-      local_(local),
-      peer_(peer) {}
+                           const TcpEnds& ends)
+    : EngineTransport(loop, new StreamSocket(loop, std::move(socket))), ends_(ends) {}
 
 AWResult TcpTransport::GetOption(int code, void* value) {
   if (value == nullptr) return AW_ERROR_FAILURE;
   switch (code) {
     case keelbase::AW_OPT_LOCAL_ADDRESS:
-      *static_cast<CAWInetAddr*>(value) = local_;
+      *static_cast<CAWInetAddr*>(value) = ends_.local;
       return AW_OK;
     case keelbase::AW_OPT_PEER_ADDRESS:
-      *static_cast<CAWInetAddr*>(value) = peer_;
+      *static_cast<CAWInetAddr*>(value) = ends_.peer;
       return AW_OK;
     default:
       return GetEngine().GetOption(code, value);
@@ -43,15 +39,10 @@ AWResult TcpTransport::SetOption(int code, void* value) {
   return SetSilenceLimit(GetEngine().GetDescriptor(), limit) ? AW_OK : AW_ERROR_FAILURE;
 }
 
-int MakeTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket,
+int MakeTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket, const TcpEnds& ends,
                   keelbase::CAWAutoPtr<IAWTransport>& out) {
-  CAWInetAddr local;
-  CAWInetAddr peer;
-  int error = GetLocalAddress(socket.Get(), local);
-  if (error == 0) error = GetPeerAddress(socket.Get(), peer);
-  if (error != 0) return error;
   try {
-    out = new TcpTransport(loop, std::move(socket), local, peer);
+    out = new TcpTransport(loop, std::move(socket), ends);
   } catch (const std::bad_alloc&) {
     return ENOMEM;
   }

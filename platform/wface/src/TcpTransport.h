@@ -1,6 +1,7 @@
 // TcpTransport.h - a TCP connection on a stream socket.
 #pragma once
 
+#include "TcpSocket.h"
 #include "keelbase/internal/EngineTransport.h"
 #include "wface/CAWTransport.h"
 
@@ -11,19 +12,17 @@ class TcpTransport final
           IAWTransport, IAWTransportSink, CAWTransportParameter, keelbase::internal::StreamSocket> {
  public:
   TcpTransport(keelbase::internal::EventLoop& loop, keelbase::internal::FileDescriptor socket,
-               const keelbase::CAWInetAddr& local, const keelbase::CAWInetAddr& peer);
+               const TcpEnds& ends);
 
   keelbase::AWResult GetOption(int code, void* value) override;
   keelbase::AWResult SetOption(int code, void* value) override;
 
  private:
-  const keelbase::CAWInetAddr local_;
-  const keelbase::CAWInetAddr peer_;
+  const TcpEnds ends_;
 };
 
-// Makes a transport of a connected socket and hands it to `sink`. A socket whose peer has gone
-// meanwhile answers ENOTCONN, no memory ENOMEM; then `out` is null.
+// Makes a transport of a connected socket. 0; ENOMEM, and `out` is null.
 int MakeTransport(keelbase::internal::EventLoop& loop, keelbase::internal::FileDescriptor socket,
-                  keelbase::CAWAutoPtr<IAWTransport>& out);
+                  const TcpEnds& ends, keelbase::CAWAutoPtr<IAWTransport>& out);
 
 }  // namespace wface
