@@ -80,7 +80,8 @@ macro(zarn_add_compiled_library)
   target_compile_definitions(${arg_NAME}_objects PRIVATE ZARN_VERSION="${PROJECT_VERSION}")
   set_target_properties(
     ${arg_NAME}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
-                                   VISIBILITY_INLINES_HIDDEN ON)
+                                   VISIBILITY_INLINES_HIDDEN ON
+                                   UNITY_BUILD ${ZARN_BATCHES} UNITY_BUILD_BATCH_SIZE 4)
   # The record of the ABI (tests/abi) is made of the types, all of them and not only line numbers.
   target_compile_options(
     ${arg_NAME}_objects

@@ -25,7 +25,7 @@ using keelbase::AW_OK;
 using keelbase::CAWInetAddr;
 using keelbase::CAWMessageBlock;
 using Strings = std::vector<std::string>;
-using Recording = BlockRecorder<utils::CZARNTCPSSLTransport>;
+using RecordingTlsStream = BlockRecorder<utils::CZARNTCPSSLTransport>;
 using Handle = keelbase::CAWAutoPtr<sslutils::IAWSSLTransport>;
 
 class CZARNTCPSSLTransportTest : public ::testing::Test {
@@ -58,7 +58,7 @@ class CZARNTCPSSLTransportTest : public ::testing::Test {
 
   CallLog log;
   bool destroyed = false;
-  std::unique_ptr<Recording> stream = std::make_unique<Recording>(&log);
+  std::unique_ptr<RecordingTlsStream> stream = std::make_unique<RecordingTlsStream>(&log);
   Transport transport = Attach();
 };
 
@@ -228,9 +228,9 @@ TEST_F(CZARNTCPSSLTransportTest, HandlerMayReplaceTheConnectionOrDeleteTheStream
   EXPECT_TRUE(destroyed);
 }
 
-class OverridingDisconnect final : public Recording {
+class OverridingDisconnect final : public RecordingTlsStream {
  public:
-  using Recording::Recording;
+  using RecordingTlsStream::RecordingTlsStream;
   void OnSSLDisconnect(long reason, sslutils::IAWSSLTransport* transport) override {
     heard.push_back(reason);
     from = transport;
