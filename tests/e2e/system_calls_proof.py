@@ -21,9 +21,9 @@ TRANSPORTS = ("ipc", "shm", "tcp", "tls", "ptcp", "ptls")
 SIDES = ("server", "client")
 PICKED = proof_count(800)
 EACH = 30  # of the calls of one name the first so many, and then ever fewer
-AT_ONCE = 6
+AT_ONCE = 8
 HEALED = 15  # seconds that it may take until an exchange is completed; each attempt takes one
-TOLD = 4  # until a failure that lasts has been told
+TOLD = 20  # until a failure that lasts has been told: a silent peer is given up after ten or so
 
 # What the system may answer. Waiting for events is interrupted and nothing else.
 ERRORS = {
@@ -36,7 +36,7 @@ ERRORS = {
     "getpeername": (errno.ENOTCONN,),
     "getsockopt": (errno.ENOBUFS,),
     "setsockopt": (errno.ENOBUFS, errno.ENOPROTOOPT),
-    "send": (errno.EPIPE, errno.ENOBUFS, errno.EINTR),
+    "send": (errno.ENOBUFS, errno.ENOMEM, errno.EINTR),
     "sendmsg": (errno.EPIPE, errno.ECONNRESET, errno.ENOBUFS, errno.EPERM, errno.EINTR),
     "recv": (errno.ECONNRESET, errno.ENOMEM, errno.EINTR),
     "recvmsg": (errno.ECONNRESET, errno.ENOMEM, errno.EINTR),
@@ -68,6 +68,7 @@ ERRORS = {
     "close": (errno.EIO, errno.EINTR),
     "open": (errno.EMFILE, errno.EACCES, errno.EINTR),
     "fcntl": (errno.EMFILE, errno.ENOMEM),
+    "malloc": (errno.ENOMEM,),
     "getaddrinfo": (errno.EAGAIN,),
 }
 ONLY_ONCE = ("epoll_wait", "poll")
@@ -93,13 +94,14 @@ class Exchange:
         self.root = InstallRoot()
         self.report = os.path.join(self.root.top, "report")
         self.programs = {}
+        self.lasting = fault is not None and fault.how == "ever"
         with Exchange.lock:
             number = next(Exchange.addresses)
         local = transport in ("ipc", "shm")
         self.url = f"{transport}://" + ("1_2" if local else proof.address(number))
 
     def start(self, side, *arguments):
-        variables = {"ZARN_FAULT_REPORT": self.report}
+        variables = {"ZARN_FAULT_REPORT": self.report, "ZARN_FAULT_MEMORY": "1"}
         if self.fault is not None:
             fault = self.fault
             variables["ZARN_FAULT"] = f"{fault.name} {fault.number} {fault.error} {fault.how}"
@@ -134,17 +136,18 @@ class Exchange:
         event = client.wait("ready", "start_failed", "no_thread")
         if event["event"] != "ready":
             return self.check_told(client)
-        lasting = self.fault is not None and self.fault.how == "ever"
-        if not self.wait_done(client, server, TOLD if lasting else HEALED):
-            return self.check_lasting() if lasting else f"not healed: {self.traces()}"
-        return self.check_last(client, server)
+        self.completed = self.wait_done(client, server)
+        if self.lasting:
+            return self.check_lasting()
+        if not self.completed:
+            return f"not healed: {self.traces()}"
+        return self.check_reason() or self.check_last(client, server)
 
-    def wait_done(self, client, server, limit):
-        """Whether the exchange was completed; a lasting failure is heard twice."""
+    def wait_done(self, client, server):
+        """Whether the exchange was completed. What fails for ever need not be waited for once it is told."""
         self.downs = 0
-        end = time.monotonic() + limit
-        lasting = self.fault is not None and self.fault.how == "ever"
-        while time.monotonic() < end:
+        end = time.monotonic() + (TOLD if self.lasting else HEALED)
+        while time.monotonic() < end and not (self.lasting and server.reasons):
             try:
                 event = client.wait("done", "down", limit=max(0.01, end - time.monotonic()))
             except AssertionError:
@@ -154,27 +157,38 @@ class Exchange:
             if event["event"] == "done":
                 return True
             self.downs += 1
-            if lasting and self.downs == 2:
-                return False
-            if any(told["event"] == "listen_failed" for told in server.take_events()):
+            if self.lasting and self.downs == 2:
                 return False
         return False
 
     def check_told(self, program):
-        if self.fault is None:
+        if self.fault is None or program is not self.programs[self.side]:
             return f"not started: {self.traces()}"
-        return None if program is self.programs[self.side] else f"the other has failed: {self.traces()}"
+        return None
+
+    def check_reason(self):
+        """A connection that was lost by a failure did not end as if all were well."""
+        victim = self.programs[self.side]
+        told = any(program.reasons for program in self.programs.values()) or victim.trace()
+        if self.downs and not told:
+            return f"lost without a reason: {self.traces()}"
+        return None
 
     def check_lasting(self):
-        told = self.downs or self.programs[self.side].trace()
-        return None if told else f"no reason is told: {self.traces()}"
+        victim = self.programs[self.side]
+        if not any(program.reasons for program in self.programs.values()) and not victim.trace():
+            if self.downs or not self.completed:
+                return f"no reason is told: {self.traces()}"
+        share = victim.cpu_share(0.2)
+        return f"keeps a processor busy: {share:.2f} {self.traces()}" if share > 0.5 else None
 
     def check_last(self, client, server):
-        """What was sent before an orderly close has arrived. A second failure is none of `once`."""
+        """What was sent before an orderly end arrives, unless that is what fails."""
+        certain = self.fault is None or self.has_failed() or self.fault.error == errno.EINTR
         server.take_events()
         client.ask("stop")
-        if self.fault is not None and (self.fault.how == "ever" or self.fault.error == errno.EPIPE):
-            return None
+        if certain:
+            server.wait("gone", whole=1)
         return None
 
     def end(self):

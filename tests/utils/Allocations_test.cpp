@@ -8,10 +8,12 @@
 #include <list>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Blocks.h"
+#include "FailingAllocations.h"
 #include "FakeIpc.h"
 #include "FakeShmIpc.h"
 #include "Frames.h"
@@ -32,33 +34,6 @@
 #include "zarn/utils/torv.h"
 #include "zarn/utils/zarnutils.h"
 
-namespace {
-
-thread_local std::size_t allocations = 0;
-thread_local bool exhausted = false;
-
-void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) {
-  ++allocations;
-  if (exhausted) throw std::bad_alloc();
-  const std::size_t whole = (size + alignment) / alignment * alignment;  // at least one
-  if (void* memory = std::aligned_alloc(alignment, whole)) return memory;
-  throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) { return Allocate(size); }
-void* operator new[](std::size_t size) { return Allocate(size); }
-void* operator new(std::size_t size, std::align_val_t alignment) {
-  return Allocate(size, static_cast<std::size_t>(alignment));
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
-
 namespace zarn::test {
 namespace {
 
@@ -75,22 +50,15 @@ class Exhaustion {
   Exhaustion() {
     for (std::size_t size = 1024; size <= 128 * 1024; size *= 2)
       for (int i = 0; i < 4; ++i) pooled_.push_back(std::make_unique<CAWMessageBlock>(size));
-    exhausted = true;
+    none_.emplace(1, true);
   }
-  ~Exhaustion() { exhausted = false; }
   Exhaustion(const Exhaustion&) = delete;
   Exhaustion& operator=(const Exhaustion&) = delete;
 
  private:
   std::vector<std::unique_ptr<CAWMessageBlock>> pooled_;
+  std::optional<FailingAllocation> none_;
 };
-
-template <class Work>
-std::size_t AllocationsOf(Work work) {
-  const std::size_t before = allocations;
-  work();
-  return allocations - before;
-}
 
 // None once the pool has one; the sanitizers let it keep none.
 std::size_t AllocationsOfABlock() {

@@ -306,8 +306,8 @@ void StreamSocket::Disconnect() {
   if (writeError_ != 0 || !HasOutput() || lingerMs_ == 0) return CloseNow();
   self_ = this;
   lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
-  loop_.BeginLinger(*this);
   try {
+    loop_.BeginLinger(*this);
     lingerTimer_ = std::make_unique<Timer>(loop_);
     lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
   } catch (const std::bad_alloc&) {

@@ -96,6 +96,8 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool ReadOneError();
   void ReadDatagrams();
   bool ReadOnce(Time now);
+  bool ReadFailed(int error);
+  void ResumeReading();
   void Dispatch(const Path& from, Bytes datagram, Time now);
   void OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram);
   void EndBatch();
@@ -120,6 +122,9 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   std::size_t segment_ = 0;
   bool offload_ = true;
   bool blocked_ = false;
+
+  int readFailures_ = 0;  // in a row
+  keelbase::internal::Timer readPause_;
 };
 
 }  // namespace ptcp

@@ -9,6 +9,7 @@
 
 #include "TcpSocket.h"
 #include "TcpTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace wface {
 
@@ -65,8 +66,9 @@ void TcpAcceptor::OnAccepted(FileDescriptor socket) {
   const CAWAutoPtr<TcpAcceptor> alive(this);
   CAWAutoPtr<IAWTransport> transport;
   // Without memory, or when the client has gone already, only this connection is closed.
-  if (MakeTransport(GetLoop(), std::move(socket), transport) == 0)
-    sink_->OnConnectIndication(0, transport.Get(), this);
+  const int error = MakeTransport(GetLoop(), std::move(socket), transport);
+  if (error == 0) return sink_->OnConnectIndication(0, transport.Get(), this);
+  if (error != ENOTCONN) keelbase::internal::TraceError("a client is refused", error);
 }
 
 }  // namespace wface

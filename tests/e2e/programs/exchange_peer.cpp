@@ -6,7 +6,7 @@
 // sends a few more and closes.
 //
 // Events: ready or start_failed; server: peer, refused {reason}, gone {reason, whole: the last
-// messages of the client were all there}, listen_failed {reason}; client: up, down {reason}, done;
+// messages of the client were all there}, not_sent {reason}, listen_failed {reason}; client: up, down {reason}, done;
 // both: wrong {detail}.
 // Commands: stats; stop (closes; the client sends its last messages before), answered by stop.
 #include <map>
@@ -75,7 +75,10 @@ class Server final : private zarn::tool::ServerSink {
     Sequence& sequence = sequences_[&peer];
     sequence.Take(message);
     if (sequence.GetCount() > kAnswered) return;
-    if (peer.Send(message) != keelbase::AW_OK) peer.Drop();
+    const keelbase::AWResult result = peer.Send(message);
+    if (result == keelbase::AW_OK) return;
+    Event("not_sent").With("reason", result);
+    peer.Drop();
   }
   void OnListenFailed(long reason) override { Event("listen_failed").With("reason", reason); }
 

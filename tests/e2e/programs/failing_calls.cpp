@@ -6,9 +6,13 @@
 //   ZARN_FAULT_REPORT a file; gets a line "failed NAME NUMBER" for the first that failed and, when
 //                     the process ends in order, "count NAME CALLS" for each
 //
+//   ZARN_FAULT_MEMORY set: memory that the libraries ask for counts as well, as "malloc": what they
+//                     and those below them allocate, not what the program itself does
+//
 // Left alone: what goes to the standard streams, waking a loop (an eventfd that can be written does
 // not fail) and taking a descriptor out of an epoll set (which does not fail either).
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
@@ -32,6 +36,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 namespace {
 
@@ -124,7 +129,69 @@ void SetWaker(int fd, bool is) {
     wakers[static_cast<std::size_t>(fd)] = is;
 }
 
+// --- memory ---
+
+constexpr std::string_view kLibraries[] = {"/libkeelbase", "/libfipc", "/libfshmipc", "/libwface",
+                                           "/libptcp", "/libsslutils", "/libsslptcp",
+                                           "/libzarnutils", "/libssl.", "/libcrypto", "/libngtcp2"};
+
+// Who asks: the first on the stack that is one of the libraries or the program itself.
+bool IsAskedByLibrary() {
+  void* frames[12];
+  const int count = ::backtrace(frames, 12);
+  for (int i = 2; i < count; ++i) {
+    Dl_info info{};
+    if (::dladdr(frames[i], &info) == 0 || info.dli_fname == nullptr) continue;
+    const std::string_view file(info.dli_fname);
+    for (const std::string_view library : kLibraries)
+      if (file.find(library) != std::string_view::npos) return true;
+    if (file.find(".so") == std::string_view::npos) return false;
+  }
+  return false;
+}
+
+bool CountsMemory() {
+  static const bool does = [] {
+    void* frame;
+    ::backtrace(&frame, 1);  // allocates the first time
+    return std::getenv("ZARN_FAULT_MEMORY") != nullptr;
+  }();
+  return does;
+}
+
+__thread bool asking = false;
+
+bool MemoryFails() {
+  if (asking) return false;
+  asking = true;
+  static Call& call = *[] {
+    alignas(Call) static char room[sizeof(Call)];
+    return new (room) Call("malloc");
+  }();
+  const bool fails = CountsMemory() && IsAskedByLibrary() && call.Fails();
+  asking = false;
+  return fails;
+}
+
 }  // namespace
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+void* malloc(std::size_t size) { return MemoryFails() ? nullptr : __libc_malloc(size); }
+void* calloc(std::size_t count, std::size_t size) {
+  return MemoryFails() ? nullptr : __libc_calloc(count, size);
+}
+void* realloc(void* memory, std::size_t size) {
+  return MemoryFails() ? nullptr : __libc_realloc(memory, size);
+}
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+  return MemoryFails() ? nullptr : __libc_memalign(alignment, size);
+}
+}
 
 // NAME(parameters) that calls the real one with (arguments), unless it fails and gives `failure`.
 #define FAILING(type, failure, name, parameters, arguments)   \

@@ -34,6 +34,7 @@ class Program:
         )
         self.pid = self.process.pid
         self.complaints = []  # all that it has found wrong with messages
+        self.reasons = []  # all that it has told, but for orderly ends
         self._events = deque()
         self._ended = False
         self._changed = threading.Condition()
@@ -47,6 +48,8 @@ class Program:
             event = json.loads(line)
             if event["event"] == "wrong":
                 self.complaints.append(event)
+            if event.get("reason"):
+                self.reasons.append(event["reason"])
             with self._changed:
                 self._events.append(event)
                 self._changed.notify_all()

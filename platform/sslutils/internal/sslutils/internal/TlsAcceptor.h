@@ -102,7 +102,12 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
         new TlsStream(GetLoop(), std::make_unique<Bytes>(transport), std::move(ssl)));
     TlsStream* const key = stream.Get();
     shaking_.emplace(key, stream);
-    stream->Start(kHandshakeLimit, [this, key](long reason) { OnEstablished(key, reason); });
+    try {
+      stream->Start(kHandshakeLimit, [this, key](long reason) { OnEstablished(key, reason); });
+    } catch (const std::bad_alloc&) {
+      shaking_.erase(key);
+      stream->Disconnect();
+    }
   }
 
   void OnEstablished(TlsStream* stream, long reason) {
