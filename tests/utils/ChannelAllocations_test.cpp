@@ -1,38 +1,22 @@
-// Allocations_test.cpp - how much memory the way of a message takes, and what happens when there is
-// none. Replaces operator new of the test program: it counts, and refuses while a test says so.
+// ChannelAllocations_test.cpp - how much memory the way of a message takes, and what happens when there
+// is none. The transports are fakes.
 #include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <list>
 #include <memory>
-#include <new>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "Blocks.h"
-#include "FailingAllocations.h"
+#include "Exhaustion.h"
 #include "FakeIpc.h"
 #include "FakeShmIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
-#include "TempRoot.h"
-#include "TorvSink.h"
-#include "keelbase/internal/Pool.h"
 #include "zarn/utils/CShmZARNLibServerChannel.h"
-#include "zarn/utils/CTORVThread.h"
-#include "zarn/utils/CZARNAppsManager.h"
-#include "zarn/utils/CZARNLevelDBManager.h"
 #include "zarn/utils/CZARNLibServerChannel.h"
-#include "zarn/utils/CZARNListenNodeManager.h"
-#include "zarn/utils/CZARNShareMemory.h"
-#include "zarn/utils/CZARNSqliteDB.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
-#include "zarn/utils/torv.h"
-#include "zarn/utils/zarnutils.h"
 
 namespace zarn::test {
 namespace {
@@ -42,23 +26,6 @@ using keelbase::AW_ERROR_PARTIAL_DATA;
 using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWMessageBlock;
-
-// No memory for this thread as long as it lives, nor what earlier tests have left in the pool of
-// large blocks.
-class Exhaustion {
- public:
-  Exhaustion() {
-    for (std::size_t size = 1024; size <= 128 * 1024; size *= 2)
-      for (int i = 0; i < 4; ++i) pooled_.push_back(std::make_unique<CAWMessageBlock>(size));
-    none_.emplace(1, true);
-  }
-  Exhaustion(const Exhaustion&) = delete;
-  Exhaustion& operator=(const Exhaustion&) = delete;
-
- private:
-  std::vector<std::unique_ptr<CAWMessageBlock>> pooled_;
-  std::optional<FailingAllocation> none_;
-};
 
 // None once the pool has one; the sanitizers let it keep none.
 std::size_t AllocationsOfABlock() {
@@ -304,7 +271,7 @@ TEST_F(ShmChannelAllocations, ChainTooLongToBeRememberedWithoutMemoryIsNotSent) 
   EXPECT_EQ(transport->taken, 20U);
 }
 
-TEST(Allocations, AccumulatorWithoutMemoryKeepsWhatItHolds) {
+TEST(BufferAllocations, AccumulatorWithoutMemoryKeepsWhatItHolds) {
   utils::detail::ReceiveAccumulator accumulator;
   CAWMessageBlock held(8);
   held.Write("held", 4);
@@ -322,7 +289,7 @@ TEST(Allocations, AccumulatorWithoutMemoryKeepsWhatItHolds) {
   EXPECT_EQ(accumulator.GetLength(), 200004U);
 }
 
-TEST(Allocations, AccumulatorWithoutMemoryStillConsumes) {
+TEST(BufferAllocations, AccumulatorWithoutMemoryStillConsumes) {
   utils::detail::ReceiveAccumulator accumulator;
   CAWMessageBlock block(65536);
   const std::string bytes(60000, 'x');
@@ -335,7 +302,7 @@ TEST(Allocations, AccumulatorWithoutMemoryStillConsumes) {
   EXPECT_EQ(accumulator.GetLength(), 1000U);
 }
 
-TEST(Allocations, SendQueueWithoutMemoryKeepsWhatItHolds) {
+TEST(BufferAllocations, SendQueueWithoutMemoryKeepsWhatItHolds) {
   utils::detail::SendQueue queue;
   CAWMessageBlock first("first", 5, CAWMessageBlock::borrow);
   ASSERT_EQ(queue.Append(first), AW_OK);
@@ -354,226 +321,6 @@ TEST(Allocations, SendQueueWithoutMemoryKeepsWhatItHolds) {
     return AW_ERROR_PARTIAL_DATA;
   });
   EXPECT_EQ(offered, "first");
-}
-
-TEST(Allocations, RegistriesWithoutMemoryAnswer10001AndKeepWhatTheyHold) {
-  utils::CZARNAppsManager apps;
-  utils::CZARNListenNodeManager nodes;
-  utils::CZARNApp app;
-  utils::CZARNListenNodeItem item;
-  std::list<utils::CZARNApp> list;
-  ASSERT_EQ(apps.AddApp(app), AW_OK);
-  ASSERT_EQ(nodes.AddListenNotify(item), AW_OK);
-  AWResult appResult = AW_OK;
-  AWResult nodeResult = AW_OK;
-  AWResult replaced = AW_ERROR_FAILURE;
-  bool thrown = false;
-  {
-    const Exhaustion none;
-    replaced = nodes.AddListenNotify(item);
-    app.jno = 1;
-    item.SetPno(1);
-    appResult = apps.AddApp(app);
-    nodeResult = nodes.AddListenNotify(item);
-    try {
-      apps.GetAppsList(list);
-    } catch (const std::bad_alloc&) {
-      thrown = true;
-    }
-  }
-  EXPECT_EQ(appResult, AW_ERROR_FAILURE);
-  EXPECT_EQ(nodeResult, AW_ERROR_FAILURE);
-  EXPECT_EQ(replaced, AW_OK);
-  EXPECT_TRUE(thrown && list.empty());
-  apps.GetAppsList(list);
-  EXPECT_EQ(list.size(), 1U);
-  EXPECT_EQ(nodes.GetSize(), 1U);
-  EXPECT_EQ(apps.AddApp(app), AW_OK);
-  EXPECT_EQ(nodes.AddListenNotify(item), AW_OK);
-}
-
-TEST(StoresWithoutMemory, AnswerWithACodeAndChangeNothing) {
-  const TempDir dir;
-  utils::CZARNSqliteDB db;
-  ASSERT_EQ(db.InitDB(dir.GetPath() + "/db"), AW_OK);
-  ASSERT_EQ(db.SetPersistentData("k", std::string(100, 'v')), AW_OK);
-  {
-    const std::string value(100, 'w');
-    const std::string key("k");
-    utils::CZARNSqliteDB::DataMap map;
-    const Exhaustion exhaustion;
-    EXPECT_EQ(db.SetPersistentData(key, value), AW_ERROR_FAILURE);
-    EXPECT_EQ(db.UpdatePersistentData(key, value), AW_ERROR_FAILURE);
-    EXPECT_EQ(db.RemovePersistentData(key), AW_ERROR_FAILURE);
-    EXPECT_EQ(db.GetPersistentData(key), "");
-    EXPECT_EQ(db.GetAllData(map), AW_ERROR_FAILURE);
-  }
-  EXPECT_EQ(db.GetPersistentData("k"), std::string(100, 'v'));
-}
-
-TEST(StoresWithoutMemory, LevelDBIsNotTouchedAgain) {
-  const TempDir dir;
-  utils::CZARNLevelDBManager store(false, 0, true, true);
-  ASSERT_EQ(store.Open((dir.GetPath() + "/store").c_str()), 0);
-  std::string key(100, 'k');
-  std::string value(100, 'v');
-  {
-    const Exhaustion exhaustion;
-    EXPECT_EQ(store.DBInsert(key.data(), key.size(), value.data(), value.size()), -1);
-  }
-  EXPECT_EQ(store.DBInsert(key.data(), key.size(), value.data(), value.size()), -1);
-  EXPECT_EQ(store.DBUpdate(key.data(), key.size(), value.data(), value.size()), -1);
-  EXPECT_EQ(store.DBRemove(key.data(), key.size()), -1);
-  EXPECT_EQ(store.DBLookup(key.data(), key.size(), &value), -1);
-  store.DBDump([](const char*, unsigned long, const char*, unsigned long) { FAIL(); });
-  EXPECT_EQ(store.Open((dir.GetPath() + "/other").c_str()), 0);
-  EXPECT_EQ(store.DBInsert(key.data(), key.size(), value.data(), value.size()), 0);
-}
-
-TEST(StoresWithoutMemory, SharedMemoryIsRefused) {
-  const TempRoot root;
-  const std::string name(100, 'n');
-  keelbase::CAWAutoPtr<utils::CZARNShareMemory> memory;
-  {
-    const Exhaustion exhaustion;
-    EXPECT_EQ(utils::CreateMemory(memory, name, 100), AW_ERROR_FAILURE);
-  }
-  EXPECT_FALSE(memory);
-  EXPECT_EQ(utils::CreateMemory(memory, name, 100), AW_OK);
-}
-
-// --- in-process messages ---
-
-// Each takes an event, a block and the block's bytes; a sanitizer's build has no pools for them.
-constexpr std::size_t kPiecesOfAMessage = 3;
-bool HasPools() {
-  keelbase::internal::PoolFree(keelbase::internal::PoolAllocate(64), 64);
-  return AllocationsOf(
-             [] { keelbase::internal::PoolFree(keelbase::internal::PoolAllocate(64), 64); }) == 0;
-}
-
-// Holds all free small memory that this thread can get.
-class EmptyPool {
- public:
-  EmptyPool() {
-    for (std::size_t fresh = 0; fresh == 0;) {
-      void* piece = nullptr;
-      fresh = AllocationsOf([&] { piece = keelbase::internal::PoolAllocate(64); });
-      pieces_.push_back(piece);
-    }
-  }
-  ~EmptyPool() {
-    for (void* piece : pieces_) keelbase::internal::PoolFree(piece, 64);
-  }
-  EmptyPool(const EmptyPool&) = delete;
-  EmptyPool& operator=(const EmptyPool&) = delete;
-
- private:
-  std::vector<void*> pieces_;
-};
-
-class CountingSink final : public utils::ITORVSink {
- public:
-  void OnInit(void*) override { ++calls; }
-  void OnMessage(CAWMessageBlock&, const unsigned short&, void*) override { ++calls; }
-  void OnUnInit() override { ++calls; }
-  int calls = 0;
-};
-
-CountingSink& MakeReceiver(unsigned short tno) {
-  static auto& all = *new std::vector<std::unique_ptr<CountingSink>>;
-  all.push_back(std::make_unique<CountingSink>());
-  EXPECT_EQ(utils::TORVInit(all.back().get(), nullptr), AW_OK);
-  utils::TORVRegisterTno(all.back().get(), tno, nullptr);
-  return *all.back();
-}
-
-const std::string manyBytes(200000, 'm');
-
-void SendMessages(int count, unsigned short tno, std::size_t size = 64) {
-  for (int i = 0; i < count; ++i) {
-    CAWMessageBlock block(manyBytes.data(), size, CAWMessageBlock::borrow);
-    EXPECT_EQ(utils::SendTORVMessage(block, 1, tno), AW_OK);
-  }
-}
-
-TEST(TorvAllocations, AddressedSendAllocatesNothingForThoseItSkips) {
-  CountingSink& wanted = MakeReceiver(301);
-  for (int i = 0; i < 1000; ++i) MakeReceiver(300);
-  EXPECT_EQ(AllocationsOf([] { SendMessages(100, 302); }), 0U);
-  SendMessages(1, 301);  // the pools of this thread are made
-  WaitForDelivery();
-  // Room in the queue is the one thing more.
-  EXPECT_LE(AllocationsOf([] { SendMessages(1, 301); }), kPiecesOfAMessage + 1);
-  WaitForDelivery();
-  EXPECT_EQ(wanted.calls, 2);
-}
-
-TEST(TorvAllocations, MessagesUseTheMemoryOfThoseBefore) {
-  CountingSink& sink = MakeReceiver(310);
-  constexpr int kRounds = 100;
-  constexpr int kMessages = 100;
-  std::size_t count = 0;
-  for (int round = 0; round < 2 * kRounds; ++round) {
-    const std::size_t taken = AllocationsOf([] { SendMessages(kMessages, 310); });
-    if (round >= kRounds) count += taken;
-    WaitForDelivery();
-  }
-  // What is under way may now and then be more than ever before, and so take more room.
-  constexpr std::size_t kRarely = kRounds * kMessages / 100;
-  const std::size_t pieces = HasPools() ? 0 : kRounds * kMessages * kPiecesOfAMessage;
-  EXPECT_GE(count, pieces);
-  EXPECT_LE(count, pieces + kRarely);
-  EXPECT_EQ(sink.calls, 2 * kRounds * kMessages);
-}
-
-TEST(TorvAllocations, RegisteringTakesTheSameAfterManyMessages) {
-  utils::CTORVThread first(nullptr, nullptr);
-  const std::size_t before = AllocationsOf([&] { first.RegisterTno(1, nullptr); });
-  MakeReceiver(320);
-  SendMessages(10000, 320);
-  WaitForDelivery();
-  utils::CTORVThread second(nullptr, nullptr);
-  EXPECT_EQ(AllocationsOf([&] { second.RegisterTno(1, nullptr); }), before);
-}
-
-TEST(TorvAllocations, NothingIsPostedWithoutMemoryAndEverythingAnswersACode) {
-  static auto& sink = *new CountingSink;
-  static auto& receiver = *new utils::CTORVThread(&sink, nullptr);
-  CAWMessageBlock block("borrowed", 8, CAWMessageBlock::borrow);
-  CAWMessageBlock owned(10);
-  owned.Write("owned", 5);
-  unsigned long results[6];
-  {
-    const EmptyPool pool;
-    const Exhaustion none;
-    results[0] = receiver.PostTORVMessage(block, 1, nullptr);
-    results[1] = receiver.PostTORVMessage(owned, 1, nullptr);
-    results[2] = receiver.NotifyInitOk();
-    results[3] = receiver.NotifyUnInit();
-    results[4] = receiver.RegisterTno(1, nullptr);
-    results[5] = utils::TORVInit(&sink, nullptr);
-  }
-  for (const unsigned long result : results) EXPECT_EQ(result, AW_ERROR_FAILURE);
-  EXPECT_FALSE(owned.IsShared());
-  void* context = nullptr;
-  EXPECT_EQ(receiver.GetTno(1, context), AW_ERROR_FAILURE);
-  utils::NotifyTORVInitEnd();  // tells those that were added
-  WaitForDelivery();
-  EXPECT_EQ(sink.calls, 0);
-}
-
-TEST(TorvAllocations, SenderWithoutMemoryForTheBytesDeliversNothingAndAnswers0) {
-  CountingSink& sink = MakeReceiver(330);
-  {
-    const Exhaustion none;
-    SendMessages(1, 330, 200000);
-  }
-  WaitForDelivery();
-  EXPECT_EQ(sink.calls, 0);
-  SendMessages(1, 330, 200000);
-  WaitForDelivery();
-  EXPECT_EQ(sink.calls, 1);
 }
 
 }  // namespace
