@@ -154,7 +154,7 @@ const Operation kOperations[] = {
      [](World&) {
        const AWResult result = utils::ZARNEnableMetrics();
        if (result == AW_OK) utils::ZARNDisableMetrics();
-       return result;
+       return result == AW_OK ? AW_OK : AW_ERROR_FAILURE;  // errno values, too
      }},
 };
 
@@ -184,7 +184,7 @@ TEST_P(OperationAllocations, AnswersWithACodeAndSucceedsAfterwards) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, OperationAllocations, ::testing::ValuesIn(kOperations),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& one) { return std::string(one.param.name); });
 
 TEST(StoreAllocations, SqliteKeepsWhatItHolds) {
   const TempDir dir;

@@ -3,6 +3,7 @@
 // listener goes on. Real sockets.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -299,9 +300,9 @@ class TransportsAllocations : public ::testing::Test {
     CAWAutoPtr<Connector> connector;
     if (Over::Make(connector) != AW_OK) return false;
     if (over.Connect(*connector, client, *acceptor) != AW_OK) return false;
-    EXPECT_TRUE(Await([this] { return client.IsOver() || (client.told && server.told); }));
+    EXPECT_TRUE(Wait([this] { return client.IsOver() || (client.told && server.told); }));
     const bool sent = client.transport && Send(client) && Send(server);
-    EXPECT_TRUE(!sent || Await([this] {
+    EXPECT_TRUE(!sent || Wait([this] {
       return IsComplete() || client.IsOver() || server.IsOver();
     }));
     const bool complete = sent && IsComplete();
@@ -310,6 +311,16 @@ class TransportsAllocations : public ::testing::Test {
     connector = nullptr;
     RunReady();
     return complete;
+  }
+  // Time passes while there is nothing to do, a minute at most: a peer that fell silent is given up.
+  template <class Condition>
+  bool Wait(Condition condition) {
+    for (int waited = 0; !condition(); ++waited) {
+      if (waited == 6000) return false;
+      RunReady();
+      if (!condition()) clock.Advance(std::chrono::milliseconds(10));
+    }
+    return true;
   }
   bool Send(End<Over>& end) {
     CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
@@ -324,6 +335,7 @@ class TransportsAllocations : public ::testing::Test {
   CAWAutoPtr<typename Over::Acceptor> acceptor;
   End<Over> client;
   End<Over> server;
+  HandClock clock;
   TraceLines trace;
 };
 
@@ -353,7 +365,8 @@ TYPED_TEST(TransportsAllocations, AListenerThatFindsNoMemorySaysSoAndCanBeStarte
   for (EachAllocation each; each.Next();) {
     AWResult result = AW_OK;
     each.Try([&] { result = this->over.Listen(*this->acceptor, this->server); });
-    EXPECT_EQ(result == AW_OK, !each.HasFailed()) << "allocation " << each.GetNumber();
+    // What it can do without is no reason to fail.
+    EXPECT_TRUE(result == AW_OK || each.HasFailed());
     if (result == AW_OK) this->acceptor->StopListen();
   }
   ASSERT_EQ(this->over.Listen(*this->acceptor, this->server), AW_OK);

@@ -125,11 +125,19 @@ bool UdpPort::ReadOneError() {
   for (const auto& [id, user] : users_) {
     if (!(user->GetPath().peer == told.peer) || !user->MayHaveSent(told.quoted)) continue;
     user->OnPortError(told.error);
-    if (std::find(touched_.begin(), touched_.end(), user) == touched_.end())
-      touched_.push_back(user);
+    Touched(*user);
     break;
   }
   return true;
+}
+
+// Without memory it looks after itself when its timer is due.
+void UdpPort::Touched(PortUser& user) {
+  if (std::find(touched_.begin(), touched_.end(), &user) != touched_.end()) return;
+  try {
+    touched_.push_back(&user);
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 void UdpPort::ReadDatagrams() {
@@ -292,8 +300,14 @@ void UdpPort::BecomeFree() {
 // --- lingers ---
 
 void UdpPort::BeginLinger(PortUser& user) {
-  if (lingering_.empty()) loop_.BeginLinger(*this);
   lingering_.push_back(&user);
+  if (lingering_.size() != 1) return;
+  try {
+    loop_.BeginLinger(*this);
+  } catch (const std::bad_alloc&) {
+    lingering_.clear();
+    throw;
+  }
 }
 
 void UdpPort::EndLinger(PortUser& user) {

@@ -75,7 +75,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool IsBlocked() const { return blocked_; }
   void WaitUntilFree(PortUser& user) { waiting_.push_back(&user); }
 
-  void BeginLinger(PortUser& user);
+  void BeginLinger(PortUser& user);  // lets std::bad_alloc pass
   void EndLinger(PortUser& user);
 
  private:
@@ -94,6 +94,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
 
   void ReadErrors();
   bool ReadOneError();
+  void Touched(PortUser& user);
   void ReadDatagrams();
   bool ReadOnce(Time now);
   bool ReadFailed(int error);
