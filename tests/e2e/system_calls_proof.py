@@ -68,7 +68,6 @@ ERRORS = {
     "close": (errno.EIO, errno.EINTR),
     "open": (errno.EMFILE, errno.EACCES, errno.EINTR),
     "fcntl": (errno.EMFILE, errno.ENOMEM),
-    "malloc": (errno.ENOMEM,),
     "getaddrinfo": (errno.EAGAIN,),
 }
 ONLY_ONCE = ("epoll_wait", "poll")
@@ -101,7 +100,7 @@ class Exchange:
         self.url = f"{transport}://" + ("1_2" if local else proof.address(number))
 
     def start(self, side, *arguments):
-        variables = {"ZARN_FAULT_REPORT": self.report, "ZARN_FAULT_MEMORY": "1"}
+        variables = {"ZARN_FAULT_REPORT": self.report}
         if self.fault is not None:
             fault = self.fault
             variables["ZARN_FAULT"] = f"{fault.name} {fault.number} {fault.error} {fault.how}"

@@ -17,7 +17,8 @@ class Exhaustion {
  public:
   Exhaustion() {
     for (std::size_t size = 1024; size <= 128 * 1024; size *= 2)
-      for (int i = 0; i < 4; ++i) pooled_.push_back(std::make_unique<keelbase::CAWMessageBlock>(size));
+      for (int i = 0; i < 4; ++i)
+        pooled_.push_back(std::make_unique<keelbase::CAWMessageBlock>(size));
     none_.emplace(1, true);
   }
   Exhaustion(const Exhaustion&) = delete;

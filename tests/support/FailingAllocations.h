@@ -1,5 +1,5 @@
-// FailingAllocations.h - counts the allocations of the calling thread and lets one of them fail. The
-// test program's operator new is replaced for that (FailingAllocations.cpp), but for the thread
+// FailingAllocations.h - counts the allocations of the calling thread and lets one of them fail.
+// The test program's operator new is replaced for that (FailingAllocations.cpp), but for the thread
 // sanitizer, which does not let it in.
 #pragma once
 

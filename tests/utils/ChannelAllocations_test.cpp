@@ -1,5 +1,5 @@
-// ChannelAllocations_test.cpp - how much memory the way of a message takes, and what happens when there
-// is none. The transports are fakes.
+// ChannelAllocations_test.cpp - how much memory the way of a message takes, and what happens when
+// there is none. The transports are fakes.
 #include <gtest/gtest.h>
 
 #include <cstddef>

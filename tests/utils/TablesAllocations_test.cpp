@@ -1,5 +1,5 @@
-// TablesAllocations_test.cpp - registries, stores and helpers without memory, and with each allocation
-// failing in turn: they answer with a code, keep what they hold and can be used on.
+// TablesAllocations_test.cpp - registries, stores and helpers without memory, and with each
+// allocation failing in turn: they answer with a code, keep what they hold and can be used on.
 #include <gtest/gtest.h>
 
 #include <list>
@@ -146,7 +146,8 @@ const Operation kOperations[] = {
     {"CreateIPCServer", [](World& world) { return utils::CreateIPCServer(world.ipcServer); }},
     {"CreateShmIPCClient", [](World& world) { return utils::CreateShmIPCClient(world.shmClient); }},
     {"CreateShmIPCServer", [](World& world) { return utils::CreateShmIPCServer(world.shmServer); }},
-    {"ZARNCreateIPCAddr", [](World& world) { return utils::ZARNCreateIPCAddr(1, 2, world.address); }},
+    {"ZARNCreateIPCAddr",
+     [](World& world) { return utils::ZARNCreateIPCAddr(1, 2, world.address); }},
     {"CreateMemory",
      [](World& world) { return utils::CreateMemory(world.memory, world.longText, 100); }},
     {"InitZARNLogger", [](World&) { return utils::InitZARNLogger(false, false); }},
@@ -212,9 +213,7 @@ TEST(StoreAllocations, LevelDBFindsWhatItHasTakenAfterAnotherOpen) {
     std::string key = "key" + std::to_string(each.GetNumber());
     std::string value(100, 'v');
     int result = 0;
-    each.Try([&] {
-      result = store.DBInsert(key.data(), key.size(), value.data(), value.size());
-    });
+    each.Try([&] { result = store.DBInsert(key.data(), key.size(), value.data(), value.size()); });
     std::string found;
     const bool isThere = store.DBLookup(key.data(), key.size(), &found) == 0;
     EXPECT_EQ(isThere, result == 0) << each.GetNumber();

@@ -1,5 +1,5 @@
-// TorvAllocations_test.cpp - how much memory messages between modules take, and what happens when there
-// is none.
+// TorvAllocations_test.cpp - how much memory messages between modules take, and what happens when
+// there is none.
 #include <gtest/gtest.h>
 
 #include <cstddef>

@@ -1,6 +1,6 @@
-// TransportsAllocations_test.cpp - each allocation on the way of a connection fails in turn, over each
-// transport: on the thread that calls, which is the loop's own. Both sides hear how it went, and the
-// listener goes on. Real sockets.
+// TransportsAllocations_test.cpp - each allocation on the way of a connection fails in turn, over
+// each transport: on the thread that calls, which is the loop's own. Both sides hear how it went,
+// and the listener goes on. Real sockets.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -39,8 +39,7 @@ struct Ipc {
   using Transport = fipc::IAWIPCTransport;
   using Connector = fipc::IAWIPCConnector;
   using Acceptor = fipc::IAWIPCAcceptor;
-  using Sink =
-      PlainSink<fipc::IAWIPCTransportSink, Transport, fipc::CAWIPCTransportParameter>;
+  using Sink = PlainSink<fipc::IAWIPCTransportSink, Transport, fipc::CAWIPCTransportParameter>;
   struct ConnectSink : fipc::IAWIPCAcceptorConnectorSink {
     virtual void Told(long reason, Transport* transport) = 0;
     void OnIPCConnectIndication(long reason, Transport* transport,
@@ -302,9 +301,8 @@ class TransportsAllocations : public ::testing::Test {
     if (over.Connect(*connector, client, *acceptor) != AW_OK) return false;
     EXPECT_TRUE(Wait([this] { return client.IsOver() || (client.told && server.told); }));
     const bool sent = client.transport && Send(client) && Send(server);
-    EXPECT_TRUE(!sent || Wait([this] {
-      return IsComplete() || client.IsOver() || server.IsOver();
-    }));
+    EXPECT_TRUE(!sent ||
+                Wait([this] { return IsComplete() || client.IsOver() || server.IsOver(); }));
     const bool complete = sent && IsComplete();
     client.Close();
     server.Close();
@@ -312,7 +310,8 @@ class TransportsAllocations : public ::testing::Test {
     RunReady();
     return complete;
   }
-  // Time passes while there is nothing to do, a minute at most: a peer that fell silent is given up.
+  // Time passes while there is nothing to do, a minute at most: a peer that fell silent is given
+  // up.
   template <class Condition>
   bool Wait(Condition condition) {
     for (int waited = 0; !condition(); ++waited) {

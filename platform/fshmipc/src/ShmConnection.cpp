@@ -10,6 +10,8 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
+
 namespace fshmipc {
 
 using keelbase::AW_ERROR_FAILURE;
@@ -117,10 +119,9 @@ bool ShmConnection::Poll() {
 
 bool ShmConnection::Arm() {
   if (++asks_ > kAsksPerDrain) DrainSocket();
-  const bool work =
-      state_ == State::open &&
-      (failure_ != 0 || writer_.IsBroken() || (roomWanted_ && !writer_.WaitForRoom()) ||
-       (reading_ && !reader_.Sleep()));
+  const bool work = state_ == State::open &&
+                    (failure_ != 0 || writer_.IsBroken() ||
+                     (roomWanted_ && !writer_.WaitForRoom()) || (reading_ && !reader_.Sleep()));
   if (!work) polled_ = false;
   return !work;
 }
@@ -185,7 +186,8 @@ void ShmConnection::End(long reason) {
   state_ = State::ended;
   StopPolling();
   if (std::exchange(watched_, false)) loop_.Unwatch(socket_.Get(), *this);
-  std::exchange(sink_, nullptr)->OnEnd(reason);
+  keelbase::internal::TellOwner(
+      [sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
 // --- sending ---

@@ -439,8 +439,10 @@ void EventLoop::AtTurnEnd(TurnEndTask& task) {
 
 void EventLoop::DropTurnEnd(TurnEndTask& task) {
   if (task.earlierAtTurnEnd == nullptr && firstAtTurnEnd_ != &task) return;
-  (task.earlierAtTurnEnd != nullptr ? task.earlierAtTurnEnd->laterAtTurnEnd : firstAtTurnEnd_) = task.laterAtTurnEnd;
-  (task.laterAtTurnEnd != nullptr ? task.laterAtTurnEnd->earlierAtTurnEnd : lastAtTurnEnd_) = task.earlierAtTurnEnd;
+  (task.earlierAtTurnEnd != nullptr ? task.earlierAtTurnEnd->laterAtTurnEnd : firstAtTurnEnd_) =
+      task.laterAtTurnEnd;
+  (task.laterAtTurnEnd != nullptr ? task.laterAtTurnEnd->earlierAtTurnEnd : lastAtTurnEnd_) =
+      task.earlierAtTurnEnd;
   task.earlierAtTurnEnd = task.laterAtTurnEnd = nullptr;
 }
 

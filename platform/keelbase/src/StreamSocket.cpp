@@ -9,6 +9,8 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
+
 namespace keelbase::internal {
 
 namespace {
@@ -187,7 +189,7 @@ void StreamSocket::End(long reason) {
   state_ = State::ended;
   blocked_ = false;
   if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
-  std::exchange(sink_, nullptr)->OnEnd(reason);
+  TellOwner([sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
 void StreamSocket::StopReading(bool stop) {

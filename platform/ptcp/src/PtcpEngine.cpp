@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
 #include "ptcp/CAWPseudoTCPTransport.h"
 
 namespace ptcp {
@@ -235,7 +236,8 @@ void PtcpEngine::End(long reason) {
   connection_.Close(reason == 0, Now());
   port_->FlushBatch();
   LeavePort();
-  std::exchange(sink_, nullptr)->OnEnd(reason);
+  keelbase::internal::TellOwner(
+      [sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
 // --- sending ---

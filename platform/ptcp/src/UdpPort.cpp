@@ -266,8 +266,8 @@ void UdpPort::FlushBatch() {
   loop_.Buffers().GiveGather(std::move(batch_));
 }
 
-// False when the system takes no more for now. Any other failure is as if the packets were lost, also
-// ENOBUFS: the queue of a device is full while the socket says that it has room.
+// False when the system takes no more for now. Any other failure is as if the packets were lost,
+// also ENOBUFS: the queue of a device is full while the socket says that it has room.
 bool UdpPort::WriteBatch() {
   const Bytes all(reinterpret_cast<const std::uint8_t*>(batch_->data()), batchSize_);
   if (batchCount_ == 1 || offload_) {

@@ -11,6 +11,7 @@
 
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace sslutils::internal {
 
@@ -299,7 +300,7 @@ void TlsStream::End(long reason) {
   state_ = State::ended;
   ByteSink* const sink = std::exchange(sink_, nullptr);
   if (reason != 0) CloseNow();
-  sink->OnEnd(reason);
+  keelbase::internal::TellOwner([sink, reason] { sink->OnEnd(reason); });
 }
 
 void TlsStream::StopReading(bool stop) {

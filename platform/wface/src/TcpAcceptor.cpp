@@ -67,8 +67,10 @@ void TcpAcceptor::OnAccepted(FileDescriptor socket) {
   CAWAutoPtr<IAWTransport> transport;
   // Without memory, or when the client has gone already, only this connection is closed.
   const int error = MakeTransport(GetLoop(), std::move(socket), transport);
-  if (error == 0) return sink_->OnConnectIndication(0, transport.Get(), this);
-  if (error != ENOTCONN) keelbase::internal::TraceError("a client is refused", error);
+  if (error == 0)
+    keelbase::internal::TellOwner([&] { sink_->OnConnectIndication(0, transport.Get(), this); });
+  else if (error != ENOTCONN)
+    keelbase::internal::TraceError("a client is refused", error);
 }
 
 }  // namespace wface

@@ -11,6 +11,7 @@
 
 #include "TcpSocket.h"
 #include "TcpTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace wface {
 
@@ -131,7 +132,9 @@ void TcpConnector::Finish(int error) {
     if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), transport);
   }
   if (error == ENOTCONN) error = ECONNRESET;
-  std::exchange(sink_, nullptr)->OnConnectIndication(error, transport.Get(), this);
+  keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
+    sink->OnConnectIndication(error, transport.Get(), this);
+  });
 }
 
 }  // namespace wface

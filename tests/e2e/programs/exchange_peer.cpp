@@ -6,9 +6,9 @@
 // sends a few more and closes.
 //
 // Events: ready or start_failed; server: peer, refused {reason}, gone {reason, whole: the last
-// messages of the client were all there}, not_sent {reason}, listen_failed {reason}; client: up, down {reason}, done;
-// both: wrong {detail}.
-// Commands: stats; stop (closes; the client sends its last messages before), answered by stop.
+// messages of the client were all there}, not_sent {reason}, listen_failed {reason}; client: up,
+// down {reason}, done; both: wrong {detail}. Commands: stats; stop (closes; the client sends its
+// last messages before), answered by stop.
 #include <map>
 #include <memory>
 #include <string>
@@ -118,9 +118,7 @@ class Client final : private zarn::tool::ClientSink {
   void OnUp() override {
     sent_ = 0;
     received_ = {};
-    {
-      const Event told("up");
-    }
+    { const Event told("up"); }
     SendUpTo(kAnswered / 2);
   }
   void OnDown(long reason) override { Event("down").With("reason", reason); }

@@ -6,13 +6,10 @@
 //   ZARN_FAULT_REPORT a file; gets a line "failed NAME NUMBER" for the first that failed and, when
 //                     the process ends in order, "count NAME CALLS" for each
 //
-//   ZARN_FAULT_MEMORY set: memory that the libraries ask for counts as well, as "malloc": what they
-//                     and those below them allocate, not what the program itself does
 //
 // Left alone: what goes to the standard streams, waking a loop (an eventfd that can be written does
 // not fail) and taking a descriptor out of an epoll set (which does not fail either).
 #include <dlfcn.h>
-#include <execinfo.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
@@ -36,7 +33,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
 
 namespace {
 
@@ -67,8 +63,8 @@ void Report(const char* what, const char* name, unsigned long number) {
   if (path == nullptr) return;
   char line[64];
   const int length = std::snprintf(line, sizeof line, "%s %s %lu\n", what, name, number);
-  const long file = ::syscall(SYS_openat, AT_FDCWD, path,
-                              O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+  const long file =
+      ::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (file < 0) return;
   ::syscall(SYS_write, file, line, static_cast<std::size_t>(length));
   ::syscall(SYS_close, file);
@@ -129,76 +125,14 @@ void SetWaker(int fd, bool is) {
     wakers[static_cast<std::size_t>(fd)] = is;
 }
 
-// --- memory ---
-
-constexpr std::string_view kLibraries[] = {"/libkeelbase", "/libfipc", "/libfshmipc", "/libwface",
-                                           "/libptcp", "/libsslutils", "/libsslptcp",
-                                           "/libzarnutils", "/libssl.", "/libcrypto", "/libngtcp2"};
-
-// Who asks: the first on the stack that is one of the libraries or the program itself.
-bool IsAskedByLibrary() {
-  void* frames[12];
-  const int count = ::backtrace(frames, 12);
-  for (int i = 2; i < count; ++i) {
-    Dl_info info{};
-    if (::dladdr(frames[i], &info) == 0 || info.dli_fname == nullptr) continue;
-    const std::string_view file(info.dli_fname);
-    for (const std::string_view library : kLibraries)
-      if (file.find(library) != std::string_view::npos) return true;
-    if (file.find(".so") == std::string_view::npos) return false;
-  }
-  return false;
-}
-
-bool CountsMemory() {
-  static const bool does = [] {
-    void* frame;
-    ::backtrace(&frame, 1);  // allocates the first time
-    return std::getenv("ZARN_FAULT_MEMORY") != nullptr;
-  }();
-  return does;
-}
-
-__thread bool asking = false;
-
-bool MemoryFails() {
-  if (asking) return false;
-  asking = true;
-  static Call& call = *[] {
-    alignas(Call) static char room[sizeof(Call)];
-    return new (room) Call("malloc");
-  }();
-  const bool fails = CountsMemory() && IsAskedByLibrary() && call.Fails();
-  asking = false;
-  return fails;
-}
-
 }  // namespace
 
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* memory, std::size_t size);
-void* __libc_memalign(std::size_t alignment, std::size_t size);
-
-void* malloc(std::size_t size) { return MemoryFails() ? nullptr : __libc_malloc(size); }
-void* calloc(std::size_t count, std::size_t size) {
-  return MemoryFails() ? nullptr : __libc_calloc(count, size);
-}
-void* realloc(void* memory, std::size_t size) {
-  return MemoryFails() ? nullptr : __libc_realloc(memory, size);
-}
-void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  return MemoryFails() ? nullptr : __libc_memalign(alignment, size);
-}
-}
-
 // NAME(parameters) that calls the real one with (arguments), unless it fails and gives `failure`.
-#define FAILING(type, failure, name, parameters, arguments)   \
-  extern "C" type name parameters {                           \
-    static auto* const real = Real<type parameters>(#name);   \
-    static Call& call = *new Call(#name);                     \
-    return call.Fails() ? (failure) : real arguments;         \
+#define FAILING(type, failure, name, parameters, arguments) \
+  extern "C" type name parameters {                         \
+    static auto* const real = Real<type parameters>(#name); \
+    static Call& call = *new Call(#name);                   \
+    return call.Fails() ? (failure) : real arguments;       \
   }
 
 FAILING(int, -1, socket, (int domain, int kind, int protocol) noexcept, (domain, kind, protocol))
@@ -212,8 +146,7 @@ FAILING(int, -1, getsockname, (int fd, sockaddr* address, socklen_t* size) noexc
         (fd, address, size))
 FAILING(int, -1, getpeername, (int fd, sockaddr* address, socklen_t* size) noexcept,
         (fd, address, size))
-FAILING(int, -1, getsockopt,
-        (int fd, int level, int option, void* value, socklen_t* size) noexcept,
+FAILING(int, -1, getsockopt, (int fd, int level, int option, void* value, socklen_t* size) noexcept,
         (fd, level, option, value, size))
 FAILING(int, -1, setsockopt,
         (int fd, int level, int option, const void* value, socklen_t size) noexcept,
@@ -230,15 +163,14 @@ FAILING(int, -1, epoll_wait, (int epoll, epoll_event* events, int size, int time
 FAILING(int, -1, epoll_pwait2,
         (int epoll, epoll_event* events, int size, const timespec* timeout, const sigset_t* mask),
         (epoll, events, size, timeout, mask))
-FAILING(int, -1, poll, (pollfd* fds, nfds_t count, int timeout), (fds, count, timeout))
+FAILING(int, -1, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 FAILING(void*, MAP_FAILED, mmap,
         (void* place, std::size_t size, int protection, int flags, int fd, off_t offset) noexcept,
         (place, size, protection, flags, fd, offset))
 FAILING(int, -1, munmap, (void* place, std::size_t size) noexcept, (place, size))
 FAILING(int, -1, memfd_create, (const char* name, unsigned flags) noexcept, (name, flags))
 FAILING(int, -1, ftruncate, (int fd, off_t size) noexcept, (fd, size))
-FAILING(int, -1, fallocate, (int fd, int mode, off_t offset, off_t size),
-        (fd, mode, offset, size))
+FAILING(int, -1, fallocate, (int fd, int mode, off_t offset, off_t size), (fd, mode, offset, size))
 FAILING(int, -1, fstat, (int fd, struct stat* out) noexcept, (fd, out))
 FAILING(int, -1, stat, (const char* path, struct stat* out) noexcept, (path, out))
 FAILING(int, -1, lstat, (const char* path, struct stat* out) noexcept, (path, out))

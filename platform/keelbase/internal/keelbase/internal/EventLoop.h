@@ -195,7 +195,7 @@ class KEELBASE_API EventLoop {
   // Null once an event is taken out to be fired; a stop may leave others behind.
   alignas(kCacheLine) std::vector<IAWEvent*> firing_;
   LoopTask* runningTasks_ = nullptr;  // the first one first
-  bool ranPosted_ = false;             // in the last turn
+  bool ranPosted_ = false;            // in the last turn
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};

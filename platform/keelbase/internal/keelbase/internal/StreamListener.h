@@ -10,8 +10,8 @@
 namespace keelbase::internal {
 
 // Hands each accepted connection (non-blocking, close-on-exec) to a function on the loop's thread.
-// Out of descriptors or memory it says so once in the trace and pauses a tenth of a second at a time;
-// whoever waits then is accepted later. The function may destroy the listener.
+// Out of descriptors or memory it says so once in the trace and pauses a tenth of a second at a
+// time; whoever waits then is accepted later. The function may destroy the listener.
 class KEELBASE_API StreamListener final : private Watcher {
  public:
   using OnAccepted = std::function<void(FileDescriptor)>;
@@ -33,7 +33,7 @@ class KEELBASE_API StreamListener final : private Watcher {
   OnAccepted accepted_;
   FileDescriptor listening_;
   Timer pause_;
-  bool failing_ = false;        // since the last that was accepted
+  bool failing_ = false;       // since the last that was accepted
   bool* destroyed_ = nullptr;  // set while a function runs
 };
 

@@ -1,6 +1,7 @@
 // TraceError.h - tells the operator of a failure that no result code and no callback can carry.
 #pragma once
 
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <string_view>
@@ -22,6 +23,17 @@ inline void TraceError(std::string_view what, int error) noexcept {
   try {
     IAWTraceManager::Instance()->Trace(0, text.View());
   } catch (const std::bad_alloc&) {
+  }
+}
+
+// Calls an owner who is told of a connection for the first or last time. When he finds no memory
+// for that, the connection is his only as far as he took it: what he did not take is closed.
+template <class Upcall>
+void TellOwner(Upcall&& upcall) {
+  try {
+    upcall();
+  } catch (const std::bad_alloc&) {
+    TraceError("the owner of a connection could not take what he was told", ENOMEM);
   }
 }
 

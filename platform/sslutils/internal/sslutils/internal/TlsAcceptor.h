@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "keelbase/internal/LoopObject.h"
+#include "keelbase/internal/TraceError.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
@@ -123,7 +124,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
         reason = ENOMEM;
       }
     }
-    sink_->OnSSLConnected(reason, transport.Get());
+    keelbase::internal::TellOwner([&] { sink_->OnSSLConnected(reason, transport.Get()); });
   }
 
   const keelbase::CAWAutoPtr<typename Below::Acceptor> below_;
