@@ -27,15 +27,11 @@ leveldb::WriteOptions WriteOptionsWith(bool sync) {
 
 leveldb::Status Replace(leveldb::DB& database, const leveldb::Slice& key,
                         const leveldb::Slice& value) {
-  const leveldb::WriteOptions options;
   std::string before;
-  if (!database.Get(leveldb::ReadOptions(), key, &before).ok()) {
-    return database.Put(options, key, value);
-  }
   leveldb::WriteBatch batch;
-  batch.Delete(key);
+  if (database.Get(leveldb::ReadOptions(), key, &before).ok()) batch.Delete(key);
   batch.Put(key, value);
-  return database.Write(options, &batch);
+  return database.Write(leveldb::WriteOptions(), &batch);
 }
 
 }  // namespace
@@ -92,8 +88,9 @@ int CZARNLevelDBManager::DBLookup(char* key, unsigned long keyLen, std::string* 
 int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
   return RunWrite([&](leveldb::DB& database) {
-    return database.Put(WriteOptionsWith(syncWrites_), leveldb::Slice(key, keyLen),
-                        leveldb::Slice(value, valueLen));
+    leveldb::WriteBatch batch;  // one of LevelDB's own would leak, see above
+    batch.Put(leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
+    return database.Write(WriteOptionsWith(syncWrites_), &batch);
   });
 }
 
@@ -108,7 +105,9 @@ int CZARNLevelDBManager::DBUpdate(char* key, unsigned long keyLen, char* value,
 int CZARNLevelDBManager::DBRemove(char* key, unsigned long keyLen) {
   if (database_ == nullptr) return kFailed;
   return RunWrite([&](leveldb::DB& database) {
-    return database.Delete(WriteOptionsWith(syncWrites_), leveldb::Slice(key, keyLen));
+    leveldb::WriteBatch batch;
+    batch.Delete(leveldb::Slice(key, keyLen));
+    return database.Write(WriteOptionsWith(syncWrites_), &batch);
   });
 }
 

@@ -178,9 +178,11 @@ AWResult ZARNEnableMetrics() try {
   return AW_ERROR_FAILURE;
 }
 
-AWResult ZARNDisableMetrics() {
+AWResult ZARNDisableMetrics() try {
   TheService::Instance()->Stop();
   return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 }  // namespace zarn::utils

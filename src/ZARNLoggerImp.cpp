@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <new>
 
 #include "LogExpansion.h"
 #include "WallClock.h"
@@ -121,7 +122,7 @@ void ZARNLoggerImp::printV(const char* level, std::FILE* stream, const char* fil
   errno = error;
 }
 
-keelbase::AWResult InitZARNLogger(bool debug, bool toStdout) {
+keelbase::AWResult InitZARNLogger(bool debug, bool toStdout) try {
   const keelbase::CAWString home = keelbase::GetBinHomePath();
   if (home.empty()) return keelbase::AW_ERROR_FAILURE;
   const keelbase::CAWString directory = home + "/logs/";
@@ -140,6 +141,8 @@ keelbase::AWResult InitZARNLogger(bool debug, bool toStdout) {
   debug ? logger->enableDebug() : logger->disableDebug();
   toStdout ? logger->enableStdout() : logger->disableStdout();
   return keelbase::AW_OK;
+} catch (const std::bad_alloc&) {
+  return keelbase::AW_ERROR_FAILURE;
 }
 
 namespace detail {

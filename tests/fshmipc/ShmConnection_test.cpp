@@ -1,5 +1,7 @@
 // ShmConnection_test.cpp - a connection whose peer is played by the test: what it puts into the
 // shared memory and onto the socket, and when it sleeps.
+#include "ShmConnection.h"
+
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -12,6 +14,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "RawPeer.h"
 #include "keelbase/internal/TimerQueue.h"
@@ -63,6 +66,29 @@ double SecondsUsedWhileIdle() {
   end.Start(std::chrono::milliseconds(500), 1, [] { Network().Stop(); });
   EXPECT_EQ(Network().Run(), AW_OK);
   return ProcessorSeconds() - before;
+}
+
+// --- a system that fails ---
+
+struct EndSink final : keelbase::internal::StreamSocketSink {
+  void OnBytes(CAWMessageBlock&) override { ADD_FAILURE(); }
+  void OnRoom() override { ADD_FAILURE(); }
+  void OnEnd(long why) override { reason = why; }
+  long reason = -1;
+};
+
+TEST(ShmConnection, ThatCannotBeWatchedIsOpenedAndThenEndsWithTheReason) {
+  ShmSegment segment;
+  keelbase::internal::FileDescriptor memory;
+  ASSERT_EQ(segment.Create(kLeastShmRing, memory), 0);
+  const keelbase::CAWAutoPtr<ShmConnection> connection(new ShmConnection(
+      Network().GetLoop(), {}, std::move(segment), ShmConnection::Side::connector));
+  EndSink sink;
+  EXPECT_EQ(connection->Open(&sink), AW_OK);
+  EXPECT_EQ(sink.reason, -1);
+  RunReady();
+  EXPECT_EQ(sink.reason, EBADF);
+  connection->Disconnect();
 }
 
 // --- positions that make no sense ---

@@ -14,6 +14,7 @@
 
 #include "DescriptorShortage.h"
 #include "LoopThread.h"
+#include "TraceLines.h"
 #include "keelbase/internal/ManualClock.h"
 
 namespace keelbase::internal {
@@ -81,6 +82,7 @@ TEST(StreamListener, FunctionMayDestroyIt) {
 
 TEST(StreamListener, PausesWithoutDescriptorsAndGoesOn) {
   WithLoop([](EventLoop& loop) {
+    const zarn::test::TraceLines trace;
     ManualClock clock;
     Crowd crowd;
     int accepted = 0;
@@ -100,6 +102,7 @@ TEST(StreamListener, PausesWithoutDescriptorsAndGoesOn) {
     clock.Advance(std::chrono::milliseconds(100));
     loop.RunReady();
     EXPECT_EQ(accepted, 2);
+    EXPECT_EQ(trace.Get().size(), 1U);  // it says so once
   });
 }
 

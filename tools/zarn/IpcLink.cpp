@@ -20,7 +20,7 @@ struct LocalIpc {
   using Transport = fipc::IAWIPCTransport;
   using TransportParameter = fipc::CAWIPCTransportParameter;
 
-  static void Prepare() {}
+  static keelbase::AWResult Prepare() { return keelbase::AW_OK; }
   static std::string Explain(long /*reason*/) { return {}; }
   static std::string DescribePeer(const Server& server) {
     const std::string& path = server.GetPeerAddr().GetPath();

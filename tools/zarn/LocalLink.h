@@ -6,7 +6,7 @@
 //   Server, Transport                     an accepted channel, and what it is made from
 //   Listener(accepted, failed)            with Start(Pair) and Stop()
 //   DescribePeer(server)                  what the peer claims to be called, any bytes
-//   Prepare()                             before anything else
+//   Prepare()                             before anything else, a result code
 //   Explain(reason)                       more reasons than all know; empty for others
 #pragma once
 
@@ -26,6 +26,14 @@
 #include "keelbase/CAWTransport.h"
 
 namespace zarn::tool {
+
+// Says what is wrong, else nothing.
+template <class Over>
+std::string PrepareLink() {
+  if (std::string problem = CheckRoot(); !problem.empty()) return problem;
+  if (Over::Prepare() == keelbase::AW_OK) return {};
+  return "the system directory of the install root cannot be found";
+}
 
 // The channel, with its events passed on.
 template <class Over>
@@ -81,8 +89,7 @@ class LocalClient final : public ClientLink {
   LocalClient(Pair peer, Pair own, ClientSink& sink) : peer_(peer), own_(own), channel_(sink) {}
 
   std::string Start() override {
-    if (std::string problem = CheckRoot(); !problem.empty()) return problem;
-    Over::Prepare();
+    if (std::string problem = PrepareLink<Over>(); !problem.empty()) return problem;
     path_ = GetEndpointDirectory(Over::kScheme) + "/" + ToText(peer_);
     const keelbase::AWResult result =
         channel_.Init(own_.first, own_.second, peer_.first, peer_.second);
@@ -176,8 +183,7 @@ class LocalServer final : public ServerLink {
   ~LocalServer() override { Stop(); }
 
   std::string Start() override {
-    if (std::string problem = CheckRoot(); !problem.empty()) return problem;
-    Over::Prepare();
+    if (std::string problem = PrepareLink<Over>(); !problem.empty()) return problem;
     path_ = GetEndpointDirectory(Over::kScheme) + "/" + ToText(own_);
     const keelbase::AWResult result = listener_.Start(own_);
     return result == keelbase::AW_OK ? std::string() : Explain(static_cast<long>(result));

@@ -20,7 +20,7 @@ struct SharedMemory {
   using Transport = fshmipc::IAWShmIPCTransport;
   using TransportParameter = fshmipc::CAWShmIPCTransportParameter;
 
-  static void Prepare() { utils::ZARNLibInit(); }
+  static keelbase::AWResult Prepare() { return utils::ZARNLibInit(); }
   static std::string Explain(long reason) {
     if (reason == EPROTONOSUPPORT) return "the peer's shared memory is of another version";
     if (reason == ENOMEM || reason == ENOSPC) return "no memory for the connection's rings";

@@ -32,7 +32,7 @@ AWResult IPCAcceptor::SetOption(int code, void* value) {
   return AW_OK;
 }
 
-AWResult IPCAcceptor::StartListen(IAWIPCAcceptorConnectorSink* sink, const CAWIPCAddr& addr) {
+AWResult IPCAcceptor::StartListen(IAWIPCAcceptorConnectorSink* sink, const CAWIPCAddr& addr) try {
   if (sink == nullptr) return AW_ERROR_FAILURE;
   AWResult result = AW_ERROR_FAILURE;
   GetLoop().Call([&] {
@@ -42,6 +42,8 @@ AWResult IPCAcceptor::StartListen(IAWIPCAcceptorConnectorSink* sink, const CAWIP
     if (result == AW_OK) sink_ = sink;
   });
   return result;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult IPCAcceptor::StopListen() {

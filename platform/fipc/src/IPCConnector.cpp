@@ -7,6 +7,7 @@
 
 #include "ClientName.h"
 #include "IPCTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace fipc {
 
@@ -70,7 +71,9 @@ void IPCConnector::OnDialled(int error, FileDescriptor socket,
       error = ENOMEM;
     }
   }
-  std::exchange(sink_, nullptr)->OnIPCConnectIndication(error, transport.Get(), this);
+  keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
+    sink->OnIPCConnectIndication(error, transport.Get(), this);
+  });
 }
 
 }  // namespace fipc

@@ -1,6 +1,7 @@
 // IPCTransport.cpp - see IPCTransport.h.
 #include "IPCTransport.h"
 
+#include <new>
 #include <utility>
 
 namespace fipc {
@@ -19,7 +20,7 @@ IPCTransport::IPCTransport(keelbase::internal::EventLoop& loop,
       peer_(std::move(peer)),
       credentials_(credentials) {}
 
-AWResult IPCTransport::GetOption(int code, void* value) {
+AWResult IPCTransport::GetOption(int code, void* value) try {
   if (value == nullptr) return AW_ERROR_FAILURE;
   switch (code) {
     case keelbase::AW_OPT_LOCAL_ADDRESS:
@@ -34,6 +35,8 @@ AWResult IPCTransport::GetOption(int code, void* value) {
     default:
       return GetEngine().GetOption(code, value);
   }
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult IPCTransport::SetOption(int code, void* value) {

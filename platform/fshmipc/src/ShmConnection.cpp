@@ -10,6 +10,8 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
+
 namespace fshmipc {
 
 using keelbase::AW_ERROR_FAILURE;
@@ -55,11 +57,11 @@ void ShmConnection::OnReferenceDestory() {
 AWResult ShmConnection::Open(keelbase::internal::StreamSocketSink* sink) {
   loop_.CheckCurrent("a transport's OpenWithSink");
   if (sink == nullptr || state_ != State::fresh) return AW_ERROR_FAILURE;
-  if (loop_.Watch(socket_.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, *this) != 0)
-    return AW_ERROR_FAILURE;
-  watched_ = true;
   sink_ = sink;
   state_ = State::open;
+  const int error = loop_.Watch(socket_.Get(), EPOLLIN | EPOLLRDHUP | EPOLLET, *this);
+  watched_ = error == 0;
+  if (error != 0) Failed(error);
   KeepPolling();
   return AW_OK;
 }
@@ -70,7 +72,7 @@ void ShmConnection::OnReady(std::uint32_t events) {
   const CAWAutoPtr<ShmConnection> alive(this);
   if (state_ == State::lingering) return WriteLingering();
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
-    ReadRest();
+    ReadRest(0);
   } else {
     KeepPolling();  // in this very turn
   }
@@ -93,7 +95,18 @@ void ShmConnection::StopPolling() {
   if (std::exchange(polled_, false)) loop_.StopPolling(*this);
 }
 
+// The end is told by the next poll, never from inside a call of the owner.
+void ShmConnection::Failed(int error) {
+  if (failure_ == 0) failure_ = error;
+  if (state_ == State::open) KeepPolling();
+}
+
 bool ShmConnection::Poll() {
+  if (failure_ != 0) {
+    const CAWAutoPtr<ShmConnection> alive(this);
+    ReadRest(failure_);
+    return true;
+  }
   const bool input = reading_ && (reader_.Available() != 0 || reader_.IsBroken());
   if (!input && !roomWanted_ && !writer_.IsBroken()) return false;
   const CAWAutoPtr<ShmConnection> alive(this);
@@ -106,9 +119,9 @@ bool ShmConnection::Poll() {
 
 bool ShmConnection::Arm() {
   if (++asks_ > kAsksPerDrain) DrainSocket();
-  const bool work =
-      state_ == State::open && (writer_.IsBroken() || (roomWanted_ && !writer_.WaitForRoom()) ||
-                                (reading_ && !reader_.Sleep()));
+  const bool work = state_ == State::open &&
+                    (failure_ != 0 || writer_.IsBroken() ||
+                     (roomWanted_ && !writer_.WaitForRoom()) || (reading_ && !reader_.Sleep()));
   if (!work) polled_ = false;
   return !work;
 }
@@ -136,9 +149,9 @@ bool ShmConnection::ReadOnce() {
   return true;
 }
 
-// The peer is gone: what it has left is delivered, also to an owner who had stopped reading, and
-// then the end. A ring at most, in case somebody goes on writing all the same.
-void ShmConnection::ReadRest() {
+// The peer is gone, or we have failed: what it has left is delivered, also to an owner who had
+// stopped reading, and then the end. A ring at most, in case somebody goes on writing all the same.
+void ShmConnection::ReadRest(int failure) {
   std::size_t left = reader_.Size();
   while (state_ == State::open && left != 0) {
     const std::uint64_t before = counters_.bytesReceived;
@@ -146,6 +159,7 @@ void ShmConnection::ReadRest() {
     left -= std::min<std::size_t>(left, counters_.bytesReceived - before);
   }
   if (state_ != State::open) return;  // closed by its owner: the memory may be gone
+  if (failure != 0) return End(failure);
   End(reader_.HasEnded() ? 0 : ECONNRESET);
 }
 
@@ -172,7 +186,8 @@ void ShmConnection::End(long reason) {
   state_ = State::ended;
   StopPolling();
   if (std::exchange(watched_, false)) loop_.Unwatch(socket_.Get(), *this);
-  std::exchange(sink_, nullptr)->OnEnd(reason);
+  keelbase::internal::TellOwner(
+      [sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
 // --- sending ---
@@ -206,13 +221,8 @@ std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
   counters_.bytesSent += written;
   if (writer_.Unpublished() >= kPublishSize) {
     Publish();
-  } else if (written != 0 && !dirty_) {
-    try {
-      loop_.AtTurnEnd(*this);
-      dirty_ = true;
-    } catch (const std::bad_alloc&) {
-      Publish();  // nobody would do it later
-    }
+  } else if (written != 0 && !std::exchange(dirty_, true)) {
+    loop_.AtTurnEnd(*this);
   }
   return written;
 }
@@ -227,9 +237,16 @@ void ShmConnection::Publish() {
 }
 
 // A full socket means that the peer has more wake-ups than it can need: it looks before it sleeps.
+// One that cannot be woken would sleep for ever. That it is gone is seen by its socket's end, after
+// what it has left.
 void ShmConnection::WakePeer() {
   ++counters_.systemCallsSent;
-  ::send(socket_.Get(), "", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+  ssize_t sent;
+  do {
+    sent = ::send(socket_.Get(), "", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+  } while (sent < 0 && errno == EINTR);
+  if (sent >= 0 || errno == EAGAIN || errno == EPIPE || errno == ECONNRESET) return;
+  Failed(errno);
 }
 
 // --- closing ---
@@ -250,8 +267,8 @@ void ShmConnection::Disconnect() {
 void ShmConnection::BeginLinger() {
   self_ = this;
   lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
-  loop_.BeginLinger(*this);
   try {
+    loop_.BeginLinger(*this);
     lingerTimer_ = std::make_unique<Timer>(loop_);
     lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
   } catch (const std::bad_alloc&) {

@@ -56,7 +56,7 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
   void DrainSocket();
 
   bool ReadOnce();
-  void ReadRest();
+  void ReadRest(int failure);
   void StopReading(bool stop);
   bool TellRoom();
   void End(long reason);
@@ -64,6 +64,7 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
   std::size_t Write(const keelbase::CAWMessageBlock& chain);
   void Publish();
   void WakePeer();
+  void Failed(int error);
   void Leave();
   keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   bool WriteLingerData();
@@ -83,6 +84,7 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
   bool roomWanted_ = false;  // 10013 was answered
   bool dirty_ = false;       // OnTurnEnd is due
   std::uint32_t asks_ = 0;   // to be woken, since what came was read off
+  int failure_ = 0;          // why we cannot go on
   std::size_t readSize_ = keelbase::internal::kReadSize;
 
   std::uint32_t lingerMs_ = 2000;

@@ -9,6 +9,7 @@
 #include "ShmEndpoint.h"
 #include "ShmIPCTransport.h"
 #include "keelbase/CAWFile.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {
 
@@ -36,15 +37,16 @@ class ShmIPCAcceptor::Guest final : private keelbase::internal::Watcher {
     if (watched_) host_.GetLoop().Unwatch(socket_.Get(), *this);
   }
 
-  // False: it cannot be waited for.
-  bool Wait() {
+  // An errno value: it cannot be waited for.
+  int Wait() {
     try {
       timeLimit_.Start(kGreetingTime, 1, [this] { host_.Dismiss(*this); });
     } catch (const std::bad_alloc&) {
-      return false;
+      return ENOMEM;
     }
-    watched_ = host_.GetLoop().Watch(socket_.Get(), EPOLLIN, *this) == 0;
-    return watched_;
+    const int error = host_.GetLoop().Watch(socket_.Get(), EPOLLIN, *this);
+    watched_ = error == 0;
+    return error;
   }
 
   int GetSocket() const { return socket_.Get(); }
@@ -89,7 +91,7 @@ AWResult ShmIPCAcceptor::SetOption(int code, void* value) {
 }
 
 AWResult ShmIPCAcceptor::StartListen(IAWShmIPCAcceptorConnectorSink* sink,
-                                     const CAWShmIPCAddr& addr) {
+                                     const CAWShmIPCAddr& addr) try {
   if (sink == nullptr) return AW_ERROR_FAILURE;
   const std::string path = EndpointFileOf(systemPath_.Get(), addr);
   if (path.empty()) return AW_ERROR_FAILURE;
@@ -102,6 +104,8 @@ AWResult ShmIPCAcceptor::StartListen(IAWShmIPCAcceptorConnectorSink* sink,
     if (result == AW_OK) sink_ = sink;
   });
   return result;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult ShmIPCAcceptor::StopListen() {
@@ -124,7 +128,10 @@ void ShmIPCAcceptor::OnFailed(int error) {
 void ShmIPCAcceptor::OnAccepted(FileDescriptor socket, const CAWPeerCredentials& credentials) {
   try {
     Guest& guest = guests_.emplace_back(*this, std::move(socket), credentials);
-    if (!guest.Wait()) guests_.pop_back();
+    if (const int error = guest.Wait(); error != 0) {
+      keelbase::internal::TraceError("a client over shared memory is refused", error);
+      guests_.pop_back();
+    }
   } catch (const std::bad_alloc&) {
   }
 }

@@ -9,6 +9,7 @@
 #include "ShmEndpoint.h"
 #include "ShmGreeting.h"
 #include "ShmIPCTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {
 
@@ -114,7 +115,8 @@ void ShmIPCConnector::Finish(int error) {
   }
   IAWShmIPCAcceptorConnectorSink* sink = sink_;
   Stop();
-  sink->OnShmIPCConnectIndication(error, transport.Get(), this);
+  keelbase::internal::TellOwner(
+      [&] { sink->OnShmIPCConnectIndication(error, transport.Get(), this); });
 }
 
 }  // namespace fshmipc

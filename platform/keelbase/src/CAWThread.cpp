@@ -1,6 +1,8 @@
 // CAWThread.cpp - see CAWThread.h.
 #include "keelbase/CAWThread.h"
 
+#include <new>
+
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/FunctionEvent.h"
 
@@ -21,11 +23,13 @@ bool CAWThread::IsCurrent() const { return loop_->IsCurrent(); }
 
 void CAWThread::SetSpin(std::uint32_t microseconds) { loop_->SetSpin(microseconds); }
 
-AWResult CAWThread::Post(std::function<void()> function) {
+AWResult CAWThread::Post(std::function<void()> function) try {
   return queue_.Post(new internal::FunctionEvent(std::move(function)));
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
-void CAWThread::RunThere(const std::function<void()>& function) { loop_->Call(function); }
+void CAWThread::RunThere(const std::function<void()>& function) { loop_->RunThere(function); }
 
 bool CAWThread::TEST_RunReady() { return loop_->RunReady(); }
 

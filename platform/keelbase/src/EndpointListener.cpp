@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "keelbase/internal/PeerCheck.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace keelbase::internal {
 
@@ -18,11 +19,16 @@ EndpointListener::EndpointListener(EventLoop& loop, OnAccepted accepted, OnFaile
     : loop_(loop), accepted_(std::move(accepted)), failed_(std::move(failed)), retry_(loop) {}
 
 int EndpointListener::Start(const std::string& path) {
-  path_ = path;
-  const int error = Listen();
-  if (error == EWOULDBLOCK) {
-    retry_.Start(kLockPause, 0, [this] { Retry(); });
-    return 0;
+  int error = 0;
+  try {
+    path_ = path;
+    error = Listen();
+    if (error == EWOULDBLOCK) {
+      retry_.Start(kLockPause, 0, [this] { Retry(); });
+      return 0;
+    }
+  } catch (const std::bad_alloc&) {
+    error = ENOMEM;
   }
   if (error != 0) Stop();
   return error;
@@ -40,8 +46,9 @@ int EndpointListener::Listen() {
     if (const int error = file_.Listen(EndpointPath(path_), listening); error != 0) return error;
     listener_.emplace(loop_, [this](FileDescriptor socket) {
       CAWPeerCredentials credentials;
-      if (CheckPeer(socket.Get(), allowAnyUser_, credentials) == 0)
-        accepted_(std::move(socket), credentials);
+      const int error = CheckPeer(socket.Get(), allowAnyUser_, credentials);
+      if (error == 0) return accepted_(std::move(socket), credentials);
+      if (error != EACCES) TraceError("a client cannot be told from others and is refused", error);
     });
     return listener_->Start(std::move(listening));
   } catch (const std::bad_alloc&) {

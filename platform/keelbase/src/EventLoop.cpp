@@ -227,7 +227,7 @@ std::int64_t EventLoop::SleepTime() const {
 bool EventLoop::PrepareSleep() {
   if (!ArmPollers()) return false;
   const MutexLock lock(mutex_);
-  sleeping_ = posted_.empty() && !stop_.load(std::memory_order_acquire);
+  sleeping_ = posted_.empty() && tasks_ == nullptr && !stop_.load(std::memory_order_acquire);
   return sleeping_;
 }
 
@@ -242,6 +242,16 @@ void EventLoop::WakeForTimer() {
 }
 
 // --- events ---
+
+LoopTask* EventLoop::Reversed(LoopTask* list) {
+  LoopTask* reversed = nullptr;
+  while (list != nullptr) list = std::exchange(list->nextTask, std::exchange(reversed, list));
+  return reversed;
+}
+
+void EventLoop::Drop(LoopTask* list) {
+  while (list != nullptr) std::exchange(list, list->nextTask)->OnDropped();
+}
 
 AWResult EventLoop::Post(IAWEvent* event) {
   if (event == nullptr) return AW_ERROR_FAILURE;
@@ -266,10 +276,38 @@ AWResult EventLoop::Post(IAWEvent* event) {
   return taken ? AW_OK : AW_ERROR_FAILURE;
 }
 
+bool EventLoop::PostTask(LoopTask& task) {
+  bool wake = false;
+  {
+    const MutexLock lock(mutex_);
+    if (closed_) return false;
+    task.nextTask = std::exchange(tasks_, &task);
+    hasPosted_.store(true, std::memory_order_release);
+    wake = std::exchange(sleeping_, false);
+  }
+  if (wake) Wake();
+  return true;
+}
+
+// After the events that were posted before them.
+bool EventLoop::RunTasks() {
+  bool any = false;
+  while (runningTasks_ != nullptr && !IsStopping()) {
+    LoopTask& task = *runningTasks_;
+    runningTasks_ = task.nextTask;
+    task.OnLoopTask();
+    any = true;
+  }
+  return any;
+}
+
 bool EventLoop::RunPosted() {
   {
     const MutexLock lock(mutex_);
     firing_.swap(posted_);
+    LoopTask** end = &runningTasks_;
+    while (*end != nullptr) end = &(*end)->nextTask;
+    *end = Reversed(std::exchange(tasks_, nullptr));
     hasPosted_.store(false, std::memory_order_relaxed);
   }
   std::size_t fired = 0;
@@ -284,7 +322,7 @@ bool EventLoop::RunPosted() {
   }
   firing_.erase(firing_.begin(), firing_.begin() + static_cast<std::ptrdiff_t>(fired));
   ranPosted_ = true;
-  return fired != 0;
+  return RunTasks() || fired != 0;
 }
 
 bool EventLoop::RunTimers() {
@@ -298,12 +336,16 @@ void EventLoop::DropPosted() {
   std::vector<IAWEvent*> left;
   std::vector<IAWEvent*> dropped;
   left.swap(firing_);
+  LoopTask* tasks = nullptr;
   {
     const MutexLock lock(mutex_);
     closed_ = true;
     dropped.swap(posted_);
+    tasks = std::exchange(tasks_, nullptr);
     hasPosted_.store(false, std::memory_order_relaxed);
   }
+  Drop(std::exchange(runningTasks_, nullptr));
+  Drop(Reversed(tasks));
   for (IAWEvent* event : left) {
     if (event != nullptr) event->OnDestorySelf();
   }
@@ -382,18 +424,26 @@ void EventLoop::StopPolling(Poller& poller) {
 // --- turn's end ---
 
 void EventLoop::FlushTurn() {
-  while (!turnEnd_.empty()) {
-    flushing_.swap(turnEnd_);
-    for (TurnEndTask* const& task : flushing_) {
-      if (task != nullptr) task->OnTurnEnd();  // null: dropped by one before it
-    }
-    flushing_.clear();
+  while (firstAtTurnEnd_ != nullptr) {
+    TurnEndTask& task = *firstAtTurnEnd_;
+    DropTurnEnd(task);
+    task.OnTurnEnd();
   }
 }
 
+void EventLoop::AtTurnEnd(TurnEndTask& task) {
+  task.earlierAtTurnEnd = lastAtTurnEnd_;
+  (lastAtTurnEnd_ != nullptr ? lastAtTurnEnd_->laterAtTurnEnd : firstAtTurnEnd_) = &task;
+  lastAtTurnEnd_ = &task;
+}
+
 void EventLoop::DropTurnEnd(TurnEndTask& task) {
-  std::replace(flushing_.begin(), flushing_.end(), &task, static_cast<TurnEndTask*>(nullptr));
-  turnEnd_.erase(std::remove(turnEnd_.begin(), turnEnd_.end(), &task), turnEnd_.end());
+  if (task.earlierAtTurnEnd == nullptr && firstAtTurnEnd_ != &task) return;
+  (task.earlierAtTurnEnd != nullptr ? task.earlierAtTurnEnd->laterAtTurnEnd : firstAtTurnEnd_) =
+      task.laterAtTurnEnd;
+  (task.laterAtTurnEnd != nullptr ? task.laterAtTurnEnd->earlierAtTurnEnd : lastAtTurnEnd_) =
+      task.earlierAtTurnEnd;
+  task.earlierAtTurnEnd = task.laterAtTurnEnd = nullptr;
 }
 
 // --- lingers ---

@@ -1,8 +1,6 @@
 // LoopCall.cpp - EventLoop::Call: work that is done on the loop's thread while the caller waits.
 #include <condition_variable>
 #include <exception>
-#include <memory>
-#include <utility>
 
 #include "keelbase/internal/EventLoop.h"
 
@@ -10,20 +8,24 @@ namespace keelbase::internal {
 
 namespace {
 
-// Where a caller of Call waits. Also told when the event is dropped without having been fired.
-class CallState {
+// Stands on the stack of the caller, who leaves once it is finished.
+class WaitingCall final : public LoopTask {
  public:
-  enum class Outcome { waiting, done, dropped };
+  explicit WaitingCall(const std::function<void()>& function) : function_(function) {}
 
-  void Finish(Outcome outcome, std::exception_ptr error = nullptr) {
-    const MutexLock lock(mutex_);
-    if (outcome_ != Outcome::waiting) return;
-    outcome_ = outcome;
-    error_ = std::move(error);
-    finished_.notify_one();
+  void OnLoopTask() override {
+    std::exception_ptr error;
+    try {
+      function_();
+    } catch (...) {
+      error = std::current_exception();
+    }
+    Finish(Outcome::done, error);
   }
+  void OnDropped() override { Finish(Outcome::dropped, nullptr); }
 
-  bool WaitDone() {
+  // False when it was dropped. Throws what the function has thrown.
+  bool Wait() {
     MutexLock lock(mutex_);
     while (outcome_ == Outcome::waiting) lock.Wait(finished_);
     if (error_) std::rethrow_exception(error_);
@@ -31,41 +33,29 @@ class CallState {
   }
 
  private:
+  enum class Outcome { waiting, done, dropped };
+
+  // Under the lock to the end, or the caller could be gone by then.
+  void Finish(Outcome outcome, const std::exception_ptr& error) {
+    const MutexLock lock(mutex_);
+    outcome_ = outcome;
+    error_ = error;
+    finished_.notify_one();
+  }
+
+  const std::function<void()>& function_;
   Mutex mutex_;
   std::condition_variable finished_;
   Outcome outcome_ AW_GUARDED_BY(mutex_) = Outcome::waiting;
   std::exception_ptr error_ AW_GUARDED_BY(mutex_);
 };
 
-class CallEvent final : public IAWEvent {
- public:
-  CallEvent(const std::function<void()>& function, std::shared_ptr<CallState> state)
-      : function_(function), state_(std::move(state)) {}
-  ~CallEvent() override { state_->Finish(CallState::Outcome::dropped); }
-
-  AWResult OnEventFire() override {
-    std::exception_ptr error;
-    try {
-      function_();
-    } catch (...) {
-      error = std::current_exception();
-    }
-    state_->Finish(CallState::Outcome::done, std::move(error));
-    return AW_OK;
-  }
-
- private:
-  const std::function<void()>& function_;  // the caller waits, so it lives
-  std::shared_ptr<CallState> state_;
-};
-
 }  // namespace
 
-void EventLoop::Call(const std::function<void()>& function) {
+void EventLoop::RunThere(const std::function<void()>& function) {
   if (IsCurrent()) return function();
-  const auto state = std::make_shared<CallState>();
-  Post(new CallEvent(function, state));
-  if (!state->WaitDone()) function();
+  WaitingCall call(function);
+  if (!PostTask(call) || !call.Wait()) function();
 }
 
 }  // namespace keelbase::internal

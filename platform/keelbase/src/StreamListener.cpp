@@ -5,7 +5,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <new>
 #include <utility>
+
+#include "keelbase/internal/TraceError.h"
 
 namespace keelbase::internal {
 
@@ -39,23 +42,34 @@ int StreamListener::Start(FileDescriptor listening) {
 void StreamListener::OnReady(std::uint32_t /*events*/) {
   bool destroyed = false;
   destroyed_ = &destroyed;
+  int aborted = 0;
   for (int i = 0; i < kAcceptsPerTurn; ++i) {
     FileDescriptor accepted(
         ::accept4(listening_.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (accepted) {
+      failing_ = false;
       accepted_(std::move(accepted));
       if (destroyed) return;
-    } else if (!IsOfConnection(errno)) {
-      if (errno != EAGAIN && errno != EWOULDBLOCK) Pause();
+    } else if (!IsOfConnection(errno) || ++aborted == kAcceptsPerTurn) {
+      if (errno != EAGAIN && errno != EWOULDBLOCK) Pause(errno);
       break;
     }
   }
   destroyed_ = nullptr;
 }
 
-void StreamListener::Pause() {
+void StreamListener::Pause(int error) {
+  if (!std::exchange(failing_, true)) TraceError("no connection is accepted for now", error);
   loop_.Change(listening_.Get(), 0, *this);
-  pause_.Start(kPause, 1, [this] { loop_.Change(listening_.Get(), EPOLLIN, *this); });
+  try {
+    pause_.Start(kPause, 1, [this] { Resume(); });
+  } catch (const std::bad_alloc&) {
+    Resume();
+  }
+}
+
+void StreamListener::Resume() {
+  if (const int error = loop_.Change(listening_.Get(), EPOLLIN, *this); error != 0) Pause(error);
 }
 
 }  // namespace keelbase::internal

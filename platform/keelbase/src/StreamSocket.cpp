@@ -9,6 +9,8 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
+
 namespace keelbase::internal {
 
 namespace {
@@ -187,7 +189,7 @@ void StreamSocket::End(long reason) {
   state_ = State::ended;
   blocked_ = false;
   if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
-  std::exchange(sink_, nullptr)->OnEnd(reason);
+  TellOwner([sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
 void StreamSocket::StopReading(bool stop) {
@@ -306,8 +308,8 @@ void StreamSocket::Disconnect() {
   if (writeError_ != 0 || !HasOutput() || lingerMs_ == 0) return CloseNow();
   self_ = this;
   lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
-  loop_.BeginLinger(*this);
   try {
+    loop_.BeginLinger(*this);
     lingerTimer_ = std::make_unique<Timer>(loop_);
     lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
   } catch (const std::bad_alloc&) {

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "keelbase/internal/Clock.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace ptcp {
 
@@ -21,8 +22,11 @@ Time Now() {
 // Fails on no kernel that has it for so few bytes; whoever sees zeroes has no connection, no more.
 void FillWithRandom(std::uint8_t* out, std::size_t length) {
   std::memset(out, 0, length);
-  while (::getrandom(out, length, 0) < 0 && errno == EINTR) {
-  }
+  ssize_t count;
+  do {
+    count = ::getrandom(out, length, 0);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) keelbase::internal::TraceError("no random numbers", errno);
 }
 
 PacketKey RandomKey() {

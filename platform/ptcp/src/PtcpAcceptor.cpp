@@ -113,8 +113,12 @@ void PtcpAcceptor::Admit(const Path& from, const InitialHeader& initial,
   const CAWAutoPtr<PtcpEngine> engine(new PtcpEngine(GetLoop(), port_, from));
   PtcpEngine* const key = engine.Get();
   halfOpen_.emplace(key, engine);
-  const bool begun = engine->Accept(initial, original, datagram,
-                                    [this, key](int error) { OnHandshake(key, error); });
+  bool begun = false;
+  try {
+    begun = engine->Accept(initial, original, datagram,
+                           [this, key](int error) { OnHandshake(key, error); });
+  } catch (const std::bad_alloc&) {
+  }
   if (begun) return;
   halfOpen_.erase(key);
   engine->Abort();

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "PtcpTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace ptcp {
 
@@ -84,7 +85,9 @@ void PtcpConnector::Finish(int error) {
   }
   if (error != 0 && engine) engine->Abort();
   port_ = nullptr;
-  std::exchange(sink_, nullptr)->OnConnectIndication(error, transport.Get(), this);
+  keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
+    sink->OnConnectIndication(error, transport.Get(), this);
+  });
 }
 
 }  // namespace ptcp

@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
 #include "ptcp/CAWPseudoTCPTransport.h"
 
 namespace ptcp {
@@ -145,11 +146,19 @@ void PtcpEngine::OnTurnEnd() {
 
 void PtcpEngine::Flush() {
   if (!onPort_) return;
-  if (port_->IsBlocked()) return port_->WaitUntilFree(*this);
+  if (port_->IsBlocked()) return WaitUntilFree();
   const std::uint64_t writes = port_->Writes();
   connection_.Flush(Now());
   port_->FlushBatch();
   counters_.systemCallsSent += port_->Writes() - writes;
+}
+
+void PtcpEngine::WaitUntilFree() {
+  try {
+    port_->WaitUntilFree(*this);
+  } catch (const std::bad_alloc&) {
+    connection_.Fail(ENOMEM);
+  }
 }
 
 // A timer that is due too early only looks and is set again: cheaper than setting it for each
@@ -227,7 +236,8 @@ void PtcpEngine::End(long reason) {
   connection_.Close(reason == 0, Now());
   port_->FlushBatch();
   LeavePort();
-  std::exchange(sink_, nullptr)->OnEnd(reason);
+  keelbase::internal::TellOwner(
+      [sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
 // --- sending ---
@@ -279,16 +289,16 @@ void PtcpEngine::Disconnect() {
   if (gone) return CloseNow();
   try {
     if (lingerData_ != nullptr) CopyIn(*lingerData_, lingerData_->GetChainedLength());
+    port_->BeginLinger(*this);
   } catch (const std::bad_alloc&) {
     connection_.Close(false, Now());  // the peer must not take this for the end
     port_->FlushBatch();
     return CloseNow();
   }
-  connection_.Finish();
-  Flush();
   lingerEnd_ = Now() + Time{lingerMs_} * 1000000;
   self_ = this;
-  port_->BeginLinger(*this);
+  connection_.Finish();
+  Flush();
   ServeLinger();
   if (state_ == State::lingering) Schedule();
 }

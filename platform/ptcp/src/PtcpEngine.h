@@ -68,6 +68,7 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   void OnTurnEnd() override;
   void WantTurnEnd();
   void Flush();
+  void WaitUntilFree();
   void Schedule();
   void OnTimer();
 

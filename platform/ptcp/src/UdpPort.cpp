@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <new>
@@ -11,6 +12,7 @@
 
 #include "ClockAndRandom.h"
 #include "keelbase/internal/Mutex.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace ptcp {
 
@@ -26,6 +28,8 @@ namespace {
 constexpr std::size_t kMaxSegments = 64;      // of one write
 constexpr std::size_t kMaxBatch = 64 * 1000;  // below what one UDP write may have
 constexpr int kReadsPerTurn = 64;
+constexpr int kMostFailures = 64;  // in a row: then reading fails for good, as it seems
+constexpr std::chrono::milliseconds kReadPause{100};
 
 // The ports that a listener can find again while connections of an earlier one use them.
 struct Directory {
@@ -53,7 +57,7 @@ std::size_t UdpPort::IdHash::operator()(const ConnectionId& id) const {
 }
 
 UdpPort::UdpPort(EventLoop& loop)
-    : loop_(loop), resetKey_(RandomKey()), users_(0, IdHash{RandomSeed()}) {}
+    : loop_(loop), resetKey_(RandomKey()), users_(0, IdHash{RandomSeed()}), readPause_(loop) {}
 
 UdpPort::~UdpPort() {
   if (listed_) {
@@ -116,16 +120,24 @@ void UdpPort::ReadErrors() {
 bool UdpPort::ReadOneError() {
   std::array<char, 64> room;
   UdpSocket::NetworkError told;
-  if (socket_.ReadError(room, told) != 0) return false;
+  if (const int error = socket_.ReadError(room, told); error != 0) return ReadFailed(error);
   if (told.error == 0) return true;
   for (const auto& [id, user] : users_) {
     if (!(user->GetPath().peer == told.peer) || !user->MayHaveSent(told.quoted)) continue;
     user->OnPortError(told.error);
-    if (std::find(touched_.begin(), touched_.end(), user) == touched_.end())
-      touched_.push_back(user);
+    Touched(*user);
     break;
   }
   return true;
+}
+
+// Without memory it looks after itself when its timer is due.
+void UdpPort::Touched(PortUser& user) {
+  if (std::find(touched_.begin(), touched_.end(), &user) != touched_.end()) return;
+  try {
+    touched_.push_back(&user);
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 void UdpPort::ReadDatagrams() {
@@ -143,7 +155,8 @@ bool UdpPort::ReadOnce(Time now) {
     if (const int error =
             socket_.Read({block.GetWritePtr(), keelbase::internal::kReadSize}, received);
         error != 0)
-      return error != EAGAIN;
+      return ReadFailed(error);
+    readFailures_ = 0;
     Bytes data = received.data;
     while (!data.empty()) {
       const std::size_t length =
@@ -152,8 +165,33 @@ bool UdpPort::ReadOnce(Time now) {
       data = data.subspan(length);
     }
   } catch (const std::bad_alloc&) {  // as if this one had been lost
+    return ReadFailed(ENOMEM);
   }
   return true;
+}
+
+// True: there is sense in another read. When all fail, reading is left alone for a while, or the
+// loop would do nothing else.
+bool UdpPort::ReadFailed(int error) {
+  if (error == EAGAIN) {
+    readFailures_ = 0;
+    return false;
+  }
+  if (++readFailures_ < kMostFailures) return true;
+  if (readFailures_ == kMostFailures)
+    keelbase::internal::TraceError("no datagram can be received for now", error);
+  loop_.Unwatch(socket_.Get(), *this);
+  try {
+    readPause_.Start(kReadPause, 1, [this] { ResumeReading(); });
+  } catch (const std::bad_alloc&) {
+    ResumeReading();
+  }
+  return false;
+}
+
+void UdpPort::ResumeReading() {
+  const std::uint32_t events = EPOLLIN | (blocked_ ? EPOLLOUT : 0U);
+  if (const int error = loop_.Watch(socket_.Get(), events, *this); error != 0) ReadFailed(error);
 }
 
 void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
@@ -228,12 +266,13 @@ void UdpPort::FlushBatch() {
   loop_.Buffers().GiveGather(std::move(batch_));
 }
 
-// False when the system takes no more for now. Any other failure is as if the packets were lost.
+// False when the system takes no more for now. Any other failure is as if the packets were lost,
+// also ENOBUFS: the queue of a device is full while the socket says that it has room.
 bool UdpPort::WriteBatch() {
   const Bytes all(reinterpret_cast<const std::uint8_t*>(batch_->data()), batchSize_);
   if (batchCount_ == 1 || offload_) {
     const int error = socket_.Write(batchPath_, all, batchCount_ == 1 ? 0 : segment_);
-    if (error == EAGAIN || error == ENOBUFS) return false;
+    if (error == EAGAIN) return false;
     // No device of this path can cut it up, or the system is too old.
     const bool cannot = error == EIO || error == EINVAL || error == EOPNOTSUPP;
     if (batchCount_ == 1 || !cannot) return true;
@@ -261,8 +300,14 @@ void UdpPort::BecomeFree() {
 // --- lingers ---
 
 void UdpPort::BeginLinger(PortUser& user) {
-  if (lingering_.empty()) loop_.BeginLinger(*this);
   lingering_.push_back(&user);
+  if (lingering_.size() != 1) return;
+  try {
+    loop_.BeginLinger(*this);
+  } catch (const std::bad_alloc&) {
+    lingering_.clear();
+    throw;
+  }
 }
 
 void UdpPort::EndLinger(PortUser& user) {

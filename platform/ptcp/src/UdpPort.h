@@ -75,7 +75,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool IsBlocked() const { return blocked_; }
   void WaitUntilFree(PortUser& user) { waiting_.push_back(&user); }
 
-  void BeginLinger(PortUser& user);
+  void BeginLinger(PortUser& user);  // lets std::bad_alloc pass
   void EndLinger(PortUser& user);
 
  private:
@@ -94,8 +94,11 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
 
   void ReadErrors();
   bool ReadOneError();
+  void Touched(PortUser& user);
   void ReadDatagrams();
   bool ReadOnce(Time now);
+  bool ReadFailed(int error);
+  void ResumeReading();
   void Dispatch(const Path& from, Bytes datagram, Time now);
   void OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram);
   void EndBatch();
@@ -120,6 +123,9 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   std::size_t segment_ = 0;
   bool offload_ = true;
   bool blocked_ = false;
+
+  int readFailures_ = 0;  // in a row
+  keelbase::internal::Timer readPause_;
 };
 
 }  // namespace ptcp

@@ -11,6 +11,7 @@
 
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace sslutils::internal {
 
@@ -160,6 +161,7 @@ AWResult TlsStream::Open(ByteSink* sink) {
 // --- events of the transport below ---
 
 void TlsStream::OnBytes(CAWMessageBlock& block) {
+  if (lowerEnded_) return;  // what is missing in front had no room
   const CAWAutoPtr<TlsStream> alive(this);
   arriving_ = &block;
   try {
@@ -290,11 +292,15 @@ void TlsStream::TellRoom() {
 // A connection that is broken is closed here; after an orderly end what was taken may still go out.
 void TlsStream::End(long reason) {
   if (state_ == State::shaking) return Established(reason);
+  if (state_ == State::ready) {  // whoever opens it is told
+    lowerEnded_ = true;
+    endReason_ = reason;
+  }
   if (state_ != State::open) return;
   state_ = State::ended;
   ByteSink* const sink = std::exchange(sink_, nullptr);
   if (reason != 0) CloseNow();
-  sink->OnEnd(reason);
+  keelbase::internal::TellOwner([sink, reason] { sink->OnEnd(reason); });
 }
 
 void TlsStream::StopReading(bool stop) {
@@ -319,6 +325,8 @@ std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
   if (rest_ == nullptr && !lowerEnded_) result = lower_->Send(block);
   if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) {
     if (writeError_ == 0) writeError_ = static_cast<long>(result);
+    // That it has ended the transport below tells; that it finds no memory it does not.
+    if (result == keelbase::AW_ERROR_FAILURE) FailWriting(writeError_);
     return 0;
   }
   if (state_ != State::closing || block.GetLength() == 0) return length - block.GetLength();

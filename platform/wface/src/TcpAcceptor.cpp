@@ -9,6 +9,7 @@
 
 #include "TcpSocket.h"
 #include "TcpTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace wface {
 
@@ -66,9 +67,12 @@ void TcpAcceptor::OnAccepted(FileDescriptor socket) {
   CAWAutoPtr<IAWTransport> transport;
   // Without memory, or when the client has gone already, only this connection is closed.
   TcpEnds ends;
-  if (GetEnds(socket.Get(), ends) == 0 &&
-      MakeTransport(GetLoop(), std::move(socket), ends, transport) == 0)
-    sink_->OnConnectIndication(0, transport.Get(), this);
+  int error = GetEnds(socket.Get(), ends);
+  if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), ends, transport);
+  if (error == 0)
+    keelbase::internal::TellOwner([&] { sink_->OnConnectIndication(0, transport.Get(), this); });
+  else if (error != ENOTCONN)
+    keelbase::internal::TraceError("a client is refused", error);
 }
 
 }  // namespace wface

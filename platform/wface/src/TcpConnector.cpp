@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "TcpTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace wface {
 
@@ -131,7 +132,9 @@ void TcpConnector::Finish(int error) {
     if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), ends_, transport);
   }
   if (error == ENOTCONN) error = ECONNRESET;
-  std::exchange(sink_, nullptr)->OnConnectIndication(error, transport.Get(), this);
+  keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
+    sink->OnConnectIndication(error, transport.Get(), this);
+  });
 }
 
 }  // namespace wface

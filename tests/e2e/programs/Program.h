@@ -78,6 +78,10 @@ int Serve(Program& program, bool adopt_main, std::uint32_t spin = 0) {
   auto* manager = CAWThreadManager::Instance();
   if (!adopt_main) {
     keelbase::CAWThread* network = manager->GetThread(CAWThreadManager::TT_NETWORK);
+    if (network == nullptr) {
+      const Event told("no_thread");  // nor an error of ours: the system gives none
+      return 0;
+    }
     network->SetSpin(spin);
     network->Call([&] { program.Start(); });
     ReadCommands([&](const Words& words) { network->Call([&] { program.Command(words); }); });

@@ -21,7 +21,7 @@ class Program:
     """A program of programs/. It prints its events, one JSON object a line, and takes commands on its
     standard input, whose end ends it. What it writes to standard error is kept."""
 
-    def __init__(self, root: "InstallRoot", *arguments: str):
+    def __init__(self, root: "InstallRoot", *arguments: str, variables: dict = None):
         self.name = arguments[0]
         command = [os.path.join(os.environ["ZARN_BIN_DIR"], self.name), *arguments[1:]]
         self.errors = tempfile.TemporaryFile()
@@ -30,10 +30,11 @@ class Program:
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=self.errors,
-            env={**os.environ, "ZARN_ROOT": root.path},
+            env={**os.environ, "ZARN_ROOT": root.path, **(variables or {})},
         )
         self.pid = self.process.pid
         self.complaints = []  # all that it has found wrong with messages
+        self.reasons = []  # all that it has told, but for orderly ends
         self._events = deque()
         self._ended = False
         self._changed = threading.Condition()
@@ -47,6 +48,8 @@ class Program:
             event = json.loads(line)
             if event["event"] == "wrong":
                 self.complaints.append(event)
+            if event.get("reason"):
+                self.reasons.append(event["reason"])
             with self._changed:
                 self._events.append(event)
                 self._changed.notify_all()

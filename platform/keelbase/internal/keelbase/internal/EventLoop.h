@@ -58,8 +58,24 @@ class TurnEndTask {
  public:
   virtual void OnTurnEnd() = 0;
 
+  // The loop's own: those that wait for the turn's end.
+  TurnEndTask* earlierAtTurnEnd = nullptr;
+  TurnEndTask* laterAtTurnEnd = nullptr;
+
  protected:
   ~TurnEndTask() = default;
+};
+
+// Work for the loop's thread that needs no memory to get there. Exists until it has run.
+class LoopTask {
+ public:
+  virtual void OnLoopTask() = 0;
+  virtual void OnDropped() = 0;  // the loop has stopped and will not run it
+
+  LoopTask* nextTask = nullptr;  // the loop's own
+
+ protected:
+  ~LoopTask() = default;
 };
 
 // A closed connection that still has bytes to write.
@@ -102,7 +118,14 @@ class KEELBASE_API EventLoop {
 
   // --- events: any thread ---
   AWResult Post(IAWEvent* event);
-  void Call(const std::function<void()>& function);  // see CAWThread::Call
+  // See CAWThread::Call. Allocates nothing.
+  template <class Function>
+  void Call(Function&& function) {
+    RunThere(std::ref(function));
+  }
+  void RunThere(const std::function<void()>& function);
+  // Runs after what has been posted before. False when the loop has stopped.
+  bool PostTask(LoopTask& task);
   // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not
   // run.
   void DropPosted();
@@ -116,7 +139,7 @@ class KEELBASE_API EventLoop {
   void StartPolling(Poller& poller) { pollers_.push_back({&poller, 0}); }  // not twice
   void StopPolling(Poller& poller);
 
-  void AtTurnEnd(TurnEndTask& task) { turnEnd_.push_back(&task); }
+  void AtTurnEnd(TurnEndTask& task);  // once until it is called
   void DropTurnEnd(TurnEndTask& task);
 
   TimerQueue& Timers() { return timers_; }
@@ -135,6 +158,9 @@ class KEELBASE_API EventLoop {
   bool Turn(std::int64_t timeoutNs);  // below 0: for ever
   bool Dispatch(int count);
   bool RunPosted();
+  bool RunTasks();
+  static LoopTask* Reversed(LoopTask* list);
+  static void Drop(LoopTask* list);
   bool RunTimers();
   bool IsStopping() const;
   void FlushTurn();
@@ -161,13 +187,15 @@ class KEELBASE_API EventLoop {
   // What those who post write to stands apart from what the loop's thread uses for each event.
   alignas(kCacheLine) Mutex mutex_;
   std::vector<IAWEvent*> posted_ AW_GUARDED_BY(mutex_);
+  LoopTask* tasks_ AW_GUARDED_BY(mutex_) = nullptr;  // the last one first
   bool closed_ AW_GUARDED_BY(mutex_) = false;
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   std::atomic<bool> hasPosted_{false};
 
   // Null once an event is taken out to be fired; a stop may leave others behind.
   alignas(kCacheLine) std::vector<IAWEvent*> firing_;
-  bool ranPosted_ = false;  // in the last turn
+  LoopTask* runningTasks_ = nullptr;  // the first one first
+  bool ranPosted_ = false;            // in the last turn
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};
@@ -181,8 +209,8 @@ class KEELBASE_API EventLoop {
   };
   std::vector<Polled> pollers_;
 
-  std::vector<TurnEndTask*> turnEnd_;
-  std::vector<TurnEndTask*> flushing_;
+  TurnEndTask* firstAtTurnEnd_ = nullptr;
+  TurnEndTask* lastAtTurnEnd_ = nullptr;
   std::vector<LingerTask*> lingering_;
   TimerQueue timers_;
   BufferPool buffers_;

@@ -24,7 +24,7 @@ class LoopObject : public Interface {
   EventLoop& GetLoop() const { return loop_; }
 
  protected:
-  explicit LoopObject(EventLoop& loop) : loop_(loop) {}
+  explicit LoopObject(EventLoop& loop) : loop_(loop), destroyThere_(this) {}
   ~LoopObject() override = default;
 
   // The last reference is gone; on the thread that dropped it. After this no callback may come.
@@ -34,11 +34,11 @@ class LoopObject : public Interface {
   bool IsLetGo() const { return destroying_.load(std::memory_order_acquire); }
 
  private:
-  class DestroyThere final : public IAWEvent {
+  class DestroyThere final : public LoopTask {
    public:
     explicit DestroyThere(LoopObject* object) : object_(object) {}
-    ~DestroyThere() override { delete object_; }
-    AWResult OnEventFire() override { return AW_OK; }
+    void OnLoopTask() override { delete object_; }
+    void OnDropped() override { delete object_; }
 
    private:
     LoopObject* object_;
@@ -49,14 +49,11 @@ class LoopObject : public Interface {
   void Destroy() {
     if (destroying_.exchange(true)) return;
     OnLastReference();
-    if (loop_.IsCurrent()) {
-      delete this;
-    } else {
-      loop_.Post(new DestroyThere(this));
-    }
+    if (loop_.IsCurrent() || !loop_.PostTask(destroyThere_)) delete this;
   }
 
   EventLoop& loop_;
+  DestroyThere destroyThere_;
   std::atomic<std::uint32_t> count_{0};
   std::atomic<bool> destroying_{false};
 };

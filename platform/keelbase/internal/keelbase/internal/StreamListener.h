@@ -10,8 +10,8 @@
 namespace keelbase::internal {
 
 // Hands each accepted connection (non-blocking, close-on-exec) to a function on the loop's thread.
-// Out of descriptors or memory it pauses a tenth of a second at a time; whoever waits then is
-// accepted later. The function may destroy the listener.
+// Out of descriptors or memory it says so once in the trace and pauses a tenth of a second at a
+// time; whoever waits then is accepted later. The function may destroy the listener.
 class KEELBASE_API StreamListener final : private Watcher {
  public:
   using OnAccepted = std::function<void(FileDescriptor)>;
@@ -26,12 +26,14 @@ class KEELBASE_API StreamListener final : private Watcher {
 
  private:
   void OnReady(std::uint32_t events) override;
-  void Pause();
+  void Pause(int error);
+  void Resume();
 
   EventLoop& loop_;
   OnAccepted accepted_;
   FileDescriptor listening_;
   Timer pause_;
+  bool failing_ = false;       // since the last that was accepted
   bool* destroyed_ = nullptr;  // set while a function runs
 };
 

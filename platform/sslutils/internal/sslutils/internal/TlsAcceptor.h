@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "keelbase/internal/LoopObject.h"
+#include "keelbase/internal/TraceError.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
@@ -102,7 +103,12 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
         new TlsStream(GetLoop(), std::make_unique<Bytes>(transport), std::move(ssl)));
     TlsStream* const key = stream.Get();
     shaking_.emplace(key, stream);
-    stream->Start(kHandshakeLimit, [this, key](long reason) { OnEstablished(key, reason); });
+    try {
+      stream->Start(kHandshakeLimit, [this, key](long reason) { OnEstablished(key, reason); });
+    } catch (const std::bad_alloc&) {
+      shaking_.erase(key);
+      stream->Disconnect();
+    }
   }
 
   void OnEstablished(TlsStream* stream, long reason) {
@@ -118,7 +124,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
         reason = ENOMEM;
       }
     }
-    sink_->OnSSLConnected(reason, transport.Get());
+    keelbase::internal::TellOwner([&] { sink_->OnSSLConnected(reason, transport.Get()); });
   }
 
   const keelbase::CAWAutoPtr<typename Below::Acceptor> below_;

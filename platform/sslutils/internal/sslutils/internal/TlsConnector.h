@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "keelbase/internal/LoopObject.h"
+#include "keelbase/internal/TraceError.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
@@ -119,7 +120,9 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
     const keelbase::CAWAutoPtr<TlsConnector> alive(this);
     stream_ = nullptr;
     ssl_ = nullptr;
-    std::exchange(sink_, nullptr)->OnSSLConnected(reason, transport);
+    keelbase::internal::TellOwner([sink = std::exchange(sink_, nullptr), reason, transport] {
+      sink->OnSSLConnected(reason, transport);
+    });
   }
 
   const keelbase::CAWAutoPtr<typename Below::Connector> below_;

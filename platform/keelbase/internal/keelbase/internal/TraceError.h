@@ -1,0 +1,40 @@
+// TraceError.h - tells the operator of a failure that no result code and no callback can carry.
+#pragma once
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+#include "keelbase/CAWTrace.h"
+
+namespace keelbase::internal {
+
+// One line: "WHAT: what the errno value means". Also without memory, when it may be lost.
+inline void TraceError(std::string_view what, int error) noexcept {
+  char line[256];
+  CAWTextFormator text(line, sizeof line);
+  const char* meaning = ::strerrordesc_np(error);
+  text << what << ": ";
+  if (meaning != nullptr)
+    text << meaning;
+  else
+    text << error;
+  try {
+    IAWTraceManager::Instance()->Trace(0, text.View());
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+// Calls an owner who is told of a connection for the first or last time. When he finds no memory
+// for that, the connection is his only as far as he took it: what he did not take is closed.
+template <class Upcall>
+void TellOwner(Upcall&& upcall) {
+  try {
+    upcall();
+  } catch (const std::bad_alloc&) {
+    TraceError("the owner of a connection could not take what he was told", ENOMEM);
+  }
+}
+
+}  // namespace keelbase::internal
