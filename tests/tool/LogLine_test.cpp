@@ -8,8 +8,8 @@
 namespace zarn::tool {
 namespace {
 
-constexpr Micros kSecond = 1000000;
-constexpr Micros kTime = 1706688902 * kSecond + 4711;  // 2024-01-31T08:15:02.004711
+constexpr Micros kOneSecond = 1000000;
+constexpr Micros kTime = 1706688902 * kOneSecond + 4711;  // 2024-01-31T08:15:02.004711
 
 TEST(ParseLogLine, ReadsALineWithoutPlace) {
   LogLine line;
@@ -79,32 +79,32 @@ TEST(ParseLogTime, KnowsTheCalendar) {
   ASSERT_TRUE(ParseLogTime("1970-01-01T00:00:00.000000", time));
   EXPECT_EQ(time, 0);
   ASSERT_TRUE(ParseLogTime("2000-02-29T00:00:00.000020 and more", time));
-  EXPECT_EQ(time, 951782400 * kSecond + 20);
+  EXPECT_EQ(time, 951782400 * kOneSecond + 20);
   ASSERT_TRUE(ParseLogTime("1969-12-31T23:59:59.500000", time));
   EXPECT_EQ(time, -500000);
   ASSERT_TRUE(ParseLogTime("2016-12-31T23:59:60.000000", time));  // a leap second
-  EXPECT_EQ(time, 1483228800 * kSecond);
+  EXPECT_EQ(time, 1483228800 * kOneSecond);
   EXPECT_FALSE(ParseLogTime("1900-02-29T00:00:00.000000", time));
 }
 
 TEST(ParseTimeOption, TakesTimesOfAnyPrecision) {
-  constexpr Micros kDay = 1706659200 * kSecond;
+  constexpr Micros kDay = 1706659200 * kOneSecond;
   EXPECT_EQ(ParseTimeOption("2024-01-31", 0), kDay);
-  EXPECT_EQ(ParseTimeOption("2024-01-31T08:15", 0), kTime - 2 * kSecond - 4711);
+  EXPECT_EQ(ParseTimeOption("2024-01-31T08:15", 0), kTime - 2 * kOneSecond - 4711);
   EXPECT_EQ(ParseTimeOption("2024-01-31 08:15:02", 0), kTime - 4711);
   EXPECT_EQ(ParseTimeOption("2024-01-31T08:15:02Z", 0), kTime - 4711);
-  EXPECT_EQ(ParseTimeOption("2024-01-31T08:15:02.5", 0), kTime - 4711 + kSecond / 2);
+  EXPECT_EQ(ParseTimeOption("2024-01-31T08:15:02.5", 0), kTime - 4711 + kOneSecond / 2);
   EXPECT_EQ(ParseTimeOption("2024-01-31T08:15:02.004711", 0), kTime);
 }
 
 TEST(ParseTimeOption, TakesHowLongAgo) {
   EXPECT_EQ(ParseTimeOption("now", kTime), kTime);
-  EXPECT_EQ(ParseTimeOption(" 90s ", kTime), kTime - 90 * kSecond);
-  EXPECT_EQ(ParseTimeOption("10 min ago", kTime), kTime - 600 * kSecond);
-  EXPECT_EQ(ParseTimeOption("10m", kTime), kTime - 600 * kSecond);
-  EXPECT_EQ(ParseTimeOption("2 hours", kTime), kTime - 7200 * kSecond);
-  EXPECT_EQ(ParseTimeOption("1 day ago", kTime), kTime - 86400 * kSecond);
-  EXPECT_EQ(ParseTimeOption("3w", kTime), kTime - 3 * 604800 * kSecond);
+  EXPECT_EQ(ParseTimeOption(" 90s ", kTime), kTime - 90 * kOneSecond);
+  EXPECT_EQ(ParseTimeOption("10 min ago", kTime), kTime - 600 * kOneSecond);
+  EXPECT_EQ(ParseTimeOption("10m", kTime), kTime - 600 * kOneSecond);
+  EXPECT_EQ(ParseTimeOption("2 hours", kTime), kTime - 7200 * kOneSecond);
+  EXPECT_EQ(ParseTimeOption("1 day ago", kTime), kTime - 86400 * kOneSecond);
+  EXPECT_EQ(ParseTimeOption("3w", kTime), kTime - 3 * 604800 * kOneSecond);
 }
 
 TEST(ParseTimeOption, RefusesEverythingElse) {

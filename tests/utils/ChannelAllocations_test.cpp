@@ -67,13 +67,13 @@ class SwallowingShmTransport final : public SwallowingTransport<ShmIpc> {
   fshmipc::CAWShmIPCAddr GetLocalAddr() const override { return {}; }
 };
 
-struct OverIpc {
+struct IpcChannels {
   static constexpr const char* kName = "CZARNLibServerChannel";
   using Channel = utils::CZARNLibServerChannel;
   using Transport = SwallowingTransport<LocalIpc>;
 };
 
-struct OverShm {
+struct ShmChannels {
   static constexpr const char* kName = "CShmZARNLibServerChannel";
   using Channel = utils::CShmZARNLibServerChannel;
   using Transport = SwallowingShmTransport;
@@ -93,7 +93,7 @@ class CountingChannel : public Channel {
 };
 
 template <class World>
-class ChannelFixture : public ::testing::Test {
+class FailingChannelFixture : public ::testing::Test {
  protected:
   AWResult Send(const std::string& payload) {
     return channel->SendZARNMessage(1, 2, payload.data(), payload.size());
@@ -108,17 +108,17 @@ class ChannelFixture : public ::testing::Test {
 };
 
 template <class World>
-class ChannelAllocations : public ChannelFixture<World> {};
+class ChannelAllocations : public FailingChannelFixture<World> {};
 
-struct WorldNames {
+struct ChannelKindNames {
   template <class World>
   static std::string GetName(int) {
     return World::kName;
   }
 };
 
-using Worlds = ::testing::Types<OverIpc, OverShm>;
-TYPED_TEST_SUITE(ChannelAllocations, Worlds, WorldNames);
+using ChannelKinds = ::testing::Types<IpcChannels, ShmChannels>;
+TYPED_TEST_SUITE(ChannelAllocations, ChannelKinds, ChannelKindNames);
 
 // --- how much ---
 
@@ -226,7 +226,7 @@ TYPED_TEST(ChannelAllocations, SenderWithoutMemoryBehindAQueueAnswers10001AndKee
   EXPECT_EQ(this->transport->taken, 76U);
 }
 
-using ShmChannelAllocations = ChannelFixture<OverShm>;
+using ShmChannelAllocations = FailingChannelFixture<ShmChannels>;
 
 TEST_F(ShmChannelAllocations, MessageThatMeetsAnErrorAndHasNoMemoryToWaitInIsLostWhole) {
   transport->error = 10012;
