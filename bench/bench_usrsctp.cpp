@@ -18,14 +18,15 @@ using namespace bench;
 constexpr std::uint16_t kReceiverUdpPort = 19899;
 constexpr std::uint16_t kSenderUdpPort = 19900;
 constexpr std::uint16_t kPort = 5001;
-constexpr int kWindow = 8 << 20;  // as much as pseudo-TCP has
+constexpr int kReceiveWindow = 8 << 20;  // as much as pseudo-TCP has
+constexpr int kSendQueue = 1 << 20;      // what is left at the end is gone in seconds also where it is slow
 
 void Start(std::uint16_t udpPort) {
   ::usrsctp_init(udpPort, nullptr, nullptr);
   ::usrsctp_sysctl_set_sctp_blackhole(2);  // says nothing to SCTP of others
   ::usrsctp_sysctl_set_sctp_max_chunks_on_queue(1 << 20);
-  ::usrsctp_sysctl_set_sctp_sendspace(kWindow);
-  ::usrsctp_sysctl_set_sctp_recvspace(kWindow);
+  ::usrsctp_sysctl_set_sctp_sendspace(kSendQueue);
+  ::usrsctp_sysctl_set_sctp_recvspace(kReceiveWindow);
 }
 
 sockaddr_in MakeAddress() {
@@ -47,8 +48,8 @@ struct socket* MakeSocket(std::uint16_t peerUdpPort) {
   if (socket == nullptr) FailErrno("socket");
   const int on = 1;
   Set(socket, IPPROTO_SCTP, SCTP_NODELAY, on, "SCTP_NODELAY");
-  Set(socket, SOL_SOCKET, SO_SNDBUF, kWindow, "SO_SNDBUF");
-  Set(socket, SOL_SOCKET, SO_RCVBUF, kWindow, "SO_RCVBUF");
+  Set(socket, SOL_SOCKET, SO_SNDBUF, kSendQueue, "SO_SNDBUF");
+  Set(socket, SOL_SOCKET, SO_RCVBUF, kReceiveWindow, "SO_RCVBUF");
   sctp_udpencaps encapsulation{};
   encapsulation.sue_address.ss_family = AF_INET;
   encapsulation.sue_port = htons(peerUdpPort);
