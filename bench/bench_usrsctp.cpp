@@ -1,4 +1,5 @@
-// bench_usrsctp.cpp - SCTP in the process, over UDP, by usrsctp: blocking calls, threads of its own.
+// bench_usrsctp.cpp - SCTP in the process, over UDP, by usrsctp: blocking calls, threads of its
+// own.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <usrsctp.h>
@@ -19,7 +20,8 @@ constexpr std::uint16_t kReceiverUdpPort = 19899;
 constexpr std::uint16_t kSenderUdpPort = 19900;
 constexpr std::uint16_t kPort = 5001;
 constexpr int kReceiveWindow = 8 << 20;  // as much as pseudo-TCP has
-constexpr int kSendQueue = 1 << 20;      // what is left at the end is gone in seconds also where it is slow
+constexpr int kSendQueue =
+    1 << 20;  // what is left at the end is gone in seconds also where it is slow
 
 void Start(std::uint16_t udpPort) {
   ::usrsctp_init(udpPort, nullptr, nullptr);
@@ -67,8 +69,8 @@ class Connection {
 
   void Write(const std::vector<char>& message) {
     sctp_sndinfo info{};
-    const ssize_t count = ::usrsctp_sendv(socket_, message.data(), message.size(), nullptr, 0, &info,
-                                          sizeof info, SCTP_SENDV_SNDINFO, 0);
+    const ssize_t count = ::usrsctp_sendv(socket_, message.data(), message.size(), nullptr, 0,
+                                          &info, sizeof info, SCTP_SENDV_SNDINFO, 0);
     if (count != static_cast<ssize_t>(message.size())) FailErrno("send");
   }
 

@@ -2,8 +2,9 @@
 // duplicates and rate are given.
 //
 // Each end is a network namespace with a TUN device; packets that leave by one device are handed to
-// the other one here, late, twice or never. All protocols of the system see the same path. Namespaces
-// and devices have no names: they are gone with the last process that uses them, whatever ended it.
+// the other one here, late, twice or never. All protocols of the system see the same path.
+// Namespaces and devices have no names: they are gone with the last process that uses them,
+// whatever ended it.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/if_tun.h>
@@ -72,13 +73,14 @@ struct Config {
 };
 
 [[noreturn]] void Usage() {
-  std::fprintf(stderr,
-               "usage: emulate_path [--delay MS] [--loss %%] [--reorder %%] [--duplicate %%]\n"
-               "       [--rate MBIT [--queue KB]] [--seed N] [--limit SECONDS] [--verbose]\n"
-               "       -- COMMAND [ARGUMENT...] [-- COMMAND [ARGUMENT...]]...\n"
-               "Each way. The commands run at once at %s; ZARN_BENCH_ADDRESS is the address of the\n"
-               "other end, and ZARN_BENCH_NETNS the number of a descriptor of its namespace.\n",
-               kNearAddress);
+  std::fprintf(
+      stderr,
+      "usage: emulate_path [--delay MS] [--loss %%] [--reorder %%] [--duplicate %%]\n"
+      "       [--rate MBIT [--queue KB]] [--seed N] [--limit SECONDS] [--verbose]\n"
+      "       -- COMMAND [ARGUMENT...] [-- COMMAND [ARGUMENT...]]...\n"
+      "Each way. The commands run at once at %s; ZARN_BENCH_ADDRESS is the address of the\n"
+      "other end, and ZARN_BENCH_NETNS the number of a descriptor of its namespace.\n",
+      kNearAddress);
   std::exit(2);
 }
 
@@ -99,9 +101,9 @@ void ParseCommands(char** at, Config& config) {
 Config Parse(char** at) {
   Config config;
   const std::map<std::string, double*> numbers = {
-      {"--delay", &config.delayMs},         {"--loss", &config.loss},
-      {"--reorder", &config.reorder},       {"--duplicate", &config.duplicate},
-      {"--rate", &config.rateMbit},         {"--queue", &config.queueKb},
+      {"--delay", &config.delayMs},   {"--loss", &config.loss},
+      {"--reorder", &config.reorder}, {"--duplicate", &config.duplicate},
+      {"--rate", &config.rateMbit},   {"--queue", &config.queueKb},
   };
   for (++at; *at != nullptr && std::strcmp(*at, "--") != 0; ++at) {
     const std::string name = *at;
@@ -220,7 +222,8 @@ struct Counts {
 
 class Line {
  public:
-  Line(const Config& config, std::uint64_t seed, int out) : config_(config), random_(seed), out_(out) {}
+  Line(const Config& config, std::uint64_t seed, int out)
+      : config_(config), random_(seed), out_(out) {}
 
   void Take(const char* data, std::size_t size, Nanoseconds now) {
     ++counts_.in;
@@ -361,7 +364,8 @@ void ReadDevice(int device, Line& line) {
     const ssize_t size = ::read(device, packet.data(), packet.size());
     if (size <= 0) return;
     constexpr int kVersion4 = 4;  // the system itself says things by IPv6
-    if (packet[0] >> 4 == kVersion4) line.Take(packet.data(), static_cast<std::size_t>(size), Now());
+    if (packet[0] >> 4 == kVersion4)
+      line.Take(packet.data(), static_cast<std::size_t>(size), Now());
   }
 }
 
@@ -379,9 +383,8 @@ int Emulate(const std::array<End, 2>& ends, std::array<Line, 2>& lines, int sign
     const Nanoseconds now = Now();
     Nanoseconds next = now + Nanoseconds{100} * 1000000;
     for (Line& line : lines) next = std::min(next, line.Deliver(now));
-    std::array<pollfd, 3> polled = {{{ends[0].device, POLLIN, 0},
-                                     {ends[1].device, POLLIN, 0},
-                                     {signals, POLLIN, 0}}};
+    std::array<pollfd, 3> polled = {
+        {{ends[0].device, POLLIN, 0}, {ends[1].device, POLLIN, 0}, {signals, POLLIN, 0}}};
     const timespec wait{0, static_cast<long>(std::max<Nanoseconds>(next - Now(), 0))};
     if (::ppoll(polled.data(), polled.size(), &wait, nullptr) <= 0) continue;
     for (std::size_t end = 0; end < ends.size(); ++end)
@@ -395,12 +398,11 @@ int Emulate(const std::array<End, 2>& ends, std::array<Line, 2>& lines, int sign
 }
 
 void Print(const char* way, const Counts& counts) {
-  std::fprintf(stderr, "%s: %llu packets, %llu lost, %llu without room, %llu late, %llu twice\n", way,
-               static_cast<unsigned long long>(counts.in),
-               static_cast<unsigned long long>(counts.lost),
-               static_cast<unsigned long long>(counts.noRoom),
-               static_cast<unsigned long long>(counts.late),
-               static_cast<unsigned long long>(counts.twice));
+  std::fprintf(
+      stderr, "%s: %llu packets, %llu lost, %llu without room, %llu late, %llu twice\n", way,
+      static_cast<unsigned long long>(counts.in), static_cast<unsigned long long>(counts.lost),
+      static_cast<unsigned long long>(counts.noRoom), static_cast<unsigned long long>(counts.late),
+      static_cast<unsigned long long>(counts.twice));
 }
 
 }  // namespace

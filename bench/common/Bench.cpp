@@ -249,11 +249,12 @@ double RoundTrips::Percentile(double part) {
 namespace {
 
 [[noreturn]] void Usage(const char* program) {
-  std::fprintf(stderr,
-               "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--tcp] [--congestion NAME] [--resume] [--count]\n"
-               "       [--read] [--snapshots MILLISECONDS] [--pause MILLISECONDS] [--idle SECONDS]\n",
-               program);
+  std::fprintf(
+      stderr,
+      "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
+      "       [--clients N] [--active N] [--tcp] [--congestion NAME] [--resume] [--count]\n"
+      "       [--read] [--snapshots MILLISECONDS] [--pause MILLISECONDS] [--idle SECONDS]\n",
+      program);
   std::exit(2);
 }
 
@@ -275,16 +276,11 @@ Setters MakeSetters(Arguments& arguments) {
     return [&to](const char* text) { to = std::strtod(text, nullptr); };
   };
   const auto string = [](std::string& to) { return [&to](const char* text) { to = text; }; };
-  return {{"--active", number(options.active)},
-          {"--child", number(arguments.childFd)},
-          {"--clients", number(options.clients)},
-          {"--congestion", string(options.congestion)},
-          {"--dir", string(options.dir)},
-          {"--idle", seconds(options.idleSeconds)},
-          {"--pause", number(options.pauseMs)},
-          {"--seconds", seconds(options.seconds)},
-          {"--size", number(options.size)},
-          {"--snapshots", number(options.snapshotMs)},
+  return {{"--active", number(options.active)},   {"--child", number(arguments.childFd)},
+          {"--clients", number(options.clients)}, {"--congestion", string(options.congestion)},
+          {"--dir", string(options.dir)},         {"--idle", seconds(options.idleSeconds)},
+          {"--pause", number(options.pauseMs)},   {"--seconds", seconds(options.seconds)},
+          {"--size", number(options.size)},       {"--snapshots", number(options.snapshotMs)},
           {"--spin", number(options.spinUs)}};
 }
 

@@ -257,8 +257,8 @@ class ChannelBench {
     std::optional<Outgoing> outgoing_;
   };
 
-  // Connects one client after the other; when all are there, and have been idle if that is asked for,
-  // those that are active start to send.
+  // Connects one client after the other; when all are there, and have been idle if that is asked
+  // for, those that are active start to send.
   class Clients {
    public:
     Clients(const Options& options, Sending& sending, CAWThread& loop)

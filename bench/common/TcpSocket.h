@@ -26,9 +26,8 @@ inline sockaddr_in MakeTcpAddress(std::uint16_t port) {
 inline int MakeTcpSocket(const std::string& congestion) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) FailErrno("socket");
-  if (!congestion.empty() &&
-      ::setsockopt(fd, IPPROTO_TCP, TCP_CONGESTION, congestion.data(),
-                   static_cast<socklen_t>(congestion.size())) != 0)
+  if (!congestion.empty() && ::setsockopt(fd, IPPROTO_TCP, TCP_CONGESTION, congestion.data(),
+                                          static_cast<socklen_t>(congestion.size())) != 0)
     FailErrno("congestion control " + congestion);
   return fd;
 }

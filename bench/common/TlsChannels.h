@@ -18,8 +18,8 @@ namespace bench {
 inline std::string TlsDirectory() { return std::getenv("ZARN_ROOT"); }
 
 // SessionClass is a session of zarnutils; MakeAcceptor(out) makes the acceptor that goes with it.
-template <class SessionClass, keelbase::AWResult (*MakeAcceptor)(
-                                  keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>&)>
+template <class SessionClass,
+          keelbase::AWResult (*MakeAcceptor)(keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>&)>
 struct OverTls {
   using Session = FramedSession<SessionClass>;
   using Transport = sslutils::IAWSSLTransport;
@@ -58,7 +58,8 @@ struct OverTls {
       Check(MakeAcceptor(acceptor_), "acceptor");
       Check(acceptor_->SetPrivateKey(files.key), "key");
       Check(acceptor_->SetCertificate(files.certificate), "certificate");
-      Check(acceptor_->StartListen(this, keelbase::CAWInetAddr(GetAddress().c_str(), 0), 128), "listen");
+      Check(acceptor_->StartListen(this, keelbase::CAWInetAddr(GetAddress().c_str(), 0), 128),
+            "listen");
       WritePort(TlsDirectory(), acceptor_->GetLocalAddr().GetPort());
     }
     void OnSSLConnected(long reason, Transport* transport) override {
