@@ -26,7 +26,7 @@ bool DoPacketsWait(const FairWindow::Seen& seen) {
   return seen.rtt > seen.leastRtt + seen.leastRtt / 4 + 4 * seen.rttVariation;
 }
 bool IsPathFree(const FairWindow::Seen& seen) {
-  return seen.rtt < seen.leastRtt + seen.leastRtt / 8 + seen.rttVariation;
+  return seen.rtt < seen.leastRtt + seen.leastRtt / 10;
 }
 
 }  // namespace
