@@ -5,7 +5,6 @@
 #include <usrsctp.h>
 
 #include <cerrno>
-#include <cstring>
 #include <vector>
 
 #include "common/Bench.h"

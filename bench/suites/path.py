@@ -13,7 +13,7 @@ MOST_RUNS = 5
 
 ROWS = {  # round trip time, and what happens to packets of either direction
     "20 ms, 0.5 % lost": ["--delay", "10", "--loss", "0.5"],
-    "20 ms, 2 % lost, late, doubled":  # 1 %, 0.5 %
+    "20 ms, 2 % lost, late, doubled":  # 1 % of them late, 0.5 % doubled
         ["--delay", "10", "--loss", "2", "--reorder", "1", "--duplicate", "0.5"],
     "100 ms, 1 % lost": ["--delay", "50", "--loss", "1"],
 }

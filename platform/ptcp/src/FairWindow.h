@@ -1,7 +1,6 @@
 // FairWindow.h - a bound for what is in flight that leaves others their part of a full path.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 
 namespace ptcp {

@@ -241,8 +241,9 @@ void PtcpConnection::Flush(Time now) {
   notBefore_ = stuck ? now + kLeastPause : 0;
 }
 
-// How many new bytes may be sent now.
+// How many new bytes may be sent now. Inside a machine there is no path to share.
 std::uint64_t PtcpConnection::UpdateFairWindow(Time now) {
+  if (inside_) return UINT64_MAX;
   const ngtcp2::PathState path = ngtcp2::GetPathState(conn_);
   FairWindow::Seen seen{};
   seen.inFlight = path.inFlight;
