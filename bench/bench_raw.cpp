@@ -39,7 +39,7 @@ int MakeSocket() {
 
 int AcceptOverTcp(const Options& options, const Control& control) {
   std::uint16_t port = 0;
-  const int listener = ListenTcp(port);
+  const int listener = ListenTcp(port, options.congestion);
   WritePort(options.dir, port);
   control.SendReady();
   const int fd = AcceptTcp(listener);
@@ -62,7 +62,7 @@ int Accept(const Options& options, const Control& control) {
 }
 
 int Connect(const Options& options) {
-  if (options.tcp) return ConnectTcp(ReadPort(options.dir));
+  if (options.tcp) return ConnectTcp(ReadPort(options.dir), options.congestion);
   const sockaddr_un address = MakeAddress(options);
   const int fd = MakeSocket();
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
@@ -193,7 +193,7 @@ void Ask(const Options& options, const Control&, RoundTrips& trips) {
     trips.Take(message, size);
     return false;
   };
-  while (trips.Next()) {
+  for (trips.Pause(); trips.Next(); trips.Pause()) {
     batch.Add(trips.Message().data(), options.size);
     connection.WriteAll(batch);
     while (buffer.Added(connection.Read(buffer.WritePtr(), buffer.Room()), take)) {

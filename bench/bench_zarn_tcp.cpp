@@ -20,7 +20,7 @@ struct OverTcp {
    public:
     // The endpoint is that of the run.
     keelbase::AWResult Init(std::uint16_t, std::uint16_t, std::uint16_t, std::uint16_t) {
-      static const CAWInetAddr server("127.0.0.1", bench::ReadPort(GetDirectory()));
+      static const CAWInetAddr server(bench::GetAddress().c_str(), bench::ReadPort(GetDirectory()));
       return Connect(server, nullptr);
     }
   };
@@ -38,7 +38,8 @@ struct OverTcp {
     explicit Listener(std::function<void(Transport*)> accepted) : accepted_(std::move(accepted)) {
       auto* manager = wface::CAWConnectionManager::Instance();
       bench::Check(manager->CreateAcceptor(1, acceptor_), "acceptor");
-      bench::Check(acceptor_->StartListen(this, CAWInetAddr("127.0.0.1", 0), 0), "listen");
+      bench::Check(acceptor_->StartListen(this, CAWInetAddr(bench::GetAddress().c_str(), 0), 0),
+                   "listen");
       bench::WritePort(GetDirectory(), acceptor_->GetLocalAddr().GetPort());
     }
     void OnConnectIndication(long reason, Transport* transport,

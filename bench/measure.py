@@ -29,7 +29,7 @@ ROUND_TRIP = Metric("p50_us", "{:.1f} us".format)  # median of a run; its "p99_u
 NANOSECONDS = Metric("ns", "{:.1f} ns".format)  # for one call
 SECONDS = Metric("seconds", "{:.3f} s".format)
 REQUEST = Metric("us", "{:.0f} us".format)
-THROUGHPUT = Metric("mb_per_s", "{:.0f} MB/s".format, better="more")
+THROUGHPUT = Metric("mb_per_s", "{:.3g} MB/s".format, better="more")
 METRICS = {metric.key: metric
            for metric in (RATE, ROUND_TRIP, NANOSECONDS, SECONDS, REQUEST, THROUGHPUT)}
 
@@ -80,17 +80,23 @@ class Runner:
         self.directory = directory
         self.seconds = seconds
 
+    def path_of(self, program):
+        return os.path.join(self.directory, program)
+
     def run(self, arguments):
         """The object that the program prints. It is told how many seconds to take."""
+        more = [] if "--seconds" in arguments else ["--seconds", str(self.seconds)]
+        return self.run_as_is([*arguments, *more])[0]
+
+    def run_as_is(self, arguments):
+        """The objects that are printed, one in a line."""
         program, *rest = arguments
-        if "--seconds" not in rest:
-            rest += ["--seconds", str(self.seconds)]
         with tempfile.TemporaryDirectory(prefix="zarnbench") as scratch:
-            done = subprocess.run([os.path.join(self.directory, program), *rest], check=False,
+            done = subprocess.run([self.path_of(program), *rest], check=False,
                                   stdout=subprocess.PIPE, text=True, timeout=120,
                                   env={**os.environ, "TMPDIR": scratch})
         if done.returncode == 0:
-            return json.loads(done.stdout)
+            return [json.loads(line) for line in done.stdout.splitlines()]
         progress("")
         reason = f"ended with {done.returncode}"
         if done.returncode < 0:

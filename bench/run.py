@@ -7,8 +7,9 @@ a time falls, on some machines, to a fraction of its speed for a whole run now a
 median of few runs shows who was unlucky. Compared are medians. Start it with scripts/bench.
 
 A suite is a module in suites/ with make_cases(). It may also have count_all(runner), which counts
-something in runs of its own, print_counts(counts), and judge_more(cases, counts), which gives
-further targets.
+something in runs of its own, print_counts(counts), judge_more(cases, counts), which gives further
+targets, why_not(runner), a line that says why it cannot be measured here or None, MOST_RUNS, and
+print_before(), which says what the figures do not.
 """
 import argparse
 import importlib
@@ -34,9 +35,14 @@ class Result:
         self.title = suite.__doc__.splitlines()[0]
         self.cases = [case for case in suite.make_cases() if options.only in case.name]
         self.counts, self.targets = [], []
+        reason = suite.why_not(runner) if self.cases and hasattr(suite, "why_not") else None
+        if reason:
+            print(f"{name}: not measured: {reason}")
+            self.cases = []
         if not self.cases:
             return
-        self.seconds = run_all(self.cases, runner, options.runs)
+        runs = min(options.runs, getattr(suite, "MOST_RUNS", options.runs))
+        self.seconds = run_all(self.cases, runner, runs)
         if hasattr(suite, "count_all") and not options.only:
             self.counts = suite.count_all(runner)
         self.targets = judge_cases(self.cases)
@@ -44,6 +50,8 @@ class Result:
             self.targets += suite.judge_more(self.cases, self.counts)
         progress("")
         print(f"{name}: {self.title}")
+        if hasattr(suite, "print_before"):
+            suite.print_before()
         print_cases(self.cases)
         if self.counts:
             suite.print_counts(self.counts)
@@ -82,7 +90,7 @@ def main():
     results = [Result(name, options) for name in options.suite or SUITES]
     results = [result for result in results if result.cases]
     if not results:
-        sys.exit(f"bench: no case has '{options.only}' in its name")
+        sys.exit(f"bench: no case has '{options.only}' in its name" if options.only else 1)
     if options.json:
         described = {
             **describe_tree_and_machine(),

@@ -2,6 +2,8 @@
 #include "Bench.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -10,12 +12,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <thread>
+#include <type_traits>
 
 #include "Frame.h"
 
@@ -36,8 +42,6 @@ double Now() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-namespace {
-
 double GetCpuSeconds() {
   rusage used{};
   ::getrusage(RUSAGE_SELF, &used);
@@ -47,7 +51,10 @@ double GetCpuSeconds() {
   return seconds(used.ru_utime) + seconds(used.ru_stime);
 }
 
-}  // namespace
+std::string GetAddress() {
+  const char* const address = std::getenv("ZARN_BENCH_ADDRESS");
+  return address == nullptr ? "127.0.0.1" : address;
+}
 
 void Meter::Begin(std::uint64_t messages) {
   if (begin_ != 0) return;
@@ -203,7 +210,10 @@ bool Incoming::Mark(Kind kind) {
 // --- round trips ---
 
 RoundTrips::RoundTrips(const Options& options)
-    : sending_(options), outgoing_(options, sending_), incoming_(options, tally_) {
+    : sending_(options),
+      outgoing_(options, sending_),
+      incoming_(options, tally_),
+      pauseMs_(options.pauseMs) {
   times_.reserve(static_cast<std::size_t>(options.seconds * 4e6));
   sending_.Start();
 }
@@ -212,6 +222,10 @@ bool RoundTrips::Next() {
   if (!outgoing_.Next()) return false;
   sentAt_ = Now();
   return true;
+}
+
+void RoundTrips::Pause() const {
+  if (pauseMs_ != 0) std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs_));
 }
 
 void RoundTrips::Take(const char* answer, std::size_t length) {
@@ -235,11 +249,12 @@ double RoundTrips::Percentile(double part) {
 namespace {
 
 [[noreturn]] void Usage(const char* program) {
-  std::fprintf(stderr,
-               "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
-               "       [--clients N] [--active N] [--tcp] [--resume] [--count] [--read]\n"
-               "       [--snapshots MILLISECONDS]\n",
-               program);
+  std::fprintf(
+      stderr,
+      "usage: %s oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS]\n"
+      "       [--clients N] [--active N] [--tcp] [--congestion NAME] [--resume] [--count]\n"
+      "       [--read] [--snapshots MILLISECONDS] [--pause MILLISECONDS] [--idle SECONDS]\n",
+      program);
   std::exit(2);
 }
 
@@ -248,40 +263,45 @@ struct Arguments {
   int childFd = -1;  // of the control socket; -1 in the parent
 };
 
+using Setters = std::map<std::string, std::function<void(const char*)>>;
+
+Setters MakeSetters(Arguments& arguments) {
+  Options& options = arguments.options;
+  const auto number = [](auto& to) {
+    return [&to](const char* text) {
+      to = static_cast<std::remove_reference_t<decltype(to)>>(std::strtoul(text, nullptr, 10));
+    };
+  };
+  const auto seconds = [](double& to) {
+    return [&to](const char* text) { to = std::strtod(text, nullptr); };
+  };
+  const auto string = [](std::string& to) { return [&to](const char* text) { to = text; }; };
+  return {{"--active", number(options.active)},   {"--child", number(arguments.childFd)},
+          {"--clients", number(options.clients)}, {"--congestion", string(options.congestion)},
+          {"--dir", string(options.dir)},         {"--idle", seconds(options.idleSeconds)},
+          {"--pause", number(options.pauseMs)},   {"--seconds", seconds(options.seconds)},
+          {"--size", number(options.size)},       {"--snapshots", number(options.snapshotMs)},
+          {"--spin", number(options.spinUs)}};
+}
+
 Arguments Parse(int argc, char** argv) {
   if (argc < 2) Usage(argv[0]);
   Arguments arguments;
   Options& options = arguments.options;
   options.mode = argv[1];
+  const std::map<std::string, bool*> flags = {{"--count", &options.count},
+                                              {"--read", &options.read},
+                                              {"--resume", &options.resume},
+                                              {"--tcp", &options.tcp}};
+  const Setters setters = MakeSetters(arguments);
   for (int i = 2; i < argc; ++i) {
-    const std::string name = argv[i];
-    const std::map<std::string, bool*> flags = {{"--count", &options.count},
-                                                {"--read", &options.read},
-                                                {"--resume", &options.resume},
-                                                {"--tcp", &options.tcp}};
-    if (const auto flag = flags.find(name); flag != flags.end()) {
+    if (const auto flag = flags.find(argv[i]); flag != flags.end()) {
       *flag->second = true;
       continue;
     }
-    if (++i == argc) Usage(argv[0]);
-    if (name == "--size")
-      options.size = std::strtoul(argv[i], nullptr, 10);
-    else if (name == "--seconds")
-      options.seconds = std::strtod(argv[i], nullptr);
-    else if (name == "--spin")
-      options.spinUs = static_cast<unsigned>(std::atoi(argv[i]));
-    else if (name == "--clients")
-      options.clients = static_cast<unsigned>(std::atoi(argv[i]));
-    else if (name == "--active")
-      options.active = static_cast<unsigned>(std::atoi(argv[i]));
-    else if (name == "--snapshots")
-      options.snapshotMs = static_cast<unsigned>(std::atoi(argv[i]));
-    else if (name == "--dir")
-      options.dir = argv[i];
-    else if (name == "--child")
-      arguments.childFd = std::atoi(argv[i]);
-    else
-      Usage(argv[0]);
+    const auto setter = setters.find(argv[i]);
+    if (setter == setters.end() || ++i == argc) Usage(argv[0]);
+    setter->second(argv[i]);
   }
   const bool modeKnown = options.mode == "oneway" || options.mode == "pingpong";
   if (!modeKnown || options.size < kSmallestMessage || options.size > kBatchSize - kHeaderSize ||
@@ -290,7 +310,14 @@ Arguments Parse(int argc, char** argv) {
   return arguments;
 }
 
+// Both ends of an emulated path are on this machine, each in a network namespace.
+void EnterFarEnd() {
+  const char* const netns = std::getenv("ZARN_BENCH_NETNS");
+  if (netns != nullptr && ::setns(std::atoi(netns), CLONE_NEWNET) != 0) FailErrno("namespace");
+}
+
 int RunChild(const Options& options, const Control& control, const Peer& peer) {
+  EnterFarEnd();
   Tally tally;
   if (options.mode == "oneway") {
     peer.receive(options, control, tally);
@@ -323,6 +350,7 @@ class ChildProcess {
  private:
   [[noreturn]] static void Exec(char** argv, const Options& options, int fd) {
     ::fcntl(fd, F_SETFD, 0);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::vector<char*> all;
     for (; *argv != nullptr; ++argv) all.push_back(*argv);
     std::string extra[] = {"--dir", options.dir, "--child", std::to_string(fd)};
@@ -355,8 +383,13 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     Sending sending(options);
     peer.send(options, control, sending);
     const Measured received = control.WaitReport();
-    std::printf(", \"clients\": %u, \"active\": %u, \"rate\": %.0f", options.clients,
-                options.active, static_cast<double>(received.messages) / received.seconds);
+    const double rate = static_cast<double>(received.messages) / received.seconds;
+    std::printf(", \"clients\": %u, \"active\": %u, \"rate\": %.1f, \"mb_per_s\": %.3f",
+                options.clients, options.active, rate,
+                rate * static_cast<double>(options.size) / 1e6);
+    if (options.idleSeconds > 0)
+      std::printf(", \"idle_cpu_ms_per_s\": {\"sender\": %.2f, \"receiver\": %.2f}",
+                  sending.GetMeasured().idleCpu * 1e3, received.idleCpu * 1e3);
     if (received.idleBytes != 0)
       std::printf(", \"bytes_per_connection\": %llu, \"connect_seconds\": %.3f",
                   static_cast<unsigned long long>(received.idleBytes),
@@ -385,7 +418,7 @@ int Main(int argc, char** argv, const Peer& peer) {
   auto [options, childFd] = Parse(argc, argv);
   if (options.mode == "oneway" && peer.send == nullptr) Usage(argv[0]);
   // Whatever hangs ends: by the signal, and the other process by the end of the control socket.
-  ::alarm(static_cast<unsigned>(options.seconds * 3) + 30);
+  ::alarm(static_cast<unsigned>(options.seconds * 3 + options.idleSeconds) + 30);
   if (options.count) StartCounting();
   if (childFd >= 0) return RunChild(options, Control(childFd), peer);
 

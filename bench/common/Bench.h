@@ -2,6 +2,9 @@
 //
 // Each program measures one way to pass messages. It starts itself a second time: the child listens
 // and receives or echoes, the parent connects and sends. Both count and check every message.
+//
+// Within emulate_path the child listens at the other end of that path, as the environment says:
+// ZARN_BENCH_ADDRESS, ZARN_BENCH_NETNS.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +24,9 @@ struct Options {
   unsigned clients = 1;     // connections
   unsigned active = 1;      // of these, those that send
   bool tcp = false;         // for the peers that have the choice: TCP instead of a Unix socket
+  std::string congestion;   // congestion control of TCP, as the system calls it; empty: its default
+  unsigned pauseMs = 0;     // before each round trip
+  double idleSeconds = 0;   // all connections do nothing for so long before anything is sent
   bool resume = false;      // connections go on with what earlier ones have agreed on
   bool count = false;       // allocations and system calls too
   bool read = false;        // the receiver compares each byte; otherwise it looks at the beginning
@@ -31,7 +37,11 @@ struct Options {
 [[noreturn]] void Fail(const std::string& what);       // prints it and exits
 [[noreturn]] void FailErrno(const std::string& what);  // with the meaning of errno
 
-double Now();  // seconds, steady
+double Now();            // seconds, steady
+double GetCpuSeconds();  // of this process
+
+// The address of the receiving side.
+std::string GetAddress();
 
 // What one process saw between Begin and End. Only the first call of each counts: with many
 // connections each says so.
@@ -42,6 +52,7 @@ struct Measured {
   Counts counts;
   double connectSeconds = 0;    // until everything was connected
   std::uint64_t idleBytes = 0;  // private memory that each connection added
+  double idleCpu = 0;           // processor seconds of a second in which nothing is sent
 };
 
 class Meter {
@@ -54,6 +65,16 @@ class Meter {
   double cpuAtBegin_ = 0;
   Counts countsAtBegin_;
   double begin_ = 0;
+};
+
+// Processor time of a span, for each second of it.
+class CpuWatch {
+ public:
+  double Read() const { return (GetCpuSeconds() - cpu_) / (Now() - begin_); }
+
+ private:
+  double begin_ = Now();
+  double cpu_ = GetCpuSeconds();
 };
 
 std::uint64_t GetPrivateBytes();  // of this process
@@ -96,6 +117,7 @@ class Sending {
   // Call it when everything is connected. Measuring begins after a fifth of the time that it will
   // take.
   void Start();
+  void SetIdleCpu(double part) { meter_.measured.idleCpu = part; }
 
   // Looks at the clock, `messages` after the last look: what the next message is to tell.
   Kind Look(std::uint64_t messages);
@@ -175,6 +197,9 @@ class RoundTrips {
   explicit RoundTrips(const Options& options);
 
   bool Next();  // false when the last one has been answered
+  // For those whose connection needs no thread of ours meanwhile; others wait PauseMs() themselves.
+  void Pause() const;
+  unsigned PauseMs() const { return pauseMs_; }
   const std::vector<char>& Message() const { return outgoing_.Message(); }
   void Take(const char* answer, std::size_t length);
 
@@ -188,6 +213,7 @@ class RoundTrips {
   Incoming incoming_;
   double sentAt_ = 0;
   std::vector<float> times_;
+  unsigned pauseMs_;
   bool measuring_ = false;
   bool ended_ = false;
 };
@@ -206,7 +232,8 @@ struct Peer {
 };
 
 // usage: PROGRAM oneway|pingpong [--size BYTES] [--seconds S] [--spin MICROSECONDS] [--clients N]
-//                                [--active N] [--tcp] [--resume] [--count]
+//                                [--active N] [--tcp] [--congestion NAME] [--resume] [--count]
+//                                [--pause MILLISECONDS] [--idle SECONDS]
 // Prints one JSON object.
 int Main(int argc, char** argv, const Peer& peer);
 

@@ -18,6 +18,8 @@
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWThread.h"
 #include "keelbase/CAWThreadManager.h"
+#include "keelbase/CAWTimeValue.h"
+#include "keelbase/CAWTimer.h"
 #include "zarn/utils/CZARNMetrics.h"
 #include "zarn/utils/zarnutils.h"
 
@@ -66,6 +68,21 @@ inline CAWThread& StartLoop(const Options& options) {
   return *loop;
 }
 
+// Calls `function` once, on the loop, after a time.
+class Later final : private keelbase::CAWTimerWrapperIDSink {
+ public:
+  explicit Later(std::function<void()> function) : function_(std::move(function)) {}
+  void Start(double seconds) {
+    Check(timer_.Schedule(this, std::chrono::duration<double>(seconds), 1), "timer");
+  }
+
+ private:
+  void OnTimer(keelbase::CAWTimerWrapperID*) override { function_(); }
+
+  std::function<void()> function_;
+  keelbase::CAWTimerWrapperID timer_;
+};
+
 // Over says over which transport: its ClientChannel, ServerChannel, Transport and
 // TransportParameter, and a Listener(accepted) at endpoint 1_2.
 template <class Over>
@@ -103,13 +120,18 @@ class ChannelBench {
     Reception(const Options& options, Tally& tally, std::function<void()> done)
         : options_(options), tally_(tally), done_(std::move(done)), active_(options.active) {}
 
-    // Memory is compared between one connection that has been used and all of them.
+    // Memory is compared between one connection that has been used and all of them. One hello more
+    // tells that an idle time is over.
     void CountHello() {
       ++hellos_;
+      if (idle_) tally_.meter.measured.idleCpu = idle_->Read();
+      idle_.reset();
       if (options_.clients == 1) return;
       if (hellos_ == 1) bytesWithOne_ = GetPrivateBytes();
-      if (hellos_ == options_.clients)
+      if (hellos_ == options_.clients) {
         tally_.meter.measured.idleBytes = (GetPrivateBytes() - bytesWithOne_) / (hellos_ - 1);
+        if (options_.idleSeconds > 0) idle_.emplace();
+      }
     }
 
     void CountLast() {
@@ -123,6 +145,7 @@ class ChannelBench {
     unsigned active_;
     unsigned hellos_ = 0;
     std::uint64_t bytesWithOne_ = 0;
+    std::optional<CpuWatch> idle_;
   };
 
   class ReceivingChannel : public ServerChannel {
@@ -195,9 +218,11 @@ class ChannelBench {
 
     int OnConnected(long reason) override {
       ClientChannel::OnConnected(reason);
-      Check(this->SendZARNMessage(kHello, 0, "hello", 5), "send");
+      Greet();
       return 1;
     }
+
+    void Greet() { Check(this->SendZARNMessage(kHello, 0, "hello", 5), "send"); }
 
     void OnZARNMessage(std::uint16_t, std::uint32_t, const char*, std::size_t) override {
       greeted_();
@@ -232,7 +257,8 @@ class ChannelBench {
     std::optional<Outgoing> outgoing_;
   };
 
-  // Connects one client after the other; when all are there, those that are active start to send.
+  // Connects one client after the other; when all are there, and have been idle if that is asked
+  // for, those that are active start to send.
   class Clients {
    public:
     Clients(const Options& options, Sending& sending, CAWThread& loop)
@@ -250,14 +276,26 @@ class ChannelBench {
 
     void GoOn() {
       if (channels_.size() < options_.clients) return AddOne();
+      if (options_.idleSeconds > 0 && !std::exchange(wasIdle_, true)) return BeIdle();
       sending_.Start();
       for (unsigned i = 0; i < options_.active; ++i) channels_[i]->Start(options_, sending_);
+    }
+
+    void BeIdle() {
+      idle_.emplace();
+      idleEnd_.Start(options_.idleSeconds);
     }
 
     const Options& options_;
     Sending& sending_;
     CAWThread& loop_;
     std::vector<std::unique_ptr<SendingChannel>> channels_;
+    bool wasIdle_ = false;
+    std::optional<CpuWatch> idle_;
+    Later idleEnd_{[this] {
+      sending_.SetIdleCpu(idle_->Read());
+      channels_.front()->Greet();
+    }};
   };
 
   static void Send(const Options& options, const Control&, Sending& sending) {
@@ -272,16 +310,21 @@ class ChannelBench {
 
     int OnConnected(long reason) override {
       ClientChannel::OnConnected(reason);
-      Ask();
+      AskLater();
       return 1;
     }
 
     void OnZARNMessage(std::uint16_t, std::uint32_t, const char* data, std::size_t size) override {
       trips_.Take(data, size);
-      Ask();
+      AskLater();
     }
 
    private:
+    void AskLater() {
+      if (trips_.PauseMs() == 0) return Ask();
+      pause_.Start(trips_.PauseMs() * 1e-3);
+    }
+
     void Ask() {
       if (!trips_.Next()) return loop_.Stop();
       const std::vector<char>& message = trips_.Message();
@@ -290,6 +333,7 @@ class ChannelBench {
 
     RoundTrips& trips_;
     CAWThread& loop_;
+    Later pause_{[this] { Ask(); }};
   };
 
   static void Ask(const Options& options, const Control&, RoundTrips& trips) {

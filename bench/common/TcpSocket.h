@@ -1,4 +1,4 @@
-// TcpSocket.h - bare TCP on 127.0.0.1.
+// TcpSocket.h - bare TCP.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,22 +8,27 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <string>
 
 #include "Bench.h"
 
 namespace bench {
 
-inline sockaddr_in LoopbackAddress(std::uint16_t port) {
+inline sockaddr_in MakeTcpAddress(std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::inet_pton(AF_INET, GetAddress().c_str(), &address.sin_addr);
   address.sin_port = htons(port);
   return address;
 }
 
-inline int MakeTcpSocket() {
+// `congestion`: Options::congestion. Accepted sockets have that of the listening one.
+inline int MakeTcpSocket(const std::string& congestion) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   if (fd < 0) FailErrno("socket");
+  if (!congestion.empty() && ::setsockopt(fd, IPPROTO_TCP, TCP_CONGESTION, congestion.data(),
+                                          static_cast<socklen_t>(congestion.size())) != 0)
+    FailErrno("congestion control " + congestion);
   return fd;
 }
 
@@ -32,9 +37,9 @@ inline void SendAtOnce(int fd) {
   if (::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) FailErrno("TCP_NODELAY");
 }
 
-inline int ListenTcp(std::uint16_t& port) {
-  const int fd = MakeTcpSocket();
-  sockaddr_in address = LoopbackAddress(0);
+inline int ListenTcp(std::uint16_t& port, const std::string& congestion = {}) {
+  const int fd = MakeTcpSocket(congestion);
+  sockaddr_in address = MakeTcpAddress(0);
   socklen_t size = sizeof address;
   if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), size) != 0 ||
       ::listen(fd, 128) != 0 ||
@@ -51,9 +56,9 @@ inline int AcceptTcp(int listener) {
   return fd;
 }
 
-inline int ConnectTcp(std::uint16_t port) {
-  const int fd = MakeTcpSocket();
-  const sockaddr_in address = LoopbackAddress(port);
+inline int ConnectTcp(std::uint16_t port, const std::string& congestion = {}) {
+  const int fd = MakeTcpSocket(congestion);
+  const sockaddr_in address = MakeTcpAddress(port);
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     FailErrno("connect");
   SendAtOnce(fd);

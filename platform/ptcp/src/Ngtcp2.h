@@ -16,6 +16,15 @@
 
 namespace ptcp::ngtcp2 {
 
+// Times in nanoseconds; UINT64_MAX: there is none.
+struct PathState {
+  std::uint64_t inFlight;  // bytes
+  std::uint64_t leastRtt;
+  std::uint64_t rtt;
+  std::uint64_t rttVariation;
+  std::uint64_t lastLoss;  // when a loss was noticed that no earlier one had announced
+};
+
 #if NGTCP2_VERSION_NUM >= 0x010000
 using Level = ngtcp2_encryption_level;
 using CloseError = ngtcp2_ccerr;
@@ -46,6 +55,12 @@ inline Bytes TokenOf(const ngtcp2_pkt_hd& header) { return {header.token, header
 inline void SetToken(ngtcp2_settings& settings, Bytes token) {
   settings.token = token.data();
   settings.tokenlen = token.size();
+}
+// Losses are not told.
+inline PathState GetPathState(ngtcp2_conn* conn) {
+  ngtcp2_conn_info info;
+  ngtcp2_conn_get_conn_info(conn, &info);
+  return {info.bytes_in_flight, info.min_rtt, info.smoothed_rtt, info.rttvar, UINT64_MAX};
 }
 #else
 using Level = ngtcp2_crypto_level;
@@ -79,6 +94,12 @@ inline void SetOriginalId(ngtcp2_transport_params& params, const ngtcp2_cid& id)
 inline Bytes TokenOf(const ngtcp2_pkt_hd& header) { return {header.token.base, header.token.len}; }
 inline void SetToken(ngtcp2_settings& settings, Bytes token) {
   settings.token = {const_cast<std::uint8_t*>(token.data()), token.size()};
+}
+inline PathState GetPathState(ngtcp2_conn* conn) {
+  ngtcp2_conn_stat stat;
+  ngtcp2_conn_get_conn_stat(conn, &stat);
+  return {stat.bytes_in_flight, stat.min_rtt, stat.smoothed_rtt, stat.rttvar,
+          stat.congestion_recovery_start_ts};
 }
 #endif
 

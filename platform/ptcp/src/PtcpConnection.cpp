@@ -229,8 +229,9 @@ void PtcpConnection::Flush(Time now) {
   if (dead_) return;
   blocked_ = false;  // a window that opens for the whole connection is not told
   const std::size_t quantum = ngtcp2_conn_get_send_quantum(conn_);
+  const std::uint64_t room = UpdateFairWindow(now);
   std::size_t total = 0;
-  while (WriteOne(now, total) && total < quantum) {
+  while (WriteOne(now, room, total) && total < quantum) {
   }
   if (dead_) return;
   if (violated_) return Ended(NGTCP2_ERR_PROTO, now);
@@ -240,14 +241,31 @@ void PtcpConnection::Flush(Time now) {
   notBefore_ = stuck ? now + kLeastPause : 0;
 }
 
-// False when there is nothing more to send for now.
-bool PtcpConnection::WriteOne(Time now, std::size_t& total) {
+// How many new bytes may be sent now. Inside a machine there is no path to share.
+std::uint64_t PtcpConnection::UpdateFairWindow(Time now) {
+  if (inside_) return UINT64_MAX;
+  const ngtcp2::PathState path = ngtcp2::GetPathState(conn_);
+  FairWindow::Seen seen{};
+  seen.inFlight = path.inFlight;
+  seen.delivered = datagramBytesOut_ - std::min(path.inFlight, datagramBytesOut_);
+  seen.packet = kLargestDatagram;
+  seen.leastRtt = path.leastRtt;
+  seen.rtt = path.rtt;
+  seen.rttVariation = path.rttVariation;
+  seen.lost = path.lastLoss != kNever && path.lastLoss != lastLoss_;
+  lastLoss_ = path.lastLoss;
+  if (path.leastRtt != kNever) fairWindow_.Update(seen, now);
+  return fairWindow_.Room(path.inFlight);
+}
+
+// False when there is nothing more to send for now. What is sent again needs no room.
+bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) {
   std::array<std::uint8_t, kLargestInside> packet;
   std::array<ngtcp2_vec, 2> pieces;
   std::size_t count = 0;
   std::int64_t stream = -1;
   std::uint32_t flags = NGTCP2_WRITE_STREAM_FLAG_NONE;
-  const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_;
+  const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_ && total < room;
   if (mayWrite && (Unsent() != 0 || finishing_)) {
     stream = stream_;
     for (std::uint64_t at = sent_; at != out_.End() && count < pieces.size(); ++count) {

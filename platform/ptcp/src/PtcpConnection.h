@@ -7,6 +7,7 @@
 
 #include "ByteQueue.h"
 #include "ConnectionId.h"
+#include "FairWindow.h"
 #include "LonePackets.h"
 #include "PacketKey.h"
 #include "PtcpHandshake.h"
@@ -103,7 +104,8 @@ class PtcpConnection {
   void OpenStream();
   void Ended(int error, Time now);
   void SendClose(const void* closeError, Time now);
-  bool WriteOne(Time now, std::size_t& total);
+  bool WriteOne(Time now, std::uint64_t room, std::size_t& total);
+  std::uint64_t UpdateFairWindow(Time now);
   void CountAndSend(Bytes datagram);
   std::uint64_t UnprovedRoom() const {
     return 3 * datagramBytesIn_ - std::min(datagramBytesOut_, 3 * datagramBytesIn_);
@@ -126,6 +128,8 @@ class PtcpConnection {
   std::uint64_t datagramBytesOut_ = 0;
 
   Time notBefore_ = 0;  // no timer is due earlier
+  FairWindow fairWindow_;
+  Time lastLoss_ = kNever;
   std::int64_t stream_ = -1;
   bool blocked_ = false;
   bool finishing_ = false;
