@@ -1,0 +1,292 @@
+// TlsStream_ends_test.cpp - how connections of the TLS engine end.
+#include <gtest/gtest.h>
+#include <openssl/ssl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "TlsStreamPair.h"
+#include "keelbase/internal/ManualClock.h"
+
+namespace sslutils::internal {
+namespace {
+
+class TlsStreamEnds : public ::testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Tls, TlsStreamEnds, ::testing::Values(TLS1_2_VERSION, TLS1_3_VERSION),
+                         [](const auto& version) {
+                           return version.param == TLS1_2_VERSION ? "v12" : "v13";
+                         });
+
+TEST_P(TlsStreamEnds, OrderlyEndIsReasonZeroAfterAllBytes) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop, GetParam());
+    pair.Open();
+    TlsPair::Send(pair.client, "all of it");
+    pair.client.stream->Disconnect();
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.received, "all of it");
+    EXPECT_EQ(pair.server_.sink.ends, 1);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+    EXPECT_EQ(pair.client.sink.ends, 0);
+  });
+}
+
+TEST(TlsStreamEnd, CutWithoutAnnouncementIsAReasonOfItsOwn) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.end.End(0);
+    EXPECT_EQ(pair.server_.sink.reason, AW_SSL_ERROR_CUT);
+  });
+}
+
+TEST(TlsStreamEnd, ResetKeepsItsReason) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.end.End(ECONNRESET);
+    EXPECT_EQ(pair.server_.sink.reason, ECONNRESET);
+  });
+}
+
+TEST_P(TlsStreamEnds, GarbageRecordEndsThatConnectionWithAReason) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop, GetParam());
+    pair.Open();
+    pair.server_.end.Arrive(std::string("\x17\x03\x03\x00\x20", 5) + std::string(32, 'x'));
+    EXPECT_EQ(pair.server_.sink.ends, 1);
+    EXPECT_EQ(pair.server_.sink.reason, AW_SSL_ERROR_RECORD);
+    EXPECT_TRUE(pair.server_.end.disconnected);
+    EXPECT_NE(TlsPair::Send(pair.server_, "x"), AW_OK);
+  });
+}
+
+TEST_P(TlsStreamEnds, ChangedByteEndsTheConnectionAfterWhatCameBeforeIt) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop, GetParam());
+    pair.Open();
+    TlsPair::Send(pair.client, "good");
+    pair.loop.RunReady();
+    const std::string good = std::exchange(pair.client.end.sent, {});
+    TlsPair::Send(pair.client, "bad");
+    pair.loop.RunReady();
+    std::string bad = std::exchange(pair.client.end.sent, {});
+    bad.back() = static_cast<char>(bad.back() ^ 1);
+    pair.server_.end.Arrive(good + bad);
+    EXPECT_EQ(pair.server_.sink.received, "good");
+    EXPECT_EQ(pair.server_.sink.reason, AW_SSL_ERROR_RECORD);
+  });
+}
+
+TEST(TlsStreamEnd, RenegotiationCompressionEarlyDataAndOldVersionsAreOff) {
+  WithLoop([](EventLoop& loop) {
+    TlsServer context;
+    const auto own = Authority().Issue();
+    context.SetPrivateKey(own.key);
+    context.SetCertificate(own.certificate);
+    ASSERT_EQ(context.Prepare(), AW_OK);
+    const SslPtr ssl = context.MakeSsl();
+    EXPECT_NE(SSL_get_options(ssl.get()) & SSL_OP_NO_RENEGOTIATION, 0U);
+    EXPECT_NE(SSL_get_options(ssl.get()) & SSL_OP_NO_COMPRESSION, 0U);
+    EXPECT_EQ(SSL_get_max_early_data(ssl.get()), 0U);
+    EXPECT_EQ(SSL_get_min_proto_version(ssl.get()), TLS1_2_VERSION);
+    (void)loop;
+  });
+}
+
+TEST(TlsStreamEnd, DisconnectAwaitsThePeersEndSoThatNothingIsReset) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.stream->Disconnect();
+    EXPECT_FALSE(pair.client.end.disconnected);
+    TlsPair::Send(pair.server_, "nobody reads this any more");
+    pair.loop.RunReady();
+    pair.client.end.Arrive(std::exchange(pair.server_.end.sent, {}));
+    EXPECT_FALSE(pair.client.end.disconnected);
+    pair.client.end.End(0);
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_TRUE(pair.client.sink.received.empty());
+  });
+}
+
+TEST(TlsStreamEnd, BothSidesMayDisconnectAtOnceAndNobodyWaits) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.stream->Disconnect();
+    pair.server_.stream->Disconnect();
+    pair.Move();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_TRUE(pair.server_.end.disconnected);
+  });
+}
+
+TEST(TlsStreamEnd, PeerThatNeverEndsIsGivenUpAfterTheLinger) {
+  WithLoop([](EventLoop& loop) {
+    keelbase::internal::ManualClock clock;
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.stream->Disconnect();
+    TlsPair::Drop(pair.client);
+    clock.Advance(std::chrono::milliseconds(1999));
+    pair.loop.RunReady();
+    EXPECT_FALSE(pair.client.end.disconnected);
+    clock.Advance(std::chrono::milliseconds(2));
+    pair.loop.RunReady();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_TRUE(pair.client.end.destroyed);
+  });
+}
+
+TEST(TlsStreamEnd, EndOfTheProcessLeavesTheLingerToTheTransportBelow) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.end.room = 0;
+    TlsPair::Send(pair.client, "still to be written");
+    pair.client.stream->Disconnect();
+    EXPECT_FALSE(pair.client.end.disconnected);
+    pair.loop.FinishLingers();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_EQ(pair.client.end.lingerMs, 2000U);
+    pair.server_.end.Arrive(pair.client.end.lingerData);
+    EXPECT_EQ(pair.server_.sink.received, "still to be written");
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectOnABlockedTransport) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.end.room = 100;
+    const std::string all = Pattern(200000);
+    CAWMessageBlock block(all.data(), all.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.client.stream->Send(block), AW_ERROR_PARTIAL_DATA);
+    CAWMessageBlock rest(block.GetReadPtr(), block.GetLength(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.client.stream->SetOption(keelbase::AW_OPT_LINGER_DATA, &rest), AW_OK);
+    pair.client.stream->Disconnect();
+    pair.Move();
+    EXPECT_TRUE(pair.server_.sink.received == all);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, LingerOfZeroDropsAtOnceWhatIsNotTaken) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    std::uint32_t none = 0;
+    pair.client.stream->SetOption(keelbase::AW_OPT_LINGER, &none);
+    pair.client.end.room = 0;
+    TlsPair::Send(pair.client, "lost");
+    pair.client.stream->Disconnect();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_EQ(pair.client.end.lingerMs, 0U);
+  });
+}
+
+TEST(TlsStreamEnd, WhatWasTakenGoesOutAlsoAfterThePeersOrderlyEnd) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.stream->Disconnect();
+    TlsPair::Send(pair.server_, "answer");
+    pair.server_.end.Arrive(std::exchange(pair.client.end.sent, {}));
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+    pair.server_.stream->Disconnect();
+    EXPECT_FALSE(pair.server_.end.sent.empty());
+    EXPECT_TRUE(pair.server_.end.disconnected);
+  });
+}
+
+TEST(TlsStreamEnd, SendAfterDisconnectAnswers10002) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.stream->Disconnect();
+    EXPECT_EQ(TlsPair::Send(pair.client, "x"), AW_ERROR_NOT_INITIALIZED);
+  });
+}
+
+TEST(TlsStreamEnd, FailedWriteIsAnsweredAndTheEndFollowsWhatThePeerHadSent) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    TlsPair::Send(pair.server_, "sent before");
+    pair.loop.RunReady();
+    const std::string sent = std::exchange(pair.server_.end.sent, {});
+    pair.client.end.sendResult = EPIPE;
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(20000, 'x')), AWResult{EPIPE});
+    EXPECT_EQ(TlsPair::Send(pair.client, "x"), AWResult{EPIPE});
+    EXPECT_EQ(pair.client.sink.ends, 0);
+    pair.client.end.Arrive(sent);
+    pair.client.end.End(ECONNRESET);
+    EXPECT_EQ(pair.client.sink.received, "sent before");
+    EXPECT_EQ(pair.client.sink.reason, EPIPE);
+  });
+}
+
+TEST(TlsStreamEnd, NoMemoryInAReceiverEndsTheConnection) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.sink.failMemory = true;
+    TlsPair::Send(pair.client, "x");
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.reason, ENOMEM);
+    EXPECT_TRUE(pair.server_.end.disconnected);
+  });
+}
+
+TEST(TlsStreamEnd, SinkMayDropTheStreamInsideEachCallback) {
+  WithLoop([](EventLoop& loop) {
+    for (int where = 0; where < 4; ++where) {
+      TlsPair pair(loop);
+      const auto drop = [&pair] {
+        pair.server_.stream->Disconnect();
+        TlsPair::Drop(pair.server_);
+      };
+      if (where == 0) {
+        pair.server_.onDone = drop;
+        pair.StartBoth();
+      } else {
+        pair.Open();
+        if (where == 1) pair.server_.sink.onBytes = drop;
+        if (where == 2) pair.server_.sink.onEnd = drop;
+        if (where == 3) {
+          pair.server_.sink.onRoom = drop;
+          pair.server_.end.room = 0;
+          TlsPair::Send(pair.server_, std::string(100000, 'x'));
+          pair.server_.end.MakeRoom(1 << 20);
+        }
+        TlsPair::Send(pair.client, "go");
+        pair.client.stream->Disconnect();
+      }
+      pair.Move();
+      EXPECT_FALSE(pair.server_.stream) << where;
+    }
+  });
+}
+
+TEST(TlsStreamEnd, SinkMaySendAndCloseInsideAReceive) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.sink.onBytes = [&] {
+      EXPECT_EQ(TlsPair::Send(pair.server_, "answer"), AW_OK);
+      pair.server_.stream->Disconnect();
+    };
+    TlsPair::Send(pair.client, "question");
+    pair.Move();
+    EXPECT_EQ(pair.client.sink.received, "answer");
+    EXPECT_EQ(pair.client.sink.reason, 0);
+  });
+}
+
+}  // namespace
+}  // namespace sslutils::internal
