@@ -393,7 +393,7 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     if (received.idleBytes != 0)
       std::printf(", \"bytes_per_connection\": %llu, \"connect_seconds\": %.3f",
                   static_cast<unsigned long long>(received.idleBytes),
-                  sending.GetMeasured().connectSeconds);
+                  sending.GetMeasured().connectSeconds - options.idleSeconds);
     PrintSide("sender", sending.GetMeasured(), options.count);
     PrintSide("receiver", received, options.count);
   } else {

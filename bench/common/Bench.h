@@ -50,7 +50,7 @@ struct Measured {
   double cpuSeconds = 0;
   std::uint64_t messages = 0;
   Counts counts;
-  double connectSeconds = 0;    // until everything was connected
+  double connectSeconds = 0;    // until everything was connected, and idle if that was asked for
   std::uint64_t idleBytes = 0;  // private memory that each connection added
   double idleCpu = 0;           // processor seconds of a second in which nothing is sent
 };
