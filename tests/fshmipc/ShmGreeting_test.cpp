@@ -20,6 +20,8 @@
 namespace fshmipc {
 namespace {
 
+using zarn::test::OpenDescriptors;
+
 struct Sockets {
   Sockets() {
     int ends[2];

@@ -5,6 +5,7 @@
 
 #include "IPCAcceptor.h"
 #include "IPCConnector.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace fipc {
@@ -35,9 +36,8 @@ std::atomic<CAWIPCManager*> testInstance{nullptr};
 }  // namespace
 
 CAWIPCManager* CAWIPCManager::Instance() {
-  static IPCManager& manager = *new IPCManager;  // lives for ever, like the threads
   CAWIPCManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<IPCManager>();
 }
 
 void CAWIPCManager::TEST_SetInstance(CAWIPCManager* manager) {

@@ -6,6 +6,7 @@
 #include "ShmIPCAcceptor.h"
 #include "ShmIPCConnector.h"
 #include "SystemPath.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace fshmipc {
@@ -35,9 +36,8 @@ std::atomic<CAWShmIPCManager*> testInstance{nullptr};
 }  // namespace
 
 CAWShmIPCManager* CAWShmIPCManager::Instance() {
-  static ShmIPCManager& manager = *new ShmIPCManager;  // lives for ever, like the threads
   CAWShmIPCManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<ShmIPCManager>();
 }
 
 void CAWShmIPCManager::TEST_SetInstance(CAWShmIPCManager* manager) {

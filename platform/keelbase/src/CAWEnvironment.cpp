@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace keelbase {
@@ -19,10 +20,8 @@ struct BinHome {
   CAWString path AW_GUARDED_BY(mutex);
 };
 
-BinHome& GetBinHome() {
-  static auto* const home = new BinHome;  // never destroyed: a log may be opened during exit
-  return *home;
-}
+// A log may be opened during exit.
+BinHome& GetBinHome() { return internal::Immortal<BinHome>(); }
 
 // The kernel marks an executable whose file was deleted or replaced since.
 CAWString GetExecutable() {

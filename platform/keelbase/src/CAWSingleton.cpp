@@ -6,16 +6,14 @@
 #include <vector>
 
 #include "StopThreads.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace keelbase {
 
 class CleanUpChain {
  public:
-  static CleanUpChain& Instance() {
-    static CleanUpChain& chain = *new CleanUpChain;
-    return chain;
-  }
+  static CleanUpChain& Instance() { return internal::Immortal<CleanUpChain>(); }
 
   void Add(CAWCleanUpBase* link) {
     const internal::MutexLock lock(mutex_);

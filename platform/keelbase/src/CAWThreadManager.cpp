@@ -6,14 +6,17 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <exception>
 #include <future>
 #include <memory>
-#include <system_error>
+#include <new>
 #include <thread>
 
 #include "StopThreads.h"
 #include "keelbase/CAWSingleton.h"
 #include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace keelbase {
@@ -38,10 +41,7 @@ struct Slots {
   }
 };
 
-Slots& TheSlots() {
-  static Slots& slots = *new Slots;  // outlives every static object
-  return slots;
-}
+Slots& TheSlots() { return internal::Immortal<Slots>(); }
 
 }  // namespace
 
@@ -108,7 +108,7 @@ CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
       loop.BindToCurrentThread();
       loop.Run();
     });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {
     delete thread;
     return nullptr;
   }
@@ -116,20 +116,21 @@ CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
 }
 
 CAWThreadManager* CAWThreadManager::Instance() {
-  static CAWThreadManager& manager = *new CAWThreadManager;
-  return &manager;
+  alignas(CAWThreadManager) static std::byte place[sizeof(CAWThreadManager)];  // as in Immortal.h
+  static CAWThreadManager* const manager = new (place) CAWThreadManager;
+  return manager;
 }
 
 namespace {
 
 void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
   if (slots.cleanUpArmed) return;
-  slots.cleanUpArmed = true;
   ThreadCleanUp::Arm();
+  slots.cleanUpArmed = true;
 }
 
-// Null when the system gives no thread or no descriptors.
-CAWThread* StartThread(Slots& slots, Slot& slot) {
+// Null when the system gives no thread, no descriptors or no memory.
+CAWThread* StartThread(Slots& slots, Slot& slot) try {
   const internal::MutexLock lock(slots.mutex);
   CAWThread* thread = slot.thread.load(std::memory_order_acquire);
   if (thread != nullptr) return thread;
@@ -138,6 +139,8 @@ CAWThread* StartThread(Slots& slots, Slot& slot) {
   thread = ThreadCleanUp::MakeStarted(slot);
   slot.thread.store(thread, std::memory_order_release);
   return thread;
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
 }  // namespace
@@ -151,19 +154,21 @@ CAWThread* CAWThreadManager::GetThread(int type) {
   return StartThread(slots, *slot);
 }
 
-AWResult CAWThreadManager::AdoptCurrentThread(int type) {
+AWResult CAWThreadManager::AdoptCurrentThread(int type) try {
   Slots& slots = TheSlots();
   Slot* slot = slots.Find(type);
   if (slot == nullptr || internal::EventLoop::Current() != nullptr) return AW_ERROR_FAILURE;
   const internal::MutexLock lock(slots.mutex);
   if (slot->thread.load(std::memory_order_relaxed) != nullptr) return AW_ERROR_FAILURE;
+  ArmCleanUp(slots);
   CAWThread* thread = ThreadCleanUp::Make(*slot);
   if (thread == nullptr) return AW_ERROR_FAILURE;
   thread->adopted_ = true;
-  ArmCleanUp(slots);
   thread->GetLoop().BindToCurrentThread();
   slot->thread.store(thread, std::memory_order_release);
   return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 CAWThread* CAWThreadManager::GetCurrent() {
@@ -182,8 +187,7 @@ CAWThread* CAWThreadManager::GetCurrentOrNetwork() {
 }
 
 CAWMutexThread& CAWThreadManager::GetSingletonMutex() {
-  static CAWMutexThread& mutex = *new CAWMutexThread;
-  return mutex;
+  return internal::Immortal<CAWMutexThread>();
 }
 
 }  // namespace keelbase

@@ -5,6 +5,7 @@
 
 #include "PtcpAcceptor.h"
 #include "PtcpConnector.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace ptcp {
@@ -30,9 +31,8 @@ std::atomic<CAWPseudoTCPManager*> testInstance{nullptr};
 }  // namespace
 
 CAWPseudoTCPManager* CAWPseudoTCPManager::Instance() {
-  static PseudoTCPManager& manager = *new PseudoTCPManager;  // lives for ever, like the threads
   CAWPseudoTCPManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<PseudoTCPManager>();
 }
 
 void CAWPseudoTCPManager::TEST_SetInstance(CAWPseudoTCPManager* manager) {

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "ClockAndRandom.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
 #include "keelbase/internal/TraceError.h"
 
@@ -36,10 +37,7 @@ struct Directory {
   Mutex mutex;
   std::map<std::pair<EventLoop*, CAWInetAddr>, UdpPort*> ports AW_GUARDED_BY(mutex);
 };
-Directory& GetDirectory() {
-  static Directory& directory = *new Directory;  // lives for ever, like the loops
-  return directory;
-}
+Directory& GetDirectory() { return keelbase::internal::Immortal<Directory>(); }
 
 void Forget(std::vector<PortUser*>& list, PortUser& user) {
   std::replace(list.begin(), list.end(), &user, static_cast<PortUser*>(nullptr));

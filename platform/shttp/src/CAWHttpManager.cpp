@@ -6,6 +6,7 @@
 
 #include "HttpClient.h"
 #include "keelbase/CAWThreadManager.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace shttp {
@@ -49,9 +50,8 @@ std::atomic<IAWHttpManager*> testInstance{nullptr};
 }  // namespace
 
 IAWHttpManager* IAWHttpManager::Instance() {
-  static HttpManager& manager = *new HttpManager;  // lives for ever, like the threads
   IAWHttpManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<HttpManager>();
 }
 
 void IAWHttpManager::TEST_SetInstance(IAWHttpManager* manager) {

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/MakeOnLoop.h"
 #include "ptcp/CAWPseudoTCPManager.h"
 #include "sslutils/internal/TlsAcceptor.h"
@@ -60,9 +61,8 @@ std::atomic<IAWSSLPTCPManager*> testInstance{nullptr};
 }  // namespace
 
 IAWSSLPTCPManager* IAWSSLPTCPManager::Instance() {
-  static SSLPTCPManager& manager = *new SSLPTCPManager;  // lives for ever, like the threads
   IAWSSLPTCPManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<SSLPTCPManager>();
 }
 
 void IAWSSLPTCPManager::TEST_SetInstance(IAWSSLPTCPManager* manager) {

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "OverTcp.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/MakeOnLoop.h"
 #include "sslutils/internal/TlsClient.h"
 
@@ -44,9 +45,8 @@ std::atomic<IAWSSLManager*> testInstance{nullptr};
 }  // namespace
 
 IAWSSLManager* IAWSSLManager::Instance() {
-  static SSLManager& manager = *new SSLManager;  // lives for ever, like the threads
   IAWSSLManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<SSLManager>();
 }
 
 void IAWSSLManager::TEST_SetInstance(IAWSSLManager* manager) {

@@ -12,6 +12,7 @@
 #include "TlsContext.h"
 #include "TlsSessions.h"
 #include "TlsTrust.h"
+#include "keelbase/internal/Immortal.h"
 
 namespace sslutils::internal {
 
@@ -20,15 +21,9 @@ using keelbase::AWResult;
 
 namespace {
 
-// These live for ever, like the threads: a connection may end during exit.
-TlsTrust& Trust() {
-  static TlsTrust& trust = *new TlsTrust;
-  return trust;
-}
-TlsSessions& Sessions() {
-  static TlsSessions& sessions = *new TlsSessions;
-  return sessions;
-}
+// A connection may end during exit.
+TlsTrust& Trust() { return keelbase::internal::Immortal<TlsTrust>(); }
+TlsSessions& Sessions() { return keelbase::internal::Immortal<TlsSessions>(); }
 
 // --- the session key of a connection, kept with it ---
 

@@ -5,6 +5,7 @@
 
 #include "TcpAcceptor.h"
 #include "TcpConnector.h"
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace wface {
@@ -35,9 +36,8 @@ std::atomic<CAWConnectionManager*> testInstance{nullptr};
 }  // namespace
 
 CAWConnectionManager* CAWConnectionManager::Instance() {
-  static ConnectionManager& manager = *new ConnectionManager;  // lives for ever, like the threads
   CAWConnectionManager* replaced = testInstance.load(std::memory_order_acquire);
-  return replaced != nullptr ? replaced : &manager;
+  return replaced != nullptr ? replaced : &keelbase::internal::Immortal<ConnectionManager>();
 }
 
 void CAWConnectionManager::TEST_SetInstance(CAWConnectionManager* manager) {
