@@ -6,9 +6,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <future>
 #include <memory>
-#include <system_error>
+#include <new>
 #include <thread>
 
 #include "StopThreads.h"
@@ -108,7 +109,7 @@ CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
       loop.BindToCurrentThread();
       loop.Run();
     });
-  } catch (const std::system_error&) {
+  } catch (const std::exception&) {  // no thread or no memory
     delete thread;
     return nullptr;
   }
@@ -124,8 +125,8 @@ namespace {
 
 void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
   if (slots.cleanUpArmed) return;
-  slots.cleanUpArmed = true;
   ThreadCleanUp::Arm();
+  slots.cleanUpArmed = true;
 }
 
 // Null when the system gives no thread or no descriptors.
@@ -142,28 +143,32 @@ CAWThread* StartThread(Slots& slots, Slot& slot) {
 
 }  // namespace
 
-CAWThread* CAWThreadManager::GetThread(int type) {
+CAWThread* CAWThreadManager::GetThread(int type) try {
   Slots& slots = TheSlots();
   Slot* slot = slots.Find(type);
   if (slot == nullptr) return nullptr;
   CAWThread* thread = slot->thread.load(std::memory_order_acquire);
   if (thread != nullptr || type == TT_MAIN) return thread;
   return StartThread(slots, *slot);
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
-AWResult CAWThreadManager::AdoptCurrentThread(int type) {
+AWResult CAWThreadManager::AdoptCurrentThread(int type) try {
   Slots& slots = TheSlots();
   Slot* slot = slots.Find(type);
   if (slot == nullptr || internal::EventLoop::Current() != nullptr) return AW_ERROR_FAILURE;
   const internal::MutexLock lock(slots.mutex);
   if (slot->thread.load(std::memory_order_relaxed) != nullptr) return AW_ERROR_FAILURE;
+  ArmCleanUp(slots);
   CAWThread* thread = ThreadCleanUp::Make(*slot);
   if (thread == nullptr) return AW_ERROR_FAILURE;
   thread->adopted_ = true;
-  ArmCleanUp(slots);
   thread->GetLoop().BindToCurrentThread();
   slot->thread.store(thread, std::memory_order_release);
   return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 CAWThread* CAWThreadManager::GetCurrent() {
