@@ -272,9 +272,11 @@ TYPED_TEST(StreamAllocations, WhatWaitsGoesOutWithoutAny) {
   Attached<TypeParam> one;
   one.transport->room = 0;
   ASSERT_EQ(one.Send(std::string(60000, 'w')), AW_OK);
-  const Exhaustion none;
-  one.MakeRoom();
-  EXPECT_GE(one.transport->taken, 60000U);
+  {
+    const Exhaustion none;
+    one.MakeRoom();
+  }
+  EXPECT_EQ(one.transport->taken, 60000U);
   EXPECT_EQ(one.stream->GetSendQueueLength(), 0U);
 }
 
@@ -291,17 +293,22 @@ std::vector<std::unique_ptr<CAWMessageBlock>> MakeEvents() {
 }
 
 TYPED_TEST(StreamAllocations, EventsAreTakenWholeOrTheConnectionEndsForThatReason) {
+  const auto receiveAll = [](Attached<TypeParam>& one, const auto& events) {
+    for (const auto& event : events)
+      if (one.stream->ends == 0) one.Receive(*event);
+  };
+  // Some streams offer the rest of an event again: see their comments.
+  Attached<TypeParam> undisturbed;
+  receiveAll(undisturbed, MakeEvents());
+  ASSERT_GE(undisturbed.stream->frames, 100U);
   const EmptyPool outer;
   for (EachAllocation each; each.Next();) {
     Attached<TypeParam> one;
     const auto events = MakeEvents();
     const EmptyPool empty;
-    each.Try([&] {
-      for (const auto& event : events)
-        if (one.stream->ends == 0) one.Receive(*event);
-    });
+    each.Try([&] { receiveAll(one, events); });
     if (one.stream->ends == 0) {
-      EXPECT_EQ(one.stream->frames, 100U);
+      EXPECT_EQ(one.stream->frames, undisturbed.stream->frames);
       continue;
     }
     EXPECT_TRUE(each.HasFailed());

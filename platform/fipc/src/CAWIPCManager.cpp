@@ -5,6 +5,7 @@
 
 #include "IPCAcceptor.h"
 #include "IPCConnector.h"
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace fipc {
@@ -35,7 +36,7 @@ std::atomic<CAWIPCManager*> testInstance{nullptr};
 }  // namespace
 
 CAWIPCManager* CAWIPCManager::Instance() {
-  static IPCManager& manager = *new IPCManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<IPCManager>();
   CAWIPCManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }

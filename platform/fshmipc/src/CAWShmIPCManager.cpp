@@ -6,6 +6,7 @@
 #include "ShmIPCAcceptor.h"
 #include "ShmIPCConnector.h"
 #include "SystemPath.h"
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace fshmipc {
@@ -35,7 +36,7 @@ std::atomic<CAWShmIPCManager*> testInstance{nullptr};
 }  // namespace
 
 CAWShmIPCManager* CAWShmIPCManager::Instance() {
-  static ShmIPCManager& manager = *new ShmIPCManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<ShmIPCManager>();
   CAWShmIPCManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }

@@ -5,6 +5,7 @@
 
 #include "PtcpAcceptor.h"
 #include "PtcpConnector.h"
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace ptcp {
@@ -30,7 +31,7 @@ std::atomic<CAWPseudoTCPManager*> testInstance{nullptr};
 }  // namespace
 
 CAWPseudoTCPManager* CAWPseudoTCPManager::Instance() {
-  static PseudoTCPManager& manager = *new PseudoTCPManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<PseudoTCPManager>();
   CAWPseudoTCPManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }

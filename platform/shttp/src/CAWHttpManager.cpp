@@ -6,6 +6,7 @@
 
 #include "HttpClient.h"
 #include "keelbase/CAWThreadManager.h"
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/Mutex.h"
 
 namespace shttp {
@@ -49,7 +50,7 @@ std::atomic<IAWHttpManager*> testInstance{nullptr};
 }  // namespace
 
 IAWHttpManager* IAWHttpManager::Instance() {
-  static HttpManager& manager = *new HttpManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<HttpManager>();
   IAWHttpManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/MakeOnLoop.h"
 #include "ptcp/CAWPseudoTCPManager.h"
 #include "sslutils/internal/TlsAcceptor.h"
@@ -60,7 +61,7 @@ std::atomic<IAWSSLPTCPManager*> testInstance{nullptr};
 }  // namespace
 
 IAWSSLPTCPManager* IAWSSLPTCPManager::Instance() {
-  static SSLPTCPManager& manager = *new SSLPTCPManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<SSLPTCPManager>();
   IAWSSLPTCPManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "OverTcp.h"
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/MakeOnLoop.h"
 #include "sslutils/internal/TlsClient.h"
 
@@ -44,7 +45,7 @@ std::atomic<IAWSSLManager*> testInstance{nullptr};
 }  // namespace
 
 IAWSSLManager* IAWSSLManager::Instance() {
-  static SSLManager& manager = *new SSLManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<SSLManager>();
   IAWSSLManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }

@@ -5,6 +5,7 @@
 
 #include "TcpAcceptor.h"
 #include "TcpConnector.h"
+#include "keelbase/internal/Everlasting.h"
 #include "keelbase/internal/MakeOnLoop.h"
 
 namespace wface {
@@ -35,7 +36,7 @@ std::atomic<CAWConnectionManager*> testInstance{nullptr};
 }  // namespace
 
 CAWConnectionManager* CAWConnectionManager::Instance() {
-  static ConnectionManager& manager = *new ConnectionManager;  // lives for ever, like the threads
+  auto& manager = keelbase::internal::Everlasting<ConnectionManager>();
   CAWConnectionManager* replaced = testInstance.load(std::memory_order_acquire);
   return replaced != nullptr ? replaced : &manager;
 }
