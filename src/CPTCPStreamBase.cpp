@@ -90,10 +90,12 @@ AWResult CPTCPStreamBase::SendMessage(CAWMessageBlock& data,
 AWResult CPTCPStreamBase::SendBehindOthers(CAWMessageBlock& data,
                                            CAWPseudoTCPTransportParameter* parameter) {
   const bool isQueue = &data == sendQueue_.GetBlock();
-  if (sendQueue_.Append(data) != AW_OK) return AW_ERROR_FAILURE;
+  const bool isAdded = sendQueue_.Append(data) == AW_OK;
+  if (!isAdded && !isQueue) return AW_ERROR_FAILURE;
   const AWResult result = sendQueue_.Offer(
       [&](CAWMessageBlock& block) { return transport_->SendData(block, parameter); });
   if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return result;
+  if (!isAdded) return AW_OK;  // offered once for want of memory; the rest waits on
   if (isQueue) {
     sendQueue_.Clear();
   } else {

@@ -45,12 +45,10 @@ void TellThatNobodyListens() {
       0, "an HTTP answer was dropped: no thread has adopted TT_MAIN, where callbacks run");
 }
 
-// The event is taken over.
-void PostToMain(CRestfulRcvEvent* event) {
-  std::unique_ptr<CRestfulRcvEvent> owned(event);
+void PostToMain(std::unique_ptr<CRestfulRcvEvent> event) {
   CAWThread* main = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_MAIN);
   if (main == nullptr) return TellThatNobodyListens();
-  main->GetEventQueue()->Post(owned.release());
+  main->GetEventQueue()->Post(event.release());
 }
 
 }  // namespace
@@ -65,15 +63,20 @@ void CRestfulClient::SetRestfulInfo(const CAWString& info1, const CAWString& inf
 }
 
 // A request that is under way is dropped on the network thread, where nothing of it can happen
-// meanwhile. Otherwise nobody else touches this object.
+// meanwhile. Otherwise nobody else touches this object. What needs memory is made before.
 void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
                                  const CAWString& body,
                                  std::function<void(const CAWString&, long)> callback) {
+  const CAWString newUrl(url);
+  CAWString newSetting(setting);
+  CAWString newBody(body);
+  auto event = std::make_unique<CRestfulRcvEvent>(CAWString(), 0, nullptr);
   const auto start = [&] {
-    setting_ = setting;
-    body_ = body;
+    setting_.swap(newSetting);
+    body_.swap(newBody);
     callback_.swap(callback);
-    Open(url);
+    event_.swap(event);
+    Open(newUrl);
   };
   if (!underWay_.load(std::memory_order_acquire)) return start();
   CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK)->Call(start);
@@ -82,12 +85,19 @@ void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
 void CRestfulClient::Open(const CAWString& url) {
   if (url.find(kMark) != CAWString::npos) {
     client_ = nullptr;
-    shttp::IAWHttpManager::Instance()->CreateHttpClient(client_);
+    if (shttp::IAWHttpManager::Instance()->CreateHttpClient(client_) != AW_OK) return Fail();
   }
   if (!client_) return;
   if (!info1_.empty() && !info2_.empty()) client_->SetInfo(info1_, info2_);
   underWay_.store(true, std::memory_order_relaxed);
-  client_->Open(CAWString(url), this, 0);
+  if (client_->Open(url, this, 0) != AW_OK) Fail();
+}
+
+// The only reason why there is nothing that tells of the end.
+void CRestfulClient::Fail() {
+  response_.clear();
+  result_ = -ENOMEM;
+  Tell();
 }
 
 AWResult CRestfulClient::SendData(const char* data, std::size_t len) {
@@ -110,23 +120,36 @@ void CRestfulClient::OnConnect(long /*reason*/, shttp::IAWChannelHttpClient* cha
   SendData(body_.data(), body_.size());
 }
 
-// Another thread may use or destroy this object as soon as no request is under way. What finds no
-// memory is still told. The text goes over to the event, so that a large answer is there once.
 void CRestfulClient::OnReceive(CAWMessageBlock& data, wface::IAWTransport* /*transport*/,
                                wface::CAWTransportParameter* /*parameter*/) {
   const auto channel = std::exchange(channel_, nullptr);
-  CRestfulRcvEvent* event = nullptr;
   try {
     response_ = TakeText(data);
     if (channel) channel->GetResult(result_);
-    event = new CRestfulRcvEvent(std::move(response_), result_, callback_);
   } catch (const std::bad_alloc&) {
+    response_.clear();
     result_ = -ENOMEM;
-    event = new CRestfulRcvEvent(CAWString(), result_, callback_);
+  }
+  Tell();
+  if (channel) channel->Disconnect(0);
+}
+
+// Another thread may use or destroy this object as soon as no request is under way. The text goes
+// over to the event, so that a large answer is there once; the callback does when there is no
+// memory for a copy.
+void CRestfulClient::Tell() {
+  auto event = std::move(event_);
+  if (event == nullptr)  // nobody has started a request
+    event = std::make_unique<CRestfulRcvEvent>(CAWString(), 0, nullptr);
+  event->response_ = std::move(response_);
+  event->result_ = result_;
+  try {
+    event->callback_ = callback_;
+  } catch (const std::bad_alloc&) {
+    event->callback_ = std::move(callback_);
   }
   underWay_.store(false, std::memory_order_release);
-  PostToMain(event);
-  if (channel) channel->Disconnect(0);
+  PostToMain(std::move(event));
 }
 
 void CRestfulClient::OnSend(wface::IAWTransport* /*transport*/,

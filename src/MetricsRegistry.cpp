@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iterator>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "keelbase/CAWThreadManager.h"
@@ -25,7 +26,8 @@ void MetricsEntry::Leave() noexcept {
 }
 
 MetricsRegistry& MetricsRegistry::Instance() {
-  static MetricsRegistry& registry = *new MetricsRegistry;
+  static_assert(std::is_trivially_destructible_v<MetricsRegistry>);
+  static MetricsRegistry registry;  // a stream joins also without memory
   return registry;
 }
 

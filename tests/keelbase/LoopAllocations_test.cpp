@@ -1,5 +1,5 @@
 // LoopAllocations_test.cpp - what the loop does for those who have no memory: calls, destructions,
-// turn ends, and a listener that pauses.
+// turn ends, pollers, events.
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "FailingAllocations.h"
+#include "Exhaustion.h"
 #include "LoopThread.h"
 #include "TraceLines.h"
 #include "keelbase/CAWAutoPtr.h"
@@ -119,12 +119,56 @@ TEST(LoopAllocations, TurnEndsNeedNone) {
   });
 }
 
+TEST(LoopAllocations, PollersNeedNone) {
+  struct Counter final : Poller {
+    bool Poll() override {
+      ++count;
+      return false;
+    }
+    bool Arm() override { return true; }
+    int count = 0;
+  };
+  WithLoop([](EventLoop& loop) {
+    Counter counters[100];
+    const FailingAllocation none(1, kAllLater);
+    for (Counter& counter : counters) loop.StartPolling(counter);
+    for (const int stopped : {0, 50, 99}) loop.StopPolling(counters[stopped]);
+    loop.RunReady();
+    int count = 0;
+    for (const Counter& counter : counters) count += counter.count;
+    EXPECT_EQ(count, 97);
+    for (Counter& counter : counters) loop.StopPolling(counter);
+  });
+}
+
+TEST(LoopAllocations, AFewEventsMayAlwaysWait) {
+  struct Event final : IAWEvent {
+    explicit Event(int& fired) : count(fired) {}
+    AWResult OnEventFire() override {
+      ++count;
+      return AW_OK;
+    }
+    int& count;
+  };
+  WithLoop([](EventLoop& loop) {
+    int fired = 0;
+    for (int round = 0; round < 3; ++round) {
+      std::vector<IAWEvent*> events;
+      for (int i = 0; i < 64; ++i) events.push_back(new Event(fired));
+      const FailingAllocation none(1, kAllLater);
+      for (IAWEvent* event : events) EXPECT_EQ(loop.Post(event), AW_OK);
+      loop.RunReady();
+    }
+    EXPECT_EQ(fired, 192);
+  });
+}
+
 TEST(LoopAllocations, APostWithoutMemoryIsRefused) {
   auto* manager = CAWThreadManager::Instance();
   CAWThread* task = manager->GetThread(CAWThreadManager::TT_TASK);
   ASSERT_NE(task, nullptr);
   std::function<void()> nothing = [] {};
-  const FailingAllocation none(1, kAllLater);
+  const zarn::test::Exhaustion none;
   EXPECT_EQ(task->Post(std::move(nothing)), AW_ERROR_FAILURE);
 }
 

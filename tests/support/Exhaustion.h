@@ -2,31 +2,49 @@
 #pragma once
 
 #include <cstddef>
-#include <memory>
-#include <optional>
+#include <utility>
 #include <vector>
 
 #include "FailingAllocations.h"
-#include "keelbase/CAWMessageBlock.h"
+#include "keelbase/internal/Pool.h"
 
 namespace zarn::test {
 
-// No memory for this thread as long as it lives, nor what earlier tests have left in the pool of
-// large blocks.
+// Holds all memory that this thread would get from the pool.
+class EmptyPool {
+ public:
+  EmptyPool() {
+    for (std::size_t size = 64; size < 512; size += 64) Drain(size);
+    for (std::size_t size = 512; size <= 128 * 1024; size *= 2) Drain(size);
+  }
+  ~EmptyPool() {
+    for (const auto& [piece, size] : pieces_) keelbase::internal::PoolFree(piece, size);
+  }
+  EmptyPool(const EmptyPool&) = delete;
+  EmptyPool& operator=(const EmptyPool&) = delete;
+
+ private:
+  void Drain(std::size_t size) {
+    for (std::size_t fresh = 0; fresh == 0;) {
+      void* piece = nullptr;
+      fresh = AllocationsOf([&] { piece = keelbase::internal::PoolAllocate(size); });
+      pieces_.emplace_back(piece, size);
+    }
+  }
+
+  std::vector<std::pair<void*, std::size_t>> pieces_;
+};
+
+// No memory for this thread as long as it lives, nor what earlier tests have left in the pool.
 class Exhaustion {
  public:
-  Exhaustion() {
-    for (std::size_t size = 1024; size <= 128 * 1024; size *= 2)
-      for (int i = 0; i < 4; ++i)
-        pooled_.push_back(std::make_unique<keelbase::CAWMessageBlock>(size));
-    none_.emplace(1, true);
-  }
+  Exhaustion() = default;
   Exhaustion(const Exhaustion&) = delete;
   Exhaustion& operator=(const Exhaustion&) = delete;
 
  private:
-  std::vector<std::unique_ptr<keelbase::CAWMessageBlock>> pooled_;
-  std::optional<FailingAllocation> none_;
+  const EmptyPool pool_;
+  const FailingAllocation none_{1, true};
 };
 
 }  // namespace zarn::test

@@ -74,6 +74,7 @@ class FakeHttpClient final : public FakeCounted<shttp::IAWHttpClient> {
  public:
   explicit FakeHttpClient(CallLog* log) : FakeCounted(log) {}
 
+  keelbase::AWResult openResult = keelbase::AW_OK;
   std::vector<std::pair<std::string, std::string>> infos;
   std::vector<std::string> urls;
   std::uint32_t reserved = 99;
@@ -93,7 +94,7 @@ class FakeHttpClient final : public FakeCounted<shttp::IAWHttpClient> {
     urls.push_back(url);
     sink_ = sink;
     reserved = last;
-    return keelbase::AW_OK;
+    return openResult;
   }
 
  private:
@@ -109,6 +110,7 @@ class FakeHttpManager final : public shttp::IAWHttpManager {
   FakeHttpManager& operator=(const FakeHttpManager&) = delete;
 
   bool fails = false;
+  keelbase::AWResult openResult = keelbase::AW_OK;  // of the clients made from now on
   std::vector<keelbase::CAWAutoPtr<FakeHttpClient>> clients;
   std::vector<std::thread::id> madeOn;  // of each client
 
@@ -118,6 +120,7 @@ class FakeHttpManager final : public shttp::IAWHttpManager {
     out = nullptr;
     if (fails) return keelbase::AW_ERROR_FAILURE;
     clients.emplace_back(new FakeHttpClient(log_));
+    Last().openResult = openResult;
     madeOn.push_back(std::this_thread::get_id());
     out = clients.back().Get();
     return keelbase::AW_OK;

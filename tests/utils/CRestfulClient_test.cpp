@@ -23,6 +23,7 @@
 namespace zarn::test {
 namespace {
 
+using keelbase::AW_ERROR_FAILURE;
 using keelbase::AW_ERROR_NOT_INITIALIZED;
 using keelbase::AW_OK;
 using keelbase::CAWAutoPtr;
@@ -96,10 +97,22 @@ TEST_F(RestfulClient, UrlWithTheMarkReplacesTheClientOfTheCallBefore) {
   EXPECT_EQ(http.clients[1]->GetReferences(), 2U);
 }
 
-TEST_F(RestfulClient, ClientThatCannotBeMadeDoesNothing) {
+TEST_F(RestfulClient, ClientThatCannotBeMadeOpensNothingAndIsToldAsNoMemory) {
   http.fails = true;
   Start();
   EXPECT_TRUE(log.empty());
+  EXPECT_EQ(GetAnswers(), (Answers{{"", -ENOMEM}}));
+}
+
+TEST_F(RestfulClient, ClientThatCannotBeOpenedIsToldAsNoMemoryAndCanBeUsedAgain) {
+  http.openResult = AW_ERROR_FAILURE;
+  Start();
+  EXPECT_EQ(GetAnswers(), (Answers{{"", -ENOMEM}}));
+  http.openResult = AW_OK;
+  Start();
+  Connect();
+  channel->Receive("hello");
+  EXPECT_EQ(GetAnswers(), (Answers{{"", -ENOMEM}, {"hello", 200}}));
 }
 
 TEST_F(RestfulClient, ClientIsOpenedWithTheUrlThisSinkAndZero) {

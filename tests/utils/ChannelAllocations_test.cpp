@@ -13,6 +13,7 @@
 #include "FakeShmIpc.h"
 #include "Frames.h"
 #include "NetworkThread.h"
+#include "SwallowingTransport.h"
 #include "zarn/utils/CShmZARNLibServerChannel.h"
 #include "zarn/utils/CZARNLibServerChannel.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
@@ -32,34 +33,6 @@ std::size_t AllocationsOfABlock() {
   return AllocationsOf(
       [] { const auto block = std::make_unique<CAWMessageBlock>("", 0, CAWMessageBlock::borrow); });
 }
-
-// Takes up to `room` bytes of each send and keeps none, or refuses with `error`; allocates nothing.
-template <class Platform>
-class SwallowingTransport : public FakeCounted<typename Platform::Transport> {
- public:
-  SwallowingTransport() : FakeCounted<typename Platform::Transport>(nullptr) {}
-
-  std::size_t room = static_cast<std::size_t>(-1);
-  AWResult error = AW_OK;
-  std::size_t taken = 0;
-  int disconnects = 0;
-
-  AWResult OpenWithSink(typename Platform::TransportSink*) override { return AW_OK; }
-  AWResult SendData(CAWMessageBlock& data, typename Platform::Parameter*) override {
-    if (error != AW_OK) return error;
-    const std::size_t offered = data.GetChainedLength();
-    const std::size_t part = offered < room ? offered : room;
-    data.AdvanceChainedReadPtr(part);
-    taken += part;
-    return part == offered ? AW_OK : AW_ERROR_PARTIAL_DATA;
-  }
-  AWResult Disconnect(long) override {
-    ++disconnects;
-    return AW_OK;
-  }
-  AWResult GetOption(int, void*) override { return AW_OK; }
-  AWResult SetOption(int, void*) override { return AW_OK; }
-};
 
 class SwallowingShmTransport final : public SwallowingTransport<ShmIpc> {
  public:

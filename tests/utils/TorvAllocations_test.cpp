@@ -29,26 +29,6 @@ bool HasPools() {
              [] { keelbase::internal::PoolFree(keelbase::internal::PoolAllocate(64), 64); }) == 0;
 }
 
-// Holds all free small memory that this thread can get.
-class EmptyPool {
- public:
-  EmptyPool() {
-    for (std::size_t fresh = 0; fresh == 0;) {
-      void* piece = nullptr;
-      fresh = AllocationsOf([&] { piece = keelbase::internal::PoolAllocate(64); });
-      pieces_.push_back(piece);
-    }
-  }
-  ~EmptyPool() {
-    for (void* piece : pieces_) keelbase::internal::PoolFree(piece, 64);
-  }
-  EmptyPool(const EmptyPool&) = delete;
-  EmptyPool& operator=(const EmptyPool&) = delete;
-
- private:
-  std::vector<void*> pieces_;
-};
-
 class CountingSink final : public utils::ITORVSink {
  public:
   void OnInit(void*) override { ++calls; }
@@ -122,7 +102,6 @@ TEST(TorvAllocations, NothingIsPostedWithoutMemoryAndEverythingAnswersACode) {
   owned.Write("owned", 5);
   unsigned long results[6];
   {
-    const EmptyPool pool;
     const Exhaustion none;
     results[0] = receiver.PostTORVMessage(block, 1, nullptr);
     results[1] = receiver.PostTORVMessage(owned, 1, nullptr);

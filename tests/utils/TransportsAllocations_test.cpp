@@ -34,7 +34,7 @@ struct PlainSink : SinkInterface {
   void OnDisconnect(long reason, TransportInterface*) override { Ended(reason); }
 };
 
-struct Ipc {
+struct IpcLink {
   static constexpr const char* kName = "LocalIpc";
   using Transport = fipc::IAWIPCTransport;
   using Connector = fipc::IAWIPCConnector;
@@ -69,7 +69,7 @@ struct Ipc {
   CAWIPCAddr address{dir.GetPath() + "/1_2"};
 };
 
-struct Shm {
+struct ShmLink {
   static constexpr const char* kName = "SharedMemory";
   using Transport = fshmipc::IAWShmIPCTransport;
   using Connector = fshmipc::IAWShmIPCConnector;
@@ -104,7 +104,7 @@ struct Shm {
   ShmSystem system;
 };
 
-struct Tcp {
+struct TcpLink {
   static constexpr const char* kName = "Tcp";
   using Transport = wface::IAWTransport;
   using Connector = wface::IAWConnector;
@@ -137,7 +137,7 @@ struct Tcp {
   }
 };
 
-struct Ptcp {
+struct PtcpLink {
   static constexpr const char* kName = "PseudoTcp";
   using Transport = ptcp::IAWPseudoTCPTransport;
   using Connector = ptcp::IAWPseudoTCPConnector;
@@ -181,7 +181,7 @@ const KeyAndCertificate& OwnCertificate() {
   return own;
 }
 
-struct Tls {
+struct TlsLink {
   static constexpr const char* kName = "Tls";
   using Transport = sslutils::IAWSSLTransport;
   using Connector = sslutils::IAWSSLConnector;
@@ -221,7 +221,7 @@ struct Tls {
   }
 };
 
-struct Ptls : Tls {
+struct PtlsLink : TlsLink {
   static constexpr const char* kName = "TlsOverPseudoTcp";
   using Connector = sslptcp::IAWSSLPTCPConnector;
 
@@ -283,7 +283,7 @@ class TransportsAllocations : public ::testing::Test {
   using Connector = typename Over::Connector;
 
   void SetUp() override {
-    if constexpr (std::is_base_of_v<Tls, Over>) OwnCertificate();
+    if constexpr (std::is_base_of_v<TlsLink, Over>) OwnCertificate();
     ASSERT_EQ(Over::Make(acceptor), AW_OK);
   }
   void TearDown() override {
@@ -338,15 +338,15 @@ class TransportsAllocations : public ::testing::Test {
   TraceLines trace;
 };
 
-struct OverNames {
+struct LinkNames {
   template <class Over>
   static std::string GetName(int) {
     return Over::kName;
   }
 };
 
-using Transports = ::testing::Types<Ipc, Shm, Tcp, Tls, Ptcp, Ptls>;
-TYPED_TEST_SUITE(TransportsAllocations, Transports, OverNames);
+using Transports = ::testing::Types<IpcLink, ShmLink, TcpLink, TlsLink, PtcpLink, PtlsLink>;
+TYPED_TEST_SUITE(TransportsAllocations, Transports, LinkNames);
 
 TYPED_TEST(TransportsAllocations, AnExchangeIsCompleteOrBothSidesHearThatItIsNot) {
   ASSERT_EQ(this->over.Listen(*this->acceptor, this->server), AW_OK);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <memory>
 
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWError.h"
@@ -16,6 +17,22 @@
 #include "zarn/utils/zarndefines.h"
 
 namespace zarn::utils {
+
+// Carries an answer to the main thread.
+class ZARNUTILS_API CRestfulRcvEvent : public keelbase::IAWEvent {
+ public:
+  CRestfulRcvEvent(keelbase::CAWString response, long result,
+                   std::function<void(const keelbase::CAWString&, long)> callback);
+  keelbase::AWResult OnEventFire() override;  // calls the callback, if there is one; 0
+  ~CRestfulRcvEvent() override;
+
+ private:
+  friend class CRestfulClient;
+
+  keelbase::CAWString response_;
+  long result_;
+  std::function<void(const keelbase::CAWString&, long)> callback_;
+};
 
 // One request at a time, over http or https. Urls must contain "/zarn/tcpchannel":
 //
@@ -59,7 +76,8 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
   // answer is on its way to the main thread is over, and does). Without "/zarn/tcpchannel" in `url`
   // the client of the call before serves again, and nothing happens when there was none. To drop a
   // request it waits for the network thread, so it must not be called by somebody for whom that
-  // thread waits then. May throw std::bad_alloc.
+  // thread waits then. May throw std::bad_alloc: the callback does not run then, and a request that
+  // was under way goes on. What runs out of memory later ends with -ENOMEM.
   void StartClient(const keelbase::CAWString& url, const keelbase::CAWString& setting,
                    const keelbase::CAWString& body,
                    std::function<void(const keelbase::CAWString&, long)> callback);
@@ -75,6 +93,8 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
  private:
   void Open(const keelbase::CAWString& url);
   void ReleaseChannel();
+  void Fail();
+  void Tell();
 
   keelbase::CAWAutoPtr<shttp::IAWChannelHttpClient> channel_;
   keelbase::CAWAutoPtr<shttp::IAWHttpClient> client_;
@@ -86,21 +106,8 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
   long result_ = 0;
   std::function<void(const keelbase::CAWString&, long)> callback_;
   [[maybe_unused]] bool connected_ = false;
-  std::atomic<bool> underWay_{false};  // callbacks of a request may come
-};
-
-// Carries an answer to the main thread.
-class ZARNUTILS_API CRestfulRcvEvent : public keelbase::IAWEvent {
- public:
-  CRestfulRcvEvent(keelbase::CAWString response, long result,
-                   std::function<void(const keelbase::CAWString&, long)> callback);
-  keelbase::AWResult OnEventFire() override;  // calls the callback, if there is one; 0
-  ~CRestfulRcvEvent() override;
-
- private:
-  keelbase::CAWString response_;
-  long result_;
-  std::function<void(const keelbase::CAWString&, long)> callback_;
+  std::atomic<bool> underWay_{false};        // callbacks of a request may come
+  std::unique_ptr<CRestfulRcvEvent> event_;  // for the answer, which needs no memory then
 };
 
 }  // namespace zarn::utils

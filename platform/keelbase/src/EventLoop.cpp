@@ -37,6 +37,9 @@ constexpr std::chrono::microseconds kBriefWait(2);
 // So many events ahead of the one that is fired.
 constexpr std::size_t kFetchedAhead = 4;
 
+// There is always room for so many events, also without memory.
+constexpr std::size_t kSpareEvents = 64;
+
 constexpr std::int64_t kNsPerMs = 1000000;
 constexpr std::int64_t kNsPerSecond = 1000 * kNsPerMs;
 
@@ -73,6 +76,8 @@ EventLoop::EventLoop(const char* name)
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (!epoll_ || !wake_) return;
+  posted_.reserve(kSpareEvents);
+  firing_.reserve(kSpareEvents);
   // Edge-triggered, so that a wake-up need not be read off.
   epoll_event event{};
   event.events = EPOLLIN | EPOLLET;
@@ -111,7 +116,7 @@ AWResult EventLoop::Run() {
     if (worked && spin_.load(std::memory_order_relaxed) != 0) {
       worked = Spin();
       if (worked) continue;
-    } else if (worked && !pollers_.empty()) {
+    } else if (worked && firstPoller_ != nullptr) {
       // Who has just brought work may bring more: another look is cheaper than being woken for it.
       worked = Turn(0);
       continue;
@@ -194,7 +199,8 @@ bool EventLoop::Spin() {
   do {
     if (ServeLikely()) return true;
     // Asking epoll costs more than asking those who are likely to speak next.
-    const bool full = (recent_ == nullptr && pollers_.empty()) || looks++ % kLooksAtLikely == 0;
+    const bool full =
+        (recent_ == nullptr && firstPoller_ == nullptr) || looks++ % kLooksAtLikely == 0;
     if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;
     if (stop_.load(std::memory_order_acquire)) return false;
     if (now - start > microseconds(1)) {
@@ -382,43 +388,59 @@ void EventLoop::Unwatch(int fd, Watcher& watcher) {
 
 // --- polling ---
 
-// A poller may start and stop others meanwhile, itself too.
+void EventLoop::StartPolling(Poller& poller) {
+  poller.idleLooks = 0;
+  poller.earlierPoller = lastPoller_;
+  (lastPoller_ != nullptr ? lastPoller_->laterPoller : firstPoller_) = &poller;
+  lastPoller_ = &poller;
+  if (askingPollers_ && nextPoller_ == nullptr) nextPoller_ = &poller;
+}
+
+void EventLoop::StopPolling(Poller& poller) {
+  if (poller.earlierPoller == nullptr && firstPoller_ != &poller) return;
+  if (askedPoller_ == &poller) askedPoller_ = nullptr;
+  if (nextPoller_ == &poller) nextPoller_ = poller.laterPoller;
+  (poller.earlierPoller != nullptr ? poller.earlierPoller->laterPoller : firstPoller_) =
+      poller.laterPoller;
+  (poller.laterPoller != nullptr ? poller.laterPoller->earlierPoller : lastPoller_) =
+      poller.earlierPoller;
+  poller.earlierPoller = poller.laterPoller = nullptr;
+}
+
+// A poller may start and stop others meanwhile, itself too: then askedPoller_ is null.
+template <class Ask>
+void EventLoop::ForEachPoller(Ask ask) {
+  askingPollers_ = true;
+  for (Poller* poller = firstPoller_; poller != nullptr && !IsStopping(); poller = nextPoller_) {
+    askedPoller_ = poller;
+    nextPoller_ = poller->laterPoller;
+    ask(*poller);
+  }
+  askingPollers_ = false;
+  askedPoller_ = nextPoller_ = nullptr;
+}
+
 bool EventLoop::RunPollers() {
   bool any = false;
-  for (std::size_t i = 0; i < pollers_.size() && !IsStopping(); ++i) {
-    Poller* const poller = pollers_[i].poller;
-    if (poller == nullptr) continue;
-    const bool worked = poller->Poll();
+  ForEachPoller([this, &any](Poller& poller) {
+    const bool worked = poller.Poll();
     any |= worked;
-    if (pollers_[i].poller == nullptr) continue;
+    if (askedPoller_ == nullptr) return;
     if (worked) {
-      pollers_[i].idleLooks = 0;
-    } else if (++pollers_[i].idleLooks > kIdleLooks && poller->Arm()) {
-      pollers_[i].poller = nullptr;
+      poller.idleLooks = 0;
+    } else if (++poller.idleLooks > kIdleLooks && poller.Arm()) {
+      StopPolling(poller);
     }
-  }
-  ForgetPollers();
+  });
   return any;
 }
 
 // True when nobody is left who must be asked.
 bool EventLoop::ArmPollers() {
-  for (Polled& polled : pollers_) {
-    if (polled.poller != nullptr && polled.poller->Arm()) polled.poller = nullptr;
-  }
-  ForgetPollers();
-  return pollers_.empty();
-}
-
-void EventLoop::ForgetPollers() {
-  const auto gone = [](const Polled& polled) { return polled.poller == nullptr; };
-  pollers_.erase(std::remove_if(pollers_.begin(), pollers_.end(), gone), pollers_.end());
-}
-
-void EventLoop::StopPolling(Poller& poller) {
-  for (Polled& polled : pollers_) {
-    if (polled.poller == &poller) polled.poller = nullptr;
-  }
+  ForEachPoller([this](Poller& poller) {
+    if (poller.Arm()) StopPolling(poller);
+  });
+  return firstPoller_ == nullptr;
 }
 
 // --- turn's end ---

@@ -21,9 +21,9 @@ class HttpManager final : public IAWHttpManager {
   keelbase::AWResult CreateHttpClient(keelbase::CAWAutoPtr<IAWHttpClient>& out) override {
     using keelbase::CAWThreadManager;
     out = nullptr;
-    auto* network = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
-    if (network == nullptr) return keelbase::AW_ERROR_FAILURE;
     try {
+      auto* network = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
+      if (network == nullptr) return keelbase::AW_ERROR_FAILURE;
       out = new HttpClient(network->GetLoop(), GetLimits());
       return keelbase::AW_OK;
     } catch (const std::bad_alloc&) {

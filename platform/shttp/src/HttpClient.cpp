@@ -1,6 +1,7 @@
 // HttpClient.cpp - see HttpClient.h.
 #include "HttpClient.h"
 
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -13,13 +14,14 @@ using keelbase::CAWAutoPtr;
 using keelbase::CAWString;
 
 AWResult HttpClient::SetInfo(const CAWString& user, const CAWString& password) try {
-  credentialsRefused_ = true;
+  credentialsError_ = EINVAL;
   Credentials credentials{user, password};
   if (!AreGood(credentials)) return AW_ERROR_FAILURE;
   credentials_ = std::move(credentials);
-  credentialsRefused_ = false;
+  credentialsError_ = 0;
   return AW_OK;
 } catch (const std::bad_alloc&) {
+  credentialsError_ = ENOMEM;
   return AW_ERROR_FAILURE;
 }
 
@@ -32,9 +34,10 @@ AWResult HttpClient::Open(const CAWString& url, IAWChannelSink* sink, std::uint3
   EndExchange();
   if (sink == nullptr) return AW_ERROR_FAILURE;
   exchange_ =
-      new HttpExchange(loop_, sink, HttpOrder{url, credentials_, credentialsRefused_, limits_});
-  exchange_->Start();
-  return AW_OK;
+      new HttpExchange(loop_, sink, HttpOrder{url, credentials_, credentialsError_, limits_});
+  if (exchange_->Start()) return AW_OK;
+  EndExchange();
+  return AW_ERROR_FAILURE;
 } catch (const std::bad_alloc&) {
   EndExchange();
   return AW_ERROR_FAILURE;

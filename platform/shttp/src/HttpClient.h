@@ -36,7 +36,7 @@ class HttpClient final : public IAWHttpClient {
   keelbase::internal::EventLoop& loop_;
   std::atomic<std::uint32_t> count_{0};
   Credentials credentials_;
-  bool credentialsRefused_ = false;
+  int credentialsError_ = 0;  // an errno value
   CAWHttpLimits limits_;
   keelbase::CAWAutoPtr<HttpExchange> exchange_;
 };

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "HttpChannel.h"
-#include "keelbase/internal/FunctionEvent.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace shttp {
 
@@ -18,7 +18,7 @@ using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWMessageBlock;
-using keelbase::internal::FunctionEvent;
+using keelbase::internal::TellOwner;
 
 namespace {
 
@@ -39,26 +39,32 @@ HttpExchange::HttpExchange(keelbase::internal::EventLoop& loop, IAWChannelSink* 
       connectSink_(sink),
       channel_(std::make_unique<HttpChannel>(loop)),
       order_(std::move(order)),
-      refused_(order_.credentialsRefused),
+      refused_(order_.credentialsError),
       timer_(loop),
       dialer_(loop) {}
 
 HttpExchange::~HttpExchange() = default;
 
-void HttpExchange::Start() {
-  const CAWAutoPtr<HttpExchange> self(this);
-  GetLoop().Post(new FunctionEvent([self] { self->Begin(); }));
+bool HttpExchange::Step::Post() {
+  exchange_.AddReference();
+  const bool posted = exchange_.GetLoop().PostTask(*this);
+  if (!posted) exchange_.ReleaseReference();
+  return posted;
 }
+
+void HttpExchange::Step::OnLoopTask() {
+  const CAWAutoPtr<HttpExchange> alive(&exchange_);
+  exchange_.ReleaseReference();
+  (exchange_.*work_)();
+}
+
+bool HttpExchange::Start() { return begin_.Post(); }
 
 // What belongs to the loop is let go there.
 void HttpExchange::Cancel() {
   if (cancelled_.exchange(true) || IsLetGo()) return;
   if (GetLoop().IsCurrent()) return LetGo();
-  const CAWAutoPtr<HttpExchange> self(this);
-  try {
-    GetLoop().Post(new FunctionEvent([self] { self->LetGo(); }));
-  } catch (const std::bad_alloc&) {  // it lasts until the time limit of its step
-  }
+  letGo_.Post();
 }
 
 void HttpExchange::LetGo() {
@@ -76,19 +82,18 @@ void HttpExchange::LetGo() {
 void HttpExchange::Begin() {
   if (IsOver()) return LetGo();
   const CAWAutoPtr<HttpExchange> alive(this);
-  int error = ParseUrl(order_.url, url_);
-  if (error == 0) {
-    try {
-      timer_.Start(std::chrono::milliseconds(order_.limits.connectMs), 1,
-                   [this] { Connected(ETIMEDOUT, nullptr); });
-      error = dialer_.Start(url_, [this](long reason, std::unique_ptr<ByteStream> stream) {
-        Connected(reason, std::move(stream));
-      });
-    } catch (const std::bad_alloc&) {
-      error = ENOMEM;
-    }
-  }
-  if (error != 0) Connected(error, nullptr);
+  if (const int error = StartConnect(); error != 0) Connected(error, nullptr);
+}
+
+int HttpExchange::StartConnect() try {
+  if (const int error = ParseUrl(order_.url, url_); error != 0) return error;
+  timer_.Start(std::chrono::milliseconds(order_.limits.connectMs), 1,
+               [this] { Connected(ETIMEDOUT, nullptr); });
+  return dialer_.Start(url_, [this](long reason, std::unique_ptr<ByteStream> stream) {
+    Connected(reason, std::move(stream));
+  });
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
 }
 
 void HttpExchange::Connected(long reason, std::unique_ptr<ByteStream> stream) {
@@ -101,7 +106,8 @@ void HttpExchange::Connected(long reason, std::unique_ptr<ByteStream> stream) {
   handle_ = channel_.get();
   const CAWAutoPtr<HttpChannel> channel(channel_.release());
   channel->Attach(this);
-  std::exchange(connectSink_, nullptr)->OnConnect(reason, channel.Get());
+  TellOwner(
+      [&, sink = std::exchange(connectSink_, nullptr)] { sink->OnConnect(reason, channel.Get()); });
 }
 
 // --- the request ---
@@ -109,9 +115,9 @@ void HttpExchange::Connected(long reason, std::unique_ptr<ByteStream> stream) {
 AWResult HttpExchange::Listen(wface::IAWTransportSink* sink) {
   GetLoop().CheckCurrent("an HTTP channel's OpenWithSink");
   if (sink == nullptr || opened_ || IsOver()) return AW_ERROR_FAILURE;
-  if (result_ && !FinishLater(*result_)) return AW_ERROR_FAILURE;
   opened_ = true;
   sink_ = sink;
+  if (result_) FinishLater(*result_);
   return AW_OK;
 }
 
@@ -119,10 +125,10 @@ AWResult HttpExchange::SetRequest(const std::string& setting) try {
   GetLoop().CheckCurrent("an HTTP channel's SetRequest");
   setting_ = Setting();
   const bool good = ParseSetting(setting, setting_);
-  refused_ = !good || order_.credentialsRefused;
+  refused_ = good ? order_.credentialsError : EINVAL;
   return good ? AW_OK : AW_ERROR_FAILURE;
 } catch (const std::bad_alloc&) {
-  refused_ = true;
+  refused_ = ENOMEM;
   return AW_ERROR_FAILURE;
 }
 
@@ -131,8 +137,8 @@ AWResult HttpExchange::Send(CAWMessageBlock& body) {
   if (IsOver() || result_) return AW_ERROR_NOT_INITIALIZED;
   if (!opened_ || sent_) return AW_ERROR_FAILURE;
   sent_ = true;
-  if (refused_) {
-    FinishLater(-EINVAL);
+  if (refused_ != 0) {
+    FinishLater(-refused_);
     return AW_ERROR_FAILURE;
   }
   try {
@@ -167,8 +173,12 @@ void HttpExchange::OnRoom() {
   const AWResult sent = stream_->Send(*rest_);
   if (sent == AW_ERROR_PARTIAL_DATA) return;
   rest_ = nullptr;
-  if (sent == AW_OK) return AwaitAnswer();
-  Finish(ResultOfEnd(static_cast<long>(sent)));
+  if (sent != AW_OK) return Finish(ResultOfEnd(static_cast<long>(sent)));
+  try {
+    AwaitAnswer();
+  } catch (const std::bad_alloc&) {
+    Finish(-ENOMEM);
+  }
 }
 
 void HttpExchange::AwaitAnswer() { Limit(order_.limits.answerMs, -ETIME); }
@@ -194,16 +204,24 @@ void HttpExchange::OnBytes(CAWMessageBlock& chain) {
 
 void HttpExchange::OnEnd(long reason) {
   if (reason != 0) return Finish(ResultOfEnd(reason));
-  const int error = reader_->End();
+  int error = 0;
+  try {
+    error = reader_->End();
+  } catch (const std::bad_alloc&) {
+    error = ENOMEM;
+  }
   Finish(error == 0 ? reader_->GetStatus() : -error);
 }
 
-// Nothing is told from inside an operation of the user's.
-bool HttpExchange::FinishLater(long result) try {
-  timer_.Start(std::chrono::microseconds(0), 1, [this, result] { Finish(result); });
-  return true;
-} catch (const std::bad_alloc&) {
-  return false;
+// Nothing is told from inside an operation of the user's. Happens once at most.
+void HttpExchange::FinishLater(long result) {
+  timer_.Cancel();
+  resultToTell_ = result;
+  finish_.Post();
+}
+
+void HttpExchange::FinishNow() {
+  if (resultToTell_) Finish(*resultToTell_);
 }
 
 // What is over is let go of after the user was told, who need not wait for the system to close a
@@ -214,6 +232,7 @@ void HttpExchange::Finish(long result) {
   const std::unique_ptr<AnswerReader> reader = std::move(reader_);
   rest_ = nullptr;
   result_ = result;
+  resultToTell_.reset();
   timer_.Cancel();
   Deliver(result > 0 ? reader->TakeBody() : nullptr);
 }
@@ -222,9 +241,10 @@ void HttpExchange::Deliver(std::unique_ptr<CAWMessageBlock> body) {
   if (IsOver() || handle_ == nullptr || handle_->IsLetGo()) return;
   const CAWAutoPtr<HttpChannel> channel(handle_);
   CAWMessageBlock nothing(nullptr, 0, CAWMessageBlock::borrow);
-  sink_->OnReceive(body != nullptr ? *body : nothing, channel.Get(), nullptr);
+  TellOwner([&] { sink_->OnReceive(body != nullptr ? *body : nothing, channel.Get(), nullptr); });
   if (IsOver()) return;
-  if (auto* sink = std::exchange(sink_, nullptr)) sink->OnDisconnect(0, channel.Get());
+  if (auto* sink = std::exchange(sink_, nullptr))
+    TellOwner([&] { sink->OnDisconnect(0, channel.Get()); });
 }
 
 AWResult HttpExchange::GetResult(long& result) const {

@@ -31,20 +31,21 @@ class Counted {
 struct HttpOrder {
   std::string url;
   Credentials credentials;
-  bool credentialsRefused = false;
+  int credentialsError = 0;  // an errno value
   CAWHttpLimits limits;
 };
 
 // The client holds it to end it, the channel to use it. All but Cancel, Start and the counting
-// happens on the loop's thread. Whatever fails is told when the user listens.
+// happens on the loop's thread. Whatever fails is told when the user listens; telling it needs no
+// memory.
 class HttpExchange final : public keelbase::internal::LoopObject<Counted>,
                            private ByteStream::Sink {
  public:
-  // May throw std::bad_alloc, as may Start.
+  // May throw std::bad_alloc.
   HttpExchange(keelbase::internal::EventLoop& loop, IAWChannelSink* sink, HttpOrder order);
   ~HttpExchange() override;
 
-  void Start();   // any thread
+  bool Start();   // any thread; false: the loop has ended, and no callback comes
   void Cancel();  // any thread: no callback begins from now on
 
   // --- the channel's ---
@@ -57,14 +58,31 @@ class HttpExchange final : public keelbase::internal::LoopObject<Counted>,
  private:
   friend class HttpChannel;
 
+  // A step that the loop's thread makes later, once. It holds the exchange meanwhile.
+  class Step final : public keelbase::internal::LoopTask {
+   public:
+    using Work = void (HttpExchange::*)();
+    Step(HttpExchange& exchange, Work work) : exchange_(exchange), work_(work) {}
+    bool Post();  // any thread; false: the loop has ended
+
+   private:
+    void OnLoopTask() override;
+    void OnDropped() override { exchange_.ReleaseReference(); }
+
+    HttpExchange& exchange_;
+    const Work work_;
+  };
+
   void Begin();
+  int StartConnect();
   void Connected(long reason, std::unique_ptr<ByteStream> stream);
   void SendHeadAnd(keelbase::CAWMessageBlock& body);
   void AwaitAnswer();
   void OnBytes(keelbase::CAWMessageBlock& block) override;
   void OnRoom() override;
   void OnEnd(long reason) override;
-  bool FinishLater(long result);
+  void FinishLater(long result);
+  void FinishNow();
   void Finish(long result);
   void Deliver(std::unique_ptr<keelbase::CAWMessageBlock> body);
   void LetGo();
@@ -79,12 +97,16 @@ class HttpExchange final : public keelbase::internal::LoopObject<Counted>,
   const HttpOrder order_;
   Url url_;
   Setting setting_;
-  bool refused_;  // credentials or setting
+  int refused_;  // why the credentials or the setting are; an errno value
   bool sent_ = false;
   std::optional<long> result_;
+  std::optional<long> resultToTell_;
   std::atomic<bool> cancelled_{false};
 
-  keelbase::internal::Timer timer_;  // the limit of the step in hand, or a failure to tell
+  Step begin_{*this, &HttpExchange::Begin};
+  Step finish_{*this, &HttpExchange::FinishNow};
+  Step letGo_{*this, &HttpExchange::LetGo};
+  keelbase::internal::Timer timer_;  // the limit of what is in hand
   Dialer dialer_;
   std::unique_ptr<ByteStream> stream_;
   std::unique_ptr<keelbase::CAWMessageBlock> rest_;  // of the request, for want of room

@@ -23,13 +23,15 @@ class NameLookup {
   NameLookup& operator=(const NameLookup&) = delete;
 
   // Calls `done` later, once, with 0.0.0.0:0 for a name that does not resolve. 0, or EAGAIN when as
-  // many lookups are under way as may be.
+  // many lookups are under way as may be. May throw std::bad_alloc, and no call comes.
   int Start(keelbase::internal::EventLoop& loop, const std::string& host, std::uint16_t port,
             Done done);
   void Cancel();
 
  private:
-  std::shared_ptr<Done> done_;  // empty once it was called or cancelled
+  class Search;
+
+  std::shared_ptr<Search> search_;
 };
 
 }  // namespace shttp

@@ -36,7 +36,8 @@ class SHTTP_API IAWChannelHttpClient : public wface::IAWTransport {
   // a POST; a body is application/json unless a Content-Type is named. 0; 10001 for anything else,
   // and then nothing is sent: the result is -EINVAL. Refused are control characters, CONNECT, what
   // is longer than 32 KiB, and the fields Host, Content-Length, Transfer-Encoding, Connection and
-  // Upgrade, which are this library's. May be called until SendData; the last one counts.
+  // Upgrade, which are this library's. 10001 without memory, too, and the result is -ENOMEM. May be
+  // called until SendData; the last one counts.
   virtual keelbase::AWResult SetRequest(const keelbase::CAWString& setting) = 0;
 
   // SendData is the request's body, whole; what the connection does not take at once is copied. 0;

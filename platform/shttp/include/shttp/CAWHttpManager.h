@@ -39,7 +39,7 @@ class SHTTP_API IAWHttpClient {
 
   // User name and password for Basic authentication, from the next Open on; both empty: none. 0;
   // 10001 for control characters, a ':' in the name, and more than 4 KiB: requests then fail with
-  // -EINVAL until good ones are set.
+  // -EINVAL until good ones are set. 10001 without memory, too, and they fail with -ENOMEM.
   virtual keelbase::AWResult SetInfo(const keelbase::CAWString& user,
                                      const keelbase::CAWString& password) = 0;
 

@@ -49,6 +49,11 @@ class Poller {
   // before; polling has ended. False: there is work.
   virtual bool Arm() = 0;
 
+  // The loop's own: those that are asked, and how often this one had nothing to do.
+  Poller* earlierPoller = nullptr;
+  Poller* laterPoller = nullptr;
+  std::uint32_t idleLooks = 0;
+
  protected:
   ~Poller() = default;
 };
@@ -136,7 +141,7 @@ class KEELBASE_API EventLoop {
   void Unwatch(int fd, Watcher& watcher);
 
   // --- polling: loop thread ---
-  void StartPolling(Poller& poller) { pollers_.push_back({&poller, 0}); }  // not twice
+  void StartPolling(Poller& poller);  // not twice
   void StopPolling(Poller& poller);
 
   void AtTurnEnd(TurnEndTask& task);  // once until it is called
@@ -168,7 +173,8 @@ class KEELBASE_API EventLoop {
   bool ServeLikely();
   bool RunPollers();
   bool ArmPollers();
-  void ForgetPollers();
+  template <class Ask>
+  void ForEachPoller(Ask ask);
   void WaitBriefly() const;
   std::int64_t SleepTime() const;
   bool PrepareSleep();
@@ -203,11 +209,11 @@ class KEELBASE_API EventLoop {
   Watcher* recent_ = nullptr;  // the last one with input: looked at while the loop spins
   std::uint32_t likelyServed_ = 0;
 
-  struct Polled {
-    Poller* poller;  // null: stopped within this turn
-    std::uint32_t idleLooks;
-  };
-  std::vector<Polled> pollers_;
+  Poller* firstPoller_ = nullptr;
+  Poller* lastPoller_ = nullptr;
+  bool askingPollers_ = false;
+  Poller* askedPoller_ = nullptr;  // null once it was stopped meanwhile
+  Poller* nextPoller_ = nullptr;   // to be asked after it
 
   TurnEndTask* firstAtTurnEnd_ = nullptr;
   TurnEndTask* lastAtTurnEnd_ = nullptr;
