@@ -80,7 +80,8 @@ struct Side {
 };
 
 struct Pair {
-  explicit Pair(EventLoop& l, int version = TLS1_3_VERSION) : loop(l) {
+  explicit Pair(EventLoop& l, int version = TLS1_3_VERSION, const char* ciphers = nullptr)
+      : loop(l) {
     const auto server = Authority().Issue();
     EXPECT_EQ(context.SetPrivateKey(server.key), AW_OK);
     EXPECT_EQ(context.SetCertificate(server.certificate), AW_OK);
@@ -91,6 +92,8 @@ struct Pair {
     SslPtr ssl;
     EXPECT_EQ(MakeClientSsl(settings, ssl), AW_OK);
     SSL_set_max_proto_version(ssl.get(), version);
+    if (ciphers != nullptr) SSL_set_cipher_list(ssl.get(), ciphers);
+    clientSsl = ssl.get();
     Make(client, std::move(ssl));
     Make(server_, context.MakeSsl());
   }
@@ -149,6 +152,7 @@ struct Pair {
 
   EventLoop& loop;
   TlsServer context;
+  SSL* clientSsl = nullptr;
   Side client;
   Side server_;
 };
@@ -210,6 +214,16 @@ TEST(TlsStream, GarbageInsteadOfAHandshakeIsRefusedWithAReason) {
   });
 }
 
+// The server's key is not of the kind that the client's only cipher is for.
+TEST(TlsStream, SidesWithoutACommonCipherAreToldWhoRefusedWhom) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop, TLS1_2_VERSION, "ECDHE-RSA-AES256-GCM-SHA384");
+    pair.StartBoth();
+    EXPECT_EQ(pair.server_.established, AW_SSL_ERROR_NO_COMMON_CIPHER);
+    EXPECT_EQ(pair.client.established, AW_SSL_ERROR_REFUSED);
+  });
+}
+
 TEST(TlsStream, SilentPeerIsGivenUpAfterTheLimit) {
   WithLoop([](EventLoop& loop) {
     keelbase::internal::ManualClock clock;
@@ -243,6 +257,17 @@ TEST(TlsStream, ResetDuringTheHandshakeKeepsItsReason) {
     pair.loop.RunReady();
     pair.client.end.End(ECONNRESET);
     EXPECT_EQ(pair.client.established, ECONNRESET);
+  });
+}
+
+TEST(TlsStream, FailedWriteDuringTheHandshakeIsItsReason) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    pair.client.end.sendResult = EPIPE;
+    pair.Start(pair.client);
+    pair.loop.RunReady();
+    EXPECT_EQ(pair.client.established, EPIPE);
+    EXPECT_TRUE(pair.client.end.disconnected);
   });
 }
 
@@ -387,6 +412,25 @@ TEST(TlsStream, OpenTakesOneSinkOnce) {
     EXPECT_EQ(pair.client.stream->Open(nullptr), AW_ERROR_FAILURE);
     EXPECT_EQ(pair.client.stream->Open(&pair.client.sink), AW_OK);
     EXPECT_EQ(pair.client.stream->Open(&pair.client.sink), AW_ERROR_FAILURE);
+  });
+}
+
+TEST(TlsStream, AnswerToAChangeOfKeysThatFindsNoRoomHoldsNothingUp) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    pair.Open();
+    pair.server_.end.room = 0;
+    EXPECT_EQ(SSL_key_update(pair.clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
+    Pair::Send(pair.client, "under the new keys");
+    pair.loop.RunReady();
+    Pair::MoveOnce(pair.client.end, pair.server_.end);
+    EXPECT_EQ(pair.server_.sink.received, "under the new keys");
+    Pair::Send(pair.server_, "likewise");
+    pair.loop.RunReady();
+    pair.server_.end.MakeRoom(100000);
+    pair.Move();
+    EXPECT_EQ(pair.client.sink.received, "likewise");
+    EXPECT_EQ(pair.server_.sink.ends + pair.client.sink.ends, 0);
   });
 }
 
@@ -579,6 +623,20 @@ TEST(TlsStream, AllThatWasTakenIsWrittenAfterDisconnectOnABlockedTransport) {
     pair.Move();
     EXPECT_TRUE(pair.server_.sink.received == all);
     EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStream, LingerEndsWhenTheTransportBelowTakesNoMore) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    pair.Open();
+    pair.client.end.room = 10;
+    EXPECT_EQ(Pair::Send(pair.client, std::string(200000, 'x')), AW_ERROR_PARTIAL_DATA);
+    pair.client.stream->Disconnect();
+    EXPECT_FALSE(pair.client.end.disconnected);
+    pair.client.end.sendResult = ECONNRESET;
+    pair.client.end.MakeRoom(100000);
+    EXPECT_TRUE(pair.client.end.disconnected);
   });
 }
 
