@@ -16,12 +16,14 @@
 #include <utility>
 
 #include "ChildTest.h"
+#include "Sanitized.h"
 #include "TempRoot.h"
 
 namespace fshmipc {
 namespace {
 
 using zarn::test::ChildTest;
+using zarn::test::IsSanitized;
 
 constexpr std::uint32_t kRing = 64 * 1024;
 constexpr off_t kWhole = 4096 + 2 * kRing;
@@ -241,18 +243,6 @@ TEST(ShmSegment, LimitOfFileSizesIsAnError) {
   EXPECT_EQ(ChildTest("create").Wait(), EFBIG);
   EXPECT_EQ(ChildTest("create within").Wait(), 0);
   EXPECT_EQ(ChildTest("attach").Wait(), 0);  // the file is not ours: the limit is not about it
-}
-
-// A sanitizer takes more address space than any limit.
-bool IsSanitized() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-  return true;
-#endif
-#endif
-  return false;
 }
 
 TEST(ShmSegment, LimitOfAddressSpaceIsAnError) {

@@ -21,6 +21,7 @@
 #include <thread>
 #include <vector>
 
+#include "Sanitized.h"
 #include "TempRoot.h"
 #include "TraceLines.h"
 #include "keelbase/internal/FileDescriptor.h"
@@ -352,6 +353,17 @@ TEST_F(CAWShmBaseTest, LimitOnFileSizesIsAnErrorAndNoSignal) {
     return ::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
            tooLarge.Create(path_, 100000, 0) == AW_ERROR_FAILURE &&
            fits.Create(path_, 100000 - kShmHeaderSize, 0) == AW_OK;
+  });
+  EXPECT_TRUE(child.Succeeded());
+}
+
+TEST_F(CAWShmBaseTest, LimitOfAddressSpaceIsAnError) {
+  if (zarn::test::IsSanitized()) return;
+  Child child([this] {
+    const rlimit limit{1 << 20, 1 << 20};
+    CAWShmBase shm;
+    return ::setrlimit(RLIMIT_AS, &limit) == 0 &&
+           shm.Create(path_, 1 << 20, 0) == AW_ERROR_FAILURE && shm.GetAddress() == nullptr;
   });
   EXPECT_TRUE(child.Succeeded());
 }

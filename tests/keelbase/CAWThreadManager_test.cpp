@@ -15,6 +15,7 @@
 
 #include "ChildTest.h"
 #include "DescriptorShortage.h"
+#include "ThreadShortage.h"
 
 namespace keelbase {
 namespace {
@@ -128,6 +129,16 @@ TEST(CAWThreadManager, NoThreadWithoutDescriptorsAndOneAgainLater) {
     }
     EXPECT_NE(Manager().GetThread(CAWThreadManager::TT_NETWORK), nullptr);
     EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN), AW_OK);
+  });
+}
+
+TEST(CAWThreadManager, NoneWhenTheSystemGivesNoThreadAndOneAgainLater) {
+  InNewProcess([] {
+    {
+      const zarn::test::ThreadShortage shortage;
+      EXPECT_EQ(Manager().GetThread(CAWThreadManager::TT_NETWORK), nullptr);
+    }
+    EXPECT_NE(Manager().GetThread(CAWThreadManager::TT_NETWORK), nullptr);
   });
 }
 

@@ -85,11 +85,5 @@ TEST(MutexLock, WaitLetsOthersInAndComesBackWithTheLock) {
   setter.join();
 }
 
-TEST(MutexLock, WaitUntilAPastMomentAnswersFalse) {
-  Shared shared;
-  MutexLock lock(shared.mutex);
-  EXPECT_FALSE(lock.WaitUntil(shared.condition, std::chrono::steady_clock::time_point{}));
-}
-
 }  // namespace
 }  // namespace keelbase::internal

@@ -50,6 +50,19 @@ TEST(TimerQueue, FiresAfterItsIntervalAndNotBefore) {
   });
 }
 
+TEST(TimerQueue, NoIntervalIsSoLongThatItIsOverAtOnce) {
+  WithTime([](EventLoop& loop, auto advance) {
+    for (const std::uint32_t count : {0U, 1U}) {
+      int fired = 0;
+      Timer timer(loop);
+      timer.Start(microseconds::max(), count, [&] { ++fired; });
+      advance(std::chrono::hours(24));
+      EXPECT_EQ(fired, 0);
+      EXPECT_TRUE(timer.IsActive());
+    }
+  });
+}
+
 TEST(TimerQueue, RepeatsAsOftenAsAsked) {
   WithTime([](EventLoop& loop, auto advance) {
     int fired = 0;

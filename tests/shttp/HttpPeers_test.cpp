@@ -3,10 +3,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <string>
 #include <thread>
 
+#include "ChildTest.h"
 #include "HttpUser.h"
+#include "ThreadShortage.h"
 
 namespace zarn::test {
 namespace {
@@ -31,6 +34,19 @@ TEST_F(HttpClient, NameThatDoesNotResolveIsToldAsAFailedConnect) {
   Open("http://no_such.invalid/");
   ASSERT_TRUE(Await([&] { return user.calls.size() == 3; }));
   EXPECT_EQ(user.calls, FailedWith(EADDRNOTAVAIL));
+}
+
+TEST_F(HttpClient, NameThatNoThreadLooksUpIsToldAsAFailedConnect) {
+  if (ChildTest::Role() == "alone") {
+    {
+      const ThreadShortage shortage;
+      Open("http://localhost:81/");
+    }
+    EXPECT_EQ(user.calls, FailedWith(EAGAIN));
+    std::exit(HasFailure() ? 1 : 0);
+  }
+  ChildTest child("alone");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
 }
 
 TEST_F(HttpClient, LookupThatNobodyWaitsForTellsNothing) {

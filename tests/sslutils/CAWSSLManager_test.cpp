@@ -263,6 +263,12 @@ TEST_P(CAWSSLManagerTest, ClientAuthoritiesThatCannotBeReadStopTheListen) {
 
 // --- keys and certificates ---
 
+std::string WriteFile(const TempDir& dir, const std::string& name, const std::string& text) {
+  std::string path = dir.GetPath() + "/" + name;
+  std::ofstream(path) << text;
+  return path;
+}
+
 struct BadText {
   const char* what;
   std::string key;
@@ -283,6 +289,9 @@ TEST_P(CAWSSLManagerTest, EachBadKeyOrCertificateHasItsReasonOnBothSides) {
       {"no such file", dir.GetPath() + "/none.pem", own.certificate, ENOENT},
       {"a directory", own.key, dir.GetPath(), EISDIR},
       {"a device", "/dev/null", own.certificate, EINVAL},
+      {"too long a text", own.key, own.certificate + std::string(1 << 20, '\n'), EFBIG},
+      {"too long a file", WriteFile(dir, "long.pem", std::string((1 << 20) + 1, 'x')),
+       own.certificate, EFBIG},
       {"cut", own.key, own.certificate + own.certificate.substr(0, 200),
        AW_SSL_ERROR_OWN_CERTIFICATE_UNREADABLE},
   };
@@ -330,14 +339,9 @@ TEST_P(CAWSSLManagerTest, KeyAloneIsNoIdentityAndNoError) {
 TEST_P(CAWSSLManagerTest, TextsMayBePathsOfFiles) {
   const TempDir dir;
   const auto own = Authority().Issue();
-  const auto write = [&dir](const std::string& name, const std::string& text) {
-    std::string path = dir.GetPath() + "/" + name;
-    std::ofstream(path) << text;
-    return path;
-  };
   auto acceptor = MakeAcceptor();
-  EXPECT_EQ(acceptor->SetPrivateKey(write("key.pem", own.key)), AW_OK);
-  EXPECT_EQ(acceptor->SetCertificate(write("cert.pem", own.certificate)), AW_OK);
+  EXPECT_EQ(acceptor->SetPrivateKey(WriteFile(dir, "key.pem", own.key)), AW_OK);
+  EXPECT_EQ(acceptor->SetCertificate(WriteFile(dir, "cert.pem", own.certificate)), AW_OK);
   TlsConnectionSink sink;
   EXPECT_EQ(acceptor->StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 1), AW_OK);
   EXPECT_EQ(acceptor->StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 1), AW_ERROR_FAILURE);

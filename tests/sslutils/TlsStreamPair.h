@@ -79,7 +79,8 @@ struct TlsSide {
 };
 
 struct TlsPair {
-  explicit TlsPair(EventLoop& l, int version = TLS1_3_VERSION) : loop(l) {
+  explicit TlsPair(EventLoop& l, int version = TLS1_3_VERSION, const char* ciphers = nullptr)
+      : loop(l) {
     const auto server = Authority().Issue();
     EXPECT_EQ(context.SetPrivateKey(server.key), AW_OK);
     EXPECT_EQ(context.SetCertificate(server.certificate), AW_OK);
@@ -90,6 +91,8 @@ struct TlsPair {
     SslPtr ssl;
     EXPECT_EQ(MakeClientSsl(settings, ssl), AW_OK);
     SSL_set_max_proto_version(ssl.get(), version);
+    if (ciphers != nullptr) SSL_set_cipher_list(ssl.get(), ciphers);
+    clientSsl = ssl.get();
     Make(client, std::move(ssl));
     Make(server_, context.MakeSsl());
   }
@@ -148,6 +151,7 @@ struct TlsPair {
 
   EventLoop& loop;
   TlsServer context;
+  SSL* clientSsl = nullptr;
   TlsSide client;
   TlsSide server_;
 };

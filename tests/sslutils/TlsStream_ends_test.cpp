@@ -176,6 +176,20 @@ TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectOnABlockedTransport) {
   });
 }
 
+TEST(TlsStreamEnd, LingerEndsWhenTheTransportBelowTakesNoMore) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.end.room = 10;
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(200000, 'x')), AW_ERROR_PARTIAL_DATA);
+    pair.client.stream->Disconnect();
+    EXPECT_FALSE(pair.client.end.disconnected);
+    pair.client.end.sendResult = ECONNRESET;
+    pair.client.end.MakeRoom(100000);
+    EXPECT_TRUE(pair.client.end.disconnected);
+  });
+}
+
 TEST(TlsStreamEnd, LingerOfZeroDropsAtOnceWhatIsNotTaken) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

@@ -68,6 +68,16 @@ TEST(TlsStream, GarbageInsteadOfAHandshakeIsRefusedWithAReason) {
   });
 }
 
+// The server's key is not of the kind that the client's only cipher is for.
+TEST(TlsStream, SidesWithoutACommonCipherAreToldWhoRefusedWhom) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop, TLS1_2_VERSION, "ECDHE-RSA-AES256-GCM-SHA384");
+    pair.StartBoth();
+    EXPECT_EQ(pair.server_.established, AW_SSL_ERROR_NO_COMMON_CIPHER);
+    EXPECT_EQ(pair.client.established, AW_SSL_ERROR_REFUSED);
+  });
+}
+
 TEST(TlsStream, SilentPeerIsGivenUpAfterTheLimit) {
   WithLoop([](EventLoop& loop) {
     keelbase::internal::ManualClock clock;
@@ -101,6 +111,17 @@ TEST(TlsStream, ResetDuringTheHandshakeKeepsItsReason) {
     pair.loop.RunReady();
     pair.client.end.End(ECONNRESET);
     EXPECT_EQ(pair.client.established, ECONNRESET);
+  });
+}
+
+TEST(TlsStream, FailedWriteDuringTheHandshakeIsItsReason) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.client.end.sendResult = EPIPE;
+    pair.Start(pair.client);
+    pair.loop.RunReady();
+    EXPECT_EQ(pair.client.established, EPIPE);
+    EXPECT_TRUE(pair.client.end.disconnected);
   });
 }
 
@@ -245,6 +266,25 @@ TEST(TlsStream, OpenTakesOneSinkOnce) {
     EXPECT_EQ(pair.client.stream->Open(nullptr), AW_ERROR_FAILURE);
     EXPECT_EQ(pair.client.stream->Open(&pair.client.sink), AW_OK);
     EXPECT_EQ(pair.client.stream->Open(&pair.client.sink), AW_ERROR_FAILURE);
+  });
+}
+
+TEST(TlsStream, AnswerToAChangeOfKeysThatFindsNoRoomHoldsNothingUp) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.end.room = 0;
+    EXPECT_EQ(SSL_key_update(pair.clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
+    TlsPair::Send(pair.client, "under the new keys");
+    pair.loop.RunReady();
+    TlsPair::MoveOnce(pair.client.end, pair.server_.end);
+    EXPECT_EQ(pair.server_.sink.received, "under the new keys");
+    TlsPair::Send(pair.server_, "likewise");
+    pair.loop.RunReady();
+    pair.server_.end.MakeRoom(100000);
+    pair.Move();
+    EXPECT_EQ(pair.client.sink.received, "likewise");
+    EXPECT_EQ(pair.server_.sink.ends + pair.client.sink.ends, 0);
   });
 }
 

@@ -189,7 +189,8 @@ TEST(TcpConnector, SilentAddressEndsWithTheTimeout) {
 
 TEST(TcpConnector, TimeoutThatIsOverAtOnceIsStillToldLater) {
   const SilentListener silent;
-  for (const CAWTimeValue timeout : {CAWTimeValue(0, 0), CAWTimeValue(-5, 0)}) {
+  const CAWTimeValue least(std::numeric_limits<std::int64_t>::min(), 0);
+  for (const CAWTimeValue& timeout : {CAWTimeValue(0, 0), CAWTimeValue(-5, 0), least}) {
     const auto connector = MakeConnector();
     IndicationSink sink;
     EXPECT_EQ(connector->AsyncConnect(&sink, silent.Address(), &timeout, nullptr), AW_OK);

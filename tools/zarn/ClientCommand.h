@@ -35,7 +35,6 @@ class ClientCommand : private ClientSink {
   virtual int Summarise(int code) = 0;  // after Begin only; gives the exit code
 
   bool IsUp() const { return up_; }
-  bool HasBegun() const { return begun_; }
   double GetTimeout() const { return options_.timeout; }
   std::string GetUrl() const { return options_.endpoint.GetUrl(); }
   const std::string& GetPeerName() const { return options_.endpoint.address; }

@@ -153,9 +153,11 @@ AWResult ShmFile::Check(const ShmHeader& header, std::size_t fileSize, std::size
   }
   if (header.size < size) return Fail("is smaller than asked for");
   // A copy of a segment may have holes. File systems that cannot reserve are taken as they are.
-  if (::fallocate(file_.Get(), 0, 0, static_cast<off_t>(fileSize)) != 0 && errno != EOPNOTSUPP) {
-    return Fail("no room");
-  }
+  int reserved = 0;
+  do {
+    reserved = ::fallocate(file_.Get(), 0, 0, static_cast<off_t>(fileSize));
+  } while (reserved != 0 && errno == EINTR);
+  if (reserved != 0 && errno != EOPNOTSUPP) return Fail("no room");
   memorySize_ = header.size;
   char bootId[sizeof(header.bootId)];
   ReadBootId(bootId);

@@ -10,7 +10,7 @@ namespace keelbase::internal {
 
 void Timer::Start(std::chrono::microseconds interval, std::uint32_t count, Function function) {
   Cancel();
-  interval_ = std::max(interval, std::chrono::microseconds(count == 1 ? 0 : 1));
+  interval_ = std::clamp(interval, std::chrono::microseconds(count == 1 ? 0 : 1), Clock::kLongest);
   left_ = count;
   function_ = std::move(function);
   loop_.Timers().Add(*this, Clock::Now() + interval_);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <new>
 #include <utility>
 
@@ -30,7 +31,7 @@ AWResult PtcpConnector::AsyncConnect(IAWPseudoTCPAcceptorConnectorSink* sink,
     local_.reset();
     if (local != nullptr) local_ = *local;
     deadline_.reset();
-    if (timeout != nullptr) deadline_ = Clock::Now() + timeout->ToDuration();
+    if (timeout != nullptr) deadline_ = Clock::After(timeout->ToDuration());
     try {
       timer_.Start(std::chrono::microseconds(0), 1, [this] { Begin(); });
     } catch (const std::bad_alloc&) {

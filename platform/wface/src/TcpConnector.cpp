@@ -24,8 +24,6 @@ using keelbase::internal::FileDescriptor;
 
 namespace {
 
-constexpr std::chrono::microseconds kLongest = std::chrono::hours(24);
-
 int Bind(int socket, const CAWInetAddr& local) {
   const int on = 1;
   // The kernel chooses the port when it knows the peer, so that each peer has all ports.
@@ -50,7 +48,7 @@ AWResult TcpConnector::AsyncConnect(IAWAcceptorConnectorSink* sink, const CAWIne
     local_.reset();
     if (local != nullptr) local_ = *local;
     deadline_.reset();
-    if (timeout != nullptr) deadline_ = Clock::Now() + std::min(timeout->ToDuration(), kLongest);
+    if (timeout != nullptr) deadline_ = Clock::After(timeout->ToDuration());
     try {
       timer_.Start(std::chrono::microseconds(0), 1, [this] { Begin(); });
     } catch (const std::bad_alloc&) {

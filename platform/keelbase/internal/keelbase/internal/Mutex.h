@@ -1,7 +1,6 @@
 // Mutex.h - std::mutex with annotations that Clang checks; the platform's own lock.
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -40,12 +39,6 @@ class AW_SCOPED_CAPABILITY MutexLock {
   void Lock() AW_ACQUIRE() { lock_.lock(); }
 
   void Wait(std::condition_variable& condition) { condition.wait(lock_); }
-
-  // False when `deadline` has passed.
-  bool WaitUntil(std::condition_variable& condition,
-                 std::chrono::steady_clock::time_point deadline) {
-    return condition.wait_until(lock_, deadline) == std::cv_status::no_timeout;
-  }
 
  private:
   std::unique_lock<std::mutex> lock_;

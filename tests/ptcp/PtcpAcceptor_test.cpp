@@ -1,0 +1,224 @@
+// PtcpAcceptor_test.cpp - listening: where, for how long, and who must prove his address first.
+// Real loopback sockets; clients that stop half-way are played by the test.
+#include <array>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "ClockAndRandom.h"
+#include "DescriptorShortage.h"
+#include "RealPtcp.h"
+#include "SimulatedPath.h"
+#include "UdpSocket.h"
+
+namespace ptcp::test {
+namespace {
+
+using keelbase::AW_ERROR_FAILURE;
+using keelbase::AW_OK;
+
+constexpr std::uint8_t kLongHeader = 0x80;
+constexpr std::uint8_t kTypeBits = 0x30;
+constexpr std::uint8_t kRetry = 0x30;
+
+// A client that sends when the test says so.
+class SlowClient {
+ public:
+  SlowClient(std::uint64_t seed, const CAWInetAddr& acceptor)
+      : path_{acceptor, {}}, random_(seed), host_(random_), connection(host_) {
+    EXPECT_EQ(socket_.Open(nullptr, &acceptor), 0);
+    host_.output = [this](Bytes datagram) { EXPECT_EQ(socket_.Write(path_, datagram, 0), 0); };
+    EXPECT_TRUE(connection.Connect(Now()));
+  }
+  void Send() { connection.Flush(Now()); }
+  // What the acceptor has sent until now; the connection is given it.
+  std::vector<Datagram> Receive() {
+    std::vector<Datagram> all;
+    std::array<char, 65536> room;
+    UdpSocket::Received one;
+    while (socket_.Read(room, one) == 0) {
+      for (Bytes rest = one.data; !rest.empty();) {
+        const std::size_t length =
+            one.segment == 0 ? rest.size() : std::min(one.segment, rest.size());
+        all.emplace_back(rest.begin(), rest.begin() + static_cast<std::ptrdiff_t>(length));
+        connection.Receive(rest.first(length), Now());
+        rest = rest.subspan(length);
+      }
+    }
+    return all;
+  }
+  // The first that comes.
+  Datagram Await() {
+    std::vector<Datagram> all;
+    EXPECT_TRUE(WaitFor([&] { return !(all = Receive()).empty(); }));
+    return all.empty() ? Datagram() : all.front();
+  }
+
+ private:
+  const Path path_;
+  UdpSocket socket_;
+  Generator random_;
+  SimulatedHost host_;
+
+ public:
+  PtcpConnection connection;
+};
+
+bool IsRetry(const Datagram& datagram) {
+  return !datagram.empty() && (datagram[0] & kLongHeader) != 0 &&
+         (datagram[0] & kTypeBits) == kRetry;
+}
+
+class PtcpAcceptorTest : public RealPtcp {
+ protected:
+  CAWAutoPtr<IAWPseudoTCPAcceptor> MakeAcceptor() {
+    CAWAutoPtr<IAWPseudoTCPAcceptor> made;
+    EXPECT_EQ(CAWPseudoTCPManager::Instance()->CreateAcceptor(made), AW_OK);
+    return made;
+  }
+};
+
+TEST_F(PtcpAcceptorTest, PortZeroIsAFreeOneAndIsTold) {
+  EXPECT_EQ(acceptor->GetLocalAddr(), CAWInetAddr());
+  Listen();
+  EXPECT_EQ(address.GetIpDisplayName(), "127.0.0.1");
+  EXPECT_NE(address.GetPort(), 0);
+  acceptor->StopListen();
+  EXPECT_EQ(acceptor->GetLocalAddr(), address);
+}
+
+TEST_F(PtcpAcceptorTest, EachFailureHasItsReason) {
+  Listen();
+  const auto other = MakeAcceptor();
+  EXPECT_EQ(other->StartListen(nullptr, Loopback(), 0), AW_ERROR_FAILURE);
+  EXPECT_EQ(other->StartListen(&accepted, address, 0), EADDRINUSE);
+  EXPECT_EQ(other->StartListen(&accepted, {"192.0.2.1", 0}, 0), EADDRNOTAVAIL);
+  {
+    const zarn::test::DescriptorShortage shortage;
+    EXPECT_EQ(other->StartListen(&accepted, Loopback(), 0), EMFILE);
+  }
+  EXPECT_EQ(other->StartListen(&accepted, Loopback(), 0), AW_OK);
+  EXPECT_EQ(other->StartListen(&accepted, Loopback(), 0), AW_ERROR_FAILURE);
+}
+
+TEST_F(PtcpAcceptorTest, WhoComesWhenTheBacklogIsFullProvesItsAddressAndIsAccepted) {
+  ASSERT_EQ(acceptor->StartListen(&accepted, Loopback(), 1), AW_OK);
+  address = acceptor->GetLocalAddr();
+  SlowClient halfOpen(1, address);
+  halfOpen.Send();
+  EXPECT_FALSE(IsRetry(halfOpen.Await()));
+  SlowClient late(2, address);
+  late.Send();
+  EXPECT_TRUE(IsRetry(late.Await()));
+  late.Send();
+  EXPECT_TRUE(WaitFor([&] {
+    late.Receive();
+    late.Send();
+    return accepted.indications == 1;
+  }));
+  EXPECT_TRUE(late.connection.IsEstablished());
+}
+
+TEST_F(PtcpAcceptorTest, PacketsOfStrangersThatAreNoFirstOnesAreNotAnswered) {
+  Listen();
+  SlowClient client(3, address);
+  UdpSocket stranger;
+  ASSERT_EQ(stranger.Open(nullptr, &address), 0);
+  for (const std::string text : {"", "x", "\xff", "\xc0 a long header without a version"}) {
+    const Bytes bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+    EXPECT_EQ(stranger.Write({address, {}}, bytes, 0), 0);
+  }
+  client.Send();
+  EXPECT_FALSE(client.Await().empty());
+  std::array<char, 2048> room;
+  UdpSocket::Received none;
+  EXPECT_EQ(stranger.Read(room, none), EAGAIN);
+}
+
+TEST_F(PtcpAcceptorTest, PacketOfAConnectionThatIsGoneIsAnsweredWithAReset) {
+  Listen();
+  UdpSocket stranger;
+  ASSERT_EQ(stranger.Open(nullptr, &address), 0);
+  const std::vector<std::uint8_t> lost(60, 0x40);
+  EXPECT_EQ(stranger.Write({address, {}}, lost, 0), 0);
+  std::array<char, 2048> room;
+  UdpSocket::Received answer;
+  ASSERT_TRUE(WaitFor([&] { return stranger.Read(room, answer) == 0; }));
+  EXPECT_LT(answer.data.size(), lost.size());
+  EXPECT_EQ(answer.data[0] & 0xC0, 0x40);
+}
+
+TEST_F(PtcpAcceptorTest, WhoIsHalfOpenAtTheStopIsNotAcceptedAnyMore) {
+  Listen();
+  SlowClient halfOpen(4, address);
+  halfOpen.Send();
+  EXPECT_FALSE(halfOpen.Await().empty());
+  EXPECT_EQ(acceptor->StopListen(), AW_OK);
+  EXPECT_EQ(acceptor->StopListen(), AW_OK);
+  halfOpen.Send();
+  zarn::test::RunReady();
+  EXPECT_EQ(accepted.indications, 0);
+}
+
+TEST_F(PtcpAcceptorTest, WhoLeavesDuringTheHandshakeMakesRoomForTheNext) {
+  ASSERT_EQ(acceptor->StartListen(&accepted, Loopback(), 1), AW_OK);
+  address = acceptor->GetLocalAddr();
+  SlowClient hasty(5, address);
+  hasty.Send();
+  hasty.Await();
+  hasty.connection.Close(false, Now());
+  zarn::test::RunReady();
+  SlowClient next(6, address);
+  next.Send();
+  EXPECT_FALSE(IsRetry(next.Await()));
+  next.Send();
+  EXPECT_TRUE(WaitFor([&] { return accepted.indications == 1; }));
+}
+
+TEST_F(PtcpAcceptorTest, ConnectionsGoOnAfterTheStopAndTheAddressCanBeListenedAtAgain) {
+  ListenAndConnect();
+  Open();
+  acceptor->StopListen();
+  ConnectRecorder others;
+  const auto second = MakeAcceptor();
+  ASSERT_EQ(second->StartListen(&others, address, 0), AW_OK);
+  EXPECT_EQ(second->GetLocalAddr(), address);
+  EXPECT_EQ(SendText(*client, "still here"), AW_OK);
+  EXPECT_TRUE(WaitFor([&] { return serverSink.received == "still here"; }));
+  ASSERT_EQ(connector->AsyncConnect(&connected, address, nullptr, nullptr), AW_OK);
+  EXPECT_TRUE(WaitFor([&] { return others.indications == 1 && connected.indications == 1; }));
+  EXPECT_EQ(accepted.indications, 1);
+}
+
+TEST_F(PtcpAcceptorTest, MayBeStoppedAndLetGoInsideItsIndication) {
+  Listen();
+  accepted.onIndication = [&] {
+    acceptor->StopListen();
+    acceptor = nullptr;
+  };
+  ASSERT_EQ(connector->AsyncConnect(&connected, address, nullptr, nullptr), AW_OK);
+  EXPECT_TRUE(WaitFor([&] { return accepted.indications == 1 && connected.indications == 1; }));
+  EXPECT_EQ(connected.reason, 0);
+}
+
+TEST_F(PtcpAcceptorTest, ConnectionThatNobodyTookIsClosed) {
+  Listen();
+  accepted.keep = false;
+  ASSERT_EQ(connector->AsyncConnect(&connected, address, nullptr, nullptr), AW_OK);
+  ASSERT_TRUE(WaitFor([&] { return accepted.indications == 1 && connected.indications == 1; }));
+  client = connected.transports.back();
+  EXPECT_EQ(client->OpenWithSink(&clientSink), AW_OK);
+  EXPECT_TRUE(WaitFor([&] { return clientSink.ended; }));
+}
+
+TEST_F(PtcpAcceptorTest, ListenerAtEveryAddressTellsWhichOneTheClientHasAsked) {
+  ASSERT_EQ(acceptor->StartListen(&accepted, {"0.0.0.0", 0}, 0), AW_OK);
+  address = CAWInetAddr("127.0.0.2", acceptor->GetLocalAddr().GetPort());
+  Connect();
+  CAWInetAddr local;
+  EXPECT_EQ(server->GetOption(keelbase::AW_OPT_LOCAL_ADDRESS, &local), AW_OK);
+  EXPECT_EQ(local, address);
+}
+
+}  // namespace
+}  // namespace ptcp::test
