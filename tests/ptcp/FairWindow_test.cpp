@@ -6,7 +6,7 @@
 namespace ptcp::test {
 namespace {
 
-constexpr std::uint64_t kMillisecond = 1000000;
+constexpr std::uint64_t kTick = 1000000;
 constexpr std::uint64_t kPacket = 1472;
 constexpr std::uint64_t kFull = 200 * kPacket;
 
@@ -14,20 +14,19 @@ class FairWindowTest : public ::testing::Test {
  protected:
   // One round trip, in which `inFlight` bytes arrive.
   void Pass(std::uint64_t inFlight, std::uint64_t rttMs, bool lost = false) {
-    now_ += rttMs * kMillisecond;
+    now_ += rttMs * kTick;
     delivered_ += inFlight;
-    window_.Update(
-        {inFlight, delivered_, kPacket, 20 * kMillisecond, rttMs * kMillisecond, variation_, lost},
-        now_);
+    window_.Update({inFlight, delivered_, kPacket, 20 * kTick, rttMs * kTick, variation_, lost},
+                   now_);
   }
   void PassFor(std::uint64_t ms, std::uint64_t inFlight, std::uint64_t rttMs) {
-    for (const std::uint64_t end = now_ + ms * kMillisecond; now_ < end;) Pass(inFlight, rttMs);
+    for (const std::uint64_t end = now_ + ms * kTick; now_ < end;) Pass(inFlight, rttMs);
   }
   std::uint64_t Window() const { return window_.Room(0); }
 
   FairWindow window_;
-  std::uint64_t variation_ = kMillisecond;
-  std::uint64_t now_ = kMillisecond;
+  std::uint64_t variation_ = kTick;
+  std::uint64_t now_ = kTick;
   std::uint64_t delivered_ = 0;
 };
 
@@ -42,7 +41,7 @@ TEST_F(FairWindowTest, LossOnAPathWithoutAQueueIsNoReason) {
 }
 
 TEST_F(FairWindowTest, LossWhileTimesVaryMuchIsNoReason) {
-  variation_ = 10 * kMillisecond;
+  variation_ = 10 * kTick;
   for (int rounds = 0; rounds < 100; ++rounds) Pass(kFull, 40, true);
   EXPECT_EQ(Window(), UINT64_MAX);
 }
