@@ -85,7 +85,7 @@ void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
 void CRestfulClient::Open(const CAWString& url) {
   if (url.find(kMark) != CAWString::npos) {
     client_ = nullptr;
-    if (shttp::IAWHttpManager::Instance()->CreateHttpClient(client_) != AW_OK) return Fail();
+    shttp::IAWHttpManager::Instance()->CreateHttpClient(client_);
   }
   if (!client_) return;
   if (!info1_.empty() && !info2_.empty()) client_->SetInfo(info1_, info2_);
@@ -93,7 +93,7 @@ void CRestfulClient::Open(const CAWString& url) {
   if (client_->Open(url, this, 0) != AW_OK) Fail();
 }
 
-// The only reason why there is nothing that tells of the end.
+// The client that there is had no memory to begin, so nothing of it will tell.
 void CRestfulClient::Fail() {
   response_.clear();
   result_ = -ENOMEM;

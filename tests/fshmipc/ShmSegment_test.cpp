@@ -238,7 +238,7 @@ TEST(ShmSegment, LimitOfFileSizesIsAnError) {
   if (ChildTest::Role() == "create within") std::exit(ResultWith(RLIMIT_FSIZE, kWhole, nullptr));
   if (ChildTest::Role() == "attach") {
     const FileDescriptor memory = MemoryFile(kWhole, kSeals, false);
-    std::exit(ResultWith(RLIMIT_FSIZE, 4096, &memory));
+    std::exit(ResultWith(RLIMIT_FSIZE, kWhole - 1, &memory));
   }
   EXPECT_EQ(ChildTest("create").Wait(), EFBIG);
   EXPECT_EQ(ChildTest("create within").Wait(), 0);

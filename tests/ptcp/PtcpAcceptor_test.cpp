@@ -121,15 +121,15 @@ TEST_F(PtcpAcceptorTest, WhoComesWhenTheBacklogIsFullProvesItsAddressAndIsAccept
 
 TEST_F(PtcpAcceptorTest, PacketsOfStrangersThatAreNoFirstOnesAreNotAnswered) {
   Listen();
-  SlowClient client(3, address);
+  SlowClient slow(3, address);
   UdpSocket stranger;
   ASSERT_EQ(stranger.Open(nullptr, &address), 0);
   for (const std::string text : {"", "x", "\xff", "\xc0 a long header without a version"}) {
     const Bytes bytes(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
     EXPECT_EQ(stranger.Write({address, {}}, bytes, 0), 0);
   }
-  client.Send();
-  EXPECT_FALSE(client.Await().empty());
+  slow.Send();
+  EXPECT_FALSE(slow.Await().empty());
   std::array<char, 2048> room;
   UdpSocket::Received none;
   EXPECT_EQ(stranger.Read(room, none), EAGAIN);

@@ -79,6 +79,21 @@ TEST_F(HttpClient, HttpsGoesOverTlsAndVerifies) {
   EXPECT_EQ(user.answer, "hello");
 }
 
+TEST_F(HttpClient, HttpsIsSentInPartsAndItsEndEndsTheAnswer) {
+  Open("https://127.0.0.1/a");
+  const CAWAutoPtr<FakeTlsTransport> secure(new FakeTlsTransport);
+  secure->AnswerNext(AW_ERROR_PARTIAL_DATA, 10);
+  tls.Last().Complete(0, secure.Get());
+  EXPECT_EQ(secure->wire, "POST /a HT");
+  secure->ReadyToSend();
+  EXPECT_EQ(secure->wire.find("POST /a HTTP/1.1\r\n"), 0U);
+  secure->Receive("HTTP/1.1 200 OK\r\n\r\nhello");
+  EXPECT_EQ(user.calls, Calls{"connect 0"});
+  secure->End(0);
+  EXPECT_EQ(user.calls, kAnswered);
+  EXPECT_EQ(user.answer, "hello");
+}
+
 TEST_F(HttpClient, ReasonsOfTlsAreResults) {
   Open("https://127.0.0.1/");
   tls.Last().Complete(sslutils::AW_SSL_ERROR_CERTIFICATE_NAME, nullptr);

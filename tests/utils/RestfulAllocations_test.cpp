@@ -68,7 +68,12 @@ class RestfulAllocations : public ::testing::Test {
 
 TEST_F(RestfulAllocations, ARequestIsToldOnce) {
   client->SetRestfulInfo("a user of this server", "a password that is long");
-  const std::string url = server.GetUrl("127.0.0.1", "/zarn/tcpchannel");
+  ASSERT_TRUE(Start(server.GetUrl("127.0.0.1", "/zarn/tcpchannel")));
+  AwaitCallback();
+  ExpectCalls(1);
+  server.HangUp();
+  // By the same client of the platform: nothing tells when another cannot be made.
+  const std::string url = server.GetUrl("127.0.0.1", "/again");
   const EmptyPool outer;  // that the others are quickly made
   for (EachAllocation each; each.Next();) {
     bool started = false;

@@ -199,7 +199,9 @@ class StreamAllocations : public ::testing::Test {
     for (EachAllocation each; each.Next();) {
       Attached<Kind> one;
       one.transport->room = waits ? 0 : room;
-      if (waits) ASSERT_EQ(one.Send("waits"), AW_OK);
+      if (waits) {
+        ASSERT_EQ(one.Send("waits"), AW_OK);
+      }
       one.transport->room = room;
       const std::size_t before = one.GetAccepted();
       AWResult result = AW_OK;
@@ -210,7 +212,9 @@ class StreamAllocations : public ::testing::Test {
       } else {
         EXPECT_TRUE(each.HasFailed());
         EXPECT_EQ(result, AW_ERROR_FAILURE);
-        if (one.transport->disconnects == 0) EXPECT_EQ(one.GetAccepted(), before);
+        if (one.transport->disconnects == 0) {
+          EXPECT_EQ(one.GetAccepted(), before);
+        }
       }
       ExpectToServe(one);
     }
