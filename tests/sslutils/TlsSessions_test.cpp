@@ -6,10 +6,13 @@
 #include <ctime>
 #include <string>
 
+#include "TlsContext.h"
+
 namespace sslutils::internal {
 namespace {
 
 SessionPtr MakeSession(const std::string& id, int version = TLS1_3_VERSION, long age = 0) {
+  StartOpenSsl();
   SessionPtr session(SSL_SESSION_new());
   SSL_SESSION_set1_id(session.get(), reinterpret_cast<const unsigned char*>(id.data()),
                       static_cast<unsigned>(id.size()));
