@@ -1,5 +1,5 @@
-// CAWShmBase_test.cpp - shared memory segments, between objects, threads and processes. Files that
-// a process left behind are written by hand; a death is a real SIGKILL of a child.
+// CAWShmBase_test.cpp - shared memory segments, between objects and processes. Files that a process
+// left behind are written by hand; a death is a real SIGKILL of a child.
 #include "keelbase/CAWShmBase.h"
 
 #include <fcntl.h>
@@ -8,24 +8,19 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
+#include <memory>
 #include <thread>
 #include <vector>
 
+#include "ForkedChild.h"
 #include "Sanitized.h"
-#include "TempRoot.h"
-#include "TraceLines.h"
+#include "ShmBaseFixture.h"
 #include "keelbase/internal/FileDescriptor.h"
-#include "keelbase/internal/ShmHeader.h"
 
 namespace keelbase {
 namespace {
@@ -33,102 +28,9 @@ namespace {
 namespace fs = std::filesystem;
 using internal::FileDescriptor;
 using internal::kShmHeaderSize;
-using internal::ShmHeader;
+using zarn::test::ForkedChild;
 
-class CAWShmBaseTest : public testing::Test {
- protected:
-  CAWString In(const char* name) const { return dir_.GetPath() + "/" + name; }
-
-  // Writes `content` to the segment's file without going through the class.
-  void Write(const CAWString& content) const { std::ofstream(path_, std::ios::binary) << content; }
-
-  ShmHeader ReadHeader() const {
-    ShmHeader header{};
-    std::ifstream(path_, std::ios::binary).read(reinterpret_cast<char*>(&header), sizeof(header));
-    return header;
-  }
-  void WriteHeader(const ShmHeader& header) const {
-    std::fstream(path_, std::ios::binary | std::ios::in | std::ios::out)
-        .write(reinterpret_cast<const char*>(&header), sizeof(header));
-  }
-
-  // Expects that Create fails, says why, and leaves the object empty.
-  void ExpectRefused(std::size_t size, const char* why) const {
-    CAWShmBase shm;
-    EXPECT_EQ(shm.Create(path_, size, 0), AW_ERROR_FAILURE);
-    EXPECT_EQ(shm.GetAddress(), nullptr);
-    EXPECT_EQ(shm.GetSize(), 0U);
-    ASSERT_FALSE(trace_.Get().empty());
-    EXPECT_NE(trace_.Get().back().text.find(why), CAWString::npos) << trace_.Get().back().text;
-    EXPECT_NE(trace_.Get().back().text.find(path_), CAWString::npos) << trace_.Get().back().text;
-  }
-
-  zarn::test::TraceLines trace_;
-  zarn::test::TempDir dir_;
-  const CAWString path_ = In("segment");
-};
-
-char* Bytes(const CAWShmBase& shm) { return static_cast<char*>(shm.GetAddress()); }
-std::uint64_t& Counter(const CAWShmBase& shm) {
-  return *static_cast<std::uint64_t*>(shm.GetAddress());
-}
-bool IsZero(const CAWShmBase& shm) {
-  return std::all_of(Bytes(shm), Bytes(shm) + shm.GetSize(), [](char byte) { return byte == 0; });
-}
-
-// A child process that runs `work` and exits with 0 when it answers true.
-class Child {
- public:
-  explicit Child(const std::function<bool()>& work) : pid_(::fork()) {
-    if (pid_ == 0) ::_exit(work() ? 0 : 1);
-  }
-  ~Child() { Kill(); }
-
-  bool Succeeded() {
-    int status = -1;
-    ::waitpid(std::exchange(pid_, -1), &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-  }
-  void Kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(std::exchange(pid_, -1), nullptr, 0);
-  }
-
- private:
-  pid_t pid_;
-};
-
-// A child that holds the lock of the segment at `path`; it is held once the constructor is done.
-class LockHolder {
- public:
-  explicit LockHolder(const CAWString& path)
-      : pipe_(MakePipe()), child_([&] { return Hold(path); }) {
-    char byte = 0;
-    EXPECT_EQ(::read(pipe_[0].Get(), &byte, 1), 1);
-  }
-  void Kill() { child_.Kill(); }
-
- private:
-  static std::vector<FileDescriptor> MakePipe() {
-    int ends[2];
-    EXPECT_EQ(::pipe(ends), 0);
-    std::vector<FileDescriptor> pipe;
-    pipe.emplace_back(ends[0]);
-    pipe.emplace_back(ends[1]);
-    return pipe;
-  }
-  bool Hold(const CAWString& path) {
-    CAWShmBase shm;
-    if (shm.Create(path, 64, 0) != 0 || shm.MemLock() != 0) return false;
-    Counter(shm) = 42;
-    if (::write(pipe_[1].Get(), "x", 1) != 1) return false;
-    for (;;) ::pause();
-  }
-
-  std::vector<FileDescriptor> pipe_;
-  Child child_;
-};
+class CAWShmBaseTest : public ShmBaseFixture {};
 
 TEST_F(CAWShmBaseTest, NewSegmentIsZeroedOwnedByTheUserAndFullyUsable) {
   CAWShmBase shm;
@@ -345,7 +247,7 @@ TEST_F(CAWShmBaseTest, NoRoomIsAnErrorAndLeavesNothing) {
 }
 
 TEST_F(CAWShmBaseTest, LimitOnFileSizesIsAnErrorAndNoSignal) {
-  Child child([this] {
+  ForkedChild child([this] {
     rlimit limit{};
     limit.rlim_cur = limit.rlim_max = 100000;
     CAWShmBase tooLarge;
@@ -359,7 +261,7 @@ TEST_F(CAWShmBaseTest, LimitOnFileSizesIsAnErrorAndNoSignal) {
 
 TEST_F(CAWShmBaseTest, LimitOfAddressSpaceIsAnError) {
   if (zarn::test::IsSanitized()) return;
-  Child child([this] {
+  ForkedChild child([this] {
     const rlimit limit{1 << 20, 1 << 20};
     CAWShmBase shm;
     return ::setrlimit(RLIMIT_AS, &limit) == 0 &&
@@ -424,9 +326,9 @@ TEST_F(CAWShmBaseTest, ProcessesThatStartTogetherShareOneSegment) {
       }
       return true;
     };
-    std::vector<std::unique_ptr<Child>> children;
+    std::vector<std::unique_ptr<ForkedChild>> children;
     for (std::uint64_t i = 0; i < kProcesses; ++i)
-      children.push_back(std::make_unique<Child>(work));
+      children.push_back(std::make_unique<ForkedChild>(work));
     for (auto& child : children) EXPECT_TRUE(child->Succeeded());
     CAWShmBase shm;
     ASSERT_EQ(shm.Create(path, 1, 0), AW_OK);
@@ -438,7 +340,7 @@ TEST_F(CAWShmBaseTest, CreatorThatIsKilledAtAnyMomentLeavesNothingThatHinders) {
   constexpr int kKills = 40;
   for (int kill = 0; kill < kKills; ++kill) {
     const CAWString path = In("killed") + std::to_string(kill);
-    Child child([&] {
+    ForkedChild child([&] {
       for (;;) {
         CAWShmBase shm;
         if (shm.Create(path, 1U << 18, 0) != 0) return false;
@@ -454,153 +356,6 @@ TEST_F(CAWShmBaseTest, CreatorThatIsKilledAtAnyMomentLeavesNothingThatHinders) {
     EXPECT_EQ(shm.MemLock(), AW_OK);
     fs::remove(path);
   }
-}
-
-TEST_F(CAWShmBaseTest, LockExcludesThreadsThroughOneAndThroughTwoObjects) {
-  constexpr std::uint64_t kRounds = 5000;
-  CAWShmBase first;
-  CAWShmBase second;
-  ASSERT_EQ(first.Create(path_, 64, 0), AW_OK);
-  ASSERT_EQ(second.Create(path_, 64, 0), AW_OK);
-  const auto work = [](CAWShmBase& shm) {
-    for (std::uint64_t round = 0; round < kRounds; ++round) {
-      EXPECT_EQ(shm.MemLock(), AW_OK);
-      ++Counter(shm);
-      EXPECT_EQ(shm.MemUnlock(), AW_OK);
-    }
-  };
-  std::vector<std::thread> threads;
-  for (CAWShmBase* shm : {&first, &first, &second}) threads.emplace_back(work, std::ref(*shm));
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(Counter(first), 3 * kRounds);
-}
-
-TEST_F(CAWShmBaseTest, LockIsNotPartOfTheMemory) {
-  CAWShmBase first;
-  CAWShmBase second;
-  ASSERT_EQ(first.Create(path_, 10000, 0), AW_OK);
-  ASSERT_EQ(first.MemLock(), AW_OK);
-  std::memset(first.GetAddress(), 0xff, first.GetSize());
-  EXPECT_EQ(first.MemUnlock(), AW_OK);
-  ASSERT_EQ(second.Create(path_, 10000, 0), AW_OK);
-  EXPECT_EQ(second.MemLock(), AW_OK);
-  EXPECT_FALSE(second.WasAbandoned());
-}
-
-TEST_F(CAWShmBaseTest, HolderThatLocksAgainIsToldInsteadOfWaiting) {
-  CAWShmBase first;
-  CAWShmBase second;
-  ASSERT_EQ(first.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(second.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(first.MemLock(), AW_OK);
-  EXPECT_EQ(first.MemLock(), AW_ERROR_FAILURE);
-  EXPECT_EQ(second.MemLock(), AW_ERROR_FAILURE);
-  EXPECT_EQ(first.MemUnlock(), AW_OK);
-  EXPECT_EQ(second.MemLock(), AW_OK);
-}
-
-TEST_F(CAWShmBaseTest, OnlyTheHolderUnlocksAndOnlyThroughItsObject) {
-  CAWShmBase first;
-  CAWShmBase second;
-  ASSERT_EQ(first.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(second.Create(path_, 10, 0), AW_OK);
-  EXPECT_EQ(first.MemUnlock(), AW_ERROR_FAILURE);
-  ASSERT_EQ(first.MemLock(), AW_OK);
-  EXPECT_EQ(second.MemUnlock(), AW_ERROR_FAILURE);
-  AWResult elsewhere = AW_OK;
-  std::thread([&] { elsewhere = first.MemUnlock(); }).join();
-  EXPECT_EQ(elsewhere, AW_ERROR_FAILURE);
-  Child child([&] { return first.MemUnlock() == AW_ERROR_FAILURE; });
-  EXPECT_TRUE(child.Succeeded());
-  EXPECT_EQ(first.MemUnlock(), AW_OK);
-}
-
-TEST_F(CAWShmBaseTest, ClosingGivesTheLockBack) {
-  CAWShmBase first;
-  CAWShmBase second;
-  ASSERT_EQ(first.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(second.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(first.MemLock(), AW_OK);
-  ASSERT_EQ(first.Close(1), AW_OK);
-  EXPECT_EQ(second.MemLock(), AW_OK);
-  EXPECT_FALSE(second.WasAbandoned());
-}
-
-TEST_F(CAWShmBaseTest, ClosingTheOtherObjectDoesNotGiveTheLockBack) {
-  CAWShmBase first;
-  CAWShmBase second;
-  ASSERT_EQ(first.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(second.Create(path_, 10, 0), AW_OK);
-  ASSERT_EQ(first.MemLock(), AW_OK);
-  ASSERT_EQ(second.Close(1), AW_OK);
-  EXPECT_EQ(first.MemLock(), AW_ERROR_FAILURE);  // still held
-  EXPECT_EQ(first.MemUnlock(), AW_OK);
-}
-
-TEST_F(CAWShmBaseTest, DeathOfTheHolderIsToldOnceToWhoeverComesNext) {
-  CAWShmBase shm;
-  ASSERT_EQ(shm.Create(path_, 64, 0), AW_OK);
-  LockHolder holder(path_);
-  holder.Kill();
-  ASSERT_EQ(shm.MemLock(), AW_OK);
-  EXPECT_TRUE(shm.WasAbandoned());
-  EXPECT_EQ(Counter(shm), 42U);
-  ASSERT_EQ(trace_.Get().size(), 1U);
-  EXPECT_NE(trace_.Get()[0].text.find("died"), CAWString::npos);
-  EXPECT_EQ(shm.MemUnlock(), AW_OK);
-  EXPECT_FALSE(shm.WasAbandoned());
-  ASSERT_EQ(shm.MemLock(), AW_OK);
-  EXPECT_FALSE(shm.WasAbandoned());
-  EXPECT_EQ(shm.MemUnlock(), AW_OK);
-  EXPECT_EQ(trace_.Get().size(), 1U);
-}
-
-TEST_F(CAWShmBaseTest, WhoWaitsForTheLockGetsItWhenTheHolderDies) {
-  CAWShmBase shm;
-  ASSERT_EQ(shm.Create(path_, 64, 0), AW_OK);
-  LockHolder holder(path_);
-  AWResult result = AW_ERROR_FAILURE;
-  bool abandoned = false;
-  std::thread waiter([&] {
-    result = shm.MemLock();
-    abandoned = shm.WasAbandoned();
-    shm.MemUnlock();
-  });
-  holder.Kill();
-  waiter.join();
-  EXPECT_EQ(result, AW_OK);
-  EXPECT_TRUE(abandoned);
-}
-
-TEST_F(CAWShmBaseTest, ThreadThatEndsWithTheLockCountsAsDead) {
-  CAWShmBase shm;
-  ASSERT_EQ(shm.Create(path_, 64, 0), AW_OK);
-  std::thread([&] { EXPECT_EQ(shm.MemLock(), AW_OK); }).join();
-  ASSERT_EQ(shm.MemLock(), AW_OK);
-  EXPECT_TRUE(shm.WasAbandoned());
-}
-
-TEST_F(CAWShmBaseTest, LockThatWasHeldWhenTheMachineWentDownIsFreedAndTold) {
-  {
-    LockHolder holder(path_);
-    fs::copy_file(path_, In("copy"));  // as the disk has it at that moment
-  }
-  fs::rename(In("copy"), path_);
-  ShmHeader header = ReadHeader();
-  ASSERT_EQ(header.held, 1U);
-  header.bootId[0] = header.bootId[0] == '0' ? '1' : '0';
-  WriteHeader(header);
-
-  CAWShmBase shm;
-  ASSERT_EQ(shm.Create(path_, 64, 0), AW_OK);
-  EXPECT_EQ(Counter(shm), 42U);
-  ASSERT_EQ(shm.MemLock(), AW_OK);
-  EXPECT_TRUE(shm.WasAbandoned());
-  EXPECT_EQ(shm.MemUnlock(), AW_OK);
-  CAWShmBase later;
-  ASSERT_EQ(later.Create(path_, 64, 0), AW_OK);
-  ASSERT_EQ(later.MemLock(), AW_OK);
-  EXPECT_FALSE(later.WasAbandoned());
 }
 
 }  // namespace
