@@ -476,6 +476,10 @@ void EventLoop::EndLinger(LingerTask& task) {
   lingering_.erase(std::remove(lingering_.begin(), lingering_.end(), &task), lingering_.end());
 }
 
+bool EventLoop::IsLingering(const LingerTask& task) const {
+  return std::find(lingering_.begin(), lingering_.end(), &task) != lingering_.end();
+}
+
 void EventLoop::FinishLingers() {
   while (!lingering_.empty()) {
     const auto now = Clock::Now();
@@ -490,6 +494,7 @@ void EventLoop::FinishLingers() {
     const int timeout = static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, 2000));
     ::poll(ready.data(), ready.size(), timeout);
     for (std::size_t i = 0; i < tasks.size(); ++i) {
+      if (!IsLingering(*tasks[i])) continue;  // one before it has ended it, and it may be gone
       if (tasks[i]->LingerDeadline() <= Clock::Now()) {
         tasks[i]->AbandonLinger();
       } else if (ready[i].revents != 0) {

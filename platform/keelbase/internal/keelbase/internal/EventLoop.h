@@ -160,6 +160,7 @@ class KEELBASE_API EventLoop {
   void FinishLingers();
 
  private:
+  bool IsLingering(const LingerTask& task) const;
   bool Turn(std::int64_t timeoutNs);  // below 0: for ever
   bool Dispatch(int count);
   bool RunPosted();
