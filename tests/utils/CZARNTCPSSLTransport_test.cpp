@@ -205,6 +205,16 @@ TEST_F(CZARNTCPSSLTransportTest, HandlerThatDisconnectsBehindHeldBytesIsAnswered
   ExpectEmptyBuffers();
 }
 
+TEST_F(CZARNTCPSSLTransportTest, ReadingStopsAboveTheLimitAndGoesOnBelowIt) {
+  stream->SetReceiveLimit(10);
+  transport->Receive("0123456789");
+  EXPECT_FALSE(transport->IsReadingStopped());
+  transport->Receive("a");
+  EXPECT_TRUE(transport->IsReadingStopped());
+  transport->Receive(";");
+  EXPECT_FALSE(transport->IsReadingStopped());
+}
+
 TEST_F(CZARNTCPSSLTransportTest, BytesOfAnyTransportAreTaken) {
   auto other = NewTransport();
   stream->OnSSLDataReceive(*Chain({"one;"}), other.Get());

@@ -55,6 +55,8 @@ class BlockRecorder : public Stream {
     return static_cast<std::uint16_t>(end + 1);
   }
 
+  using Stream::SetReceiveLimit;
+
  private:
   CallLog* log_;
 };
@@ -64,7 +66,6 @@ class RecordingTcpTransport : public BlockRecorder<utils::CZARNTCPTransport> {
   using BlockRecorder::BlockRecorder;
 
   using BlockRecorder::SendMsg;
-  using BlockRecorder::SetReceiveLimit;
   // As the other streams send.
   keelbase::AWResult SendMsg(keelbase::CAWMessageBlock& data) { return SendMsg(data, nullptr); }
   keelbase::AWResult SendMsg(const char* bytes, std::size_t length) {
@@ -78,7 +79,6 @@ class RecordingPtcpStream : public BlockRecorder<utils::CPTCPStreamBase> {
  public:
   using BlockRecorder::BlockRecorder;
 
-  using BlockRecorder::SetReceiveLimit;
   keelbase::AWResult SendMsg(const char* bytes, std::size_t length) {
     keelbase::CAWMessageBlock block(bytes, length, keelbase::CAWMessageBlock::borrow);
     return SendMessage(block, nullptr);

@@ -74,6 +74,7 @@ class StreamRecorder : public Stream {
   }
 
   using Stream::SetReceiveLimit;
+  using Stream::StopAtMalformedFrame;
   using Stream::StopReading;
 
  protected:

@@ -206,6 +206,23 @@ TYPED_TEST(StreamReceive, StopReadingHoldsWhateverIsReceivedAfterwards) {
   EXPECT_TRUE(this->transport->IsReadingStopped());
 }
 
+TYPED_TEST(StreamReceive, MalformedFrameStopsReadingAndIsCountedOnceForEachConnection) {
+  this->stream->onMessage = [this](const char*, std::size_t) {
+    this->stream->StopAtMalformedFrame();
+    return 0;
+  };
+  this->transport->Receive("nonsense");
+  EXPECT_TRUE(this->transport->IsReadingStopped());
+  this->transport->Receive("more of it, which was on its way");
+  EXPECT_TRUE(this->transport->IsReadingStopped());
+  EXPECT_EQ(this->stream->GetCounters().malformedFrames, 1U);
+  this->stream->Close(0);
+  auto fresh = this->Attach();
+  EXPECT_FALSE(fresh->IsReadingStopped());
+  fresh->Receive("nonsense");
+  EXPECT_EQ(this->stream->GetCounters().malformedFrames, 2U);
+}
+
 TYPED_TEST(StreamReceive, NewConnectionIsReadAgainAfterAStop) {
   this->stream->SetReceiveLimit(10);
   this->transport->Receive("more than ten bytes");
