@@ -40,6 +40,13 @@ TEST(ReadGate, BehindTheStartOfALongFrameNoMoreIsReadThanFitsWithItIntoOneRead) 
   EXPECT_EQ(transport.sizes, (std::vector<std::uint32_t>{25535, 65535}));
 }
 
+TEST(ReadGate, WhereAReadCostsLittleItFitsAlsoBehindAShortRest) {
+  ReadGate gate(ReadGate::kMemoryRead);
+  Transport transport;
+  for (const std::size_t left : {64U, 523U, 65000U, 65535U}) gate.Apply(&transport, left);
+  EXPECT_EQ(transport.sizes, (std::vector<std::uint32_t>{65012, 535, 65535}));
+}
+
 TEST(ReadGate, WhenAlmostAllOfAFrameIsThereTheReadIsFullSized) {
   ReadGate gate;
   Transport transport;

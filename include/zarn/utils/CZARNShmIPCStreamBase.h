@@ -177,7 +177,7 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   [[maybe_unused]] const bool reserved_ = false;
   bool closed_ = false;
 
-  detail::ReadGate readGate_;
+  detail::ReadGate readGate_{detail::ReadGate::kMemoryRead};
   detail::Generation generation_;
   detail::ThreadOwner thread_;
   CZARNStreamCounters counters_;

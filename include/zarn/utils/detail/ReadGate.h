@@ -12,6 +12,13 @@ namespace zarn::utils::detail {
 // unconsumed.
 class ReadGate {
  public:
+  // Where a read is a system call it is not shortened for so little of a cut frame that is moved,
+  // or still missing.
+  static constexpr std::uint32_t kSystemCallRead = 16384;
+  static constexpr std::uint32_t kMemoryRead = 64;
+
+  explicit ReadGate(std::uint32_t shortLength = kSystemCallRead) : shortLength_(shortLength) {}
+
   void SetLimit(std::size_t bytes) { limit_ = bytes; }  // 0: none
   void Stop() { stopped_ = true; }
   bool IsStopped() const { return stopped_; }
@@ -38,13 +45,13 @@ class ReadGate {
 
  private:
   static constexpr std::uint32_t kLongestRead = 65535;
-  static constexpr std::uint32_t kShort = 16384;  // so little is moved, or still missing
 
-  static std::uint32_t ReadSizeBehind(std::size_t unconsumed) {
-    const bool worthwhile = unconsumed > kShort && unconsumed < kLongestRead - kShort;
+  std::uint32_t ReadSizeBehind(std::size_t unconsumed) const {
+    const bool worthwhile = unconsumed > shortLength_ && unconsumed < kLongestRead - shortLength_;
     return worthwhile ? kLongestRead - static_cast<std::uint32_t>(unconsumed) : kLongestRead;
   }
 
+  std::uint32_t shortLength_;
   std::size_t limit_ = 0;
   bool stopped_ = false;
   bool shut_ = false;
