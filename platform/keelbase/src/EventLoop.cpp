@@ -188,8 +188,9 @@ bool EventLoop::ServeLikely() {
   return true;
 }
 
-// Looks for work without sleeping. A microsecond of pause first, since an answer may be that near;
-// then the processor is offered to others between looks, since the peer may need this very one.
+// Looks for work without sleeping. A microsecond of pause first, since an answer may be that near,
+// and for that time only those are asked who are likely to bring it; then the processor is offered
+// to others between looks, since the peer may need this very one.
 bool EventLoop::Spin() {
   using std::chrono::microseconds;
   const auto start = std::chrono::steady_clock::now();
@@ -198,15 +199,16 @@ bool EventLoop::Spin() {
   unsigned looks = 0;
   do {
     if (ServeLikely()) return true;
+    const bool brief = now - start <= microseconds(1);
+    const bool likely = recent_ != nullptr || firstPoller_ != nullptr;
     // Asking epoll costs more than asking those who are likely to speak next.
-    const bool full =
-        (recent_ == nullptr && firstPoller_ == nullptr) || looks++ % kLooksAtLikely == 0;
+    const bool full = !likely || (!brief && looks++ % kLooksAtLikely == 0);
     if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;
     if (stop_.load(std::memory_order_acquire)) return false;
-    if (now - start > microseconds(1)) {
-      ::sched_yield();
-    } else {
+    if (brief) {
       __builtin_ia32_pause();
+    } else {
+      ::sched_yield();
     }
     now = std::chrono::steady_clock::now();
   } while (now < end);
