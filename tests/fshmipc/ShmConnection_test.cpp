@@ -282,6 +282,47 @@ TEST(ShmConnection, PeerThatSleepsIsWokenByOneByte) {
   EXPECT_EQ(peer.end.Counters().systemCallsSent, 1U);
 }
 
+TEST(ShmConnection, FirstBytesOfATurnAreShownAtOnceAndTheOthersWhenItEndsOrMuchIsTogether) {
+  RawPeer peer;
+  peer.end.Open();
+  RingReader reader(peer.segment.AcceptorRing());
+  peer.end.Send("a");
+  EXPECT_EQ(reader.Available(), 1U);
+  peer.end.Send("b");
+  EXPECT_EQ(reader.Available(), 1U);
+  RunReady();
+  EXPECT_EQ(reader.Available(), 2U);
+  peer.end.Send("c");
+  peer.end.Send("d");
+  EXPECT_EQ(reader.Available(), 3U);
+  peer.end.Send(std::string(16 * 1024, 'x'));
+  EXPECT_EQ(reader.Available(), 4U + 16 * 1024);
+}
+
+TEST(ShmConnection, PeerThatSleepsIsWokenBeforeMuchIsCopied) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.end.Fill();  // nothing can be copied
+  RunReady();
+  peer.In().readerSleeps = 1;
+  peer.end.Send(std::string(16 * 1024 - 1, 'x'));
+  EXPECT_EQ(peer.end.Counters().systemCallsSent, 0U);
+  peer.end.Send(std::string(16 * 1024, 'x'));
+  EXPECT_EQ(peer.end.Counters().systemCallsSent, 1U);
+  EXPECT_EQ(peer.socket.Receive().size(), 1U);
+}
+
+TEST(ShmConnection, PeerThatSleptAgainBeforeAllWasCopiedIsWokenAgain) {
+  RawPeer peer;
+  RingWriter writer(peer.segment.ConnectorRing());
+  RingReader reader(peer.segment.ConnectorRing());
+  EXPECT_TRUE(reader.Sleep());
+  EXPECT_TRUE(writer.ShallWakeReader());
+  writer.Write("x", 1);
+  EXPECT_TRUE(reader.Sleep());
+  EXPECT_TRUE(writer.Publish());
+}
+
 // Each answer of 10013 may bring a wake-up, whether or not anybody sleeps. They must not fill the
 // socket so that the one that counts finds no room.
 TEST(ShmConnection, WakeUpIsNotLostBehindThoseThatCameWhileAwake) {

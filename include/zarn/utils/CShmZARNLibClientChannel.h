@@ -40,7 +40,7 @@ namespace zarn::utils {
 //
 // Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
 // more; the connection stays until the peer ends it or the owner calls OnClose. The same when more
-// than 1 MiB stands unconsumed. Each connection takes 2 MiB of memory (AW_OPT_RING_SIZE).
+// than 1 MiB stands unconsumed. Each connection takes 4 MiB of memory (AW_OPT_RING_SIZE).
 class ZARNUTILS_API CShmZARNLibClientChannel : public CZARNShmIPCStreamBase,
                                                public keelbase::CAWTimerWrapperIDSink {
  public:

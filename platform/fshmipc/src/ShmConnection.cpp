@@ -209,9 +209,12 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
   return writer_.IsBroken() && written == 0 ? AW_ERROR_FAILURE : AW_ERROR_PARTIAL_DATA;
 }
 
-// Into the ring, as much as there is room for; shown to the reader at the turn's end, or when much
-// is together.
+// Into the ring, as much as there is room for. The first bytes of a turn are shown to the reader at
+// once, what follows when much is together or the turn ends: it costs more than a small message.
 std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
+  // The reader wakes up while we copy; if it was faster it sleeps again, and Publish wakes it.
+  const bool takesLong = chain.GetChainedLength() >= kPublishSize;
+  if (takesLong && writer_.ShallWakeReader()) WakePeer();
   std::size_t written = 0;
   for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->GetNext()) {
     const std::size_t taken = writer_.Write(block->GetReadPtr(), block->GetLength());
@@ -219,11 +222,9 @@ std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
     if (taken != block->GetLength()) break;
   }
   counters_.bytesSent += written;
-  if (writer_.Unpublished() >= kPublishSize) {
-    Publish();
-  } else if (written != 0 && !std::exchange(dirty_, true)) {
-    loop_.AtTurnEnd(*this);
-  }
+  const bool first = written != 0 && !std::exchange(dirty_, true);
+  if (first) loop_.AtTurnEnd(*this);
+  if (first || writer_.Unpublished() >= kPublishSize) Publish();
   return written;
 }
 

@@ -11,7 +11,9 @@ namespace fshmipc {
 
 using keelbase::internal::FileDescriptor;
 
-inline constexpr std::uint32_t kDefaultRingSize = 1024 * 1024;
+// Larger than the cache that each processor has for itself: else the writer takes lines back from
+// the reader's, which costs more than to take them from the cache that both share.
+inline constexpr std::uint32_t kDefaultRingSize = 2 * 1024 * 1024;
 bool IsRingSize(std::uint32_t size);  // a power of two from 64 KiB to 256 MiB
 
 // A page of control words, then the ring that the connector writes, then the one that the acceptor

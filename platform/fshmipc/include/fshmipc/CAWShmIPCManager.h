@@ -20,7 +20,7 @@ namespace fshmipc {
 inline constexpr int AW_OPT_ALLOW_ANY_USER = 120;
 
 // Set on a connector, std::uint32_t, bytes: the ring in each direction, a power of two from 64 KiB
-// to 256 MiB. Default 1 MiB. The memory is reserved when a connection is made.
+// to 256 MiB. Default 2 MiB. The memory is reserved when a connection is made.
 inline constexpr int AW_OPT_RING_SIZE = 121;
 
 // What connectors and acceptors have in common: the count, and an identity for the sink to compare.
