@@ -32,6 +32,7 @@ class Watch:
         for group in self.groups:
             if group.settled_since is None or now - group.settled_since < SETTLED:
                 continue
+            group.looks += 1
             for peer in group.survivors():
                 try:
                     self.samples.setdefault(peer, []).append(peer.measure())
