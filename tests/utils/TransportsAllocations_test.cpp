@@ -48,21 +48,17 @@ struct IpcLink {
     }
   };
 
-  template <class Out>
-  static AWResult Make(CAWAutoPtr<Out>& out) {
-    if constexpr (std::is_same_v<Out, Connector>)
-      return fipc::CAWIPCManager::Instance()->CreateConnector(1, out);
-    else
-      return fipc::CAWIPCManager::Instance()->CreateAcceptor(1, out);
+  static AWResult Make(CAWAutoPtr<Connector>& out) {
+    return fipc::CAWIPCManager::Instance()->CreateConnector(1, out);
+  }
+  static AWResult Make(CAWAutoPtr<Acceptor>& out) {
+    return fipc::CAWIPCManager::Instance()->CreateAcceptor(1, out);
   }
   AWResult Listen(Acceptor& acceptor, ConnectSink& sink) {
     return acceptor.StartListen(&sink, address);
   }
   AWResult Connect(Connector& connector, ConnectSink& sink, Acceptor&) {
     return connector.AsyncConnect(&sink, address, 0, nullptr);
-  }
-  static AWResult Send(Transport& transport, CAWMessageBlock& block) {
-    return transport.SendData(block, nullptr);
   }
 
   TempDir dir;
@@ -84,21 +80,17 @@ struct ShmLink {
     }
   };
 
-  template <class Out>
-  static AWResult Make(CAWAutoPtr<Out>& out) {
-    if constexpr (std::is_same_v<Out, Connector>)
-      return fshmipc::CAWShmIPCManager::Instance()->CreateConnector(out);
-    else
-      return fshmipc::CAWShmIPCManager::Instance()->CreateAcceptor(out);
+  static AWResult Make(CAWAutoPtr<Connector>& out) {
+    return fshmipc::CAWShmIPCManager::Instance()->CreateConnector(out);
+  }
+  static AWResult Make(CAWAutoPtr<Acceptor>& out) {
+    return fshmipc::CAWShmIPCManager::Instance()->CreateAcceptor(out);
   }
   static AWResult Listen(Acceptor& acceptor, ConnectSink& sink) {
     return acceptor.StartListen(&sink, kShmServer);
   }
   static AWResult Connect(Connector& connector, ConnectSink& sink, Acceptor&) {
     return connector.AsyncConnect(&sink, kShmServer, 0, &kShmClient);
-  }
-  static AWResult Send(Transport& transport, CAWMessageBlock& block) {
-    return transport.SendData(block, nullptr);
   }
 
   ShmSystem system;
@@ -118,12 +110,11 @@ struct TcpLink {
     }
   };
 
-  template <class Out>
-  static AWResult Make(CAWAutoPtr<Out>& out) {
-    if constexpr (std::is_same_v<Out, Connector>)
-      return wface::CAWConnectionManager::Instance()->CreateConnector(1, out);
-    else
-      return wface::CAWConnectionManager::Instance()->CreateAcceptor(1, out);
+  static AWResult Make(CAWAutoPtr<Connector>& out) {
+    return wface::CAWConnectionManager::Instance()->CreateConnector(1, out);
+  }
+  static AWResult Make(CAWAutoPtr<Acceptor>& out) {
+    return wface::CAWConnectionManager::Instance()->CreateAcceptor(1, out);
   }
   static AWResult Listen(Acceptor& acceptor, ConnectSink& sink) {
     return acceptor.StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 0);
@@ -131,9 +122,6 @@ struct TcpLink {
   static AWResult Connect(Connector& connector, ConnectSink& sink, Acceptor& acceptor) {
     const keelbase::CAWTimeValue limit(5, 0);
     return connector.AsyncConnect(&sink, acceptor.GetLocalAddr(), &limit, nullptr);
-  }
-  static AWResult Send(Transport& transport, CAWMessageBlock& block) {
-    return transport.SendData(block, nullptr);
   }
 };
 
@@ -152,12 +140,11 @@ struct PtcpLink {
     }
   };
 
-  template <class Out>
-  static AWResult Make(CAWAutoPtr<Out>& out) {
-    if constexpr (std::is_same_v<Out, Connector>)
-      return ptcp::CAWPseudoTCPManager::Instance()->CreateConnector(out);
-    else
-      return ptcp::CAWPseudoTCPManager::Instance()->CreateAcceptor(out);
+  static AWResult Make(CAWAutoPtr<Connector>& out) {
+    return ptcp::CAWPseudoTCPManager::Instance()->CreateConnector(out);
+  }
+  static AWResult Make(CAWAutoPtr<Acceptor>& out) {
+    return ptcp::CAWPseudoTCPManager::Instance()->CreateAcceptor(out);
   }
   static AWResult Listen(Acceptor& acceptor, ConnectSink& sink) {
     return acceptor.StartListen(&sink, CAWInetAddr("127.0.0.1", 0), 0);
@@ -165,9 +152,6 @@ struct PtcpLink {
   static AWResult Connect(Connector& connector, ConnectSink& sink, Acceptor& acceptor) {
     const keelbase::CAWTimeValue limit(5, 0);
     return connector.AsyncConnect(&sink, acceptor.GetLocalAddr(), &limit, nullptr);
-  }
-  static AWResult Send(Transport& transport, CAWMessageBlock& block) {
-    return transport.SendData(block, nullptr);
   }
 };
 
@@ -215,9 +199,6 @@ struct TlsLink {
   }
   static AWResult Connect(Connector& connector, ConnectSink& sink, Acceptor& acceptor) {
     return connector.AsyncConnect(&sink, acceptor.GetLocalAddr(), 1, "", nullptr);
-  }
-  static AWResult Send(Transport& transport, CAWMessageBlock& block) {
-    return transport.SendData(block, nullptr);
   }
 };
 
@@ -323,7 +304,7 @@ class TransportsAllocations : public ::testing::Test {
   }
   bool Send(End<Over>& end) {
     CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
-    return end.transport && Over::Send(*end.transport, block) == AW_OK;
+    return end.transport && end.transport->SendData(block, nullptr) == AW_OK;
   }
   bool IsComplete() const {
     return client.received == bytes.size() && server.received == bytes.size();
