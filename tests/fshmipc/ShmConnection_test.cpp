@@ -312,17 +312,6 @@ TEST(ShmConnection, PeerThatSleepsIsWokenBeforeMuchIsCopied) {
   EXPECT_EQ(peer.socket.Receive().size(), 1U);
 }
 
-TEST(ShmConnection, PeerThatSleptAgainBeforeAllWasCopiedIsWokenAgain) {
-  RawPeer peer;
-  RingWriter writer(peer.segment.ConnectorRing());
-  RingReader reader(peer.segment.ConnectorRing());
-  EXPECT_TRUE(reader.Sleep());
-  EXPECT_TRUE(writer.ShallWakeReader());
-  writer.Write("x", 1);
-  EXPECT_TRUE(reader.Sleep());
-  EXPECT_TRUE(writer.Publish());
-}
-
 // Each answer of 10013 may bring a wake-up, whether or not anybody sleeps. They must not fill the
 // socket so that the one that counts finds no room.
 TEST(ShmConnection, WakeUpIsNotLostBehindThoseThatCameWhileAwake) {

@@ -217,6 +217,17 @@ TEST(ShmRing, SleepingReaderIsWokenOnce) {
   EXPECT_FALSE(ring.writer.Publish());
 }
 
+TEST(ShmRing, ReaderThatWasWokenBeforeTheWriteAndSleepsAgainIsWokenAgain) {
+  RingPair ring;
+  EXPECT_FALSE(ring.writer.ShallWakeReader());
+  EXPECT_TRUE(ring.reader.Sleep());
+  EXPECT_TRUE(ring.writer.ShallWakeReader());
+  EXPECT_FALSE(ring.writer.ShallWakeReader());
+  ring.Write("x");
+  EXPECT_TRUE(ring.reader.Sleep());
+  EXPECT_TRUE(ring.writer.Publish());
+}
+
 TEST(ShmRing, ReaderThatFindsSomethingDoesNotSleep) {
   RingPair ring;
   ring.Write("a");
