@@ -11,7 +11,7 @@ namespace {
 using namespace bench;
 using boost::interprocess::message_queue;
 
-constexpr std::size_t kBytes = 1024 * 1024;  // of a queue, as the rings of the others have
+constexpr std::size_t kBytes = 2 * 1024 * 1024;  // of a queue, as the rings of the others have
 
 // Both processes know the directory of this run; its last part is unique.
 std::string NameOf(const Options& options, const char* which) {

@@ -21,7 +21,7 @@ namespace {
 
 using namespace bench;
 
-constexpr std::size_t kSize = 1024 * 1024;
+constexpr std::size_t kSize = 2 * 1024 * 1024;      // as the rings of zarnutils have
 constexpr std::size_t kStep = 8;                    // messages begin at multiples
 constexpr std::size_t kFlushSize = 16384;           // the reader's flag is looked at so often
 constexpr std::uint64_t kSkip = ~std::uint64_t{0};  // in place of a length: go on at the beginning
