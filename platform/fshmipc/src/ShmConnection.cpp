@@ -210,7 +210,8 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
 }
 
 // Into the ring, as much as there is room for. The first bytes of a turn are shown to the reader at
-// once, what follows when much is together or the turn ends: it costs more than a small message.
+// once. What follows is when much is together or the turn ends: showing costs more than copying a
+// small message.
 std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
   // The reader wakes up while we copy; if it was faster it sleeps again, and Publish wakes it.
   const bool takesLong = chain.GetChainedLength() >= kPublishSize;

@@ -12,8 +12,8 @@ namespace zarn::utils::detail {
 // unconsumed.
 class ReadGate {
  public:
-  // Where a read is a system call it is not shortened for so little of a cut frame that is moved,
-  // or still missing.
+  // Of a cut frame so many bytes may be moved, or still missing, before reads are made shorter for
+  // its sake: many where that means another system call, few where a read only copies.
   static constexpr std::uint32_t kSystemCallRead = 16384;
   static constexpr std::uint32_t kMemoryRead = 64;
 
