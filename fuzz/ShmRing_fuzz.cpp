@@ -37,7 +37,7 @@ std::uint64_t Position(FuzzedDataProvider& input, std::uint64_t now) {
 
 void Scribble(FuzzedDataProvider& input, Shared& shared) {
   fshmipc::RingControl& control = shared.control;
-  switch (input.ConsumeIntegralInRange(0, 5)) {
+  switch (input.ConsumeIntegralInRange(0, 6)) {
     case 0:
       control.head = Position(input, control.head);
       break;
@@ -52,6 +52,9 @@ void Scribble(FuzzedDataProvider& input, Shared& shared) {
       break;
     case 4:
       control.ended = input.ConsumeIntegral<std::uint32_t>();
+      break;
+    case 5:
+      control.writing = input.ConsumeIntegral<std::uint32_t>();
       break;
     default:
       shared.bytes[input.ConsumeIntegralInRange<std::size_t>(0, shared.bytes.size() - 1)] = 'x';
@@ -68,6 +71,7 @@ void WriteSome(FuzzedDataProvider& input, Shared& shared, fshmipc::RingWriter& w
 }
 
 void ReadSome(FuzzedDataProvider& input, Shared& shared, fshmipc::RingReader& reader) {
+  reader.IsWriting();
   const std::size_t available = reader.Available();
   Check(available <= shared.bytes.size());
   Check(available == 0 || !reader.IsBroken());

@@ -8,12 +8,14 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <limits>
 #include <random>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "RawPeer.h"
@@ -116,7 +118,8 @@ TEST(ShmConnection, NonsenseIsFoundByASleepingConnectionWhenItIsWoken) {
 }
 
 TEST(ShmConnection, WriterToNonsenseDisconnects) {
-  for (const std::uint64_t lie : {std::uint64_t{1}, kMost - kLeastShmRing, kMost / 2}) {
+  for (const std::uint64_t lie :
+       {std::uint64_t{kLeastShmRing + 1}, kMost - kLeastShmRing, kMost / 2}) {
     RawPeer peer;
     peer.end.Open();
     peer.In().tail = lie;
@@ -299,6 +302,38 @@ TEST(ShmConnection, FirstBytesOfATurnAreShownAtOnceAndTheOthersWhenItEndsOrMuchI
   EXPECT_EQ(reader.Available(), 4U + 16 * 1024);
 }
 
+TEST(ShmConnection, PeerIsToldWhetherMoreOfALongSendFollows) {
+  RawPeer peer;
+  peer.end.Open();
+  RingReader reader(peer.segment.AcceptorRing());
+  std::atomic<bool> stop = false;
+  std::atomic<bool> saidSo = false;
+  std::thread looker([&] {
+    while (!stop && !saidSo) saidSo = reader.IsWriting();
+  });
+  const std::string message = Pattern(65000);
+  EXPECT_TRUE(Await([&] {
+    peer.end.Send(message);
+    peer.In().tail = peer.In().head.load();
+    return saidSo.load();
+  }));
+  stop = true;
+  looker.join();
+  EXPECT_TRUE(saidSo);
+  EXPECT_FALSE(reader.IsWriting());
+}
+
+TEST(ShmConnection, PeerThatSaysThatMoreFollowsIsNotWaitedForLong) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.Out().writing = 1;
+  peer.Out().head = 16 * 1024;
+  RunReady();
+  EXPECT_EQ(peer.end.sink.received.size(), 16U * 1024);
+  EXPECT_EQ(peer.Out().tail, 16U * 1024);
+  EXPECT_FALSE(peer.end.sink.ended);
+}
+
 TEST(ShmConnection, PeerThatSleepsIsWokenBeforeMuchIsCopied) {
   RawPeer peer;
   peer.end.Open();
@@ -389,7 +424,7 @@ TEST(ShmConnection, ScribblesEndItOrLeaveItWorking) {
     peer.end.sink.onReceive = [&](IAWShmIPCTransport*) { peer.end.sink.received.clear(); };
     for (int step = 0; step < 200 && !peer.end.sink.ended; ++step) {
       const auto value = random() % 40 == 0 ? random() : peer.In().head + random() % 1000 - 500;
-      switch (random() % 7) {
+      switch (random() % 8) {
         case 0:
           peer.Out().head = peer.Out().head + random() % 70000;
           break;
@@ -410,6 +445,9 @@ TEST(ShmConnection, ScribblesEndItOrLeaveItWorking) {
           break;
         case 6:
           peer.In().head = random();
+          break;
+        case 7:
+          peer.Out().writing = static_cast<std::uint32_t>(random() % 2);
           break;
       }
       peer.Wake();

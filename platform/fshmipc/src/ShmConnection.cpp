@@ -29,6 +29,10 @@ namespace {
 // So much is shown to the reader before the turn's end: it can work while we go on.
 constexpr std::size_t kPublishSize = 16 * 1024;
 
+// So often a read looks for the rest of what the peer is copying in: a few microseconds, about as
+// long as the longest message takes.
+constexpr unsigned kLooksForRest = 128;
+
 // The socket is watched edge by edge, so that a wake-up costs no read. Each time that we ask for
 // one a byte may come, needed or not; after so many they are read off, or a full socket would keep
 // out the one that counts.
@@ -136,17 +140,36 @@ bool ShmConnection::ReadOnce() {
   }
   try {
     CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
-    const std::size_t length = std::min(available, readSize_);
-    reader_.Read(block.GetWritePtr(), length);
-    block.AdvanceWritePtr(length);
-    if (reader_.ShallTellRoom(available - length)) WakePeer();
+    const std::size_t unread = CopyOut(available, block);
+    if (reader_.ShallTellRoom(unread)) WakePeer();
     ++counters_.blocksReceived;
-    counters_.bytesReceived += length;
+    counters_.bytesReceived += block.GetLength();
     sink_->OnBytes(block);
   } catch (const std::bad_alloc&) {
     End(ENOMEM);
   }
   return true;
+}
+
+// What is there and fits; how much is left. Behind a long piece we look for the next one, so that
+// the peer copies in while we copy out. It may pretend to for as long as it likes: looks are
+// counted.
+std::size_t ShmConnection::CopyOut(std::size_t available, CAWMessageBlock& block) {
+  const bool more = available >= kPublishSize;
+  for (unsigned looks = 0;; ++looks) {
+    const std::size_t length = std::min(available, readSize_ - block.GetLength());
+    if (length == 0) {
+      __builtin_ia32_pause();
+    } else {
+      reader_.Read(block.GetWritePtr(), length);
+      block.AdvanceWritePtr(length);
+      available -= length;
+    }
+    if (!more || looks == kLooksForRest || block.GetLength() == readSize_) return available;
+    const bool writing = reader_.IsWriting();
+    available = reader_.Available();
+    if (available == 0 && !writing) return 0;
+  }
 }
 
 // The peer is gone, or we have failed: what it has left is delivered, also to an owner who had
@@ -213,19 +236,37 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
 // once. What follows is when much is together or the turn ends: showing costs more than copying a
 // small message.
 std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
-  // The reader wakes up while we copy; if it was faster it sleeps again, and Publish wakes it.
-  const bool takesLong = chain.GetChainedLength() >= kPublishSize;
-  if (takesLong && writer_.ShallWakeReader()) WakePeer();
-  std::size_t written = 0;
-  for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->GetNext()) {
-    const std::size_t taken = writer_.Write(block->GetReadPtr(), block->GetLength());
-    written += taken;
-    if (taken != block->GetLength()) break;
-  }
+  const bool much = chain.GetChainedLength() >= kPublishSize;
+  const std::size_t written = much ? WriteMuch(chain) : CopyIn(chain);
   counters_.bytesSent += written;
   const bool first = written != 0 && !std::exchange(dirty_, true);
   if (first) loop_.AtTurnEnd(*this);
-  if (first || writer_.Unpublished() >= kPublishSize) Publish();
+  if (first && writer_.Unpublished() != 0) Publish();
+  return written;
+}
+
+// The reader works while we copy: it is woken before, and each piece is shown to it.
+std::size_t ShmConnection::WriteMuch(const CAWMessageBlock& chain) {
+  if (writer_.ShallWakeReader()) WakePeer();
+  writer_.SetWriting(true);
+  const std::size_t written = CopyIn(chain);
+  Publish();
+  writer_.SetWriting(false);
+  return written;
+}
+
+std::size_t ShmConnection::CopyIn(const CAWMessageBlock& chain) {
+  std::size_t written = 0;
+  for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->GetNext()) {
+    for (std::size_t at = 0; at < block->GetLength();) {
+      const std::size_t piece = std::min(block->GetLength() - at, kPublishSize);
+      const std::size_t taken = writer_.Write(block->GetReadPtr() + at, piece);
+      if (writer_.Unpublished() >= kPublishSize) Publish();
+      written += taken;
+      at += taken;
+      if (taken != piece) return written;
+    }
+  }
   return written;
 }
 

@@ -56,12 +56,15 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
   void DrainSocket();
 
   bool ReadOnce();
+  std::size_t CopyOut(std::size_t available, keelbase::CAWMessageBlock& block);
   void ReadRest(int failure);
   void StopReading(bool stop);
   bool TellRoom();
   void End(long reason);
 
   std::size_t Write(const keelbase::CAWMessageBlock& chain);
+  std::size_t WriteMuch(const keelbase::CAWMessageBlock& chain);
+  std::size_t CopyIn(const keelbase::CAWMessageBlock& chain);
   void Publish();
   void WakePeer();
   void Failed(int error);

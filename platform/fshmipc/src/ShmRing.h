@@ -19,6 +19,7 @@ namespace fshmipc {
 struct RingControl {
   alignas(128) std::atomic<std::uint64_t> head;          // how much was written; the writer's
   std::atomic<std::uint32_t> ended;                      // 1: nothing follows; the writer's
+  std::atomic<std::uint32_t> writing;                    // 1: more is being copied; the writer's
   alignas(128) std::atomic<std::uint64_t> tail;          // how much was read; the reader's
   alignas(128) std::atomic<std::uint32_t> readerSleeps;  // 1: wake it; set by it, cleared by us
   alignas(128) std::atomic<std::uint32_t> writerWaits;   // 1: for room; set by it, cleared by us
@@ -66,6 +67,11 @@ class RingWriter {
     // Sequentially consistent, as what the reader does before it sleeps: one of us sees the other.
     ring_.control->head.store(head_, std::memory_order_seq_cst);
     return ShallWakeReader();
+  }
+
+  // Before and after much is written: a reader that looks meanwhile waits a moment for the rest.
+  void SetWriting(bool writing) {
+    ring_.control->writing.store(writing ? 1 : 0, std::memory_order_release);
   }
 
   // True: the reader sleeps, and is to be woken.
@@ -151,6 +157,9 @@ class RingReader {
     return false;
   }
   void Awake() { ring_.control->readerSleeps.store(0, std::memory_order_relaxed); }
+
+  // To be asked before Available(): then what was written before the end of it is seen.
+  bool IsWriting() const { return ring_.control->writing.load(std::memory_order_acquire) != 0; }
 
   std::size_t Size() const { return ring_.size; }
   bool HasEnded() const { return ring_.control->ended.load(std::memory_order_acquire) != 0; }
