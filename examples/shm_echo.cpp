@@ -1,10 +1,11 @@
 // shm_echo.cpp - the two ends of a message channel over shared memory, in one program.
 //
-//   ZARN_ROOT=/opt/zarn shm_echo serve 1 2          sends back what comes to 1_2, until its input
-//   ends ZARN_ROOT=/opt/zarn shm_echo ask 1 2 COUNT      so many round trips, one after the other
+//   ZARN_ROOT=/opt/zarn shm_echo serve 1 2        sends back what comes to 1_2
+//   ZARN_ROOT=/opt/zarn shm_echo ask 1 2 COUNT    so many round trips, one after the other
 //
-// The same code as over local IPC but for the names of the classes. The library's own network
-// thread runs the loop here; everything about channels happens on it, hence Call.
+// `serve` goes on until its input ends. The same code as over local IPC but for the names of the
+// classes. The library's own network thread runs the loop here; everything about channels happens
+// on it, hence Call.
 #include <keelbase/CAWThreadManager.h>
 #include <zarn/utils/CShmZARNLibClientChannel.h>
 #include <zarn/utils/CShmZARNLibServerChannel.h>
