@@ -24,8 +24,12 @@ def format_rate(value):
     return f"{value / 1e3:.0f} k/s" if value >= 1e4 else f"{value:.0f}/s"
 
 
+def format_us(value):
+    return f"{value:.1f} us" if value >= 10 else f"{value:.3g} us"
+
+
 RATE = Metric("rate", format_rate, better="more")  # so many a second
-ROUND_TRIP = Metric("p50_us", "{:.1f} us".format)  # median of a run; its "p99_us" is shown too
+ROUND_TRIP = Metric("p50_us", format_us)  # median of a run; its "p99_us" is shown too
 NANOSECONDS = Metric("ns", "{:.1f} ns".format)  # for one call
 SECONDS = Metric("seconds", "{:.3f} s".format)
 REQUEST = Metric("us", "{:.0f} us".format)
@@ -144,7 +148,7 @@ def print_cases(cases):
         for contestant in case.contestants:
             cell = f"{contestant} {case.metric.format(case.median(contestant))}"
             if case.metric is ROUND_TRIP:
-                cell += f" (p99 {case.median(contestant, 'p99_us'):.0f})"
+                cell += f" (p99 {format_us(case.median(contestant, 'p99_us'))})"
             if contestant != case.ours():
                 cell += f" [{case.ratio(contestant):.2f}]"
             cells.append(cell)

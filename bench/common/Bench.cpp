@@ -400,7 +400,7 @@ int RunParent(const Options& options, const Control& control, const Peer& peer,
     RoundTrips trips(options);
     peer.ask(options, control, trips);
     const Measured& measured = trips.GetMeasured();
-    std::printf(", \"p50_us\": %.2f, \"p90_us\": %.2f, \"p99_us\": %.2f, \"p99_9_us\": %.2f",
+    std::printf(", \"p50_us\": %.3f, \"p90_us\": %.3f, \"p99_us\": %.3f, \"p99_9_us\": %.3f",
                 trips.Percentile(0.5), trips.Percentile(0.9), trips.Percentile(0.99),
                 trips.Percentile(0.999));
     std::printf(", \"rate\": %.1f", static_cast<double>(measured.messages) / measured.seconds);
