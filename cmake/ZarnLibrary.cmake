@@ -86,6 +86,9 @@ macro(zarn_add_compiled_library)
   target_compile_options(
     ${arg_NAME}_objects
     PRIVATE $<$<AND:$<CONFIG:RelWithDebInfo>,$<CXX_COMPILER_ID:GNU>>:-g2 -femit-class-debug-always>)
+  # A message passes some dozens of our own functions: calls go straight to them. Nobody can put
+  # another function in place of one of these by defining it in a program.
+  target_compile_options(${arg_NAME}_objects PRIVATE -fno-semantic-interposition -fno-plt)
   target_compile_options(${arg_NAME}_objects PRIVATE ${ZARN_LIBRARY_OPTIONS})
   zarn_set_warnings(${arg_NAME}_objects)
 
@@ -98,6 +101,7 @@ macro(zarn_add_compiled_library)
                VERSION ${PROJECT_VERSION}
                SOVERSION ${PROJECT_VERSION_MAJOR}
                INSTALL_RPATH "$ORIGIN")
+  target_link_options(${arg_NAME} PRIVATE -Wl,-Bsymbolic-functions)
   # The run-time of a sanitizer is found only when the program starts.
   if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
     target_link_options(${arg_NAME} PRIVATE -Wl,--no-undefined)
