@@ -233,7 +233,7 @@ TEST(IPCAcceptor, LiveListenerIsNeitherRobbedNorDisturbed) {
   const ino_t before = Inode(Endpoint(dir));
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(ResultAt(Endpoint(dir)), static_cast<AWResult>(EADDRINUSE));
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(server.sink.count, 0);
   EXPECT_EQ(Inode(Endpoint(dir)), before);
   PlainSocket client = PlainSocket::Stream();
@@ -447,7 +447,7 @@ TEST(IPCAcceptor, MayBeStoppedAndLetGoInsideItsIndication) {
     ASSERT_EQ(one.Connect(Endpoint(dir)), 0);
     ASSERT_EQ(two.Connect(Endpoint(dir)), 0);
     EXPECT_TRUE(Await([&] { return sink.count != 0; }));
-    for (int i = 0; i < 20; ++i) RunReady();
+    Turn();
     EXPECT_EQ(sink.count, 1);
     EXPECT_FALSE(fs::exists(Endpoint(dir)));
   }

@@ -30,7 +30,7 @@ long ReasonOf(const std::string& path) {
   EXPECT_EQ(Connect(*connector, sink, path), AW_OK);
   EXPECT_EQ(sink.count, 0);
   EXPECT_TRUE(Await([&] { return sink.count != 0; }));
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(sink.count, 1);
   if (sink.got.empty()) return -1;
   EXPECT_EQ(sink.got[0].id, connector.Get());
@@ -110,7 +110,7 @@ TEST(IPCConnector, CancelledConnectIsNeverIndicated) {
   EXPECT_EQ(connector->CancelConnect(), AW_OK);
   EXPECT_EQ(connector->CancelConnect(), AW_OK);
   std::this_thread::sleep_for(std::chrono::milliseconds(2));  // more than the pause before a try
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(sink.count, 0);
   EXPECT_EQ(Connect(*connector, sink, dir.GetPath() + "/1_2"), AW_OK);
   EXPECT_TRUE(Await([&] { return sink.count == 1; }));
@@ -149,7 +149,7 @@ TEST(IPCConnector, LettingGoCancels) {
     EXPECT_EQ(sink->count, 0);
     sink.reset();  // an indication would touch it
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    for (int i = 0; i < 20; ++i) RunReady();
+    Turn();
   }
 }
 

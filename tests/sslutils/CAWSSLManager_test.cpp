@@ -49,7 +49,7 @@ class CAWSSLManagerTest : public ::testing::TestWithParam<Below> {
     EXPECT_EQ(connector->AsyncConnect(&client, server.address, 1, name, nullptr), AW_OK);
     EXPECT_TRUE(client.reasons.empty());
     EXPECT_TRUE(
-        AwaitTls([&] { return !client.reasons.empty() && server.sink.reasons.size() > before; }));
+        Await([&] { return !client.reasons.empty() && server.sink.reasons.size() > before; }));
     return client.reasons.empty() ? -1 : client.reasons[0];
   }
   static CAWSSLInfo InfoOf(const CAWAutoPtr<IAWSSLTransport>& transport) {
@@ -177,7 +177,7 @@ TEST(CAWSSLManagerOverTcp, ValueZeroAsksForNoVerification) {
   TlsServerFixture server(other.Issue());
   server.Listen();
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 0, nullptr, nullptr), AW_OK);
-  EXPECT_TRUE(AwaitTls([&] { return !client.reasons.empty(); }));
+  EXPECT_TRUE(Await([&] { return !client.reasons.empty(); }));
   EXPECT_EQ(client.reasons, std::vector<long>{0});
 }
 
@@ -227,7 +227,7 @@ TEST_P(CAWSSLManagerTest, ClientWithoutACertificateIsRefusedWhereOneIsRequired) 
   EXPECT_EQ(server.sink.reasons, std::vector<long>{AW_SSL_ERROR_CERTIFICATE_MISSING});
   TlsTransportSink sink;
   client.transports[0]->OpenWithSink(&sink);
-  EXPECT_TRUE(AwaitTls([&] { return sink.ended; }));
+  EXPECT_TRUE(Await([&] { return sink.ended; }));
   EXPECT_EQ(sink.reason, AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE);
 }
 
@@ -309,7 +309,7 @@ TEST_P(CAWSSLManagerTest, EachBadKeyOrCertificateHasItsReasonOnBothSides) {
     ASSERT_EQ(connecting->AsyncConnect(&sink, CAWInetAddr("127.0.0.1", 1), 1, nullptr, nullptr),
               AW_OK);
     EXPECT_TRUE(sink.reasons.empty());
-    EXPECT_TRUE(AwaitTls([&] { return !sink.reasons.empty(); }));
+    EXPECT_TRUE(Await([&] { return !sink.reasons.empty(); }));
     EXPECT_EQ(sink.reasons, std::vector<long>{bad.reason});
   }
 }
@@ -428,7 +428,7 @@ TEST_P(CAWSSLManagerTest, ConnectThatFindsNobodyIsIndicatedOnceWithItsReason) {
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
   EXPECT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr),
             AW_ERROR_FAILURE);
-  EXPECT_TRUE(AwaitTls([&] { return !client.reasons.empty(); }));
+  EXPECT_TRUE(Await([&] { return !client.reasons.empty(); }));
   EXPECT_EQ(client.reasons, std::vector<long>{ECONNREFUSED});
 }
 
@@ -460,10 +460,10 @@ TEST_P(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
   server.Listen();
   client.keep = false;
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
-  EXPECT_TRUE(AwaitTls([&] { return server.sink.transports.size() == 1; }));
+  EXPECT_TRUE(Await([&] { return server.sink.transports.size() == 1; }));
   TlsTransportSink sink;
   server.sink.transports[0]->OpenWithSink(&sink);
-  EXPECT_TRUE(AwaitTls([&] { return sink.ended; }));
+  EXPECT_TRUE(Await([&] { return sink.ended; }));
   EXPECT_EQ(sink.reason, 0);
 }
 
@@ -503,11 +503,11 @@ TEST_P(CAWSSLManagerAndPlainTcp, ClientThatTalksNonsenseEndsNoOtherConnection) {
   tcp::PlainTcp other;
   other.Connect(server.address);
   other.Send("GET / HTTP/1.1\r\n\r\n");
-  EXPECT_TRUE(AwaitTls([&] { return server.sink.reasons.size() == 2; }));
+  EXPECT_TRUE(Await([&] { return server.sink.reasons.size() == 2; }));
   EXPECT_EQ(server.sink.reasons.back(), AW_SSL_ERROR_HANDSHAKE);
   CAWMessageBlock block("unharmed", 8, CAWMessageBlock::borrow);
   EXPECT_EQ(client.transports[0]->SendData(block, nullptr), AW_OK);
-  EXPECT_TRUE(AwaitTls([&] { return kept.received == "unharmed"; }));
+  EXPECT_TRUE(Await([&] { return kept.received == "unharmed"; }));
   EXPECT_FALSE(kept.ended);
 }
 
@@ -541,7 +541,7 @@ TEST_P(CAWSSLManagerTest, ClientThatSendsAndLeavesAtOnceLosesNothing) {
   TlsTransportSink sink;
   server.sink.onConnected = [&](IAWSSLTransport* transport) { transport->OpenWithSink(&sink); };
   ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, nullptr), AW_OK);
-  EXPECT_TRUE(AwaitTls([&] { return sink.ended; }));
+  EXPECT_TRUE(Await([&] { return sink.ended; }));
   EXPECT_EQ(sink.received.size(), all.size());
   EXPECT_EQ(sink.reason, 0);
 }

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "RealIpc.h"
 #include "fshmipc/CAWShmIPCManager.h"
@@ -26,10 +28,6 @@ class ShmIndicationSink final
     Record(reason, transport, id);
   }
 };
-
-inline void Turn() {
-  for (int i = 0; i < 20; ++i) RunReady();
-}
 
 inline CAWAutoPtr<fshmipc::IAWShmIPCConnector> MakeShmConnector() {
   CAWAutoPtr<fshmipc::IAWShmIPCConnector> out;
@@ -76,52 +74,13 @@ class ShmServer {
   ~ShmServer() {
     if (acceptor) acceptor->StopListen();
   }
-  // The next accepted connection, of which the caller has the only reference.
-  CAWAutoPtr<fshmipc::IAWShmIPCTransport> Accept() {
-    if (!Await([this] { return !sink.got.empty(); })) {
-      ADD_FAILURE() << "nobody came";
-      return {};
-    }
-    auto transport = sink.got.front().transport;
-    sink.got.erase(sink.got.begin());
-    return transport;
-  }
+  CAWAutoPtr<fshmipc::IAWShmIPCTransport> Accept() { return sink.Take(); }
 
   ShmIndicationSink sink;
   CAWAutoPtr<fshmipc::IAWShmIPCAcceptor> acceptor;
 };
 
-// Of one end of a connection: the transport and what it has told.
-struct ShmEnd {
-  CAWAutoPtr<fshmipc::IAWShmIPCTransport> transport;
-  ShmTransportSink sink;
-
-  void Open() { EXPECT_EQ(transport->OpenWithSink(&sink), AW_OK); }
-  AWResult Send(const std::string& text) {
-    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
-    return transport->SendData(block, nullptr);
-  }
-  // Sends until the ring is full; what was taken.
-  std::string Fill() {
-    std::string taken;
-    for (AWResult result = AW_OK; result == AW_OK;) {
-      const std::string text = Pattern(5000, taken.size());
-      CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
-      result = transport->SendData(block, nullptr);
-      taken += text.substr(0, text.size() - block.GetLength());
-    }
-    return taken;
-  }
-  template <class Value>
-  void Set(int code, Value value) {
-    EXPECT_EQ(transport->SetOption(code, &value), AW_OK);
-  }
-  CAWTransportCounters Counters() const {
-    CAWTransportCounters counters;
-    EXPECT_EQ(transport->GetOption(keelbase::AW_OPT_COUNTERS, &counters), AW_OK);
-    return counters;
-  }
-};
+using ShmEnd = TransportEnd<ShmTransportSink>;
 
 inline constexpr std::uint32_t kLeastShmRing = 64 * 1024;
 
@@ -134,8 +93,7 @@ class ShmPair {
     EXPECT_EQ(connector->SetOption(fshmipc::AW_OPT_RING_SIZE, &ringSize), AW_OK);
     EXPECT_EQ(connector->AsyncConnect(&connected, kShmServer, 0, &kShmClient), AW_OK);
     server.transport = server_.Accept();
-    EXPECT_TRUE(Await([&] { return !connected.got.empty(); }));
-    if (!connected.got.empty()) client.transport = connected.got[0].transport;
+    client.transport = connected.Take();
   }
   void Open() {
     client.Open();
@@ -150,6 +108,44 @@ class ShmPair {
  public:
   ShmEnd client;
   ShmEnd server;
+};
+
+// An end of the library's that reads only when it is asked to, for tests of the other end.
+class ShmPeer {
+ public:
+  explicit ShmPeer(std::uint32_t ringSize, bool accepting)
+      : pair_(ringSize), end_(accepting ? pair_.server : pair_.client) {
+    end_.StopReading(true);
+    end_.Open();
+  }
+  CAWAutoPtr<fshmipc::IAWShmIPCTransport> TakeOtherEnd() {
+    return std::move(&end_ == &pair_.client ? pair_.server.transport : pair_.client.transport);
+  }
+
+  // As much as there is room for; how much.
+  std::size_t Send(const std::string& text) {
+    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
+    end_.transport->SendData(block, nullptr);
+    return text.size() - block.GetLength();
+  }
+  // What has come; reads on, in pieces of `limit` bytes. Sets `ended` and `error` at the end.
+  std::string Receive(std::uint32_t limit = 65535) {
+    end_.Set(keelbase::AW_OPT_READ_SIZE, limit);
+    end_.StopReading(false);
+    ended = end_.sink.ended;
+    error = ended ? end_.sink.reason : 0;
+    return std::exchange(end_.sink.received, "");
+  }
+  bool HasEnded() const { return end_.sink.ended; }
+  // Nothing is told to it afterwards.
+  void Close() { EXPECT_EQ(end_.transport->Disconnect(0), AW_OK); }
+
+  bool ended = false;
+  long error = 0;
+
+ private:
+  ShmPair pair_;
+  ShmEnd& end_;
 };
 
 }  // namespace zarn::test

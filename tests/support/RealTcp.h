@@ -1,14 +1,11 @@
 // RealTcp.h - real TCP on loopback for tests: sinks that record, plain peers that know no library.
-// The loop is turned as in RealIpc.h.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <functional>
-#include <string>
-#include <vector>
+#include <cstdint>
 
 #include "RealIpc.h"
 #include "keelbase/CAWInetAddr.h"
@@ -20,58 +17,17 @@ using keelbase::CAWInetAddr;
 using keelbase::CAWTimeValue;
 using wface::IAWTransport;
 
-// Records everything; a hook may do what an owner would do in that place.
-class TransportSink final : public wface::IAWTransportSink {
+using TransportSink =
+    RecordingTransportSink<wface::IAWTransportSink, IAWTransport, wface::CAWTransportParameter>;
+
+class IndicationSink final
+    : public RecordingIndicationSink<wface::IAWAcceptorConnectorSink, IAWTransport,
+                                     wface::IAWAcceptorConnectorId> {
  public:
-  void OnReceive(CAWMessageBlock& data, IAWTransport* transport,
-                 wface::CAWTransportParameter*) override {
-    EXPECT_FALSE(ended);
-    received += data.FlattenChained();
-    ++receives;
-    if (onReceive) onReceive(transport);
-  }
-  void OnSend(IAWTransport* transport, wface::CAWTransportParameter*) override {
-    EXPECT_FALSE(ended);
-    ++sends;
-    if (onSend) onSend(transport);
-  }
-  void OnDisconnect(long why, IAWTransport* transport) override {
-    EXPECT_FALSE(ended);
-    ended = true;
-    reason = why;
-    if (onDisconnect) onDisconnect(transport);
-  }
-
-  std::string received;
-  int receives = 0;
-  int sends = 0;
-  bool ended = false;
-  long reason = -1;
-  std::function<void(IAWTransport*)> onReceive;
-  std::function<void(IAWTransport*)> onSend;
-  std::function<void(IAWTransport*)> onDisconnect;
-};
-
-class IndicationSink final : public wface::IAWAcceptorConnectorSink {
- public:
-  struct Indication {
-    long reason;
-    CAWAutoPtr<IAWTransport> transport;
-    wface::IAWAcceptorConnectorId* id;
-  };
-
   void OnConnectIndication(long reason, IAWTransport* transport,
                            wface::IAWAcceptorConnectorId* id) override {
-    EXPECT_EQ(reason == 0, transport != nullptr);
-    if (onIndication) onIndication(transport);
-    if (keep) got.push_back({reason, transport, id});
-    ++count;
+    Record(reason, transport, id);
   }
-
-  std::vector<Indication> got;
-  int count = 0;
-  bool keep = true;
-  std::function<void(IAWTransport*)> onIndication;
 };
 
 inline CAWAutoPtr<wface::IAWConnector> MakeConnector() {
@@ -145,50 +101,22 @@ class Server {
   ~Server() { acceptor_->StopListen(); }
 
   CAWInetAddr Address() const { return acceptor_->GetLocalAddr(); }
-  CAWAutoPtr<IAWTransport> Accept() {
-    EXPECT_TRUE(Await([this] { return sink.got.size() > taken_; }));
-    return sink.got.size() > taken_ ? sink.got[taken_++].transport : CAWAutoPtr<IAWTransport>();
-  }
+  CAWAutoPtr<IAWTransport> Accept() { return sink.Take(); }
   wface::IAWAcceptor& GetAcceptor() { return *acceptor_; }
 
   IndicationSink sink;
 
  private:
   CAWAutoPtr<wface::IAWAcceptor> acceptor_;
-  std::size_t taken_ = 0;
 };
 
 // A transport of the library and a plain peer at its other end.
-class Connection {
- public:
+struct Connection : EndWithPeer<TransportSink, PlainTcp> {
   Connection() {
     Server server;
     peer.Connect(server.Address());
     transport = server.Accept();
   }
-
-  CAWTransportCounters Counters() const {
-    CAWTransportCounters counters;
-    EXPECT_EQ(transport->GetOption(keelbase::AW_OPT_COUNTERS, &counters), AW_OK);
-    return counters;
-  }
-  AWResult Send(const std::string& text) {
-    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
-    return transport->SendData(block, nullptr);
-  }
-  // Everything up to the end of the connection, turning the loop meanwhile.
-  std::string ReceiveAll() {
-    std::string all;
-    EXPECT_TRUE(Await([&] {
-      all += peer.Receive();
-      return peer.ended;
-    }));
-    return all;
-  }
-
-  PlainTcp peer;
-  TransportSink sink;
-  CAWAutoPtr<IAWTransport> transport;
 };
 
 }  // namespace zarn::test::tcp

@@ -1,36 +1,20 @@
-// RealTls.h - real TLS for tests: sinks that record, and the network thread turned until something
-// has happened.
+// RealTls.h - real TLS for tests: sinks that record, a connector and a listener.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "FakeTransport.h"
-#include "NetworkThread.h"
+#include "RealTransport.h"
 #include "TlsAuthority.h"
 #include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
 
 namespace zarn::test {
-
-// Turns the network thread until `condition` holds; false when that takes more than twenty seconds.
-template <class Condition>
-bool AwaitTls(Condition&& condition) {
-  auto* network =
-      keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    if (!network->TEST_RunReady()) std::this_thread::sleep_for(std::chrono::microseconds(100));
-  }
-  return true;
-}
 
 class TlsTransportSink final : public sslutils::IAWSSLTransportSink {
  public:

@@ -86,7 +86,7 @@ TEST(TcpAcceptor, NothingIsIndicatedAfterTheStop) {
   PlainTcp client;
   client.Connect(server.Address());
   server.GetAcceptor().StopListen();
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(server.sink.count, 0);
 }
 
@@ -102,7 +102,7 @@ TEST(TcpAcceptor, MayBeStoppedAndLetGoInsideItsIndication) {
   std::vector<PlainTcp> clients(3);
   for (auto& client : clients) client.Connect(address);
   EXPECT_TRUE(Await([&] { return sink.count == 1; }));
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(sink.count, 1);
 }
 

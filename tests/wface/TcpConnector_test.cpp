@@ -36,7 +36,7 @@ long ReasonOf(const CAWInetAddr& peer, const CAWInetAddr* local = nullptr) {
   EXPECT_EQ(connector->AsyncConnect(&sink, peer, nullptr, local), AW_OK);
   EXPECT_EQ(sink.count, 0);
   EXPECT_TRUE(Await([&] { return sink.count != 0; }));
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(sink.count, 1);
   if (sink.got.empty()) return -1;
   EXPECT_EQ(sink.got[0].id, connector.Get());
@@ -87,7 +87,7 @@ TEST(TcpConnector, ServerThatAnswersLateIsWaitedFor) {
   const auto connector = MakeConnector();
   IndicationSink sink;
   EXPECT_EQ(Connect(*connector, sink, listener.Address()), AW_OK);
-  for (int i = 0; i < 20; ++i) RunReady();
+  Turn();
   EXPECT_EQ(sink.count, 0);
   listener.AnswerFromNowOn();
   ASSERT_TRUE(Await([&] { return sink.count == 1; }));
@@ -298,7 +298,7 @@ TEST(TcpConnector, LettingGoCancelsOnAnyThread) {
       }
       EXPECT_EQ(sink->count, 0);
       sink.reset();  // an indication would touch it
-      for (int i = 0; i < 20; ++i) RunReady();
+      Turn();
     }
   }
 }
