@@ -7,13 +7,13 @@ ZARN_FAULT_SEED chooses what a short run picks. ZARN_FAULT_ONLY="tcp server send
 import errno
 import os
 import random
-import subprocess
 import threading
 import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
 from certificates import Authority
+from failing_calls import preload
 from programs import InstallRoot, Program
 from proof_scale import proof_count
 
@@ -248,8 +248,7 @@ class SystemCalls(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         directory = os.environ["ZARN_BIN_DIR"]
-        cls.preload = ":".join(sanitizer_runtimes(os.path.join(directory, "exchange_peer")) +
-                               [os.path.join(directory, "failing_calls.so")])
+        cls.preload = preload(os.path.join(directory, "exchange_peer"))
         cls.certificates = InstallRoot()
         cls.addClassCleanup(cls.certificates.remove)
         cls.authority = Authority(cls.certificates.top)
@@ -305,13 +304,6 @@ class SystemCalls(unittest.TestCase):
             return Exchange(self, fault.transport, fault.side, fault).run()
         except Exception as failure:  # told with the fault
             return f"{type(failure).__name__}: {failure}"
-
-
-def sanitizer_runtimes(program):
-    """They must be loaded before anything else that is preloaded."""
-    lines = subprocess.run(["ldd", program], check=True, stdout=subprocess.PIPE, timeout=20,
-                           encoding="utf-8").stdout.splitlines()
-    return [line.split()[2] for line in lines if "libasan" in line]
 
 
 if __name__ == "__main__":

@@ -71,6 +71,27 @@ class Kv(ToolTest):
         self.fails(1, "there is no store: Not a directory", *self.kv, "dump")
         self.fails(1, "Not a directory", *self.kv, "put", "k", "v")
 
+    def test_a_damaged_store_is_told(self):
+        self.run_ok(*self.kv, "put", "k", "v")
+        (self.path / "CURRENT").write_text("MANIFEST-999999\n")
+        for verb in (("get", "k"), ("put", "k", "w"), ("rm", "k"), ("dump",)):
+            self.fails(1, rf"^zarn: '{self.path}': cannot be opened; its file LOG may say why$",
+                       *self.kv, *verb)
+
+    def test_an_output_that_cannot_be_written_is_a_failure_and_the_store_stays_as_it_is(self):
+        self.run_ok(*self.kv, "put", "k", "needle")
+        for verb in (("dump",), ("get", "k"), ("get", "k", "--file", "-")):
+            with open("/dev/full", "w", encoding="ascii") as full:
+                result = subprocess.run([TOOL, *self.kv, *verb], env=self.env, stdout=full,
+                                        stderr=subprocess.PIPE, text=True, check=False)
+            self.assertEqual(result.returncode, 1, verb)
+            self.assertIn("No space left", result.stderr)
+            result = self.run_without(">&-", *self.kv, *verb)
+            self.assertEqual(result.returncode, 1, verb)
+            self.assertIn("Bad file descriptor", result.stderr)
+            self.assertNotIn("needle", (self.path / "LOG").read_text(encoding="utf-8"))
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tneedle\n")
+
     def test_wrong_usage(self):
         for arguments in (("kv",), self.kv, (*self.kv, "get"), (*self.kv, "put", "k"),
                           (*self.kv, "put", "k", "--hex", "xx"), (*self.kv, "get", "0", "--hex-key")):

@@ -14,6 +14,8 @@ import threading
 import unittest
 from pathlib import Path
 
+from failing_calls import failing
+
 TOOL = os.environ.get("ZARN_TOOL") or os.path.join(os.environ.get("ZARN_BIN_DIR", ""), "zarn")
 PATIENCE = 40  # seconds for something that must come
 LONGEST = 65523
@@ -130,6 +132,15 @@ class ToolTest(unittest.TestCase):
         result = self.run_tool(*arguments, "--json", **options)
         self.assertEqual(result.returncode, code, result.stdout + result.stderr)
         return [json.loads(line) for line in result.stdout.splitlines()]
+
+    def failing(self, name, number, error, how="once"):
+        """The environment of a process in which that system call fails."""
+        return dict(self.env, **failing(TOOL, name, number, error, how))
+
+    def run_without(self, stream, *arguments):
+        """Runs with that standard stream closed, as in "2>&-"."""
+        return subprocess.run(["bash", "-c", f'exec "$@" {stream}', "bash", TOOL, *arguments], env=self.env,
+                              timeout=PATIENCE, check=False, capture_output=True, text=True)
 
     def start(self, *arguments, **options):
         running = Running(arguments, self.env, **options)

@@ -1,5 +1,7 @@
 """zarn as a whole: wrong usage, help, and an install root that is not there."""
 
+import errno
+import json
 import os
 import re
 import unittest
@@ -91,6 +93,29 @@ class Root(ToolTest):
         (self.root / "system").write_text("")
         self.assert_root_refused("is not a directory", self.env)
 
+    def test_root_that_is_a_file_is_refused(self):
+        path = self.root / "file"
+        path.write_text("")
+        self.assert_root_refused("cannot be used: Not a directory; correct ZARN_ROOT",
+                                 dict(self.env, ZARN_ROOT=str(path)))
+
+    def test_root_that_has_too_long_a_name_is_refused_although_it_is_found(self):
+        before = os.getcwd()
+        self.addCleanup(os.chdir, before)
+        os.chdir(self.root)
+        for _ in range(20):
+            os.mkdir("d" * 250)
+            os.chdir("d" * 250)
+        os.mkdir("system", 0o700)
+        self.assert_root_refused("'./system' cannot be used: File name too long; correct ZARN_ROOT",
+                                 dict(self.env, ZARN_ROOT="."))
+
+    def test_root_that_vanishes_meanwhile_is_told(self):
+        for arguments in (("serve", "shm://1_2"), ("ping", "shm://1_2")):
+            result = self.run_tool(*arguments, env=self.failing("realpath", 2, errno.ENOENT))
+            self.assertEqual(result.returncode, 1)
+            self.assertRegex(result.stderr, "the system directory of the install root cannot be found\n$")
+
     def test_root_of_200_characters_works(self):
         deep = self.root / ("d" * 90) / ("e" * 90)
         self.use_root(deep)
@@ -104,6 +129,38 @@ class Root(ToolTest):
                          [("1_2", "listening", server.process.pid)])
         self.assertEqual(server.end(), 0)
         self.assertEqual(os.listdir(self.ipc), [])
+
+
+class Shortage(ToolTest):
+    def test_no_descriptors_for_the_loop_is_one_line(self):
+        for arguments in (*map(arguments_of, WITH_URL), ["log", "-f"],
+                          ["rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x"]):
+            result = self.run_tool(*arguments, env=self.failing("epoll_create1", 1, errno.EMFILE))
+            self.assertEqual((result.returncode, result.stdout, result.stderr),
+                             (1, "", "zarn: no event loop: out of memory or descriptors\n"), arguments)
+
+
+class ClosedStreams(ToolTest):
+    """What is opened first gets the number of a stream that is closed: nothing must be read from it or
+    written to it for that."""
+
+    def test_a_closed_output_is_a_failure(self):
+        server = self.serve("--echo")
+        for arguments in (["ls"], ["env"], ["stat"], ["shm", "ls"], ["ping", self.url, "-c", "1"],
+                          ["send", self.url, "--data", "x", "--replies", "1"]):
+            result = self.run_without(">&-", *arguments)
+            self.assertEqual((result.returncode, result.stderr),
+                             (1, "zarn: standard output: Bad file descriptor\n"), arguments)
+        self.assertEqual(server.end(), 0)
+        while (event := json.loads(server.line()))["event"] != "summary":
+            self.assertFalse(event.get("malformed"), event)
+
+    def test_complaints_go_nowhere_when_their_stream_is_closed(self):
+        store = self.root / "store"
+        self.assertEqual(self.run_without("2>&-", "kv", str(store), "put", "k", "v").returncode, 0)
+        result = self.run_without("2>&-", "kv", str(store), "get", "needle")
+        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        self.assertNotIn("needle", (store / "LOG").read_text(encoding="utf-8"))
 
 
 if __name__ == "__main__":

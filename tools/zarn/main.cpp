@@ -1,5 +1,24 @@
 // main.cpp - the program zarn, with which an operator looks at and talks to the endpoints of a
 // machine.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "CommandLine.h"
 
-int main(int argc, char** argv) { return zarn::tool::RunCommandLine(argc, argv); }
+namespace {
+
+// What is opened first would get the number of a standard stream that is closed: a store or a
+// connection would then be given what is printed. The stream stays one that cannot be used.
+bool KeepStandardStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    const int wrongWay = stream == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    if (::fcntl(stream, F_GETFD) < 0 && ::open("/dev/null", wrongWay) != stream) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return KeepStandardStreams() ? zarn::tool::RunCommandLine(argc, argv) : zarn::tool::kFailed;
+}
