@@ -17,6 +17,7 @@ dd if=/dev/zero of=fill bs=4096 2>/dev/null
 "$TOOL" db s.db set k new; echo "$?"
 "$TOOL" db s.db set l new; echo "$?"
 "$TOOL" db s.db ls
+"$TOOL" db s.db export out; echo "$? $(ls out* 2>/dev/null)"
 echo | "$PEER" survive cfg; echo "$?"
 mount -o remount,size=4m "$DISK"
 "$TOOL" db s.db set k new; echo "$?"
@@ -36,7 +37,7 @@ class FullDisk(ToolTest):
         result = subprocess.run(["unshare", "--mount", "bash", "-c", SCRIPT], env=env, check=False,
                                 capture_output=True, text=True, timeout=PATIENCE)
         self.assertEqual(result.stdout.splitlines(), [
-            "1", "1", "1", "k\told", "1",  # no room
+            "1", "1", "1", "k\told", "1 ", "1",  # no room
             "0", "k\tnew", "0", "k\told", "l\tnew", "ready",
             '{"result": 0, "abandoned": false, "whole": true}'], result.stderr)
 

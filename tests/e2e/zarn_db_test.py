@@ -8,6 +8,7 @@ import signal
 import sqlite3
 import subprocess
 import time
+import tty
 import unittest
 
 from zarn_tool import PATIENCE, TOOL, ToolTest
@@ -131,9 +132,42 @@ class Files(Db):
         self.run_ok(*self.db, "set", "k", "v")
         with sqlite3.connect(self.path) as writer:
             writer.execute("BEGIN IMMEDIATE")
-            self.fails(1, "cannot be written: database is locked", *self.db, "set", "k", "w")
+            for verb in (("set", "k", "w"), ("rm", "k")):
+                self.fails(1, "cannot be written: database is locked", *self.db, *verb)
+            self.fails(1, "cannot be written: database is locked\nzarn: 0 rows are stored; run it again",
+                       *self.db, "import", "-", input='{"key":"k","value":"w"}\n')
             self.assertEqual(self.run_ok(*self.db, "get", "k"), "v\n")
         writer.close()
+
+    def test_a_store_that_somebody_reads_all_the_while_is_told(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        self.run_ok(*self.db, "set", "l", "v")
+        reader = sqlite3.connect(self.path)
+        self.addCleanup(reader.close)
+        rows = reader.execute("SELECT * FROM ZARNDATA")
+        rows.fetchone()
+        told = "cannot be written: no room, or somebody else was reading or writing\n"
+        for verb in (("set", "k", "w"), ("rm", "k")):
+            self.fails(1, told + "$", *self.db, *verb)
+        for lines in ('{"key":"k","value":"w"}\n', '{"key":"k","value":"w"}\nno row\n'):
+            result = self.fails(1, told + "zarn: 0 rows are stored; run it again to finish\n$",
+                                *self.db, "import", "-", input=lines)
+            self.assertNotIn("line 2", result.stderr, "it comes to that when it is run again")
+        rows.close()
+        self.assertEqual(self.run_ok(*self.db, "ls"), "k\tv\nl\tv\n")
+
+    def test_a_damaged_store_is_told(self):
+        self.run_ok(*self.db, "import", str(self.make_lines()))
+        with open(self.path, "r+b") as file:
+            half = self.path.stat().st_size // 8192 * 4096
+            file.seek(half)
+            file.write(b"\xff" * (self.path.stat().st_size - half))
+        told = f"^zarn: '{self.path}': database disk image is malformed$"
+        last = f"zarn://key/{ROWS - 1:06}"
+        out = self.root / "out.jsonl"
+        for verb in (("get", last), ("rm", last), ("ls",), ("export",), ("export", str(out))):
+            self.fails(1, told, *self.db, *verb)
+        self.assertEqual(list(self.root.glob("out*")), [])
 
     def test_a_full_output_is_a_failure(self):
         self.run_ok(*self.db, "set", "k", "v")
@@ -178,6 +212,43 @@ class Transfer(Db):
                          [{"event": "summary", "rows": 0, "complete": True}])
         self.assertEqual(self.rows(), {})
         self.fails(1, "No such file", *self.db, "import", str(self.root / "none"))
+
+    def test_an_input_that_ends_in_an_error_is_told_and_what_came_before_is_kept(self):
+        self.fails(1, f"^zarn: '{self.root}': Is a directory\n$", *self.db, "import", str(self.root))
+        result = self.run_without("<&-", *self.db, "import")
+        self.assertEqual((result.returncode, result.stderr), (1, "zarn: '-': Bad file descriptor\n"))
+        leader, follower = pty.openpty()
+        tty.setraw(follower)
+        importing = self.start(*self.db, "import", "--json", stdin=leader)
+        os.close(leader)
+        os.write(follower, b'{"key":"k","value":"v"}\n')
+        os.close(follower)  # which the other end reads as an error
+        self.assertEqual(importing.event("summary"), {"event": "summary", "rows": 1, "complete": False})
+        self.assertEqual(importing.process.wait(PATIENCE), 1)
+        self.assertEqual(importing.errors(), "zarn: '-': Input/output error")
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_what_only_looks_like_utf8_is_exported_as_hex(self):
+        texts = ("f48fbfbf", "ee8080", "ed9fbf", "f0908080", "e0a080", "c280")
+        others = ("f4908080", "eda080", "edbfbf", "f08fbfbf", "e09fbf", "c1bf", "c2", "80", "f5808080")
+        for value in texts + others:
+            self.run_ok(*self.db, "set", value, "--hex", value)
+        for exported in self.run_ok(*self.db, "export").splitlines():
+            row = json.loads(exported)
+            if row["key"] in texts:
+                self.assertEqual(row["value"].encode().hex(), row["key"])
+            else:
+                self.assertEqual(row["value_hex"], row["key"])
+
+    def test_export_to_where_no_file_can_be_is_a_failure_and_leaves_nothing(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        self.fails(1, "none/out.part': No such file", *self.db, "export", str(self.root / "none/out"))
+        place = self.root / "place"
+        place.mkdir()
+        self.fails(1, f"^zarn: '{place}': Is a directory$", *self.db, "export", str(place))
+        self.assertEqual(self.run_events(*self.db, "export", str(place), code=1),
+                         [{"event": "summary", "rows": 1, "complete": False}])
+        self.assertEqual(list(self.root.glob("*.part")), [])
 
     def test_import_interrupted_at_any_moment_and_run_again_ends_with_the_same_content(self):
         lines = self.make_lines()

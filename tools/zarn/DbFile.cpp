@@ -94,7 +94,7 @@ std::string DbFile::ExplainWriteFailure() {
     return handle_ == nullptr ? "it cannot be made" : sqlite3_errmsg(handle_);
   }
   sqlite3_step(Prepare(handle_, "ROLLBACK").get());
-  return "no room, or somebody else was writing";
+  return "no room, or somebody else was reading or writing";
 }
 
 }  // namespace zarn::tool

@@ -77,14 +77,14 @@ class Importer {
     if (!OpenToWrite(path_, db_)) return kFailed;
     int code = kDone;
     while (code == kDone && ReadLine()) code = Take();
-    // What came before a line that is not good, or before an interruption, is kept.
-    if (!Commit() && code != kFailed) code = kFailed;
+    // What came before an interruption is kept.
+    if (code == kDone && !Commit()) code = kFailed;
     progress_.Clear();
     if (code == kDone && IsInterrupted()) {
       Complain("interrupted after {} rows; run it again to finish", rows_);
       code = kFailed;
-    } else if (code == kDone && std::ferror(file_) != 0) {
-      Complain("'{}': {}", Escape(from_), std::strerror(errno));
+    } else if (code == kDone && readError_ != 0) {
+      Complain("'{}': {}", Escape(from_), std::strerror(readError_));
       code = kFailed;
     }
     return code;
@@ -101,6 +101,7 @@ class Importer {
   bool ReadLine() {
     if (IsInterrupted()) return false;
     const ssize_t length = ::getline(&line_, &capacity_, file_);
+    if (length < 0 && std::ferror(file_) != 0) readError_ = errno;
     if (length < 0 || IsInterrupted()) return false;
     lineLength_ = static_cast<std::size_t>(length);
     read_ += static_cast<double>(length);
@@ -114,9 +115,10 @@ class Importer {
     if (line.ends_with('\n')) line.remove_suffix(1);
     if (line.empty()) return kDone;
     if (const std::string problem = ParseRow(*reader_, line, row); !problem.empty()) {
+      if (!Commit()) return kFailed;
       progress_.Clear();
       Complain("'{}', line {}: {}; {} rows before it are stored", Escape(from_), number_, problem,
-               rows_ + batchRows_);
+               rows_);
       return kUsage;
     }
     if (batchRows_ == 0) begun_ = db_.Begin() == 0;
@@ -164,6 +166,7 @@ class Importer {
   char* line_ = nullptr;  // of getline
   std::size_t capacity_ = 0;
   std::size_t lineLength_ = 0;
+  int readError_ = 0;  // errno value
   std::uint64_t number_ = 0;
   std::uint64_t rows_ = 0;  // committed
   std::uint64_t batchRows_ = 0;
