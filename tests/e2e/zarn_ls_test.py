@@ -1,5 +1,7 @@
 """zarn ls and its --clean."""
 
+import errno
+import fcntl
 import getpass
 import os
 import signal
@@ -8,7 +10,7 @@ import subprocess
 import unittest
 from pathlib import Path
 
-from zarn_tool import TOOL, ToolTest
+from zarn_tool import PATIENCE, TOOL, ToolTest
 
 
 class Ls(ToolTest):
@@ -98,6 +100,45 @@ class Ls(ToolTest):
         self.assertIn("was left: it belongs to nobody", result.stderr)
         self.assertTrue(self.ipc.joinpath("1_2").exists())
 
+    def test_an_endpoint_that_cannot_be_asked_is_unknown_and_left(self):
+        self.leave_stale("1_2")
+        env = self.failing("socket", 1, errno.EMFILE, "ever")
+        self.assertEqual(self.run_events("ls", "--clean", env=env)[0]["state"], "unknown")
+        self.assertRegex(self.run_tool("ls", env=env).stdout, r"ipc://1_2 unknown +- ")
+        self.assertTrue(self.ipc.joinpath("1_2").exists())
+
+    def lock(self):
+        """Has the directory for itself, as a server has while it takes an endpoint."""
+        locked = os.open(self.ipc, os.O_RDONLY)
+        self.addCleanup(os.close, locked)
+        fcntl.flock(locked, fcntl.LOCK_EX)
+        return locked
+
+    def test_clean_waits_for_somebody_who_takes_an_endpoint(self):
+        self.leave_stale("1_2")
+        locked = self.lock()
+        clean = self.start("ls", "--clean", "--json")
+        with self.assertRaises(subprocess.TimeoutExpired):
+            clean.process.wait(0.3)
+        self.assertTrue(self.ipc.joinpath("1_2").exists())
+        fcntl.flock(locked, fcntl.LOCK_UN)
+        self.assertEqual(clean.event("endpoint")["state"], "removed")
+        self.assertEqual(clean.process.wait(PATIENCE), 0)
+
+    def test_clean_does_not_wait_for_ever(self):
+        self.leave_stale("1_2")
+        self.lock()
+        result = self.run_tool("ls", "--clean")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, f"zarn: '{self.ipc}': Device or resource busy\n"))
+        self.assertTrue(self.ipc.joinpath("1_2").exists())
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can give files away")
+    def test_a_user_without_a_name_is_a_number(self):
+        self.leave_stale("1_2")
+        os.chown(self.ipc / "1_2", 4000000000, 4000000000)
+        self.assertEqual(self.run_events("ls")[0]["user"], "4000000000")
+
     def test_an_ipc_directory_that_is_a_file_is_a_failure(self):
         self.make_ipc()
         self.ipc.rmdir()
@@ -133,6 +174,7 @@ class Completion(ToolTest):
         self.assertEqual(self.complete("zarn", "log", f"{self.root}/a"), [f"{self.root}/a.log"])
         self.assertEqual(self.complete("zarn", "log", "--level", "W"), ["WARN"])
         self.assertEqual(self.complete("zarn", "log", "--gr"), ["--grep"])
+
     def test_verbs_options_and_names_of_the_stores(self):
         self.assertEqual(self.complete("zarn", "db", "some.db", "ex"), ["export"])
         self.assertEqual(self.complete("zarn", "kv", "store", ""), ["get", "put", "rm", "dump"])

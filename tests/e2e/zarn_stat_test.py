@@ -1,6 +1,9 @@
 """zarn stat: servers that show their metrics, and processes that answer nonsense or not at all."""
 
 import contextlib
+import errno
+import fcntl
+import json
 import os
 import re
 import signal
@@ -145,6 +148,26 @@ class Stat(ToolTest):
         self.assertEqual(lines[2].split(), [str(server.process.pid), "ipc", "1_2", "<-", "-", "2", "34",
                                             "2", "34", "0", "0", "1", "0", "0", "connected"])
 
+    def test_streams_that_are_not_connected_say_why(self):
+        server, _ = self.echo()
+        stream = self.streams()[0] | {"role": "client", "connected": False, "peer": "5_6\x1b"}
+        self.assertEqual(server.end(), 0)
+        self.stat.rmdir()
+        states = {"connecting": {"connects": 0, "connect_failures": 0, "last_reason": 0},
+                  "closed": {"connects": 1, "connect_failures": 0, "last_reason": 0},
+                  "Connection refused": {"connects": 0, "connect_failures": 3,
+                                         "last_reason": errno.ECONNREFUSED}}
+        answers = [{"format": 1, "complete": False, "omitted": 7, "streams": len(states)},
+                   *(stream | state for state in states.values())]
+        wire = "".join(json.dumps(each) + "\n" for each in answers).encode()
+        self.pretend(lambda connection: connection.sendall(wire))
+        result = self.run_tool("stat")
+        lines = result.stdout.splitlines()
+        self.assertEqual((result.returncode, len(lines)), (0, 5), result.stderr)
+        self.assertIn("10 streams, 7 not shown, one of its threads does not answer", lines[1])
+        for line, state in zip(lines[2:], states):
+            self.assertRegex(line, rf"ipc 1_2 -> 5_6\\x1b .* {state}$")
+
     def test_prometheus(self):
         server, _ = self.echo(2)
         text = self.run_tool("stat", "--prometheus").stdout
@@ -275,6 +298,27 @@ class Stat(ToolTest):
         self.assertRegex(result.stderr, "turns us away|does not answer")
         self.assertGreater(len(asked), 1)
 
+    def assert_interrupted(self, answer):
+        asked = threading.Event()
+
+        def tell(connection):
+            asked.set()
+            answer(connection)
+
+        self.pretend(tell)
+        for target in ("all", str(os.getpid())):
+            asked.clear()
+            stat = self.start("stat", target, "--timeout", "0")
+            self.assertTrue(asked.wait(PATIENCE))
+            self.assertEqual(stat.end(), 1)
+            self.assertEqual(stat.errors(), "zarn: interrupted")
+
+    def test_asking_one_who_turns_us_away_can_be_interrupted(self):
+        self.assert_interrupted(lambda connection: None)
+
+    def test_asking_one_who_does_not_answer_can_be_interrupted(self):
+        self.assert_interrupted(lambda connection: connection.recv(1))
+
     def test_one_bad_process_does_not_hide_the_others(self):
         server, _ = self.echo()
         self.stat.rename(self.root / "kept")
@@ -285,6 +329,23 @@ class Stat(ToolTest):
         self.assertIn(f'"pid":{server.process.pid}', result.stdout)
 
     # --- exit codes ---
+
+    def test_a_directory_that_is_none_or_is_in_use_is_a_failure(self):
+        self.stat.parent.mkdir(mode=0o700, parents=True)
+        self.stat.write_text("")
+        result = self.run_tool("stat")
+        self.assertEqual((result.returncode, result.stderr), (1, f"zarn: '{self.stat}': Not a directory\n"))
+        self.stat.unlink()
+        self.stat.mkdir(mode=0o700)
+        with socket.socket(socket.AF_UNIX) as left:
+            left.bind(str(self.stat / "4711"))
+        locked = os.open(self.stat, os.O_RDONLY)
+        self.addCleanup(os.close, locked)
+        fcntl.flock(locked, fcntl.LOCK_EX)
+        result = self.run_tool("stat", "--clean")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, f"zarn: '{self.stat}': Device or resource busy\n"))
+        self.assertEqual(os.listdir(self.stat), ["4711"])
 
     def test_one_who_cannot_be_reached_is_3_and_nonsense_is_2(self):
         for target in ("1", "1_2"):

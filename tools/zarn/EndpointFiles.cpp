@@ -69,7 +69,8 @@ void SortByNumber(std::vector<EndpointFile>& files) {
 int LockDirectory(int directory) {
   constexpr int kAttempts = 200;
   for (int attempt = 0; ::flock(directory, LOCK_EX | LOCK_NB) != 0; ++attempt) {
-    if (errno != EWOULDBLOCK || attempt == kAttempts) return errno;
+    if (errno != EWOULDBLOCK) return errno;
+    if (attempt == kAttempts) return EBUSY;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return 0;

@@ -215,7 +215,10 @@ int RunStat(const StatOptions& options) {
     output.Text("");
     code = ShowOnce(options, output);
   }
-  return pause != 0 && IsInterrupted() ? kDone : code;
+  if (!IsInterrupted() || code == kDone) return code;
+  if (pause != 0) return kDone;
+  Complain("interrupted");
+  return kFailed;
 }
 
 std::string CheckTarget(const std::string& text) {
