@@ -1,6 +1,7 @@
 """zarn bench, with short measurements."""
 
 import contextlib
+import errno
 import os
 import pty
 import re
@@ -78,6 +79,14 @@ class Bench(ToolTest):
         server.end(signal.SIGKILL)
         self.assertEqual(bench.process.wait(), 1)
         self.assertIn("peer gone", bench.errors())
+
+    def test_what_cannot_be_sent_is_a_failure(self):
+        self.needs_plain_sockets()
+        self.serve("--echo")
+        result = self.run_tool("bench", self.url, "--sizes", "65523", *SHORT,
+                               env=self.failing("sendmsg", 1, errno.ENOBUFS))
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, f"zarn: {self.url}: cannot send: No buffer space available\n"))
 
     def test_unreachable(self):
         self.assertEqual(self.run_tool("bench", self.url, "--timeout", "0.2").returncode, 3)

@@ -1,5 +1,6 @@
 """zarn send, to servers of ours and to plain sockets."""
 
+import errno
 import os
 import subprocess
 import unittest
@@ -112,6 +113,31 @@ class Send(ToolTest):
         self.assertEqual(sender.process.wait(), 1)
         self.assertIn("peer gone after 1 messages and 1 answers", sender.errors())
 
+    def test_what_cannot_be_sent_is_a_failure(self):
+        self.needs_plain_sockets()
+        self.serve()
+        path = self.root / "file"
+        path.write_text("x" * LONGEST)
+        for content in (("--file", str(path)), ("-",)):
+            with open(path, "rb") as file:
+                result = self.run_tool("send", self.url, *content, stdin=file,
+                                       env=self.failing("sendmsg", 1, errno.ENOBUFS))
+            self.assertEqual((result.returncode, result.stderr),
+                             (1, f"zarn: {self.url}: cannot send: No buffer space available\n"))
+            self.assertEqual(result.stdout, "messages sent 0 (0 bytes), answers 0\n")
+
+    def test_standard_input_that_cannot_be_read_is_a_failure(self):
+        server = self.serve()
+        directory = os.open(self.root, os.O_RDONLY)
+        self.addCleanup(os.close, directory)
+        result = self.run_tool("send", self.url, "-", stdin=directory)
+        self.assertEqual((result.returncode, result.stderr), (1, "zarn: standard input: Is a directory\n"))
+        result = self.run_without("<&-", "send", self.url, "-")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "zarn: standard input: Bad file descriptor\n"))
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(server.event("summary")["messages"], 0)
+
     def test_sigint_ends_it_with_its_summary(self):
         server = self.serve()
         sender = self.start("send", self.url, "-", "--json", stdin=subprocess.PIPE)
@@ -141,6 +167,12 @@ class Unreachable(ToolTest):
         (self.ipc / "1_2").write_text("mine")
         self.assert_unreachable("in the way: it is not an endpoint file")
         self.assertEqual((self.ipc / "1_2").read_text(), "mine")
+
+    def test_with_a_file_in_place_of_the_directory(self):
+        self.make_ipc()
+        self.ipc.rmdir()
+        self.ipc.write_text("")
+        self.assert_unreachable("'.*/1_2': Not a directory")
 
     def test_a_peer_that_comes_in_time_is_found(self):
         sender = self.start("send", self.url, "--data", "late", "--timeout", "30")

@@ -43,14 +43,18 @@ void ClientCommand::OnDown(long reason) {
     Complain("{}: {}", GetUrl(), lastReason_);
     return Finish(kFailed);
   }
-  if (!wasUp) return;
+  if (!wasUp || loop_.IsFinished()) return;
   lostAt_ = Clock::now();
   Lost(lastReason_);
 }
 
 void ClientCommand::OnMessage(const Message& message) {
   heard_ = true;
-  Received(message);
+  if (!loop_.IsFinished()) Received(message);
+}
+
+void ClientCommand::OnRoom() {
+  if (!loop_.IsFinished()) Room();
 }
 
 void ClientCommand::GiveUp() {

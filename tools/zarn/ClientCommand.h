@@ -41,13 +41,13 @@ class ClientCommand : private ClientSink {
   ClientLink& GetLink() { return *link_; }
   Loop& GetLoop() { return loop_; }
   Output& GetOutput() { return output_; }
-  void Finish(int code) { loop_.Finish(code); }
+  void Finish(int code) { loop_.Finish(code); }  // what the peer does then is not told
 
  private:
   void OnUp() override;
   void OnDown(long reason) override;
   void OnMessage(const Message& message) override;
-  void OnRoom() override { Room(); }
+  void OnRoom() override;
   void GiveUp();
 
   const ClientOptions options_;

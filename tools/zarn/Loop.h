@@ -25,6 +25,7 @@ class Loop {
 
   int Run();              // until Finish, whose code it gives back; at once when that came before
   void Finish(int code);  // on the loop's thread; the first code counts
+  bool IsFinished() const { return code_ >= 0; }
   void Post(std::function<void()> function) { thread_->Post(std::move(function)); }  // any thread
   void SetSpin(std::uint32_t microseconds) { thread_->SetSpin(microseconds); }
 

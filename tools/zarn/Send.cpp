@@ -176,7 +176,7 @@ std::optional<std::string> ReadFile(const std::string& path) {
   std::string content(kLongest + 1, '\0');
   if (file) content.resize(std::fread(content.data(), 1, content.size(), file.get()));
   if (!file || std::ferror(file.get()) != 0) {
-    Complain("'{}': {}", path, std::strerror(errno));
+    Complain("'{}': {}", Escape(path), std::strerror(errno));
     return std::nullopt;
   }
   return content;
@@ -192,7 +192,7 @@ int RunSend(const SendOptions& options, bool hasData, bool hasFile) {
   if (message && message->size() > kLongest) {
     const std::string size = hasFile ? "more" : fmt::format("{}", message->size());
     Complain("{} has {} bytes; a message holds {} at most",
-             hasFile ? "'" + options.file + "'" : "the data", size, kLongest);
+             hasFile ? "'" + Escape(options.file) + "'" : "the data", size, kLongest);
     return kFailed;
   }
   return Send(options, std::move(message)).Run();
