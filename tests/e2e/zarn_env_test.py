@@ -46,6 +46,12 @@ class Env(ToolTest):
         self.ipc.write_text("")
         self.assertEqual(self.directories(1)["ipc"]["detail"], "not a directory")
 
+    @unittest.skipUnless(os.geteuid() == 0, "only root can give directories away")
+    def test_a_directory_of_somebody_else_is_wrong(self):
+        self.make_ipc()
+        os.chown(self.ipc, 65534, 65534)
+        self.assertEqual(self.directories(1)["ipc"]["detail"], "belongs to user 65534")
+
     @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
     def test_not_writable_is_wrong(self):
         self.root.chmod(0o755)

@@ -3,7 +3,9 @@
 import json
 import os
 import pty
+import select
 import subprocess
+import time
 import unittest
 from datetime import datetime, timedelta, timezone
 
@@ -176,6 +178,17 @@ class OtherLines(LogTest):
         self.assertEqual(self.shown(self.path, "--grep", "xx", "--level", "INFO"), line(0, text=text))
 
 
+    def test_a_line_longer_than_16_mib_comes_in_pieces(self):
+        whole = line(0, text="x" * (40 << 20))
+        shown = self.shown(self.write("a.log", whole, line(1)), "--level", "INFO")
+        *pieces, last = shown.splitlines()
+        self.assertEqual(last + "\n", line(1))
+        self.assertGreater(len(pieces), 1)
+        self.assertTrue(all(piece.startswith("? ") for piece in pieces[1:]))
+        self.assertTrue(all(len(piece) > 15 << 20 for piece in pieces[:-1]))
+        self.assertTrue("".join([pieces[0], *(piece[2:] for piece in pieces[1:])]) + "\n" == whole)
+
+
 class Merge(LogTest):
     def test_lines_of_several_files_come_by_their_times_and_bear_names(self):
         self.write("one.log", line(1, text="a"), line(5, text="b"))
@@ -238,6 +251,25 @@ class Places(LogTest):
 
     def test_directory_is_no_file(self):
         self.assertIn("Is a directory", self.complaint(str(self.logs)))
+
+    def test_file_that_cannot_be_read_fails_and_the_others_are_shown(self):
+        path = self.write("a.log", line(0))
+        result = self.run_tool("log", "/proc/self/mem", path, "--no-name")  # starts with nothing
+        self.assertEqual((result.returncode, result.stdout), (1, line(0)))
+        self.assertEqual(result.stderr, "zarn: '/proc/self/mem': Input/output error\n")
+
+    def test_output_that_somebody_has_made_non_blocking_is_waited_for(self):
+        path = self.write("a.log", *[line(0)] * 10000)
+        reading, writing = os.pipe()
+        os.set_blocking(writing, False)
+        with subprocess.Popen([TOOL, "log", path], env=self.env, stdout=writing) as process:
+            end = time.monotonic() + PATIENCE
+            while select.select([], [writing], [], 0)[1]:  # until no more goes in
+                self.assertLess(time.monotonic(), end)
+            os.close(writing)
+            with open(reading, encoding="utf-8") as output:
+                self.assertEqual(output.read(), line(0) * 10000)
+            self.assertEqual(process.wait(PATIENCE), 0)
 
     def test_output_that_nobody_reads_ends_it(self):
         path = self.write("a.log", *[line(0)] * 100000)
@@ -317,12 +349,14 @@ class Follow(LogTest):
         self.assert_line(running, line(0))
         self.write("a.log", line(1)[50:], mode="a")
         self.assert_line(running, line(1))
+        self.assertEqual(running.end(), 0)
 
     def test_filters_hold(self):
         path = self.write("a.log", line(0))
         running = self.follow(path, "--grep", "needle", "--level", "ERROR")
         self.write("a.log", line(1, text="needle"), line(2, "ERROR", text="needle"), mode="a")
         self.assert_line(running, line(2, "ERROR", text="needle"))
+        self.assertEqual(running.end(), 0)
 
     def test_file_that_a_restart_cuts_is_read_from_its_start(self):
         path = self.write("a.log", line(0), line(1))
@@ -344,6 +378,7 @@ class Follow(LogTest):
         self.assertEqual(running.event("line")["time"][17:19], "01")
         self.assertEqual(running.event("restart")["log"], path)
         self.assertEqual(running.event("line")["time"][17:19], "02")
+        self.assertEqual(running.end(), 0)
 
     def test_file_that_is_replaced_is_read_from_its_start(self):
         path = self.write("a.log", line(0), line(1))
@@ -352,6 +387,7 @@ class Follow(LogTest):
         os.rename(self.write("new", line(0), line(1), line(2)), path)
         for second in (0, 1, 2):
             self.assert_line(running, line(second))
+        self.assertEqual(running.end(), 0)
 
     def test_file_that_comes_later_is_waited_for(self):
         running = self.follow(str(self.logs / "later.log"))
@@ -366,6 +402,7 @@ class Follow(LogTest):
         self.assertEqual(running.event("line")["text"], "first")
         self.write("b.log", line(0, text="second"))
         self.assertEqual(running.event("line")["text"], "second")
+        self.assertEqual(running.end(), 0)
 
     def test_ends_when_nobody_reads_it(self):
         path = self.write("a.log", line(0))

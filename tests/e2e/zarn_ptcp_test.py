@@ -1,12 +1,16 @@
 """zarn over ptcp://: what it exchanges, and how it notices that its peer is gone. TLS over it is in
 zarn_tls_test.py."""
 
+import json
+import os
 import signal
 import socket
+import struct
+import subprocess
 import time
 import unittest
 
-from zarn_tool import LONGEST, PATIENCE, ToolTest
+from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame
 
 
 class PtcpTest(ToolTest):
@@ -75,6 +79,30 @@ class Exchange(PtcpTest):
     def test_a_name_stands_for_its_address(self):
         self.serve("--echo")
         self.run_events("ping", f"ptcp://localhost:{self.address[1]}", "-c", "1")
+
+
+class MalformedFrames(PtcpTest):
+    def test_one_ends_that_connection_only(self):
+        server = self.serve("--echo")
+        peer = subprocess.Popen([os.path.join(os.path.dirname(TOOL), "ptcp_peer"), "127.0.0.1",
+                                 str(self.address[1])], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                text=True, bufsize=1)
+        self.addCleanup(peer.communicate, timeout=PATIENCE)
+        self.assertEqual(json.loads(peer.stdout.readline())["event"], "connected")
+        good, malformed = frame(1, 1, b"good"), struct.pack(">HHII", 1, 20, 2, 4) + bytes(8)
+        peer.stdin.write(f"send {(good + malformed + good).hex()}\n")
+        self.assertEqual(server.event("message")["text"], "good")
+        gone = server.event("gone")
+        self.assertEqual((gone["messages"], gone["malformed"], gone["bytes"]), (1, True, 52))
+        self.assertRegex(server.line_with("malformed", "stderr"),
+                         r"^zarn: 127\.0\.0\.1:\d+: malformed frame, pdulen=20, datasize=4: "
+                         "the connection is ended$")
+        while (event := json.loads(peer.stdout.readline()))["event"] != "ended":
+            self.assertEqual(event["event"], "received")
+        self.assertEqual(event["reason"], 0)
+        self.run_events("ping", self.url, "-c", "1")
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(server.event("summary")["messages"], 2)
 
 
 class Unreachable(PtcpTest):

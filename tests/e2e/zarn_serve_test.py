@@ -1,5 +1,6 @@
 """zarn serve, with clients of ours and plain sockets as clients."""
 
+import fcntl
 import os
 import shutil
 import signal
@@ -123,6 +124,17 @@ class Serve(ToolTest):
         self.assertEqual(server.end(), 0)
         self.assertEqual(server.event("summary")["dropped"], 1)
 
+    def test_a_client_that_sends_much_at_once_is_dropped_when_nothing_may_wait(self):
+        server = self.serve("--echo", "--max-queue", "0")
+        bench = self.run_tool("bench", self.url, "--sizes", "65523,65523,65523", "--seconds", "0.3")
+        self.assertEqual(bench.returncode, 1)
+        self.assertRegex(bench.stderr, rf"^zarn: {self.url}: (peer gone|cannot send): .*\n$")
+        self.assertGreater(server.event("dropped")["waiting"], 0)
+        server.event("gone")
+        self.run_events("ping", self.url, "-c", "1")
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(server.event("summary")["dropped"], 1)
+
     def test_hundred_clients_at_once(self):
         server = self.serve("--echo")
         clients = [self.connect() for _ in range(100)]
@@ -145,6 +157,18 @@ class Listening(ToolTest):
         self.assert_refused(rf"{self.url}: cannot listen: .*in use by process {server.process.pid} ")
         self.assertEqual(server.end(), 0)
 
+    def test_a_served_endpoint_is_refused_when_the_directory_is_free_again(self):
+        server = self.serve()
+        locked = os.open(self.ipc, os.O_RDONLY)
+        self.addCleanup(os.close, locked)
+        fcntl.flock(locked, fcntl.LOCK_EX)
+        second = self.start("serve", self.url)
+        second.line_with("listening at")  # or will be
+        fcntl.flock(locked, fcntl.LOCK_UN)
+        self.assertEqual(second.process.wait(PATIENCE), 1)
+        self.assertRegex(second.errors(), rf"^zarn: {self.url}: cannot listen: .*in use by process "
+                                          rf"{server.process.pid} \(zarn\)$")
+
     def test_a_stale_file_is_replaced(self):
         self.leave_stale("1_2")
         self.assertEqual(self.serve().end(), 0)
@@ -158,6 +182,12 @@ class Listening(ToolTest):
         (self.ipc / "1_2").mkdir()
         self.assert_refused("is in the way")
         self.assertTrue((self.ipc / "1_2").is_dir())
+
+    def test_a_file_in_place_of_the_directory_is_told(self):
+        self.make_ipc()
+        self.ipc.rmdir()
+        self.ipc.write_text("")
+        self.assert_refused(rf"{self.url}: cannot listen: '{self.ipc}/1_2': Not a directory")
 
     def test_a_directory_that_others_may_write_to_is_refused(self):
         self.make_ipc()

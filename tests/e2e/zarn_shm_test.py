@@ -75,6 +75,17 @@ class Shm(ToolTest):
         (self.directory / "zarn_shm_cfg").mkdir(parents=True)
         self.fails(1, "not a regular file", "shm", "rm", "cfg")
 
+    def test_a_name_that_no_file_can_have_is_told(self):
+        self.directory.mkdir(parents=True)
+        for verb in ("info", "rm"):
+            self.fails(1, "x': File name too long$", "shm", verb, "x" * 300)
+
+    def test_a_file_in_place_of_the_directory_is_told(self):
+        self.directory.parent.mkdir(parents=True)
+        self.directory.write_text("")
+        self.fails(1, f"^zarn: '{self.directory}': Not a directory$", "shm", "ls")
+        self.fails(1, "^zarn: 'cfg': Not a directory$", "shm", "info", "cfg")
+
     def test_wrong_usage_and_no_root(self):
         for arguments in (("shm",), ("shm", "rm"), ("shm", "nonsense"), ("shm", "ls", "x")):
             self.assertEqual(self.run_tool(*arguments).returncode, 2, arguments)

@@ -77,6 +77,7 @@ class Exchange(TcpTest):
         self.run_tool("send", self.url, "--data", "x")
         self.assertRegex(server.line(), r"^127\.0\.0\.1:\d+#1 connected$")
         self.assertRegex(server.line(), r'^127\.0\.0\.1:\d+#1 type=0 tag=0 size=1 "x"$')
+        self.assertEqual(server.end(), 0)
 
     def test_lines_longer_than_the_system_buffers_all_arrive(self):
         server = self.serve()

@@ -11,6 +11,7 @@
 
 #include "Endpoint.h"
 #include "keelbase/CAWError.h"
+#include "keelbase/CAWTransport.h"
 
 namespace zarn::tool {
 
@@ -43,7 +44,7 @@ class ClientLink {
   virtual std::string Start() = 0;
   virtual keelbase::AWResult Send(const Message& message) = 0;
   virtual std::size_t GetQueueLength() = 0;            // bytes that the system has not taken yet
-  virtual void Close() = 0;                            // for good, also inside a callback
+  virtual void Close() = 0;                            // for good; not inside OnMessage
   virtual std::string Explain(long reason) const = 0;  // why there is no connection, in one line
   virtual bool IsFinal(long /*reason*/) const { return false; }  // trying again will not help
 };
@@ -53,8 +54,8 @@ class ClientLink {
 class ServerPeer {
  public:
   virtual const std::string& GetName() const = 0;  // printable, unique while the program runs
-  virtual std::int32_t GetProcess() const = 0;     // 0: not known, and the user is not either
-  virtual std::uint32_t GetUser() const = 0;
+  // As the kernel tells them; process 0: they are not known.
+  virtual keelbase::CAWPeerCredentials GetCredentials() const { return {}; }
   virtual std::string GetSubject() const { return {}; }  // of its certificate, which was checked
   virtual std::uint64_t GetMalformed() const = 0;
   virtual std::uint64_t GetMessages() const = 0;  // received, as are the bytes, headers included

@@ -44,7 +44,7 @@ class LocalClientChannel final : public Over::Client {
   explicit LocalClientChannel(ClientSink& sink) : sink_(sink) {}
 
   void CloseForGood() {
-    closing_ = true;  // inside OnZARNMessage a Close is otherwise followed by a reconnect
+    closing_ = true;  // Close does not end attempts that are going on
     this->Close(0);
   }
   std::size_t GetWaiting() const { return this->GetSendQueueLength() + this->GetTransportQueue(); }
@@ -61,9 +61,6 @@ class LocalClientChannel final : public Over::Client {
   }
   void OnConnectFailure(long reason) override {
     if (!closing_) sink_.OnDown(reason);
-  }
-  void OnClose() override {
-    if (!closing_) Base::OnClose();
   }
   void OnTimer(keelbase::CAWTimerWrapperID* timer) override {
     if (!closing_) Base::OnTimer(timer);
@@ -111,6 +108,7 @@ class LocalClient final : public ClientLink {
       return fmt::format("nobody listens there any more, '{}' is stale", path_);
     std::string text = keelbase::DescribeResult(reason);
     if (reason == EACCES) return fmt::format("'{}' belongs to another user: {}", path_, text);
+    if (reason == ENOTDIR) return fmt::format("'{}': {}", path_, text);
     const std::string more = Over::Explain(reason);
     return more.empty() ? text : more;
   }
@@ -137,8 +135,7 @@ class LocalPeerChannel final : public Over::Server, public ServerPeer {
   }
 
   const std::string& GetName() const override { return name_; }
-  std::int32_t GetProcess() const override { return credentials_.processId; }
-  std::uint32_t GetUser() const override { return credentials_.userId; }
+  keelbase::CAWPeerCredentials GetCredentials() const override { return credentials_; }
   std::uint64_t GetMalformed() const override { return this->GetCounters().malformedFrames; }
   std::uint64_t GetMessages() const override { return this->GetCounters().messagesReceived; }
   std::uint64_t GetBytes() const override { return this->GetCounters().bytesReceived; }

@@ -78,18 +78,20 @@ class Serve final : private ServerSink {
 void Serve::OnPeer(ServerPeer& peer) {
   ++clients_;
   if (options_.quiet) return;
-  const bool known = peer.GetProcess() != 0;
+  const keelbase::CAWPeerCredentials credentials = peer.GetCredentials();
+  const bool known = credentials.processId != 0;
   const std::string subject = Escape(peer.GetSubject());
   if (!output_.IsJson() && !known)
     return output_.Text("{} connected{}{}", peer.GetName(), subject.empty() ? "" : ": ", subject);
   if (!output_.IsJson())
-    return output_.Text("{} connected: process {} ({}), user {}", peer.GetName(), peer.GetProcess(),
-                        Escape(GetProgramName(peer.GetProcess())), GetUserName(peer.GetUser()));
+    return output_.Text("{} connected: process {} ({}), user {}", peer.GetName(),
+                        credentials.processId, Escape(GetProgramName(credentials.processId)),
+                        GetUserName(credentials.userId));
   Json::Value object;
   object["event"] = "connected";
   object["peer"] = peer.GetName();
-  object["pid"] = known ? Json::Value(peer.GetProcess()) : Json::Value();
-  object["user"] = known ? Json::Value(GetUserName(peer.GetUser())) : Json::Value();
+  object["pid"] = known ? Json::Value(credentials.processId) : Json::Value();
+  object["user"] = known ? Json::Value(GetUserName(credentials.userId)) : Json::Value();
   if (!subject.empty()) object["certificate"] = subject;
   output_.Object(object);
 }

@@ -179,8 +179,6 @@ class AcceptedSession final : public FramedSession<Over>, public ServerPeer {
       : number_(number), server_(server) {}
 
   const std::string& GetName() const override { return name_; }
-  std::int32_t GetProcess() const override { return 0; }
-  std::uint32_t GetUser() const override { return 0; }
   std::string GetSubject() const override { return Over::GetSubject(*this->GetTransport()); }
   std::uint64_t GetMalformed() const override { return this->GetCounters().malformedFrames; }
   std::uint64_t GetMessages() const override { return this->GetCounters().messagesReceived; }
