@@ -231,8 +231,8 @@ class Transfer(Db):
     def test_what_only_looks_like_utf8_is_exported_as_hex(self):
         texts = ("f48fbfbf", "ee8080", "ed9fbf", "f0908080", "e0a080", "c280")
         others = ("f4908080", "eda080", "edbfbf", "f08fbfbf", "e09fbf", "c1bf", "c2", "80", "f5808080")
-        for value in texts + others:
-            self.run_ok(*self.db, "set", value, "--hex", value)
+        rows = "".join(json.dumps({"key": value, "value_hex": value}) + "\n" for value in texts + others)
+        self.run_ok(*self.db, "import", input=rows)
         for exported in self.run_ok(*self.db, "export").splitlines():
             row = json.loads(exported)
             if row["key"] in texts:
