@@ -11,7 +11,7 @@ import time
 import tty
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest
+from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_hangups
 
 ROWS = 6000
 
@@ -169,6 +169,15 @@ class Files(Db):
             self.fails(1, told, *self.db, *verb)
         self.assertEqual(list(self.root.glob("out*")), [])
 
+    def test_files_for_values_that_cannot_be_used_are_told(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        none = str(self.root / "none/x")
+        for verb in ("set", "get"):
+            self.fails(1, f"^zarn: '{none}': No such file or directory$", *self.db, verb, "k", "--file", none)
+            self.fails(1, f"^zarn: '{self.root}': Is a directory$",
+                       *self.db, verb, "k", "--file", str(self.root))
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
     def test_a_full_output_is_a_failure(self):
         self.run_ok(*self.db, "set", "k", "v")
         for arguments in (("export",), ("ls",), ("get", "k"), ("get", "k", "--file", "-")):
@@ -201,11 +210,43 @@ class Transfer(Db):
         for bad in ("nonsense", "[]", '{"key":"k"}', '{"key":"k","value":1}', '{"key":"","value":"v"}',
                     '{"key":"it\'s","value":"v"}', '{"key":"k","value":"\\u0000"}',
                     '{"key":"k","value":"v","more":1}', '{"key":"k","value_hex":"0"}', "[" * 5000,
-                    '{"key":"k","value":"v"} x'):
+                    '{"key":"k","value":"v"} x', '{"value":"v","more":1}', '{"key":"k","key_hex":"6b"}',
+                    '{"key_hex":"6b","more":1}'):
             lines = '{"key":"first","value":"1"}\n\n' + bad + '\n{"key":"last","value":"2"}\n'
             self.path.unlink(missing_ok=True)
             self.fails(2, "line 3: ", *self.db, "import", "-", input=lines)
             self.assertEqual(self.rows(), {b"first": b"1"}, bad)
+
+    def test_the_last_line_needs_no_end(self):
+        self.run_ok(*self.db, "import", input='{"key":"k","value":"v"}\n{"key":"l","value":"w"}')
+        self.assertEqual(self.rows(), {b"k": b"v", b"l": b"w"})
+
+    def test_large_rows_are_stored_in_several_batches(self):
+        large = "x" * (3 << 20)
+        lines = "".join(json.dumps({"key": f"k{i}", "value": large}) + "\n" for i in range(5))
+        self.fails(2, "line 6: .* 5 rows before it are stored", *self.db, "import", input=lines + "no row\n")
+        self.assertEqual(self.rows(), {f"k{i}".encode(): large.encode() for i in range(5)})
+
+    def test_import_ignores_hangups_when_it_was_started_so(self):
+        importing = self.start(*self.db, "import", stdin=subprocess.PIPE, preexec_fn=ignore_hangups)
+        end = time.monotonic() + PATIENCE
+        while not self.path.exists():  # it has begun
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.005)
+        importing.process.send_signal(signal.SIGHUP)
+        importing.process.stdin.write(b'{"key":"k","value":"v"}\n')
+        importing.process.stdin.close()
+        self.assertEqual(importing.process.wait(PATIENCE), 0)
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_a_reader_that_goes_away_ends_an_export_without_a_word(self):
+        self.run_ok(*self.db, "import", str(self.make_lines()))
+        with subprocess.Popen([TOOL, *self.db, "export"], env=self.env, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
+            process.stdout.readline()
+            process.stdout.close()
+            self.assertEqual(process.stderr.read(), b"")
+            self.assertEqual(process.wait(PATIENCE), 1)
 
     def test_import_of_nothing_makes_an_empty_store(self):
         self.assertEqual(self.run_events(*self.db, "import", "-", input=""),

@@ -71,6 +71,11 @@ class Kv(ToolTest):
         self.fails(1, "there is no store: Not a directory", *self.kv, "dump")
         self.fails(1, "Not a directory", *self.kv, "put", "k", "v")
 
+    def test_a_file_for_a_value_that_cannot_be_read_is_told_and_no_store_is_made(self):
+        self.fails(1, f"^zarn: '{self.root}': Is a directory$", *self.kv, "put", "k", "--file", str(self.root))
+        self.fails(1, "none': No such file", *self.kv, "put", "k", "--file", str(self.root / "none"))
+        self.assertFalse(self.path.exists())
+
     def test_a_damaged_store_is_told(self):
         self.run_ok(*self.kv, "put", "k", "v")
         (self.path / "CURRENT").write_text("MANIFEST-999999\n")
@@ -94,7 +99,8 @@ class Kv(ToolTest):
 
     def test_wrong_usage(self):
         for arguments in (("kv",), self.kv, (*self.kv, "get"), (*self.kv, "put", "k"),
-                          (*self.kv, "put", "k", "--hex", "xx"), (*self.kv, "get", "0", "--hex-key")):
+                          (*self.kv, "put", "k", "--hex", "xx"), (*self.kv, "get", "0", "--hex-key"),
+                          (*self.kv, "put", "0g", "v", "--hex-key"), (*self.kv, "rm", "0", "--hex-key")):
             self.assertEqual(self.run_tool(*arguments).returncode, 2, arguments)
 
 

@@ -18,6 +18,13 @@ class Ping(ToolTest):
         self.assertEqual(times, sorted(times))
         self.assertAlmostEqual(times[-1], max(reply["us"] for reply in replies), delta=0.1)
 
+    def test_quiet_prints_the_summary_only(self):
+        self.serve("--echo")
+        for options in (("-i", "0.01", "-c", "5"), ("-i", "0", "-c", "5")):
+            events = self.run_events("ping", self.url, "--quiet", *options)
+            self.assertEqual([event["event"] for event in events], ["summary"])
+            self.assertEqual(events[0]["received"], 5)
+
     def test_text_looks_like_a_ping(self):
         self.serve("--echo")
         lines = self.run_tool("ping", self.url, "-c", "2", "-i", "0.01").stdout.splitlines()

@@ -57,6 +57,10 @@ class Requests(RestTest):
         result = self.run_tool("rest", server.url(), "--file", self.write("body", body))
         self.assertEqual(result.stdout, "status 200\nTrue\n")
 
+    def test_no_timeout_waits_for_ever(self):
+        server = self.serve(send(answer(b"hi")))
+        self.assertEqual(self.ask(server.url(), "--timeout", "0")["body"], "hi")
+
     def test_names_are_looked_up(self):
         server = self.serve(send(answer(b"hi")))
         self.assertEqual(self.ask(server.url(host="localhost"))["body"], "hi")
@@ -149,6 +153,9 @@ class Usage(RestTest):
             self.assert_fails(server.url(), ".*is not good", "--setting",
                               self.write("setting", setting))
         self.assertEqual(self.rest(server.url(), "--setting", "/nowhere").returncode, 1)
+        result = self.run_tool("rest", server.url(), "--file", "/nowhere")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "zarn: '/nowhere': No such file or directory\n"))
         self.assertEqual(server.requests, [])
 
     def test_interrupt_ends_it(self):

@@ -5,7 +5,7 @@ import os
 import subprocess
 import unittest
 
-from zarn_tool import LONGEST, ToolTest, frame, read_frame
+from zarn_tool import LONGEST, PATIENCE, ToolTest, frame, read_frame
 
 
 class Send(ToolTest):
@@ -66,7 +66,7 @@ class Send(ToolTest):
 
     def test_a_line_that_is_too_long_is_told_and_the_rest_is_sent(self):
         server = self.serve()
-        text = "before\n" + "x" * (LONGEST + 1) + "\nafter"
+        text = "before\n" + "x" * (5 * LONGEST) + "\nafter"
         result = self.run_tool("send", self.url, "-", input=text)
         self.assertEqual(result.returncode, 1)
         self.assertIn("line 2 is longer than 65523 bytes", result.stderr)
@@ -175,9 +175,12 @@ class Unreachable(ToolTest):
         self.assert_unreachable("'.*/1_2': Not a directory")
 
     def test_a_peer_that_comes_in_time_is_found(self):
-        sender = self.start("send", self.url, "--data", "late", "--timeout", "30")
-        self.assertEqual(self.serve().event("message")["text"], "late")
-        self.assertEqual(sender.process.wait(), 0)
+        for timeout in ("30", "0"):  # 0: there is time for ever
+            sender = self.start("send", self.url, "--data", "late", "--timeout", timeout)
+            server = self.serve()
+            self.assertEqual(server.event("message")["text"], "late")
+            self.assertEqual(sender.process.wait(PATIENCE), 0)
+            self.assertEqual(server.end(), 0)
 
 
 class SendOverSharedMemory(Send):

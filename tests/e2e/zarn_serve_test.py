@@ -1,15 +1,18 @@
 """zarn serve, with clients of ours and plain sockets as clients."""
 
+import errno
 import fcntl
 import os
+import select
 import shutil
 import signal
 import socket
 import struct
 import subprocess
+import time
 import unittest
 
-from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, read_frame
+from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_hangups, read_frame
 
 
 class Serve(ToolTest):
@@ -134,6 +137,43 @@ class Serve(ToolTest):
         self.run_events("ping", self.url, "-c", "1")
         self.assertEqual(server.end(), 0)
         self.assertEqual(server.event("summary")["dropped"], 1)
+
+    def test_a_client_that_cannot_be_answered_is_dropped(self):
+        self.needs_plain_sockets()
+        good, self.env = self.env, self.failing("sendmsg", 1, errno.ENOBUFS)
+        server = self.serve("--echo")
+        self.env = good
+        client = self.connect()
+        client.sendall(frame(1, 1, b"x" * LONGEST))
+        self.assertEqual(server.event("dropped")["reason"], "cannot send: No buffer space available")
+        self.assertEqual(client.recv(1), b"")
+        self.run_events("ping", self.url, "-c", "1")
+        self.assertEqual(server.end(), 0)
+
+    def test_a_second_signal_ends_it_even_where_nobody_reads_its_output(self):
+        reading, writing = os.pipe()
+        self.addCleanup(os.close, reading)
+        self.addCleanup(os.close, writing)
+        with subprocess.Popen([TOOL, "serve", self.url, "--full"], env=self.env, stdout=writing) as server:
+            self.addCleanup(server.kill)
+            sender = self.start("send", self.url, "-", stdin=subprocess.PIPE)
+            sender.process.stdin.write((b"x" * 60000 + b"\n") * 3)
+            sender.process.stdin.flush()
+            end = time.monotonic() + PATIENCE
+            while select.select([], [writing], [], 0)[1]:
+                self.assertLess(time.monotonic(), end)
+            server.send_signal(signal.SIGINT)
+            server.send_signal(signal.SIGTERM)
+            self.assertEqual(server.wait(PATIENCE), 128 + signal.SIGTERM)
+
+    def test_hangups_are_ignored_when_it_was_started_so(self):
+        server = self.start("serve", self.url, "--echo", "--json", preexec_fn=ignore_hangups)
+        server.event("listening")
+        server.process.send_signal(signal.SIGHUP)
+        self.run_events("ping", self.url, "-c", "1")
+        self.assertEqual(server.end(signal.SIGTERM), 0)
+        server = self.serve()
+        self.assertEqual(server.end(signal.SIGHUP), 0)
 
     def test_hundred_clients_at_once(self):
         server = self.serve("--echo")

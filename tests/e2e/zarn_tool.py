@@ -41,6 +41,11 @@ def read_frame(connection):
     return type_, tag, read_exactly(connection, size)
 
 
+def ignore_hangups():
+    """For a process to come, as nohup does."""
+    signal.signal(signal.SIGHUP, signal.SIG_IGN)
+
+
 class Running:
     """The program in the background. Its lines come from threads that read all the time."""
 
