@@ -123,8 +123,6 @@ class BlockPeer final : public Over::Stream, public zarn::tool::ServerPeer {
   void Drop() override { this->Disconnect(0); }
 
   const std::string& GetName() const override { return name_; }
-  std::int32_t GetProcess() const override { return 0; }
-  std::uint32_t GetUser() const override { return 0; }
   std::uint64_t GetMalformed() const override { return this->GetCounters().malformedFrames; }
   std::uint64_t GetMessages() const override { return this->GetCounters().messagesReceived; }
   std::uint64_t GetBytes() const override { return this->GetCounters().bytesReceived; }
