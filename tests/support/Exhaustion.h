@@ -2,10 +2,13 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <utility>
 #include <vector>
 
 #include "FailingAllocations.h"
+#include "keelbase/CAWMessageBlock.h"
+#include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/Pool.h"
 
 namespace zarn::test {
@@ -33,6 +36,24 @@ class EmptyPool {
   }
 
   std::vector<std::pair<void*, std::size_t>> pieces_;
+};
+
+// Holds the buffers that a loop has ready for its connections: the next ones have to be made.
+class EmptyBuffers {
+ public:
+  explicit EmptyBuffers(keelbase::internal::EventLoop& loop)
+      : readBlock_(loop.Buffers().TakeReadBlock().DuplicateChained()) {
+    gathers_.reserve(kMost);
+    for (std::size_t fresh = 0; fresh == 0 && gathers_.size() < kMost;)
+      fresh = AllocationsOf([&] { gathers_.push_back(loop.Buffers().TakeGather()); });
+  }
+
+ private:
+  static constexpr std::size_t kMost = 64;
+  using Gather = keelbase::internal::BufferPool::GatherBuffer;
+
+  const std::unique_ptr<keelbase::CAWMessageBlock> readBlock_;  // who shares it keeps it in use
+  std::vector<std::unique_ptr<Gather>> gathers_;
 };
 
 // No memory for this thread as long as it lives, nor what earlier tests have left in the pool.

@@ -319,7 +319,9 @@ void TlsStream::ReadLower(bool read) {
 
 // --- sending ---
 
+// What comes behind bytes that are lost is not written: the peer must see that they are missing.
 std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
+  if (writeError_ != 0) return 0;
   CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
   AWResult result = AW_ERROR_PARTIAL_DATA;
   if (rest_ == nullptr && !lowerEnded_) result = lower_->Send(block);
@@ -460,7 +462,7 @@ void TlsStream::Disconnect() {
   if (!established || writeError_ != 0) return CloseNow();
   try {
     WriteLast();
-    if (peerEnded_ || lowerEnded_ || lingerMs_ == 0) return CloseNow();
+    if (writeError_ != 0 || peerEnded_ || lowerEnded_ || lingerMs_ == 0) return CloseNow();
     timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
     timer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] {
       const CAWAutoPtr<TlsStream> last(this);
