@@ -232,7 +232,7 @@ class TransfersAllocations : public ::testing::Test {
   }
 
   Over over;
-  const Numbered bytes;
+  const Numbered bytes{};
   CAWAutoPtr<typename Over::Acceptor> acceptor;
   CAWAutoPtr<typename Over::Connector> connector;
   std::unique_ptr<Sender<Over>> client;

@@ -51,6 +51,7 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
   if (const int error = address.Resolve(path); error != 0) return error;
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
+  std::string file = path.directory + "/" + path.name;
   FileDescriptor directory;
   if (const int error = LockDirectory(path.directory, directory); error != 0) return error;
   if (const int error = RemoveStale(directory.Get(), path.name, address); error != 0) return error;
@@ -58,17 +59,15 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
   if (::fchmod(socket.Get(), S_IRUSR | S_IWUSR) != 0) return errno;
   if (::bind(socket.Get(), address.Get(), address.Size()) != 0) return errno;
   struct stat status {};
-  if (::fstatat(directory.Get(), path.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-    return errno;
-  path_ = path.directory + "/" + path.name;
-  device_ = status.st_dev;
-  inode_ = status.st_ino;
-  if (::listen(socket.Get(), SOMAXCONN) != 0) {
+  if (::fstatat(directory.Get(), path.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+      ::listen(socket.Get(), SOMAXCONN) != 0) {
     const int error = errno;
     ::unlinkat(directory.Get(), path.name.c_str(), 0);
-    path_.clear();
     return error;
   }
+  path_ = std::move(file);
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
   listening = std::move(socket);
   return 0;
 }

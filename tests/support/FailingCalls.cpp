@@ -1,0 +1,106 @@
+// FailingCalls.cpp - see FailingCalls.h.
+#include "FailingCalls.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+namespace {
+
+thread_local const char* failing = "";
+thread_local int failure = 0;
+thread_local int toPass = 0;
+thread_local int left = 0;
+thread_local int failed = 0;
+
+bool Fails(const char* name) {
+  if (left == 0 || std::strcmp(failing, name) != 0) return false;
+  if (toPass > 0) {
+    --toPass;
+    return false;
+  }
+  --left;
+  ++failed;
+  errno = failure;
+  return true;
+}
+
+template <class... Arguments>
+long Call(const char* name, long number, Arguments... arguments) {
+  if (Fails(name)) return -1;
+  return ::syscall(number, arguments...);
+}
+
+}  // namespace
+
+namespace zarn::test {
+
+FailingCalls::FailingCalls(const char* name, int error, int count, int passing) {
+  failing = name;
+  failure = error;
+  toPass = passing;
+  left = count;
+  failed = 0;
+}
+FailingCalls::~FailingCalls() { left = 0; }
+int FailingCalls::GetFailed() const { return failed; }
+
+}  // namespace zarn::test
+
+extern "C" {
+
+ssize_t sendmsg(int socket, const msghdr* message, int flags) {
+  return Call("sendmsg", SYS_sendmsg, socket, message, flags);
+}
+ssize_t recvmsg(int socket, msghdr* message, int flags) {
+  return Call("recvmsg", SYS_recvmsg, socket, message, flags);
+}
+ssize_t send(int socket, const void* bytes, std::size_t length, int flags) {
+  return Call("send", SYS_sendto, socket, bytes, length, flags, nullptr, 0);
+}
+int listen(int socket, int backlog) noexcept {
+  return static_cast<int>(Call("listen", SYS_listen, socket, backlog));
+}
+int getsockname(int socket, sockaddr* address, socklen_t* size) noexcept {
+  return static_cast<int>(Call("getsockname", SYS_getsockname, socket, address, size));
+}
+int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
+  return static_cast<int>(Call("epoll_ctl", SYS_epoll_ctl, epoll, operation, fd, event));
+}
+int epoll_pwait2(int epoll, epoll_event* events, int size, const timespec* limit,
+                 const sigset_t* signals) {
+  return static_cast<int>(Call("epoll_pwait2", SYS_epoll_pwait2, epoll, events, size, limit,
+                               signals, std::size_t{_NSIG / 8}));
+}
+int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
+  return static_cast<int>(Call("fstatat", SYS_newfstatat, directory, path, status, flags));
+}
+int lstat(const char* path, struct stat* status) noexcept {
+  return static_cast<int>(Call("lstat", SYS_lstat, path, status));
+}
+int flock(int file, int operation) noexcept {
+  return static_cast<int>(Call("flock", SYS_flock, file, operation));
+}
+int ftruncate(int file, off_t length) noexcept {
+  return static_cast<int>(Call("ftruncate", SYS_ftruncate, file, length));
+}
+ssize_t getrandom(void* bytes, std::size_t length, unsigned flags) {
+  return Call("getrandom", SYS_getrandom, bytes, length, flags);
+}
+void* mmap(void* address, std::size_t length, int protection, int flags, int file,
+           off_t offset) noexcept {
+  return reinterpret_cast<void*>(
+      Call("mmap", SYS_mmap, address, length, protection, flags, file, offset));
+}
+
+}  // extern "C"
