@@ -44,20 +44,20 @@ TEST(LoopAllocations, ACallFromAnotherThreadNeedsNone) {
   serving.join();
 }
 
-class Interface {
+class CountedInterface {
  public:
   virtual std::uint32_t AddReference() = 0;
   virtual std::uint32_t ReleaseReference() = 0;
 
  protected:
-  virtual ~Interface() = default;
+  virtual ~CountedInterface() = default;
 };
 
-class Object final : public LoopObject<Interface> {
+class LetGo final : public LoopObject<CountedInterface> {
  public:
-  Object(EventLoop& loop, std::thread::id& destroyedOn)
+  LetGo(EventLoop& loop, std::thread::id& destroyedOn)
       : LoopObject(loop), destroyedOn_(destroyedOn) {}
-  ~Object() override { destroyedOn_ = std::this_thread::get_id(); }
+  ~LetGo() override { destroyedOn_ = std::this_thread::get_id(); }
 
  private:
   std::thread::id& destroyedOn_;
@@ -66,7 +66,7 @@ class Object final : public LoopObject<Interface> {
 TEST(LoopAllocations, AnObjectThatAnotherThreadLetsGoIsDestroyedOnItsOwn) {
   WithLoop([](EventLoop& loop) {
     std::thread::id destroyedOn;
-    CAWAutoPtr<Object> object(new Object(loop, destroyedOn));
+    CAWAutoPtr<LetGo> object(new LetGo(loop, destroyedOn));
     std::thread([&] {
       const FailingAllocation none(1, kAllLater);
       object = nullptr;

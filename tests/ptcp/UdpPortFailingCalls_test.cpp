@@ -1,0 +1,289 @@
+// UdpPortFailingCalls_test.cpp - the port of many connections when the system takes nothing more,
+// cannot cut a batch up or gives nothing, and when there is no memory. A plain socket is the peer.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Exhaustion.h"
+#include "FailingCalls.h"
+#include "LonePackets.h"
+#include "LoopThread.h"
+#include "TraceLines.h"
+#include "UdpPort.h"
+#include "keelbase/CAWSocketUdp.h"
+#include "keelbase/internal/ManualClock.h"
+
+namespace ptcp::test {
+namespace {
+
+using keelbase::CAWAutoPtr;
+using keelbase::CAWInetAddr;
+using keelbase::internal::EventLoop;
+using zarn::test::FailingCalls;
+
+Bytes AsBytes(const std::string& text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+}
+
+class User final : public PortUser {
+ public:
+  const Path& GetPath() const override { return path; }
+  void OnDatagram(Bytes datagram, Time) override {
+    got.emplace_back(datagram.begin(), datagram.end());
+  }
+  void OnBatchEnd() override { ++batches; }
+  bool MayHaveSent(Bytes) const override { return true; }
+  void OnPortError(int error) override { lastError = error; }
+  void OnPortFree() override { ++frees; }
+  Time LingerDue() const override { return kNever; }
+  void OnLinger() override {}
+
+  Path path;
+  std::vector<std::string> got;
+  int lastError = 0;
+  int batches = 0;
+  int frees = 0;
+};
+
+// A port, a peer of it, and a user that has a connection between them.
+struct Exchange {
+  explicit Exchange(EventLoop& on) : loop(on), port(new UdpPort(on)) {
+    EXPECT_EQ(peer.Open(local), keelbase::AW_OK);
+    EXPECT_EQ(peer.GetLocalAddr(user.path.peer), keelbase::AW_OK);
+    EXPECT_EQ(port->Open(&local, nullptr), 0);
+    const std::string name = Packet("");
+    const auto id = DestinationOf(AsBytes(name));
+    EXPECT_TRUE(id && port->AddId(*id, user));
+  }
+  ~Exchange() { port->Remove(user); }
+
+  static std::string Packet(const std::string& text) {
+    return std::string(1, '\x43') + std::string(24, 'i') + text;
+  }
+  void Send(const std::string& text) { port->Send(user.path, AsBytes(text)); }
+  void Come(const std::string& text) {
+    const CAWInetAddr& to = port->GetLocalAddr();
+    const std::string packet = Packet(text);
+    EXPECT_EQ(
+        ::sendto(peer.GetHandle(), packet.data(), packet.size(), 0, to.GetPtr(), to.GetSize()),
+        static_cast<ssize_t>(packet.size()));
+  }
+  // What has arrived at the peer.
+  std::vector<std::string> Arrived() const {
+    std::vector<std::string> all;
+    std::array<char, 2000> room;
+    for (;;) {
+      const ssize_t count = ::recv(peer.GetHandle(), room.data(), room.size(), MSG_DONTWAIT);
+      if (count < 0) return all;
+      all.emplace_back(room.data(), static_cast<std::size_t>(count));
+    }
+  }
+
+  const CAWInetAddr local{"127.0.0.1", 0};
+  EventLoop& loop;
+  CAWAutoPtr<UdpPort> port;
+  keelbase::CAWSocketUdp peer;
+  User user;
+};
+
+using Texts = std::vector<std::string>;
+
+// --- the system takes nothing more ---
+
+TEST(UdpPortFailingCalls, WhatFindsNoRoomIsSentWhenThereIsAndWhoWaitsIsTold) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    User gone;
+    {
+      const FailingCalls full("sendmsg", EAGAIN);
+      exchange.Send("first");
+      exchange.port->FlushBatch();
+    }
+    EXPECT_TRUE(exchange.port->IsBlocked());
+    exchange.port->WaitUntilFree(exchange.user);
+    exchange.port->WaitUntilFree(gone);
+    exchange.port->Remove(gone);
+    exchange.Send("next!");                           // of the same length: there is room for it
+    exchange.Send("longer than those in the batch");  // there is not
+    EXPECT_EQ(exchange.user.frees, 0);
+    EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return exchange.user.frees != 0; }));
+    EXPECT_FALSE(exchange.port->IsBlocked());
+    EXPECT_EQ(exchange.user.frees, 1);
+    EXPECT_EQ(gone.frees, 0);
+    EXPECT_EQ(exchange.Arrived(), (Texts{"first", "next!"}));
+  });
+}
+
+TEST(UdpPortFailingCalls, AShortMomentOfRoomIsNone) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    const FailingCalls full("sendmsg", EAGAIN, 3);
+    exchange.Send("text");
+    exchange.port->FlushBatch();
+    exchange.port->WaitUntilFree(exchange.user);
+    EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return exchange.user.frees != 0; }));
+    EXPECT_EQ(full.GetFailed(), 3);
+    EXPECT_EQ(exchange.user.frees, 1);
+    EXPECT_EQ(exchange.Arrived(), Texts{"text"});
+  });
+}
+
+TEST(UdpPortFailingCalls, WithoutAWordOfRoomTheBatchIsLostAndTheNextOneIsSent) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    const FailingCalls failing("sendmsg", ENOBUFS, 1);
+    exchange.Send("lost");
+    exchange.port->FlushBatch();
+    EXPECT_FALSE(exchange.port->IsBlocked());
+    exchange.Send("next");
+    exchange.port->FlushBatch();
+    EXPECT_EQ(exchange.Arrived(), Texts{"next"});
+  });
+}
+
+// --- batches ---
+
+TEST(UdpPortFailingCalls, APathThatCutsNoBatchesUpGetsPacketsFromThenOn) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    for (const int error : {EIO, EINVAL, EOPNOTSUPP}) {
+      Exchange exchange(loop);
+      const FailingCalls failing("sendmsg", error, 1);
+      const Texts texts{"one", "two", "3"};
+      for (const std::string& text : texts) exchange.Send(text);
+      exchange.port->FlushBatch();
+      EXPECT_EQ(exchange.Arrived(), texts);
+      EXPECT_EQ(exchange.port->Writes(), 4U);
+      for (const std::string& text : texts) exchange.Send(text);
+      exchange.port->FlushBatch();
+      EXPECT_EQ(exchange.Arrived(), texts);
+      EXPECT_EQ(exchange.port->Writes(), 7U);
+    }
+  });
+}
+
+TEST(UdpPortFailingCalls, PacketsBehindOneThatFindsNoRoomAreNotTried) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    {
+      const FailingCalls failing("sendmsg", EIO, 1);
+      for (const char* text : {"a", "b"}) exchange.Send(text);
+      exchange.port->FlushBatch();
+    }
+    exchange.Arrived();
+    const FailingCalls full("sendmsg", ENOBUFS, 1, 1);
+    for (const char* text : {"c", "d", "e"}) exchange.Send(text);
+    exchange.port->FlushBatch();
+    EXPECT_EQ(exchange.Arrived(), Texts{"c"});
+  });
+}
+
+// --- reading ---
+
+TEST(UdpPortFailingCalls, ReadingThatFailsTimeAndAgainRestsForAWhile) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    const zarn::test::TraceLines trace;
+    keelbase::internal::ManualClock clock;
+    Exchange exchange(loop);
+    exchange.Come("late");
+    {
+      const FailingCalls failing("recvmsg", ENOMEM);
+      for (int turns = 0; turns < 100; ++turns) loop.RunReady();
+      EXPECT_LE(failing.GetFailed(), 64);
+      clock.Advance(std::chrono::milliseconds(100));
+      for (int turns = 0; turns < 100; ++turns) loop.RunReady();
+      EXPECT_LE(failing.GetFailed(), 65);
+    }
+    EXPECT_TRUE(exchange.user.got.empty());
+    ASSERT_EQ(trace.Get().size(), 1U);
+    EXPECT_NE(trace.Get()[0].text.find("no datagram can be received"), std::string::npos);
+    clock.Advance(std::chrono::milliseconds(100));
+    EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return !exchange.user.got.empty(); }));
+    EXPECT_EQ(exchange.user.got, Texts{Exchange::Packet("late")});
+    EXPECT_EQ(exchange.user.batches, 1);
+  });
+}
+
+TEST(UdpPortFailingCalls, WhatFindsNoMemoryForARestGoesOnAtOnce) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    const zarn::test::TraceLines trace;
+    keelbase::internal::ManualClock clock;
+    Exchange exchange(loop);
+    int atOnce = 0;
+    for (zarn::test::EachAllocation each; each.Next();) {
+      exchange.user.got.clear();
+      exchange.Come("late");
+      {
+        const zarn::test::EmptyPool pool;
+        const FailingCalls failing("recvmsg", ENOMEM, 64);
+        each.Try([&] { loop.RunReady(); });
+      }
+      atOnce += exchange.user.got.empty() ? 0 : 1;
+      clock.Advance(std::chrono::milliseconds(100));
+      loop.RunReady();
+      EXPECT_EQ(exchange.user.got.size(), 1U);
+    }
+    EXPECT_GE(atOnce, 1);
+  });
+}
+
+// --- memory ---
+
+TEST(UdpPortFailingCalls, ADatagramThatFindsNoBufferIsLost) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    {
+      const zarn::test::EmptyBuffers buffers(loop);
+      const zarn::test::Exhaustion none;
+      exchange.Send("lost");
+    }
+    exchange.Send("next");
+    exchange.port->FlushBatch();
+    EXPECT_EQ(exchange.Arrived(), Texts{"next"});
+  });
+}
+
+TEST(UdpPortFailingCalls, AnErrorOfTheNetworkIsToldAlsoWithoutMemory) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    const zarn::test::TraceLines trace;
+    Exchange exchange(loop);
+    exchange.peer.Close();
+    exchange.Send("nobody is there");
+    exchange.port->FlushBatch();
+    {
+      const zarn::test::Exhaustion none;
+      loop.RunReady();
+    }
+    EXPECT_EQ(exchange.user.lastError, ECONNREFUSED);
+    EXPECT_EQ(exchange.user.batches, 0);  // it looks after itself in time
+  });
+}
+
+TEST(UdpPortFailingCalls, ALingerThatFindsNoMemoryHasNotBegun) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    for (zarn::test::EachAllocation each; each.Next();) {
+      bool begun = true;
+      each.Try([&] {
+        try {
+          exchange.port->BeginLinger(exchange.user);
+        } catch (const std::bad_alloc&) {
+          begun = false;
+        }
+      });
+      EXPECT_EQ(begun, !each.HasFailed());
+    }
+    exchange.port->EndLinger(exchange.user);
+    loop.FinishLingers();  // there is none left
+  });
+}
+
+}  // namespace
+}  // namespace ptcp::test
