@@ -31,6 +31,13 @@ TEST(PtcpConnection, ConnectsInOneRoundTripAndCarriesBytesBothWays) {
   EXPECT_EQ(ReadAll(*pair.client), "answer");
 }
 
+TEST(PtcpConnection, WithoutAnIdOfItsOwnThereIsNone) {
+  SimulatedPair pair(1, {});
+  pair.clientHost.takesIds = false;
+  EXPECT_FALSE(pair.Start());
+  EXPECT_TRUE(pair.client->IsDead());
+}
+
 TEST(PtcpConnection, TheServerMaySpeakFirst) {
   SimulatedPair pair(2, {});
   ASSERT_TRUE(pair.Establish());

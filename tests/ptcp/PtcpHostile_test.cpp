@@ -2,6 +2,7 @@
 // refused with a reason, and told so.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -97,6 +98,15 @@ TEST_F(PtcpHostileClient, WishToRetireAllIdsAtOnceCostsNoEndlessTurns) {
   int turns = 0;
   pair.StepUntil([&] { return ++turns > 100000 || pair.server->IsDead(); }, 5 * kSecond);
   EXPECT_LE(turns, 10000);
+}
+
+TEST_F(PtcpHostileClient, IdThatItGivesUpIsNoNameOfTheConnectionAnyMore) {
+  const auto before = pair.serverHost.ids;
+  Send({0x19, 1});
+  pair.StepUntil([] { return false; }, 5 * kSecond);
+  EXPECT_FALSE(pair.server->IsDead());
+  const auto& after = pair.serverHost.ids;
+  EXPECT_FALSE(std::includes(after.begin(), after.end(), before.begin(), before.end()));
 }
 
 // A server that is met with a first message of our making.

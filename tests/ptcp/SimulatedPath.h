@@ -35,7 +35,7 @@ class SimulatedHost final : public PtcpHost {
  public:
   explicit SimulatedHost(Generator& random) : random_(random) {}
   void SendDatagram(Bytes datagram) override { output(datagram); }
-  bool AddId(const ConnectionId& id) override { return ids.insert(Key(id)).second; }
+  bool AddId(const ConnectionId& id) override { return takesIds && ids.insert(Key(id)).second; }
   void RemoveId(const ConnectionId& id) override { ids.erase(Key(id)); }
   Tag ResetToken(const ConnectionId& id) override { return resetKey_.Sign({id.View()}); }
   void FillRandom(std::uint8_t* out, std::size_t length) override {
@@ -45,6 +45,7 @@ class SimulatedHost final : public PtcpHost {
   bool Knows(const ConnectionId& id) const { return ids.count(Key(id)) != 0; }
 
   std::function<void(Bytes)> output = [](Bytes) {};
+  bool takesIds = true;
   std::set<Datagram> ids;
 
  private:
