@@ -7,6 +7,7 @@
 #include <leveldb/slice.h>
 #include <leveldb/write_batch.h>
 
+#include <cstddef>
 #include <memory>
 #include <new>
 
@@ -18,6 +19,7 @@ namespace {
 
 constexpr int kDone = 0;
 constexpr int kFailed = -1;
+constexpr std::size_t kOpenMemory = 1 << 20;  // bytes; LevelDB takes less to set itself up
 
 leveldb::WriteOptions WriteOptionsWith(bool sync) {
   leveldb::WriteOptions options;
@@ -67,7 +69,10 @@ int CZARNLevelDBManager::RunWrite(Operation operation) {
   return result;
 }
 
+// What finds no memory while LevelDB sets itself up is never set up again and blocks each later
+// Open. So it begins only when there is some.
 int CZARNLevelDBManager::Open(const char* path) try {
+  ::operator delete(::operator new(kOpenMemory));
   leveldb::Options options;
   options.create_if_missing = createIfMissing_;
   if (!compression_) options.compression = leveldb::kNoCompression;

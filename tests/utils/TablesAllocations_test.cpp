@@ -125,6 +125,11 @@ struct World {
   utils::CZARNApp app;
   utils::CZARNListenNodeItem item;
   keelbase::CAWIPCAddr address;
+  keelbase::CAWIPCAddr known = [] {
+    keelbase::CAWIPCAddr made;
+    EXPECT_EQ(utils::ZARNCreateIPCAddr(3, 4, made), AW_OK);
+    return made;
+  }();
   keelbase::CAWAutoPtr<fipc::IAWIPCConnector> ipcClient;
   keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor> ipcServer;
   keelbase::CAWAutoPtr<fshmipc::IAWShmIPCConnector> shmClient;
@@ -148,6 +153,12 @@ const Operation kOperations[] = {
     {"CreateShmIPCServer", [](World& world) { return utils::CreateShmIPCServer(world.shmServer); }},
     {"ZARNCreateIPCAddr",
      [](World& world) { return utils::ZARNCreateIPCAddr(1, 2, world.address); }},
+    {"ZARNFromIPCAddr",
+     [](World& world) {
+       std::uint16_t a = 0;
+       std::uint16_t b = 0;
+       return utils::ZARNFromIPCAddr(a, b, world.known);
+     }},
     {"CreateMemory",
      [](World& world) { return utils::CreateMemory(world.memory, world.longText, 100); }},
     {"InitZARNLogger", [](World&) { return utils::InitZARNLogger(false, false); }},
@@ -201,6 +212,50 @@ TEST(StoreAllocations, SqliteKeepsWhatItHolds) {
     ASSERT_EQ(db.GetPersistentData(key), held) << each.GetNumber();
   }
   EXPECT_FALSE(held.empty());
+}
+
+TEST(StoreAllocations, SqliteGivesBackAValueOrNothing) {
+  const TempDir dir;
+  utils::CZARNSqliteDB db;
+  ASSERT_EQ(db.InitDB(dir.GetPath() + "/db"), AW_OK);
+  const std::string key(50, 'k');
+  const std::string value(100, 'v');
+  ASSERT_EQ(db.SetPersistentData(key, value), AW_OK);
+  for (EachAllocation each; each.Next();) {
+    std::string found;
+    each.Try([&] { found = db.GetPersistentData(key); });
+    EXPECT_EQ(found, each.HasFailed() ? "" : value);
+  }
+  for (EachAllocation each; each.Next();) {
+    utils::CZARNSqliteDB::DataMap all;
+    each.Try([&] { db.GetAllData(all); });
+    EXPECT_TRUE(each.HasFailed() || all.at(key) == value);
+  }
+}
+
+TEST(StoreAllocations, SqliteThatCouldNotBeOpenedCanBe) {
+  const TempDir dir;
+  utils::CZARNSqliteDB db;
+  for (EachAllocation each; each.Next();) {
+    const std::string path = dir.GetPath() + "/db" + std::to_string(each.GetNumber());
+    AWResult result = AW_OK;
+    each.Try([&] { result = db.InitDB(path); });
+    EXPECT_EQ(result, each.HasFailed() ? AW_ERROR_FAILURE : AW_OK);
+    EXPECT_TRUE(result == AW_OK || db.InitDB(path) == AW_OK);
+    EXPECT_EQ(db.SetPersistentData("k", "v"), AW_OK);
+  }
+}
+
+TEST(StoreAllocations, LevelDBThatCouldNotBeOpenedCanBe) {
+  const TempDir dir;
+  utils::CZARNLevelDBManager store(false, 0, true, true);
+  const std::string path = dir.GetPath() + "/a path that needs memory";
+  {
+    const FailingAllocation first(1);
+    EXPECT_EQ(store.Open(path.c_str()), -1);
+    EXPECT_TRUE(first.HasFailed());
+  }
+  EXPECT_EQ(store.Open(path.c_str()), 0);
 }
 
 // A failure ends what was open, and the next Open finds all that was answered with 0.
