@@ -119,6 +119,17 @@ TEST(TorvAllocations, NothingIsPostedWithoutMemoryAndEverythingAnswersACode) {
   EXPECT_EQ(sink.calls, 0);
 }
 
+TEST(TorvAllocations, AReceiverIsAddedWholeOrNotAtAll) {
+  static auto& sink = *new CountingSink;
+  for (EachAllocation each; each.Next();) {
+    unsigned long result = AW_OK;
+    const EmptyPool pool;
+    each.Try([&] { result = utils::TORVInit(&sink, nullptr); });
+    EXPECT_EQ(result, each.HasFailed() ? AW_ERROR_FAILURE : AW_OK);
+  }
+  EXPECT_EQ(utils::TORVRegisterTno(&sink, 330, nullptr), AW_OK);
+}
+
 TEST(TorvAllocations, SenderWithoutMemoryForTheBytesDeliversNothingAndAnswers0) {
   CountingSink& sink = MakeReceiver(330);
   {
