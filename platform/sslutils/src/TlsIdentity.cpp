@@ -45,8 +45,6 @@ std::unique_ptr<STACK_OF(X509), StackFree> Above(const Certificates& chain) {
 
 TlsIdentity::TlsIdentity() : parts_(std::make_unique<Parts>()) { StartOpenSsl(); }
 TlsIdentity::~TlsIdentity() = default;
-TlsIdentity::TlsIdentity(TlsIdentity&&) noexcept = default;
-TlsIdentity& TlsIdentity::operator=(TlsIdentity&&) noexcept = default;
 
 AWResult TlsIdentity::SetPrivateKey(const std::string& text) {
   Parts& parts = *parts_;

@@ -17,8 +17,6 @@ class SSLUTILS_API TlsIdentity {
  public:
   TlsIdentity();
   ~TlsIdentity();
-  TlsIdentity(TlsIdentity&&) noexcept;
-  TlsIdentity& operator=(TlsIdentity&&) noexcept;
 
   // See IAWSSLConnectorAcceptor. What is wrong with a text is remembered.
   keelbase::AWResult SetPrivateKey(const std::string& text);
