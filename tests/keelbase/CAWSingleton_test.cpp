@@ -38,8 +38,8 @@ struct Needy {
     CAWSingletonT<First>::Instance()->value = 2;
   }
 };
-struct Counted {
-  Counted() { ++made; }
+struct CountedOne {
+  CountedOne() { ++made; }
   inline static std::atomic<int> made{0};
 };
 
@@ -57,13 +57,13 @@ std::size_t CountOf(const std::string& text, const std::string& part) {
 }
 
 TEST(CAWSingleton, IsOneObjectForAllThreads) {
-  std::vector<Counted*> got(8);
+  std::vector<CountedOne*> got(8);
   std::vector<std::thread> threads;
-  for (Counted*& place : got)
-    threads.emplace_back([&place] { place = CAWSingletonT<Counted>::Instance(); });
+  for (CountedOne*& place : got)
+    threads.emplace_back([&place] { place = CAWSingletonT<CountedOne>::Instance(); });
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(std::set<Counted*>(got.begin(), got.end()).size(), 1U);
-  EXPECT_EQ(Counted::made, 1);
+  EXPECT_EQ(std::set<CountedOne*>(got.begin(), got.end()).size(), 1U);
+  EXPECT_EQ(CountedOne::made, 1);
   EXPECT_FALSE(CAWCleanUpBase::HasRun());
 }
 

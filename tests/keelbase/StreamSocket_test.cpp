@@ -80,6 +80,20 @@ TEST(StreamSocket, BytesGoBothWays) {
   });
 }
 
+TEST(StreamSocket, LettingGoOfAnOpenOneWritesWhatWasTakenAndEndsIt) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    EXPECT_EQ(pair.Send("taken"), AW_OK);
+    pair.socket = nullptr;
+    EXPECT_EQ(pair.Read(), "taken");
+    char byte;
+    EXPECT_EQ(::recv(pair.peer.Get(), &byte, 1, MSG_DONTWAIT), 0);
+    EXPECT_EQ(sink.ends, 0);
+  });
+}
+
 TEST(StreamSocket, WriteOfADeadConnectionRaisesNoSignal) {
   WithLoop([](EventLoop& loop) {
     Pair pair(loop);

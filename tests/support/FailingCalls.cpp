@@ -68,6 +68,9 @@ ssize_t recvmsg(int socket, msghdr* message, int flags) {
 ssize_t send(int socket, const void* bytes, std::size_t length, int flags) {
   return Call("send", SYS_sendto, socket, bytes, length, flags, nullptr, 0);
 }
+int accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
+  return static_cast<int>(Call("accept4", SYS_accept4, socket, address, size, flags));
+}
 int listen(int socket, int backlog) noexcept {
   return static_cast<int>(Call("listen", SYS_listen, socket, backlog));
 }
