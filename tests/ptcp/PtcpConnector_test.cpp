@@ -212,5 +212,22 @@ TEST_F(PtcpConnectorTest, LackOfDescriptorsIsAnErrorAndPasses) {
   EXPECT_EQ(ReasonOf(address), 0);
 }
 
+TEST(CAWPseudoTCPManager, AnotherOneCanBePutInPlace) {
+  class Refusing final : public CAWPseudoTCPManager {
+   public:
+    keelbase::AWResult CreateConnector(CAWAutoPtr<IAWPseudoTCPConnector>&) override {
+      return EPERM;
+    }
+    keelbase::AWResult CreateAcceptor(CAWAutoPtr<IAWPseudoTCPAcceptor>&) override { return EPERM; }
+  };
+  Refusing other;
+  CAWPseudoTCPManager* const real = CAWPseudoTCPManager::Instance();
+  CAWPseudoTCPManager::TEST_SetInstance(&other);
+  CAWAutoPtr<IAWPseudoTCPConnector> connector;
+  EXPECT_EQ(CAWPseudoTCPManager::Instance()->CreateConnector(connector), keelbase::AWResult{EPERM});
+  CAWPseudoTCPManager::TEST_SetInstance(nullptr);
+  EXPECT_EQ(CAWPseudoTCPManager::Instance(), real);
+}
+
 }  // namespace
 }  // namespace ptcp::test

@@ -165,6 +165,7 @@ class TransfersAllocations : public ::testing::Test {
     if (!server->ended) server->StopReading(false);
     EXPECT_TRUE(Wait([this] { return client->rooms != 0 || client->failed || IsOver(); }));
     if (!server->ended) server->StopReading(true);
+    client->Fill();  // so that the rest finds no room
     client->Leave();
     RunReady();
     if (!server->ended) server->StopReading(false);

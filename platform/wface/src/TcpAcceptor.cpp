@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <new>
 #include <utility>
 
 #include "TcpSocket.h"
@@ -26,11 +25,7 @@ AWResult TcpAcceptor::StartListen(IAWAcceptorConnectorSink* sink, const CAWInetA
   AWResult result = AW_ERROR_FAILURE;
   GetLoop().Call([&] {
     if (listener_) return;
-    try {
-      result = static_cast<AWResult>(Listen(addr, backlog));
-    } catch (const std::bad_alloc&) {
-      result = ENOMEM;
-    }
+    result = static_cast<AWResult>(Listen(addr, backlog));
     sink_ = sink;
     if (result != AW_OK) listener_.reset();
   });

@@ -1,0 +1,35 @@
+// MetricsFailingCalls_test.cpp - an endpoint whose directory is locked by another process at first.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <string>
+
+#include "FailingCalls.h"
+#include "NetworkThread.h"
+#include "TempRoot.h"
+#include "TraceLines.h"
+#include "zarn/utils/CZARNMetrics.h"
+
+namespace zarn::test {
+namespace {
+
+TEST(MetricsFailingCalls, AnEndpointThatCannotListenAfterAWaitSaysSo) {
+  const TempRoot root;
+  const TraceLines trace;
+  HandClock clock;
+  std::filesystem::create_directories(root.GetPath() + "/system/zarn/stat/" +
+                                      std::to_string(::getpid()));  // in the endpoint's place
+  const FailingCalls locked("flock", EWOULDBLOCK, 1);
+  EXPECT_EQ(utils::ZARNEnableMetrics(), keelbase::AW_OK);
+  EXPECT_TRUE(trace.Get().empty());
+  clock.Advance(std::chrono::seconds(1));
+  utils::ZARNDisableMetrics();
+  ASSERT_FALSE(trace.Get().empty());
+  EXPECT_NE(trace.Get()[0].text.find("Metrics: cannot listen: "), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zarn::test
