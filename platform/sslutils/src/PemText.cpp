@@ -82,8 +82,10 @@ AWResult ParseCertificates(const std::string& pem, Certificates& out) {
   bool asked = false;
   Certificates found;
   if (const BioPtr bio = Reader(pem)) {
-    while (X509* next = PEM_read_bio_X509(bio.get(), nullptr, RefusePassword, &asked))
-      found.emplace_back(next);
+    const auto read = [&] {
+      return CertificatePtr(PEM_read_bio_X509(bio.get(), nullptr, RefusePassword, &asked));
+    };
+    while (CertificatePtr next = read()) found.push_back(std::move(next));
   }
   // The end of the text is the one error that is none.
   const bool ended = ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE;
