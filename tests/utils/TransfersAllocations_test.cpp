@@ -159,17 +159,23 @@ class TransfersAllocations : public ::testing::Test {
     server->StopReading(true);
     RunReady();
   }
-  void Transfer() {
-    client->Fill();
-    RunReady();
-    if (!server->ended) server->StopReading(false);
-    EXPECT_TRUE(Wait([this] { return client->rooms != 0 || client->failed || IsOver(); }));
-    if (!server->ended) server->StopReading(true);
-    client->Fill();  // so that the rest finds no room
-    client->Leave();
-    RunReady();
-    if (!server->ended) server->StopReading(false);
-    EXPECT_TRUE(Wait([this] { return server->ended; }));
+  // A transfer in steps, of which each begins without anything that is ready.
+  static constexpr int kSteps = 3;
+  void Step(int step) {
+    if (step == 0) {
+      client->Fill();
+      RunReady();
+    } else if (step == 1) {
+      if (!server->ended) server->StopReading(false);
+      EXPECT_TRUE(Wait([this] { return client->rooms != 0 || client->failed || IsOver(); }));
+    } else {
+      if (!server->ended) server->StopReading(true);
+      client->Fill();  // so that the rest finds no room
+      client->Leave();
+      RunReady();
+      if (!server->ended) server->StopReading(false);
+      EXPECT_TRUE(Wait([this] { return server->ended; }));
+    }
   }
   bool IsOver() const { return client->ended || server->ended; }
   void Close() {
@@ -197,17 +203,22 @@ class TransfersAllocations : public ::testing::Test {
     ASSERT_EQ(over.Listen(*acceptor, accepting), AW_OK);
     auto* manager = keelbase::CAWThreadManager::Instance();
     auto& loop = manager->GetThread(keelbase::CAWThreadManager::TT_NETWORK)->GetLoop();
-    for (EachAllocation each(andAllLater); each.Next();) {
-      Connect();
-      ASSERT_FALSE(HasFailure());
-      {
-        const EmptyPool pool;
-        const EmptyBuffers buffers(loop);
-        each.Try([this] { Transfer(); });
+    for (int from = 0; from < kSteps; ++from) {
+      for (EachAllocation each(andAllLater); each.Next();) {
+        Connect();
+        ASSERT_FALSE(HasFailure());
+        for (int step = 0; step < from; ++step) Step(step);
+        {
+          const EmptyPool pool;
+          const EmptyBuffers buffers(loop);
+          each.Try([&] {
+            for (int step = from; step < kSteps; ++step) Step(step);
+          });
+        }
+        Check(each.HasFailed());
+        Close();
+        ASSERT_FALSE(HasFailure()) << "allocation " << each.GetNumber() << " from step " << from;
       }
-      Check(each.HasFailed());
-      Close();
-      ASSERT_FALSE(HasFailure()) << "allocation " << each.GetNumber();
     }
   }
 
