@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -37,6 +38,14 @@ struct Needy {
     Say("-needy");
     CAWSingletonT<First>::Instance()->value = 2;
   }
+};
+struct MadeAtTheSecondTry {
+  MadeAtTheSecondTry() {
+    if (++tries == 1) throw std::bad_alloc();
+    Say("+made");
+  }
+  ~MadeAtTheSecondTry() { Say("-made"); }
+  inline static int tries = 0;
 };
 struct CountedOne {
   CountedOne() { ++made; }
@@ -74,6 +83,15 @@ TEST(CAWSingleton, SingletonsGoInTheReverseOrderOfTheirMaking) {
     std::exit(0);
   }
   EXPECT_NE(OutputOf("two").find("[+first][+second][-second][-first]"), std::string::npos);
+}
+
+TEST(CAWSingleton, OneThatCouldNotBeMadeIsForgottenAndCanBeMadeLater) {
+  if (ChildTest::Role() == "second try") {
+    EXPECT_THROW(CAWSingletonT<MadeAtTheSecondTry>::Instance(), std::bad_alloc);
+    CAWSingletonT<MadeAtTheSecondTry>::Instance();
+    std::exit(0);
+  }
+  EXPECT_NE(OutputOf("second try").find("[+made][-made]"), std::string::npos);
 }
 
 TEST(CAWSingleton, ConstructorAndDestructorMayUseAnotherOne) {

@@ -120,6 +120,7 @@ TEST(TorvAllocations, NothingIsPostedWithoutMemoryAndEverythingAnswersACode) {
 }
 
 TEST(TorvAllocations, AReceiverIsAddedWholeOrNotAtAll) {
+  MakeReceiver(331);  // what is made once in a process
   static auto& sink = *new CountingSink;
   for (EachAllocation each; each.Next();) {
     unsigned long result = AW_OK;

@@ -23,6 +23,12 @@ class CleanUpChain {
     links_.push_back(link);
   }
 
+  // What is deleted earlier, or was never made whole.
+  void Remove(const CAWCleanUpBase* link) {
+    const internal::MutexLock lock(mutex_);
+    std::erase(links_, link);
+  }
+
   bool HasRun() {
     const internal::MutexLock lock(mutex_);
     return hasRun_;
@@ -48,6 +54,7 @@ class CleanUpChain {
 };
 
 CAWCleanUpBase::CAWCleanUpBase() { CleanUpChain::Instance().Add(this); }
+CAWCleanUpBase::~CAWCleanUpBase() { CleanUpChain::Instance().Remove(this); }
 
 bool CAWCleanUpBase::HasRun() { return CleanUpChain::Instance().HasRun(); }
 

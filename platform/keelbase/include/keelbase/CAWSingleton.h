@@ -18,7 +18,7 @@ class KEELBASE_API CAWCleanUpBase {
 
  protected:
   CAWCleanUpBase();
-  virtual ~CAWCleanUpBase() = default;
+  virtual ~CAWCleanUpBase();
   CAWCleanUpBase(const CAWCleanUpBase&) = delete;
   CAWCleanUpBase& operator=(const CAWCleanUpBase&) = delete;
 
