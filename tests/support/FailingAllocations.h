@@ -35,14 +35,19 @@ class FailingAllocation {
 //     each.Try([&] { result = object.Work(); });
 //     EXPECT_EQ(result, each.HasFailed() ? AW_ERROR_FAILURE : AW_OK);
 //   }
+// With a `stride` only each so many-th.
 class EachAllocation {
  public:
-  explicit EachAllocation(bool andAllLater = false) : andAllLater_(andAllLater) {}
+  explicit EachAllocation(bool andAllLater = false, std::size_t stride = 1)
+      : andAllLater_(andAllLater), stride_(stride) {}
   ~EachAllocation() { EXPECT_FALSE(hasFailed_) << "given up at allocation " << number_; }
   EachAllocation(const EachAllocation&) = delete;
   EachAllocation& operator=(const EachAllocation&) = delete;
 
-  bool Next() { return hasFailed_ && ++number_ <= kMost; }
+  bool Next() {
+    number_ += number_ == 0 ? 1 : stride_;
+    return hasFailed_ && number_ <= kMost;
+  }
 
   template <class Work>
   void Try(Work work) {
@@ -58,6 +63,7 @@ class EachAllocation {
   static constexpr std::size_t kMost = 5000;
 
   const bool andAllLater_;
+  const std::size_t stride_;
   std::size_t number_ = 0;
   bool hasFailed_ = true;
 };
