@@ -302,20 +302,24 @@ TEST(ShmConnection, FirstBytesOfATurnAreShownAtOnceAndTheOthersWhenItEndsOrMuchI
   EXPECT_EQ(reader.Available(), 4U + 16 * 1024);
 }
 
-TEST(ShmConnection, PeerIsToldWhetherMoreOfALongSendFollows) {
+TEST(ShmConnection, LongSendIsShownPieceByPieceAndThePeerIsToldThatMoreFollows) {
   RawPeer peer;
   peer.end.Open();
   RingReader reader(peer.segment.AcceptorRing());
   std::atomic<bool> stop = false;
   std::atomic<bool> saidSo = false;
+  std::atomic<bool> pieceSeen = false;
   std::thread looker([&] {
-    while (!stop && !saidSo) saidSo = reader.IsWriting();
+    while (!stop) {
+      if (reader.IsWriting()) saidSo = true;
+      if (peer.In().head % 65000 != 0) pieceSeen = true;
+    }
   });
   const std::string message = Pattern(65000);
   EXPECT_TRUE(Await([&] {
     peer.end.Send(message);
     peer.In().tail = peer.In().head.load();
-    return saidSo.load();
+    return saidSo && pieceSeen;
   }));
   stop = true;
   looker.join();
