@@ -18,7 +18,7 @@ struct ReceivePass {
     kNeedMore,   // the rest is no complete frame, or there is none
     kTooLong,    // the handler claims more bytes than there are
     kClosed,     // the handler has closed the stream
-    kNoMemory,   // the bytes could not be kept; nothing was offered
+    kNoMemory,   // the bytes could not be kept
     kReplaced,   // the stream has another connection, or none, and is not closed: leave it alone
     kDestroyed,  // there is no stream any more
   };
@@ -55,9 +55,29 @@ ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bo
   return pass;
 }
 
+// Offers a block while nothing waits: in place, and only what the handler has not taken is kept.
+template <class Stream>
+ReceivePass OfferInPlace(Stream& stream, detail::ReceiveAccumulator& received,
+                         const keelbase::CAWMessageBlock& block, detail::Generation& generation,
+                         const bool& closed, CZARNStreamCounters& counters) {
+  using End = ReceivePass::End;
+  const std::size_t length = block.GetLength();
+  counters.bytesReceived += length;
+  ReceivePass pass = OfferFrames(stream, generation, closed, counters, block.GetReadPtr(), length);
+  const bool stays = pass.end == End::kNeedMore || pass.end == End::kTooLong;
+  if (!stays || pass.consumed == length) return pass;
+  if (received.Append(block) == keelbase::AW_OK) {
+    received.Consume(pass.consumed);
+  } else {
+    pass.end = End::kNoMemory;
+  }
+  return pass;
+}
+
 // A receive event: adds the unread bytes of `data`, which is left as it is, to those that wait in
 // `received`, and offers them. What the handler has not taken waits in `received` again, unless the
-// stream is destroyed or has another connection by then.
+// stream is destroyed or has another connection by then. The caller keeps the bytes of `data` while
+// the handler runs, whatever that does to the stream.
 template <class Stream>
 ReceivePass OfferDuplicate(Stream& stream, detail::ReceiveAccumulator& received,
                            const keelbase::CAWMessageBlock& data, detail::Generation& generation,
@@ -65,6 +85,8 @@ ReceivePass OfferDuplicate(Stream& stream, detail::ReceiveAccumulator& received,
   ReceivePass pass;
   const std::size_t length = data.GetChainedLength();
   if (length == 0) return pass;
+  if (received.GetLength() == 0 && data.GetNext() == nullptr)
+    return OfferInPlace(stream, received, data, generation, closed, counters);
   if (received.Append(data) != keelbase::AW_OK) {
     pass.end = ReceivePass::End::kNoMemory;
     return pass;

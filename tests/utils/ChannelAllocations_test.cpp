@@ -156,12 +156,13 @@ TYPED_TEST(ChannelAllocations, ReceivingTakesABlockOfThePoolAndAllocatesNothingE
 // --- none left ---
 
 TYPED_TEST(ChannelAllocations, ReceiverWithoutMemoryEndsThatConnectionAndSaysSo) {
-  const std::string bytes(200000, 'x');
-  CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
+  const std::string bytes = Frame(1, 2, this->small) + Frame(1, 2, std::string(60000, 'x'));
+  CAWMessageBlock block(bytes.data(), 50000, CAWMessageBlock::borrow);
   {
     const Exhaustion none;
     this->Receive(block);
   }
+  EXPECT_EQ(this->channel->messages, 1U);
   EXPECT_TRUE(this->channel->IsClosed());
   EXPECT_EQ(this->channel->lastReason, static_cast<long>(AW_ERROR_FAILURE));
   EXPECT_EQ(this->transport->disconnects, 1);
