@@ -190,6 +190,20 @@ TYPED_TEST(TransportEnds, LettingGoInsideEachCallbackIsAllowed) {
   EXPECT_EQ(c.sink.sends, 1);
 }
 
+TYPED_TEST(TransportEnds, LetGoAndTakenAgainInsideACallbackGoesOn) {
+  TypeParam c;
+  c.sink.onReceive = [&](auto* transport) {
+    c.transport = nullptr;
+    c.transport = transport;
+  };
+  c.Open();
+  c.peer.Send("x");
+  EXPECT_TRUE(Await([&] { return c.sink.receives == 1; }));
+  EXPECT_EQ(c.Send("answer"), AW_OK);
+  EXPECT_TRUE(Await([&] { return c.peer.Receive() == "answer"; }));
+  EXPECT_FALSE(c.sink.ended);
+}
+
 template <class Connection>
 class SelfDeletingSink final : public Connection::Sink::Interface {
  public:

@@ -49,7 +49,7 @@ ShmConnection::ShmConnection(keelbase::internal::EventLoop& loop, FileDescriptor
       reader_(side == Side::connector ? segment_.AcceptorRing() : segment_.ConnectorRing()) {}
 
 // Letting go of an open connection closes it, and that may take a while.
-void ShmConnection::OnReferenceDestory() {
+void ShmConnection::OnLastReference() {
   if (state_ == State::closed) {
     delete this;
     return;

@@ -10,6 +10,7 @@
 #include "ShmSegment.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
+#include "keelbase/internal/LoopCounted.h"
 #include "keelbase/internal/StreamSocket.h"
 
 namespace fshmipc {
@@ -18,7 +19,7 @@ namespace fshmipc {
 // connection asks the peer, in the shared memory, to be woken by a byte on the socket. The socket's
 // end is the peer's end, however it came about. See IAWShmIPCTransport for the contract. Loop
 // thread only.
-class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
+class ShmConnection final : public keelbase::internal::LoopCounted,
                             private keelbase::internal::Watcher,
                             private keelbase::internal::Poller,
                             private keelbase::internal::TurnEndTask,
@@ -29,7 +30,6 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
   ShmConnection(keelbase::internal::EventLoop& loop, FileDescriptor socket, ShmSegment segment,
                 Side side);
   ~ShmConnection() override { CloseNow(); }
-  void OnReferenceDestory() override;
 
   // As StreamSocket has them.
   keelbase::AWResult Open(keelbase::internal::StreamSocketSink* sink);
@@ -41,6 +41,7 @@ class ShmConnection final : public keelbase::CAWReferenceControlT<keelbase::CAWM
  private:
   enum class State { fresh, open, ended, lingering, closed };
 
+  void OnLastReference() override;
   void OnReady(std::uint32_t events) override;
   bool Poll() override;
   bool Arm() override;

@@ -33,7 +33,7 @@ inline void CopyByLines(char* to, const char* from, std::size_t length) {
   for (; length >= kLine; length -= kLine, to += kLine, from += kLine) {
     std::memcpy(to, from, kLine);
   }
-  std::memcpy(to, from, length);
+  if (length != 0) std::memcpy(to, from, length);
 }
 
 // One direction, of `size` bytes (a power of two).

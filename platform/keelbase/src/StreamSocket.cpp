@@ -73,7 +73,7 @@ StreamSocket::StreamSocket(EventLoop& loop, FileDescriptor descriptor)
 StreamSocket::~StreamSocket() { CloseNow(); }
 
 // Letting go of an open socket closes it, and that may take a while.
-void StreamSocket::OnReferenceDestory() {
+void StreamSocket::OnLastReference() {
   if (state_ == State::closed) {
     delete this;
     return;

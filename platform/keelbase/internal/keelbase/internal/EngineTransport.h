@@ -38,17 +38,17 @@ class EngineTransport : public LoopObject<Interface>, private StreamSocketSink {
  private:
   void OnBytes(CAWMessageBlock& block) final {
     if (this->IsLetGo()) return;
-    const CAWAutoPtr<EngineTransport> alive(this);
+    const typename LoopObject<Interface>::Keep keep(*this);
     sink_->OnReceive(block, this, nullptr);
   }
   void OnRoom() final {
     if (this->IsLetGo()) return;
-    const CAWAutoPtr<EngineTransport> alive(this);
+    const typename LoopObject<Interface>::Keep keep(*this);
     sink_->OnSend(this, nullptr);
   }
   void OnEnd(long reason) final {
     if (this->IsLetGo()) return;
-    const CAWAutoPtr<EngineTransport> alive(this);
+    const typename LoopObject<Interface>::Keep keep(*this);
     std::exchange(sink_, nullptr)->OnDisconnect(reason, this);
   }
 

@@ -8,11 +8,11 @@
 
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWMessageBlock.h"
-#include "keelbase/CAWReferenceControl.h"
 #include "keelbase/CAWTransport.h"
 #include "keelbase/internal/BufferPool.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/FileDescriptor.h"
+#include "keelbase/internal/LoopCounted.h"
 
 namespace keelbase::internal {
 
@@ -30,14 +30,13 @@ class StreamSocketSink {
 // Reads up to 64 KiB an event; gathers small sends and writes them when 64 KiB are together or the
 // turn ends; writes large ones at once without a copy. See the transport interfaces for the
 // contract. Loop thread only.
-class KEELBASE_API StreamSocket final : public CAWReferenceControlT<CAWMutexThread>,
+class KEELBASE_API StreamSocket final : public LoopCounted,
                                         private Watcher,
                                         private TurnEndTask,
                                         private LingerTask {
  public:
   StreamSocket(EventLoop& loop, FileDescriptor descriptor);
   ~StreamSocket() override;
-  void OnReferenceDestory() override;
 
   // Starts the events. 10001 for null and for a second call.
   AWResult Open(StreamSocketSink* sink);
@@ -63,6 +62,7 @@ class KEELBASE_API StreamSocket final : public CAWReferenceControlT<CAWMutexThre
  private:
   enum class State { fresh, open, ended, lingering, closed };
 
+  void OnLastReference() override;
   void OnReady(std::uint32_t events) override;
   bool OnSpin() override;
   void OnTurnEnd() override;

@@ -1,0 +1,37 @@
+// LoopCounted_test.cpp - counted objects that one thread has to itself.
+#include "keelbase/internal/LoopCounted.h"
+
+#include <gtest/gtest.h>
+
+#include "keelbase/CAWAutoPtr.h"
+
+namespace keelbase::internal {
+namespace {
+
+class Object final : public LoopCounted {
+ public:
+  explicit Object(int& ends) : ends_(ends) {}
+
+ private:
+  void OnLastReference() override {
+    if (++ends_ == 2) delete this;
+  }
+  int& ends_;
+};
+
+TEST(LoopCounted, LastReferenceIsToldAndTheObjectDecidesWhenToGo) {
+  int ends = 0;
+  auto* const made = new Object(ends);
+  CAWAutoPtr<Object> object(made);
+  CAWAutoPtr<Object> another = object;
+  object = nullptr;
+  EXPECT_EQ(ends, 0);
+  another = nullptr;
+  EXPECT_EQ(ends, 1);
+  object = made;
+  object = nullptr;
+  EXPECT_EQ(ends, 2);
+}
+
+}  // namespace
+}  // namespace keelbase::internal
