@@ -8,9 +8,9 @@
 namespace keelbase::internal {
 namespace {
 
-class Object final : public LoopCounted {
+class CountedObject final : public LoopCounted {
  public:
-  explicit Object(int& ends) : ends_(ends) {}
+  explicit CountedObject(int& ends) : ends_(ends) {}
 
  private:
   void OnLastReference() override {
@@ -21,9 +21,9 @@ class Object final : public LoopCounted {
 
 TEST(LoopCounted, LastReferenceIsToldAndTheObjectDecidesWhenToGo) {
   int ends = 0;
-  auto* const made = new Object(ends);
-  CAWAutoPtr<Object> object(made);
-  CAWAutoPtr<Object> another = object;
+  auto* const made = new CountedObject(ends);
+  CAWAutoPtr<CountedObject> object(made);
+  CAWAutoPtr<CountedObject> another = object;
   object = nullptr;
   EXPECT_EQ(ends, 0);
   another = nullptr;
