@@ -26,14 +26,25 @@ struct RingControl {
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free && sizeof(RingControl) == 512);
 
-// A cache line at a time. What memcpy takes for long pieces, the processor's string instruction, is
-// on some as slow as a third of this where the ends are not aligned.
+// A cache line at a time.
 inline void CopyByLines(char* to, const char* from, std::size_t length) {
   constexpr std::size_t kLine = 64;
   for (; length >= kLine; length -= kLine, to += kLine, from += kLine) {
     std::memcpy(to, from, kLine);
   }
   if (length != 0) std::memcpy(to, from, length);
+}
+
+// For long pieces memcpy takes the processor's string instruction. Intel's does not fetch the lines
+// that it overwrites from the other core, and is the fastest way; AMD's is a third as fast as a
+// loop where the ends are not aligned.
+inline void CopyShared(char* to, const char* from, std::size_t length) {
+  constexpr std::size_t kLong = 4096;
+  if (length >= kLong && __builtin_cpu_is("intel")) {
+    std::memcpy(to, from, length);
+  } else {
+    CopyByLines(to, from, length);
+  }
 }
 
 // One direction, of `size` bytes (a power of two).
@@ -53,8 +64,8 @@ class RingWriter {
     const std::size_t taken = std::min(length, ring_.size - (head_ - tail_));
     const std::size_t at = head_ & (ring_.size - 1);
     const std::size_t first = std::min(taken, ring_.size - at);
-    if (taken != 0) CopyByLines(ring_.bytes + at, data, first);
-    if (taken != first) CopyByLines(ring_.bytes, data + first, taken - first);
+    if (taken != 0) CopyShared(ring_.bytes + at, data, first);
+    if (taken != first) CopyShared(ring_.bytes, data + first, taken - first);
     head_ += taken;
     return taken;
   }
@@ -134,8 +145,8 @@ class RingReader {
   void Read(char* to, std::size_t length) {
     const std::size_t at = tail_ & (ring_.size - 1);
     const std::size_t first = std::min(length, ring_.size - at);
-    CopyByLines(to, ring_.bytes + at, first);
-    if (length != first) CopyByLines(to + first, ring_.bytes, length - first);
+    CopyShared(to, ring_.bytes + at, first);
+    if (length != first) CopyShared(to + first, ring_.bytes, length - first);
     tail_ += length;
     // Sequentially consistent, as what the writer does before it waits: one of us sees the other.
     ring_.control->tail.store(tail_, std::memory_order_seq_cst);
