@@ -83,6 +83,21 @@ TEST(ShmRing, EveryLengthGoesRoundEveryPlace) {
   }
 }
 
+// Whichever of the ways this processor takes.
+TEST(ShmRing, EachWayOfCopyingCopiesAllAndNothingElse) {
+  std::string from(20000, '\0');
+  for (std::size_t i = 0; i < from.size(); ++i) from[i] = static_cast<char>(1 + i % 251);
+  for (const auto copy : {CopyByLines, CopyShared}) {
+    for (const std::size_t length : {0, 1, 63, 64, 65, 127, 128, 4095, 4096, 4097, 16384, 19999}) {
+      std::string to(from.size() + 1, '\0');
+      copy(to.data() + 1, from.data(), length);
+      EXPECT_TRUE(to.substr(1, length) == from.substr(0, length)) << length;
+      EXPECT_EQ(to[0], '\0');
+      EXPECT_EQ(to.find_first_not_of('\0', 1 + length), std::string::npos) << length;
+    }
+  }
+}
+
 TEST(ShmRing, PositionsCountFromTheBeginning) {
   RingPair ring;
   for (int i = 0; i < 1000; ++i) {

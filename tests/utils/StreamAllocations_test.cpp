@@ -16,6 +16,7 @@
 #include "SwallowingTransport.h"
 #include "zarn/utils/CPTCPStreamBase.h"
 #include "zarn/utils/CSSLPTCPSessionBase.h"
+#include "zarn/utils/CZARNMetrics.h"
 #include "zarn/utils/CZARNSSLTCPSessionBase.h"
 #include "zarn/utils/CZARNTCPSSLTransport.h"
 #include "zarn/utils/CZARNTCPSessionBase.h"
@@ -366,7 +367,7 @@ struct NoConnectors {
 TYPED_TEST(SessionAllocations, AConnectWithoutAnyIsRefusedAndTheSessionCanBeAttached) {
   NoConnectors managers;
   Attached<TypeParam> one;
-  const CAWInetAddr peer("127.0.0.1", 65000);
+  const CAWInetAddr peer("198.51.100.100", 65000);
   AWResult result = AW_OK;
   {
     const Exhaustion none;
@@ -375,6 +376,10 @@ TYPED_TEST(SessionAllocations, AConnectWithoutAnyIsRefusedAndTheSessionCanBeAtta
   EXPECT_EQ(result, AW_ERROR_FAILURE);
   EXPECT_EQ(one.transport->disconnects, 1);
   EXPECT_EQ(one.stream->ends, 0);
+  const utils::CZARNMetrics metrics = utils::ZARNTakeMetrics(20000);
+  ASSERT_EQ(metrics.streams.size(), 1U);
+  EXPECT_TRUE(metrics.streams[0].isClient);
+  EXPECT_EQ(metrics.streams[0].peer, "");  // there was no room for its name
   one.fresh = new SwallowingTransport<typename TypeParam::Platform>;
   ASSERT_EQ(one.Attach(), AW_OK);
   EXPECT_EQ(one.Send("more"), AW_OK);
