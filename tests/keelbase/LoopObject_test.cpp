@@ -32,8 +32,6 @@ struct Life {
 
 class Object final : public LoopObject<Interface> {
  public:
-  using LoopObject::Keep;
-
   Object(EventLoop& loop, Life& life) : LoopObject(loop), life_(life) {}
   ~Object() override {
     ++life_.destroyed;
@@ -82,52 +80,6 @@ TEST(LoopObject, IsDestroyedInPlaceOnceTheLoopHasStopped) {
       object = nullptr;
       EXPECT_EQ(life.destroyed, 1);
     }).join();
-  });
-}
-
-TEST(LoopObject, IsKeptThroughACallbackThatDropsTheLastReference) {
-  WithLoop([](EventLoop& loop) {
-    Life life;
-    CAWAutoPtr<Object> object(new Object(loop, life));
-    {
-      const Object::Keep keep(*object);
-      const Object::Keep nested(*object);
-      object = nullptr;
-      EXPECT_EQ(life.letGo, 0);
-    }
-    EXPECT_EQ(life.letGo, 1);
-    EXPECT_EQ(life.destroyed, 1);
-  });
-}
-
-TEST(LoopObject, LivesOnWhenACallbackDropsItAndTakesItAgain) {
-  WithLoop([](EventLoop& loop) {
-    Life life;
-    CAWAutoPtr<Object> object(new Object(loop, life));
-    {
-      const Object::Keep keep(*object);
-      Object* const seen = object.Get();
-      object = nullptr;
-      object = seen;
-    }
-    EXPECT_EQ(life.letGo, 0);
-    object = nullptr;
-    EXPECT_EQ(life.destroyed, 1);
-  });
-}
-
-TEST(LoopObject, IsDestroyedOnceWhenAnotherThreadDropsItDuringACallback) {
-  WithLoop([](EventLoop& loop) {
-    Life life;
-    CAWAutoPtr<Object> object(new Object(loop, life));
-    {
-      const Object::Keep keep(*object);
-      std::thread([&] { object = nullptr; }).join();
-      EXPECT_EQ(life.destroyed, 0);
-    }
-    loop.RunReady();
-    EXPECT_EQ(life.letGo, 1);
-    EXPECT_EQ(life.destroyed, 1);
   });
 }
 

@@ -38,17 +38,17 @@ class EngineTransport : public LoopObject<Interface>, private StreamSocketSink {
  private:
   void OnBytes(CAWMessageBlock& block) final {
     if (this->IsLetGo()) return;
-    const typename LoopObject<Interface>::Keep keep(*this);
+    const CAWAutoPtr<EngineTransport> alive(this);
     sink_->OnReceive(block, this, nullptr);
   }
   void OnRoom() final {
     if (this->IsLetGo()) return;
-    const typename LoopObject<Interface>::Keep keep(*this);
+    const CAWAutoPtr<EngineTransport> alive(this);
     sink_->OnSend(this, nullptr);
   }
   void OnEnd(long reason) final {
     if (this->IsLetGo()) return;
-    const typename LoopObject<Interface>::Keep keep(*this);
+    const CAWAutoPtr<EngineTransport> alive(this);
     std::exchange(sink_, nullptr)->OnDisconnect(reason, this);
   }
 

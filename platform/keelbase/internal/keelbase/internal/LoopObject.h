@@ -17,7 +17,7 @@ class LoopObject : public Interface {
   std::uint32_t AddReference() final { return count_.fetch_add(1, std::memory_order_relaxed) + 1; }
   std::uint32_t ReleaseReference() final {
     const std::uint32_t left = count_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0 && !IsKept()) Destroy();
+    if (left == 0) Destroy();
     return left;
   }
 
@@ -33,22 +33,6 @@ class LoopObject : public Interface {
   // The last reference is gone, but the object may still wait for its loop to destroy it.
   bool IsLetGo() const { return destroying_.load(std::memory_order_acquire); }
 
-  // Keeps the object during a callback, as a reference would, without the cost of counting one.
-  // Loop thread only.
-  class Keep {
-   public:
-    explicit Keep(LoopObject& object) : object_(object) { ++object_.kept_; }
-    ~Keep() {
-      if (--object_.kept_ != 0) return;
-      if (object_.count_.load(std::memory_order_acquire) == 0) object_.Destroy();
-    }
-    Keep(const Keep&) = delete;
-    Keep& operator=(const Keep&) = delete;
-
-   private:
-    LoopObject& object_;
-  };
-
  private:
   class DestroyThere final : public LoopTask {
    public:
@@ -59,8 +43,6 @@ class LoopObject : public Interface {
    private:
     LoopObject* object_;
   };
-
-  bool IsKept() const { return loop_.IsCurrent() && kept_ != 0; }
 
   // On its way out the object may be referred to once more, by a callback of the loop that began
   // just before or by its own destructor: that must not destroy it again.
@@ -73,7 +55,6 @@ class LoopObject : public Interface {
   EventLoop& loop_;
   DestroyThere destroyThere_;
   std::atomic<std::uint32_t> count_{0};
-  std::uint32_t kept_ = 0;
   std::atomic<bool> destroying_{false};
 };
 
