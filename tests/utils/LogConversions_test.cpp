@@ -215,8 +215,8 @@ void PlainPrint(std::FILE* stream, timeval time, const char* level, const char* 
                 const char* function, int fileWidth, int functionWidth, const char* format, ...) {
   std::tm utc{};
   ::gmtime_r(&time.tv_sec, &utc);
-  char seconds[512];
-  std::strftime(seconds, sizeof seconds, "%Y-%m-%dT%H:%M:%S", &utc);
+  char second[512];
+  std::strftime(second, sizeof second, "%Y-%m-%dT%H:%M:%S", &utc);
   char pattern[512];
   char text[4096] = {};
   const auto micros = static_cast<unsigned>(time.tv_usec);
@@ -224,11 +224,11 @@ void PlainPrint(std::FILE* stream, timeval time, const char* level, const char* 
     const char* slash = std::strrchr(file, '/');
     std::snprintf(pattern, sizeof pattern, "%%s.%%06u | %%-8s | %%%ds[%%05d] | %%-%ds | %%s\n",
                   fileWidth, functionWidth);
-    std::snprintf(text, sizeof text, pattern, seconds, micros, level,
+    std::snprintf(text, sizeof text, pattern, second, micros, level,
                   slash != nullptr ? slash + 1 : file, line, function, format);
   } else {
     std::snprintf(pattern, sizeof pattern, "%%s.%%06u | %%-8s | %%-%ds | %%s\n", functionWidth);
-    std::snprintf(text, sizeof text, pattern, seconds, micros, level, function, format);
+    std::snprintf(text, sizeof text, pattern, second, micros, level, function, format);
   }
   std::va_list args;
   va_start(args, format);
