@@ -5,9 +5,9 @@
 
 namespace keelbase::internal {
 
-// For CAWAutoPtr, with a plain count: each block that a connection reads takes and drops a
-// reference, and an atomic count would cost as much as copying a short message. Loop thread only,
-// or any one thread once the loop has stopped.
+// For CAWAutoPtr, with a plain count: a connection takes and drops a reference for each block that
+// it reads, and atomic counts are a good part of what a short one costs. Loop thread only, or any
+// one thread once the loop has stopped.
 class LoopCounted {
  public:
   LoopCounted(const LoopCounted&) = delete;
