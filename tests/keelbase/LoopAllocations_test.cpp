@@ -1,7 +1,8 @@
 // LoopAllocations_test.cpp - what the loop does for those who have no memory: calls, destructions,
-// turn ends, pollers, events.
+// turn ends, pollers, timers, events.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <new>
@@ -15,6 +16,8 @@
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWThreadManager.h"
 #include "keelbase/internal/LoopObject.h"
+#include "keelbase/internal/ManualClock.h"
+#include "keelbase/internal/TimerQueue.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace keelbase::internal {
@@ -138,6 +141,28 @@ TEST(LoopAllocations, PollersNeedNone) {
     for (const Counter& counter : counters) count += counter.count;
     EXPECT_EQ(count, 97);
     for (Counter& counter : counters) loop.StopPolling(counter);
+  });
+}
+
+TEST(LoopAllocations, TimersNeedNoneOnceTheyAreMade) {
+  WithLoop([](EventLoop& loop) {
+    ManualClock clock;
+    Timer once(loop);
+    Timer twice(loop);
+    int fired = 0;
+    const FailingAllocation none(1, kAllLater);
+    for (int round = 0; round < 3; ++round) {
+      once.Start(std::chrono::hours(1), 1, [&fired] { fired += 1000; });
+      once.Start(std::chrono::milliseconds(1), 1, [&fired] { ++fired; });
+      twice.Start(std::chrono::milliseconds(1), 2, [&fired] { ++fired; });
+      clock.Advance(std::chrono::milliseconds(1));
+      loop.RunReady();
+      clock.Advance(std::chrono::milliseconds(1));
+      loop.RunReady();
+    }
+    EXPECT_EQ(fired, 9);
+    once.Start(std::chrono::hours(1), 1, [&fired] { fired += 1000; });
+    once.Cancel();
   });
 }
 

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <new>
 #include <utility>
 
 #include "keelbase/internal/TraceError.h"
@@ -61,11 +60,7 @@ void StreamListener::OnReady(std::uint32_t /*events*/) {
 void StreamListener::Pause(int error) {
   if (!std::exchange(failing_, true)) TraceError("no connection is accepted for now", error);
   loop_.Change(listening_.Get(), 0, *this);
-  try {
-    pause_.Start(kPause, 1, [this] { Resume(); });
-  } catch (const std::bad_alloc&) {
-    Resume();
-  }
+  pause_.Start(kPause, 1, [this] { Resume(); });
 }
 
 void StreamListener::Resume() {

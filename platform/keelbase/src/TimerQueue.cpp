@@ -8,7 +8,13 @@
 
 namespace keelbase::internal {
 
-void Timer::Start(std::chrono::microseconds interval, std::uint32_t count, Function function) {
+Timer::Timer(EventLoop& loop) : loop_(loop) {
+  TimersByDue one;
+  idle_ = one.extract(one.emplace(Clock::Point(), this));
+}
+
+void Timer::Start(std::chrono::microseconds interval, std::uint32_t count,
+                  Function function) noexcept {
   Cancel();
   interval_ = std::clamp(interval, std::chrono::microseconds(count == 1 ? 0 : 1), Clock::kLongest);
   left_ = count;
@@ -23,7 +29,12 @@ bool Timer::IsActive() const { return loop_.Timers().Contains(*this); }
 
 void TimerQueue::Add(Timer& timer, Clock::Point due) {
   const MutexLock lock(mutex_);
-  timer.place_ = timers_.emplace(due, &timer);
+  Insert(timer, due);
+}
+
+void TimerQueue::Insert(Timer& timer, Clock::Point due) {
+  timer.idle_.key() = due;
+  timer.place_ = timers_.insert(std::move(timer.idle_));
 }
 
 void TimerQueue::Remove(Timer& timer, bool onLoopThread) {
@@ -35,12 +46,12 @@ void TimerQueue::Remove(Timer& timer, bool onLoopThread) {
 }
 
 void TimerQueue::Forget(Timer& timer) {
-  if (timer.place_) timers_.erase(*std::exchange(timer.place_, std::nullopt));
+  if (timer.idle_.empty()) timer.idle_ = timers_.extract(timer.place_);
 }
 
 bool TimerQueue::Contains(const Timer& timer) const {
   const MutexLock lock(mutex_);
-  return timer.place_.has_value();
+  return timer.idle_.empty();
 }
 
 std::optional<Clock::Point> TimerQueue::NextDue() const {
@@ -52,15 +63,11 @@ std::optional<Clock::Point> TimerQueue::NextDue() const {
 // The next call is put into place before this one runs, so that the timer need not exist after it.
 // A late call moves the following ones.
 void TimerQueue::Reschedule(Timer& timer, Clock::Point now) {
-  auto node = timers_.extract(*timer.place_);
-  if (timer.left_ == 1) {
-    timer.place_ = std::nullopt;
-    return;
-  }
+  const Clock::Point next = timer.place_->first + timer.interval_;
+  Forget(timer);
+  if (timer.left_ == 1) return;
   if (timer.left_ != 0) --timer.left_;
-  const Clock::Point next = node.key() + timer.interval_;
-  node.key() = next > now ? next : now + timer.interval_;
-  timer.place_ = timers_.insert(std::move(node));
+  Insert(timer, next > now ? next : now + timer.interval_);
 }
 
 bool TimerQueue::RunNextDue(std::optional<Clock::Point>& now) {

@@ -174,11 +174,7 @@ void HttpExchange::OnRoom() {
   if (sent == AW_ERROR_PARTIAL_DATA) return;
   rest_ = nullptr;
   if (sent != AW_OK) return Finish(ResultOfEnd(static_cast<long>(sent)));
-  try {
-    AwaitAnswer();
-  } catch (const std::bad_alloc&) {
-    Finish(-ENOMEM);
-  }
+  AwaitAnswer();
 }
 
 void HttpExchange::AwaitAnswer() { Limit(order_.limits.answerMs, -ETIME); }

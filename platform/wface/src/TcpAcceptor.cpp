@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "TcpSocket.h"
@@ -43,7 +44,7 @@ CAWInetAddr TcpAcceptor::GetLocalAddr() const {
   return local;
 }
 
-int TcpAcceptor::Listen(const CAWInetAddr& addr, int backlog) {
+int TcpAcceptor::Listen(const CAWInetAddr& addr, int backlog) try {
   FileDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
   SetTcpDefaults(socket.Get());
@@ -55,6 +56,8 @@ int TcpAcceptor::Listen(const CAWInetAddr& addr, int backlog) {
   listener_.emplace(GetLoop(),
                     [this](FileDescriptor accepted) { OnAccepted(std::move(accepted)); });
   return listener_->Start(std::move(socket));
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
 }
 
 void TcpAcceptor::OnAccepted(FileDescriptor socket) {

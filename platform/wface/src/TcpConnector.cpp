@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 #include <utility>
 
 #include "TcpTransport.h"
@@ -49,11 +48,7 @@ AWResult TcpConnector::AsyncConnect(IAWAcceptorConnectorSink* sink, const CAWIne
     if (local != nullptr) local_ = *local;
     deadline_.reset();
     if (timeout != nullptr) deadline_ = Clock::After(timeout->ToDuration());
-    try {
-      timer_.Start(std::chrono::microseconds(0), 1, [this] { Begin(); });
-    } catch (const std::bad_alloc&) {
-      return;
-    }
+    timer_.Start(std::chrono::microseconds(0), 1, [this] { Begin(); });
     sink_ = sink;
     result = AW_OK;
   });
@@ -75,11 +70,7 @@ void TcpConnector::Begin() {
   if (error != EINPROGRESS) return Finish(error);
   if (!deadline_) return;
   const auto left = std::chrono::ceil<std::chrono::microseconds>(*deadline_ - Clock::Now());
-  try {
-    timer_.Start(std::max(left, std::chrono::microseconds(0)), 1, [this] { Finish(ETIMEDOUT); });
-  } catch (const std::bad_alloc&) {
-    Finish(ENOMEM);
-  }
+  timer_.Start(std::max(left, std::chrono::microseconds(0)), 1, [this] { Finish(ETIMEDOUT); });
 }
 
 // 0, EINPROGRESS or another errno value.

@@ -14,6 +14,8 @@
 namespace keelbase::internal {
 
 class EventLoop;
+class Timer;
+using TimersByDue = std::multimap<Clock::Point, Timer*>;
 
 // One timer of a loop; its function runs on the loop's thread and may cancel or destroy the timer.
 // Start and Cancel may be called from any thread, one at a time.
@@ -21,14 +23,14 @@ class KEELBASE_API Timer {
  public:
   using Function = std::function<void()>;
 
-  explicit Timer(EventLoop& loop) : loop_(loop) {}
+  explicit Timer(EventLoop& loop);  // takes the memory that it will need
   ~Timer() { Cancel(); }
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
   // First after one interval, then every interval; `count` times, 0 for ever. Replaces what was
   // started.
-  void Start(std::chrono::microseconds interval, std::uint32_t count, Function function);
+  void Start(std::chrono::microseconds interval, std::uint32_t count, Function function) noexcept;
 
   // On another thread than the loop's it waits for a call that is just running.
   void Cancel();
@@ -42,7 +44,8 @@ class KEELBASE_API Timer {
   std::chrono::microseconds interval_{0};
   std::uint32_t left_ = 0;  // calls to come; 0 for ever
   Function function_;
-  std::optional<std::multimap<Clock::Point, Timer*>::iterator> place_;
+  TimersByDue::node_type idle_;  // empty while the queue has it, at place_
+  TimersByDue::iterator place_;
 };
 
 // Ordered by due time. Firing happens on the loop's thread; everything else on any.
@@ -59,12 +62,13 @@ class TimerQueue {
   bool RunNextDue(std::optional<Clock::Point>& now);
 
  private:
+  void Insert(Timer& timer, Clock::Point due) AW_REQUIRES(mutex_);
   void Forget(Timer& timer) AW_REQUIRES(mutex_);
   void Reschedule(Timer& timer, Clock::Point now) AW_REQUIRES(mutex_);
 
   mutable Mutex mutex_;
   std::condition_variable fired_;
-  std::multimap<Clock::Point, Timer*> timers_ AW_GUARDED_BY(mutex_);
+  TimersByDue timers_ AW_GUARDED_BY(mutex_);
   const Timer* firing_ AW_GUARDED_BY(mutex_) = nullptr;
 };
 
