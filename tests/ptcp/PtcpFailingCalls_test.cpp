@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "Exhaustion.h"
 #include "FailingCalls.h"
 #include "RealPtcp.h"
 #include "TraceLines.h"
+#include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/ManualClock.h"
 
 namespace ptcp::test {
 namespace {
@@ -41,6 +46,38 @@ TEST_F(PtcpFailingCalls, BlockedPortHoldsUpItsConnectionsAndLosesNothing) {
   EXPECT_TRUE(serverSink.received == text);
   EXPECT_EQ(full.GetFailed(), 20);
   EXPECT_FALSE(IsOver());
+}
+
+// The ports are full at one turn's end, and then lose everything.
+struct FullThenLost final : keelbase::internal::TurnEndTask {
+  void OnTurnEnd() override {
+    EXPECT_EQ(calls->GetFailed(), 2);
+    calls.reset();
+    calls.emplace("sendmsg", ENOBUFS);
+  }
+  std::optional<FailingCalls> calls{std::in_place, "sendmsg", EAGAIN, 2};
+};
+
+TEST_F(PtcpFailingCalls, WhoHasBlockedThePortItselfStillNoticesThatThePeerIsGone) {
+  Begin();
+  ASSERT_EQ(SendText(*client, "first"), keelbase::AW_OK);
+  ASSERT_TRUE(WaitFor([&] { return serverSink.received == "first"; }));
+  keelbase::internal::ManualClock clock;
+  auto& loop = keelbase::CAWThreadManager::Instance()
+                   ->GetThread(keelbase::CAWThreadManager::TT_NETWORK)
+                   ->GetLoop();
+  FullThenLost system;
+  keelbase::internal::Timer behind(loop);
+  // Both ends ask for a sign of life before.
+  behind.Start(std::chrono::seconds(4), 1, [&] { loop.AtTurnEnd(system); });
+  for (int i = 0; i < 8; ++i) {
+    clock.Advance(std::chrono::seconds(4));
+    zarn::test::RunReady();
+  }
+  for (const Recorder* sink : {&clientSink, &serverSink}) {
+    EXPECT_TRUE(sink->ended);
+    EXPECT_EQ(sink->reason, ETIMEDOUT);
+  }
 }
 
 TEST_F(PtcpFailingCalls, WhoFindsNoMemoryToWaitForABlockedPortEndsWithAReason) {

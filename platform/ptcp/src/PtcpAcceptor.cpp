@@ -70,7 +70,8 @@ int PtcpAcceptor::Listen(const CAWInetAddr& addr) {
     port_ = new UdpPort(GetLoop());
     if (const int error = port_->Open(&addr, nullptr); error != 0) return error;
   }
-  port_->Listen([this](const Path& from, Bytes datagram) { OnStranger(from, datagram); });
+  port_->Listen(
+      [this](const Path& from, Bytes datagram, Time now) { OnStranger(from, datagram, now); });
   local_ = port_->GetLocalAddr();
   return 0;
 }
@@ -85,16 +86,16 @@ void PtcpAcceptor::Stop() {
 }
 
 // Without memory this packet was not seen; the client sends it again.
-void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram) {
+void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram, Time now) {
   const auto initial = ReadInitial(datagram);
   if (!initial) return;
   try {
     if (initial->token.empty()) {
       if (halfOpen_.size() >= halfOpenLimit_) return AskAgain(from, *initial);
-      return Admit(from, *initial, initial->destination, datagram);
+      return Admit(from, *initial, initial->destination, datagram, now);
     }
-    const auto original = tokens_.Check(initial->token, from.peer, initial->destination, Now());
-    if (original) Admit(from, *initial, *original, datagram);
+    const auto original = tokens_.Check(initial->token, from.peer, initial->destination, now);
+    if (original) Admit(from, *initial, *original, datagram, now);
   } catch (const std::bad_alloc&) {
   }
 }
@@ -109,13 +110,13 @@ void PtcpAcceptor::AskAgain(const Path& from, const InitialHeader& initial) {
 }
 
 void PtcpAcceptor::Admit(const Path& from, const InitialHeader& initial,
-                         const ConnectionId& original, Bytes datagram) {
+                         const ConnectionId& original, Bytes datagram, Time now) {
   const CAWAutoPtr<PtcpEngine> engine(new PtcpEngine(GetLoop(), port_, from));
   PtcpEngine* const key = engine.Get();
   halfOpen_.emplace(key, engine);
   bool begun = false;
   try {
-    begun = engine->Accept(initial, original, datagram,
+    begun = engine->Accept(initial, original, datagram, now,
                            [this, key](int error) { OnHandshake(key, error); });
   } catch (const std::bad_alloc&) {
   }

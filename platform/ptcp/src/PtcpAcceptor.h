@@ -23,16 +23,16 @@ class PtcpAcceptor final : public keelbase::internal::LoopObject<IAWPseudoTCPAcc
   // Half-open connections.
   std::size_t TEST_HalfOpen() const { return halfOpen_.size(); }
   // As if it had come in at the port.
-  void TEST_OnStranger(const Path& from, Bytes datagram) { OnStranger(from, datagram); }
+  void TEST_OnStranger(const Path& from, Bytes datagram) { OnStranger(from, datagram, Now()); }
 
  private:
   void OnLastReference() override { StopListen(); }
   int Listen(const keelbase::CAWInetAddr& addr);
   void Stop();
-  void OnStranger(const Path& from, Bytes datagram);
+  void OnStranger(const Path& from, Bytes datagram, Time now);
   void AskAgain(const Path& from, const InitialHeader& initial);
   void Admit(const Path& from, const InitialHeader& initial, const ConnectionId& original,
-             Bytes datagram);
+             Bytes datagram, Time now);
   void OnHandshake(PtcpEngine* engine, int error);
 
   IAWPseudoTCPAcceptorConnectorSink* sink_ = nullptr;  // null: not listening

@@ -32,11 +32,7 @@ AWResult PtcpConnector::AsyncConnect(IAWPseudoTCPAcceptorConnectorSink* sink,
     if (local != nullptr) local_ = *local;
     deadline_.reset();
     if (timeout != nullptr) deadline_ = Clock::After(timeout->ToDuration());
-    try {
-      timer_.Start(std::chrono::microseconds(0), 1, [this] { Begin(); });
-    } catch (const std::bad_alloc&) {
-      return;
-    }
+    timer_.Start(std::chrono::microseconds(0), 1, [this] { Begin(); });
     sink_ = sink;
     result = AW_OK;
   });

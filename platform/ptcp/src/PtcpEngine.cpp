@@ -76,8 +76,7 @@ bool PtcpEngine::Connect(OnHandshake done) {
 }
 
 bool PtcpEngine::Accept(const InitialHeader& initial, const ConnectionId& original, Bytes datagram,
-                        OnHandshake done) {
-  const Time now = Now();
+                        Time now, OnHandshake done) {
   if (!AddId(initial.destination) || !connection_.Accept(initial, original, now)) return false;
   connection_.Receive(datagram, now);
   if (connection_.IsDead()) return false;
@@ -145,8 +144,7 @@ void PtcpEngine::OnTurnEnd() {
 }
 
 void PtcpEngine::Flush() {
-  if (!onPort_) return;
-  if (port_->IsBlocked()) return WaitUntilFree();
+  if (!onPort_ || port_->IsBlocked()) return;
   const std::uint64_t writes = port_->Writes();
   connection_.Flush(Now());
   port_->FlushBatch();
@@ -154,27 +152,33 @@ void PtcpEngine::Flush() {
 }
 
 void PtcpEngine::WaitUntilFree() {
+  if (awaitsPort_) return;
   try {
     port_->WaitUntilFree(*this);
-  } catch (const std::bad_alloc&) {
-    connection_.Fail(ENOMEM);
-  }
-}
-
-// A timer that is due too early only looks and is set again: cheaper than setting it for each
-// packet.
-void PtcpEngine::Schedule() {
-  const Time due = state_ == State::lingering ? LingerDue() : connection_.Due();
-  if (due == kNever || due >= timerDue_ || port_->IsBlocked()) return;  // OnPortFree comes back
-  const Time now = Now();
-  const auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);
-  try {
-    timer_.Start(std::chrono::ceil<std::chrono::microseconds>(wait), 1, [this] { OnTimer(); });
-    timerDue_ = due;
+    awaitsPort_ = true;
   } catch (const std::bad_alloc&) {
     connection_.Fail(ENOMEM);
     WantTurnEnd();
   }
+}
+
+void PtcpEngine::OnPortFree() {
+  awaitsPort_ = false;
+  WantTurnEnd();
+}
+
+// A timer that is due too early only looks and is set again: cheaper than setting it for each
+// packet. While the port is blocked, by this flush or another's, there is nothing to be done in
+// time.
+void PtcpEngine::Schedule() {
+  if (!onPort_) return;
+  if (port_->IsBlocked()) return WaitUntilFree();
+  const Time due = state_ == State::lingering ? LingerDue() : connection_.Due();
+  if (due == kNever || due >= timerDue_) return;
+  const Time now = Now();
+  const auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);
+  timer_.Start(std::chrono::ceil<std::chrono::microseconds>(wait), 1, [this] { OnTimer(); });
+  timerDue_ = due;
 }
 
 void PtcpEngine::OnTimer() {

@@ -35,7 +35,7 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   // One of the two begins. Nothing is told to `done` when it fails: false, without memory or for a
   // first packet that makes no sense.
   bool Connect(OnHandshake done);
-  bool Accept(const InitialHeader& initial, const ConnectionId& original, Bytes datagram,
+  bool Accept(const InitialHeader& initial, const ConnectionId& original, Bytes datagram, Time now,
               OnHandshake done);
   void Abort();  // ends a handshake; `done` is not called
 
@@ -61,7 +61,7 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   void OnBatchEnd() override;
   bool MayHaveSent(Bytes packet) const override { return connection_.MayHaveSent(packet); }
   void OnPortError(int error) override;
-  void OnPortFree() override { WantTurnEnd(); }
+  void OnPortFree() override;
   Time LingerDue() const override { return std::min(lingerEnd_, connection_.Due()); }
   void OnLinger() override;
 
@@ -96,6 +96,7 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   bool roomWanted_ = false;  // 10013 was answered
   bool dirty_ = false;       // OnTurnEnd is due
   bool onPort_ = true;
+  bool awaitsPort_ = false;  // OnPortFree will come
   keelbase::internal::Timer timer_;
   Time timerDue_ = kNever;  // kNever: not started
 

@@ -179,11 +179,7 @@ bool UdpPort::ReadFailed(int error) {
   if (readFailures_ == kMostFailures)
     keelbase::internal::TraceError("no datagram can be received for now", error);
   loop_.Unwatch(socket_.Get(), *this);
-  try {
-    readPause_.Start(kReadPause, 1, [this] { ResumeReading(); });
-  } catch (const std::bad_alloc&) {
-    ResumeReading();
-  }
+  readPause_.Start(kReadPause, 1, [this] { ResumeReading(); });
   return false;
 }
 
@@ -196,7 +192,7 @@ void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
   const auto id = DestinationOf(datagram);
   if (!id) return;
   const auto found = users_.find(*id);
-  if (found == users_.end()) return OnUnknown(from, *id, datagram);
+  if (found == users_.end()) return OnUnknown(from, *id, datagram, now);
   PortUser* const user = found->second;
   if (!(user->GetPath().peer == from.peer)) return;
   if (touched_.empty() || touched_.back() != user) touched_.push_back(user);
@@ -204,10 +200,10 @@ void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
 }
 
 // A first packet, or one of a connection that is over here while its peer does not know.
-void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram) {
+void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram, Time now) {
   constexpr std::uint8_t kLongHeader = 0x80;
   if ((datagram[0] & kLongHeader) != 0) {
-    if (stranger_ != nullptr) stranger_(from, datagram);
+    if (stranger_ != nullptr) stranger_(from, datagram, now);
     return;
   }
   // A function's own type would be exported with the library's symbols.

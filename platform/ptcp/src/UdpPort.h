@@ -44,7 +44,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
                       private keelbase::internal::Watcher,
                       private keelbase::internal::LingerTask {
  public:
-  using OnStranger = std::function<void(const Path& from, Bytes datagram)>;
+  using OnStranger = std::function<void(const Path& from, Bytes datagram, Time now)>;
 
   explicit UdpPort(keelbase::internal::EventLoop& loop);
   ~UdpPort() override;
@@ -71,7 +71,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   void FlushBatch();
   std::uint64_t Writes() const { return socket_.Writes(); }
 
-  // The system takes no more for now. OnPortFree will tell.
+  // The system takes no more for now. OnPortFree tells those who wait, once.
   bool IsBlocked() const { return blocked_; }
   void WaitUntilFree(PortUser& user) { waiting_.push_back(&user); }
 
@@ -100,7 +100,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool ReadFailed(int error);
   void ResumeReading();
   void Dispatch(const Path& from, Bytes datagram, Time now);
-  void OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram);
+  void OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram, Time now);
   void EndBatch();
   void BecomeFree();
   bool WriteBatch();
