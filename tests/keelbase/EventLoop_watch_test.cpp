@@ -139,6 +139,46 @@ TEST(EventLoop, WatcherThatIsUnwatchedWithinTheTurnHearsNothing) {
   });
 }
 
+TEST(EventLoop, WhatAStopLeavesOfABatchIsServedWhenTheLoopRunsAgain) {
+  WithLoop([](EventLoop& loop) {
+    SocketPair one;
+    SocketPair two;
+    RecordingWatcher first;
+    RecordingWatcher second;
+    first.then = second.then = [&] { loop.Stop(); };
+    ASSERT_EQ(loop.Watch(one.near.Get(), EPOLLIN | EPOLLET, first), 0);
+    ASSERT_EQ(loop.Watch(two.near.Get(), EPOLLIN | EPOLLET, second), 0);
+    ASSERT_EQ(::write(one.far.Get(), "x", 1), 1);
+    ASSERT_EQ(::write(two.far.Get(), "x", 1), 1);
+    loop.Run();
+    EXPECT_EQ(first.calls + second.calls, 1);
+    Timer limit(loop);
+    limit.Start(std::chrono::seconds(10), 1, [&] { loop.Stop(); });
+    loop.Run();
+    EXPECT_EQ(first.calls, 1);
+    EXPECT_EQ(second.calls, 1);
+  });
+}
+
+TEST(EventLoop, WatcherThatIsUnwatchedBehindAStopHearsNothing) {
+  WithLoop([](EventLoop& loop) {
+    SocketPair one;
+    SocketPair two;
+    RecordingWatcher first;
+    RecordingWatcher second;
+    first.then = second.then = [&] { loop.Stop(); };
+    ASSERT_EQ(loop.Watch(one.near.Get(), EPOLLIN, first), 0);
+    ASSERT_EQ(loop.Watch(two.near.Get(), EPOLLIN, second), 0);
+    ASSERT_EQ(::write(one.far.Get(), "x", 1), 1);
+    ASSERT_EQ(::write(two.far.Get(), "x", 1), 1);
+    loop.Run();
+    loop.Unwatch(one.near.Get(), first);
+    loop.Unwatch(two.near.Get(), second);
+    loop.RunReady();
+    EXPECT_EQ(first.calls + second.calls, 1);
+  });
+}
+
 TEST(EventLoop, WatchingABadDescriptorIsAnError) {
   WithLoop([](EventLoop& loop) {
     RecordingWatcher watcher;

@@ -148,8 +148,11 @@ bool EventLoop::RunReady() {
 
 bool EventLoop::Turn(std::int64_t timeoutNs) {
   try {
-    const int count = WaitForEvents(epoll_.Get(), batch_.data(), kBatch, timeoutNs);
-    bool any = count > 0 && Dispatch(count);
+    if (batchAt_ == batchEnd_) {
+      batchAt_ = 0;
+      batchEnd_ = std::max(0, WaitForEvents(epoll_.Get(), batch_.data(), kBatch, timeoutNs));
+    }
+    bool any = Dispatch();
     any |= RunPollers();
     if (hasPosted_.load(std::memory_order_acquire)) any |= RunPosted();
     any |= RunTimers();
@@ -160,18 +163,17 @@ bool EventLoop::Turn(std::int64_t timeoutNs) {
   }
 }
 
-bool EventLoop::Dispatch(int count) {
+// What a stop leaves of the batch is served when the loop runs again: an edge is told only once.
+bool EventLoop::Dispatch() {
   bool any = false;
-  batchEnd_ = count;
-  for (int i = 0; i < batchEnd_ && !IsStopping(); ++i) {
-    const epoll_event event = batch_[static_cast<std::size_t>(i)];
+  while (batchAt_ < batchEnd_ && !IsStopping()) {
+    const epoll_event event = batch_[static_cast<std::size_t>(batchAt_++)];
     auto* watcher = static_cast<Watcher*>(event.data.ptr);
     if (watcher == nullptr) continue;  // the wake-up, or unwatched within this turn
     if ((event.events & EPOLLIN) != 0) recent_ = watcher;
     watcher->OnReady(event.events);
     any = true;
   }
-  batchEnd_ = 0;
   return any;
 }
 
@@ -382,7 +384,7 @@ int EventLoop::Change(int fd, std::uint32_t events, Watcher& watcher) {
 void EventLoop::Unwatch(int fd, Watcher& watcher) {
   Control(epoll_.Get(), EPOLL_CTL_DEL, fd, 0, nullptr);
   if (recent_ == &watcher) recent_ = nullptr;
-  for (int i = 0; i < batchEnd_; ++i) {
+  for (int i = batchAt_; i < batchEnd_; ++i) {
     epoll_event& event = batch_[static_cast<std::size_t>(i)];
     if (event.data.ptr == &watcher) event.data.ptr = nullptr;
   }

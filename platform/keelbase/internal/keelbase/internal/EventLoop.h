@@ -162,7 +162,7 @@ class KEELBASE_API EventLoop {
  private:
   bool IsLingering(const LingerTask& task) const;
   bool Turn(std::int64_t timeoutNs);  // below 0: for ever
-  bool Dispatch(int count);
+  bool Dispatch();
   bool RunPosted();
   bool RunTasks();
   static LoopTask* Reversed(LoopTask* list);
@@ -206,6 +206,7 @@ class KEELBASE_API EventLoop {
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};
+  int batchAt_ = 0;  // what stands before it was served
   int batchEnd_ = 0;
   Watcher* recent_ = nullptr;  // the last one with input: looked at while the loop spins
   std::uint32_t likelyServed_ = 0;
