@@ -202,6 +202,64 @@ TEST(StreamSocket, LingersThatNobodyReadsEndInTime) {
   });
 }
 
+TEST(StreamSocket, OneWhosePeerHasOnlyEndedItsSideWritesWhatWasTakenAndRests) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    const std::string text(1 << 20, 'x');
+    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.socket->Send(block), AW_ERROR_PARTIAL_DATA);
+    const std::string taken = text.substr(block.GetLength()) + "tail";
+    EXPECT_EQ(pair.Send("tail"), AW_OK);
+    ::shutdown(pair.peer.Get(), SHUT_WR);
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.ends == 1; }));
+    std::string got;
+    EXPECT_TRUE(TurnUntil(loop, [&] {
+      got += pair.Read();
+      return got.size() >= taken.size();
+    }));
+    EXPECT_TRUE(got == taken);
+    loop.RunReady();  // returns: nothing is ready for ever
+    pair.peer.Reset();
+    loop.RunReady();
+    EXPECT_EQ(sink.rooms, 0);
+  });
+}
+
+TEST(StreamSocket, CloseWithUnreadInputIsAnOrderlyEndAndLosesNothing) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
+    EXPECT_EQ(pair.Send("answer"), AW_OK);
+    pair.socket->Disconnect();
+    EXPECT_EQ(::write(pair.peer.Get(), "more", 4), 4);
+    loop.RunReady();
+    EXPECT_EQ(pair.Read(), "answer");
+    char byte;
+    EXPECT_EQ(::recv(pair.peer.Get(), &byte, 1, MSG_DONTWAIT), 0);
+    EXPECT_TRUE(sink.received.empty());
+    pair.peer.Reset();
+    loop.FinishLingers();  // it ends with its peer
+  });
+}
+
+TEST(StreamSocket, PeerThatSendsForEverIsListenedToForTheLingerTimeOnly) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    pair.socket->SetLinger(50);
+    EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
+    pair.socket->Disconnect();
+    EXPECT_TRUE(TurnUntil(loop, [&] {
+      return ::send(pair.peer.Get(), "more", 4, MSG_NOSIGNAL) < 0 && errno == EPIPE;
+    }));
+  });
+}
+
 TEST(StreamSocket, OneReceiveEventBringsNoMoreThanTheReadSize) {
   WithLoop([](EventLoop& loop) {
     Pair pair(loop);

@@ -104,6 +104,17 @@ TYPED_TEST(TransportEnds, NothingComesAfterDisconnect) {
   EXPECT_EQ(c.Send("x"), AW_ERROR_NOT_INITIALIZED);
 }
 
+TYPED_TEST(SocketTransportEnds, DisconnectWithUnreadInputLosesNothingAndIsAnOrderlyEnd) {
+  TypeParam c;
+  c.Open();
+  c.StopReading(true);
+  EXPECT_NE(c.peer.Send(Pattern(100000)), 0U);
+  const std::string taken = c.Fill();
+  EXPECT_EQ(c.transport->Disconnect(0), AW_OK);
+  EXPECT_TRUE(c.ReceiveAll() == taken);
+  EXPECT_EQ(c.peer.error, 0);
+}
+
 TYPED_TEST(TransportEnds, DisconnectInsideAReceiveEndsTheEvents) {
   TypeParam c;
   c.Set(keelbase::AW_OPT_READ_SIZE, std::uint32_t{40000});

@@ -1,6 +1,7 @@
 // StreamSocket.cpp - see StreamSocket.h.
 #include "keelbase/internal/StreamSocket.h"
 
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -95,11 +96,14 @@ AWResult StreamSocket::Open(StreamSocketSink* sink) {
 // --- events ---
 
 void StreamSocket::UpdateWatch() {
-  if (state_ == State::fresh) return;  // nobody to tell; Open looks after it
+  // Fresh: there is nobody to tell; Open looks after it.
+  if (state_ == State::fresh || state_ == State::closed) return;
   std::uint32_t events = 0;
   if (state_ == State::open) events |= EPOLLRDHUP | (reading_ ? EPOLLIN : 0U);
+  if (state_ == State::draining) events |= EPOLLIN;
   if (blocked_) events |= EPOLLOUT;
-  if (watched_ ? events == watchedEvents_ : events == 0) return;
+  if (events == 0) return Unwatch();
+  if (watched_ && events == watchedEvents_) return;
   const int error = watched_ ? loop_.Change(descriptor_.Get(), events, *this)
                              : loop_.Watch(descriptor_.Get(), events, *this);
   if (error != 0) return WriteFailed(error);
@@ -107,22 +111,28 @@ void StreamSocket::UpdateWatch() {
   watchedEvents_ = events;
 }
 
+void StreamSocket::Unwatch() {
+  if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
+}
+
 void StreamSocket::OnReady(std::uint32_t events) {
   const CAWAutoPtr<StreamSocket> alive(this);
   const bool over = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-  if (state_ == State::lingering) return WriteLingering();
-  if ((events & EPOLLOUT) != 0 && blocked_) {
-    blocked_ = false;
-    WriteOut(nullptr);
-    if (!blocked_ && roomWanted_) TellRoom();
-    if (state_ != State::open) return;
-    UpdateWatch();
-  }
+  if (state_ >= State::lingering) return WriteLingering();
+  if (blocked_ && (over || (events & EPOLLOUT) != 0)) WriteAgain();
+  if (state_ != State::open) return;
   if (reading_ && (over || (events & EPOLLIN) != 0)) {
     ReadOnce();
   } else if (over) {
     ReadRest();
   }
+}
+
+void StreamSocket::WriteAgain() {
+  blocked_ = false;
+  WriteOut(nullptr);
+  if (!blocked_ && roomWanted_) TellRoom();
+  UpdateWatch();
 }
 
 bool StreamSocket::OnSpin() {
@@ -187,8 +197,8 @@ void StreamSocket::TellRoom() {
 void StreamSocket::End(long reason) {
   if (state_ != State::open) return;
   state_ = State::ended;
-  blocked_ = false;
-  if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
+  blocked_ = blocked_ && reason == 0;  // who has only ended its side still takes what we have
+  UpdateWatch();
   TellOwner([sink = std::exchange(sink_, nullptr), reason] { sink->OnEnd(reason); });
 }
 
@@ -202,7 +212,7 @@ void StreamSocket::StopReading(bool stop) {
 
 AWResult StreamSocket::Send(CAWMessageBlock& chain) {
   loop_.CheckCurrent("a transport's SendData");
-  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (state_ >= State::lingering) return AW_ERROR_NOT_INITIALIZED;
   if (writeError_ != 0) return static_cast<AWResult>(writeError_);
   if (state_ == State::ended) return AW_ERROR_FAILURE;
 
@@ -300,12 +310,12 @@ void StreamSocket::GiveGather() {
 
 void StreamSocket::Disconnect() {
   loop_.CheckCurrent("a transport's Disconnect");
-  if (state_ == State::lingering || state_ == State::closed) return;
+  if (state_ >= State::lingering) return;
   const CAWAutoPtr<StreamSocket> alive(this);
   sink_ = nullptr;
   state_ = State::lingering;
   if (!blocked_) WriteLingerData();
-  if (writeError_ != 0 || !HasOutput() || lingerMs_ == 0) return CloseNow();
+  if (lingerMs_ == 0 || !GoOnClosing()) return CloseNow();
   self_ = this;
   lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
   try {
@@ -320,7 +330,7 @@ void StreamSocket::Disconnect() {
 }
 
 AWResult StreamSocket::AddLingerData(const CAWMessageBlock& chain) {
-  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (state_ >= State::lingering) return AW_ERROR_NOT_INITIALIZED;
   CAWMessageBlock* copy = nullptr;
   try {
     copy = chain.DuplicateChained();
@@ -337,9 +347,35 @@ AWResult StreamSocket::AddLingerData(const CAWMessageBlock& chain) {
 
 void StreamSocket::WriteLingering() {
   const CAWAutoPtr<StreamSocket> alive(this);
-  blocked_ = false;
-  WriteLingerData();
-  if (writeError_ != 0 || !HasOutput()) CloseNow();
+  if (state_ == State::lingering) {
+    blocked_ = false;
+    WriteLingerData();
+  }
+  if (!GoOnClosing()) return CloseNow();
+  UpdateWatch();
+}
+
+// A close with unread input makes TCP drop what is still on its way to the peer. So then the peer
+// is told the end, and what it sends is dropped until it ends too. False: nothing is left to do.
+bool StreamSocket::GoOnClosing() {
+  if (writeError_ != 0) return false;
+  if (state_ == State::draining) return DropInput();
+  if (HasOutput()) return true;
+  if (!HasInput()) return false;
+  state_ = State::draining;
+  return ::shutdown(descriptor_.Get(), SHUT_WR) == 0;
+}
+
+bool StreamSocket::HasInput() const {
+  int unread = 0;
+  return ::ioctl(descriptor_.Get(), FIONREAD, &unread) == 0 && unread > 0;
+}
+
+// False: nothing more can come.
+bool StreamSocket::DropInput() {
+  std::array<char, 16 * 1024> bytes;
+  const ssize_t count = ::recv(descriptor_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  return count > 0 || (count < 0 && (IsWouldBlock(errno) || errno == EINTR));
 }
 
 void StreamSocket::WriteLingerData() {
@@ -352,7 +388,7 @@ void StreamSocket::CloseNow() {
   state_ = State::closed;
   sink_ = nullptr;
   if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
-  if (std::exchange(watched_, false)) loop_.Unwatch(descriptor_.Get(), *this);
+  Unwatch();
   descriptor_.Reset();
   GiveGather();
   if (lingerData_ != nullptr) std::exchange(lingerData_, nullptr)->DestroyChained();

@@ -44,7 +44,8 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   // See IAW...Transport::SendData.
   AWResult Send(CAWMessageBlock& chain);
 
-  // Detaches the sink; what was taken is written, within the linger time.
+  // Detaches the sink; what was taken is written, within the linger time. With unread input the
+  // close waits as long for the peer's, and drops what comes meanwhile.
   void Disconnect();
 
   void StopReading(bool stop);
@@ -60,13 +61,16 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   EventLoop& GetLoop() const { return loop_; }
 
  private:
-  enum class State { fresh, open, ended, lingering, closed };
+  enum class State { fresh, open, ended, lingering, draining, closed };
 
   void OnLastReference() override;
   void OnReady(std::uint32_t events) override;
   bool OnSpin() override;
   void OnTurnEnd() override;
   int LingerDescriptor() const override { return descriptor_.Get(); }
+  std::uint32_t LingerEvents() const override {
+    return state_ == State::draining ? EPOLLIN : EPOLLOUT;
+  }
   Clock::Point LingerDeadline() const override { return lingerEnd_; }
   void WriteLingering() override;
   void AbandonLinger() override { CloseNow(); }
@@ -78,13 +82,18 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   void End(long reason);
   void CloseNow();
   void UpdateWatch();
+  void Unwatch();
 
   void GiveGather();
   std::size_t Gathered() const { return gatherEnd_ - gatherBegin_; }
   bool CopyIn(CAWMessageBlock& chain, std::size_t length);
   void WantTurnEnd();
   bool WriteOut(CAWMessageBlock* chain);
+  void WriteAgain();
   void WriteLingerData();
+  bool GoOnClosing();
+  bool HasInput() const;
+  bool DropInput();
   void Written(std::size_t count);
   void WriteFailed(int error);
   bool HasOutput() const { return Gathered() != 0 || lingerData_ != nullptr; }
