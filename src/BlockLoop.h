@@ -41,10 +41,11 @@ ReceivePass OfferBlocks(Stream& stream, detail::Generation& generation, const bo
     duplicate.reset();
     if (watch.IsDestroyed()) return ended(End::kDestroyed);
     if (watch.HasChanged() && !closed) return ended(End::kReplaced);
+    const bool tooLong = pass.answered > pass.offered;
+    if (pass.answered != 0 && !tooLong) ++counters.messagesReceived;
     if (closed) return ended(End::kClosed);
-    if (pass.answered > pass.offered) return ended(End::kTooLong);
+    if (tooLong) return ended(End::kTooLong);
     if (pass.answered == 0) return pass;
-    ++counters.messagesReceived;
     bytes.AdvanceChainedReadPtr(pass.answered);
     pass.consumed += pass.answered;
     if (pass.answered < pass.offered && partly() != keelbase::AW_OK) return ended(End::kNoMemory);
@@ -83,12 +84,15 @@ ReceivePass OfferBlocksKeepingRest(Stream& stream, detail::Generation& generatio
   counters.bytesReceived += data.GetChainedLength();
   if (received.GetLength() != 0)
     return OfferHeldBlocks(stream, generation, closed, counters, received, data);
-  if (data.GetChainedLength() == 0) return {};
+  ReceivePass pass;
+  if (closed) pass.end = End::kClosed;
+  if (data.GetChainedLength() == 0) return pass;
   const auto keepRest = [&] {
     received.Clear();
     return received.Append(data);
   };
-  ReceivePass pass = OfferBlocks(stream, generation, closed, counters, data, keepRest);
+  pass = OfferBlocks(stream, generation, closed, counters, data, keepRest);
+  if (pass.end == End::kReplaced) received.Clear();  // it came over the earlier connection
   const bool incomplete = pass.end == End::kNeedMore && pass.answered == 0;
   if (incomplete && keepRest() != keelbase::AW_OK) pass.end = End::kNoMemory;
   return pass;
@@ -116,12 +120,13 @@ ReceivePass::End OfferSameBlock(Stream& stream, keelbase::CAWMessageBlock& data,
       TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
       return End::kClosed;
     }
-    if (closed || answered == 0) break;
+    if (answered == 0) break;
     ++counters.messagesReceived;
+    counters.bytesReceived += answered;
     consumed += answered;
+    if (closed) break;
   }
   if (closed) return End::kClosed;
-  counters.bytesReceived += consumed;
   const std::size_t left = length - consumed;
   if (data.GetLength() > left) data.AdvanceReadPtr(data.GetLength() - left);
   return End::kNeedMore;

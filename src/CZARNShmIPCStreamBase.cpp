@@ -46,6 +46,7 @@ void CZARNShmIPCStreamBase::OnShmIPCConnectIndication(long reason,
     keelbase::CAWAutoPtr<fshmipc::IAWShmIPCTransport> connected(transport);
     reason = static_cast<long>(SetTransportHandle(connected));
     if (reason == 0) {
+      closed_ = false;
       OnConnected(0);
       return;
     }

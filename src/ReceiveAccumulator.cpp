@@ -40,7 +40,9 @@ bool ReceiveAccumulator::Adopt(const CAWMessageBlock& block) {
 }
 
 void ReceiveAccumulator::Copy(const CAWMessageBlock& data, std::size_t length) {
-  const bool fits = block_ != nullptr && own_ && block_->GetSpace() >= length;
+  // A handler that is given blocks may have kept a duplicate of this one.
+  const bool fits =
+      block_ != nullptr && own_ && !block_->IsShared() && block_->GetSpace() >= length;
   // Twice what is needed: moving what is held is then paid for by the bytes that come before the
   // next.
   if (!fits) MoveTo(std::max(kFirstCapacity, 2 * (GetLength() + length)));

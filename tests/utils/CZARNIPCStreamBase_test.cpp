@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "Blocks.h"
 #include "NetworkThread.h"
 #include "RecordingStream.h"
+#include "StoredSize.h"
 #include "TraceLines.h"
 
 namespace zarn::test {
@@ -34,6 +36,19 @@ TEST_F(CZARNIPCStreamBaseRules, OverBufferFlagsAreNeverSet) {
   transport->Receive("much more than one byte");
   EXPECT_FALSE(stream->IsSendOverBuffer());
   EXPECT_FALSE(stream->IsRcvOverBuffer());
+}
+
+TEST_F(CZARNIPCStreamBaseRules, BufferSizesStartAt32768AndAreStoredAsTheyAre) {
+  const auto setReceive = [&](std::uint32_t size) { stream->SetRcvBufferSize(size); };
+  const StoredSize received(*stream, setReceive, 32768);
+  const auto setSend = [&](std::uint32_t size) { stream->SetSendBufferSize(size); };
+  const StoredSize sent(*stream, setSend, 32768);
+  for (const std::uint32_t size : {0U, 65536U, 0xFFFFFFFFU}) {
+    setReceive(size);
+    EXPECT_EQ(received.Get(), size);
+    setSend(size);
+    EXPECT_EQ(sent.Get(), size);
+  }
 }
 
 // --- connecting ---

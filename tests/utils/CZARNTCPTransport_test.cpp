@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 #include "Blocks.h"
 #include "NetworkThread.h"
 #include "RecordingBlocks.h"
+#include "StoredSize.h"
 #include "TraceLines.h"
 #include "VirtualSlot.h"
 
@@ -35,6 +37,19 @@ class CZARNTCPTransportTest : public ::testing::Test, public StreamFixture<OverT
     stream->onMessage = [count](CAWMessageBlock&) { return count; };
   }
 };
+
+TEST_F(CZARNTCPTransportTest, BufferSizesStartAt1048576AndAreStoredAsTheyAre) {
+  const auto setReceive = [&](std::uint32_t size) { stream->SetRcvBufferSize(size); };
+  const StoredSize received(*stream, setReceive, 1048576);
+  const auto setSend = [&](std::uint32_t size) { stream->SetSendBufferSize(size); };
+  const StoredSize sent(*stream, setSend, 1048576);
+  for (const std::uint32_t size : {0U, 65536U, 0xFFFFFFFFU}) {
+    setReceive(size);
+    EXPECT_EQ(received.Get(), size);
+    setSend(size);
+    EXPECT_EQ(sent.Get(), size);
+  }
+}
 
 // --- attaching ---
 

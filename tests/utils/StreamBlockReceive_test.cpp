@@ -220,6 +220,17 @@ TYPED_TEST(StreamBlockReceive, NewTransportInsideTheHandlerIsNotTouchedByTheOldL
   EXPECT_TRUE(this->stream->upcalls.empty());
 }
 
+TYPED_TEST(StreamBlockReceive, NewTransportInsideALaterFrameHearsNothingOfTheOldOne) {
+  typename TestFixture::Transport fresh;
+  this->stream->onMessage = [&](CAWMessageBlock& data) {
+    if (this->stream->frames.size() == 1) fresh = this->Attach();
+    return this->stream->TakeFrame(data);
+  };
+  this->transport->Receive("one;two;three;");
+  fresh->Receive("four;");
+  EXPECT_EQ(this->stream->frames, (Strings{"one", "two", "four"}));
+}
+
 TYPED_TEST(StreamBlockReceive, DeletingItselfInsideTheHandlerIsAllowedOnBothPaths) {
   for (const bool held : {false, true}) {
     this->stream = std::make_unique<typename TestFixture::Stream>(&this->log);
@@ -252,6 +263,23 @@ TYPED_TEST(StreamBlockReceive, BytesForAClosedStreamAreOfferedOnceAndTornDown) {
   this->stream->OnReceive(*Chain({"one;two;"}), nullptr, nullptr);
   EXPECT_EQ(this->stream->frames, Strings{"one"});
   EXPECT_EQ(this->stream->upcalls, Strings{"OnPeerDisconnect(0)"});
+}
+
+TYPED_TEST(StreamBlockReceive, EmptyEventForAClosedStreamTearsItDownToo) {
+  this->stream->Disconnect(0);
+  this->stream->OnReceive(*Chain({""}), nullptr, nullptr);
+  EXPECT_TRUE(this->stream->views.empty());
+  EXPECT_EQ(this->stream->upcalls, Strings{"OnPeerDisconnect(0)"});
+}
+
+TYPED_TEST(StreamBlockReceive, FrameWhoseHandlerDisconnectsIsCounted) {
+  this->stream->onMessage = [&](CAWMessageBlock& data) {
+    this->stream->Disconnect(0);
+    return this->stream->TakeFrame(data);
+  };
+  this->transport->Receive("one;two;");
+  EXPECT_EQ(this->stream->GetCounters().messagesReceived, 1U);
+  EXPECT_EQ(this->stream->GetCounters().bytesReceived, 8U);
 }
 
 TYPED_TEST(StreamBlockReceive, ReadingStopsAboveTheLimitAndGoesOnBelowIt) {

@@ -100,6 +100,23 @@ TYPED_TEST(StreamConnect, MessageSentWhileAConnectIsPendingIsRefused) {
   EXPECT_EQ(this->stream->GetSendQueueLength(), 0U);
 }
 
+TYPED_TEST(StreamConnect, StreamIsOpenOnceItIsConnectedWhateverItsAttachingHasDone) {
+  using Handle = typename TestFixture::Handle;
+  class ClosesItself final : public TypeParam::Stream {
+   public:
+    using TypeParam::Stream::Stream;
+    keelbase::AWResult SetTransportHandle(Handle& handle) override {
+      const keelbase::AWResult result = TypeParam::Stream::SetTransportHandle(handle);
+      this->Close(0);
+      return result;
+    }
+  };
+  this->stream = std::make_unique<ClosesItself>(&this->log);
+  this->ConnectFully();
+  EXPECT_FALSE(this->stream->IsClosed());
+  EXPECT_EQ(this->stream->upcalls, Strings{"OnConnected(0)"});
+}
+
 TYPED_TEST(StreamConnect, CloseThenConnectStartsWithEmptyBuffers) {
   auto old = this->Attach();
   old->AnswerNext(AW_ERROR_PARTIAL_DATA, 2);

@@ -49,6 +49,14 @@ TYPED_TEST(StreamReceive, HandlerIsNotCalledWithoutBytes) {
   EXPECT_EQ(this->stream->views.size(), 1U);
 }
 
+TYPED_TEST(StreamReceive, EventWithoutBytesForAClosedStreamIsIgnored) {
+  this->stream->Close(0);
+  this->stream->upcalls.clear();
+  this->transport->Receive("");
+  EXPECT_TRUE(this->stream->views.empty());
+  EXPECT_TRUE(this->stream->upcalls.empty());
+}
+
 TYPED_TEST(StreamReceive, UnfinishedFrameIsOfferedAgainWithEachEvent) {
   this->transport->Receive("a");
   this->transport->Receive("b");

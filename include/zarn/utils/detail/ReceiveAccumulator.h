@@ -38,7 +38,7 @@ class ZARNUTILS_API ReceiveAccumulator {
   void MoveTo(std::size_t capacity);
 
   std::unique_ptr<keelbase::CAWMessageBlock> block_;  // null when nothing is held; never a chain
-  bool own_ = false;                                  // made here, so nobody shares its bytes
+  bool own_ = false;                                  // made here, to be added to
 };
 
 }  // namespace zarn::utils::detail
