@@ -94,7 +94,9 @@ struct TlsPair {
     if (ciphers != nullptr) SSL_set_cipher_list(ssl.get(), ciphers);
     clientSsl = ssl.get();
     Make(client, std::move(ssl));
-    Make(server_, context.MakeSsl());
+    ssl = context.MakeSsl();
+    serverSsl = ssl.get();
+    Make(server_, std::move(ssl));
   }
   ~TlsPair() {
     for (TlsSide* side : {&client, &server_})
@@ -152,8 +154,42 @@ struct TlsPair {
   EventLoop& loop;
   TlsServer context;
   SSL* clientSsl = nullptr;
+  SSL* serverSsl = nullptr;
   TlsSide client;
   TlsSide server_;
+};
+
+inline int MakeTicketLong(SSL* ssl, void*) {
+  const std::string data(600, 'x');
+  return SSL_SESSION_set1_ticket_appdata(SSL_get_session(ssl), data.data(), data.size());
+}
+
+inline std::string TakeRecord(std::string& bytes) {
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(bytes.at(at)); };
+  const std::size_t size = 5 + byte(3) * 256U + byte(4);
+  const std::string record = bytes.substr(0, size);
+  bytes.erase(0, size);
+  return record;
+}
+
+// The client has the first record of a ticket that fills several; the others and what the server
+// has sent behind them are in `rest`. Until all of the ticket has come OpenSSL writes nothing.
+struct TicketPair : TlsPair {
+  explicit TicketPair(EventLoop& l) : TlsPair(l) {
+    Open();
+    SSL_CTX_set_session_ticket_cb(SSL_get_SSL_CTX(serverSsl), MakeTicketLong, nullptr, nullptr);
+    EXPECT_EQ(SSL_set_max_send_fragment(serverSsl, 512), 1);
+    EXPECT_EQ(SSL_new_session_ticket(serverSsl), 1);
+    EXPECT_EQ(Send(server_, "behind it"), AW_OK);
+    loop.RunReady();
+    rest = std::exchange(server_.end.sent, {});
+    client.end.Arrive(TakeRecord(rest));
+    EXPECT_GT(rest.size(), 100U);
+  }
+  void ArriveRest() {
+    while (!rest.empty()) client.end.Arrive(TakeRecord(rest));
+  }
+  std::string rest;
 };
 
 inline std::string Pattern(std::size_t size) {

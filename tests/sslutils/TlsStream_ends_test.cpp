@@ -176,6 +176,23 @@ TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectOnABlockedTransport) {
   });
 }
 
+TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectInTheMiddleOfATicket) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    const std::string all = Pattern(200000);
+    CAWMessageBlock block(all.data(), all.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.client.stream->Send(block), AW_ERROR_PARTIAL_DATA);
+    CAWMessageBlock rest(block.GetReadPtr(), block.GetLength(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.client.stream->SetOption(keelbase::AW_OPT_LINGER_DATA, &rest), AW_OK);
+    TlsPair::Drop(pair.client);
+    EXPECT_FALSE(pair.client.end.disconnected);
+    pair.ArriveRest();
+    pair.Move();
+    EXPECT_TRUE(pair.server_.sink.received == all);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
 TEST(TlsStreamEnd, LingerEndsWhenTheTransportBelowTakesNoMore) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

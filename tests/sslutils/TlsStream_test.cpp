@@ -322,6 +322,71 @@ TEST(TlsStream, StoppedReaderIsGivenWhatCameBeforeTheEnd) {
   });
 }
 
+// --- sending in the middle of a message of the peer's TLS ---
+
+TEST(TlsStream, WhatIsSentInTheMiddleOfATicketGoesOutBehindIt) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    EXPECT_EQ(TlsPair::Send(pair.client, "meanwhile"), AW_OK);
+    loop.RunReady();
+    EXPECT_TRUE(pair.client.end.sent.empty());
+    EXPECT_EQ(TlsPair::Send(pair.client, ", and more"), AW_OK);
+    pair.ArriveRest();
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.received, "meanwhile, and more");
+    EXPECT_EQ(pair.client.sink.received, "behind it");
+    EXPECT_EQ(pair.client.sink.rooms, 0);
+  });
+}
+
+TEST(TlsStream, SenderThatIsHeldUpInTheMiddleOfATicketIsToldOfRoomOnce) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    const std::string all = Pattern(100000);
+    CAWMessageBlock block(all.data(), all.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.client.stream->Send(block), AW_ERROR_PARTIAL_DATA);
+    loop.RunReady();
+    EXPECT_EQ(pair.client.sink.rooms, 0);
+    pair.client.sink.onRoom = [&] { EXPECT_EQ(pair.client.stream->Send(block), AW_OK); };
+    pair.ArriveRest();
+    pair.Move();
+    EXPECT_EQ(pair.client.sink.rooms, 1);
+    EXPECT_TRUE(pair.server_.sink.received == all);
+    EXPECT_EQ(pair.client.sink.received, "behind it");
+  });
+}
+
+TEST(TlsStream, TicketIsReadForASenderThatReadsNothingUntilItHasSent) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    bool stop = true;
+    pair.client.stream->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+    EXPECT_TRUE(pair.client.end.readingStopped);
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(100000, 'x')), AW_ERROR_PARTIAL_DATA);
+    EXPECT_FALSE(pair.client.end.readingStopped);
+    pair.ArriveRest();
+    EXPECT_EQ(pair.client.sink.rooms, 1);
+    EXPECT_TRUE(pair.client.end.readingStopped);
+    EXPECT_TRUE(pair.client.sink.received.empty());
+    stop = false;
+    pair.client.stream->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+    pair.Move();
+    EXPECT_EQ(pair.client.sink.received, "behind it");
+  });
+}
+
+TEST(TlsStream, SinkMayDropTheStreamWhenTheEndOfATicketMakesRoom) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(100000, 'x')), AW_ERROR_PARTIAL_DATA);
+    pair.client.sink.onRoom = [&] { TlsPair::Drop(pair.client); };
+    pair.ArriveRest();
+    EXPECT_FALSE(pair.client.stream);
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
 // --- what was agreed ---
 
 TEST_P(TlsStreamVersions, InfoTellsProtocolAndPeer) {

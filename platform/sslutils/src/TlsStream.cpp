@@ -167,6 +167,7 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
   try {
     if (state_ == State::shaking) ShakeHands();
     if (state_ == State::open) Pump();
+    if (state_ == State::closing && writeBlocked_) WriteLast();
     if (state_ == State::closing) Drain();
     const bool wanted = state_ == State::ready || state_ == State::open;
     if (wanted && HasBytes(arriving_)) AppendTo(kept_, arriving_->DuplicateChained());
@@ -180,10 +181,8 @@ void TlsStream::OnRoom() {
   const CAWAutoPtr<TlsStream> alive(this);
   if (state_ == State::shaking) return ShakeHands();
   if (state_ == State::closing) return WriteRest();
-  WritePending();
-  if (!IsBlocked()) FlushGather();
+  GoOnWriting();
   if (readBlocked_ && state_ == State::open) Pump();
-  if (!IsBlocked() && roomWanted_) TellRoom();
 }
 
 void TlsStream::OnEnd(long reason) {
@@ -248,6 +247,7 @@ void TlsStream::Pump() {
     End(ENOMEM);
   }
   pumping_ = false;
+  if (writeBlocked_ && state_ == State::open) GoOnWriting();
 }
 
 // Decrypts as much as one event may bring and delivers it. False when there is nothing to go on
@@ -306,7 +306,7 @@ void TlsStream::End(long reason) {
 void TlsStream::StopReading(bool stop) {
   reading_ = !stop;
   if (state_ != State::open) return;
-  ReadLower(reading_);
+  ReadLower(reading_ || writeBlocked_);
   if (reading_) WantTurnEnd();
 }
 
@@ -402,16 +402,19 @@ bool TlsStream::FlushGather() {
   return true;
 }
 
-// What OpenSSL cannot write now it must be given again.
+// What OpenSSL cannot write now it must be given again. What it must read before that is read also
+// for an owner who has stopped.
 void TlsStream::WriteRecord(const char* data, std::size_t length) {
   std::size_t count = 0;
   ERR_clear_error();
   const int result = SSL_write_ex(ssl_.get(), data, length, &count);
-  if (result == 1) {
-    ++counters_.systemCallsSent;
-    return;
-  }
-  switch (SSL_get_error(ssl_.get(), result)) {
+  const int error = SSL_get_error(ssl_.get(), result);
+  writeBlocked_ = error == SSL_ERROR_WANT_READ;
+  if (state_ == State::open) ReadLower(reading_ || writeBlocked_);
+  switch (error) {
+    case SSL_ERROR_NONE:
+      ++counters_.systemCallsSent;
+      return;
     case SSL_ERROR_WANT_READ:
     case SSL_ERROR_WANT_WRITE:
       return KeepPending(data, length);
@@ -442,6 +445,12 @@ void TlsStream::WritePending() {
   if (pending_ == nullptr || writeError_ != 0) return;
   const auto record = std::move(pending_);
   WriteRecord(record->GetReadPtr(), record->GetLength());
+}
+
+void TlsStream::GoOnWriting() {
+  WritePending();
+  FlushGather();
+  if (!IsBlocked() && roomWanted_) TellRoom();
 }
 
 void TlsStream::WantTurnEnd() {
@@ -481,12 +490,12 @@ void TlsStream::Disconnect() {
 void TlsStream::WriteLast() {
   WritePending();
   FlushGather();
-  for (const CAWMessageBlock* block = lingerData_.get(); block != nullptr;
-       block = block->GetNext()) {
-    for (std::size_t done = 0; done < block->GetLength(); done += kRecord)
-      WriteRecord(block->GetReadPtr() + done, std::min(kRecord, block->GetLength() - done));
+  for (DropRead(lingerData_); lingerData_ != nullptr && !IsBlocked(); DropRead(lingerData_)) {
+    const std::size_t count = std::min(kRecord, lingerData_->GetLength());
+    WriteRecord(lingerData_->GetReadPtr(), count);
+    lingerData_->AdvanceReadPtr(count);
   }
-  lingerData_.reset();
+  if (IsBlocked()) return;
   ERR_clear_error();
   SSL_shutdown(ssl_.get());
 }

@@ -29,8 +29,8 @@ using SslPtr = std::unique_ptr<ssl_st, SslFree>;
 
 // Plain bytes go in and out as with a StreamSocket, whose operations it has; below it, records.
 // OpenSSL reads the received bytes where they lie and gives its records straight to the transport
-// below, so that nothing is kept here but a record that is being filled and one that the transport
-// has refused. Loop thread only, but for the count.
+// below, so that nothing is kept here but a record that is being filled and one that could not be
+// written. Loop thread only, but for the count.
 class SSLUTILS_API TlsStream final
     : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
       private ByteSink,
@@ -93,6 +93,7 @@ class SSLUTILS_API TlsStream final
   void KeepPending(const char* data, std::size_t length);
   void FailWriting(long reason);
   bool FlushGather();
+  void GoOnWriting();
   std::size_t Gathered() const { return gather_ == nullptr ? 0 : gather_->GetLength(); }
   bool IsBlocked() const { return pending_ != nullptr; }
   void WantTurnEnd();
@@ -127,11 +128,12 @@ class SSLUTILS_API TlsStream final
 
   std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
   std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that is to be written again
-  bool readBlocked_ = false;  // reading goes on when there is room to write
-  bool roomWanted_ = false;   // 10013 was answered
-  bool dirty_ = false;        // OnTurnEnd is due
-  long writeError_ = 0;       // nothing more can be sent
-  bool failed_ = false;       // and the transport below does not know
+  bool readBlocked_ = false;   // reading goes on when there is room to write
+  bool writeBlocked_ = false;  // writing goes on when bytes have come
+  bool roomWanted_ = false;    // 10013 was answered
+  bool dirty_ = false;         // OnTurnEnd is due
+  long writeError_ = 0;        // nothing more can be sent
+  bool failed_ = false;        // and the transport below does not know
 
   std::uint32_t lingerMs_ = 2000;
   std::unique_ptr<keelbase::CAWMessageBlock> lingerData_;
