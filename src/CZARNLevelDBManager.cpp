@@ -59,16 +59,6 @@ int CZARNLevelDBManager::Run(Operation operation) {
   }
 }
 
-// A write that failed may have left half a record in the log. LevelDB would take more writes, but
-// never find again what stands behind that, so there are none.
-template <class Operation>
-int CZARNLevelDBManager::RunWrite(Operation operation) {
-  leveldb::DB* database = database_;
-  const int result = Run(operation);
-  if (result != kDone && database_ == database) database_ = GetReadOnly(database);
-  return result;
-}
-
 // What finds no memory while LevelDB sets itself up is never set up again and blocks each later
 // Open. So it begins only when there is some.
 int CZARNLevelDBManager::Open(const char* path) try {
@@ -92,7 +82,7 @@ int CZARNLevelDBManager::DBLookup(char* key, unsigned long keyLen, std::string* 
 
 int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
-  return RunWrite([&](leveldb::DB& database) {
+  return Run([&](leveldb::DB& database) {
     leveldb::WriteBatch batch;  // one of LevelDB's own would leak, see above
     batch.Put(leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
     return database.Write(WriteOptionsWith(syncWrites_), &batch);
@@ -102,14 +92,14 @@ int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
 int CZARNLevelDBManager::DBUpdate(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
   if (database_ == nullptr) return kFailed;
-  return RunWrite([&](leveldb::DB& database) {
+  return Run([&](leveldb::DB& database) {
     return Replace(database, leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
   });
 }
 
 int CZARNLevelDBManager::DBRemove(char* key, unsigned long keyLen) {
   if (database_ == nullptr) return kFailed;
-  return RunWrite([&](leveldb::DB& database) {
+  return Run([&](leveldb::DB& database) {
     leveldb::WriteBatch batch;
     batch.Delete(leveldb::Slice(key, keyLen));
     return database.Write(WriteOptionsWith(syncWrites_), &batch);

@@ -1,7 +1,10 @@
 // LevelDBKeeper.cpp - see LevelDBKeeper.h.
 #include "LevelDBKeeper.h"
 
+#include <leveldb/env.h>
 #include <leveldb/iterator.h>
+#include <leveldb/slice.h>
+#include <leveldb/status.h>
 #include <leveldb/write_batch.h>
 
 #include <algorithm>
@@ -9,20 +12,59 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace zarn::utils {
 
 namespace {
 
-// Every write fails, and without a database to read every read too.
-class StoppedDatabase final : public leveldb::DB {
+using leveldb::Slice;
+using leveldb::Status;
+
+// A write that failed may have left half a record in the file. LevelDB would write more, but never
+// find again what stands behind that, so the file takes nothing any more. One thread at a time.
+class FileUntilFailure final : public leveldb::WritableFile {
  public:
-  using Slice = leveldb::Slice;
-  using Status = leveldb::Status;
+  explicit FileUntilFailure(std::unique_ptr<leveldb::WritableFile> file) : file_(std::move(file)) {}
 
-  explicit StoppedDatabase(leveldb::DB* readable) : readable_(readable) {}
+  Status Append(const Slice& data) override {
+    return Do([&] { return file_->Append(data); });
+  }
+  Status Flush() override {
+    return Do([&] { return file_->Flush(); });
+  }
+  Status Sync() override {
+    return Do([&] { return file_->Sync(); });
+  }
+  Status Close() override { return file_->Close(); }
 
+ private:
+  template <class Operation>
+  Status Do(Operation operation) {
+    if (status_.ok()) status_ = operation();
+    return status_;
+  }
+
+  const std::unique_ptr<leveldb::WritableFile> file_;
+  Status status_;
+};
+
+class Environment final : public leveldb::EnvWrapper {
+ public:
+  Environment() : EnvWrapper(leveldb::Env::Default()) {}
+
+  Status NewWritableFile(const std::string& name, leveldb::WritableFile** result) override {
+    Status status = EnvWrapper::NewWritableFile(name, result);
+    if (!status.ok()) return status;
+    std::unique_ptr<leveldb::WritableFile> file(*result);
+    *result = new (std::nothrow) FileUntilFailure(std::move(file));
+    return *result != nullptr ? status : Status::IOError(name, "no memory");
+  }
+};
+
+class FailedDatabase final : public leveldb::DB {
+ public:
   Status Put(const leveldb::WriteOptions& /*options*/, const Slice& /*key*/,
              const Slice& /*value*/) override {
     return Error();
@@ -33,12 +75,12 @@ class StoppedDatabase final : public leveldb::DB {
   Status Write(const leveldb::WriteOptions& /*options*/, leveldb::WriteBatch* /*batch*/) override {
     return Error();
   }
-  Status Get(const leveldb::ReadOptions& options, const Slice& key, std::string* value) override {
-    return readable_ != nullptr ? readable_->Get(options, key, value) : Error();
+  Status Get(const leveldb::ReadOptions& /*options*/, const Slice& /*key*/,
+             std::string* /*value*/) override {
+    return Error();
   }
-  leveldb::Iterator* NewIterator(const leveldb::ReadOptions& options) override {
-    return readable_ != nullptr ? readable_->NewIterator(options)
-                                : leveldb::NewErrorIterator(Error());
+  leveldb::Iterator* NewIterator(const leveldb::ReadOptions& /*options*/) override {
+    return leveldb::NewErrorIterator(Error());
   }
   // Nobody calls these.
   const leveldb::Snapshot* GetSnapshot() override { return nullptr; }
@@ -52,19 +94,13 @@ class StoppedDatabase final : public leveldb::DB {
 
  private:
   static Status Error() { return Status::IOError("failed before"); }
-
-  leveldb::DB* const readable_;
-};
-
-struct Database {
-  leveldb::DB* open;
-  leveldb::DB* readOnly;
 };
 
 // Stays until the process is gone: threads of LevelDB outlive static objects.
 struct Kept {
+  Environment environment;
   std::mutex mutex;
-  std::vector<Database> databases;
+  std::vector<leveldb::DB*> databases;
 };
 
 Kept& GetKept() {
@@ -74,28 +110,20 @@ Kept& GetKept() {
 
 }  // namespace
 
-leveldb::DB* OpenAndKeep(const leveldb::Options& options, const std::string& path) {
+leveldb::DB* OpenAndKeep(leveldb::Options options, const std::string& path) {
   Kept& kept = GetKept();
   const std::lock_guard<std::mutex> lock(kept.mutex);
   kept.databases.reserve(kept.databases.size() + 1);
+  options.env = &kept.environment;
   leveldb::DB* database = nullptr;
   if (!leveldb::DB::Open(options, path, &database).ok()) return nullptr;
-  kept.databases.push_back({database, nullptr});
-  kept.databases.back().readOnly = std::make_unique<StoppedDatabase>(database).release();
+  kept.databases.push_back(database);
   return database;
 }
 
-leveldb::DB* GetReadOnly(leveldb::DB* database) {
-  Kept& kept = GetKept();
-  const std::lock_guard<std::mutex> lock(kept.mutex);
-  const auto found = std::find_if(kept.databases.begin(), kept.databases.end(),
-                                  [&](const Database& one) { return one.open == database; });
-  return found != kept.databases.end() ? found->readOnly : database;
-}
-
 leveldb::DB* GetFailedDatabase() {
-  alignas(StoppedDatabase) static unsigned char place[sizeof(StoppedDatabase)];  // needs no memory
-  static StoppedDatabase* const failed = new (place) StoppedDatabase(nullptr);
+  alignas(FailedDatabase) static unsigned char place[sizeof(FailedDatabase)];  // needs no memory
+  static FailedDatabase* const failed = new (place) FailedDatabase;
   return failed;
 }
 

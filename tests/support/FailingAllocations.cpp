@@ -29,6 +29,12 @@ void* operator new[](std::size_t size) { return Allocate(size); }
 void* operator new(std::size_t size, std::align_val_t alignment) {
   return Allocate(size, static_cast<std::size_t>(alignment));
 }
+// The address sanitizer has one of its own, which does not go with what is deleted here.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept try {
+  return Allocate(size);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete[](void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

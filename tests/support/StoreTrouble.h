@@ -18,6 +18,21 @@ inline bool LimitFileSize(rlim_t bytes) {
   return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
+// The first write that makes a file grow beyond `bytes` fails half done, as on a full disk. From
+// then on there is room again.
+inline bool LimitFileSizeOnce(rlim_t bytes) {
+  ::signal(SIGXFSZ, [](int) {
+    rlimit lifted{};
+    ::getrlimit(RLIMIT_FSIZE, &lifted);
+    lifted.rlim_cur = lifted.rlim_max;
+    ::setrlimit(RLIMIT_FSIZE, &lifted);
+  });
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_FSIZE, &limit) != 0) return false;
+  limit.rlim_cur = bytes;
+  return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+}
+
 // From now on the directory cannot be written to. Root may write anywhere and becomes somebody
 // else.
 inline bool MakeReadOnly(const std::string& directory) {

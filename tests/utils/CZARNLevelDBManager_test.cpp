@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ChildTest.h"
+#include "DescriptorShortage.h"
 #include "ForkedChild.h"
 #include "StoreTrouble.h"
 #include "TempRoot.h"
@@ -285,6 +286,75 @@ TEST_F(CZARNLevelDBManagerTest, FullDiskIsACodeTheOldDataStaysAndNoLaterWriteIsT
   ASSERT_EQ(store_.Open(path_.c_str()), 0);
   EXPECT_THAT(All(store_), ElementsAre(Pair("before", "b"), Pair("k", "old")));
   EXPECT_EQ(Insert(store_, "k", "new"), 0);
+}
+
+// Inserts small values until twenty were refused. The keys of the others, one a line.
+std::string InsertUntilRefused(CZARNLevelDBManager& store, const std::string& prefix) {
+  std::string written;
+  int refused = 0;
+  for (int i = 0; refused < 20 && i < 20'000; ++i) {
+    const std::string key = prefix + std::to_string(i);
+    if (Insert(store, key, "v") == 0) {
+      written += key + "\n";
+    } else {
+      ++refused;
+    }
+  }
+  return written;
+}
+
+// A large value has no room while threads insert small ones, for which there is room again at once.
+void InsertWhileAWriteFails(const std::string& path) {
+  CZARNLevelDBManager store(false, 0, true, true);
+  if (store.Open(path.c_str()) != 0 || !test::LimitFileSizeOnce(200'000)) std::exit(1);
+  std::vector<std::string> written(4);
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < written.size(); ++i) {
+    threads.emplace_back(
+        [&, i] { written[i] = InsertUntilRefused(store, std::to_string(i) + "/"); });
+  }
+  const bool refused = Insert(store, "large", std::string(1'000'000, 'x')) == -1;
+  for (std::thread& thread : threads) thread.join();
+  std::ofstream file(path + ".written");
+  for (const std::string& keys : written) file << keys;
+  file.close();
+  std::exit(refused && Insert(store, "late", "v") == -1 ? 0 : 1);
+}
+
+// With threads of its own, hence a process that starts from nothing.
+TEST_F(CZARNLevelDBManagerTest, WhatThreadsWereToldIsWrittenWhileAWriteFailedIsFoundAgain) {
+  if (ChildTest::Role() == "writers") InsertWhileAWriteFails(ChildTest::Argument());
+  ChildTest writers("writers", path_);
+  ASSERT_EQ(writers.Wait(), 0) << writers.GetErrors();
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  std::ifstream file(path_ + ".written");
+  for (std::string key; file >> key;) EXPECT_EQ(ValueOf(store_, key), "v") << key;
+}
+
+TEST_F(CZARNLevelDBManagerTest, AFullDiskThatHasRoomAgainTakesNoMoreWrites) {
+  EXPECT_TRUE(Elsewhere([](CZARNLevelDBManager& store) {
+    if (!test::LimitFileSizeOnce(20'000) || Insert(store, "before", "b") != 0) return false;
+    return Insert(store, "large", std::string(100'000, 'x')) == -1 &&
+           Insert(store, "small", "s") == -1 && Update(store, "small", "s") == -1 &&
+           Remove(store, "before") == -1 && ValueOf(store, "before") == "b";
+  }));
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_THAT(All(store_), ElementsAre(Pair("before", "b")));
+}
+
+TEST_F(CZARNLevelDBManagerTest, WriteWithoutADescriptorForANewLogMayBeMadeAgain) {
+  const std::string value(100'000, 'v');
+  int taken = 0;
+  EXPECT_TRUE(Elsewhere([&](CZARNLevelDBManager& store) {
+    {
+      const test::DescriptorShortage none;
+      while (taken < 100 && Insert(store, std::to_string(taken), value) == 0) ++taken;
+    }
+    return taken < 100 && Insert(store, "late", "v") == 0;
+  }));
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(ValueOf(store_, "late"), "v");
+  EXPECT_EQ(ValueOf(store_, "0"), value);
 }
 
 TEST_F(CZARNLevelDBManagerTest, ReadOnlyDirectoryIsACodeAndTheOldDataStays) {

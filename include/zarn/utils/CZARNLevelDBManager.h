@@ -28,8 +28,9 @@ namespace zarn::utils {
 // for updates, the last of them may be missing then. docs/stores.md says more.
 //
 // A write that fails, as on a full disk, is the last one: it may have left half a record in the
-// log, behind which LevelDB would find nothing again. From then on every write answers -1, while
-// reads go on; another process can write once this one has ended.
+// log, behind which LevelDB would find nothing again. From then on every write of any thread
+// answers -1, while reads go on; another process can write once this one has ended. Only one for
+// which no new log could be made, as without a descriptor, has left nothing and may be made again.
 //
 // A path is opened once in the life of a process. Close, and the end of the object, let go of the
 // database without shutting it down: its memory, its thread and the lock of its directory stay
@@ -81,8 +82,6 @@ class ZARNUTILS_API CZARNLevelDBManager {
  private:
   template <class Operation>
   int Run(Operation operation);
-  template <class Operation>
-  int RunWrite(Operation operation);
 
   std::atomic<leveldb::DB*> database_{nullptr};
   bool syncWrites_;
