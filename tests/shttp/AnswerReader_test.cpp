@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -306,6 +307,15 @@ TEST(AnswerLimit, HeaderLinesCountTogetherAlsoThoseOfInterimAnswersAndTrailers) 
   EXPECT_EQ(ReadAnyhow("HTTP/1.1 200 " + std::string(1001, 'r') + "\r\n\r\n", limits).error,
             EMSGSIZE);
   EXPECT_EQ(ReadAnyhow(Chunked("1;" + std::string(1001, 'e')), limits).error, EMSGSIZE);
+}
+
+TEST(AnswerLimit, LargestNumberOfBytesIsNoLimit) {
+  CAWHttpLimits limits;
+  limits.headerBytes = std::numeric_limits<std::size_t>::max();
+  limits.bodyBytes = limits.headerBytes;
+  EXPECT_EQ(ReadAnyhow("HTTP/1.1 100 Continue\r\n\r\n" + WithLength("hello"), limits),
+            Good(200, "hello"));
+  EXPECT_EQ(ReadAnyhow(Chunked("5\r\nhello\r\n0\r\nA: b\r\n\r\n"), limits), Good(200, "hello"));
 }
 
 TEST(AnswerLimit, InterimAnswersWithoutEndAreRefused) {

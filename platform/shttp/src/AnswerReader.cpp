@@ -44,10 +44,10 @@ struct AnswerReader::Gathered {
 // here. What `error_` says is told apart from what the parser itself has found.
 class AnswerReader::Parser final : public http::basic_parser<false> {
  public:
-  Parser(Gathered& gathered, std::size_t headerLimit) : gathered_(gathered) {
+  explicit Parser(Gathered& gathered) : gathered_(gathered) {
     eager(true);
     constexpr std::size_t kMost = std::numeric_limits<std::uint32_t>::max();
-    header_limit(static_cast<std::uint32_t>(std::min(headerLimit, kMost)));
+    header_limit(static_cast<std::uint32_t>(std::min(gathered.headerLeft, kMost - 1) + 1));
     body_limit(std::numeric_limits<std::uint64_t>::max());
   }
 
@@ -132,7 +132,7 @@ AnswerReader::AnswerReader(const CAWHttpLimits& limits, bool bodyless)
 AnswerReader::~AnswerReader() = default;
 
 void AnswerReader::ExpectAnswer() {
-  parser_ = std::make_unique<Parser>(*gathered_, gathered_->headerLeft + 1);
+  parser_ = std::make_unique<Parser>(*gathered_);
   parser_->skip(bodyless_);
 }
 
