@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <set>
+#include <string>
 
 #include "TempRoot.h"
 #include "zarn/utils/zarnutils.h"
@@ -47,6 +49,16 @@ TEST(GetHashKey, PathThatIsNoEndpointsGivesZero) {
   EXPECT_EQ(GetHashKey(CAWIPCAddr("/")), 0U);
   EXPECT_EQ(GetHashKey(CAWIPCAddr()), 0U);
   EXPECT_EQ(GetHashKey(CAWIPCAddr(root.GetIpcPath("no numbers"))), 0U);
+}
+
+TEST(GetHashKey, PathInAnotherDirectoryOfTheSameLengthGivesTheKeyOfItsNumbers) {
+  TempRoot root;
+  CAWIPCAddr made;
+  ASSERT_EQ(utils::ZARNCreateIPCAddr(1, 2, made), 0U);  // makes the directories
+  std::string other = root.GetIpcPath("3_7");
+  other.replace(other.rfind("/ipc/"), 5, "/old/");
+  std::filesystem::create_directory(std::filesystem::path(other).parent_path());
+  EXPECT_EQ(GetHashKey(CAWIPCAddr(other)), MakeJno(3, 7));
 }
 
 TEST(GetHashKey, NoInstallRootGivesZero) {

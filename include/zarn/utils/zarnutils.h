@@ -110,8 +110,9 @@ ZARNUTILS_API std::uint32_t MakeJno(std::uint16_t low, std::uint16_t high);
 ZARNUTILS_API void FromJno(std::uint32_t jno, std::uint16_t& low, std::uint16_t& high);
 
 // Keys for lookup tables, different for different endpoints: the first number of the address, or of
-// the endpoint's name, in bits 0 to 15, the second in bits 16 to 31. A path that is no endpoint's
-// gives 0.
+// the endpoint's name, in bits 0 to 15, the second in bits 16 to 31. A path that
+// ZARNFromIPCAddr refuses, and a name that begins with no number, give 0. The directory's text is
+// not compared: a path elsewhere of the same length and form gives the key of its numbers.
 ZARNUTILS_API std::uint32_t GetHashKey(const fshmipc::CAWShmIPCAddr& addr);
 ZARNUTILS_API std::uint32_t GetHashKey(const keelbase::CAWIPCAddr& addr);
 
