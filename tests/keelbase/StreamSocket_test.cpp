@@ -15,6 +15,7 @@
 
 #include "LoopThread.h"
 #include "keelbase/internal/FunctionEvent.h"
+#include "keelbase/internal/ManualClock.h"
 
 namespace keelbase::internal {
 namespace {
@@ -243,6 +244,26 @@ TEST(StreamSocket, CloseWithUnreadInputIsAnOrderlyEndAndLosesNothing) {
     EXPECT_TRUE(sink.received.empty());
     pair.peer.Reset();
     loop.FinishLingers();  // it ends with its peer
+  });
+}
+
+TEST(StreamSocket, PeerThatFloodsAfterTheEndIsCutOff) {
+  WithLoop([](EventLoop& loop) {
+    const ManualClock stands;
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
+    pair.socket->Disconnect();
+    const std::string flood(60000, 'x');
+    std::size_t sent = 0;
+    EXPECT_TRUE(TurnUntil(loop, [&] {
+      const ssize_t count = ::send(pair.peer.Get(), flood.data(), flood.size(), MSG_NOSIGNAL);
+      sent += count > 0 ? static_cast<std::size_t>(count) : 0;
+      return count < 0 && errno == EPIPE;
+    }));
+    EXPECT_GE(sent, 16U << 20);
+    EXPECT_LE(sent, 20U << 20);
   });
 }
 

@@ -25,6 +25,9 @@ constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
 // More than a socket buffer holds: what a peer that has ended can have left for us.
 constexpr int kRestReads = 256;
 
+// More than can be on its way to us when we tell our end: who sends more does not listen.
+constexpr std::size_t kMostDropped = std::size_t{16} << 20;
+
 class Pieces {
  public:
   void Add(const char* data, std::size_t length) {
@@ -371,11 +374,13 @@ bool StreamSocket::HasInput() const {
   return ::ioctl(descriptor_.Get(), FIONREAD, &unread) == 0 && unread > 0;
 }
 
-// False: nothing more can come.
+// False: nothing more can come, or too much does.
 bool StreamSocket::DropInput() {
-  std::array<char, 16 * 1024> bytes;
+  std::array<char, 64 * 1024> bytes;
   const ssize_t count = ::recv(descriptor_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
-  return count > 0 || (count < 0 && (IsWouldBlock(errno) || errno == EINTR));
+  if (count < 0) return IsWouldBlock(errno) || errno == EINTR;
+  dropped_ += static_cast<std::size_t>(count);
+  return count != 0 && dropped_ <= kMostDropped;
 }
 
 void StreamSocket::WriteLingerData() {

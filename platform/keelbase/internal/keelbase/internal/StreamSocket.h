@@ -45,7 +45,7 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   AWResult Send(CAWMessageBlock& chain);
 
   // Detaches the sink; what was taken is written, within the linger time. With unread input the
-  // close waits as long for the peer's, and drops what comes meanwhile.
+  // close waits as long for the peer's, and drops what comes meanwhile, up to 16 MiB.
   void Disconnect();
 
   void StopReading(bool stop);
@@ -118,6 +118,7 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
 
   std::uint32_t lingerMs_ = 2000;
   Clock::Point lingerEnd_{};
+  std::size_t dropped_ = 0;                // bytes that came behind our end
   CAWMessageBlock* lingerData_ = nullptr;  // owned
   std::unique_ptr<Timer> lingerTimer_;
   CAWAutoPtr<StreamSocket> self_;  // held while lingering
