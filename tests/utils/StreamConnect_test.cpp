@@ -101,11 +101,10 @@ TYPED_TEST(StreamConnect, MessageSentWhileAConnectIsPendingIsRefused) {
 }
 
 TYPED_TEST(StreamConnect, StreamIsOpenOnceItIsConnectedWhateverItsAttachingHasDone) {
-  using Handle = typename TestFixture::Handle;
   class ClosesItself final : public TypeParam::Stream {
    public:
     using TypeParam::Stream::Stream;
-    keelbase::AWResult SetTransportHandle(Handle& handle) override {
+    keelbase::AWResult SetTransportHandle(typename TestFixture::Handle& handle) override {
       const keelbase::AWResult result = TypeParam::Stream::SetTransportHandle(handle);
       this->Close(0);
       return result;
