@@ -247,12 +247,25 @@ TEST(StreamSocket, CloseWithUnreadInputIsAnOrderlyEndAndLosesNothing) {
   });
 }
 
+TEST(StreamSocket, WhoHasSentNothingClosesAtOnceAlsoWithUnreadInput) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
+    pair.socket->Disconnect();
+    EXPECT_LT(::send(pair.peer.Get(), "more", 4, MSG_NOSIGNAL), 0);
+    EXPECT_EQ(errno, EPIPE);
+  });
+}
+
 TEST(StreamSocket, PeerThatFloodsAfterTheEndIsCutOff) {
   WithLoop([](EventLoop& loop) {
     const ManualClock stands;
     Pair pair(loop);
     Sink sink;
     pair.socket->Open(&sink);
+    EXPECT_EQ(pair.Send("answer"), AW_OK);
     EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
     pair.socket->Disconnect();
     const std::string flood(60000, 'x');
@@ -273,6 +286,7 @@ TEST(StreamSocket, PeerThatSendsForEverIsListenedToForTheLingerTimeOnly) {
     Sink sink;
     pair.socket->Open(&sink);
     pair.socket->SetLinger(50);
+    EXPECT_EQ(pair.Send("answer"), AW_OK);
     EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
     pair.socket->Disconnect();
     EXPECT_TRUE(TurnUntil(loop, [&] {

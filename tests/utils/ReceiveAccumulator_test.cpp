@@ -5,11 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <memory>
 #include <random>
 #include <string>
 
-#include "Exhaustion.h"
 #include "keelbase/CAWMessageBlock.h"
 
 namespace zarn::test {
@@ -196,27 +194,6 @@ TEST(ReceiveAccumulator, FrameInAThousandPiecesMovesAHandfulOfTimes) {
     EXPECT_TRUE(Bytes(accumulator) == all) << piece;
     EXPECT_LE(moves, 12) << piece;
   }
-}
-
-TEST(ReceiveAccumulator, BytesThatAreSharedStayAsTheyAreAlsoWithoutMemoryForMore) {
-  ReceiveAccumulator accumulator;
-  CAWMessageBlock chain(8);
-  Fill(chain, "one,");
-  auto* rest = new CAWMessageBlock(8);
-  Fill(*rest, "two,");
-  chain.Append(rest);
-  EXPECT_EQ(accumulator.Append(chain), AW_OK);  // in a block of its own, with room
-  const std::unique_ptr<CAWMessageBlock> kept(accumulator.GetBlock()->DuplicateChained());
-  CAWMessageBlock more(4);
-  Fill(more, "xyz");
-  {
-    const Exhaustion none;
-    EXPECT_EQ(accumulator.Append(more), keelbase::AW_ERROR_FAILURE);
-  }
-  EXPECT_EQ(Bytes(accumulator), "one,two,");
-  EXPECT_EQ(accumulator.Append(more), AW_OK);
-  EXPECT_EQ(Bytes(accumulator), "one,two,xyz");
-  EXPECT_EQ(kept->FlattenChained(), "one,two,");
 }
 
 TEST(ReceiveAccumulator, AnyOrderOfAppendingAndConsumingKeepsTheBytes) {

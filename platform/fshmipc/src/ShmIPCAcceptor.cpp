@@ -39,11 +39,7 @@ class ShmIPCAcceptor::Guest final : private keelbase::internal::Watcher {
 
   // An errno value: it cannot be waited for.
   int Wait() {
-    try {
-      timeLimit_.Start(kGreetingTime, 1, [this] { host_.Dismiss(*this); });
-    } catch (const std::bad_alloc&) {
-      return ENOMEM;
-    }
+    timeLimit_.Start(kGreetingTime, 1, [this] { host_.Dismiss(*this); });
     const int error = host_.GetLoop().Watch(socket_.Get(), EPOLLIN, *this);
     watched_ = error == 0;
     return error;

@@ -86,11 +86,7 @@ int ShmIPCConnector::Greet() {
     return error;
   if (const int error = GetLoop().Watch(socket_.Get(), EPOLLIN, *this); error != 0) return error;
   watched_ = true;
-  try {
-    timeLimit_.Start(kAnswerTime, 1, [this] { Finish(ETIMEDOUT); });
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  }
+  timeLimit_.Start(kAnswerTime, 1, [this] { Finish(ETIMEDOUT); });
   return 0;
 }
 

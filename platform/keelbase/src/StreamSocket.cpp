@@ -25,7 +25,7 @@ constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
 // More than a socket buffer holds: what a peer that has ended can have left for us.
 constexpr int kRestReads = 256;
 
-// More than can be on its way to us when we tell our end: who sends more does not listen.
+// More than most have on their way to us when we tell our end; a flood must not cost more.
 constexpr std::size_t kMostDropped = std::size_t{16} << 20;
 
 class Pieces {
@@ -358,13 +358,14 @@ void StreamSocket::WriteLingering() {
   UpdateWatch();
 }
 
-// A close with unread input makes TCP drop what is still on its way to the peer. So then the peer
-// is told the end, and what it sends is dropped until it ends too. False: nothing is left to do.
+// A close with unread input makes TCP drop what is still on its way to the peer. So, if anything
+// is, the peer is told the end, and what it sends is dropped until it ends too. False: nothing is
+// left to do.
 bool StreamSocket::GoOnClosing() {
   if (writeError_ != 0) return false;
   if (state_ == State::draining) return DropInput();
   if (HasOutput()) return true;
-  if (!HasInput()) return false;
+  if (counters_.bytesSent == 0 || !HasInput()) return false;
   state_ = State::draining;
   return ::shutdown(descriptor_.Get(), SHUT_WR) == 0;
 }

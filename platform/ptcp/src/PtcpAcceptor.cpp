@@ -91,7 +91,7 @@ void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram, Time now) {
   if (!initial) return;
   try {
     if (initial->token.empty()) {
-      if (halfOpen_.size() >= halfOpenLimit_) return AskAgain(from, *initial);
+      if (halfOpen_.size() >= halfOpenLimit_) return AskAgain(from, *initial, now);
       return Admit(from, *initial, initial->destination, datagram, now);
     }
     const auto original = tokens_.Check(initial->token, from.peer, initial->destination, now);
@@ -100,11 +100,11 @@ void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram, Time now) {
   }
 }
 
-void PtcpAcceptor::AskAgain(const Path& from, const InitialHeader& initial) {
+void PtcpAcceptor::AskAgain(const Path& from, const InitialHeader& initial, Time now) {
   std::array<std::uint8_t, 16> fresh;
   FillWithRandom(fresh.data(), fresh.size());
   const ConnectionId comeBackWith(fresh);
-  const auto token = tokens_.Make(from.peer, initial.destination, comeBackWith, Now());
+  const auto token = tokens_.Make(from.peer, initial.destination, comeBackWith, now);
   const auto retry = MakeRetry(initial, comeBackWith, token);
   if (!retry.empty()) port_->Send(from, retry);
 }

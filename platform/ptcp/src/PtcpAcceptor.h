@@ -30,7 +30,7 @@ class PtcpAcceptor final : public keelbase::internal::LoopObject<IAWPseudoTCPAcc
   int Listen(const keelbase::CAWInetAddr& addr);
   void Stop();
   void OnStranger(const Path& from, Bytes datagram, Time now);
-  void AskAgain(const Path& from, const InitialHeader& initial);
+  void AskAgain(const Path& from, const InitialHeader& initial, Time now);
   void Admit(const Path& from, const InitialHeader& initial, const ConnectionId& original,
              Bytes datagram, Time now);
   void OnHandshake(PtcpEngine* engine, int error);

@@ -168,12 +168,11 @@ void PtcpEngine::OnPortFree() {
 }
 
 // A timer that is due too early only looks and is set again: cheaper than setting it for each
-// packet. While the port is blocked, by this flush or another's, there is nothing to be done in
-// time.
+// packet. While the port is blocked, by this flush or another's, all but the end of a linger waits.
 void PtcpEngine::Schedule() {
-  if (!onPort_) return;
-  if (port_->IsBlocked()) return WaitUntilFree();
-  const Time due = state_ == State::lingering ? LingerDue() : connection_.Due();
+  if (!onPort_ || connection_.IsDead()) return;
+  if (port_->IsBlocked()) WaitUntilFree();
+  const Time due = port_->IsBlocked() ? lingerEnd_ : LingerDue();
   if (due == kNever || due >= timerDue_) return;
   const Time now = Now();
   const auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);

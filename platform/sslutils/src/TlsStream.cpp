@@ -520,6 +520,14 @@ void TlsStream::WriteRest() {
   DropRead(rest_);
 }
 
+std::uint32_t TlsStream::LingerLeft() const {
+  if (!self_) return lingerMs_;  // it has not begun
+  using std::chrono::milliseconds;
+  const auto end = lingerBegin_ + milliseconds(lingerMs_);
+  const auto left = std::chrono::ceil<milliseconds>(end - Clock::Now());
+  return static_cast<std::uint32_t>(std::max(left, milliseconds(0)).count());
+}
+
 // The transport below goes on with what is left.
 void TlsStream::CloseNow(std::uint32_t lingerMs) {
   if (state_ == State::closed) return;

@@ -20,8 +20,9 @@ enum CAWTransportOption : int {
   // Get, CAWTransportCounters.
   AW_OPT_COUNTERS = 111,
 
-  // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken. Default
-  // 2000; 0 drops at once whatever the system does not take at once.
+  // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken, and
+  // waits for the peer's end where its bytes are unread. Default 2000; 0 drops at once whatever the
+  // system does not take at once.
   AW_OPT_LINGER = 112,
 
   // Set, CAWMessageBlock (a chain): bytes to write after all that was taken, during the linger that

@@ -83,7 +83,7 @@ class LoopTask {
   ~LoopTask() = default;
 };
 
-// A closed connection that still has bytes to write.
+// A closed connection that still has bytes to write, or waits for its peer to end.
 class LingerTask {
  public:
   virtual int LingerDescriptor() const = 0;
@@ -155,7 +155,7 @@ class KEELBASE_API EventLoop {
   // --- lingers ---
   void BeginLinger(LingerTask& task);
   void EndLinger(LingerTask& task);
-  // Writes for everybody who lingers, without serving anything else, until done or out of time. On
+  // Serves everybody who lingers, without serving anything else, until done or out of time. On
   // the loop's thread, or on any while the loop does not run.
   void FinishLingers();
 

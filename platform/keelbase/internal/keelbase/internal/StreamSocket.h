@@ -44,8 +44,9 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   // See IAW...Transport::SendData.
   AWResult Send(CAWMessageBlock& chain);
 
-  // Detaches the sink; what was taken is written, within the linger time. With unread input the
-  // close waits as long for the peer's, and drops what comes meanwhile, up to 16 MiB.
+  // Detaches the sink; what was taken is written, within the linger time. If anything was
+  // ever written and input is unread, the close waits as long for the peer's, and drops what comes
+  // meanwhile, up to 16 MiB.
   void Disconnect();
 
   void StopReading(bool stop);

@@ -104,8 +104,9 @@ class SSLUTILS_API TlsStream final
   void WriteLast();
   void Drain();
   void WriteRest();
-  void CloseNow() { CloseNow(lingerMs_); }
+  void CloseNow() { CloseNow(LingerLeft()); }
   void CloseNow(std::uint32_t lingerMs);
+  std::uint32_t LingerLeft() const;
 
   keelbase::internal::EventLoop& loop_;
   std::unique_ptr<ByteTransport> lower_;
