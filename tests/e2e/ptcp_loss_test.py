@@ -1,13 +1,14 @@
 """ptcp:// and ptls:// over paths that lose, delay, double and damage datagrams: every message arrives
-once, in order and unchanged."""
+once, in order and unchanged, or the sender says that it did not."""
 
 import socket
+import subprocess
 import tempfile
 import unittest
 
 from certificates import Authority
 from udp_relay import UdpRelay
-from zarn_tool import ToolTest
+from zarn_tool import PATIENCE, ToolTest
 
 PATHS = {
     "1 % is lost": {"loss": 0.01},
@@ -40,7 +41,7 @@ class Loss(ToolTest):
                 try:
                     lines = [f"{number} " + "x" * (number * 7 % 3000) for number in range(LINES)]
                     self.run_events("send", f"{scheme}://127.0.0.1:{relay.address[1]}", *send_options, "-",
-                                    input="\n".join(lines))
+                                    "--timeout", str(PATIENCE), input="\n".join(lines))
                     self.assertGreater(relay.lost, 0)
                     texts = [server.event("message")["text"] for _ in lines]
                     self.assertEqual(texts, lines)
@@ -56,6 +57,28 @@ class Loss(ToolTest):
     def test_with_tls_on_top(self):
         self.transfer("ptls", ("--key", self.key, "--cert", self.certificate),
                       ("--ca", self.authority.certificate))
+
+    def fall_silent(self, scheme, serve_options, send_options):
+        server = self.serve(*serve_options, url=f"{scheme}://127.0.0.1:{self.server_address[1]}")
+        relay = UdpRelay(self.server_address, 0)
+        self.addCleanup(relay.close)
+        sender = self.start("send", f"{scheme}://127.0.0.1:{relay.address[1]}", *send_options, "-", "--timeout", "3",
+                            stdin=subprocess.PIPE)
+        sender.process.stdin.write(b"arrives\n")
+        sender.process.stdin.flush()
+        server.event("message")
+        relay.silent = True
+        sender.process.stdin.write(b"is lost\n")
+        sender.process.stdin.close()
+        self.assertRegex(sender.line_with("the peer does not read", "stderr"), "bytes not sent within 3 s$")
+        self.assertEqual(sender.process.wait(PATIENCE), 1)
+
+    def test_a_sender_whose_bytes_are_not_acknowledged_says_so(self):
+        self.fall_silent("ptcp", (), ())
+
+    def test_a_sender_with_tls_on_top_says_so_too(self):
+        self.fall_silent("ptls", ("--key", self.key, "--cert", self.certificate),
+                         ("--ca", self.authority.certificate))
 
 
 if __name__ == "__main__":

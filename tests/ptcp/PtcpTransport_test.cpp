@@ -100,6 +100,23 @@ TEST_F(PtcpTransport, TheBoundCanBeSet) {
   ASSERT_TRUE(WaitFor([&] { return clientSink.rooms == 1; }));
 }
 
+TEST_F(PtcpTransport, WhatThePeerHasNotAcknowledgedIsTold) {
+  Open();
+  const auto unacknowledged = [](IAWPseudoTCPTransport& transport) {
+    std::uint64_t bytes = UINT64_MAX;
+    EXPECT_EQ(transport.GetOption(AW_OPT_UNACKNOWLEDGED, &bytes), AW_OK);
+    return bytes;
+  };
+  EXPECT_EQ(client->GetOption(AW_OPT_UNACKNOWLEDGED, nullptr), AW_ERROR_FAILURE);
+  EXPECT_EQ(unacknowledged(*client), 0U);
+  EXPECT_EQ(SendText(*client, "question"), AW_OK);
+  EXPECT_EQ(unacknowledged(*client), 8U);
+  EXPECT_EQ(SendText(*server, "answer"), AW_OK);
+  EXPECT_EQ(unacknowledged(*server), 6U);
+  ASSERT_TRUE(WaitFor([&] { return unacknowledged(*client) + unacknowledged(*server) == 0; }));
+  EXPECT_EQ(serverSink.received + clientSink.received, "questionanswer");
+}
+
 TEST_F(PtcpTransport, SmallSendsOfATurnShareOnePacket) {
   Open();
   WaitFor([] { return false; }, std::chrono::milliseconds(200));  // path MTU probes

@@ -43,7 +43,9 @@ class ClientLink {
   // cannot even be tried, else nothing.
   virtual std::string Start() = 0;
   virtual keelbase::AWResult Send(const Message& message) = 0;
-  virtual std::size_t GetQueueLength() = 0;            // bytes that the system has not taken yet
+  virtual std::size_t GetQueueLength() = 0;  // bytes that the system has not taken yet
+  // Bytes that a Close could still lose, as far as that is known.
+  virtual std::uint64_t GetUndelivered() { return GetQueueLength(); }
   virtual void Close() = 0;                            // for good; not inside OnMessage
   virtual std::string Explain(long reason) const = 0;  // why there is no connection, in one line
   virtual bool IsFinal(long /*reason*/) const { return false; }  // trying again will not help

@@ -116,9 +116,9 @@ void Send::AllSent() {
   BePatient();
 }
 
-// Done is: the system has taken everything, and all answers are there.
+// Done is: all is on its way for certain, or has arrived, and all answers are there.
 void Send::CheckDone() {
-  if (GetLink().GetQueueLength() != 0) return;
+  if (GetLink().GetUndelivered() != 0) return;
   drain_.Cancel();
   if (replies_ >= options_.replies) Finish(kDone);
 }
@@ -133,9 +133,9 @@ void Send::Received(const Message& message) {
 }
 
 void Send::OutOfPatience() {
-  if (const std::size_t queued = GetLink().GetQueueLength(); queued != 0) {
+  if (const std::uint64_t left = GetLink().GetUndelivered(); left != 0) {
     Complain("{}: the peer does not read: {} not sent within {:g} s", GetUrl(),
-             FormatBytes(static_cast<double>(queued)), GetTimeout());
+             FormatBytes(static_cast<double>(left)), GetTimeout());
   } else {
     Complain("{}: {} of {} answers within {:g} s", GetUrl(), replies_, options_.replies,
              GetTimeout());

@@ -12,7 +12,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -27,6 +29,7 @@
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
+#include "ptcp/CAWPseudoTCPTransport.h"
 
 namespace zarn::tool {
 
@@ -50,6 +53,13 @@ class FramedSession : public Over::Session {
     keelbase::CAWTransportCounters counters;
     if (transport_) transport_->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
     return this->GetSendQueueLength() + counters.queuedBytes;
+  }
+
+  // A transport that sends from this process goes on after a Close for its linger time only.
+  std::uint64_t GetUndelivered() const {
+    std::uint64_t unacknowledged = 0;
+    if (transport_) transport_->GetOption(ptcp::AW_OPT_UNACKNOWLEDGED, &unacknowledged);
+    return std::max<std::uint64_t>(unacknowledged, GetWaiting());
   }
 
   std::size_t HandleMessage(const char* data, std::size_t len) override {
@@ -153,6 +163,7 @@ class SessionClient final : public ClientLink {
   }
   keelbase::AWResult Send(const Message& message) override { return session_.SendFrame(message); }
   std::size_t GetQueueLength() override { return session_.GetWaiting(); }
+  std::uint64_t GetUndelivered() override { return session_.GetUndelivered(); }
   void Close() override { session_.CloseForGood(); }
 
   std::string Explain(long reason) const override {

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
 #include <utility>
 
 #include "PacketSeal.h"

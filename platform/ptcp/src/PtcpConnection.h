@@ -72,6 +72,7 @@ class PtcpConnection {
   std::uint64_t Acknowledged() const {
     return server_ || out_.Begin() == 0 ? out_.Begin() : out_.Begin() - 1;  // the opening byte
   }
+  std::uint64_t Unacknowledged() const { return out_.End() - (server_ ? 0 : 1) - Acknowledged(); }
   bool IsAllAcknowledged() const { return out_.Size() == 0; }
   // The end may arrive before bytes that must be sent again.
   bool IsFinishAcknowledged() const { return finishAcknowledged_ && IsAllAcknowledged(); }

@@ -361,7 +361,12 @@ void PtcpEngine::CloseNow() {
 // --- options ---
 
 AWResult PtcpEngine::GetOption(int code, void* value) const {
-  if (value == nullptr || code != keelbase::AW_OPT_COUNTERS) return AW_ERROR_FAILURE;
+  if (value == nullptr) return AW_ERROR_FAILURE;
+  if (code == AW_OPT_UNACKNOWLEDGED) {
+    *static_cast<std::uint64_t*>(value) = connection_.Unacknowledged();
+    return AW_OK;
+  }
+  if (code != keelbase::AW_OPT_COUNTERS) return AW_ERROR_FAILURE;
   auto& counters = *static_cast<keelbase::CAWTransportCounters*>(value);
   counters = counters_;
   counters.bytesSent = connection_.Acknowledged();

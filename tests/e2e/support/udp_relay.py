@@ -23,6 +23,7 @@ class UdpRelay:
         self._waiting = []
         self._order = 0
         self.carried = self.lost = 0
+        self.silent = False  # set: all is lost
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run)
         self._thread.start()
@@ -70,7 +71,7 @@ class UdpRelay:
     def _carry(self, by, to, data):
         self.carried += 1
         chance = self._random.random
-        if chance() < self._loss:
+        if chance() < self._loss or self.silent:
             self.lost += 1
             return
         if chance() < self._flipped:

@@ -41,6 +41,9 @@ class IAWPseudoTCPTransportSink {
 // the first time, SendData takes all of what it is given, however much that is. Default 4 MiB.
 // Small bounds save memory, large ones keep a long and fast path busy between two OnSend.
 inline constexpr int AW_OPT_SEND_QUEUE_LIMIT = 131;
+// Got from a transport, std::uint64_t, bytes: what SendData took and the peer's system has not
+// acknowledged. At 0 all has arrived there, so a Disconnect can lose nothing by its linger time.
+inline constexpr int AW_OPT_UNACKNOWLEDGED = 132;
 
 // One connection: a reliable, ordered stream of bytes each way over UDP (IPv4).
 //
@@ -76,7 +79,7 @@ class PTCP_API IAWPseudoTCPTransport {
   // see AW_OPT_LINGER. 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
-  // Codes of keelbase::CAWTransportOption, and AW_OPT_SEND_QUEUE_LIMIT; addresses are
+  // Codes of keelbase::CAWTransportOption, and the two above; addresses are
   // keelbase::CAWInetAddr. Of the counters, bytesSent are those the peer has acknowledged,
   // queuedBytes those that were never sent yet, and systemCallsSent the writes of this connection's
   // packets. 0; 10001 for an unknown code, a null pointer or a value out of range.
