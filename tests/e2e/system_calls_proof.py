@@ -196,7 +196,7 @@ class Exchange:
     def last_end(server):
         """How the last connection that the server had has ended."""
         peers, event = 0, None
-        for told in server.take_events():
+        for told in server.take_events_by_now():
             if told["event"] in ("peer", "gone"):
                 peers += 1 if told["event"] == "peer" else -1
                 event = told

@@ -60,13 +60,13 @@ class Program:
     # --- events and commands ---
 
     def wait(self, *names: str, limit: float = LIMIT, **fields) -> dict:
-        """The next event of one of these names whose fields have these values; drops those before."""
+        """The next event of one of these names, or of any, whose fields have these values; drops those before."""
         end = time.monotonic() + limit
         with self._changed:
             while True:
                 while self._events:
                     event = self._events.popleft()
-                    if event["event"] in names and fields.items() <= event.items():
+                    if (not names or event["event"] in names) and fields.items() <= event.items():
                         return event
                 if self._ended:
                     raise AssertionError(f"{self.name} ended before {names}: {self.trace()}")
@@ -78,6 +78,14 @@ class Program:
         with self._changed:
             events = list(self._events)
             self._events.clear()
+        return events
+
+    def take_events_by_now(self) -> list:
+        """What was not waited for, with what the program has told but we have not read yet."""
+        self.tell("stats")
+        events = []
+        while (event := self.wait())["event"] != "stats":
+            events.append(event)
         return events
 
     def tell(self, command: str) -> None:
