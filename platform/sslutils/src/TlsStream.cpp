@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "TlsBio.h"
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
 #include "keelbase/internal/TraceError.h"
@@ -48,48 +49,12 @@ void AppendTo(std::unique_ptr<CAWMessageBlock>& chain, CAWMessageBlock* more) {
 
 }  // namespace
 
-// The BIO through which OpenSSL reads and writes: no buffer of its own, and never blocked for good.
-struct TlsBio {
-  static TlsStream& Stream(BIO* bio) { return *static_cast<TlsStream*>(BIO_get_data(bio)); }
-
-  static int Read(BIO* bio, char* data, std::size_t length, std::size_t* count) {
-    BIO_clear_retry_flags(bio);
-    *count = Stream(bio).ReadBelow(data, length);
-    if (*count != 0) return 1;
-    BIO_set_retry_read(bio);
-    return -1;
-  }
-  static int Write(BIO* bio, const char* data, std::size_t length, std::size_t* count) {
-    BIO_clear_retry_flags(bio);
-    *count = Stream(bio).WriteBelow(data, length);
-    if (*count != 0) return 1;
-    if (Stream(bio).writeError_ == 0) BIO_set_retry_write(bio);
-    return -1;
-  }
-  static long Control(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
-
-  static BIO_METHOD* Method() {
-    static BIO_METHOD* const method = [] {
-      BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "transport");
-      if (made == nullptr) return made;
-      BIO_meth_set_read_ex(made, Read);
-      BIO_meth_set_write_ex(made, Write);
-      BIO_meth_set_ctrl(made, Control);
-      return made;
-    }();
-    return method;
-  }
-};
-
 void SslFree::operator()(ssl_st* ssl) const { SSL_free(ssl); }
 
 TlsStream::TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTransport> lower,
                      SslPtr ssl)
     : loop_(loop), lower_(std::move(lower)), ssl_(std::move(ssl)), readSize_(kReadSize) {
-  BIO* bio = TlsBio::Method() == nullptr ? nullptr : BIO_new(TlsBio::Method());
-  if (bio == nullptr) throw std::bad_alloc();
-  BIO_set_data(bio, this);
-  BIO_set_init(bio, 1);
+  BIO* const bio = TlsBio::Make(*this);
   SSL_set_bio(ssl_.get(), bio, bio);
 }
 

@@ -71,7 +71,7 @@ class SSLUTILS_API TlsStream final
   void AbandonLinger() override { CloseNow(); }
 
   // OpenSSL's side; see the BIO in TlsStream.cpp.
-  friend struct TlsBio;
+  friend class TlsBio;
   std::size_t ReadBelow(char* data, std::size_t length);
   std::size_t WriteBelow(const char* data, std::size_t length);
 

@@ -1,0 +1,47 @@
+// TlsBio.cpp - see TlsBio.h.
+#include "TlsBio.h"
+
+#include <new>
+
+#include "sslutils/internal/TlsStream.h"
+
+namespace sslutils::internal {
+
+BIO* TlsBio::Make(TlsStream& stream) {
+  BIO* const bio = Method() == nullptr ? nullptr : BIO_new(Method());
+  if (bio == nullptr) throw std::bad_alloc();
+  BIO_set_data(bio, &stream);
+  BIO_set_init(bio, 1);
+  return bio;
+}
+
+BIO_METHOD* TlsBio::Method() {
+  static BIO_METHOD* const method = [] {
+    BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "transport");
+    if (made == nullptr) return made;
+    BIO_meth_set_read_ex(made, Read);
+    BIO_meth_set_write_ex(made, Write);
+    BIO_meth_set_ctrl(
+        made, [](BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1L : 0L; });
+    return made;
+  }();
+  return method;
+}
+
+int TlsBio::Read(BIO* bio, char* data, std::size_t length, std::size_t* count) {
+  BIO_clear_retry_flags(bio);
+  *count = Stream(bio).ReadBelow(data, length);
+  if (*count != 0) return 1;
+  BIO_set_retry_read(bio);
+  return -1;
+}
+
+int TlsBio::Write(BIO* bio, const char* data, std::size_t length, std::size_t* count) {
+  BIO_clear_retry_flags(bio);
+  *count = Stream(bio).WriteBelow(data, length);
+  if (*count != 0) return 1;
+  if (Stream(bio).writeError_ == 0) BIO_set_retry_write(bio);
+  return -1;
+}
+
+}  // namespace sslutils::internal
