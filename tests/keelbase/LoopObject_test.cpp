@@ -25,6 +25,7 @@ class Interface {
 };
 
 struct Life {
+  bool heldAfterTheLast = true;
   std::atomic<int> letGo{0};
   std::atomic<int> destroyed{0};
   std::thread::id destroyedOn;
@@ -43,6 +44,20 @@ class Object final : public LoopObject<Interface> {
   void OnLastReference() override {
     ++life_.letGo;
     const CAWAutoPtr<Object> lookedBack(this);
+  }
+  Life& life_;
+};
+
+// A callback of the loop may come while another thread drops the last reference.
+class CalledBack final : public LoopObject<Interface> {
+ public:
+  CalledBack(EventLoop& loop, Life& life) : LoopObject(loop), life_(life) {}
+  ~CalledBack() override { ++life_.destroyed; }
+
+ private:
+  void OnLastReference() override {
+    const auto alive = Hold();
+    life_.heldAfterTheLast = static_cast<bool>(alive);
   }
   Life& life_;
 };
@@ -80,6 +95,32 @@ TEST(LoopObject, IsDestroyedInPlaceOnceTheLoopHasStopped) {
       object = nullptr;
       EXPECT_EQ(life.destroyed, 1);
     }).join();
+  });
+}
+
+TEST(LoopObject, LivesUntilTheEndOfACallbackInWhichItIsLetGo) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    {
+      const auto alive = object->Hold();
+      ASSERT_TRUE(alive);
+      std::thread([&] { object = nullptr; }).join();
+      loop.RunReady();
+      EXPECT_EQ(life.letGo, 0);
+    }
+    EXPECT_EQ(life.letGo, 1);
+    EXPECT_EQ(life.destroyed, 1);
+  });
+}
+
+TEST(LoopObject, ACallbackFindsNobodyOnceTheLastReferenceIsGone) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<CalledBack> object(new CalledBack(loop, life));
+    object = nullptr;
+    EXPECT_FALSE(life.heldAfterTheLast);
+    EXPECT_EQ(life.destroyed, 1);
   });
 }
 

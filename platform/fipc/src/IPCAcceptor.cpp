@@ -55,12 +55,14 @@ AWResult IPCAcceptor::StopListen() {
 }
 
 void IPCAcceptor::OnFailed(int error) {
-  const CAWAutoPtr<IPCAcceptor> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   std::exchange(sink_, nullptr)->OnIPCConnectIndication(error, nullptr, this);
 }
 
 void IPCAcceptor::OnAccepted(FileDescriptor socket, const CAWPeerCredentials& credentials) {
-  const CAWAutoPtr<IPCAcceptor> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   try {
     const CAWIPCAddr peer = PeerAddress(socket.Get());
     const CAWAutoPtr<IAWIPCTransport> transport(

@@ -62,7 +62,8 @@ int IPCConnector::BindOwnName(int socket) const {
 
 void IPCConnector::OnDialled(int error, FileDescriptor socket,
                              const CAWPeerCredentials& credentials) {
-  const CAWAutoPtr<IPCConnector> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   CAWAutoPtr<IAWIPCTransport> transport;
   if (error == 0) {
     try {

@@ -116,7 +116,8 @@ void ShmIPCAcceptor::Stop() {
 }
 
 void ShmIPCAcceptor::OnFailed(int error) {
-  const CAWAutoPtr<ShmIPCAcceptor> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   std::exchange(sink_, nullptr)->OnShmIPCConnectIndication(error, nullptr, this);
 }
 
@@ -138,7 +139,8 @@ void ShmIPCAcceptor::Dismiss(const Guest& guest) {
 
 void ShmIPCAcceptor::OnGreeted(Guest& guest, int error, const Greeting& greeting,
                                const FileDescriptor& memory) {
-  const CAWAutoPtr<ShmIPCAcceptor> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   ShmSegment segment;
   if (error == 0) error = segment.Attach(memory, greeting.ringSize);
   if (SendAnswer(guest.GetSocket(), error) != 0) error = ECONNRESET;

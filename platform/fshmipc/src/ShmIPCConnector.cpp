@@ -91,13 +91,13 @@ int ShmIPCConnector::Greet() {
 }
 
 void ShmIPCConnector::OnReady(std::uint32_t /*events*/) {
-  if (IsLetGo()) return;
   const int answer = ReceiveAnswer(socket_.Get());
   if (answer != EAGAIN) Finish(answer);
 }
 
 void ShmIPCConnector::Finish(int error) {
-  const CAWAutoPtr<ShmIPCConnector> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   CAWAutoPtr<IAWShmIPCTransport> transport;
   if (std::exchange(watched_, false)) GetLoop().Unwatch(socket_.Get(), *this);
   if (error == 0) {

@@ -126,7 +126,8 @@ void PtcpAcceptor::Admit(const Path& from, const InitialHeader& initial,
 }
 
 void PtcpAcceptor::OnHandshake(PtcpEngine* engine, int error) {
-  const CAWAutoPtr<PtcpAcceptor> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   const CAWAutoPtr<PtcpEngine> owner(engine);
   halfOpen_.erase(engine);
   if (error != 0) return;

@@ -69,7 +69,8 @@ int PtcpConnector::StartConnect() {
 }
 
 void PtcpConnector::Finish(int error) {
-  const CAWAutoPtr<PtcpConnector> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   timer_.Cancel();
   CAWAutoPtr<IAWPseudoTCPTransport> transport;
   const CAWAutoPtr<PtcpEngine> engine = std::exchange(engine_, nullptr);

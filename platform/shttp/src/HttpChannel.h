@@ -16,8 +16,6 @@ class HttpChannel final : public keelbase::internal::LoopObject<IAWChannelHttpCl
   // Before anybody is told of it.
   void Attach(HttpExchange* exchange) { exchange_ = exchange; }
 
-  using LoopObject::IsLetGo;
-
   keelbase::AWResult OpenWithSink(wface::IAWTransportSink* sink) override {
     return exchange_->Listen(sink);
   }

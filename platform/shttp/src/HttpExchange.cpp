@@ -62,7 +62,7 @@ bool HttpExchange::Start() { return begin_.Post(); }
 
 // What belongs to the loop is let go there.
 void HttpExchange::Cancel() {
-  if (cancelled_.exchange(true) || IsLetGo()) return;
+  if (cancelled_.exchange(true)) return;
   if (GetLoop().IsCurrent()) return LetGo();
   letGo_.Post();
 }
@@ -97,8 +97,8 @@ int HttpExchange::StartConnect() try {
 }
 
 void HttpExchange::Connected(long reason, std::unique_ptr<ByteStream> stream) {
-  if (IsOver()) return;
-  const CAWAutoPtr<HttpExchange> alive(this);
+  const auto alive = Hold();
+  if (!alive || IsOver()) return;
   timer_.Cancel();
   dialer_.Stop();
   stream_ = std::move(stream);
@@ -223,7 +223,8 @@ void HttpExchange::FinishNow() {
 // What is over is let go of after the user was told, who need not wait for the system to close a
 // connection.
 void HttpExchange::Finish(long result) {
-  const CAWAutoPtr<HttpExchange> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   const std::unique_ptr<ByteStream> stream = std::move(stream_);
   const std::unique_ptr<AnswerReader> reader = std::move(reader_);
   rest_ = nullptr;
@@ -234,13 +235,14 @@ void HttpExchange::Finish(long result) {
 }
 
 void HttpExchange::Deliver(std::unique_ptr<CAWMessageBlock> body) {
-  if (IsOver() || handle_ == nullptr || handle_->IsLetGo()) return;
-  const CAWAutoPtr<HttpChannel> channel(handle_);
+  if (IsOver() || handle_ == nullptr) return;
+  const auto channel = handle_->Hold();
+  if (!channel) return;
   CAWMessageBlock nothing(nullptr, 0, CAWMessageBlock::borrow);
-  TellOwner([&] { sink_->OnReceive(body != nullptr ? *body : nothing, channel.Get(), nullptr); });
+  TellOwner([&] { sink_->OnReceive(body != nullptr ? *body : nothing, handle_, nullptr); });
   if (IsOver()) return;
   if (auto* sink = std::exchange(sink_, nullptr))
-    TellOwner([&] { sink->OnDisconnect(0, channel.Get()); });
+    TellOwner([&] { sink->OnDisconnect(0, handle_); });
 }
 
 AWResult HttpExchange::GetResult(long& result) const {

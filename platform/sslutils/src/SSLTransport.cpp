@@ -38,20 +38,20 @@ AWResult SSLTransport::GetOption(int code, void* value) { return stream_->GetOpt
 AWResult SSLTransport::SetOption(int code, void* value) { return stream_->SetOption(code, value); }
 
 void SSLTransport::OnBytes(CAWMessageBlock& block) {
-  if (IsLetGo()) return;
-  const CAWAutoPtr<SSLTransport> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   sink_->OnSSLDataReceive(block, this);
 }
 
 void SSLTransport::OnRoom() {
-  if (IsLetGo()) return;
-  const CAWAutoPtr<SSLTransport> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   sink_->OnSSLDataSend(this);
 }
 
 void SSLTransport::OnEnd(long reason) {
-  if (IsLetGo()) return;
-  const CAWAutoPtr<SSLTransport> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   std::exchange(sink_, nullptr)->OnSSLDisconnect(reason, this);
 }
 

@@ -61,7 +61,8 @@ int TcpAcceptor::Listen(const CAWInetAddr& addr, int backlog) try {
 }
 
 void TcpAcceptor::OnAccepted(FileDescriptor socket) {
-  const CAWAutoPtr<TcpAcceptor> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   CAWAutoPtr<IAWTransport> transport;
   // Without memory, or when the client has gone already, only this connection is closed.
   TcpEnds ends;

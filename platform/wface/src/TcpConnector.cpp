@@ -109,7 +109,8 @@ void TcpConnector::Unwatch() {
 }
 
 void TcpConnector::Finish(int error) {
-  const CAWAutoPtr<TcpConnector> alive(this);
+  const auto alive = Hold();
+  if (!alive) return;
   timer_.Cancel();
   Unwatch();
   CAWAutoPtr<IAWTransport> transport;

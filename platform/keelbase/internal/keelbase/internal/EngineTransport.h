@@ -37,18 +37,18 @@ class EngineTransport : public LoopObject<Interface>, private StreamSocketSink {
 
  private:
   void OnBytes(CAWMessageBlock& block) final {
-    if (this->IsLetGo()) return;
-    const CAWAutoPtr<EngineTransport> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     sink_->OnReceive(block, this, nullptr);
   }
   void OnRoom() final {
-    if (this->IsLetGo()) return;
-    const CAWAutoPtr<EngineTransport> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     sink_->OnSend(this, nullptr);
   }
   void OnEnd(long reason) final {
-    if (this->IsLetGo()) return;
-    const CAWAutoPtr<EngineTransport> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     std::exchange(sink_, nullptr)->OnDisconnect(reason, this);
   }
 

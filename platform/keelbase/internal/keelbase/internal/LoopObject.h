@@ -23,15 +23,37 @@ class LoopObject : public Interface {
 
   EventLoop& GetLoop() const { return loop_; }
 
+  // Keeps the object through a callback of its loop, or is false: see Hold().
+  class Held {
+   public:
+    explicit Held(LoopObject* object) : object_(object) {}
+    ~Held() {
+      if (object_ != nullptr) object_->ReleaseReference();
+    }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+    explicit operator bool() const { return object_ != nullptr; }
+
+   private:
+    LoopObject* const object_;
+  };
+
+  // What a callback of the loop begins with. False when the last reference is gone: there is nobody
+  // to tell, and the object, which waits to be destroyed, must not be referred to again.
+  Held Hold() {
+    std::uint32_t count = count_.load(std::memory_order_relaxed);
+    while (count != 0 &&
+           !count_.compare_exchange_weak(count, count + 1, std::memory_order_relaxed)) {
+    }
+    return Held(count != 0 ? this : nullptr);
+  }
+
  protected:
   explicit LoopObject(EventLoop& loop) : loop_(loop), destroyThere_(this) {}
   ~LoopObject() override = default;
 
   // The last reference is gone; on the thread that dropped it. After this no callback may come.
   virtual void OnLastReference() {}
-
-  // The last reference is gone, but the object may still wait for its loop to destroy it.
-  bool IsLetGo() const { return destroying_.load(std::memory_order_acquire); }
 
  private:
   class DestroyThere final : public LoopTask {
@@ -44,8 +66,8 @@ class LoopObject : public Interface {
     LoopObject* object_;
   };
 
-  // On its way out the object may be referred to once more, by a callback of the loop that began
-  // just before or by its own destructor: that must not destroy it again.
+  // On its way out the object may be referred to once more, by its own destructor: that must not
+  // destroy it again.
   void Destroy() {
     if (destroying_.exchange(true)) return;
     OnLastReference();

@@ -86,7 +86,8 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
 
   void OnConnectIndication(long /*reason*/, Transport* transport,
                            typename Below::Id* /*id*/) override {
-    if (transport == nullptr || IsLetGo()) return;
+    const auto alive = this->Hold();
+    if (transport == nullptr || !alive) return;
     try {
       ShakeHands(transport);
     } catch (const std::bad_alloc&) {
@@ -112,8 +113,8 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
   }
 
   void OnEstablished(TlsStream* stream, long reason) {
-    if (IsLetGo()) return;
-    const keelbase::CAWAutoPtr<TlsAcceptor> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     const keelbase::CAWAutoPtr<TlsStream> held(stream);
     shaking_.erase(stream);
     keelbase::CAWAutoPtr<IAWSSLTransport> transport;

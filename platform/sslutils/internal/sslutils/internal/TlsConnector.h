@@ -83,8 +83,8 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
   void OnLastReference() final { Cancel(0); }
 
   void OnConnectIndication(long reason, Transport* transport, typename Below::Id* /*id*/) final {
-    if (this->IsLetGo()) return;
-    const keelbase::CAWAutoPtr<TlsConnector> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     if (reason != 0) return Indicate(reason, nullptr);
     try {
       ShakeHands(transport);
@@ -101,8 +101,8 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
   }
 
   void OnEstablished(long reason) {
-    if (this->IsLetGo()) return;
-    const keelbase::CAWAutoPtr<TlsConnector> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     const auto stream = std::move(stream_);
     keelbase::CAWAutoPtr<IAWSSLTransport> transport;
     if (reason == 0) {
@@ -116,8 +116,8 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
   }
 
   void Indicate(long reason, IAWSSLTransport* transport) {
-    if (this->IsLetGo()) return;
-    const keelbase::CAWAutoPtr<TlsConnector> alive(this);
+    const auto alive = this->Hold();
+    if (!alive) return;
     stream_ = nullptr;
     ssl_ = nullptr;
     keelbase::internal::TellOwner([sink = std::exchange(sink_, nullptr), reason, transport] {
