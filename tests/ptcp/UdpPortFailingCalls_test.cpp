@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ClockAndRandom.h"
 #include "Exhaustion.h"
 #include "FailingCalls.h"
 #include "LonePackets.h"
@@ -43,8 +44,11 @@ class User final : public PortUser {
   bool MayHaveSent(Bytes) const override { return true; }
   void OnPortError(int error) override { lastError = error; }
   void OnPortFree() override { ++frees; }
-  Time LingerDue() const override { return kNever; }
-  void OnLinger() override {}
+  Time LingerDue() const override { return due; }
+  void OnLinger() override { port->EndLinger(*this); }
+
+  UdpPort* port = nullptr;
+  Time due = kNever;
 
   Path path;
   std::vector<std::string> got;
@@ -62,6 +66,7 @@ struct Exchange {
     const std::string name = Packet("");
     const auto id = DestinationOf(AsBytes(name));
     EXPECT_TRUE(id && port->AddId(*id, user));
+    user.port = port.Get();
   }
   ~Exchange() { port->Remove(user); }
 
@@ -119,6 +124,22 @@ TEST(UdpPortFailingCalls, WhatFindsNoRoomIsSentWhenThereIsAndWhoWaitsIsTold) {
     EXPECT_EQ(exchange.user.frees, 1);
     EXPECT_EQ(gone.frees, 0);
     EXPECT_EQ(exchange.Arrived(), (Texts{"first", "next!"}));
+  });
+}
+
+TEST(UdpPortFailingCalls, ALingerAtTheProcessesEndGoesOnWhenThereIsRoomAgain) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    exchange.port->BeginLinger(exchange.user);
+    exchange.user.due = Now() + 10'000'000'000U;
+    {
+      const FailingCalls full("sendmsg", EAGAIN);
+      exchange.Send("last");
+      exchange.port->FlushBatch();
+    }
+    loop.FinishLingers();
+    EXPECT_EQ(exchange.Arrived(), Texts{"last"});
+    EXPECT_LT(Now(), exchange.user.due);
   });
 }
 

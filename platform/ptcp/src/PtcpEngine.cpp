@@ -168,11 +168,11 @@ void PtcpEngine::OnPortFree() {
 }
 
 // A timer that is due too early only looks and is set again: cheaper than setting it for each
-// packet. While the port is blocked, by this flush or another's, all but the end of a linger waits.
+// packet. This flush or another's may have blocked the port.
 void PtcpEngine::Schedule() {
   if (!onPort_ || connection_.IsDead()) return;
   if (port_->IsBlocked()) WaitUntilFree();
-  const Time due = port_->IsBlocked() ? lingerEnd_ : LingerDue();
+  const Time due = LingerDue();
   if (due == kNever || due >= timerDue_) return;
   const Time now = Now();
   const auto wait = std::chrono::nanoseconds(due > now ? due - now : 0);

@@ -62,7 +62,10 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   bool MayHaveSent(Bytes packet) const override { return connection_.MayHaveSent(packet); }
   void OnPortError(int error) override;
   void OnPortFree() override;
-  Time LingerDue() const override { return std::min(lingerEnd_, connection_.Due()); }
+  // While the port is blocked all but the end of a linger waits.
+  Time LingerDue() const override {
+    return port_->IsBlocked() ? lingerEnd_ : std::min(lingerEnd_, connection_.Due());
+  }
   void OnLinger() override;
 
   void OnTurnEnd() override;

@@ -29,7 +29,7 @@ class PortUser {
   virtual void OnBatchEnd() = 0;                     // after one or more OnDatagram
   virtual bool MayHaveSent(Bytes packet) const = 0;  // the beginning of one
   virtual void OnPortError(int error) = 0;  // the network says that its packets do not arrive
-  virtual void OnPortFree() = 0;            // after IsBlocked()
+  virtual void OnPortFree() = 0;            // after WaitUntilFree(), once
   virtual Time LingerDue() const = 0;
   virtual void OnLinger() = 0;
 
@@ -86,7 +86,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
 
   void OnReady(std::uint32_t events) override;
   int LingerDescriptor() const override { return socket_.Get(); }
-  std::uint32_t LingerEvents() const override { return EPOLLIN; }
+  std::uint32_t LingerEvents() const override { return blocked_ ? EPOLLIN | EPOLLOUT : EPOLLIN; }
   keelbase::internal::Clock::Point LingerDeadline() const override;
   void WriteLingering() override;
   void AbandonLinger() override { ServeLingering(); }

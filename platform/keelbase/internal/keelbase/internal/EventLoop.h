@@ -90,7 +90,7 @@ class LingerTask {
   virtual std::uint32_t LingerEvents() const { return EPOLLOUT; }  // what it waits for
   virtual Clock::Point LingerDeadline() const = 0;
   virtual void WriteLingering() = 0;  // calls EndLinger when done
-  virtual void AbandonLinger() = 0;   // calls EndLinger
+  virtual void AbandonLinger() = 0;   // at the deadline: calls EndLinger, or sets a later one
 
  protected:
   ~LingerTask() = default;
