@@ -15,6 +15,9 @@ function(zarn_set_warnings target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     # Clang counts changes of sign as conversions, GCC does not: both are to judge alike.
     target_compile_options(${target} PRIVATE -Wthread-safety -Wno-sign-conversion)
+  elseif(ZARN_BATCHES)
+    # GCC takes the files of a batch for headers, whose types others might see differently.
+    target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
   endif()
 endfunction()
 

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +21,7 @@
 
 #include "ChildTest.h"
 #include "DescriptorShortage.h"
+#include "ProcessorTime.h"
 #include "ProofScale.h"
 #include "RealIpc.h"
 #include "keelbase/internal/EventLoop.h"
@@ -494,12 +494,6 @@ TEST(IPCAcceptor, LackOfDescriptorsIsAnErrorOfTheStart) {
   EXPECT_TRUE(IsServed(Endpoint(dir)));
 }
 
-double ProcessorSeconds() {
-  timespec time{};
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 TEST(IPCAcceptor, LackOfDescriptorsPausesAcceptingWithoutABusyLoop) {
   using keelbase::CAWThreadManager;
   auto* network = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
@@ -512,9 +506,9 @@ TEST(IPCAcceptor, LackOfDescriptorsPausesAcceptingWithoutABusyLoop) {
     ASSERT_EQ(client.Connect(Endpoint(dir)), 0);
     keelbase::internal::Timer end(network->GetLoop());
     end.Start(std::chrono::milliseconds(600), 1, [&] { network->Stop(); });
-    used = ProcessorSeconds();
+    used = zarn::test::ProcessorSeconds();
     EXPECT_EQ(network->Run(), AW_OK);
-    used = ProcessorSeconds() - used;
+    used = zarn::test::ProcessorSeconds() - used;
   }
   EXPECT_EQ(server.sink.count, 0);
   EXPECT_LT(used, 0.2);

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -18,6 +17,7 @@
 #include <thread>
 #include <utility>
 
+#include "ProcessorTime.h"
 #include "RawPeer.h"
 #include "keelbase/internal/TimerQueue.h"
 
@@ -55,19 +55,13 @@ void RunUntilAsleep(RawPeer& peer) {
       RunUntil([&] { return peer.In().readerSleeps == 0 && peer.Out().readerSleeps != 0; }));
 }
 
-double ProcessorSeconds() {
-  timespec time{};
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 // What this process uses while the loop has nothing to do.
 double SecondsUsedWhileIdle() {
-  const double before = ProcessorSeconds();
+  const double before = zarn::test::ProcessorSeconds();
   keelbase::internal::Timer end(Network().GetLoop());
   end.Start(std::chrono::milliseconds(500), 1, [] { Network().Stop(); });
   EXPECT_EQ(Network().Run(), AW_OK);
-  return ProcessorSeconds() - before;
+  return zarn::test::ProcessorSeconds() - before;
 }
 
 // --- a system that fails ---

@@ -2,7 +2,6 @@
 // or is stopped, addresses. What all transports do alike is tested in tests/transports.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "ChildTest.h"
+#include "ProcessorTime.h"
 #include "RealShmIpc.h"
 #include "VirtualSlot.h"
 #include "fshmipc/CAWShmIPCTransport.h"
@@ -55,12 +55,6 @@ TEST(ShmIPCTransport, DeathOfThePeerIsAReset) {
   EXPECT_EQ(end.sink.reason, ECONNRESET);
 }
 
-double ProcessorSeconds() {
-  timespec time{};
-  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 // In a child: sends all the time, as much as there is room for.
 void RunFlooder() {
   ShmEnd end{ConnectToParent(), {}};
@@ -93,11 +87,11 @@ TEST(ShmIPCTransport, StoppedPeerCostsNoProcessorTimeAndGoesOnAfterwards) {
     int status = 0;
     ASSERT_EQ(::waitpid(flooder.GetProcess(), &status, WUNTRACED), flooder.GetProcess());
     end.Fill();
-    const double before = ProcessorSeconds();
+    const double before = zarn::test::ProcessorSeconds();
     keelbase::internal::Timer over(network->GetLoop());
     over.Start(std::chrono::milliseconds(500), 1, [&] { network->Stop(); });
     EXPECT_EQ(network->Run(), AW_OK);
-    EXPECT_LT(ProcessorSeconds() - before, 0.1) << "spin " << spin;
+    EXPECT_LT(zarn::test::ProcessorSeconds() - before, 0.1) << "spin " << spin;
     EXPECT_FALSE(end.sink.ended);
     const std::size_t soFar = received;
     ASSERT_EQ(::kill(flooder.GetProcess(), SIGCONT), 0);
