@@ -10,7 +10,7 @@ std::uint32_t GetHashKey(const fshmipc::CAWShmIPCAddr& addr) {
 std::uint32_t GetHashKey(const keelbase::CAWIPCAddr& addr) {
   std::uint16_t second = 0;
   std::uint16_t first = 0;
-  ZARNFromIPCAddr(second, first, addr);  // both stay 0 for a path that is no endpoint's
+  ZARNFromIPCAddr(second, first, addr);  // both stay 0 for a path that it refuses
   return MakeJno(first, second);
 }
 

@@ -70,7 +70,7 @@ class Loss(ToolTest):
         relay.silent = True
         sender.process.stdin.write(b"is lost\n")
         sender.process.stdin.close()
-        self.assertRegex(sender.line_with("the peer does not read", "stderr"), "bytes not sent within 3 s$")
+        self.assertRegex(sender.line_with("the peer takes nothing", "stderr"), "bytes left after 3 s$")
         self.assertEqual(sender.process.wait(PATIENCE), 1)
 
     def test_a_sender_whose_bytes_are_not_acknowledged_says_so(self):

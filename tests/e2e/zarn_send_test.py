@@ -95,7 +95,7 @@ class Send(ToolTest):
             sender.process.stdin.write(b"x" * 60000 + b"\n")
         sender.process.stdin.close()
         self.assertEqual(sender.process.wait(), 1)
-        self.assertIn("the peer does not read", sender.errors())
+        self.assertIn("the peer takes nothing", sender.errors())
 
     def test_missing_answers_are_a_failure(self):
         self.serve()

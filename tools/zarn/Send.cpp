@@ -134,7 +134,7 @@ void Send::Received(const Message& message) {
 
 void Send::OutOfPatience() {
   if (const std::uint64_t left = GetLink().GetUndelivered(); left != 0) {
-    Complain("{}: the peer does not read: {} not sent within {:g} s", GetUrl(),
+    Complain("{}: the peer takes nothing: {} left after {:g} s", GetUrl(),
              FormatBytes(static_cast<double>(left)), GetTimeout());
   } else {
     Complain("{}: {} of {} answers within {:g} s", GetUrl(), replies_, options_.replies,

@@ -65,7 +65,7 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
               ptcp::CAWPseudoTCPTransportParameter* parameter) override;
 
   // Calls OnPeerDisconnect and does nothing else: the transport stays until Disconnect or
-  // SetTransportHandle, and so does what was received and queued.
+  // SetTransportHandle, what was received and queued until the stream's end.
   void OnDisconnect(long reason, ptcp::IAWPseudoTCPTransport* transport) override;
 
   // Ends the connection; what SendMessage has accepted still goes out, as far as the peer takes it

@@ -34,8 +34,8 @@ namespace zarn::utils {
 class ZARNUTILS_API CZARNLibServerChannel : public CZARNIPCStreamBase {
  public:
   // Takes over the transport with a reference of its own. Messages come later, never from inside.
-  // With null, or a transport that somebody else has opened, sending answers an error and nothing
-  // comes.
+  // With null nothing comes and sending answers an error. With a transport that somebody else has
+  // opened nothing comes either, but what is sent goes out, and the channel's end closes it.
   explicit CZARNLibServerChannel(fipc::IAWIPCTransport* transport);
 
   std::size_t HandleMessage(const char* data, std::size_t len) override;

@@ -64,7 +64,7 @@ ZARNUTILS_API CZARNMetrics ZARNTakeMetrics(std::uint32_t milliseconds = 1000);
 // reader gets a second to take it, and a thread of the process a second to answer.
 ZARNUTILS_API keelbase::AWResult ZARNEnableMetrics();
 
-// Any thread; waits for the one that serves. Always 0.
+// Any thread; waits for the one that serves. 0; 10001 without memory, and nothing has changed.
 ZARNUTILS_API keelbase::AWResult ZARNDisableMetrics();
 
 }  // namespace zarn::utils

@@ -17,7 +17,7 @@ struct CZARNStreamCounters {
   std::uint64_t connectFailures = 0;
   std::uint64_t malformedFrames = 0;
   std::size_t sendQueueHighMark = 0;  // most bytes that ever waited in the send queue
-  long lastDisconnectReason = 0;      // of the last OnPeerDisconnect
+  long lastDisconnectReason = 0;      // of the last OnPeerDisconnect or OnConnectFailure
 };
 
 }  // namespace zarn::utils

@@ -68,8 +68,9 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   // not take at once waits in the send queue. The transport advances the chain over what it takes
   // at once; over what was queued it is not advanced. Never blocks. 0: all of it was sent or
   // queued, whatever is left unread; 10001 without a connection, for any error of the transport,
-  // and without memory. When something was waiting already the chain has been queued behind it even
-  // on an error of the transport, so it must not be sent again.
+  // and without memory, which closes the stream when part of it was on its way already. When
+  // something was waiting already the chain has been queued behind it even on an error of the
+  // transport, so it must not be sent again.
   virtual keelbase::AWResult SendSSLMessage(keelbase::CAWMessageBlock& data);
 
   // --- upcalls, for the subclass ---

@@ -59,7 +59,8 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
                  wface::CAWTransportParameter* parameter) override;
   void OnSend(wface::IAWTransport* transport, wface::CAWTransportParameter* parameter) override;
 
-  // The transport and what was received and queued stay until Disconnect or SetTransportHandle.
+  // The transport stays until Disconnect or SetTransportHandle, what was received and queued until
+  // Disconnect.
   void OnDisconnect(long reason, wface::IAWTransport* transport) override;
 
   // Ends the connection like Disconnect(0). On the stream's thread, unless it is closed or has had

@@ -8,9 +8,9 @@
 //   SendTORVMessage(block, 1, 7);                     // number 1 to everybody who answers to 7
 //
 // Each function does what CTORVManager's operation of that name does, see there. From any thread
-// and from callbacks; none throws or waits for a delivery. 0; 10001 from TORVInit for a null sink,
-// and from any of them when there is no memory for the manager itself. May be called to the very
-// end of the process, by any thread: once the clean-up chain has run they do nothing.
+// and from callbacks; none throws or waits for a delivery. 0; 10001 from TORVInit for a null sink
+// and without memory, and from any of them when there is none for the manager itself. May be called
+// to the very end of the process, by any thread: once the clean-up chain has run they do nothing.
 #pragma once
 
 #include "keelbase/CAWError.h"

@@ -118,8 +118,8 @@ ZARNUTILS_API std::uint32_t GetHashKey(const keelbase::CAWIPCAddr& addr);
 
 // Short random texts: neither unique nor secret. One thread at a time; uuid4_init first, once,
 // which answers 0, or -1 when the system gave no random bytes. uuid4_generate writes 13 bytes to
-// `dst`: 0 to 12 decimal digits and zeros behind them. The text ends at the first of twelve random
-// hex digits that is no decimal one, so it may be empty.
+// `dst`: twelve random hex digits, of which each that is no decimal one is a zero, and a zero. So
+// the text ends at the first of those, and may be empty.
 ZARNUTILS_API int uuid4_init();
 ZARNUTILS_API void uuid4_generate(char* dst);
 

@@ -359,8 +359,8 @@ void StreamSocket::WriteLingering() {
 }
 
 // A close with unread input makes TCP drop what is still on its way to the peer. So, if anything
-// is, the peer is told the end, and what it sends is dropped until it ends too. False: nothing is
-// left to do.
+// was ever sent (nobody tells whether it has arrived), the peer is told the end, and what it sends
+// is dropped until it ends too. False: nothing is left to do.
 bool StreamSocket::GoOnClosing() {
   if (writeError_ != 0) return false;
   if (state_ == State::draining) return DropInput();

@@ -52,14 +52,14 @@ class FIPC_API IAWIPCConnector : public IAWIPCAcceptorConnectorId {
  public:
   // Connects to the endpoint at `peer`; `local` (null for none) is the address that the other side
   // is told. Both are copied. Never blocks, never calls back from inside; exactly one indication
-  // follows unless cancelled. 0; 10001 for a null sink or while a connect is under way. `parameter`
-  // is 0.
+  // follows unless cancelled. 0; 10001 for a null sink, while a connect is under way, or without
+  // memory. `parameter` is 0.
   virtual keelbase::AWResult AsyncConnect(IAWIPCAcceptorConnectorSink* sink,
                                           const keelbase::CAWIPCAddr& peer, std::uint32_t parameter,
                                           const keelbase::CAWIPCAddr* local) = 0;
 
   // No indication comes after this. Does nothing when there was one already; never touches a
-  // transport.
+  // transport. Always 0.
   virtual keelbase::AWResult CancelConnect() = 0;
 };
 
@@ -75,7 +75,7 @@ class FIPC_API IAWIPCAcceptor : public IAWIPCAcceptorConnectorId {
                                          const keelbase::CAWIPCAddr& addr) = 0;
 
   // Stops and removes the endpoint file, if it is still this acceptor's. Accepted connections go
-  // on.
+  // on. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 };
 

@@ -60,14 +60,14 @@ class FSHMIPC_API IAWShmIPCConnector : public IAWShmIPCAcceptorConnectorId {
  public:
   // Connects to the endpoint `peer`; `local` (null for none) is the address that the other side is
   // told. Both are copied. Never blocks on the peer, never calls back from inside; exactly one
-  // indication follows unless cancelled. 0; 10001 for a null sink or while a connect is under way.
-  // `parameter` is 0.
+  // indication follows unless cancelled. 0; 10001 for a null sink, while a connect is under way, or
+  // without memory. `parameter` is 0.
   virtual keelbase::AWResult AsyncConnect(IAWShmIPCAcceptorConnectorSink* sink,
                                           const CAWShmIPCAddr& peer, std::uint32_t parameter,
                                           const CAWShmIPCAddr* local) = 0;
 
   // No indication comes after this. Does nothing when there was one already; never touches a
-  // transport.
+  // transport. Always 0.
   virtual keelbase::AWResult CancelConnect() = 0;
 };
 
@@ -83,7 +83,7 @@ class FSHMIPC_API IAWShmIPCAcceptor : public IAWShmIPCAcceptorConnectorId {
                                          const CAWShmIPCAddr& addr) = 0;
 
   // Stops and removes the endpoint file, if it is still this acceptor's. Accepted connections go
-  // on.
+  // on. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 };
 

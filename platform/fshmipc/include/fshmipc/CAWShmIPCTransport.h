@@ -57,8 +57,8 @@ class FSHMIPC_API IAWShmIPCTransport {
   // Copies the chain's unread bytes into the ring and advances its read pointers over what was
   // taken; never blocks. 0: everything taken. 10013: part or nothing taken because the ring is
   // full, one OnSend follows when half of it is free. Anything else: an error (10001 after the end,
-  // 10002 after Disconnect), nothing taken. The peer is told at the end of the loop's turn, or when
-  // 16 KiB are together. `parameter` may be null.
+  // 10002 after Disconnect), nothing taken. The peer is told at once of the first bytes of the
+  // loop's turn, then when 16 KiB are together, and at the turn's end. `parameter` may be null.
   virtual keelbase::AWResult SendData(keelbase::CAWMessageBlock& data,
                                       CAWShmIPCTransportParameter* parameter) = 0;
 

@@ -29,9 +29,9 @@ class KEELBASE_API IAWEvent {
 // The queue of one CAWThread: first in, first out. Lives as long as its thread object, for ever.
 class KEELBASE_API CAWEventQueue {
  public:
-  // From any thread, also from inside an event. Takes the event over. 0, or 10001 once the thread
-  // has stopped (the event is then destroyed without being fired). `priority` is accepted for
-  // callers that name one; all events wait in one line.
+  // From any thread, also from inside an event. Takes the event over. 0; 10001 for null, and once
+  // the thread has stopped or without memory (the event is then destroyed without being fired).
+  // `priority` is accepted for callers that name one; all events wait in one line.
   AWResult Post(IAWEvent* event, std::uint32_t priority = 1);
 
  private:

@@ -50,13 +50,13 @@ class KEELBASE_API CAWThread {
   // of the loop.
   void SetSpin(std::uint32_t microseconds);
 
-  // Runs `function` on this thread, later. 0, or 10001 once the thread has stopped (then it is
-  // dropped).
+  // Runs `function` on this thread, later. 0, or 10001 once the thread has stopped and without
+  // memory (then it is dropped).
   AWResult Post(std::function<void()> function);
 
-  // Runs `function` on this thread, waits, and returns its value; in place when already there, and
-  // in place too once the thread has stopped (nothing else runs there then). Must not be called by
-  // somebody for whom this thread waits.
+  // Runs `function` on this thread, waits, and returns its value or throws what it threw; in place
+  // when already there, and in place too once the thread has stopped (nothing else runs there
+  // then). Must not be called by somebody for whom this thread waits.
   template <class Function>
   std::invoke_result_t<Function> Call(Function&& function) {
     using Value = std::invoke_result_t<Function>;

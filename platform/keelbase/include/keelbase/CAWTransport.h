@@ -21,7 +21,8 @@ enum CAWTransportOption : int {
   AW_OPT_COUNTERS = 111,
 
   // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken, and
-  // waits for the peer's end where its bytes are unread. Default 2000; 0 drops at once whatever the
+  // waits for the peer's end where its bytes are unread and something was sent. Default 2000; 0
+  // drops at once whatever the
   // system does not take at once.
   AW_OPT_LINGER = 112,
 
@@ -30,8 +31,9 @@ enum CAWTransportOption : int {
   // it is.
   AW_OPT_LINGER_DATA = 113,
 
-  // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535.
-  // Default 65535. For a receiver that holds the start of a frame: the less comes behind its end,
+  // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535 (what
+  // is outside counts as the nearest of these). Default 65535. For a receiver that holds the start
+  // of a frame: the less comes behind its end,
   // the less of the next frame has to be moved.
   AW_OPT_READ_SIZE = 115,
 

@@ -52,7 +52,7 @@ class PTCP_API IAWPseudoTCPConnector : public IAWPseudoTCPAcceptorConnectorId {
                                           const keelbase::CAWInetAddr* local) = 0;
 
   // No indication comes after this. Does nothing when there was one already; never touches a
-  // transport.
+  // transport. Always 0.
   virtual keelbase::AWResult CancelConnect() = 0;
 };
 
@@ -67,7 +67,7 @@ class PTCP_API IAWPseudoTCPAcceptor : public IAWPseudoTCPAcceptorConnectorId {
                                          const keelbase::CAWInetAddr& addr, int backlog) = 0;
 
   // Stops; who is half open is turned away. Accepted connections go on, on the same port. The
-  // address can be listened at again at once, on the thread of this acceptor.
+  // address can be listened at again at once, on the thread of this acceptor. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 
   // Where it listens, or listened last; 0.0.0.0:0 before.

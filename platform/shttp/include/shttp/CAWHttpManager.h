@@ -43,7 +43,7 @@ class SHTTP_API IAWHttpClient {
   virtual keelbase::AWResult SetInfo(const keelbase::CAWString& user,
                                      const keelbase::CAWString& password) = 0;
 
-  // From the next Open on; those of the manager unless set.
+  // From the next Open on; those of the manager unless set. Always 0.
   virtual keelbase::AWResult SetLimits(const CAWHttpLimits& limits) = 0;
 
   // Connects to `url`'s server; one OnConnect follows, never from inside, for a bad url too. A

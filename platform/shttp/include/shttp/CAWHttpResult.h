@@ -6,7 +6,7 @@
 
 namespace shttp {
 
-// A result is the status of the server's answer, 100 to 999, or below 0 when there is none:
+// A result is the status of the server's answer, 200 to 999, or below 0 when there is none:
 //
 //   -EINVAL            the url, the setting, the user name or the password is not good
 //   -EPROTONOSUPPORT   the url's scheme is neither http nor https

@@ -28,7 +28,7 @@ class SSLPTCP_API IAWSSLPTCPConnector : public sslutils::IAWSSLConnectorAcceptor
                                           const keelbase::CAWInetAddr* local) = 0;
 
   // No indication comes after this. Does nothing when there was one already; never touches a
-  // transport. `reason` is 0.
+  // transport. `reason` is 0. Always 0.
   virtual keelbase::AWResult Cancel(long reason) = 0;
 };
 

@@ -31,7 +31,7 @@ enum CAWSSLReason : long {
   AW_SSL_ERROR_RECORD = 10121,  // garbage, or bytes that were changed on the way
   AW_SSL_ERROR_CUT = 10122,     // ended without saying so: what came may not be all
 
-  // Our own key and certificate.
+  // Our own key and certificates, also those of the authorities whom we are to trust.
   AW_SSL_ERROR_KEY_UNREADABLE = 10131,              // no private key in PEM form
   AW_SSL_ERROR_KEY_ENCRYPTED = 10132,               // nobody can be asked for its password
   AW_SSL_ERROR_KEY_MISMATCH = 10133,                // the key is not that of the certificate

@@ -75,7 +75,7 @@ class SSLUTILS_API IAWSSLConnector : public IAWSSLConnectorAcceptor {
                                           const keelbase::CAWInetAddr* local) = 0;
 
   // No indication comes after this. Does nothing when there was one already; never touches a
-  // transport. `reason` is 0.
+  // transport. `reason` is 0. Always 0.
   virtual keelbase::AWResult Cancel(long reason) = 0;
 };
 
@@ -94,7 +94,7 @@ class SSLUTILS_API IAWSSLAcceptor : public IAWSSLConnectorAcceptor {
   virtual keelbase::AWResult StartListen(IAWSSLConnectionSink* sink,
                                          const keelbase::CAWInetAddr& addr, int backlog) = 0;
 
-  // Stops, and ends the handshakes that are under way. Accepted connections go on.
+  // Stops, and ends the handshakes that are under way. Accepted connections go on. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 
   virtual keelbase::CAWInetAddr GetLocalAddr() = 0;  // 0.0.0.0:0 while not listening

@@ -78,8 +78,9 @@ class SSLUTILS_API IAWSSLTransport {
 
   // AW_OPT_SSL_INFO and the codes of keelbase::CAWTransportOption; addresses are those of the
   // transport below (keelbase::CAWInetAddr). Counters are those of what the user sends and
-  // receives, but systemCallsSent, which counts records. 0; 10001 for an unknown code or a null
-  // pointer.
+  // receives, but systemCallsSent, which counts records. Any other code is the transport's below,
+  // and knows nothing of what is not encrypted yet: queuedBytes tells that. 0; 10001 for a null
+  // pointer, and for a code that is unknown below, too.
   virtual keelbase::AWResult GetOption(int code, void* value) = 0;
   virtual keelbase::AWResult SetOption(int code, void* value) = 0;
 

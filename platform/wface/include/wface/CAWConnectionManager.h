@@ -52,7 +52,7 @@ class WFACE_API IAWConnector : public IAWAcceptorConnectorId {
                                           const keelbase::CAWInetAddr* local) = 0;
 
   // No indication comes after this. Does nothing when there was one already; never touches a
-  // transport.
+  // transport. Always 0.
   virtual keelbase::AWResult CancelConnect() = 0;
 };
 
@@ -67,7 +67,7 @@ class WFACE_API IAWAcceptor : public IAWAcceptorConnectorId {
                                          const keelbase::CAWInetAddr& addr, int backlog) = 0;
 
   // Stops; who waits to be accepted is turned away. Accepted connections go on. The address can be
-  // listened at again at once.
+  // listened at again at once. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 
   // Where it listens, or listened last; 0.0.0.0:0 before.

@@ -16,8 +16,6 @@
 #include "sslutils/CAWSSLTransport.h"
 #include "sslutils/internal/ByteTransport.h"
 
-struct bio_method_st;
-struct bio_st;
 struct ssl_st;
 
 namespace sslutils::internal {
@@ -70,7 +68,7 @@ class SSLUTILS_API TlsStream final
   void WriteLingering() override {}
   void AbandonLinger() override { CloseNow(); }
 
-  // OpenSSL's side; see the BIO in TlsStream.cpp.
+  // OpenSSL's side.
   friend class TlsBio;
   std::size_t ReadBelow(char* data, std::size_t length);
   std::size_t WriteBelow(const char* data, std::size_t length);
