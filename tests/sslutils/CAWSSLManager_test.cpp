@@ -534,6 +534,8 @@ TEST_P(CAWSSLManagerTest, ClientThatSendsAndLeavesAtOnceLosesNothing) {
   client.keep = false;
   client.onConnected = [&](IAWSSLTransport* transport) {
     CAWMessageBlock block(all.data(), all.size(), CAWMessageBlock::borrow);
+    std::uint32_t linger = 60000;
+    transport->SetOption(keelbase::AW_OPT_LINGER, &linger);
     transport->SendData(block, nullptr);
     transport->SetOption(keelbase::AW_OPT_LINGER_DATA, &block);
     transport->Disconnect(0);

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
+#include <openssl/ssl.h>
 #include <openssl/x509v3.h>
 
 #include <cstddef>
@@ -82,7 +83,9 @@ class TlsAuthority {
   static void Check(bool good) {
     if (!good) throw std::runtime_error("no certificate for the test");
   }
+  // OpenSSL is started as the library starts it: else its own clean-up comes before the library's.
   static Key MakeKey() {
+    OPENSSL_init_ssl(OPENSSL_INIT_NO_ATEXIT, nullptr);
     Key key(EVP_EC_gen("P-256"));
     Check(key != nullptr);
     return key;

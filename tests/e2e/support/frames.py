@@ -58,6 +58,13 @@ class FrameSocket:
                 return None
             self.received += more
 
+    def read_to_end(self) -> bytes:
+        """All bytes until an orderly end, as fast as they come."""
+        parts = []
+        while part := self.socket.recv(1 << 20):
+            parts.append(part)
+        return b"".join(parts)
+
     def ends(self) -> bool:
         """Waits for the other side to end the connection; whether it sent nothing before."""
         try:
