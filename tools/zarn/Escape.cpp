@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstddef>
 
 namespace zarn::tool {
@@ -29,6 +30,8 @@ std::size_t PrintableLength(std::string_view bytes) {
   return length;
 }
 
+bool IsPlain(char byte) { return byte >= 0x20 && byte < 0x7f && byte != '\\'; }
+
 std::string EscapeByte(char byte) {
   switch (byte) {
     case '\n':
@@ -47,7 +50,12 @@ std::string EscapeByte(char byte) {
 std::string Escape(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size());
-  while (!bytes.empty()) {
+  for (;;) {
+    // Most texts are plain but for a few bytes.
+    const auto* const other = std::find_if_not(bytes.begin(), bytes.end(), IsPlain);
+    text.append(bytes.begin(), other);
+    bytes.remove_prefix(static_cast<std::size_t>(other - bytes.begin()));
+    if (bytes.empty()) return text;
     std::size_t length = PrintableLength(bytes);
     if (bytes[0] == '\\') {
       text.append("\\\\");
@@ -59,7 +67,6 @@ std::string Escape(std::string_view bytes) {
     }
     bytes.remove_prefix(length);
   }
-  return text;
 }
 
 }  // namespace zarn::tool
