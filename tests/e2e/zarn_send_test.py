@@ -3,9 +3,10 @@
 import errno
 import os
 import subprocess
+import time
 import unittest
 
-from zarn_tool import LONGEST, PATIENCE, ToolTest, frame, read_frame
+from zarn_tool import LONGEST, PATIENCE, ToolTest, frame, read_exactly, read_frame
 
 
 class Send(ToolTest):
@@ -96,6 +97,20 @@ class Send(ToolTest):
         sender.process.stdin.close()
         self.assertEqual(sender.process.wait(), 1)
         self.assertIn("the peer takes nothing", sender.errors())
+
+    def test_a_peer_that_reads_slowly_is_waited_for(self):
+        listener = self.listen()
+        sender = self.start("send", self.url, "-", "--timeout", "5", stdin=subprocess.PIPE)
+        connection = self.accept(listener)
+        lines = (b"x" * 60000 + b"\n") * 15
+        sender.process.stdin.write(lines)
+        sender.process.stdin.close()
+        for _ in range(4):  # longer than the timeout in all
+            time.sleep(2)
+            read_exactly(connection, 150000)
+        read_exactly(connection, 15 * 60012 - 600000)
+        self.assertEqual(connection.recv(1), b"")
+        self.assertEqual(sender.process.wait(PATIENCE), 0)
 
     def test_missing_answers_are_a_failure(self):
         self.serve()

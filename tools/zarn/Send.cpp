@@ -66,6 +66,7 @@ class Send final : public ClientCommand {
   std::uint64_t bytes_ = 0;
   std::uint64_t skipped_ = 0;
   std::uint64_t replies_ = 0;
+  std::uint64_t left_ = 0;  // undelivered when that was last looked at
 };
 
 void Send::Begin() {
@@ -112,13 +113,18 @@ bool Send::SendOne(std::string_view data) {
 
 void Send::AllSent() {
   allSent_ = true;
+  left_ = GetLink().GetUndelivered();
   drain_.Every(kDrainPause);
   BePatient();
 }
 
-// Done is: all is on its way for certain, or has arrived, and all answers are there.
+// Done is: all is on its way for certain, or has arrived, and all answers are there. A slow peer is
+// waited for as long as it takes something.
 void Send::CheckDone() {
-  if (GetLink().GetUndelivered() != 0) return;
+  const std::uint64_t left = GetLink().GetUndelivered();
+  if (left < left_) BePatient();
+  left_ = left;
+  if (left != 0) return;
   drain_.Cancel();
   if (replies_ >= options_.replies) Finish(kDone);
 }
@@ -133,9 +139,9 @@ void Send::Received(const Message& message) {
 }
 
 void Send::OutOfPatience() {
-  if (const std::uint64_t left = GetLink().GetUndelivered(); left != 0) {
+  if (left_ != 0) {
     Complain("{}: the peer takes nothing: {} left after {:g} s", GetUrl(),
-             FormatBytes(static_cast<double>(left)), GetTimeout());
+             FormatBytes(static_cast<double>(left_)), GetTimeout());
   } else {
     Complain("{}: {} of {} answers within {:g} s", GetUrl(), replies_, options_.replies,
              GetTimeout());
