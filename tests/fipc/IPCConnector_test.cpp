@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "DescriptorShortage.h"
+#include "PassDescriptors.h"
 #include "RealIpc.h"
 #include "VirtualSlot.h"
 
@@ -177,6 +178,19 @@ TEST(IPCConnector, TransportThatNobodyTookIsClosed) {
   accepted->OpenWithSink(&events);
   EXPECT_TRUE(Await([&] { return events.ended; }));
   EXPECT_EQ(events.reason, 0);
+}
+
+TEST(IPCConnector, ItsConnectionRefusesDescriptorsWhereTheSystemCan) {
+  const TempDir dir;
+  PlainSocket listening = PlainSocket::Stream();
+  ASSERT_EQ(listening.Bind(dir.GetPath() + "/1_2"), 0);
+  ASSERT_EQ(listening.Listen(), 0);
+  const auto connector = MakeConnector();
+  IndicationSink sink;
+  EXPECT_EQ(Connect(*connector, sink, dir.GetPath() + "/1_2"), AW_OK);
+  EXPECT_TRUE(Await([&] { return sink.count == 1; }));
+  const PlainSocket peer = listening.Accept();
+  EXPECT_NE(SendWithDescriptors(peer.Get(), "x", 1, {peer.Get()}), DescriptorsCanBeRefused());
 }
 
 TEST(IPCConnector, ArgumentsAreCopied) {

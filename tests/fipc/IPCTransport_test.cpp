@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "ChildTest.h"
+#include "PassDescriptors.h"
 #include "RealIpc.h"
 #include "VirtualSlot.h"
 #include "fipc/CAWIPCTransport.h"
@@ -16,6 +17,11 @@ namespace fipc {
 namespace {
 
 using namespace zarn::test;
+
+TEST(IPCTransport, OfAnAcceptorRefusesDescriptorsWhereTheSystemCan) {
+  const Connection c;
+  EXPECT_NE(SendWithDescriptors(c.peer.Get(), "x", 1, {c.peer.Get()}), DescriptorsCanBeRefused());
+}
 
 // --- ends ---
 

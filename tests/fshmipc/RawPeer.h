@@ -2,42 +2,17 @@
 // the test puts into it.
 #pragma once
 
-#include <fcntl.h>
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <array>
-#include <cstring>
 #include <string>
 #include <utility>
-#include <vector>
 
+#include "PassDescriptors.h"
 #include "RealShmIpc.h"
 #include "ShmGreeting.h"
 #include "ShmSegment.h"
 
 namespace fshmipc {
 
-// Sends bytes and descriptors as one message.
-inline bool SendWithDescriptors(int socket, const void* data, std::size_t length,
-                                const std::vector<int>& descriptors) {
-  iovec piece{const_cast<void*>(data), length};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(64 * sizeof(int))> control{};
-  msghdr header{};
-  header.msg_iov = &piece;
-  header.msg_iovlen = 1;
-  if (!descriptors.empty()) {
-    const std::size_t size = descriptors.size() * sizeof(int);
-    header.msg_control = control.data();
-    header.msg_controllen = CMSG_SPACE(size);
-    cmsghdr* part = CMSG_FIRSTHDR(&header);
-    part->cmsg_level = SOL_SOCKET;
-    part->cmsg_type = SCM_RIGHTS;
-    part->cmsg_len = CMSG_LEN(size);
-    std::memcpy(CMSG_DATA(part), descriptors.data(), size);
-  }
-  return ::sendmsg(socket, &header, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
-}
+using zarn::test::SendWithDescriptors;
 
 // A connector that is not ours, connected to a transport of the library.
 class RawPeer {

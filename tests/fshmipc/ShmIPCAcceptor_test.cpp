@@ -295,7 +295,7 @@ TEST(ShmIPCAcceptor, LackOfDescriptorsForTheMemoryRefusesThatOneOnly) {
   const FileDescriptor memory = GoodMemory(segment);
   {
     const DescriptorShortage shortage;
-    EXPECT_EQ(client.GreetWith(memory, kLeastShmRing), EPROTO);
+    EXPECT_EQ(client.GreetWith(memory, kLeastShmRing), EMFILE);
   }
   EXPECT_TRUE(client.IsEnded());
   EXPECT_TRUE(IsServed(system));

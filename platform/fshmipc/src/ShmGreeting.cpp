@@ -93,6 +93,8 @@ int ReceiveGreeting(int socket, Greeting& greeting, FileDescriptor& memory) {
   memory = TakeDescriptor(header, count);
   if (!IsOurs(greeting, length)) return EPROTO;
   if (greeting.version != kLayoutVersion) return EPROTONOSUPPORT;
+  // Ours have run out: the peer has sent more than we could take.
+  if (count == 0 && (header.msg_flags & MSG_CTRUNC) != 0) return EMFILE;
   const bool whole = length == static_cast<ssize_t>(sizeof greeting) && count == 1 &&
                      (header.msg_flags & MSG_CTRUNC) == 0;
   return whole ? 0 : EPROTO;

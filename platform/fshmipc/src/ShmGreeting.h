@@ -40,7 +40,7 @@ static_assert(sizeof(GreetingAnswer) == 12);
 int SendGreeting(int socket, const CAWShmIPCAddr& local, std::uint32_t ringSize, int memory);
 
 // EPROTONOSUPPORT: another version. EPROTO: no greeting, or not one descriptor with it; what came
-// along is closed.
+// along is closed. EMFILE: no descriptor was free for the one that came.
 int ReceiveGreeting(int socket, Greeting& greeting, FileDescriptor& memory);
 
 int SendAnswer(int socket, int result);

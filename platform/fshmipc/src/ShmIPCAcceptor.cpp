@@ -9,6 +9,7 @@
 #include "ShmEndpoint.h"
 #include "ShmIPCTransport.h"
 #include "keelbase/CAWFile.h"
+#include "keelbase/internal/PassedDescriptors.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {
@@ -58,7 +59,9 @@ class ShmIPCAcceptor::Guest final : private keelbase::internal::Watcher {
     Greeting greeting;
     FileDescriptor memory;
     const int error = ReceiveGreeting(socket_.Get(), greeting, memory);
-    if (error != EAGAIN) host_.OnGreeted(*this, error, greeting, memory);
+    if (error == EAGAIN) return;
+    keelbase::internal::RefuseDescriptors(socket_.Get());
+    host_.OnGreeted(*this, error, greeting, memory);
   }
 
   ShmIPCAcceptor& host_;
@@ -76,7 +79,9 @@ ShmIPCAcceptor::ShmIPCAcceptor(keelbase::internal::EventLoop& loop, const System
           [this](FileDescriptor socket, const CAWPeerCredentials& credentials) {
             OnAccepted(std::move(socket), credentials);
           },
-          [this](int error) { OnFailed(error); }) {}
+          [this](int error) { OnFailed(error); }) {
+  listener_.TakeDescriptors();
+}
 
 ShmIPCAcceptor::~ShmIPCAcceptor() = default;
 

@@ -6,6 +6,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/PassedDescriptors.h"
 #include "keelbase/internal/PeerCheck.h"
 
 namespace keelbase::internal {
@@ -44,6 +45,7 @@ void EndpointDialer::Try() {
 int EndpointDialer::Connect(FileDescriptor& out, CAWPeerCredentials& credentials) const {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
+  RefuseDescriptors(socket.Get());
   if (prepare_) {
     if (const int error = prepare_(socket.Get()); error != 0) return error;
   }

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "keelbase/internal/PassedDescriptors.h"
+
 namespace keelbase::internal {
 
 namespace {
@@ -51,6 +53,7 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
   if (const int error = address.Resolve(path); error != 0) return error;
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
+  if (!takesDescriptors_) RefuseDescriptors(socket.Get());
   std::string file = path.directory + "/" + path.name;
   FileDescriptor directory;
   if (const int error = LockDirectory(path.directory, directory); error != 0) return error;

@@ -22,6 +22,9 @@ class KEELBASE_API EndpointFile {
   EndpointFile(const EndpointFile&) = delete;
   EndpointFile& operator=(const EndpointFile&) = delete;
 
+  // Peers may pass descriptors along, which are refused otherwise. Before Listen.
+  void TakeDescriptors() { takesDescriptors_ = true; }
+
   // Binds and listens at `path`. 0: `listening` is ready; EWOULDBLOCK: another process holds the
   // directory, ask again later; else an errno value, and nothing was changed.
   int Listen(const EndpointPath& path, FileDescriptor& listening);
@@ -33,6 +36,7 @@ class KEELBASE_API EndpointFile {
   std::string path_;  // empty: no file
   dev_t device_ = 0;
   ino_t inode_ = 0;
+  bool takesDescriptors_ = false;
 };
 
 }  // namespace keelbase::internal

@@ -26,6 +26,7 @@ class KEELBASE_API EndpointListener {
   EndpointListener& operator=(const EndpointListener&) = delete;
 
   void AllowAnyUser(bool allow) { allowAnyUser_ = allow; }
+  void TakeDescriptors() { file_.TakeDescriptors(); }  // that peers pass along; before Start
 
   // 0: listening, or waiting for the directory. Else an errno value, and it has stopped.
   int Start(const std::string& path);
