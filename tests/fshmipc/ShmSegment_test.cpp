@@ -122,11 +122,12 @@ TEST(ShmSegment, MemoryIsReserved) {
   EXPECT_GE(BlocksOf(file) * 512, kWhole);
 }
 
-TEST(ShmSegment, WhatAPeerHasLeftOutIsReserved) {
-  const FileDescriptor sparse = MemoryFile(kWhole, kSeals, false);
-  EXPECT_LT(BlocksOf(sparse) * 512, kWhole);
-  EXPECT_EQ(Attach(sparse), 0);
-  EXPECT_GE(BlocksOf(sparse) * 512, kWhole);
+TEST(ShmSegment, MemoryThatAPeerHasNotReservedIsRefused) {
+  EXPECT_EQ(Attach(MemoryFile(kWhole, kSeals, false)), EPROTO);
+  const FileDescriptor holed = MemoryFile(kWhole, kSeals);
+  const int punch = FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE;
+  ASSERT_EQ(::fallocate(holed.Get(), punch, kWhole - 4096, 4096), 0);
+  EXPECT_EQ(Attach(holed), EPROTO);
 }
 
 TEST(ShmSegment, HolesThatAPeerMakesLaterAreFilledAtATouch) {
@@ -238,7 +239,7 @@ TEST(ShmSegment, LimitOfFileSizesIsAnError) {
   if (ChildTest::Role() == "create") ::_exit(ResultWith(RLIMIT_FSIZE, kWhole - 1, nullptr));
   if (ChildTest::Role() == "create within") ::_exit(ResultWith(RLIMIT_FSIZE, kWhole, nullptr));
   if (ChildTest::Role() == "attach") {
-    const FileDescriptor memory = MemoryFile(kWhole, kSeals, false);
+    const FileDescriptor memory = MemoryFile(kWhole, kSeals);
     ::_exit(ResultWith(RLIMIT_FSIZE, kWhole - 1, &memory));
   }
   EXPECT_EQ(ChildTest("create").Wait(), EFBIG);

@@ -26,6 +26,8 @@ constexpr std::uint32_t kMostRing = 256 * 1024 * 1024;
 // Neither smaller, so that the mapping stays whole, nor larger, nor otherwise.
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 
+constexpr std::size_t kStatBlock = 512;  // stat(2) counts in these
+
 std::size_t SizeFor(std::size_t ringSize) { return kControlSize + 2 * ringSize; }
 
 // Past the process's limit on file sizes the kernel answers with a signal that ends the process.
@@ -42,14 +44,16 @@ int Reserve(int file, std::size_t size) {
   return result == 0 ? 0 : errno;
 }
 
-// Ordinary memory, of the right size, that nobody can take away under us. Huge pages are refused:
-// they can run out at a touch.
+// Ordinary memory, of the right size and all of it reserved, that nobody can take away under us.
+// Huge pages are refused: they can run out at a touch. We only look: a call that changes the file
+// could wait for a lock that the peer holds.
 bool IsSealedMemory(int file, std::size_t size) {
   struct stat status {};
   struct statfs system {};
   const int seals = ::fcntl(file, F_GET_SEALS);
   return seals >= 0 && (seals & kSeals) == kSeals && ::fstat(file, &status) == 0 &&
          S_ISREG(status.st_mode) && static_cast<std::size_t>(status.st_size) == size &&
+         static_cast<std::size_t>(status.st_blocks) * kStatBlock >= size &&
          ::fstatfs(file, &system) == 0 && system.f_type == TMPFS_MAGIC;
 }
 
@@ -83,8 +87,6 @@ int ShmSegment::Create(std::uint32_t ringSize, FileDescriptor& file) {
 
 int ShmSegment::Attach(const FileDescriptor& file, std::uint32_t ringSize) {
   if (!IsRingSize(ringSize) || !IsSealedMemory(file.Get(), SizeFor(ringSize))) return EPROTO;
-  // What the peer has left out is taken from memory now, not when it is touched.
-  if (const int error = Reserve(file.Get(), SizeFor(ringSize)); error != 0) return error;
   return Map(file, ringSize);
 }
 
