@@ -100,13 +100,13 @@ class Send(ToolTest):
 
     def test_a_peer_that_reads_slowly_is_waited_for(self):
         listener = self.listen()
-        sender = self.start("send", self.url, "-", "--timeout", "5", stdin=subprocess.PIPE)
+        sender = self.start("send", self.url, "-", "--timeout", "3", stdin=subprocess.PIPE)
         connection = self.accept(listener)
         lines = (b"x" * 60000 + b"\n") * 15
         sender.process.stdin.write(lines)
         sender.process.stdin.close()
         for _ in range(4):  # longer than the timeout in all
-            time.sleep(2)
+            time.sleep(1)
             read_exactly(connection, 150000)
         read_exactly(connection, 15 * 60012 - 600000)
         self.assertEqual(connection.recv(1), b"")

@@ -254,9 +254,9 @@ TEST(ShmConnection, PeerThatWritesOnAfterItsEndIsReadForOneRingOnly) {
   EXPECT_LT(peer.end.sink.received.size(), text.size() + 1000);
 }
 
-// --- the process's end ---
+// --- the end of the process ---
 
-TEST(ShmConnection, WhatItLingersForIsWrittenAtTheProcessesEnd) {
+TEST(ShmConnection, WhatItLingersForIsWrittenAtTheEndOfTheProcess) {
   RawPeer peer;
   peer.end.Open();
   const std::string more = Pattern(100000);
@@ -278,7 +278,7 @@ TEST(ShmConnection, WhatItLingersForIsWrittenAtTheProcessesEnd) {
   EXPECT_TRUE(received == expected);
 }
 
-TEST(ShmConnection, PeerThatIsGoneIsNotWaitedForAtTheProcessesEnd) {
+TEST(ShmConnection, PeerThatIsGoneIsNotWaitedForAtTheEndOfTheProcess) {
   RawPeer peer;
   peer.end.Open();
   peer.end.Fill();
@@ -290,7 +290,7 @@ TEST(ShmConnection, PeerThatIsGoneIsNotWaitedForAtTheProcessesEnd) {
   EXPECT_TRUE(RingReader(peer.segment.AcceptorRing()).HasEnded());
 }
 
-TEST(ShmConnection, PeerThatReadsNothingHoldsUpTheProcessesEndForItsLingerOnly) {
+TEST(ShmConnection, PeerThatReadsNothingHoldsUpTheEndOfTheProcessForItsLingerOnly) {
   RawPeer peer;
   peer.end.Open();
   peer.end.Fill();

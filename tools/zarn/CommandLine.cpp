@@ -162,7 +162,7 @@ void AddClientOptions(CLI::App& command, ClientOptions& options) {
   AddClientSecurity(command, options.endpoint);
   AddOwnPair(command, options.own);
   AddSeconds(command, "--timeout", options.timeout, 0, kMaxSeconds,
-             "how long to wait for the peer to be there, and for an answer; 0 for ever");
+             "how long to wait for the peer to be there, take something, or answer; 0 for ever");
   AddJson(command, options.json);
 }
 
