@@ -78,6 +78,8 @@ FileDescriptor Memory(FuzzedDataProvider& input) {
   const bool right = input.ConsumeBool();
   Check(::ftruncate(file.Get(), right ? 4096 + 2 * off_t{kRing} : wrong) == 0);
   const int all = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
+  const bool reserved = input.ConsumeBool();
+  Check(!reserved || !right || ::fallocate(file.Get(), 0, 0, 4096 + 2 * off_t{kRing}) == 0);
   ::fcntl(file.Get(), F_ADD_SEALS, input.ConsumeBool() ? all : input.ConsumeIntegralInRange(0, 15));
   return file;
 }
