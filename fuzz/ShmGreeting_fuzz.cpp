@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -15,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "PassDescriptors.h"
 #include "TempRoot.h"
 #include "fshmipc/CAWShmIPCManager.h"
 #include "keelbase/CAWThreadManager.h"
@@ -92,25 +92,6 @@ std::string Bytes(FuzzedDataProvider& input) {
   return bytes + input.ConsumeRandomLengthString(40);
 }
 
-void Send(int socket, const std::string& bytes, const std::vector<int>& descriptors) {
-  iovec piece{const_cast<char*>(bytes.data()), bytes.size()};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(16 * sizeof(int))> control{};
-  msghdr header{};
-  header.msg_iov = &piece;
-  header.msg_iovlen = 1;
-  if (!descriptors.empty()) {
-    const std::size_t size = descriptors.size() * sizeof(int);
-    header.msg_control = control.data();
-    header.msg_controllen = CMSG_SPACE(size);
-    cmsghdr* part = CMSG_FIRSTHDR(&header);
-    part->cmsg_level = SOL_SOCKET;
-    part->cmsg_type = SCM_RIGHTS;
-    part->cmsg_len = CMSG_LEN(size);
-    std::memcpy(CMSG_DATA(part), descriptors.data(), size);
-  }
-  ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
-}
-
 // The lowest free descriptor: the same before and after when nothing is left open.
 int LowestFree() { return FileDescriptor(::dup(STDERR_FILENO)).Get(); }
 
@@ -128,7 +109,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const FileDescriptor memory = Memory(input);
     for (int sends = input.ConsumeIntegralInRange(1, 3); sends > 0; --sends) {
       const std::vector<int> passed(input.ConsumeIntegralInRange<std::size_t>(0, 12), memory.Get());
-      Send(socket.Get(), Bytes(input), passed);
+      const std::string bytes = Bytes(input);
+      zarn::test::SendWithDescriptors(socket.Get(), bytes.data(), bytes.size(), passed);
       if (input.ConsumeBool()) endpoint.Turn();
     }
     endpoint.Turn();
