@@ -16,8 +16,9 @@ function(zarn_set_warnings target)
     # Clang counts changes of sign as conversions, GCC does not: both are to judge alike.
     target_compile_options(${target} PRIVATE -Wthread-safety -Wno-sign-conversion)
   elseif(ZARN_BATCHES)
-    # GCC takes the files of a batch for headers, whose types others might see differently.
-    target_compile_options(${target} PRIVATE -Wno-subobject-linkage)
+    # GCC takes the files of a batch for headers, whose types others might see differently, and what
+    # refers to a local object until that ends for something that outlives it.
+    target_compile_options(${target} PRIVATE -Wno-subobject-linkage -Wno-dangling-pointer)
   endif()
 endfunction()
 
@@ -84,7 +85,7 @@ macro(zarn_add_compiled_library)
   set_target_properties(
     ${arg_NAME}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
                                    VISIBILITY_INLINES_HIDDEN ON
-                                   UNITY_BUILD ${ZARN_BATCHES} UNITY_BUILD_BATCH_SIZE 4)
+                                   UNITY_BUILD ${ZARN_BATCHES} UNITY_BUILD_BATCH_SIZE 16)
   # The record of the ABI (tests/abi) is made of the types, all of them and not only line numbers.
   target_compile_options(
     ${arg_NAME}_objects

@@ -7,11 +7,13 @@
 #include <string>
 #include <utility>
 
+#include "TaskThread.h"
 #include "VirtualSlot.h"
-#include "keelbase/CAWThreadManager.h"
 
 namespace keelbase {
 namespace {
+
+using zarn::test::TaskThread;
 
 class Noting final : public IAWEvent {
  public:
@@ -27,7 +29,7 @@ class Noting final : public IAWEvent {
   std::string name_;
 };
 
-class Borrowed final : public IAWEvent {
+class BorrowedEvent final : public IAWEvent {
  public:
   AWResult OnEventFire() override {
     fired = true;
@@ -38,29 +40,27 @@ class Borrowed final : public IAWEvent {
   std::promise<void> done;
 };
 
-CAWThread* Task() { return CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK); }
-
 TEST(CAWEventQueue, EventsWaitInOneLineWhateverTheirPriority) {
   std::string log;
-  Task()->Call([&] {
-    CAWEventQueue* queue = Task()->GetEventQueue();
+  TaskThread()->Call([&] {
+    CAWEventQueue* queue = TaskThread()->GetEventQueue();
     EXPECT_EQ(queue->Post(new Noting(log, "a"), 9), AW_OK);
     EXPECT_EQ(queue->Post(new Noting(log, "b"), 0), AW_OK);
     EXPECT_EQ(queue->Post(new Noting(log, "c")), AW_OK);
     EXPECT_EQ(log, "");
   });
-  Task()->Call([&] { EXPECT_EQ(log, "a~ab~bc~c"); });
+  TaskThread()->Call([&] { EXPECT_EQ(log, "a~ab~bc~c"); });
 }
 
 TEST(CAWEventQueue, EventDecidesItsOwnEnd) {
-  Borrowed event;
-  EXPECT_EQ(Task()->GetEventQueue()->Post(&event), AW_OK);
+  BorrowedEvent event;
+  EXPECT_EQ(TaskThread()->GetEventQueue()->Post(&event), AW_OK);
   event.done.get_future().wait();
   EXPECT_TRUE(event.fired);
 }
 
 TEST(CAWEventQueue, NullIsRefused) {
-  EXPECT_EQ(Task()->GetEventQueue()->Post(nullptr), AW_ERROR_FAILURE);
+  EXPECT_EQ(TaskThread()->GetEventQueue()->Post(nullptr), AW_ERROR_FAILURE);
 }
 
 TEST(CAWEventQueue, SlotsOfTheEvent) {

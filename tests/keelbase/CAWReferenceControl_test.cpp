@@ -20,10 +20,10 @@ namespace {
 using zarn::test::ChildTest;
 
 template <class Lock>
-class Counted final : public CAWReferenceControlT<Lock> {
+class CountedObject final : public CAWReferenceControlT<Lock> {
  public:
-  explicit Counted(std::atomic<int>& alive) : alive_(alive) { ++alive_; }
-  ~Counted() override { --alive_; }
+  explicit CountedObject(std::atomic<int>& alive) : alive_(alive) { ++alive_; }
+  ~CountedObject() override { --alive_; }
 
  private:
   std::atomic<int>& alive_;
@@ -36,7 +36,7 @@ TYPED_TEST_SUITE(CAWReferenceControl, Locks);
 
 TYPED_TEST(CAWReferenceControl, CountBeginsAtZeroAndIsAnswered) {
   std::atomic<int> alive{0};
-  auto* object = new Counted<TypeParam>(alive);
+  auto* object = new CountedObject<TypeParam>(alive);
   EXPECT_EQ(object->AddReference(), 1U);
   EXPECT_EQ(object->AddReference(), 2U);
   EXPECT_EQ(object->ReleaseReference(), 1U);
@@ -47,8 +47,8 @@ TYPED_TEST(CAWReferenceControl, CountBeginsAtZeroAndIsAnswered) {
 
 TYPED_TEST(CAWReferenceControl, ObjectGoesWithItsLastPointer) {
   std::atomic<int> alive{0};
-  CAWAutoPtr<Counted<TypeParam>> first(new Counted<TypeParam>(alive));
-  CAWAutoPtr<Counted<TypeParam>> second(first);
+  CAWAutoPtr<CountedObject<TypeParam>> first(new CountedObject<TypeParam>(alive));
+  CAWAutoPtr<CountedObject<TypeParam>> second(first);
   first = nullptr;
   EXPECT_EQ(alive, 1);
   second = nullptr;
@@ -70,11 +70,12 @@ TEST(CAWReferenceControlT, OwnerDecidesWhatTheEndIs) {
 
 TEST(CAWReferenceControlT, AtomicCountIsExactAcrossThreads) {
   std::atomic<int> alive{0};
-  CAWAutoPtr<Counted<CAWMutexThread>> object(new Counted<CAWMutexThread>(alive));
+  CAWAutoPtr<CountedObject<CAWMutexThread>> object(new CountedObject<CAWMutexThread>(alive));
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([object] {
-      for (int round = 0; round < 10000; ++round) CAWAutoPtr<Counted<CAWMutexThread>> copy(object);
+      for (int round = 0; round < 10000; ++round)
+        CAWAutoPtr<CountedObject<CAWMutexThread>> copy(object);
     });
   }
   for (std::thread& thread : threads) thread.join();

@@ -9,11 +9,14 @@
 #include <memory>
 #include <utility>
 
+#include "TaskThread.h"
 #include "VirtualSlot.h"
 #include "keelbase/CAWThreadManager.h"
 
 namespace keelbase {
 namespace {
+
+using zarn::test::TaskThread;
 
 class Sink final : public CAWTimerWrapperIDSink {
  public:
@@ -24,8 +27,6 @@ class Sink final : public CAWTimerWrapperIDSink {
  private:
   std::function<void(CAWTimerWrapperID*)> function_;
 };
-
-CAWThread* Task() { return CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK); }
 
 template <class Value>
 Value Get(std::promise<Value>& promise) {
@@ -50,23 +51,23 @@ TEST(CAWTimer, FiresOnTheNetworkThreadForOtherThreads) {
 
 TEST(CAWTimer, FiresOnThePlatformThreadThatScheduledIt) {
   std::promise<bool> where;
-  Sink sink([&](CAWTimerWrapperID*) { where.set_value(Task()->IsCurrent()); });
+  Sink sink([&](CAWTimerWrapperID*) { where.set_value(TaskThread()->IsCurrent()); });
   std::unique_ptr<CAWTimerWrapperID> timer;
-  Task()->Call([&] {
+  TaskThread()->Call([&] {
     timer = std::make_unique<CAWTimerWrapperID>();
     EXPECT_EQ(timer->Schedule(&sink, CAWTimeValue(0, 1000), 1), AW_OK);
   });
   EXPECT_TRUE(Get(where));
-  Task()->Call([&] { timer.reset(); });
+  TaskThread()->Call([&] { timer.reset(); });
 }
 
 TEST(CAWTimer, MovesToTheThreadThatSchedulesItNext) {
   CAWTimerWrapperID timer;
   Sink never([](CAWTimerWrapperID*) { ADD_FAILURE() << "was replaced"; });
   std::promise<bool> where;
-  Sink sink([&](CAWTimerWrapperID*) { where.set_value(Task()->IsCurrent()); });
+  Sink sink([&](CAWTimerWrapperID*) { where.set_value(TaskThread()->IsCurrent()); });
   EXPECT_EQ(timer.Schedule(&never, CAWTimeValue(3600)), AW_OK);
-  Task()->Call([&] { EXPECT_EQ(timer.Schedule(&sink, CAWTimeValue(0, 1), 1), AW_OK); });
+  TaskThread()->Call([&] { EXPECT_EQ(timer.Schedule(&sink, CAWTimeValue(0, 1), 1), AW_OK); });
   EXPECT_TRUE(Get(where));
   timer.Cancel();
 }
@@ -104,9 +105,9 @@ TEST(CAWTimer, MayBeDestroyedInItsOwnCallback) {
     timer.reset();
     done.set_value();
   });
-  Task()->Call([&] { timer->Schedule(&sink, CAWTimeValue(0, 100)); });
+  TaskThread()->Call([&] { timer->Schedule(&sink, CAWTimeValue(0, 100)); });
   Get(done);
-  Task()->Call([&] { EXPECT_EQ(timer, nullptr); });
+  TaskThread()->Call([&] { EXPECT_EQ(timer, nullptr); });
 }
 
 TEST(CAWTimer, MayBeScheduledAgainInItsOwnCallback) {
@@ -116,9 +117,9 @@ TEST(CAWTimer, MayBeScheduledAgainInItsOwnCallback) {
   Sink first([&](CAWTimerWrapperID* fired) {
     EXPECT_EQ(fired->Schedule(&second, CAWTimeValue(0, 100), 1), AW_OK);
   });
-  Task()->Call([&] { timer.Schedule(&first, CAWTimeValue(0, 100)); });
+  TaskThread()->Call([&] { timer.Schedule(&first, CAWTimeValue(0, 100)); });
   Get(done);
-  Task()->Call([&] { timer.Cancel(); });
+  TaskThread()->Call([&] { timer.Cancel(); });
 }
 
 TEST(CAWTimer, SlotsOfTheSink) {

@@ -8,14 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "keelbase/CAWThreadManager.h"
+#include "TaskThread.h"
 #include "zarn/utils/ITORVSink.h"
 
 namespace zarn::test {
-
-inline keelbase::CAWThread* TaskThread() {
-  return keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_TASK);
-}
 
 // Everything that was posted to the task thread before has been delivered.
 inline void WaitForDelivery() {

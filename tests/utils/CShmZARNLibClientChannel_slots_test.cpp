@@ -16,6 +16,7 @@ using keelbase::CAWMessageBlock;
 using keelbase::CAWTimerWrapperID;
 using keelbase::CAWTimerWrapperIDSink;
 using ShmClientSlots = utils::CShmZARNLibClientChannel;
+using Number = std::uint16_t;
 
 TEST(VirtualSlots, ShmClientChannelOverridesTheStreamsHandlersInPlace) {
   EXPECT_EQ(VirtualSlot<std::size_t (ShmClientSlots::*)(const char*, std::size_t)>(
@@ -31,7 +32,6 @@ TEST(VirtualSlots, ShmClientChannelOverridesTheStreamsHandlersInPlace) {
 }
 
 TEST(VirtualSlots, ShmClientChannelsOwnOperationsFollowTheStreams) {
-  using Number = std::uint16_t;
   EXPECT_EQ(VirtualSlot<AWResult (ShmClientSlots::*)(Number, Number, Number, Number)>(
                 &ShmClientSlots::Init),
             17);

@@ -25,7 +25,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 // Counts its upcalls and ticks.
-struct CountingClient : ShmClient::Channel {
+struct CountingClient : ShmClientWorld::Channel {
   int ticks = 0;
   int closes = 0;
   std::vector<long> failures;
@@ -49,7 +49,7 @@ struct CountingClient : ShmClient::Channel {
   }
 };
 
-class CShmZARNLibClientChannelRules : public ::testing::Test, public ClientFixture<ShmClient> {
+class CShmZARNLibClientChannelRules : public ::testing::Test, public ClientFixture<ShmClientWorld> {
  protected:
   CountingClient counting;
 };
@@ -78,7 +78,7 @@ TEST_F(CShmZARNLibClientChannelRules, PeerThatIsNotThereIsTriedAtOnceAndThenEver
 }
 
 TEST_F(CShmZARNLibClientChannelRules, TimerIsRunningAlreadyWhenInitConnects) {
-  struct Waiting : ShmClient::Channel {
+  struct Waiting : ShmClientWorld::Channel {
     explicit Waiting(HandClock& hand) : clock(hand) {}
     HandClock& clock;
     std::vector<std::uint32_t> retries;  // at each Connect

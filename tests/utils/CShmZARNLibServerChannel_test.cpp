@@ -15,7 +15,7 @@ namespace {
 
 using keelbase::AW_ERROR_FAILURE;
 
-struct NotingServer : ShmServer::Channel {
+struct NotingServer : ShmServerWorld::Channel {
   using Recording::Recording;
   std::vector<std::string> upcalls;
   void OnPeerDisconnect(long reason) override {
@@ -24,7 +24,7 @@ struct NotingServer : ShmServer::Channel {
   void OnClose() override { upcalls.push_back("OnClose"); }
 };
 
-class CShmZARNLibServerChannelRules : public ::testing::Test, public ServerFixture<ShmServer> {
+class CShmZARNLibServerChannelRules : public ::testing::Test, public ServerFixture<ShmServerWorld> {
  protected:
   Transport other = NewTransport();
   NotingServer noting{other.Get()};
@@ -45,7 +45,7 @@ TEST_F(CShmZARNLibServerChannelRules, PeersEndIsAnsweredByOnPeerDisconnect) {
 }
 
 TEST_F(CShmZARNLibServerChannelRules, OwnerMayDeleteTheChannelWhenAMessageHasClosedIt) {
-  struct SelfDeleting : ShmServer::Channel {
+  struct SelfDeleting : ShmServerWorld::Channel {
     using Recording::Recording;
     void OnClose() override { delete this; }
   };
@@ -57,7 +57,7 @@ TEST_F(CShmZARNLibServerChannelRules, OwnerMayDeleteTheChannelWhenAMessageHasClo
 }
 
 TEST_F(CShmZARNLibServerChannelRules, MessageWithoutATransportAnswers10001AlsoWhenItIsEmpty) {
-  ShmServer::Channel channel(nullptr);
+  ShmServerWorld::Channel channel(nullptr);
   EXPECT_EQ(channel.SendZARNMessage(1, 2, "x", 1), AW_ERROR_FAILURE);
   EXPECT_EQ(channel.SendZARNMessage(1, 2, nullptr, 0), AW_ERROR_FAILURE);
   EXPECT_EQ(channel.GetSendQueueLength(), 0U);

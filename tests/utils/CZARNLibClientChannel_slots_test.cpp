@@ -17,6 +17,7 @@ using keelbase::CAWMessageBlock;
 using keelbase::CAWTimerWrapperID;
 using keelbase::CAWTimerWrapperIDSink;
 using ClientSlots = utils::CZARNLibClientChannel;
+using Number = std::uint16_t;
 
 TEST(VirtualSlots, TimerSinkDeclaresItsCallbackFirst) {
   EXPECT_EQ(VirtualSlot(&CAWTimerWrapperIDSink::OnTimer), 0);
@@ -34,7 +35,6 @@ TEST(VirtualSlots, ClientChannelOverridesTheStreamsHandlersInPlace) {
 }
 
 TEST(VirtualSlots, ClientChannelsOwnOperationsFollowTheStreams) {
-  using Number = std::uint16_t;
   EXPECT_EQ(
       VirtualSlot<AWResult (ClientSlots::*)(Number, Number, Number, Number)>(&ClientSlots::Init),
       15);

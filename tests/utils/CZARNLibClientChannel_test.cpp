@@ -23,7 +23,7 @@ using keelbase::AW_OK;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-class CZARNLibClientChannelRules : public ::testing::Test, public ClientFixture<IpcClient> {};
+class CZARNLibClientChannelRules : public ::testing::Test, public ClientFixture<IpcClientWorld> {};
 
 TEST_F(CZARNLibClientChannelRules, InitMakesTheDirectoryOfTheEndpoints) {
   client->Init(3, 4, 1, 2);

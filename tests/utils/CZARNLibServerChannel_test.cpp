@@ -14,16 +14,16 @@ namespace {
 
 using keelbase::AW_ERROR_NOT_INITIALIZED;
 
-class CZARNLibServerChannelRules : public ::testing::Test, public ServerFixture<IpcServer> {};
+class CZARNLibServerChannelRules : public ::testing::Test, public ServerFixture<IpcServerWorld> {};
 
 TEST_F(CZARNLibServerChannelRules, MessageWithoutATransportAnswers10002AlsoWhenItIsEmpty) {
-  IpcServer::Channel channel(nullptr);
+  IpcServerWorld::Channel channel(nullptr);
   EXPECT_EQ(channel.SendZARNMessage(1, 2, "x", 1), AW_ERROR_NOT_INITIALIZED);
   EXPECT_EQ(channel.SendZARNMessage(1, 2, nullptr, 0), AW_ERROR_NOT_INITIALIZED);
 }
 
 TEST_F(CZARNLibServerChannelRules, CloseInsideAMessageIsAnsweredByOnPeerDisconnect) {
-  struct Noting : IpcServer::Channel {
+  struct Noting : IpcServerWorld::Channel {
     using Recording::Recording;
     std::vector<long> peerDisconnects;
     void OnPeerDisconnect(long reason) override { peerDisconnects.push_back(reason); }

@@ -29,6 +29,7 @@
 #include "NetworkThread.h"
 #include "RealIpc.h"
 #include "RecordingStream.h"
+#include "TaskThread.h"
 #include "TempRoot.h"
 #include "zarn/utils/CPTCPStreamBase.h"
 #include "zarn/utils/CZARNLibClientChannel.h"
@@ -157,22 +158,17 @@ struct QuietChannel : utils::CZARNLibClientChannel {
   void OnZARNMessage(std::uint16_t, std::uint32_t, const char*, std::size_t) override {}
 };
 
-keelbase::CAWThread& TaskThread() {
-  using keelbase::CAWThreadManager;
-  return *CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_TASK);
-}
-
 // A channel of the task thread that looks for somebody who is not there.
 class TaskChannel {
  public:
   TaskChannel() {
-    TaskThread().Call([this] {
+    TaskThread()->Call([this] {
       channel_ = std::make_unique<QuietChannel>();
       EXPECT_EQ(channel_->Init(3, 4, 1, 2), AW_OK);
     });
   }
   ~TaskChannel() {
-    TaskThread().Call([this] { channel_.reset(); });
+    TaskThread()->Call([this] { channel_.reset(); });
   }
 
  private:
@@ -198,7 +194,7 @@ TEST(ZARNTakeMetrics, GivesUpOnAThreadThatDoesNotAnswer) {
   QuietChannel here;
   ASSERT_EQ(here.Init(5, 6, 7, 8), AW_OK);
   std::promise<void> goOn;
-  TaskThread().Post([held = goOn.get_future().share()] { held.wait(); });
+  TaskThread()->Post([held = goOn.get_future().share()] { held.wait(); });
   const CZARNMetrics metrics = ZARNTakeMetrics(10);
   goOn.set_value();
   EXPECT_FALSE(metrics.isComplete);
@@ -400,7 +396,7 @@ TEST_F(ZARNEnableMetrics, AThreadThatHangsDelaysTheAnswerOnly) {
   ASSERT_EQ(utils::ZARNEnableMetrics(), AW_OK);
   const TaskChannel there;
   std::promise<void> goOn;
-  TaskThread().Post([held = goOn.get_future().share()] { held.wait(); });
+  TaskThread()->Post([held = goOn.get_future().share()] { held.wait(); });
   const Json::Value answer = Parse(Ask());
   goOn.set_value();
   EXPECT_EQ(answer["complete"], false);

@@ -70,10 +70,12 @@ struct ChannelNames {
   }
 };
 
-using OverIpcChannels = ::testing::Types<ConnectedClient<IpcClient>, OpenServer<IpcServer>>;
-using OverShmChannels = ::testing::Types<ConnectedClient<ShmClient>, OpenServer<ShmServer>>;
-using AllChannels = ::testing::Types<ConnectedClient<IpcClient>, OpenServer<IpcServer>,
-                                     ConnectedClient<ShmClient>, OpenServer<ShmServer>>;
+using OverIpcChannels =
+    ::testing::Types<ConnectedClient<IpcClientWorld>, OpenServer<IpcServerWorld>>;
+using OverShmChannels =
+    ::testing::Types<ConnectedClient<ShmClientWorld>, OpenServer<ShmServerWorld>>;
+using AllChannels = ::testing::Types<ConnectedClient<IpcClientWorld>, OpenServer<IpcServerWorld>,
+                                     ConnectedClient<ShmClientWorld>, OpenServer<ShmServerWorld>>;
 TYPED_TEST_SUITE(ChannelMessages, AllChannels, ChannelNames);
 
 // --- sending ---

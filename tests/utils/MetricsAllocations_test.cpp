@@ -51,12 +51,12 @@ class ZARNMetricsAllocations : public ::testing::Test {
 };
 
 TEST_F(ZARNMetricsAllocations, ASnapshotIsWholeOrSaysThatItIsNot) {
-  constexpr std::uint32_t kPatienceMs = 20000;
+  constexpr std::uint32_t kLongMs = 20000;
   for (EachAllocation each; each.Next();) {
     utils::CZARNMetrics metrics;
     {
       const EmptyPool pool;
-      each.Try([&] { metrics = utils::ZARNTakeMetrics(kPatienceMs); });
+      each.Try([&] { metrics = utils::ZARNTakeMetrics(kLongMs); });
     }
     EXPECT_TRUE(metrics.isComplete || each.HasFailed());
     EXPECT_TRUE(!metrics.isComplete || metrics.streams.size() == 2) << each.GetNumber();

@@ -71,28 +71,28 @@ struct ChannelOverShm : OverShm {
   }
 };
 
-struct IpcClient : ChannelOverIpc {
+struct IpcClientWorld : ChannelOverIpc {
   static constexpr const char* kName = "CZARNLibClientChannel";
   using Channel = Recording<utils::CZARNLibClientChannel>;
 };
 
-struct IpcServer : ChannelOverIpc {
+struct IpcServerWorld : ChannelOverIpc {
   static constexpr const char* kName = "CZARNLibServerChannel";
   using Channel = Recording<utils::CZARNLibServerChannel>;
 };
 
-struct ShmClient : ChannelOverShm {
+struct ShmClientWorld : ChannelOverShm {
   static constexpr const char* kName = "CShmZARNLibClientChannel";
   using Channel = Recording<utils::CShmZARNLibClientChannel>;
 };
 
-struct ShmServer : ChannelOverShm {
+struct ShmServerWorld : ChannelOverShm {
   static constexpr const char* kName = "CShmZARNLibServerChannel";
   using Channel = Recording<utils::CShmZARNLibServerChannel>;
 };
 
-using ClientWorlds = ::testing::Types<IpcClient, ShmClient>;
-using ServerWorlds = ::testing::Types<IpcServer, ShmServer>;
+using ClientWorlds = ::testing::Types<IpcClientWorld, ShmClientWorld>;
+using ServerWorlds = ::testing::Types<IpcServerWorld, ShmServerWorld>;
 
 // --- fixtures ---
 

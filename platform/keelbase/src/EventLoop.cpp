@@ -35,7 +35,7 @@ constexpr std::uint32_t kIdleLooks = 4096;
 constexpr std::chrono::microseconds kBriefWait(2);
 
 // So many events ahead of the one that is fired.
-constexpr std::size_t kFetchedAhead = 4;
+constexpr std::size_t kEventsFetchedAhead = 4;
 
 // There is always room for so many events, also without memory.
 constexpr std::size_t kSpareEvents = 64;
@@ -325,7 +325,8 @@ bool EventLoop::RunPosted() {
   IAWEvent** const events = firing_.data();
   while (fired < count && !IsStopping()) {
     // Another thread has written it: the wait for its bytes begins before its turn.
-    if (fired + kFetchedAhead < count) __builtin_prefetch(events[fired + kFetchedAhead]);
+    if (fired + kEventsFetchedAhead < count)
+      __builtin_prefetch(events[fired + kEventsFetchedAhead]);
     IAWEvent* event = std::exchange(events[fired++], nullptr);
     event->OnEventFire();
     event->OnDestorySelf();

@@ -59,7 +59,7 @@ constexpr std::size_t kMostExchanged = 2 * 1024 * 1024;
 constexpr bool IsExchanged(std::size_t index) { return index < kSmallClasses; }
 
 // Another thread may have written what is handed out: it is fetched so many pieces ahead.
-constexpr std::size_t kFetchedAhead = 8;
+constexpr std::size_t kPiecesFetchedAhead = 8;
 
 // The builtin fetches without claiming: a write would still have to wait for the other processor.
 void FetchToWrite(const void* memory, std::size_t size) {
@@ -214,8 +214,8 @@ void* PoolAllocate(std::size_t size) {
   if ((pair.active == nullptr || pair.active->count == 0) && !Refill(pair, index))
     return AllocatePiece(index);
   Batch& batch = *pair.active;
-  if (batch.count > kFetchedAhead)
-    FetchToWrite(batch.pieces[batch.count - 1 - kFetchedAhead], size);
+  if (batch.count > kPiecesFetchedAhead)
+    FetchToWrite(batch.pieces[batch.count - 1 - kPiecesFetchedAhead], size);
   return batch.pieces[--batch.count];
 }
 

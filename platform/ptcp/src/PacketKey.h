@@ -11,6 +11,7 @@ namespace ptcp {
 
 using Bytes = std::span<const std::uint8_t>;
 using Tag = std::array<std::uint8_t, 16>;
+inline constexpr std::size_t kTagSize = sizeof(Tag);
 
 // Signs with a 128-bit keyed hash (xxHash). That keeps out who does not know the key, packets that
 // were damaged and late duplicates; it is no cryptography.

@@ -7,12 +7,6 @@
 
 namespace ptcp {
 
-namespace {
-
-constexpr std::size_t kTagSize = sizeof(Tag);
-
-}  // namespace
-
 ngtcp2_crypto_aead_ctx Aead(const PacketKey& key) { return {const_cast<PacketKey*>(&key)}; }
 ngtcp2_crypto_cipher_ctx HeaderCipher(const PacketKey& key) {
   return {const_cast<PacketKey*>(&key)};

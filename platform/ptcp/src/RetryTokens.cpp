@@ -11,7 +11,6 @@ using keelbase::CAWInetAddr;
 namespace {
 
 constexpr std::size_t kTimeSize = sizeof(Time);
-constexpr std::size_t kTagSize = sizeof(Tag);
 
 }  // namespace
 
