@@ -58,8 +58,10 @@ void PostToMain(std::unique_ptr<CRestfulRcvEvent> event) {
 CRestfulClient::~CRestfulClient() { ReleaseChannel(); }
 
 void CRestfulClient::SetRestfulInfo(const CAWString& info1, const CAWString& info2) {
-  info1_ = info1;
-  info2_ = info2;
+  CAWString newInfo1(info1);
+  CAWString newInfo2(info2);
+  info1_.swap(newInfo1);  // both or, without memory, neither
+  info2_.swap(newInfo2);
 }
 
 // A request that is under way is dropped on the network thread, where nothing of it can happen

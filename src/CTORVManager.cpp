@@ -37,7 +37,7 @@ CTORVManager::CTORVManager() { KeptReceivers(); }
 
 // The chain destroys one manager; a later one stays to the end.
 CTORVManager::~CTORVManager() {
-  torvCalls.WaitForNone();
+  torvCalls.WaitForEarlierOnes();
   KeptReceivers().swap(receivers_);
 }
 

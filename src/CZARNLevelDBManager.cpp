@@ -62,11 +62,12 @@ int CZARNLevelDBManager::Run(Operation operation) {
 // What finds no memory while LevelDB sets itself up is never set up again and blocks each later
 // Open. So it begins only when there is some.
 int CZARNLevelDBManager::Open(const char* path) try {
+  database_ = nullptr;
+  if (path == nullptr) return kFailed;
   ::operator delete(::operator new(kOpenMemory));
   leveldb::Options options;
   options.create_if_missing = createIfMissing_;
   if (!compression_) options.compression = leveldb::kNoCompression;
-  database_ = nullptr;
   database_ = OpenAndKeep(options, path);
   return database_ != nullptr ? kDone : kFailed;
 } catch (const std::bad_alloc&) {

@@ -39,10 +39,10 @@ AWResult CZARNShareMemory::MemLock() { return segment_.MemLock(); }
 AWResult CZARNShareMemory::MemUnlock() { return segment_.MemUnlock(); }
 
 int CZARNShareMemory::createshm() try {
-  // The path stays that of the segment, whatever the environment says by now.
-  if (segment_.GetAddress() != nullptr) return static_cast<int>(AW_ERROR_FAILURE);
   const CAWString root = GetZARNRootSystem();
   if (root.empty()) return kNoRoot;
+  // The path stays that of the segment, whatever the environment says by now.
+  if (segment_.GetAddress() != nullptr) return static_cast<int>(AW_ERROR_FAILURE);
   const CAWString directory = root + kDirectory;
   // What cannot be made shows in the result of Create. A directory is made when something, if only
   // the empty name, stands behind its '/'.

@@ -127,7 +127,9 @@ int CZARNSqliteDB::selectcallback(void* data, int columns, char** values, char**
   if (data == nullptr) return 0;
   if (columns != 2) return -1;
   const char* key = TextOf(values[0]);
-  if (*key != '\0') (*static_cast<DataMap*>(data))[key] = TextOf(values[1]);
+  // Both texts first: a key whose value finds no memory is not to be there.
+  if (*key != '\0')
+    static_cast<DataMap*>(data)->insert_or_assign(key, CAWString(TextOf(values[1])));
   return 0;
 } catch (const std::bad_alloc&) {
   return 1;

@@ -1,6 +1,7 @@
 // CallsInProgress.h - lets the end of a singleton wait for the calls that are inside it.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -12,7 +13,8 @@ class CallsInProgress {
   // Made before the singleton is asked for; while it lives, what was found is not destroyed.
   class Call {
    public:
-    explicit Call(CallsInProgress& calls) : count_(calls.count_) {
+    explicit Call(CallsInProgress& calls)
+        : count_(calls.counts_[calls.ended_.load(std::memory_order_acquire) ? 1 : 0]) {
       count_.fetch_add(1, std::memory_order_acq_rel);
     }
     ~Call() { count_.fetch_sub(1, std::memory_order_release); }
@@ -23,14 +25,17 @@ class CallsInProgress {
     std::atomic<unsigned>& count_;
   };
 
-  // Called once nobody can find the singleton any more. Adds nothing, but takes its place among the
-  // calls: those before it are waited for, those after it see that the singleton is gone.
-  void WaitForNone() {
-    while (count_.fetch_add(0, std::memory_order_acq_rel) != 0) std::this_thread::yield();
+  // Called once nobody can find the singleton any more. Calls that begin from now on are counted by
+  // themselves, or threads that never stop calling would hold the end up. Adds nothing to those
+  // before, but takes its place among them: who comes after it sees that the singleton is gone.
+  void WaitForEarlierOnes() {
+    ended_.store(true, std::memory_order_release);
+    while (counts_[0].fetch_add(0, std::memory_order_acq_rel) != 0) std::this_thread::yield();
   }
 
  private:
-  std::atomic<unsigned> count_{0};
+  std::atomic<bool> ended_{false};
+  std::array<std::atomic<unsigned>, 2> counts_{};  // before the end, and after
 };
 
 }  // namespace zarn::utils

@@ -113,7 +113,7 @@ int c_vscprintf(const char* format, std::va_list args) {
   return length;
 }
 
-CAWString VAToString(const char* format, std::va_list args) {
+CAWString VAToString(const char* format, std::va_list args) try {
   const int length = c_vscprintf(format, args);
   if (length <= 0) return {};
   CAWString text(static_cast<std::size_t>(length), '\0');
@@ -122,6 +122,8 @@ CAWString VAToString(const char* format, std::va_list args) {
   std::vsnprintf(text.data(), text.size() + 1, format, copy);
   va_end(copy);
   return text;
+} catch (const std::bad_alloc&) {
+  return {};
 }
 
 AWResult SetLDLibraryPath(const CAWString& dir) try {

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "CallsInProgress.h"
@@ -100,7 +102,7 @@ TEST(LockForCall, GoesOnWithoutALockThatFailsAndDoesNotUnlockIt) {
 TEST(CallsInProgress, NobodyIsWaitedForWhenThereAreNoCalls) {
   CallsInProgress calls;
   { const CallsInProgress::Call call(calls); }
-  calls.WaitForNone();
+  calls.WaitForEarlierOnes();
 }
 
 TEST(CallsInProgress, EndWaitsForTheCallThatIsInside) {
@@ -116,10 +118,28 @@ TEST(CallsInProgress, EndWaitsForTheCallThatIsInside) {
   });
   while (!inside) std::this_thread::yield();
   std::thread releaser([&] { released = true; });
-  calls.WaitForNone();
+  calls.WaitForEarlierOnes();
   EXPECT_EQ(written, 1);
   releaser.join();
   caller.join();
+}
+
+TEST(CallsInProgress, CallsWithoutAGapBetweenThemDoNotHoldTheEnd) {
+  CallsInProgress calls;
+  std::optional<CallsInProgress::Call> even(std::in_place, calls);
+  std::optional<CallsInProgress::Call> odd;
+  std::atomic<bool> over{false};
+  std::thread end([&] {
+    calls.WaitForEarlierOnes();
+    over = true;
+  });
+  while (!over) {
+    odd.emplace(calls);
+    even.reset();
+    even.emplace(calls);
+    odd.reset();
+  }
+  end.join();
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include <memory>
 #include <string>
 #include <type_traits>
-#include <unordered_map>
 
 #include "ChildTest.h"
 #include "TorvSink.h"
@@ -85,13 +84,6 @@ TEST_F(Receiver, EveryTnoThereIsCanBeRegistered) {
     ASSERT_EQ(receiver.GetTno(static_cast<unsigned short>(tno), context), AW_OK);
     ASSERT_EQ(context, &contexts[tno]);
   }
-}
-
-// What the receiver's map is made as.
-TEST(ReceiverMap, NewMapHasOneBucketAndGrowsAtOneEntryABucket) {
-  const std::unordered_map<unsigned short, void*> map;
-  EXPECT_EQ(map.bucket_count(), 1U);
-  EXPECT_EQ(map.max_load_factor(), 1.0F);
 }
 
 TEST(ReceiverEnd, UnRegisteringAnUnknownTnoStopsTheProcessAndNamesIt) {

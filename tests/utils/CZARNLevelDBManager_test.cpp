@@ -160,6 +160,7 @@ TEST_F(CZARNLevelDBManagerTest, OpenThatFailsLeavesAnObjectThatCanOpenAnother) {
   const std::string file = dir_.GetPath() + "/file";
   std::ofstream(file) << "x";
   EXPECT_EQ(store_.Open(file.c_str()), -1);
+  EXPECT_EQ(store_.Open(nullptr), -1);
   EXPECT_EQ(Update(store_, "k", "v"), -1);
   EXPECT_EQ(store_.Open(path_.c_str()), 0);
   EXPECT_EQ(Update(store_, "k", "v"), 0);

@@ -2,6 +2,7 @@
 // allocation failing in turn: they answer with a code, keep what they hold and can be used on.
 #include <gtest/gtest.h>
 
+#include <cstdarg>
 #include <list>
 #include <memory>
 #include <new>
@@ -62,6 +63,20 @@ TEST(RegistryAllocations, RegistriesWithoutMemoryAnswer10001AndKeepWhatTheyHold)
   EXPECT_EQ(nodes.GetSize(), 1U);
   EXPECT_EQ(apps.AddApp(app), AW_OK);
   EXPECT_EQ(nodes.AddListenNotify(item), AW_OK);
+}
+
+std::string FormatText(const char* format, ...) {
+  std::va_list args;
+  va_start(args, format);
+  std::string text = utils::VAToString(format, args);
+  va_end(args);
+  return text;
+}
+
+TEST(TextWithoutMemory, VAToStringGivesAnEmptyString) {
+  const FailingAllocation none(1, true);
+  EXPECT_EQ(FormatText("%100d", 1), "");
+  EXPECT_TRUE(none.HasFailed());
 }
 
 TEST(StoresWithoutMemory, AnswerWithACodeAndChangeNothing) {
@@ -229,7 +244,7 @@ TEST(StoreAllocations, SqliteGivesBackAValueOrNothing) {
   for (EachAllocation each; each.Next();) {
     utils::CZARNSqliteDB::DataMap all;
     each.Try([&] { db.GetAllData(all); });
-    EXPECT_TRUE(each.HasFailed() || all.at(key) == value);
+    EXPECT_TRUE(all.empty() ? each.HasFailed() : all.at(key) == value);
   }
 }
 
@@ -256,6 +271,20 @@ TEST(StoreAllocations, LevelDBThatCouldNotBeOpenedCanBe) {
     EXPECT_TRUE(first.HasFailed());
   }
   EXPECT_EQ(store.Open(path.c_str()), 0);
+}
+
+TEST(StoreAllocations, LevelDBThatFindsNoMemoryForAnotherDatabaseHasLeftTheFirst) {
+  const TempDir dir;
+  utils::CZARNLevelDBManager store(false, 0, true, true);
+  ASSERT_EQ(store.Open((dir.GetPath() + "/first").c_str()), 0);
+  const std::string second = dir.GetPath() + "/second";
+  {
+    const FailingAllocation first(1);
+    EXPECT_EQ(store.Open(second.c_str()), -1);
+    EXPECT_TRUE(first.HasFailed());
+  }
+  std::string key = "key";
+  EXPECT_EQ(store.DBUpdate(key.data(), key.size(), key.data(), key.size()), -1);
 }
 
 // A failure ends what was open, and the next Open finds all that was answered with 0.

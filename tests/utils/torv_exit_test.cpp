@@ -207,16 +207,17 @@ TEST(TorvExit, ThreadsOfTheProcessMaySendToTheLast) {
     };
     MakeReceiver();
     static std::atomic<int> begun{0};
-    for (int i = 0; i < 3; ++i) {
+    // So many that some call is always inside; what nobody answers to costs no memory.
+    constexpr int kSenders = 8;
+    for (int i = 0; i < kSenders; ++i) {
       std::thread([] {
-        for (unsigned sent = 0;; ++sent) {
-          Send("any time");
-          if (sent == 0) ++begun;
-          if (sent % 256 == 0) std::this_thread::yield();
-        }
+        CAWMessageBlock block("any time", 8, CAWMessageBlock::borrow);
+        Send("any time");
+        ++begun;
+        for (;;) utils::SendTORVMessage(block, 1, kTno + 1);
       }).detach();
     }
-    while (begun < 3) std::this_thread::yield();
+    while (begun < kSenders) std::this_thread::yield();
     std::exit(0);
   }
   for (int round = 0; round < 5; ++round) ExpectSaid("over", OutputOf("senders"));

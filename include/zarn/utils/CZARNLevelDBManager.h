@@ -57,8 +57,8 @@ class ZARNUTILS_API CZARNLevelDBManager {
   CZARNLevelDBManager(const CZARNLevelDBManager&) = delete;
   CZARNLevelDBManager& operator=(const CZARNLevelDBManager&) = delete;
 
-  // -1 also for a path that this process has opened before, or another has open. An object that is
-  // open lets go of its database first, as Close does, also when it gets no other.
+  // -1 also for a path that this process has opened before, or another has open, and for null. An
+  // object that is open lets go of its database first, as Close does, also when it gets no other.
   int Open(const char* path);
 
   // -1 when there is none, and when it cannot be read; `value` may then hold anything.
