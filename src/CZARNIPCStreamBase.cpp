@@ -72,6 +72,7 @@ void CZARNIPCStreamBase::OnDisconnect(long reason, fipc::IAWIPCTransport*) {
 void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport* transport,
                                    fipc::CAWIPCTransportParameter*) {
   if (transport != transport_.Get()) return;
+  if (StreamSteps::IsPastStop(*this)) return;
   const End end = OfferReceived(*this, received_, data, generation_, closed_, counters_).end;
   if (end == End::kDestroyed || end == End::kReplaced) return;
   if (end != End::kNeedMore) {

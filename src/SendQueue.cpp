@@ -18,6 +18,9 @@ constexpr std::size_t kBlockSize = 64 * 1024;
 // Up to here a copy costs less than a block of its own does.
 constexpr std::size_t kSmall = 4096;
 
+// More than most transports take at once.
+constexpr std::size_t kPiece = 1024 * 1024;
+
 }  // namespace
 
 AWResult SendQueue::Append(const CAWMessageBlock& data) try {
@@ -41,6 +44,7 @@ void SendQueue::Copy(const CAWMessageBlock& data, std::size_t length) {
   if (!fits) Link(std::make_unique<CAWMessageBlock>(kBlockSize));
   data.CopyChained(tail_->GetWritePtr(), length);
   tail_->AdvanceWritePtr(length);
+  if (tail_ == pieceEnd_) pieceLength_ += length;
 }
 
 void SendQueue::Link(std::unique_ptr<CAWMessageBlock> chain) {
@@ -53,16 +57,35 @@ void SendQueue::Link(std::unique_ptr<CAWMessageBlock> chain) {
   for (tail_ = first; tail_->GetNext() != nullptr;) tail_ = tail_->GetNext();
 }
 
+// Cuts the chain behind the piece and returns the rest, which may be null.
+CAWMessageBlock* SendQueue::CutPiece() {
+  if (pieceEnd_ == nullptr) {
+    pieceEnd_ = head_.get();
+    pieceLength_ = pieceEnd_->GetLength();
+    while (pieceLength_ < kPiece && pieceEnd_->GetNext() != nullptr) {
+      pieceEnd_ = pieceEnd_->GetNext();
+      pieceLength_ += pieceEnd_->GetLength();
+    }
+  }
+  return pieceEnd_->Disjoint(pieceEnd_->GetLength());
+}
+
+// After a piece of which something was taken.
 void SendQueue::DropSent() {
+  std::size_t left = pieceEnd_->GetLength();
+  for (const CAWMessageBlock* block = head_.get(); block != pieceEnd_; block = block->GetNext())
+    left += block->GetLength();
+  length_ -= pieceLength_ - left;
+  pieceLength_ = left;
+  if (left == 0) pieceEnd_ = nullptr;
   head_.reset(head_.release()->ReclaimGarbage());
-  if (head_ == nullptr) return Clear();
-  length_ = head_->GetChainedLength();
+  if (head_ == nullptr) Clear();
 }
 
 void SendQueue::Clear() {
   head_.reset();
-  tail_ = nullptr;
-  length_ = 0;
+  tail_ = pieceEnd_ = nullptr;
+  length_ = pieceLength_ = 0;
 }
 
 }  // namespace zarn::utils::detail

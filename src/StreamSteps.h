@@ -131,9 +131,18 @@ struct StreamSteps {
 
   // --- receiving ---
 
+  // True: nothing more is read on this connection, and of what comes all the same, the peer's last
+  // bytes, enough is kept.
+  template <class Stream>
+  static bool IsPastStop(const Stream& stream) {
+    constexpr std::size_t kKept = 1024 * 1024;
+    return stream.readGate_.IsStopped() && stream.received_.GetLength() > kKept;
+  }
+
   // A receive event of the sessions, which leaves `data` as it is.
   template <class Stream>
   static void ReceiveDuplicate(Stream& stream, const Block& data) {
+    if (IsPastStop(stream)) return;
     const End end = OfferDuplicate(stream, stream.received_, data, stream.generation_,
                                    stream.closed_, stream.counters_)
                         .end;

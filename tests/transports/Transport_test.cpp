@@ -206,6 +206,18 @@ TYPED_TEST(Transport, EndIsNoticedWhileReadingIsStoppedAndTheRestComesFirst) {
   EXPECT_EQ(c.sink.reason, 0);
 }
 
+TYPED_TEST(Transport, TheRestBeforeTheEndComesWholeInShortReadsToo) {
+  TypeParam c;
+  c.Set(keelbase::AW_OPT_READ_SIZE, std::uint32_t{16});
+  c.Open();
+  c.StopReading(true);
+  const std::string text = Pattern(100000);
+  const std::size_t sent = c.peer.Send(text);
+  c.peer.Close();
+  EXPECT_TRUE(Await([&] { return c.sink.ended; }));
+  EXPECT_TRUE(c.sink.received == text.substr(0, sent));
+}
+
 TYPED_TEST(Transport, ReadingMayBeStoppedInsideTheEvent) {
   TypeParam c;
   c.Set(keelbase::AW_OPT_READ_SIZE, std::uint32_t{40000});

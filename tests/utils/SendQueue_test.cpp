@@ -168,6 +168,61 @@ TEST(SendQueue, WhatWasTakenIsDropped) {
   EXPECT_EQ(taker.taken, "0123456789");
 }
 
+// An offer is made with each message: in a long queue it must not walk over all of it.
+TEST(SendQueue, NoOfferShowsMoreBlocksThanAPieceHas) {
+  constexpr std::size_t kSize = 5000;
+  constexpr std::size_t kMessages = 2000;
+  SendQueue queue;
+  for (std::size_t i = 0; i < kMessages; ++i)
+    Append(queue, std::string(kSize, static_cast<char>('a' + i % 26)));
+  std::size_t most = 0;
+  std::string taken;
+  EXPECT_EQ(queue.Offer([&](CAWMessageBlock& block) {
+    std::size_t blocks = 0;
+    for (const auto* next = &block; next != nullptr; next = next->GetNext()) ++blocks;
+    most = std::max(most, blocks);
+    taken += block.FlattenChained();
+    block.AdvanceChainedReadPtr(block.GetChainedLength());
+    return AW_OK;
+  }),
+            AW_OK);
+  EXPECT_LT(most, 250U);
+  EXPECT_TRUE(queue.IsEmpty());
+  ASSERT_EQ(taken.size(), kMessages * kSize);
+  for (std::size_t i = 0; i < kMessages; ++i)
+    ASSERT_EQ(taken[i * kSize], static_cast<char>('a' + i % 26));
+}
+
+TEST(SendQueue, OfferEndsAtThePieceThatIsNotTakenWhole) {
+  SendQueue queue;
+  for (int i = 0; i < 400; ++i) Append(queue, std::string(5000, 'x'));
+  int offers = 0;
+  const AWResult result = queue.Offer([&](CAWMessageBlock& block) {
+    const std::size_t take = ++offers == 1 ? block.GetChainedLength() : 7;
+    block.AdvanceChainedReadPtr(take);
+    return offers == 1 ? AW_OK : AW_ERROR_PARTIAL_DATA;
+  });
+  EXPECT_EQ(result, AW_ERROR_PARTIAL_DATA);
+  EXPECT_EQ(offers, 2);
+  const std::size_t left = queue.GetLength();
+  Taker taker;
+  EXPECT_EQ(taker.Take(queue, 2000000), AW_OK);
+  EXPECT_EQ(taker.taken.size(), left);
+}
+
+TEST(SendQueue, TransportThatAnswers0WithoutTakingIsAskedOnce) {
+  SendQueue queue;
+  for (int i = 0; i < 400; ++i) Append(queue, std::string(5000, 'x'));
+  int offers = 0;
+  EXPECT_EQ(queue.Offer([&](CAWMessageBlock&) {
+    ++offers;
+    return AW_OK;
+  }),
+            AW_OK);
+  EXPECT_EQ(offers, 1);
+  EXPECT_EQ(queue.GetLength(), 2000000U);
+}
+
 TEST(SendQueue, NothingTakenLeavesEverything) {
   SendQueue queue;
   Append(queue, "0123456789");

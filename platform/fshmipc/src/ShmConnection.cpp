@@ -10,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/ChainLength.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {
@@ -22,6 +23,7 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWMessageBlock;
 using keelbase::internal::Clock;
+using keelbase::internal::LengthUpTo;
 using keelbase::internal::Timer;
 
 namespace {
@@ -224,7 +226,7 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
     ++counters_.blocksSent;
     chain.AdvanceChainedReadPtr(written);
   }
-  if (chain.GetChainedLength() == 0) return AW_OK;
+  if (LengthUpTo(chain, 1) == 0) return AW_OK;
   if (writer_.Unpublished() != 0) Publish();
   ++counters_.partialSends;
   roomWanted_ = true;
@@ -236,7 +238,7 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
 // once. What follows is when much is together or the turn ends: showing costs more than copying a
 // small message.
 std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
-  const bool much = chain.GetChainedLength() >= kPublishSize;
+  const bool much = LengthUpTo(chain, kPublishSize) >= kPublishSize;
   const std::size_t written = much ? WriteMuch(chain) : CopyIn(chain);
   counters_.bytesSent += written;
   const bool first = written != 0 && !std::exchange(dirty_, true);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 
+#include "keelbase/internal/ChainLength.h"
 #include "keelbase/internal/Pool.h"
 
 namespace keelbase {
@@ -162,7 +163,7 @@ AWResult CAWMessageBlock::AdvanceChainedReadPtr(std::size_t length) {
     read_ += length;
     return AW_OK;
   }
-  if (length > GetChainedLength()) return AW_ERROR_FAILURE;
+  if (length > internal::LengthUpTo(*this, length)) return AW_ERROR_FAILURE;
   for (CAWMessageBlock* block = this; length > 0; block = block->next_) {
     const std::size_t step = std::min(length, block->GetLength());
     block->read_ += step;

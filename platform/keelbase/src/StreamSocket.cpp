@@ -10,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/ChainLength.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace keelbase::internal {
@@ -23,7 +24,7 @@ constexpr std::size_t kDirectSize = 32 * 1024;
 constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
 
 // More than a socket buffer holds: what a peer that has ended can have left for us.
-constexpr int kRestReads = 256;
+constexpr std::size_t kMostRest = std::size_t{16} << 20;
 
 // More than most have on their way to us when we tell our end; a flood must not cost more.
 constexpr std::size_t kMostDropped = std::size_t{16} << 20;
@@ -57,15 +58,6 @@ class Pieces {
   std::size_t count_ = 0;
   std::size_t total_ = 0;
 };
-
-// The length of a chain, or something from `enough` on: a chain may be long.
-std::size_t LengthUpTo(const CAWMessageBlock& chain, std::size_t enough) {
-  std::size_t length = 0;
-  for (const CAWMessageBlock* block = &chain; block != nullptr && length < enough;
-       block = block->GetNext())
-    length += block->GetLength();
-  return length;
-}
 
 bool IsWouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
@@ -173,7 +165,8 @@ bool StreamSocket::ReadOnce() {
 // The connection is over: what has come in by now is delivered, also to an owner who had stopped
 // reading, and then the end.
 void StreamSocket::ReadRest() {
-  for (int reads = 0; reads < kRestReads && state_ == State::open && ReadOnce(); ++reads) {
+  const std::uint64_t most = counters_.bytesReceived + kMostRest;
+  while (state_ == State::open && counters_.bytesReceived < most && ReadOnce()) {
   }
   End(writeError_);
 }
@@ -264,6 +257,8 @@ void StreamSocket::OnTurnEnd() {
 bool StreamSocket::WriteOut(CAWMessageBlock* chain) {
   bool anyOfChain = false;
   while (!blocked_ && writeError_ == 0) {
+    // A chain may be long: what was written is not walked over again.
+    while (chain != nullptr && chain->GetLength() == 0) chain = chain->GetNext();
     Pieces pieces;
     if (gather_ != nullptr) pieces.Add(gather_->data() + gatherBegin_, Gathered());
     pieces.AddChain(chain);

@@ -27,14 +27,15 @@ class ZARNUTILS_API SendQueue {
   // borrowed is copied. 0; 10001 without memory (nothing added).
   keelbase::AWResult Append(const keelbase::CAWMessageBlock& data);
 
-  // Offers everything to `send(block)`, a transport's SendData, and drops what it takes. Returns
-  // its result. Not for an empty queue.
+  // Offers everything to `send(block)`, a transport's SendData, and drops what it takes: piece by
+  // piece, as long as each is taken, so that the cost does not grow with the queue. Returns the
+  // last result. Not for an empty queue.
   template <class Send>
   keelbase::AWResult Offer(Send send) {
-    const std::size_t first = head_->GetLength();
-    const keelbase::AWResult result = send(*head_);
-    if (head_->GetLength() != first) DropSent();
-    return result;
+    for (;;) {
+      const keelbase::AWResult result = OfferPiece(send);
+      if (result != keelbase::AW_OK || IsEmpty() || pieceEnd_ != nullptr) return result;
+    }
   }
 
   // Sends a message behind all that waits already, and keeps what is not taken. 0: sent or kept,
@@ -60,13 +61,27 @@ class ZARNUTILS_API SendQueue {
   void Clear();
 
  private:
+  // `send` must not throw: the rest of the queue is apart meanwhile.
+  template <class Send>
+  keelbase::AWResult OfferPiece(Send& send) {
+    const std::size_t first = head_->GetLength();
+    keelbase::CAWMessageBlock* rest = CutPiece();
+    const keelbase::AWResult result = send(*head_);
+    pieceEnd_->Append(rest);
+    if (head_->GetLength() != first) DropSent();
+    return result;
+  }
+
   void Copy(const keelbase::CAWMessageBlock& data, std::size_t length);
   void Link(std::unique_ptr<keelbase::CAWMessageBlock> chain);
+  keelbase::CAWMessageBlock* CutPiece();
   void DropSent();
 
   std::unique_ptr<keelbase::CAWMessageBlock> head_;  // owns the chain; no block of it is fully read
   keelbase::CAWMessageBlock* tail_ = nullptr;
   std::size_t length_ = 0;
+  keelbase::CAWMessageBlock* pieceEnd_ = nullptr;  // the last block that is offered at once
+  std::size_t pieceLength_ = 0;
 };
 
 }  // namespace zarn::utils::detail
