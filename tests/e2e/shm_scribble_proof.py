@@ -39,7 +39,9 @@ class Scribbles(ProgramTest):
                 victim.ask("stats")
             self.assert_idle(victims[0])
             scribbler.signal(signal.SIGCONT)
-        print(f"{scribbler.ask('stats')['rounds']} rounds")
+        rounds = scribbler.ask("stats")["rounds"]
+        print(f"{rounds} rounds")
+        self.assertGreater(rounds, 0)
 
     def serve(self, *options: str) -> None:
         root = self.new_root()

@@ -186,7 +186,8 @@ class Scribbler {
 
   static int MakeMemory() {
     const int memory = ::memfd_create("scribbler", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (::ftruncate(memory, kControl + 2 * kRing) != 0) std::exit(4);
+    constexpr off_t kSize = kControl + 2 * kRing;
+    if (::ftruncate(memory, kSize) != 0 || ::fallocate(memory, 0, 0, kSize) != 0) std::exit(4);
     ::fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
     return memory;
   }
