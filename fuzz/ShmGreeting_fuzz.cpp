@@ -1,5 +1,5 @@
-// ShmGreeting_fuzz.cpp - a stranger sends bytes and descriptors to an acceptor, which must take
-// nothing but a right greeting, answer, and keep no descriptor.
+// ShmGreeting_fuzz.cpp - a stranger sends bytes and descriptors to an acceptor, which must welcome
+// it, take nothing but a right greeting, answer, and keep no descriptor.
 #include <fcntl.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/mman.h>
@@ -87,9 +87,16 @@ FileDescriptor Memory(FuzzedDataProvider& input) {
 // Bytes of the input, often behind the start of a right greeting.
 std::string Bytes(FuzzedDataProvider& input) {
   std::string bytes;
-  if (input.ConsumeBool()) bytes = std::string("ZSHM\1\0\3\0\4\0\0\0\0\0\1\0", 16);
+  if (input.ConsumeBool()) bytes = std::string("ZSHM\2\0\3\0\4\0\0\0\0\0\1\0", 16);
   bytes.resize(input.ConsumeIntegralInRange<std::size_t>(0, bytes.size()));
   return bytes + input.ConsumeRandomLengthString(40);
+}
+
+bool IsWelcomed(int socket) {
+  const std::string welcome("ZSHM\2\0\0\0", 8);
+  std::string got(welcome.size(), '?');
+  ::recv(socket, got.data(), got.size(), MSG_DONTWAIT);
+  return got == welcome;
 }
 
 // The lowest free descriptor: the same before and after when nothing is left open.
@@ -114,6 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       if (input.ConsumeBool()) endpoint.Turn();
     }
     endpoint.Turn();
+    Check(IsWelcomed(socket.Get()));
   }
   endpoint.Turn();
   Check(endpoint.sink.count <= before + 1);

@@ -16,13 +16,30 @@ TEST(ShmFailingCalls, AConnectThatCannotTellOfItsMemoryIsToldWhy) {
   ShmServer server;
   const auto connector = MakeShmConnector();
   ShmIndicationSink sink;
-  const FailingCalls failing("sendmsg", ENOBUFS);
+  const FailingCalls failing("sendmsg", ENOBUFS, FailingCalls::kAll, 1);  // after the welcome
   EXPECT_EQ(connector->AsyncConnect(&sink, kShmServer, 0, nullptr), AW_OK);
   ASSERT_TRUE(Await([&] { return sink.count != 0; }));
   ASSERT_EQ(sink.got.size(), 1U);
   EXPECT_EQ(sink.got[0].reason, ENOBUFS);
   Turn();
   EXPECT_EQ(server.sink.count, 0);
+}
+
+TEST(ShmFailingCalls, AClientThatCannotBeWelcomedAtOnceIsDroppedAndTheNextIsServed) {
+  const ShmSystem system;
+  ShmServer server;
+  const auto connector = MakeShmConnector();
+  ShmIndicationSink sink;
+  {
+    const FailingCalls failing("sendmsg", EAGAIN);
+    EXPECT_EQ(connector->AsyncConnect(&sink, kShmServer, 0, nullptr), AW_OK);
+    ASSERT_TRUE(Await([&] { return sink.count == 1; }));
+    EXPECT_EQ(failing.GetFailed(), 1);
+  }
+  EXPECT_EQ(sink.got.at(0).reason, ECONNRESET);
+  EXPECT_EQ(connector->AsyncConnect(&sink, kShmServer, 0, nullptr), AW_OK);
+  ASSERT_TRUE(Await([&] { return sink.count == 2; }));
+  EXPECT_EQ(sink.got.at(1).reason, 0);
 }
 
 TEST(ShmFailingCalls, APeerThatCannotBeWokenIsGivenUpWhileItMayReadWhatWasSent) {

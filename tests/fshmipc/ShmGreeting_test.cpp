@@ -35,7 +35,14 @@ struct Sockets {
 
 const CAWShmIPCAddr kOwn(3, 4);
 
-// The bytes of a right greeting, and of a right answer.
+// The bytes of a right welcome, greeting and answer.
+std::string WelcomeBytes() {
+  Sockets sockets;
+  EXPECT_EQ(SendWelcome(sockets.near.Get()), 0);
+  std::string bytes(100, '\0');
+  bytes.resize(static_cast<std::size_t>(::recv(sockets.far.Get(), bytes.data(), bytes.size(), 0)));
+  return bytes;
+}
 std::string GreetingBytes() {
   Sockets sockets;
   EXPECT_EQ(SendGreeting(sockets.near.Get(), kOwn, 65536, sockets.far.Get()), 0);
@@ -74,11 +81,18 @@ int ResultOf(const std::string& bytes, std::size_t descriptors) {
   return result;
 }
 
-int ResultOfAnswer(const std::string& bytes) {
+// As above, for what bears no descriptor.
+int ResultOf(int (&receive)(int), const std::string& bytes, std::size_t descriptors = 0) {
   Sockets sockets;
-  EXPECT_TRUE(SendWithDescriptors(sockets.far.Get(), bytes.data(), bytes.size(), {}));
-  return ReceiveAnswer(sockets.near.Get());
+  const std::vector<int> passed(descriptors, sockets.far.Get());
+  const std::size_t before = OpenDescriptors();
+  EXPECT_TRUE(SendWithDescriptors(sockets.far.Get(), bytes.data(), bytes.size(), passed));
+  const int result = receive(sockets.near.Get());
+  EXPECT_EQ(OpenDescriptors(), before);
+  return result;
 }
+int ResultOfWelcome(const std::string& bytes) { return ResultOf(ReceiveWelcome, bytes); }
+int ResultOfAnswer(const std::string& bytes) { return ResultOf(ReceiveAnswer, bytes); }
 
 TEST(ShmGreeting, ArrivesWithItsDescriptor) {
   Sockets sockets;
@@ -102,9 +116,11 @@ TEST(ShmGreeting, NothingYetIsToldFromTheEnd) {
   Greeting greeting;
   FileDescriptor memory;
   EXPECT_EQ(ReceiveGreeting(sockets.near.Get(), greeting, memory), EAGAIN);
+  EXPECT_EQ(ReceiveWelcome(sockets.near.Get()), EAGAIN);
   EXPECT_EQ(ReceiveAnswer(sockets.near.Get()), EAGAIN);
   sockets.far.Reset();
   EXPECT_EQ(ReceiveGreeting(sockets.near.Get(), greeting, memory), ECONNRESET);
+  EXPECT_EQ(ReceiveWelcome(sockets.near.Get()), ECONNRESET);
   EXPECT_EQ(ReceiveAnswer(sockets.near.Get()), ECONNRESET);
 }
 
@@ -112,19 +128,21 @@ TEST(ShmGreeting, SendingToNobodyIsAnErrorWithoutASignal) {
   Sockets sockets;
   sockets.far.Reset();
   EXPECT_EQ(SendGreeting(sockets.near.Get(), kOwn, 65536, sockets.near.Get()), EPIPE);
+  EXPECT_EQ(SendWelcome(sockets.near.Get()), EPIPE);
   EXPECT_EQ(SendAnswer(sockets.near.Get(), 0), EPIPE);
   EXPECT_EQ(SendGreeting(-1, kOwn, 65536, 0), EBADF);
 }
 
 TEST(ShmGreeting, LayoutStartsWithMagicAndVersionForEver) {
-  EXPECT_EQ(GreetingBytes().substr(0, 6), std::string("ZSHM\1\0", 6));
-  EXPECT_EQ(AnswerBytes(0).substr(0, 6), std::string("ZSHM\1\0", 6));
+  for (const std::string& bytes : {WelcomeBytes(), GreetingBytes(), AnswerBytes(0)})
+    EXPECT_EQ(bytes.substr(0, 6), std::string("ZSHM\2\0", 6));
+  EXPECT_EQ(WelcomeBytes().size(), 8U);
   EXPECT_EQ(GreetingBytes().size(), 16U);
   EXPECT_EQ(AnswerBytes(0).size(), 12U);
 }
 
 TEST(ShmGreeting, OtherVersionIsRefusedAsSuchWhateverElseItSays) {
-  for (const int number : {0, 2, 255, 65535}) {
+  for (const int number : {0, 1, 3, 255, 65535}) {
     const auto version = static_cast<std::uint16_t>(number);
     const std::string other = With(GreetingBytes(), 4, version);
     EXPECT_EQ(ResultOf(other, 1), EPROTONOSUPPORT);
@@ -133,9 +151,11 @@ TEST(ShmGreeting, OtherVersionIsRefusedAsSuchWhateverElseItSays) {
     EXPECT_EQ(ResultOf(other.substr(0, 6), 1), EPROTONOSUPPORT);
     EXPECT_EQ(ResultOf(other + "and more", 1), EPROTONOSUPPORT);
     const std::string answer = With(AnswerBytes(0), 4, version);
-    EXPECT_EQ(ResultOfAnswer(answer), EPROTONOSUPPORT);
-    EXPECT_EQ(ResultOfAnswer(answer.substr(0, 6)), EPROTONOSUPPORT);
-    EXPECT_EQ(ResultOfAnswer(answer + "and more"), EPROTONOSUPPORT);
+    for (int (*receive)(int) : {ReceiveWelcome, ReceiveAnswer}) {
+      EXPECT_EQ(ResultOf(*receive, answer), EPROTONOSUPPORT);
+      EXPECT_EQ(ResultOf(*receive, answer.substr(0, 6)), EPROTONOSUPPORT);
+      EXPECT_EQ(ResultOf(*receive, answer + "and more"), EPROTONOSUPPORT);
+    }
   }
 }
 
@@ -173,6 +193,15 @@ TEST(ShmGreeting, WhatFollowsIsLeftInTheSocket) {
   EXPECT_EQ(byte, 'w');
 }
 
+TEST(ShmGreeting, WelcomesThatMakeNoSenseAreRefused) {
+  const std::string right = WelcomeBytes();
+  EXPECT_EQ(ResultOfWelcome(right), 0);
+  for (std::size_t length = 1; length < right.size(); ++length)
+    EXPECT_EQ(ResultOfWelcome(right.substr(0, length)), EPROTO) << length;
+  EXPECT_EQ(ResultOfWelcome(With(right, 0, '?')), EPROTO);
+  EXPECT_EQ(ResultOfWelcome("HTTP/1.1 200 OK\r\n"), EPROTO);
+}
+
 TEST(ShmGreeting, AnswerTellsTheReason) {
   for (const int reason : {0, ENOMEM, EPROTO, EPROTONOSUPPORT, 4095})
     EXPECT_EQ(ResultOfAnswer(AnswerBytes(reason)), reason);
@@ -191,14 +220,9 @@ TEST(ShmGreeting, AnswerIsNeverTakenForNoneYet) {
   EXPECT_NE(ResultOfAnswer(AnswerBytes(EAGAIN)), EAGAIN);
 }
 
-TEST(ShmGreeting, DescriptorsThatComeWithAnAnswerAreClosed) {
-  Sockets sockets;
-  const std::string answer = AnswerBytes(0);
-  const std::size_t before = OpenDescriptors();
-  ASSERT_TRUE(SendWithDescriptors(sockets.far.Get(), answer.data(), answer.size(),
-                                  std::vector<int>(20, sockets.far.Get())));
-  EXPECT_EQ(ReceiveAnswer(sockets.near.Get()), 0);
-  EXPECT_EQ(OpenDescriptors(), before);
+TEST(ShmGreeting, DescriptorsThatComeWithAWelcomeOrAnAnswerAreClosed) {
+  EXPECT_EQ(ResultOf(ReceiveWelcome, WelcomeBytes(), 20), 0);
+  EXPECT_EQ(ResultOf(ReceiveAnswer, AnswerBytes(0), 20), 0);
 }
 
 }  // namespace

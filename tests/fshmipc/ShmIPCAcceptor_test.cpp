@@ -1,4 +1,4 @@
-// ShmIPCAcceptor_test.cpp - listening, greeting those who come, and stopping.
+// ShmIPCAcceptor_test.cpp - listening, meeting those who come, and stopping.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
@@ -28,12 +28,13 @@ AWResult ResultOfListen() {
   return acceptor->StartListen(&sink, kShmServer);
 }
 
-// A client that is not ours.
+// A client that is not ours, and has been welcomed.
 class Client {
  public:
   explicit Client(const ShmSystem& system) : socket_(PlainSocket::Stream()) {
     EXPECT_EQ(socket_.Connect(system.GetEndpoint()), 0);
     Turn();
+    EXPECT_EQ(ReceiveWelcome(Get()), 0);
   }
   bool IsEnded() {
     Turn();
@@ -195,6 +196,30 @@ TEST(ShmIPCAcceptor, MayListenAgain) {
 
 // --- those who come ---
 
+TEST(ShmIPCAcceptor, WelcomesWhoeverConnectsAtOnceAndOnce) {
+  const ShmSystem system;
+  ShmServer server;
+  PlainSocket client = PlainSocket::Stream();
+  ASSERT_EQ(client.Connect(system.GetEndpoint()), 0);
+  Turn();
+  EXPECT_EQ(client.Receive(), std::string("ZSHM\2\0\0\0", 8));
+  EXPECT_FALSE(client.ended);
+  EXPECT_EQ(server.sink.count, 0);
+}
+
+TEST(ShmIPCAcceptor, PeerThatGreetsBeforeItIsWelcomedIsServed) {
+  const ShmSystem system;
+  ShmServer server;
+  PlainSocket client = PlainSocket::Stream();
+  ASSERT_EQ(client.Connect(system.GetEndpoint()), 0);
+  ShmSegment segment;
+  const FileDescriptor memory = GoodMemory(segment);
+  ASSERT_EQ(SendGreeting(client.Get(), kShmClient, kLeastShmRing, memory.Get()), 0);
+  EXPECT_TRUE(Await([&] { return server.sink.count == 1; }));
+  EXPECT_EQ(ReceiveWelcome(client.Get()), 0);
+  EXPECT_EQ(ReceiveAnswer(client.Get()), 0);
+}
+
 TEST(ShmIPCAcceptor, SilentPeerIsDismissedAfterItsTime) {
   const ShmSystem system;
   ShmServer server;
@@ -244,7 +269,7 @@ TEST(ShmIPCAcceptor, ForeignGreetingIsAnsweredWithTheReasonAndClosed) {
     return result;
   };
   Greeting other = right;
-  other.version = 2;
+  other.version = kLayoutVersion + 1;
   EXPECT_EQ(answer(other, sizeof other, 1), EPROTONOSUPPORT);
   other.magic = 0;
   EXPECT_EQ(answer(other, sizeof other, 1), EPROTO);
@@ -278,8 +303,7 @@ TEST(ShmIPCAcceptor, PeerThatIsGoneWhenItIsAnsweredIsNoConnection) {
   const ShmSystem system;
   ShmServer server;
   ShmSegment segment;
-  PlainSocket client = PlainSocket::Stream();
-  ASSERT_EQ(client.Connect(system.GetEndpoint()), 0);
+  Client client(system);
   const FileDescriptor memory = GoodMemory(segment);
   ASSERT_EQ(SendGreeting(client.Get(), kShmClient, kLeastShmRing, memory.Get()), 0);
   client.Close();

@@ -55,28 +55,6 @@ struct Held {
   friend bool operator==(const Held&, const Held&) = default;
 };
 
-// A listener that is not ours.
-class ForeignServer {
- public:
-  ForeignServer() : listening_(PlainSocket::Stream()) {
-    EXPECT_EQ(listening_.Bind(system_.GetEndpoint()), 0);
-    EXPECT_EQ(listening_.Listen(), 0);
-  }
-  PlainSocket Accept() {
-    PlainSocket peer(-1);
-    EXPECT_TRUE(Await([&] {
-      peer = listening_.Accept();
-      return peer.Get() >= 0;
-    }));
-    return peer;
-  }
-  void Close() { listening_.Close(); }
-
- private:
-  ShmSystem system_;
-  PlainSocket listening_;
-};
-
 TEST(ShmIPCConnector, ConnectsToAnEndpointAndClaimsNothingUnlessTold) {
   const ShmSystem system;
   ShmServer server;
@@ -128,8 +106,8 @@ TEST(ShmIPCConnector, LimitOfFileSizesIsAnIndicationAndNoSignal) {
   EXPECT_EQ(reason, EFBIG);
 }
 
-TEST(ShmIPCConnector, ListenerThatNeverAcceptsOrAnswersTimesOut) {
-  for (const bool accepts : {false, true}) {
+TEST(ShmIPCConnector, ListenerThatNeverAcceptsWelcomesOrAnswersTimesOut) {
+  for (const char last : {'n', 'a', 'w'}) {  // what it still does: nothing, accept, welcome
     HandClock clock;
     ForeignServer server;
     const Held before;
@@ -137,12 +115,98 @@ TEST(ShmIPCConnector, ListenerThatNeverAcceptsOrAnswersTimesOut) {
     ShmIndicationSink sink;
     EXPECT_EQ(Connect(*connector, sink), AW_OK);
     Turn();
-    PlainSocket peer = accepts ? server.Accept() : PlainSocket(-1);
-    clock.Advance(std::chrono::milliseconds(1999));
+    clock.Advance(std::chrono::milliseconds(1500));
+    PlainSocket peer(-1);
+    if (last != 'n') peer = last == 'a' ? server.Accept() : server.Welcome();
+    clock.Advance(std::chrono::milliseconds(499));
     EXPECT_EQ(sink.count, 0);
     clock.Advance(std::chrono::milliseconds(1));
     EXPECT_EQ(sink.count, 1);
     EXPECT_EQ(sink.got.at(0).reason, ETIMEDOUT);
+    peer.Close();
+    EXPECT_EQ(Held(), before);
+  }
+}
+
+// Every message that passes a descriptor has bytes, too.
+TEST(ShmIPCConnector, ListenerThatDoesNotAcceptHoldsNoMemoryOfOurs) {
+  ForeignServer server;
+  const Held before;
+  const auto connector = MakeShmConnector();
+  ShmIndicationSink sink;
+  EXPECT_EQ(Connect(*connector, sink), AW_OK);
+  Turn();
+  EXPECT_EQ(Held::CountMappings(), 0);
+  {
+    PlainSocket late = server.Accept();
+    Turn();
+    EXPECT_EQ(late.Receive(), "");
+    EXPECT_FALSE(late.ended);
+  }
+  EXPECT_TRUE(Await([&] { return sink.count == 1; }));
+  EXPECT_EQ(Connect(*connector, sink), AW_OK);
+  Turn();
+  connector->CancelConnect();
+  {
+    PlainSocket late = server.Accept();
+    EXPECT_EQ(late.Receive(), "");
+    EXPECT_TRUE(late.ended);
+  }
+  EXPECT_EQ(Held(), before);
+}
+
+// What a connect ends with when it is welcomed so, which is never followed by a greeting.
+long ReasonOfWelcome(const std::string& welcome, bool close) {
+  ForeignServer server;
+  const Held before;
+  const auto connector = MakeShmConnector();
+  ShmIndicationSink sink;
+  EXPECT_EQ(Connect(*connector, sink), AW_OK);
+  {
+    PlainSocket peer = server.Accept();
+    peer.Send(welcome);
+    if (close) peer.Close();
+    EXPECT_TRUE(Await([&] { return sink.count == 1; }));
+    EXPECT_EQ(close ? "" : peer.Receive(), "");
+  }
+  EXPECT_EQ(Held(), before);
+  return sink.got.empty() ? -1 : sink.got[0].reason;
+}
+
+std::string WelcomeOf(std::uint16_t version) {
+  const Welcome welcome{0x4d48535a, version, 0};
+  return {reinterpret_cast<const char*>(&welcome), sizeof welcome};
+}
+
+TEST(ShmIPCConnector, WelcomeOfAnotherKindIsRefusedAndNothingIsMade) {
+  for (const int version : {0, kLayoutVersion - 1, kLayoutVersion + 1, 65535}) {
+    const std::string other = WelcomeOf(static_cast<std::uint16_t>(version));
+    EXPECT_EQ(ReasonOfWelcome(other, false), EPROTONOSUPPORT) << version;
+    EXPECT_EQ(ReasonOfWelcome(other + "and more", false), EPROTONOSUPPORT) << version;
+    EXPECT_EQ(ReasonOfWelcome(other.substr(0, 6), true), EPROTONOSUPPORT) << version;
+  }
+  EXPECT_EQ(ReasonOfWelcome("220 mail.example.org ESMTP", false), EPROTO);
+  EXPECT_EQ(ReasonOfWelcome(std::string(8, '\0'), false), EPROTO);
+  EXPECT_EQ(ReasonOfWelcome("", true), ECONNRESET);
+}
+
+TEST(ShmIPCConnector, WelcomeInPiecesIsRefusedAtItsFirst) {
+  const std::string right = WelcomeOf(kLayoutVersion);
+  for (std::size_t length = 1; length < right.size(); ++length)
+    EXPECT_EQ(ReasonOfWelcome(right.substr(0, length), false), EPROTO) << length;
+}
+
+TEST(ShmIPCConnector, WhatFollowsTheWelcomeIsTakenForTheAnswer) {
+  for (const std::string surplus : {"?", "and much more than an answer"}) {
+    ForeignServer server;
+    const Held before;
+    const auto connector = MakeShmConnector();
+    ShmIndicationSink sink;
+    EXPECT_EQ(Connect(*connector, sink), AW_OK);
+    PlainSocket peer = server.Accept();
+    peer.Send(WelcomeOf(kLayoutVersion) + surplus);
+    EXPECT_TRUE(Await([&] { return sink.count == 1; }));
+    EXPECT_EQ(sink.got.at(0).reason, EPROTO);
     peer.Close();
     EXPECT_EQ(Held(), before);
   }
@@ -156,7 +220,7 @@ long ReasonOfAnswer(const std::string& answer, bool close) {
   ShmIndicationSink sink;
   EXPECT_EQ(Connect(*connector, sink), AW_OK);
   {
-    PlainSocket peer = server.Accept();
+    PlainSocket peer = server.Welcome();
     peer.Send(answer);
     if (close) peer.Close();
     EXPECT_TRUE(Await([&] { return sink.count == 1; }));
@@ -173,19 +237,19 @@ std::string Answer(std::uint16_t version, std::uint32_t result) {
 }
 
 TEST(ShmIPCConnector, AnswerOfTheOtherSideIsTheReason) {
-  EXPECT_EQ(ReasonOfAnswer(Answer(1, 0), false), 0);
-  EXPECT_EQ(ReasonOfAnswer(Answer(1, ENOMEM), false), ENOMEM);
-  EXPECT_EQ(ReasonOfAnswer(Answer(1, EPROTO), true), EPROTO);
-  EXPECT_EQ(ReasonOfAnswer(Answer(1, EPROTONOSUPPORT), true), EPROTONOSUPPORT);
-  EXPECT_EQ(ReasonOfAnswer(Answer(1, EAGAIN), false), ENOMEM);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion, 0), false), 0);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion, ENOMEM), false), ENOMEM);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion, EPROTO), true), EPROTO);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion, EPROTONOSUPPORT), true), EPROTONOSUPPORT);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion, EAGAIN), false), ENOMEM);
 }
 
 TEST(ShmIPCConnector, AnswerOfAnotherKindIsRefused) {
-  EXPECT_EQ(ReasonOfAnswer(Answer(2, 0), false), EPROTONOSUPPORT);
-  EXPECT_EQ(ReasonOfAnswer(Answer(2, 0) + "and more", false), EPROTONOSUPPORT);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion + 1, 0), false), EPROTONOSUPPORT);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion + 1, 0) + "and more", false), EPROTONOSUPPORT);
   EXPECT_EQ(ReasonOfAnswer("220 mail.example.org ESMTP", false), EPROTO);
   EXPECT_EQ(ReasonOfAnswer("x", false), EPROTO);
-  EXPECT_EQ(ReasonOfAnswer(Answer(1, 1000000), false), EPROTO);
+  EXPECT_EQ(ReasonOfAnswer(Answer(kLayoutVersion, 1000000), false), EPROTO);
   EXPECT_EQ(ReasonOfAnswer("", true), ECONNRESET);
 }
 
@@ -194,7 +258,7 @@ TEST(ShmIPCConnector, WakeUpRightBehindTheAnswerIsSeen) {
   const auto connector = MakeShmConnector();
   ShmIndicationSink sink;
   EXPECT_EQ(Connect(*connector, sink), AW_OK);
-  PlainSocket peer = server.Accept();
+  PlainSocket peer = server.Welcome();
   Greeting greeting;
   FileDescriptor memory;
   ASSERT_EQ(ReceiveGreeting(peer.Get(), greeting, memory), 0);
@@ -204,7 +268,7 @@ TEST(ShmIPCConnector, WakeUpRightBehindTheAnswerIsSeen) {
   RingWriter writer(segment.AcceptorRing());
   writer.Write("early", 5);
   writer.Publish();
-  peer.Send(Answer(1, 0) + "w");
+  peer.Send(Answer(kLayoutVersion, 0) + "w");
   EXPECT_TRUE(Await([&] { return sink.count == 1; }));
   ShmTransportSink events;
   ASSERT_EQ(sink.got.at(0).transport->OpenWithSink(&events), AW_OK);
@@ -255,8 +319,11 @@ TEST(ShmIPCConnector, MayBeUsedAgainAlsoInsideItsIndication) {
 
 // --- giving up ---
 
-// What has happened when it is given up: nothing yet, the greeting is sent, the answer is there.
-enum class Stage { asked, greeted, answered };
+// What has happened when it is given up: nothing yet, it is connected, the welcome is there, the
+// greeting is sent, the answer is there.
+enum class Stage { asked, connected, welcomed, greeted, answered };
+constexpr Stage kStages[] = {Stage::asked, Stage::connected, Stage::welcomed, Stage::greeted,
+                             Stage::answered};
 
 void GiveUpAt(Stage stage, const std::function<void(CAWAutoPtr<IAWShmIPCConnector>&)>& giveUp) {
   ForeignServer server;
@@ -265,18 +332,21 @@ void GiveUpAt(Stage stage, const std::function<void(CAWAutoPtr<IAWShmIPCConnecto
   auto sink = std::make_unique<ShmIndicationSink>();
   EXPECT_EQ(Connect(*connector, *sink), AW_OK);
   PlainSocket peer(-1);
-  if (stage != Stage::asked) peer = server.Accept();
-  if (stage == Stage::answered) peer.Send(Answer(1, 0));
+  if (stage != Stage::asked) peer = stage < Stage::greeted ? server.Accept() : server.Welcome();
+  if (stage == Stage::welcomed) peer.Send(WelcomeOf(kLayoutVersion));
+  if (stage == Stage::answered) peer.Send(Answer(kLayoutVersion, 0));
   giveUp(connector);
   EXPECT_EQ(sink->count, 0);
   sink.reset();                                               // an indication would touch it
   std::this_thread::sleep_for(std::chrono::milliseconds(2));  // more than the pause before a try
   Turn();
   if (stage != Stage::asked) {
+    std::string received;
     EXPECT_TRUE(Await([&] {
-      peer.Receive();
+      received += peer.Receive();
       return peer.ended;
     }));
+    EXPECT_EQ(received.size(), stage < Stage::greeted ? 0 : sizeof(Greeting));
     peer.Close();
   }
   connector = nullptr;
@@ -285,7 +355,7 @@ void GiveUpAt(Stage stage, const std::function<void(CAWAutoPtr<IAWShmIPCConnecto
 }
 
 TEST(ShmIPCConnector, CancelledConnectIsNeverIndicatedAtAnyStage) {
-  for (const Stage stage : {Stage::asked, Stage::greeted, Stage::answered}) {
+  for (const Stage stage : kStages) {
     GiveUpAt(stage, [](CAWAutoPtr<IAWShmIPCConnector>& connector) {
       EXPECT_EQ(connector->CancelConnect(), AW_OK);
       EXPECT_EQ(connector->CancelConnect(), AW_OK);
@@ -294,7 +364,7 @@ TEST(ShmIPCConnector, CancelledConnectIsNeverIndicatedAtAnyStage) {
 }
 
 TEST(ShmIPCConnector, LettingGoCancelsAtAnyStageOnAnyThread) {
-  for (const Stage stage : {Stage::asked, Stage::greeted, Stage::answered}) {
+  for (const Stage stage : kStages) {
     GiveUpAt(stage, [](CAWAutoPtr<IAWShmIPCConnector>& connector) { connector = nullptr; });
     GiveUpAt(stage, [](CAWAutoPtr<IAWShmIPCConnector>& connector) {
       std::thread([&] { connector = nullptr; }).join();

@@ -59,7 +59,38 @@ ssize_t Receive(int socket, msghdr& header) {
   return length < 0 ? -errno : length;
 }
 
+template <class Message>
+int SendPlain(int socket, Message message) {
+  iovec piece{&message, sizeof message};
+  msghdr header{};
+  header.msg_iov = &piece;
+  header.msg_iovlen = 1;
+  return SendAll(socket, header, sizeof message);
+}
+
+// Descriptors that come along are closed by the system.
+template <class Message>
+int ReceivePlain(int socket, Message& message) {
+  message = {};
+  iovec piece{&message, sizeof message};
+  msghdr header{};
+  header.msg_iov = &piece;
+  header.msg_iovlen = 1;
+  const ssize_t length = Receive(socket, header);
+  if (length < 0) return static_cast<int>(-length);
+  if (!IsOurs(message, length)) return EPROTO;
+  if (message.version != kLayoutVersion) return EPROTONOSUPPORT;
+  return length == static_cast<ssize_t>(sizeof message) ? 0 : EPROTO;
+}
+
 }  // namespace
+
+int SendWelcome(int socket) { return SendPlain(socket, Welcome{kMagic, kLayoutVersion, 0}); }
+
+int ReceiveWelcome(int socket) {
+  Welcome welcome;
+  return ReceivePlain(socket, welcome);
+}
 
 int SendGreeting(int socket, const CAWShmIPCAddr& local, std::uint32_t ringSize, int memory) {
   Greeting greeting{kMagic, kLayoutVersion, local.GetFirst(), local.GetSecond(), 0, ringSize};
@@ -101,25 +132,14 @@ int ReceiveGreeting(int socket, Greeting& greeting, FileDescriptor& memory) {
 }
 
 int SendAnswer(int socket, int result) {
-  GreetingAnswer answer{kMagic, kLayoutVersion, 0, static_cast<std::uint32_t>(result)};
-  iovec piece{&answer, sizeof answer};
-  msghdr header{};
-  header.msg_iov = &piece;
-  header.msg_iovlen = 1;
-  return SendAll(socket, header, sizeof answer);
+  return SendPlain(socket,
+                   GreetingAnswer{kMagic, kLayoutVersion, 0, static_cast<std::uint32_t>(result)});
 }
 
 int ReceiveAnswer(int socket) {
-  GreetingAnswer answer{};
-  iovec piece{&answer, sizeof answer};
-  msghdr header{};
-  header.msg_iov = &piece;
-  header.msg_iovlen = 1;
-  const ssize_t length = Receive(socket, header);
-  if (length < 0) return static_cast<int>(-length);
-  if (!IsOurs(answer, length)) return EPROTO;
-  if (answer.version != kLayoutVersion) return EPROTONOSUPPORT;
-  if (length != static_cast<ssize_t>(sizeof answer) || answer.result > kMostErrno) return EPROTO;
+  GreetingAnswer answer;
+  if (const int error = ReceivePlain(socket, answer); error != 0) return error;
+  if (answer.result > kMostErrno) return EPROTO;
   // To our caller EAGAIN says that nothing has come; an acceptor means memory that it cannot lock.
   return answer.result == EAGAIN ? ENOMEM : static_cast<int>(answer.result);
 }

@@ -1,7 +1,9 @@
 // ShmGreeting.h - what the two sides say to each other before they share memory.
 //
-// The connector sends a greeting with the descriptor of the memory file, the acceptor answers with
-// a result. After that nothing but single bytes goes over the socket: each wakes the other side.
+// The acceptor speaks first: its welcome proves that somebody serves the connection. Only then the
+// connector makes the memory and sends a greeting with the descriptor of its file: what is sent to
+// a listener that does not accept stays allocated until that takes it or goes. The acceptor answers
+// with a result. After that nothing but single bytes goes over the socket: each wakes the other.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +15,19 @@ namespace fshmipc {
 
 using keelbase::internal::FileDescriptor;
 
-// Of the greeting and of everything in the shared memory; whoever has another one is refused.
-inline constexpr std::uint16_t kLayoutVersion = 1;
+// Of these messages, their order and everything in the shared memory; whoever has another one is
+// refused.
+inline constexpr std::uint16_t kLayoutVersion = 2;
 
-// The first two fields stay for ever, so that any two versions can tell each other apart.
+// The first two fields of each message stay for ever, so that any two versions can tell each other
+// apart.
+struct Welcome {
+  std::uint32_t magic;
+  std::uint16_t version;
+  std::uint16_t reserved;  // 0
+};
+static_assert(sizeof(Welcome) == 8);
+
 struct Greeting {
   std::uint32_t magic;
   std::uint16_t version;
@@ -35,12 +46,16 @@ struct GreetingAnswer {
 };
 static_assert(sizeof(GreetingAnswer) == 12);
 
-// All answer 0 or an errno value; EAGAIN: nothing has come yet.
+// All answer 0 or an errno value; EAGAIN: nothing has come yet. EPROTONOSUPPORT: another version
+// has come. EPROTO: something else, or not all of it at once.
+
+int SendWelcome(int socket);
+int ReceiveWelcome(int socket);
 
 int SendGreeting(int socket, const CAWShmIPCAddr& local, std::uint32_t ringSize, int memory);
 
-// EPROTONOSUPPORT: another version. EPROTO: no greeting, or not one descriptor with it; what came
-// along is closed. EMFILE: no descriptor was free for the one that came.
+// EPROTO also where not one descriptor came with it; what came along is closed. EMFILE: no
+// descriptor was free for the one that came.
 int ReceiveGreeting(int socket, Greeting& greeting, FileDescriptor& memory);
 
 int SendAnswer(int socket, int result);

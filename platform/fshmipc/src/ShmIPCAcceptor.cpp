@@ -22,7 +22,7 @@ using keelbase::CAWPeerCredentials;
 
 namespace {
 
-// A connector greets at once.
+// A connector greets as soon as it is welcomed.
 constexpr std::chrono::seconds kGreetingTime{2};
 
 }  // namespace
@@ -126,8 +126,10 @@ void ShmIPCAcceptor::OnFailed(int error) {
   std::exchange(sink_, nullptr)->OnShmIPCConnectIndication(error, nullptr, this);
 }
 
-// Without memory this one connection is closed; the next may find some again.
+// One that cannot be welcomed at once has gone, or there is no memory: this one connection is
+// closed; the next may find some again.
 void ShmIPCAcceptor::OnAccepted(FileDescriptor socket, const CAWPeerCredentials& credentials) {
+  if (SendWelcome(socket.Get()) != 0) return;
   try {
     Guest& guest = guests_.emplace_back(*this, std::move(socket), credentials);
     if (const int error = guest.Wait(); error != 0) {

@@ -1,4 +1,5 @@
-// ShmIPCAcceptor.h - listens at an endpoint and takes the memory that connectors offer.
+// ShmIPCAcceptor.h - listens at an endpoint, welcomes those who connect and takes the memory that
+// they offer.
 #pragma once
 
 #include <list>

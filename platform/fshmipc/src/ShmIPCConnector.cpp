@@ -21,7 +21,8 @@ using keelbase::CAWPeerCredentials;
 
 namespace {
 
-// An acceptor answers at once; one that is stopped or of another kind never does.
+// For welcome and answer together. An acceptor sends both at once; one that is stopped or of
+// another kind never does.
 constexpr std::chrono::seconds kAnswerTime{2};
 
 }  // namespace
@@ -67,6 +68,7 @@ void ShmIPCConnector::Stop() {
   timeLimit_.Cancel();
   if (std::exchange(watched_, false)) GetLoop().Unwatch(socket_.Get(), *this);
   socket_.Reset();
+  greeted_ = false;
   segment_.Unmap();
   sink_ = nullptr;
 }
@@ -75,24 +77,34 @@ void ShmIPCConnector::OnDialled(int error, FileDescriptor socket,
                                 const CAWPeerCredentials& credentials) {
   socket_ = std::move(socket);
   credentials_ = credentials;
-  if (error == 0) error = Greet();
+  if (error == 0) error = AwaitWelcome();
   if (error != 0) Finish(systemPath_.Get().empty() ? static_cast<int>(AW_ERROR_FAILURE) : error);
 }
 
-int ShmIPCConnector::Greet() {
-  FileDescriptor memory;
-  if (const int error = segment_.Create(ringSize_, memory); error != 0) return error;
-  if (const int error = SendGreeting(socket_.Get(), local_, ringSize_, memory.Get()); error != 0)
-    return error;
+int ShmIPCConnector::AwaitWelcome() {
   if (const int error = GetLoop().Watch(socket_.Get(), EPOLLIN, *this); error != 0) return error;
   watched_ = true;
   timeLimit_.Start(kAnswerTime, 1, [this] { Finish(ETIMEDOUT); });
   return 0;
 }
 
+int ShmIPCConnector::Greet() {
+  FileDescriptor memory;
+  if (const int error = segment_.Create(ringSize_, memory); error != 0) return error;
+  greeted_ = true;
+  return SendGreeting(socket_.Get(), local_, ringSize_, memory.Get());
+}
+
 void ShmIPCConnector::OnReady(std::uint32_t /*events*/) {
-  const int answer = ReceiveAnswer(socket_.Get());
-  if (answer != EAGAIN) Finish(answer);
+  const auto alive = Hold();
+  if (!alive) return;  // no memory is made for nobody
+  int error = greeted_ ? ReceiveAnswer(socket_.Get()) : ReceiveWelcome(socket_.Get());
+  if (error == EAGAIN) return;
+  if (error == 0 && !greeted_) {
+    error = Greet();
+    if (error == 0) return;
+  }
+  Finish(error);
 }
 
 void ShmIPCConnector::Finish(int error) {

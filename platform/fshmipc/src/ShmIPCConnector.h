@@ -1,4 +1,5 @@
-// ShmIPCConnector.h - connects to an endpoint, makes the shared memory and offers it.
+// ShmIPCConnector.h - connects to an endpoint and, once it is welcomed, makes the shared memory and
+// offers it.
 #pragma once
 
 #include "ShmSegment.h"
@@ -28,6 +29,7 @@ class ShmIPCConnector final : public keelbase::internal::LoopObject<IAWShmIPCCon
     timeLimit_.Cancel();
   }
   void OnDialled(int error, FileDescriptor socket, const keelbase::CAWPeerCredentials& credentials);
+  int AwaitWelcome();
   int Greet();
   void OnReady(std::uint32_t events) override;
   void Finish(int error);
@@ -40,9 +42,10 @@ class ShmIPCConnector final : public keelbase::internal::LoopObject<IAWShmIPCCon
   std::uint32_t ringSize_ = kDefaultRingSize;
   keelbase::internal::EndpointDialer dialer_;
 
-  // Between the greeting and its answer.
+  // From the connect to the answer.
   FileDescriptor socket_;
   bool watched_ = false;
+  bool greeted_ = false;  // else the welcome has not come
   ShmSegment segment_;
   keelbase::CAWPeerCredentials credentials_;
   keelbase::internal::Timer timeLimit_;

@@ -31,9 +31,14 @@ using e2e::Event;
 constexpr std::size_t kRing = 64 * 1024;
 constexpr std::size_t kControl = 4096;
 
+struct Welcome {
+  char magic[4] = {'Z', 'S', 'H', 'M'};
+  std::uint16_t version = 2;
+  std::uint16_t reserved = 0;
+};
 struct Greeting {
   char magic[4] = {'Z', 'S', 'H', 'M'};
-  std::uint16_t version = 1;
+  std::uint16_t version = 2;
   std::uint16_t first = 3;
   std::uint16_t second = 4;
   std::uint16_t reserved = 0;
@@ -41,7 +46,7 @@ struct Greeting {
 };
 struct Answer {
   char magic[4] = {'Z', 'S', 'H', 'M'};
-  std::uint16_t version = 1;
+  std::uint16_t version = 2;
   std::uint16_t reserved = 0;
   std::uint32_t result = 0;
 };
@@ -156,9 +161,11 @@ class Scribbler {
     while (!over) {
       const int memory = MakeMemory();
       const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      Welcome welcome;
       Answer answer;
       const bool connected =
-          ::connect(socket, Address(), sizeof address_) == 0 && Greet(socket, memory) &&
+          ::connect(socket, Address(), sizeof address_) == 0 &&
+          ::recv(socket, &welcome, sizeof welcome, 0) == sizeof welcome && Greet(socket, memory) &&
           ::recv(socket, &answer, sizeof answer, 0) == sizeof answer && answer.result == 0;
       Victim victim(socket, memory);
       if (connected) Scribble(victim);
@@ -170,7 +177,9 @@ class Scribbler {
       pollfd ready{listening_, POLLIN, 0};
       if (::poll(&ready, 1, 50) != 1) continue;
       const int socket = ::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC);
-      const int memory = TakeMemory(socket);
+      const Welcome welcome;
+      const bool welcomed = ::send(socket, &welcome, sizeof welcome, MSG_NOSIGNAL) > 0;
+      const int memory = welcomed ? TakeMemory(socket) : -1;
       Victim victim(socket, memory);
       const Answer answer;
       if (random_() % 8 == 0) Scribble(victim);  // before it is answered, too
