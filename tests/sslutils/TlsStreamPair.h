@@ -192,6 +192,19 @@ struct TicketPair : TlsPair {
   std::string rest;
 };
 
+// The server has read "first", and its answer to the client's change of keys finds no room.
+struct BlockedAnswerPair : TlsPair {
+  explicit BlockedAnswerPair(EventLoop& l) : TlsPair(l) {
+    Open();
+    server_.end.room = 0;
+    EXPECT_EQ(SSL_key_update(clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
+    EXPECT_EQ(Send(client, "first"), AW_OK);
+    Move();
+    EXPECT_EQ(Send(server_, "answer"), AW_OK);
+    Move();
+  }
+};
+
 inline std::string Pattern(std::size_t size) {
   std::string text(size, '\0');
   for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>((i >> 8) ^ (i * 7));

@@ -288,6 +288,39 @@ TEST(TlsStream, AnswerToAChangeOfKeysThatFindsNoRoomHoldsNothingUp) {
   });
 }
 
+TEST(TlsStream, PeerThatSendsOnIsReadNoFurtherUntilTheAnswerToItsChangeOfKeysFindsRoom) {
+  WithLoop([](EventLoop& loop) {
+    BlockedAnswerPair pair(loop);
+    TlsPair::Send(pair.client, ", second");
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.received, "first");
+    EXPECT_TRUE(pair.server_.end.readingStopped);
+    TlsPair::Send(pair.client, ", third");
+    pair.Move();
+    EXPECT_FALSE(pair.client.end.sent.empty());
+    pair.server_.end.MakeRoom(100000);
+    EXPECT_FALSE(pair.server_.end.readingStopped);
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.received, "first, second, third");
+    EXPECT_EQ(pair.client.sink.received, "answer");
+  });
+}
+
+TEST(TlsStream, OwnerThatReadsAgainReadsNoFurtherUntilTheAnswerToAChangeOfKeysFindsRoom) {
+  WithLoop([](EventLoop& loop) {
+    BlockedAnswerPair pair(loop);
+    TlsPair::Send(pair.client, ", second");
+    pair.Move();
+    for (bool stop : {true, false})
+      pair.server_.stream->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+    pair.Move();
+    EXPECT_TRUE(pair.server_.end.readingStopped);
+    pair.server_.end.MakeRoom(100000);
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.received, "first, second");
+  });
+}
+
 TEST(TlsStream, StoppedReaderGetsNothingUntilItReadsAgain) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

@@ -118,7 +118,7 @@ AWResult TlsStream::Open(ByteSink* sink) {
   if (sink == nullptr || state_ != State::ready) return AW_ERROR_FAILURE;
   sink_ = sink;
   state_ = State::open;
-  ReadLower(reading_);
+  UpdateReading();
   WantTurnEnd();
   return AW_OK;
 }
@@ -147,7 +147,10 @@ void TlsStream::OnRoom() {
   if (state_ == State::shaking) return ShakeHands();
   if (state_ == State::closing) return WriteRest();
   GoOnWriting();
-  if (readBlocked_ && state_ == State::open) Pump();
+  if (!readBlocked_ || state_ != State::open) return;
+  readBlocked_ = false;
+  Pump();
+  UpdateReading();
 }
 
 void TlsStream::OnEnd(long reason) {
@@ -169,6 +172,7 @@ void TlsStream::OnEnd(long reason) {
 // What came before the end is delivered first, also to an owner who had stopped reading.
 void TlsStream::EndOfLower() {
   Pump();
+  if (readBlocked_) Pump();  // what had to be written first is kept now
   if (writeError_ != 0) return End(writeError_);
   End(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
 }
@@ -212,6 +216,7 @@ void TlsStream::Pump() {
     End(ENOMEM);
   }
   pumping_ = false;
+  UpdateReading();
   if (writeBlocked_ && state_ == State::open) GoOnWriting();
 }
 
@@ -271,8 +276,13 @@ void TlsStream::End(long reason) {
 void TlsStream::StopReading(bool stop) {
   reading_ = !stop;
   if (state_ != State::open) return;
-  ReadLower(reading_ || writeBlocked_);
+  UpdateReading();
   if (reading_) WantTurnEnd();
+}
+
+// What OpenSSL does not take would only be kept here.
+void TlsStream::UpdateReading() {
+  if (state_ == State::open) ReadLower((reading_ && !readBlocked_) || writeBlocked_);
 }
 
 void TlsStream::ReadLower(bool read) {
@@ -296,8 +306,10 @@ std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
     if (result == keelbase::AW_ERROR_FAILURE) FailWriting(writeError_);
     return 0;
   }
-  if (state_ != State::closing || block.GetLength() == 0) return length - block.GetLength();
-  // The last records are kept, however little the transport takes.
+  // The last records are kept, however little the transport takes, and so is what must be written
+  // before the last bytes of the peer can be read.
+  const bool last = state_ == State::closing || (lowerEnded_ && readBlocked_);
+  if (!last || block.GetLength() == 0) return length - block.GetLength();
   try {
     AppendTo(rest_, block.DuplicateChained());
     return length;
@@ -375,7 +387,7 @@ void TlsStream::WriteRecord(const char* data, std::size_t length) {
   const int result = SSL_write_ex(ssl_.get(), data, length, &count);
   const int error = SSL_get_error(ssl_.get(), result);
   writeBlocked_ = error == SSL_ERROR_WANT_READ;
-  if (state_ == State::open) ReadLower(reading_ || writeBlocked_);
+  UpdateReading();
   switch (error) {
     case SSL_ERROR_NONE:
       ++counters_.systemCallsSent;

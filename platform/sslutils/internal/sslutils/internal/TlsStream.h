@@ -27,8 +27,9 @@ using SslPtr = std::unique_ptr<ssl_st, SslFree>;
 
 // Plain bytes go in and out as with a StreamSocket, whose operations it has; below it, records.
 // OpenSSL reads the received bytes where they lie and gives its records straight to the transport
-// below, so that nothing is kept here but a record that is being filled and one that could not be
-// written. Loop thread only, but for the count.
+// below, so that nothing is kept here but a record that is being filled, one that could not be
+// written, and what one event had brought when reading stopped. Loop thread only, but for the
+// count.
 class SSLUTILS_API TlsStream final
     : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
       private ByteSink,
@@ -83,6 +84,7 @@ class SSLUTILS_API TlsStream final
   void EndOfLower();
   bool MayRead() const;
   void StopReading(bool stop);
+  void UpdateReading();
   void ReadLower(bool read);
 
   std::size_t TakeSome(keelbase::CAWMessageBlock& block);
