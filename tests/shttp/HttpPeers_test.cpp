@@ -94,6 +94,14 @@ TEST_F(HttpClient, HttpsIsSentInPartsAndItsEndEndsTheAnswer) {
   EXPECT_EQ(user.answer, "hello");
 }
 
+TEST_F(HttpClient, HandshakeThatTlsGivesUpIsAConnectThatTookTooLong) {
+  Open("https://127.0.0.1/");
+  tls.Last().Complete(sslutils::AW_SSL_ERROR_HANDSHAKE_TIME, nullptr);
+  RunReady();
+  EXPECT_EQ(user.calls, FailedWith(ETIMEDOUT));
+  EXPECT_EQ(user.result, -ETIMEDOUT);
+}
+
 TEST_F(HttpClient, ReasonsOfTlsAreResults) {
   Open("https://127.0.0.1/");
   tls.Last().Complete(sslutils::AW_SSL_ERROR_CERTIFICATE_NAME, nullptr);

@@ -129,6 +129,8 @@ void Dialer::OnConnectIndication(long reason, wface::IAWTransport* transport,
 }
 
 void Dialer::OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) {
+  // TLS has a time limit of its own, which may be the shorter one.
+  if (reason == sslutils::AW_SSL_ERROR_HANDSHAKE_TIME) reason = ETIMEDOUT;
   Finish(reason, MakeStream<TlsStream>(transport));
 }
 

@@ -17,9 +17,9 @@ namespace shttp {
 // times fail requests to slow servers; long ones keep callers waiting for dead ones. A large body
 // limit is what a hostile server can make this process hold for each request.
 struct CAWHttpLimits {
-  std::uint32_t connectMs = 10000;                   // the name, TCP and TLS
-  std::uint32_t sendMs = 30000;                      // until the system has taken the request
-  std::uint32_t answerMs = 60000;                    // from then on until the answer is whole
+  std::uint32_t connectMs = 10000;  // the name, TCP and TLS, which has 10 s at most
+  std::uint32_t sendMs = 30000;     // until the system has taken the request
+  std::uint32_t answerMs = 60000;   // from then on until the answer is whole
   std::size_t headerBytes = std::size_t{256} << 10;  // of all header and trailer lines
   std::size_t bodyBytes = std::size_t{64} << 20;     // once unpacked
 };
