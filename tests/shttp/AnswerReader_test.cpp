@@ -194,6 +194,17 @@ TEST(AnswerGarbage, IsRefused) {
   }
 }
 
+TEST(AnswerGarbage, QuotedTextThatDoesNotEndInTheLineOfItsChunkIsRefusedAtOnce) {
+  for (const std::string& wire :
+       {Chunked("1;a=\"\r\n"), Chunked("1;a=\"\\\"\r\n"), Chunked("1\r\nx\r\n10;a=\"\r\n"),
+        Chunked("0;a=\"\r\n\r\n"), Chunked("1\r\nx\r\n00;a=\"\r\nA: b\r\n\r\n")}) {
+    EXPECT_EQ(ReadAnyhow(wire).error, EPROTO) << wire;
+    EXPECT_EQ(ReadAnyhow(wire + "x\"\r\n").error, EPROTO) << wire;
+  }
+  EXPECT_EQ(ReadAnyhow(Chunked("5;a=\"\\\";\"\r\nhello\r\n0;a=\"\"\r\nA: \"\r\n\r\n")),
+            Good(200, "hello"));
+}
+
 TEST(AnswerCoding, UnknownCodingsAreRefused) {
   for (const std::string coding : {"br", "deflate", "gzip, gzip", "gzip, br"})
     EXPECT_EQ(ReadAnyhow(WithLength("x", "Content-Encoding: " + coding + "\r\n")).error, ENOTSUP);

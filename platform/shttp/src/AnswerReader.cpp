@@ -27,6 +27,15 @@ constexpr int kSwitchingProtocols = 101;
 
 enum class Coding { none, gzip, unknown };
 
+// A quoted text in the header of a chunk that does not end in its line is no answer: the parser
+// looks for its end in all that follows, each time anew.
+bool IsLineOverYetOpen(std::string_view chunk) {
+  if (chunk.substr(0, 2) == "\r\n") chunk.remove_prefix(2);  // of the chunk before
+  const bool last =
+      chunk.find_first_not_of('0') == chunk.find_first_not_of("0123456789abcdefABCDEF");
+  return chunk.find(last ? "\r\n\r\n" : "\r\n") != std::string_view::npos;
+}
+
 }  // namespace
 
 // What is known of the answer beyond the one message that is being parsed.
@@ -137,16 +146,11 @@ void AnswerReader::ExpectAnswer() {
 }
 
 int AnswerReader::Add(std::string_view bytes) {
-  std::string joined;  // with the start of a line that came before
-  if (!gathered_->unparsed.empty()) {
-    joined = std::move(gathered_->unparsed);
-    joined += bytes;
-    if (parser_->is_header_done() && joined.size() < kLeastLine) {
-      gathered_->unparsed = std::move(joined);
-      return 0;
-    }
-    bytes = joined;
-    gathered_->unparsed.clear();
+  std::string& unparsed = gathered_->unparsed;
+  const bool joined = !unparsed.empty();
+  if (joined) {
+    bytes = unparsed.append(bytes);
+    if (parser_->is_header_done() && bytes.size() < kLeastLine) return 0;
   }
   while (!bytes.empty() && !IsWhole()) {
     if (parser_->is_done()) ExpectAnswer();
@@ -156,9 +160,14 @@ int AnswerReader::Add(std::string_view bytes) {
     bytes.remove_prefix(used);
     if (code == http::error::need_more) break;
   }
-  if (IsWhole() || bytes.empty()) return 0;
+  if (IsWhole()) return 0;
+  if (parser_->is_header_done() && IsLineOverYetOpen(bytes)) return EPROTO;
   if (bytes.size() > gathered_->headerLeft) return EMSGSIZE;
-  gathered_->unparsed = bytes;
+  if (joined) {
+    unparsed.erase(0, unparsed.size() - bytes.size());
+  } else {
+    unparsed = bytes;
+  }
   return 0;
 }
 
