@@ -37,6 +37,7 @@ class Kv(ToolTest):
         self.run_ok(*self.kv, "put", "00ff", "--hex-key", "--file", str(self.root / "raw"))
         self.run_ok(*self.kv, "put", "empty", "")
         self.run_ok(*self.kv, "put", "k", "--hex", "0A5c")
+        self.run_ok(*self.kv, "put", "none", "--hex", "")
         piped = subprocess.run([TOOL, *self.kv, "get", "00ff", "--hex-key", "--file", "-"], env=self.env,
                                check=True, capture_output=True, timeout=PATIENCE)
         self.assertEqual(piped.stdout, raw)
@@ -44,7 +45,8 @@ class Kv(ToolTest):
         self.assertEqual(self.run_events(*self.kv, "dump", "--hex"), [
             {"event": "entry", "key": "00ff", "value": raw.hex(), "size": len(raw)},
             {"event": "entry", "key": b"empty".hex(), "value": "", "size": 0},
-            {"event": "entry", "key": "6b", "value": "0a5c", "size": 2}])
+            {"event": "entry", "key": "6b", "value": "0a5c", "size": 2},
+            {"event": "entry", "key": b"none".hex(), "value": "", "size": 0}])
 
     def test_absent_keys_and_stores_are_failures_and_nothing_is_made(self):
         for verb in (("get", "k"), ("rm", "k"), ("dump",)):

@@ -184,6 +184,14 @@ class Usage(TlsToolTest):
         self.assert_fails(f"--client-ca '{key}': No usable certificate", "serve", self.url,
                           *self.identity(self.server), "--client-ca", key)
 
+    def test_an_empty_value_is_wrong_usage_and_nobody_is_served_without_a_check(self):
+        for option, arguments in (("--client-ca", ("serve", self.url, *self.identity(self.server))),
+                                  ("--ca", ("ping", self.url)), ("--server-name", ("ping", self.url)),
+                                  ("--key", ("ping", self.url, "--cert", self.client[1])),
+                                  ("--cert", ("ping", self.url, "--key", self.client[0]))):
+            with self.subTest(option):
+                self.assert_fails(f"{option}: must not be empty", *arguments, option, "", code=2)
+
     def test_options_that_do_not_fit_are_wrong_usage(self):
         key, certificate = self.server
         for text, arguments in (

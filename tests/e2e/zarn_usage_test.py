@@ -61,6 +61,25 @@ class Usage(ToolTest):
         self.assert_wrong_usage("bench", "ipc://1_2", "--window", "0")
         self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--tag", "4294967296")
 
+    def test_an_empty_value_is_wrong_usage_where_it_would_be_as_if_not_given(self):
+        rest = ("rest", "http://127.0.0.1:1/zarn/tcpchannel")
+        for name, *arguments in (("--file", "send", "ipc://1_2"), ("--level", "log"), ("--function", "log"),
+                                 ("--file", *rest), ("--setting", *rest, "--data", "x"),
+                                 ("--user", *rest, "--data", "x"), ("--ca", *rest, "--data", "x"),
+                                 ("--password-file", *rest, "--data", "x", "--user", "a"),
+                                 ("--file", "db", "s.db", "set", "k"), ("--file", "db", "s.db", "get", "k"),
+                                 ("--file", "kv", "s", "put", "k"), ("--file", "kv", "s", "get", "k")):
+            result = self.run_tool(*arguments, name, "", cwd=self.root)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), (arguments, name))
+            self.assertTrue(result.stderr.startswith(f"{name}: must not be empty\n"), result.stderr)
+        for name, *arguments in (("FILE", "log", ""), ("FILE", "db", "", "set", "k", "v"),
+                                 ("DIR", "kv", "", "put", "k", "v"), ("TO", "db", "s.db", "export", ""),
+                                 ("FROM", "db", "s.db", "import", "")):
+            result = self.run_tool(*arguments, cwd=self.root)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
+            self.assertTrue(result.stderr.startswith(f"{name}: must not be empty\n"), result.stderr)
+        self.assertEqual(os.listdir(self.root), ["system"], "nothing was made")
+
     def test_send_wants_exactly_one_content(self):
         self.assert_wrong_usage("send", "ipc://1_2")
         self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--file", "y")

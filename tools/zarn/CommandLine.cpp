@@ -23,7 +23,8 @@ std::vector<CLI::Option*> AddIdentity(CLI::App& command, Security& security) {
   CLI::Option* certificate =
       command.add_option("--cert", security.certificate,
                          "the own certificate, PEM, and those between it and the root");
-  for (CLI::Option* option : {key, certificate}) option->type_name("FILE")->group(kTlsOptions);
+  for (CLI::Option* option : {key, certificate})
+    option->check(IsNotEmpty())->type_name("FILE")->group(kTlsOptions);
   key->needs(certificate);
   certificate->needs(key);
   return {key, certificate};
@@ -44,6 +45,7 @@ void AddClientSecurity(CLI::App& command, Endpoint& endpoint) {
       command
           .add_option("--ca", security.authorities,
                       "certificates of authorities to trust besides the system's, PEM")
+          ->check(IsNotEmpty())
           ->type_name("FILE")
           ->group(kTlsOptions));
   options.push_back(
@@ -51,6 +53,7 @@ void AddClientSecurity(CLI::App& command, Endpoint& endpoint) {
           .add_option("--server-name", security.serverName,
                       "the name that the server's certificate must be for; by default "
                       "the host of the url")
+          ->check(IsNotEmpty())
           ->type_name("NAME")
           ->group(kTlsOptions));
   command.parse_complete_callback([&endpoint, options] { RefuseUnlessSecured(endpoint, options); });
@@ -112,6 +115,7 @@ void AddServerSecurity(CLI::App& command, Endpoint& endpoint) {
       command
           .add_option("--client-ca", security.clientAuthorities,
                       "refuse clients without a certificate of one of these authorities")
+          ->check(IsNotEmpty())
           ->type_name("FILE")
           ->group(kTlsOptions));
   command.parse_complete_callback([&endpoint, options] {
@@ -136,6 +140,13 @@ void AddOwnPair(CLI::App& command, Pair& own) {
 
 void AddJson(CLI::App& command, bool& json) {
   command.add_flag("--json", json, "print one JSON object a line");
+}
+
+CLI::Validator IsNotEmpty() {
+  return {[](const std::string& text) {
+            return text.empty() ? std::string("must not be empty") : std::string();
+          },
+          ""};
 }
 
 void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,

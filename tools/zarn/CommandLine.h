@@ -36,6 +36,9 @@ void AddUrl(CLI::App& command, Endpoint& endpoint);
 void AddServerSecurity(CLI::App& command, Endpoint& endpoint);
 void AddOwnPair(CLI::App& command, Pair& own);
 void AddJson(CLI::App& command, bool& json);
+// For a value that would otherwise be as if it had not been given, such as that of a shell variable
+// that is not set.
+CLI::Validator IsNotEmpty();
 void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
                 double most, const std::string& description);
 void SetExamples(CLI::App& command, const std::string& examples);

@@ -111,6 +111,7 @@ void AddReading(CLI::App& db, const std::shared_ptr<DbOptions>& options, Action&
   AddHex(get, options->show.hex);
   get.add_option("--file", options->show.file,
                  "write the value there as it is; '-' is standard output")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   SetExamples(get, "  zarn db settings.db get zarn://node/name");
 
@@ -121,7 +122,8 @@ void AddReading(CLI::App& db, const std::shared_ptr<DbOptions>& options, Action&
   CLI::App& exporting =
       AddVerb(db, options, action, "export", "write all keys and values to a file",
               [](const DbOptions& o) { return ExportDb(o.path, o.transfer, o.json); });
-  exporting.add_option("TO", options->transfer, "the file; '-', the default, is standard output");
+  exporting.add_option("TO", options->transfer, "the file; '-', the default, is standard output")
+      ->check(IsNotEmpty());
   SetExamples(exporting, "  zarn db settings.db export settings.jsonl");
 }
 
@@ -140,7 +142,8 @@ void AddWriting(CLI::App& db, const std::shared_ptr<DbOptions>& options, Action&
   CLI::App& importing =
       AddVerb(db, options, action, "import", "set the keys and values that a file holds",
               [](const DbOptions& o) { return ImportDb(o.path, o.transfer, o.json); });
-  importing.add_option("FROM", options->transfer, "the file; '-', the default, is standard input");
+  importing.add_option("FROM", options->transfer, "the file; '-', the default, is standard input")
+      ->check(IsNotEmpty());
   SetExamples(importing, "  zarn db settings.db import settings.jsonl");
 }
 
@@ -197,6 +200,7 @@ void AddDb(CLI::App& app, Action& action) {
   auto options = std::make_shared<DbOptions>();
   CLI::App& db = *app.add_subcommand("db", "look into an SQLite store and change it");
   db.add_option("FILE", options->path, "the file of the store; 'set' and 'import' make it")
+      ->check(IsNotEmpty())
       ->required();
   db.require_subcommand(1);
   AddJson(db, options->json);

@@ -129,7 +129,9 @@ CLI::App& AddKvVerb(CLI::App& kv, const std::shared_ptr<KvOptions>& options, Act
 void AddKv(CLI::App& app, Action& action) {
   auto options = std::make_shared<KvOptions>();
   CLI::App& kv = *app.add_subcommand("kv", "look into a LevelDB store and change it");
-  kv.add_option("DIR", options->path, "the directory of the store; 'put' makes it")->required();
+  kv.add_option("DIR", options->path, "the directory of the store; 'put' makes it")
+      ->check(IsNotEmpty())
+      ->required();
   kv.require_subcommand(1);
   AddJson(kv, options->json);
   SetExamples(kv, "  zarn kv store put name north\n  zarn kv store dump --hex");
@@ -139,6 +141,7 @@ void AddKv(CLI::App& app, Action& action) {
   AddHex(get, options->show.hex);
   get.add_option("--file", options->show.file,
                  "write the value there as it is; '-' is standard output")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   SetExamples(get, "  zarn kv store get name");
 

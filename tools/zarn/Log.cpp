@@ -234,10 +234,12 @@ CLI::Validator IsPattern(const std::shared_ptr<LogOptions>& options) {
 void AddFilterOptions(CLI::App& command, const std::shared_ptr<LogOptions>& options) {
   command
       .add_option("--level", options->filter.levels, "only lines of these levels, as ERROR,WARN")
+      ->check(IsNotEmpty())
       ->delimiter(',')
       ->allow_extra_args(false)
       ->type_name("LEVEL");
   command.add_option("--function", options->filter.functions, "only lines of these functions")
+      ->check(IsNotEmpty())
       ->delimiter(',')
       ->allow_extra_args(false)
       ->type_name("NAME");
@@ -272,8 +274,10 @@ void AddLog(CLI::App& app, Action& action) {
   auto options = std::make_shared<LogOptions>();
   CLI::App& command =
       *app.add_subcommand("log", "show lines of log files, several files merged by time");
-  command.add_option("FILE", options->paths,
-                     "log files; all *.log of the logs directory of the root unless given");
+  command
+      .add_option("FILE", options->paths,
+                  "log files; all *.log of the logs directory of the root unless given")
+      ->check(IsNotEmpty());
   command.add_flag("-f,--follow", options->follow,
                    "go on with lines to come, also of files that are begun anew or come later");
   AddFilterOptions(command, options);

@@ -199,6 +199,7 @@ void AddContent(CLI::App& command, RestOptions& options) {
   content.add_option("--data", options.body.text, "send this text")->type_name("TEXT");
   content
       .add_option("--file", options.body.file, "send what the file holds; '-' is standard input")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   content.require_option(1);
 }
@@ -222,16 +223,20 @@ void AddRest(CLI::App& app, Action& action) {
   command
       .add_option("--setting", options->setting,
                   "a file with the method, POST unless it is there, and 'Name: value' lines")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   command
       .add_option("--user", options->user,
                   std::string("user name; the password is asked for, or stands in ") +
                       kPasswordVariable + " or in a file")
+      ->check(IsNotEmpty())
       ->type_name("NAME");
   command.add_option("--password-file", options->passwordFile, "its first line is the password")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   command
       .add_option("--ca", options->authorities, "authorities to trust besides those of the system")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   AddSeconds(command, "--timeout", options->timeout, 0, kForEver,
              "how long connecting, sending and the answer may take, each; 0 for ever");

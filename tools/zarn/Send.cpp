@@ -218,8 +218,9 @@ void AddSend(CLI::App& app, Action& action) {
       ->capture_default_str();
   CLI::Option_group& content = *command.add_option_group("content", "exactly one of these");
   auto* data = content.add_option("--data", options->data, "send this text")->type_name("TEXT");
-  auto* file =
-      content.add_option("--file", options->file, "send what the file holds")->type_name("FILE");
+  auto* file = content.add_option("--file", options->file, "send what the file holds")
+                   ->check(IsNotEmpty())
+                   ->type_name("FILE");
   content.add_option("lines", options->lines, "'-': send each line of standard input as a message")
       ->check(CLI::IsMember({"-"}));
   content.require_option(1);

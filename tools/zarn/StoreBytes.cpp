@@ -6,6 +6,8 @@
 #include <cstring>
 #include <memory>
 
+#include "CommandLine.h"
+
 namespace zarn::tool {
 
 namespace {
@@ -78,6 +80,7 @@ void AddValue(CLI::App& command, ValueOptions& value) {
       ->type_name("HEX")
       ->check(IsHex());
   group.add_option("--file", value.file, "the value is what the file holds; '-' is standard input")
+      ->check(IsNotEmpty())
       ->type_name("FILE");
   group.require_option(1);
 }
