@@ -4,6 +4,7 @@ import errno
 import fcntl
 import getpass
 import os
+import pty
 import signal
 import socket
 import subprocess
@@ -157,9 +158,31 @@ class Completion(ToolTest):
             COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}; _zarn
             printf '%s\\n' "${COMPREPLY[@]}"'''
         env = dict(self.env, PATH=os.path.dirname(TOOL) + ":" + os.environ["PATH"])
-        result = subprocess.run(["bash", "-c", script, "bash", str(self.SCRIPT), *words], env=env,
+        result = subprocess.run(["bash", "-c", script, "bash", str(self.SCRIPT), *words], env=env, cwd=self.root,
                                 check=True, capture_output=True, text=True)
-        return result.stdout.split()
+        return result.stdout.splitlines()
+
+    def type(self, line):
+        """What an interactive bash shows that is given this line."""
+        leader, follower = pty.openpty()
+        self.addCleanup(os.close, leader)
+        env = dict(self.env, PATH=os.path.dirname(TOOL) + ":" + os.environ["PATH"], PS1="ready> ",
+                   TERM="dumb")
+        with subprocess.Popen(["bash", "--noprofile", "--norc", "-i"], env=env, cwd=self.root, stdin=follower,
+                              stdout=follower, stderr=follower, start_new_session=True):
+            os.close(follower)
+            for answer in (f". {self.SCRIPT}", line, "exit"):
+                shown = ""
+                while not shown.endswith("ready> "):
+                    shown += os.read(leader, 65536).decode()
+                os.write(leader, (answer + "\n").encode())
+        return shown
+
+    def make_segment(self, name):
+        segments = self.root / "system/zarn/shm/zarnshmm"
+        segments.mkdir(parents=True, exist_ok=True)
+        (segments / f"zarn_shm_{name}").write_text("")
+        return segments
 
     def test_subcommands(self):
         self.assertEqual(self.complete("zarn", "s"), ["serve", "send", "stat", "shm"])
@@ -173,19 +196,31 @@ class Completion(ToolTest):
         (self.root / "a.log").touch()
         self.assertEqual(self.complete("zarn", "log", f"{self.root}/a"), [f"{self.root}/a.log"])
         self.assertEqual(self.complete("zarn", "log", "--level", "W"), ["WARN"])
+        self.assertEqual(self.complete("zarn", "log", "--level", "N"), ["NOTICE"])
         self.assertEqual(self.complete("zarn", "log", "--gr"), ["--grep"])
+        self.assertEqual(self.complete("zarn", "log", "--fi"), ["--fixed"])
 
     def test_verbs_options_and_names_of_the_stores(self):
         self.assertEqual(self.complete("zarn", "db", "some.db", "ex"), ["export"])
         self.assertEqual(self.complete("zarn", "kv", "store", ""), ["get", "put", "rm", "dump"])
         self.assertEqual(self.complete("zarn", "shm", "i"), ["info"])
         self.assertIn("--hex-key", self.complete("zarn", "db", "some.db", "set", "--h"))
-        segments = self.root / "system/zarn/shm/zarnshmm"
-        segments.mkdir(parents=True)
-        (segments / "zarn_shm_cfg").write_text("")
+        segments = self.make_segment("cfg")
         self.assertEqual(self.complete("zarn", "shm", "rm", "c"), ["cfg"])
         self.assertEqual(self.complete("zarn", "db", str(segments) + "/z"),
                          [str(segments / "zarn_shm_cfg")])
+
+    def test_names_of_segments_and_files_are_not_run(self):
+        self.make_segment("$(touch${IFS}ran)")
+        self.make_segment("`touch ran`")
+        self.assertEqual(self.complete("zarn", "shm", "info", ""),
+                         [r"\$\(touch\$\{IFS\}ran\)", r"\`touch\ ran\`"])
+        self.assertIn("name       $(touch${IFS}ran)\r\n", self.type("zarn shm info \\$\t"))
+        logs = self.root / "other"
+        logs.mkdir()
+        (logs / "$(touch ran)").write_text("one line\n")
+        self.assertIn("one line", self.type("zarn log other/\t"))
+        self.assertFalse((self.root / "ran").exists())
 
     def test_urls_of_listening_endpoints(self):
         self.serve()
