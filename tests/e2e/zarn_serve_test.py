@@ -175,6 +175,10 @@ class Serve(ToolTest):
         server = self.serve()
         self.assertEqual(server.end(signal.SIGHUP), 0)
 
+    def test_a_signal_that_means_nothing_to_it_has_its_ordinary_effect(self):
+        server = self.serve()
+        self.assertEqual(server.end(signal.SIGUSR1), -signal.SIGUSR1)
+
     def test_hundred_clients_at_once(self):
         server = self.serve("--echo")
         clients = [self.connect() for _ in range(100)]

@@ -16,8 +16,6 @@ using keelbase::CAWThreadManager;
 
 namespace {
 
-constexpr int kStopWaiting = SIGUSR1;  // tells the thread that waits for signals to end
-
 bool IsIgnored(int signal) {
   struct sigaction action {};
   return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
@@ -28,7 +26,6 @@ sigset_t HandledSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, kStopWaiting);
   if (!IsIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
   return signals;
 }
@@ -53,7 +50,8 @@ Loop::Loop(std::function<void()> interrupted, int type)
 }
 
 Loop::~Loop() {
-  ::pthread_kill(signals_.native_handle(), kStopWaiting);
+  ended_ = true;
+  ::pthread_kill(signals_.native_handle(), SIGINT);  // wakes it
   signals_.join();
 }
 
@@ -62,7 +60,7 @@ void Loop::WaitForSignals() {
   for (bool again = false;; again = true) {
     int signal = 0;
     ::sigwait(&signals, &signal);
-    if (signal == kStopWaiting) return;
+    if (ended_) return;
     if (again) ::_exit(128 + signal);
     thread_->Post([this] { interrupted_(); });
   }

@@ -1,6 +1,7 @@
 // Loop.h - the event loop of the program, on its main thread, and how it ends.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -34,6 +35,7 @@ class Loop {
 
   std::function<void()> interrupted_;
   keelbase::CAWThread* thread_;
+  std::atomic<bool> ended_ = false;  // signals mean nothing any more
   std::thread signals_;
   int code_ = -1;  // -1: not finished
 };
