@@ -9,6 +9,7 @@ import queue
 import re
 import signal
 import socket
+import subprocess
 import sys
 import threading
 import time
@@ -202,6 +203,24 @@ class Stat(ToolTest):
         watch.event("stream")
         server.end()
         self.assertEqual(watch.process.wait(PATIENCE), 3)
+
+    def test_watch_ends_when_its_output_cannot_be_written(self):
+        self.echo()
+        for options in ([], ["--json"]):
+            result = self.run_without(">/dev/full", "stat", "--watch", "0.05", *options)
+            self.assertEqual((result.returncode, result.stderr),
+                             (1, "zarn: standard output: No space left on device\n"))
+
+    def test_watch_ends_when_nobody_reads_it_even_with_nothing_to_tell(self):
+        for options in ([], ["--json"]):
+            reading, writing = os.pipe()
+            watch = subprocess.Popen([TOOL, "stat", "--watch", "1000", *options], env=self.env,
+                                     stdout=writing)
+            self.addCleanup(watch.wait)
+            self.addCleanup(watch.kill)
+            os.close(writing)
+            os.close(reading)
+            self.assertEqual(watch.wait(PATIENCE), 1)
 
     def test_the_file_is_private_and_goes_with_the_process(self):
         server, _ = self.echo()

@@ -1,7 +1,4 @@
 // Log.cpp - zarn log: shows lines of log files, several files merged by time.
-#include <poll.h>
-#include <unistd.h>
-
 #include <CLI/App.hpp>
 #include <algorithm>
 #include <chrono>
@@ -168,19 +165,13 @@ void LogReader::ShowRestarts() {
   }
 }
 
-// Nobody reads what we would write, which a pipe tells without being written to.
-bool IsOutputClosed() {
-  pollfd output{STDOUT_FILENO, 0, 0};
-  return ::poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
-}
-
 int Follow(LogReader& reader, Output& output) {
   Loop loop([&] { reader.Stop(); });
   Timer timer([&] {
     reader.ShowRestarts();
     reader.FindFiles();
     reader.ShowLines(false);
-    if (!output.Flush() || IsOutputClosed()) reader.Stop();
+    if (!output.Flush() || IsOutputClosed(0)) reader.Stop();
     if (reader.IsStopped()) loop.Finish(kDone);
   });
   timer.Every(kFollowSeconds);

@@ -107,6 +107,11 @@ void Output::Fail(int error) {
   if (onFailed_) onFailed_();
 }
 
+bool IsOutputClosed(int milliseconds) {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  return ::poll(&output, 1, milliseconds) > 0;
+}
+
 void ComplainLine(const std::string& text) { WriteAll(STDERR_FILENO, "zarn: " + text + "\n"); }
 
 void AddRoundTrips(Json::Value& object, const Latency& latency) {

@@ -52,6 +52,10 @@ class Output {
   std::function<void()> onFailed_;
 };
 
+// Whether nobody reads standard output any more, which a pipe tells without being written to. Waits
+// that long for it, or until a signal comes.
+bool IsOutputClosed(int milliseconds);
+
 // One line on standard error.
 void ComplainLine(const std::string& text);
 

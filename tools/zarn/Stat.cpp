@@ -1,6 +1,5 @@
 // Stat.cpp - zarn stat: what the streams of processes have done.
 #include <fmt/format.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -210,11 +209,13 @@ int RunStat(const StatOptions& options) {
   Output output(options.json);
   int code = ShowOnce(options, output);
   const int pause = static_cast<int>(std::ceil(options.watch * 1000));
-  while (pause != 0 && code != kUnreachable && !IsInterrupted()) {
-    if (::poll(nullptr, 0, pause) != 0) break;  // a signal
+  while (pause != 0 && code != kUnreachable && output.Flush() && !IsInterrupted()) {
+    if (IsOutputClosed(pause)) return kFailed;
+    if (IsInterrupted()) break;
     output.Text("");
     code = ShowOnce(options, output);
   }
+  if (!output.Flush()) return kFailed;
   if (!IsInterrupted() || code == kDone) return code;
   if (pause != 0) return kDone;
   Complain("interrupted");
