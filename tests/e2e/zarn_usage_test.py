@@ -37,6 +37,12 @@ class Usage(ToolTest):
     def test_version_is_three_numbers(self):
         self.assertRegex(self.run_tool("--version").stdout, r"^zarn \d+\.\d+\.\d+\n$")
 
+    def test_help_and_version_that_cannot_be_written_are_failures(self):
+        for arguments in (["--help"], ["--version"], ["ping", "--help"], ["db", "s.db", "get", "--help"]):
+            result = self.run_without(">/dev/full", *arguments)
+            self.assertEqual((result.returncode, result.stderr),
+                             (1, "zarn: standard output: No space left on device\n"), arguments)
+
     def test_nothing_and_nonsense_are_wrong_usage(self):
         self.assert_wrong_usage()
         self.assert_wrong_usage("nonsense")

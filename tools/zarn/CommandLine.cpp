@@ -3,9 +3,11 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <sstream>
 #include <vector>
 
 #include "Link.h"
+#include "Output.h"
 
 namespace zarn::tool {
 
@@ -59,6 +61,17 @@ void AddClientSecurity(CLI::App& command, Endpoint& endpoint) {
   command.parse_complete_callback([&endpoint, options] { RefuseUnlessSecured(endpoint, options); });
 }
 
+// Prints the help or the version that was asked for, or what is wrong.
+int Explain(const CLI::App& app, const CLI::ParseError& error) {
+  std::ostringstream asked;
+  if (app.exit(error, asked) != 0) return kUsage;
+  std::string text = asked.str();
+  text.pop_back();  // the output ends the line
+  Output output(false);
+  output.Text("{}", text);
+  return output.Flush() ? kDone : kFailed;
+}
+
 }  // namespace
 
 int RunCommandLine(int argc, char** argv) {
@@ -89,7 +102,7 @@ int RunCommandLine(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    return Explain(app, error);
   }
   return action();
 }
