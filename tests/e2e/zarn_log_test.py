@@ -326,6 +326,14 @@ class Terminal(LogTest):
         path = self.write("a.log", line(0, text="\x1b[2J\u009b2J"))
         self.assertIn("| \\x1b[2J\\xc2\\x9b2J\n", self.on_terminal(path))
 
+    def test_what_is_not_printable_does_not_reach_it(self):
+        path = self.root / "b.log"
+        for raw, shown in ((b"\x9b2J", "\\x9b2J"), ("\u202eabc".encode(), "\\xe2\\x80\\xaeabc"),
+                           ("a\u200fb".encode(), "a\\xe2\\x80\\x8fb"), (b"caf\xe9", "caf\\xe9"),
+                           ("a\\\tb \u20ac \u015b \u00e9".encode(), "a\\\tb \u20ac \u015b \u00e9")):
+            path.write_bytes(line(0, text="").rstrip("\n").encode() + raw + b"\n")
+            self.assertTrue(self.on_terminal(str(path)).endswith(f"| {shown}\n"), raw)
+
 
 class Follow(LogTest):
     def follow(self, *arguments):

@@ -47,6 +47,14 @@ class Serve(ToolTest):
         self.assertEqual(server.end(signal.SIGTERM), 0)
         self.assertEqual(server.line_with("clients 1"), "clients 1, messages 1, payload 13 bytes, dropped 0")
 
+    def test_characters_that_change_the_direction_of_text_are_escaped(self):
+        server = self.start("serve", self.url)
+        server.line_with("listening")
+        payload = "\u061c\u200d\u200e\u200f\u2010\u202a\u202e\u2066\u2069\u206a"
+        self.run_tool("send", self.url, "--data", payload)
+        self.assertIn('"\\xd8\\x9c\u200d\\xe2\\x80\\x8e\\xe2\\x80\\x8f\u2010\\xe2\\x80\\xaa\\xe2\\x80\\xae'
+                      '\\xe2\\x81\\xa6\\xe2\\x81\\xa9\u206a"', server.line_with("type="))
+
     def test_long_messages_are_cut_unless_in_full(self):
         for options, length in (((), 80), (("--full",), 5000)):
             server = self.serve(*options, url=f"{self.scheme}://1_{length}")

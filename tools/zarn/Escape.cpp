@@ -10,6 +10,12 @@ namespace zarn::tool {
 
 namespace {
 
+// One of the characters that Unicode calls Bidi_Control.
+bool ChangesDirection(unsigned code) {
+  return code == 0x061c || code == 0x200e || code == 0x200f || (code >= 0x202a && code <= 0x202e) ||
+         (code >= 0x2066 && code <= 0x2069);
+}
+
 // The length of the printable UTF-8 character at the start of `bytes`; 0 when there is none.
 std::size_t PrintableLength(std::string_view bytes) {
   const auto at = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
@@ -24,10 +30,9 @@ std::size_t PrintableLength(std::string_view bytes) {
   }
   constexpr unsigned kLeast[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control codes
   const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-  const bool direction = (code >= 0x202a && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
   const bool lineEnd = code == 0x2028 || code == 0x2029;
-  if (code < kLeast[length] || code > 0x10ffff || surrogate || direction || lineEnd) return 0;
-  return length;
+  if (code < kLeast[length] || code > 0x10ffff || surrogate || lineEnd) return 0;
+  return ChangesDirection(code) ? 0 : length;
 }
 
 bool IsPlain(char byte) { return byte >= 0x20 && byte < 0x7f && byte != '\\'; }
@@ -46,6 +51,12 @@ std::string EscapeByte(char byte) {
 }
 
 }  // namespace
+
+bool IsPrintable(std::string_view line) {
+  for (std::size_t length = 1; !line.empty() && length != 0; line.remove_prefix(length))
+    length = line[0] == '\t' ? 1 : PrintableLength(line);
+  return line.empty();
+}
 
 std::string Escape(std::string_view bytes) {
   std::string text;

@@ -37,13 +37,6 @@ bool WantsColours() {
          (terminal == nullptr || std::string_view(terminal) != "dumb");
 }
 
-bool HasControlBytes(std::string_view text) {
-  return std::any_of(text.begin(), text.end(), [](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte < 0x20 && c != '\t') || byte == 0x7f || byte == 0xc2;  // 0xc2: of U+0080 to U+009F
-  });
-}
-
 std::string ShortName(const std::string& path) {
   return std::filesystem::path(path).filename().replace_extension().string();
 }
@@ -82,14 +75,14 @@ void LogPrinter::Print(const std::string& path, const LogRecord& record) {
   if (output_.IsJson()) return PrintObject(path, record);
   const auto prefix = prefixes_.find(path);
   const std::string_view name = prefix != prefixes_.end() ? prefix->second : std::string_view();
-  if (colours_ && record.inFormat && !HasControlBytes(record.text))
-    return output_.Text("{}{}", name, Decorate(record));
+  const bool plain = !terminal_ || IsPrintable(record.text);
+  if (colours_ && record.inFormat && plain) return output_.Text("{}{}", name, Decorate(record));
   const std::string mark = Coloured(kNotInFormat, colours_ ? kMagenta : std::string_view());
   const std::string_view shownMark = record.inFormat ? std::string_view() : mark;
-  if (terminal_ && HasControlBytes(record.text))
-    output_.Text("{}{}{}", name, shownMark, Escape(record.text));
-  else
+  if (plain)
     output_.Text("{}{}{}", name, shownMark, record.text);
+  else
+    output_.Text("{}{}{}", name, shownMark, Escape(record.text));
 }
 
 std::string LogPrinter::Decorate(const LogRecord& record) const {

@@ -13,8 +13,8 @@ namespace zarn::tool {
 
 class LogPrinter {
  public:
-  // `names`: show which file a line is from. On a terminal control bytes are escaped, and there are
-  // colours unless the environment has NO_COLOR.
+  // `names`: show which file a line is from. On a terminal lines that are not printable are
+  // escaped, and there are colours unless the environment has NO_COLOR.
   LogPrinter(Output& output, bool names);
 
   void SetPaths(const std::vector<std::string>& paths);  // of all files that there are
