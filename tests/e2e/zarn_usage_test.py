@@ -67,6 +67,26 @@ class Usage(ToolTest):
         self.assert_wrong_usage("bench", "ipc://1_2", "--window", "0")
         self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--tag", "4294967296")
 
+    def test_numbers_are_decimal_and_none_is_cut(self):
+        huge = "99999999999999999999999"
+        for arguments in (("ping", "-c", huge), ("ping", "-c", "18446744073709551616"), ("ping", "-c", ""),
+                          ("ping", "-c", "0x10"), ("ping", "-c", "+1"), ("ping", "-c", "1 "),
+                          ("ping", "--type", huge), ("ping", "-s", ""), ("ping", "--spin", "0x1"),
+                          ("ping", "--timeout", "0x1"), ("ping", "--timeout", " 1"), ("ping", "-i", ""),
+                          ("serve", "--max-queue", huge), ("serve", "--max-queue", "-1"),
+                          ("send", "--data", "x", "--replies", huge), ("send", "--data", "x", "--tag", ""),
+                          ("bench", "--sizes", "64,0x40"), ("bench", "--window", huge)):
+            with self.subTest(arguments):
+                result = self.run_tool(arguments[0], "ipc://1_2", *arguments[1:])
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertRegex(result.stderr, f"^-.*: '{re.escape(arguments[-1])}' is not a number"
+                                 "|^--sizes: '0x40' is not a number")
+        self.serve("--echo", "--max-queue", "18446744073709551615")
+        self.assertEqual(self.run_events("ping", "ipc://1_2", "-c", "010", "-i", "0")[-1]["sent"], 10)
+        sizes = [event["size"] for event in self.run_events(
+            "bench", "ipc://1_2", "--sizes", "010,0064", "--seconds", "00.01") if event["event"] == "result"]
+        self.assertEqual(sizes, [10, 64])
+
     def test_an_empty_value_is_wrong_usage_where_it_would_be_as_if_not_given(self):
         rest = ("rest", "http://127.0.0.1:1/zarn/tcpchannel")
         for name, *arguments in (("--file", "send", "ipc://1_2"), ("--level", "log"), ("--function", "log"),

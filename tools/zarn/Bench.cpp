@@ -220,24 +220,18 @@ void AddBench(CLI::App& app, Action& action) {
       "bench",
       "round trips and throughput over sizes, against a peer as zarn serve --echo --quiet");
   AddClientOptions(command, options->client);
-  command.add_option("--sizes", options->sizes, "bytes in each message, separated by commas")
-      ->delimiter(',')
-      ->check(CLI::Range(0, 65523))
-      ->type_name("BYTES")
-      ->capture_default_str();
+  AddNumber(command, "--sizes", options->sizes, 0, 65523,
+            "bytes in each message, separated by commas")
+      .delimiter(',')
+      ->type_name("BYTES");
   AddSeconds(command, "--seconds", options->seconds, 0.001, 3600,
              "length of each of the two measurements for a size");
-  command.add_option("--window", options->window, "messages under way at once, for throughput")
-      ->check(CLI::Range(1, 65536))
-      ->type_name("N")
-      ->capture_default_str();
-  command.add_option("--spin", options->spin, "look for an answer that long before sleeping")
-      ->check(CLI::Range(0, 1000000))
-      ->type_name("US")
-      ->capture_default_str();
-  command.add_option("--type", options->type, "type of the messages, 0 to 65535")
-      ->type_name("N")
-      ->capture_default_str();
+  AddNumber(command, "--window", options->window, 1, 65536,
+            "messages under way at once, for throughput");
+  AddNumber(command, "--spin", options->spin, 0, 1000000,
+            "look for an answer that long before sleeping")
+      .type_name("US");
+  AddNumber(command, "--type", options->type, 0, 65535, "type of the messages");
   SetExamples(command, "  zarn bench ipc://1_2 --sizes 64,1024,65523 --seconds 2");
   command.callback([options, &action] { action = [options] { return Bench(*options).Run(); }; });
 }

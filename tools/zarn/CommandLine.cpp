@@ -2,6 +2,7 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <csignal>
 #include <sstream>
 #include <vector>
@@ -59,6 +60,14 @@ void AddClientSecurity(CLI::App& command, Endpoint& endpoint) {
           ->type_name("NAME")
           ->group(kTlsOptions));
   command.parse_complete_callback([&endpoint, options] { RefuseUnlessSecured(endpoint, options); });
+}
+
+// Decimal, and nothing else.
+template <class Number>
+bool ParseAll(const std::string& text, Number& number) {
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number);
+  return result.ec == std::errc() && result.ptr == end;
 }
 
 // Prints the help or the version that was asked for, or what is wrong.
@@ -162,13 +171,24 @@ CLI::Validator IsNotEmpty() {
           ""};
 }
 
+CLI::Validator IsNumber(std::uint64_t least, std::uint64_t most) {
+  return {[least, most](std::string& text) {
+            std::uint64_t number = 0;
+            if (!ParseAll(text, number) || number < least || number > most)
+              return fmt::format("'{}' is not a number from {} to {}", text, least, most);
+            text = std::to_string(number);  // zeros before it would make it octal
+            return std::string();
+          },
+          most == kUnlimited ? "" : fmt::format("INT in [{} - {}]", least, most)};
+}
+
 void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
                 double most, const std::string& description) {
   command.add_option(name, value, description)
       ->check(CLI::Validator(
           [least, most](const std::string& text) {
             double seconds = 0;
-            const bool good = CLI::detail::lexical_cast(text, seconds) && seconds >= least &&
+            const bool good = ParseAll(text, seconds) && seconds >= least &&
                               seconds <= most;  // false for NaN too
             return good ? std::string() : "'" + text + "' is not a number of seconds in range";
           },

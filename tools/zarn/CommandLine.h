@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/App.hpp>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -39,6 +40,18 @@ void AddJson(CLI::App& command, bool& json);
 // For a value that would otherwise be as if it had not been given, such as that of a shell variable
 // that is not set.
 CLI::Validator IsNotEmpty();
+// Whole numbers, decimal also with zeros before them.
+constexpr std::uint64_t kUnlimited = UINT64_MAX;
+CLI::Validator IsNumber(std::uint64_t least, std::uint64_t most);
+// `value` is a number, or a vector of them.
+template <class Value>
+CLI::Option& AddNumber(CLI::App& command, const std::string& name, Value& value,
+                       std::uint64_t least, std::uint64_t most, const std::string& description) {
+  return *command.add_option(name, value, description)
+              ->transform(IsNumber(least, most))
+              ->type_name("N")
+              ->capture_default_str();
+}
 void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
                 double most, const std::string& description);
 void SetExamples(CLI::App& command, const std::string& examples);

@@ -282,23 +282,17 @@ void AddPing(CLI::App& app, Action& action) {
   CLI::App& command = *app.add_subcommand(
       "ping", "measure round trips to a peer that sends everything back, as zarn serve --echo");
   AddClientOptions(command, options->client);
-  command.add_option("-c,--count", options->count, "send that many; 0 until interrupted")
-      ->type_name("N")
-      ->capture_default_str();
-  command.add_option("-s,--size", options->size, "bytes in each message")
-      ->check(CLI::Range(0, 65523))
-      ->type_name("BYTES")
-      ->capture_default_str();
+  AddNumber(command, "-c,--count", options->count, 0, kUnlimited,
+            "send that many; 0 until interrupted");
+  AddNumber(command, "-s,--size", options->size, 0, 65523, "bytes in each message")
+      .type_name("BYTES");
   AddSeconds(command, "-i,--interval", options->interval, 0, 86400,
              "time from one message to the next; 0: the next follows the answer at once, and one "
              "line a second tells how it goes");
-  command.add_option("--spin", options->spin, "look for an answer that long before sleeping")
-      ->check(CLI::Range(0, 1000000))
-      ->type_name("US")
-      ->capture_default_str();
-  command.add_option("--type", options->type, "type of the messages, 0 to 65535")
-      ->type_name("N")
-      ->capture_default_str();
+  AddNumber(command, "--spin", options->spin, 0, 1000000,
+            "look for an answer that long before sleeping")
+      .type_name("US");
+  AddNumber(command, "--type", options->type, 0, 65535, "type of the messages");
   command.add_flag("-q,--quiet", options->quiet, "print the summary only");
   SetExamples(command, "  zarn ping ipc://1_2 -c 10 -i 0.2 -s 1024");
   command.callback([options, &action] { action = [options] { return Ping(*options).Run(); }; });

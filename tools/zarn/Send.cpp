@@ -210,12 +210,8 @@ void AddSend(CLI::App& app, Action& action) {
   auto options = std::make_shared<SendOptions>();
   CLI::App& command = *app.add_subcommand("send", "send messages and print the answers");
   AddClientOptions(command, options->client);
-  command.add_option("--type", options->type, "type of the messages, 0 to 65535")
-      ->type_name("N")
-      ->capture_default_str();
-  command.add_option("--tag", options->tag, "tag of the messages, 32 bits")
-      ->type_name("N")
-      ->capture_default_str();
+  AddNumber(command, "--type", options->type, 0, 65535, "type of the messages");
+  AddNumber(command, "--tag", options->tag, 0, 4294967295, "tag of the messages");
   CLI::Option_group& content = *command.add_option_group("content", "exactly one of these");
   auto* data = content.add_option("--data", options->data, "send this text")->type_name("TEXT");
   auto* file = content.add_option("--file", options->file, "send what the file holds")
@@ -224,9 +220,8 @@ void AddSend(CLI::App& app, Action& action) {
   content.add_option("lines", options->lines, "'-': send each line of standard input as a message")
       ->check(CLI::IsMember({"-"}));
   content.require_option(1);
-  command.add_option("--replies", options->replies, "wait for that many answers and print them")
-      ->type_name("N")
-      ->capture_default_str();
+  AddNumber(command, "--replies", options->replies, 0, kUnlimited,
+            "wait for that many answers and print them");
   command.add_flag("--full", options->full, "print long answers in full");
   SetExamples(command,
               "  zarn send ipc://1_2 --type 7 --data hello --replies 1\n"

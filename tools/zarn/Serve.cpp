@@ -204,11 +204,9 @@ void AddServe(CLI::App& app, Action& action) {
   AddUrl(command, options->endpoint);
   AddServerSecurity(command, options->endpoint);
   command.add_flag("--echo", options->echo, "send each message back to its sender");
-  command
-      .add_option("--max-queue", options->maxQueue,
-                  "with --echo: drop a client for which more than that waits")
-      ->type_name("BYTES")
-      ->capture_default_str();
+  AddNumber(command, "--max-queue", options->maxQueue, 0, kUnlimited,
+            "with --echo: drop a client for which more than that waits")
+      .type_name("BYTES");
   command.add_flag("--full", options->full, "print long messages in full");
   command.add_flag("-q,--quiet", options->quiet, "print the summary only");
   AddJson(command, options->json);
