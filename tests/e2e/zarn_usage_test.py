@@ -106,6 +106,20 @@ class Usage(ToolTest):
             self.assertTrue(result.stderr.startswith(f"{name}: must not be empty\n"), result.stderr)
         self.assertEqual(os.listdir(self.root), ["system"], "nothing was made")
 
+    def test_what_follows_an_option_without_its_value_is_not_taken_for_it(self):
+        self.assertEqual(self.run_tool("kv", "s", "put", "k", "--file=v", cwd=self.root).returncode, 1)
+        self.assertEqual(self.run_tool("kv", "s", "put", "k", "v", cwd=self.root).returncode, 0)
+        for option, *arguments in (("--file", "kv", "s", "get", "k", "--file=", "--hex"),
+                                   ("--data", "send", "ipc://1_2", "--data=", "--json"),
+                                   ("--setting", "rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x",
+                                    "--setting=", "--json")):
+            result = self.run_tool(*arguments, cwd=self.root)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
+            self.assertTrue(result.stderr.startswith(f"{option}: has no value after '='\n"), result.stderr)
+        self.assertEqual(sorted(os.listdir(self.root)), ["s", "system"])
+        self.assertEqual(self.run_tool("kv", "s", "put", "--", "KEY=", "--file=", cwd=self.root).returncode, 0)
+        self.assertEqual(self.run_tool("kv", "s", "get", "KEY=", cwd=self.root).stdout, "--file=\n")
+
     def test_send_wants_exactly_one_content(self):
         self.assert_wrong_usage("send", "ipc://1_2")
         self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--file", "y")

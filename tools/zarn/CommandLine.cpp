@@ -70,6 +70,19 @@ bool ParseAll(const std::string& text, Number& number) {
   return result.ec == std::errc() && result.ptr == end;
 }
 
+// After "--file=" the parser takes the next argument for the value.
+void RefuseCutOptions(const CLI::App& command, int argc, char** argv) {
+  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+    std::string name = argv[i];
+    if (!name.starts_with("--") || !name.ends_with('=')) continue;
+    name.pop_back();
+    if (command.get_option_no_throw(name) != nullptr)
+      throw CLI::ValidationError(name, "has no value after '='");
+  }
+  for (const CLI::App* subcommand : command.get_subcommands())
+    RefuseCutOptions(*subcommand, argc, argv);
+}
+
 // Prints the help or the version that was asked for, or what is wrong.
 int Explain(const CLI::App& app, const CLI::ParseError& error) {
   std::ostringstream asked;
@@ -110,6 +123,7 @@ int RunCommandLine(int argc, char** argv) {
   AddRest(app, action);
   try {
     app.parse(argc, argv);
+    RefuseCutOptions(app, argc, argv);
   } catch (const CLI::ParseError& error) {
     return Explain(app, error);
   }
