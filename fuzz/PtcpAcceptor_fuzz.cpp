@@ -3,6 +3,7 @@
 // times what came from there.
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
@@ -141,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       answers.push_back(std::move(answer));
     }
     Check(mayBeProved != 0 || out <= 3 * in);
-    Check(acceptor->TEST_HalfOpen() <= kMostHalfOpen + mayBeProved);
+    Check(acceptor->TEST_HalfOpen() <= kMostHalfOpen + std::min(mayBeProved, kMostHalfOpen));
   }
   acceptor->StopListen();
   acceptor = nullptr;

@@ -2,6 +2,7 @@
 // Real loopback sockets; clients that stop half-way are played by the test.
 #include <array>
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,13 +25,18 @@ constexpr std::uint8_t kRetry = 0x30;
 // A client that sends when the test says so.
 class SlowClient {
  public:
-  SlowClient(std::uint64_t seed, const CAWInetAddr& acceptor)
+  SlowClient(std::uint64_t seed, const CAWInetAddr& acceptor, const char* host = "127.0.0.1")
       : path_{acceptor, {}}, random_(seed), host_(random_), connection(host_) {
-    EXPECT_EQ(socket_.Open(nullptr, &acceptor), 0);
-    host_.output = [this](Bytes datagram) { EXPECT_EQ(socket_.Write(path_, datagram, 0), 0); };
+    const CAWInetAddr local(host, 0);
+    EXPECT_EQ(socket_.Open(&local, &acceptor), 0);
+    host_.output = [this](Bytes datagram) {
+      last_.assign(datagram.begin(), datagram.end());
+      SendAgain();
+    };
     EXPECT_TRUE(connection.Connect(Now()));
   }
   void Send() { connection.Flush(Now()); }
+  void SendAgain() { EXPECT_EQ(socket_.Write(path_, last_, 0), 0); }  // the last datagram
   // What the acceptor has sent until now; the connection is given it.
   std::vector<Datagram> Receive() {
     std::vector<Datagram> all;
@@ -47,6 +53,8 @@ class SlowClient {
     }
     return all;
   }
+  // Is sent away, and comes back with the token.
+  void ProveAddress();
   // The first that comes.
   Datagram Await() {
     std::vector<Datagram> all;
@@ -59,6 +67,7 @@ class SlowClient {
   UdpSocket socket_;
   Generator random_;
   SimulatedHost host_;
+  Datagram last_;
 
  public:
   PtcpConnection connection;
@@ -69,13 +78,34 @@ bool IsRetry(const Datagram& datagram) {
          (datagram[0] & kTypeBits) == kRetry;
 }
 
+void SlowClient::ProveAddress() {
+  Send();
+  EXPECT_TRUE(IsRetry(Await()));
+  Send();
+}
+
 class PtcpAcceptorTest : public RealPtcp {
  protected:
+  // One newcomer is half open from here on, so that others must prove their addresses.
+  void ListenWithFullBacklog() {
+    ASSERT_EQ(acceptor->StartListen(&accepted, Loopback(), 1), AW_OK);
+    address = acceptor->GetLocalAddr();
+    unproved = std::make_unique<SlowClient>(100, address);
+    unproved->Send();
+    EXPECT_FALSE(IsRetry(unproved->Await()));
+  }
+  void Finish(SlowClient& one) {
+    const int before = accepted.indications;
+    one.Send();
+    EXPECT_TRUE(WaitFor([&] { return accepted.indications > before; }));
+  }
   CAWAutoPtr<IAWPseudoTCPAcceptor> MakeAcceptor() {
     CAWAutoPtr<IAWPseudoTCPAcceptor> made;
     EXPECT_EQ(CAWPseudoTCPManager::Instance()->CreateAcceptor(made), AW_OK);
     return made;
   }
+
+  std::unique_ptr<SlowClient> unproved;
 };
 
 TEST_F(PtcpAcceptorTest, PortZeroIsAFreeOneAndIsTold) {
@@ -117,6 +147,43 @@ TEST_F(PtcpAcceptorTest, WhoComesWhenTheBacklogIsFullProvesItsAddressAndIsAccept
     return accepted.indications == 1;
   }));
   EXPECT_TRUE(late.connection.IsEstablished());
+}
+
+TEST_F(PtcpAcceptorTest, OneAddressCannotTakeAllPlacesByProvingItself) {
+  ListenWithFullBacklog();
+  SlowClient first(10, address);
+  first.ProveAddress();
+  EXPECT_FALSE(first.Await().empty());
+  SlowClient second(11, address);
+  second.ProveAddress();
+  SlowClient elsewhere(12, address, "127.0.0.2");
+  elsewhere.ProveAddress();
+  EXPECT_FALSE(elsewhere.Await().empty());
+  EXPECT_TRUE(second.Receive().empty());  // although it came before
+  Finish(first);
+  second.SendAgain();
+  EXPECT_FALSE(second.Await().empty());
+  Finish(second);
+}
+
+TEST_F(PtcpAcceptorTest, PlacesForProvedAddressesAreBoundedInAll) {
+  ListenWithFullBacklog();
+  std::vector<std::unique_ptr<SlowClient>> holders;
+  for (const char* host : {"127.0.0.2", "127.0.0.3", "127.0.0.4"}) {
+    holders.push_back(std::make_unique<SlowClient>(20 + holders.size(), address, host));
+    holders.back()->ProveAddress();
+    EXPECT_FALSE(holders.back()->Await().empty());
+  }
+  SlowClient late(30, address, "127.0.0.5");
+  late.ProveAddress();
+  SlowClient stranger(31, address, "127.0.0.6");
+  stranger.Send();
+  EXPECT_TRUE(IsRetry(stranger.Await()));
+  EXPECT_TRUE(late.Receive().empty());  // although it came before
+  Finish(*holders.front());
+  late.SendAgain();
+  EXPECT_FALSE(late.Await().empty());
+  Finish(late);
 }
 
 TEST_F(PtcpAcceptorTest, PacketsOfStrangersThatAreNoFirstOnesAreNotAnswered) {

@@ -20,6 +20,12 @@ using keelbase::CAWInetAddr;
 namespace {
 
 constexpr std::size_t kDefaultHalfOpen = 256;
+constexpr std::size_t kProvedFactor = 4;  // so many times the limit when addresses are proved
+
+CAWInetAddr HostOf(CAWInetAddr peer) {
+  peer.SetPort(0);
+  return peer;
+}
 
 std::array<std::uint8_t, 32> Secret() {
   std::array<std::uint8_t, 32> secret;
@@ -81,7 +87,8 @@ void PtcpAcceptor::Stop() {
   sink_ = nullptr;
   port_->Listen(nullptr);
   const auto halfOpen = std::exchange(halfOpen_, {});
-  for (const auto& [engine, owner] : halfOpen) engine->Abort();
+  provedOf_.clear();
+  for (const auto& [engine, place] : halfOpen) engine->Abort();
   port_ = nullptr;
 }
 
@@ -95,9 +102,17 @@ void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram, Time now) {
       return Admit(from, *initial, initial->destination, datagram, now);
     }
     const auto original = tokens_.Check(initial->token, from.peer, initial->destination, now);
-    if (original) Admit(from, *initial, *original, datagram, now);
+    if (original && HasRoomForProved(from)) Admit(from, *initial, *original, datagram, now);
   } catch (const std::bad_alloc&) {
   }
+}
+
+// A token keeps out who only claims an address. Whoever receives can get many, so these are bounded
+// too, and for each host, or one would take all places.
+bool PtcpAcceptor::HasRoomForProved(const Path& from) const {
+  if (halfOpen_.size() >= kProvedFactor * halfOpenLimit_) return false;
+  const auto host = provedOf_.find(HostOf(from.peer));
+  return host == provedOf_.end() || host->second < halfOpenLimit_;
 }
 
 void PtcpAcceptor::AskAgain(const Path& from, const InitialHeader& initial, Time now) {
@@ -113,23 +128,35 @@ void PtcpAcceptor::Admit(const Path& from, const InitialHeader& initial,
                          const ConnectionId& original, Bytes datagram, Time now) {
   const CAWAutoPtr<PtcpEngine> engine(new PtcpEngine(GetLoop(), port_, from));
   PtcpEngine* const key = engine.Get();
-  halfOpen_.emplace(key, engine);
+  const bool proved = !initial.token.empty();
+  halfOpen_.emplace(key, Place{engine, proved});
   bool begun = false;
   try {
+    if (proved) ++provedOf_[HostOf(from.peer)];
     begun = engine->Accept(initial, original, datagram, now,
                            [this, key](int error) { OnHandshake(key, error); });
   } catch (const std::bad_alloc&) {
   }
   if (begun) return;
-  halfOpen_.erase(key);
+  GiveUpPlace(key);
   engine->Abort();
+}
+
+// The host may be missing: there was no memory to count it.
+void PtcpAcceptor::GiveUpPlace(PtcpEngine* engine) {
+  const auto place = halfOpen_.find(engine);
+  if (place->second.proved) {
+    const auto host = provedOf_.find(HostOf(engine->GetPath().peer));
+    if (host != provedOf_.end() && --host->second == 0) provedOf_.erase(host);
+  }
+  halfOpen_.erase(place);
 }
 
 void PtcpAcceptor::OnHandshake(PtcpEngine* engine, int error) {
   const auto alive = Hold();
   if (!alive) return;
   const CAWAutoPtr<PtcpEngine> owner(engine);
-  halfOpen_.erase(engine);
+  GiveUpPlace(engine);
   if (error != 0) return;
   CAWInetAddr local = local_;
   const in_addr known = engine->GetPath().local;

@@ -61,8 +61,9 @@ class PTCP_API IAWPseudoTCPAcceptor : public IAWPseudoTCPAcceptorConnectorId {
   // Listens at `addr`; 0.0.0.0 is every address of the machine, port 0 a free one (GetLocalAddr
   // tells). `backlog`, when above 0, is how many connections may be half open before a newcomer
   // must prove its address, which takes one round trip more and costs the acceptor no memory; else
-  // 256. 0; an errno value (EADDRINUSE, EADDRNOTAVAIL, EACCES, EMFILE …); 10001 for a null sink or
-  // while listening.
+  // 256. With proved addresses as many more of one address may be half open, and four times as many
+  // in all; the packets of who comes beyond that are dropped, and it tries again. 0; an errno value
+  // (EADDRINUSE, EADDRNOTAVAIL, EACCES, EMFILE …); 10001 for a null sink or while listening.
   virtual keelbase::AWResult StartListen(IAWPseudoTCPAcceptorConnectorSink* sink,
                                          const keelbase::CAWInetAddr& addr, int backlog) = 0;
 
