@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "SealedPackets.h"
 #include "SimulatedPath.h"
@@ -88,6 +91,87 @@ TEST_F(PtcpHostileClient, ChangesOfTheKeyPhaseDoNoHarm) {
     pair.StepUntil([] { return false; }, kSecond);
   }
   SUCCEED();
+}
+
+// Takes the server's packets itself and acknowledges each but those that bear the byte of `hole`,
+// after it has granted the server more than it can ever send.
+class PtcpHostileReceiver : public PtcpHostileClient {
+ protected:
+  static constexpr std::size_t kQueue = std::size_t{4} << 20;
+
+  void SetUp() override {
+    PtcpHostileClient::SetUp();
+    pair.serverHost.output = [this](Bytes packet) { OnPacket(packet); };
+    Send({0x0a, 0, 1, 1});                                            // opens the stream
+    Send({0x10, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});     // MAX_DATA
+    Send({0x11, 0, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff});  // MAX_STREAM_DATA
+  }
+  // As SendData does: a full queue takes no more.
+  void Offer() {
+    static const std::string piece(65536, 'd');
+    while (offered < toOffer && pair.server->Unsent() < kQueue) {
+      if (offered == hole) {
+        pair.server->Send("HH", 2);
+        offered += 2;
+      }
+      pair.server->Send(piece.data(), piece.size());
+      offered += piece.size();
+    }
+  }
+  void Round() {
+    Offer();
+    pair.now += kMillisecond / 2;
+    pair.server->OnTimer(pair.now);
+    pair.server->Flush(pair.now);
+    for (const std::uint64_t packet : std::exchange(toAcknowledge, {})) {
+      Datagram frame = {0x02};
+      for (int shift = 56; shift >= 0; shift -= 8)
+        frame.push_back(static_cast<std::uint8_t>((shift == 56 ? 0xc0U : 0U) | packet >> shift));
+      Append(frame, Datagram{0, 0, 0});
+      Send(frame);
+    }
+  }
+  // Packets carry the end of their numbers, which only grow.
+  void OnPacket(Bytes packet) {
+    const std::size_t begin = 1 + kLocalIdSize;
+    const std::size_t length = (packet[0] & 3U) + 1;
+    std::uint64_t packetNumber = 0;
+    for (const std::uint8_t byte : packet.subspan(begin, length))
+      packetNumber = packetNumber << 8 | byte;
+    const std::uint64_t step = std::uint64_t{1} << 8 * length;
+    packetNumber |= largest & ~(step - 1);
+    if (packetNumber <= largest) packetNumber += step;
+    largest = packetNumber;
+    const std::string_view text(reinterpret_cast<const char*>(packet.data()), packet.size());
+    const bool isHole = text.find("dH") != text.npos || text.find("Hd") != text.npos;
+    if (!isHole || !leavesHole) toAcknowledge.push_back(packetNumber);
+  }
+
+  std::size_t offered = 0;
+  std::size_t toOffer = 0;
+  std::size_t hole = 0;
+  bool leavesHole = true;
+  std::uint64_t largest = 0;
+  std::vector<std::uint64_t> toAcknowledge;
+};
+
+TEST_F(PtcpHostileReceiver, HoleInItsAcknowledgementsDoesNotMakeUsKeepAllThatIsSent) {
+  constexpr std::size_t kMostKept = std::size_t{16} << 20;
+  hole = 65536;
+  toOffer = 65536 * 512;
+  const auto& server = *pair.server;
+  const auto isFull = [&] { return server.Unacknowledged() - server.Unsent() >= kMostKept; };
+  for (int rounds = 0; rounds < 30000 && !isFull(); ++rounds) Round();
+  for (int rounds = 0; rounds < 1000; ++rounds) Round();
+  ASSERT_FALSE(server.IsDead());
+  EXPECT_GE(server.Unsent(), kQueue);
+  EXPECT_LE(server.Unacknowledged(), kMostKept + kQueue + 3 * 65536);
+  EXPECT_LT(offered, toOffer);
+  leavesHole = false;
+  for (int rounds = 0; rounds < 30000 && !server.IsAllAcknowledged(); ++rounds) Round();
+  EXPECT_FALSE(server.IsDead());
+  EXPECT_GE(offered, toOffer);
+  EXPECT_TRUE(server.IsAllAcknowledged());
 }
 
 // Once this left a timer that was due for ever.

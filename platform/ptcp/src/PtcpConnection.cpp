@@ -25,6 +25,9 @@ using ngtcp2::ToCid;
 namespace {
 
 constexpr std::size_t kWindow = std::size_t{8} << 20;
+// What is sent may lie behind a byte that is not acknowledged. A peer of ours grants one window
+// from what it has read on, and its acknowledgements may be behind that by no more than another.
+constexpr std::size_t kMostUnacknowledged = 2 * kWindow;
 constexpr ngtcp2_duration kIdleLimit = 10 * NGTCP2_SECONDS;
 constexpr ngtcp2_duration kHandshakeLimit = 10 * NGTCP2_SECONDS;
 
@@ -264,7 +267,8 @@ bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) 
   std::size_t count = 0;
   std::int64_t stream = -1;
   std::uint32_t flags = NGTCP2_WRITE_STREAM_FLAG_NONE;
-  const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_ && total < room;
+  const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_ && total < room &&
+                        sent_ - out_.Begin() < kMostUnacknowledged;
   if (mayWrite && (Unsent() != 0 || finishing_)) {
     stream = stream_;
     for (std::uint64_t at = sent_; at != out_.End() && count < pieces.size(); ++count) {

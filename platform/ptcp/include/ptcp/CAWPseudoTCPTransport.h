@@ -47,12 +47,13 @@ inline constexpr int AW_OPT_UNACKNOWLEDGED = 132;
 
 // One connection: a reliable, ordered stream of bytes each way over UDP (IPv4).
 //
-// What is sent is kept until the peer has acknowledged it; 8 MiB each way may be on the way or wait
-// for a receiver that does not read. An idle connection asks for a sign of life every three
-// seconds; a peer from which nothing comes for ten is given up (ETIMEDOUT). Each packet bears a
-// keyed tag that keeps out strangers and accidents. It does not keep out somebody who sees the
-// packets, and nothing is encrypted: use TLS on top where that matters. The addresses of a
-// connection are those it began with.
+// What is sent is kept until the peer has acknowledged it and all before it; 8 MiB each way may be
+// on the way or wait for a receiver that does not read. A peer that grants more and leaves out an
+// acknowledgement makes a sender keep 16 MiB, then nothing new is sent until it comes. An idle
+// connection asks for a sign of life every three seconds; a peer from which nothing comes for ten
+// is given up (ETIMEDOUT). Each packet bears a keyed tag that keeps out strangers and accidents. It
+// does not keep out somebody who sees the packets, and nothing is encrypted: use TLS on top where
+// that matters. The addresses of a connection are those it began with.
 //
 // Threads: all operations are called on the thread of the connector or acceptor that made it, but
 // for AddReference and ReleaseReference, which any thread may call. Ownership: counted
