@@ -33,6 +33,14 @@ bool IsInside(const keelbase::CAWInetAddr& peer) {
 
 constexpr std::size_t kGathered = 64 * 1024;  // from here on it is sent before the turn's end
 
+// The chain may be all that somebody has waiting, offered again and again: it is not walked further
+// than need be.
+bool HasBytes(const CAWMessageBlock& chain) {
+  const CAWMessageBlock* block = &chain;
+  while (block != nullptr && block->GetLength() == 0) block = block->GetNext();
+  return block != nullptr;
+}
+
 }  // namespace
 
 PtcpEngine::PtcpEngine(keelbase::internal::EventLoop& loop, const CAWAutoPtr<UdpPort>& port,
@@ -251,14 +259,14 @@ AWResult PtcpEngine::Send(CAWMessageBlock& chain) {
   if (connection_.IsDead() && connection_.Reason() != 0)
     return static_cast<AWResult>(connection_.Reason());
   if (state_ == State::ended || connection_.IsDead()) return AW_ERROR_FAILURE;
-  const std::size_t length = chain.GetChainedLength();
-  if (length == 0) return AW_OK;
+  if (!HasBytes(chain)) return AW_OK;
   if (connection_.Unsent() >= queueLimit_) {
     ++counters_.partialSends;
     roomWanted_ = true;
     WantTurnEnd();
     return AW_ERROR_PARTIAL_DATA;
   }
+  const std::size_t length = chain.GetChainedLength();
   try {
     CopyIn(chain, length);
   } catch (const std::bad_alloc&) {
