@@ -25,8 +25,8 @@ class PtcpHostileClient : public ::testing::Test {
     ASSERT_TRUE(pair.Establish());
     pair.StepUntil([] { return false; }, 2 * kSecond);
   }
-  void Send(const Datagram& frames) {
-    pair.ToServer(SealShort(id, ++number, frames, pair.client->TEST_Handshake().SendKey()));
+  void Send(const Datagram& frames, std::uint8_t phase = 0) {
+    pair.ToServer(SealShort(id, ++number, frames, pair.client->TEST_Handshake().SendKey(), phase));
   }
   void ExpectRefused() {
     pair.server->Flush(pair.now);
@@ -82,22 +82,12 @@ TEST_F(PtcpHostileClient, ShakingHandsAgainIsRefused) {
   ExpectRefused();
 }
 
-TEST_F(PtcpHostileClient, ChangesOfTheKeyPhaseDoNoHarm) {
-  for (std::uint8_t i = 0; i < 20; ++i) {
-    const std::uint8_t phase = i % 2 == 0 ? 0x04 : 0;
-    pair.ToServer(SealShort(id, ++number, Datagram{0x01, 0, 0, 0},
-                            pair.client->TEST_Handshake().SendKey(), phase));
-    pair.server->Flush(pair.now);
-    pair.StepUntil([] { return false; }, kSecond);
-  }
-  SUCCEED();
-}
-
-// Takes the server's packets itself and acknowledges each but those that bear the byte of `hole`,
-// after it has granted the server more than it can ever send.
+// Takes the server's packets itself. It acknowledges them when the test says so, but for those that
+// bear what lies at `hole`, and has granted the server more than it can ever send.
 class PtcpHostileReceiver : public PtcpHostileClient {
  protected:
   static constexpr std::size_t kQueue = std::size_t{4} << 20;
+  static constexpr std::uint8_t kPhase = 0x04;
 
   void SetUp() override {
     PtcpHostileClient::SetUp();
@@ -123,16 +113,20 @@ class PtcpHostileReceiver : public PtcpHostileClient {
     pair.now += kMillisecond / 2;
     pair.server->OnTimer(pair.now);
     pair.server->Flush(pair.now);
+    Acknowledge();
+  }
+  void Acknowledge(std::uint8_t phase = 0) {
     for (const std::uint64_t packet : std::exchange(toAcknowledge, {})) {
       Datagram frame = {0x02};
       for (int shift = 56; shift >= 0; shift -= 8)
         frame.push_back(static_cast<std::uint8_t>((shift == 56 ? 0xc0U : 0U) | packet >> shift));
       Append(frame, Datagram{0, 0, 0});
-      Send(frame);
+      Send(frame, phase);
     }
   }
   // Packets carry the end of their numbers, which only grow.
   void OnPacket(Bytes packet) {
+    phaseOfServer = packet[0] & kPhase;
     const std::size_t begin = 1 + kLocalIdSize;
     const std::size_t length = (packet[0] & 3U) + 1;
     std::uint64_t packetNumber = 0;
@@ -152,6 +146,7 @@ class PtcpHostileReceiver : public PtcpHostileClient {
   std::size_t hole = 0;
   bool leavesHole = true;
   std::uint64_t largest = 0;
+  std::uint8_t phaseOfServer = 0;
   std::vector<std::uint64_t> toAcknowledge;
 };
 
@@ -172,6 +167,42 @@ TEST_F(PtcpHostileReceiver, HoleInItsAcknowledgementsDoesNotMakeUsKeepAllThatIsS
   EXPECT_FALSE(server.IsDead());
   EXPECT_GE(offered, toOffer);
   EXPECT_TRUE(server.IsAllAcknowledged());
+}
+
+// The one that opens the stream is at 0.
+Datagram StreamByte(std::uint8_t offset) { return {0x0e, 0, offset, 1, 'x'}; }
+
+// A change is heard some time after the last was acknowledged.
+TEST_F(PtcpHostileReceiver, ChangesOfTheKeyPhaseDoNoHarm) {
+  for (std::uint8_t i = 0; i < 20; ++i) {
+    const std::uint8_t phase = i % 2 == 0 ? kPhase : 0;
+    Send(StreamByte(static_cast<std::uint8_t>(i + 1)), phase);
+    EXPECT_EQ(pair.server->Readable(), i + 1U);
+    pair.server->Send("y", 1);
+    pair.server->Flush(pair.now);
+    EXPECT_EQ(phaseOfServer, phase);
+    Acknowledge(phase);
+    EXPECT_TRUE(pair.server->IsAllAcknowledged());
+    pair.StepUntil([] { return false; }, 5 * kSecond);
+  }
+  EXPECT_FALSE(pair.server->IsDead());
+}
+
+// The server follows the first, and drops what bears the other phase until that is acknowledged.
+TEST_F(PtcpHostileReceiver, ChangesOfTheKeyPhaseThatItDoesNotConfirmDoNoHarm) {
+  for (std::uint8_t i = 0; i < 20; ++i) {
+    Send(StreamByte(1), i % 2 == 0 ? kPhase : 0);
+    pair.server->Flush(pair.now);
+    EXPECT_EQ(phaseOfServer, kPhase);
+    pair.StepUntil([] { return false; }, kSecond);
+  }
+  EXPECT_FALSE(pair.server->IsDead());
+  Send(StreamByte(2), kPhase);
+  EXPECT_EQ(pair.server->Readable(), 2U);
+  pair.server->Send("y", 1);
+  pair.server->Flush(pair.now);
+  Acknowledge(kPhase);
+  EXPECT_TRUE(pair.server->IsAllAcknowledged());
 }
 
 // Once this left a timer that was due for ever.
