@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -330,6 +331,25 @@ TEST(IPCAcceptor, FailureAfterTheWaitIsIndicated) {
   EXPECT_EQ(sink.got[0].id, acceptor.Get());
   fs::remove(Endpoint(dir));
   EXPECT_EQ(Listen(*acceptor, sink, Endpoint(dir)), AW_OK);  // it had stopped
+}
+
+TEST(IPCAcceptor, OwnerWithoutMemoryForTheFailureDoesNoHarm) {
+  const TempDir dir;
+  auto lock = std::make_unique<DirectoryLock>(dir.GetPath());
+  IndicationSink sink;
+  std::atomic<bool> told{false};
+  sink.onIndication = [&](IAWIPCTransport*) {
+    told = true;
+    throw std::bad_alloc();
+  };
+  const auto acceptor = MakeAcceptor();
+  EXPECT_EQ(Listen(*acceptor, sink, Endpoint(dir)), AW_OK);
+  std::ofstream(Endpoint(dir)) << "in the way";
+  lock.reset();
+  EXPECT_TRUE(Await([&] { return told.load(); }));
+  fs::remove(Endpoint(dir));
+  sink.onIndication = nullptr;
+  EXPECT_EQ(Listen(*acceptor, sink, Endpoint(dir)), AW_OK);
 }
 
 TEST(IPCAcceptor, MayBeLetGoInTheIndicationOfAFailure) {

@@ -6,6 +6,7 @@
 
 #include "ClientName.h"
 #include "IPCTransport.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace fipc {
 
@@ -57,7 +58,9 @@ AWResult IPCAcceptor::StopListen() {
 void IPCAcceptor::OnFailed(int error) {
   const auto alive = Hold();
   if (!alive) return;
-  std::exchange(sink_, nullptr)->OnIPCConnectIndication(error, nullptr, this);
+  keelbase::internal::TellOwner([this, error, sink = std::exchange(sink_, nullptr)] {
+    sink->OnIPCConnectIndication(error, nullptr, this);
+  });
 }
 
 void IPCAcceptor::OnAccepted(FileDescriptor socket, const CAWPeerCredentials& credentials) {

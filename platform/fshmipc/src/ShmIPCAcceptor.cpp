@@ -123,7 +123,9 @@ void ShmIPCAcceptor::Stop() {
 void ShmIPCAcceptor::OnFailed(int error) {
   const auto alive = Hold();
   if (!alive) return;
-  std::exchange(sink_, nullptr)->OnShmIPCConnectIndication(error, nullptr, this);
+  keelbase::internal::TellOwner([this, error, sink = std::exchange(sink_, nullptr)] {
+    sink->OnShmIPCConnectIndication(error, nullptr, this);
+  });
 }
 
 // One that cannot be welcomed at once has gone, or there is no memory: this one connection is
