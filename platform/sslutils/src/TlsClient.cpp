@@ -5,7 +5,9 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <memory>
 #include <new>
 
@@ -25,23 +27,36 @@ namespace {
 TlsTrust& Trust() { return keelbase::internal::Immortal<TlsTrust>(); }
 TlsSessions& Sessions() { return keelbase::internal::Immortal<TlsSessions>(); }
 
-// --- the session key of a connection, kept with it ---
+// --- what becomes of the sessions of a connection, kept with it ---
 
-void FreeKey(void*, void* key, CRYPTO_EX_DATA*, int, long, void*) {
-  delete static_cast<std::string*>(key);
+struct SessionTerms {
+  std::string key;
+  long end = 0;         // after a full handshake, seconds since the epoch
+  long resumedEnd = 0;  // after a resumption
+};
+
+long EndOf(const SSL_SESSION* session) {
+  return SSL_SESSION_get_time(session) + SSL_SESSION_get_timeout(session);
 }
 
-int KeyIndex() {
-  static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, FreeKey);
+void FreeTerms(void*, void* terms, CRYPTO_EX_DATA*, int, long, void*) {
+  delete static_cast<SessionTerms*>(terms);
+}
+
+int TermsIndex() {
+  static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, FreeTerms);
   return index;
 }
 
+// Each ticket of TLS 1.3 is a session that begins when it comes; its end is that of the first.
 int KeepSession(SSL* ssl, SSL_SESSION* session) {
-  const auto* key = static_cast<const std::string*>(SSL_get_ex_data(ssl, KeyIndex()));
-  if (key == nullptr) return 0;
+  const auto* terms = static_cast<const SessionTerms*>(SSL_get_ex_data(ssl, TermsIndex()));
+  if (terms == nullptr) return 0;
+  const long end = SSL_session_reused(ssl) == 1 ? terms->resumedEnd : terms->end;
+  SSL_SESSION_set_timeout(session, std::max(end - SSL_SESSION_get_time(session), 0L));
   try {
     SSL_SESSION_up_ref(session);
-    Sessions().Add(*key, SessionPtr(session));
+    Sessions().Add(terms->key, SessionPtr(session));
   } catch (const std::bad_alloc&) {  // the next connection shakes hands in full
   }
   return 0;
@@ -107,9 +122,14 @@ AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
   const bool good = SetChecks(ssl.get(), settings, trust.store.get());
   ERR_clear_error();
   if (!good) return AW_SSL_ERROR_CERTIFICATE_NAME;  // no certificate can be for such a name
-  auto key = std::make_unique<std::string>(MakeKey(settings, trust.generation));
-  if (const SessionPtr session = Sessions().Take(*key)) SSL_set_session(ssl.get(), session.get());
-  if (SSL_set_ex_data(ssl.get(), KeyIndex(), key.get()) == 1) (void)key.release();
+  auto terms = std::make_unique<SessionTerms>();
+  terms->key = MakeKey(settings, trust.generation);
+  terms->end = static_cast<long>(std::time(nullptr)) + kSessionSeconds;
+  if (const SessionPtr session = Sessions().Take(terms->key)) {
+    terms->resumedEnd = EndOf(session.get());
+    SSL_set_session(ssl.get(), session.get());
+  }
+  if (SSL_set_ex_data(ssl.get(), TermsIndex(), terms.get()) == 1) (void)terms.release();
   SSL_set_connect_state(ssl.get());
   out = std::move(ssl);
   return AW_OK;

@@ -7,7 +7,6 @@ namespace sslutils::internal {
 
 namespace {
 constexpr int kSecurityLevel = 2;  // 112 bits: RSA and DH from 2048 bits on, no SHA-1
-constexpr long kSessionSeconds = 3600;
 }  // namespace
 
 void StartOpenSsl() {

@@ -5,6 +5,9 @@
 
 namespace sslutils::internal {
 
+// How long after a full handshake sessions may be resumed.
+inline constexpr long kSessionSeconds = 3600;
+
 // Before OpenSSL is used in any other way. Its own clean-up at exit would come before that of the
 // loops, whose connections still need it for their last writes, so there is none: the system takes
 // everything back. A program that has used OpenSSL before this keeps it.

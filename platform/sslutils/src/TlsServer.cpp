@@ -4,6 +4,9 @@
 #include <openssl/err.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "PemText.h"
@@ -23,6 +26,38 @@ struct TlsServer::Authorities {
 namespace {
 
 constexpr unsigned char kSessionContext[] = "zarn";
+
+// --- the time of the full handshake, which each ticket has with it ---
+
+std::int64_t Now() { return static_cast<std::int64_t>(std::time(nullptr)); }
+
+std::int64_t GetFullHandshake(SSL_SESSION* session) {
+  void* data = nullptr;
+  std::size_t size = 0;
+  std::int64_t time = 0;
+  SSL_SESSION_get0_ticket_appdata(session, &data, &size);
+  if (size == sizeof time) std::memcpy(&time, data, sizeof time);
+  return time;
+}
+
+// What a resumed session has is passed on.
+int NoteFullHandshake(SSL* ssl, void*) {
+  SSL_SESSION* const session = SSL_get_session(ssl);
+  if (GetFullHandshake(session) != 0) return 1;
+  const std::int64_t now = Now();
+  return SSL_SESSION_set1_ticket_appdata(session, &now, sizeof now);
+}
+
+SSL_TICKET_RETURN MayResume(SSL*, SSL_SESSION* session, const unsigned char*, std::size_t,
+                            SSL_TICKET_STATUS status, void*) {
+  if (status != SSL_TICKET_SUCCESS && status != SSL_TICKET_SUCCESS_RENEW)
+    return SSL_TICKET_RETURN_IGNORE_RENEW;
+  const std::int64_t age = Now() - GetFullHandshake(session);
+  if (age >= kSessionSeconds) return SSL_TICKET_RETURN_IGNORE_RENEW;
+  return status == SSL_TICKET_SUCCESS ? SSL_TICKET_RETURN_USE : SSL_TICKET_RETURN_USE_RENEW;
+}
+
+// --- clients ---
 
 bool AskForCertificates(SSL_CTX* context, const Certificates& authorities, bool required) {
   const StorePtr store(X509_STORE_new());
@@ -63,6 +98,7 @@ AWResult TlsServer::Prepare() {
   // gone.
   SSL_CTX_set_session_cache_mode(context.get(), SSL_SESS_CACHE_OFF);
   SSL_CTX_set_session_id_context(context.get(), kSessionContext, sizeof kSessionContext - 1);
+  SSL_CTX_set_session_ticket_cb(context.get(), NoteFullHandshake, MayResume, nullptr);
   SSL_CTX_set_options(context.get(), SSL_OP_CIPHER_SERVER_PREFERENCE);
   SSL_CTX_set_dh_auto(context.get(), 1);
   if (const AWResult result = own_.Use(context.get()); result != AW_OK) return result;

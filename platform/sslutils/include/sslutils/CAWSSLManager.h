@@ -68,7 +68,8 @@ class SSLUTILS_API IAWSSLConnector : public IAWSSLConnectorAcceptor {
   // All is copied. Never blocks, never calls back from inside; exactly one indication follows
   // unless cancelled, also when nothing can even be tried. The handshake may take 10 seconds. An
   // earlier session with the same peer is resumed when name, mode, trusted and own certificates are
-  // all the same. 0; 10001 for a null sink, another `verify`, and while a connect is under way.
+  // all the same, and were checked within the last hour. 0; 10001 for a null sink, another
+  // `verify`, and while a connect is under way.
   virtual keelbase::AWResult AsyncConnect(IAWSSLConnectionSink* sink,
                                           const keelbase::CAWInetAddr& peer, int verify,
                                           const char* serverName,
