@@ -118,7 +118,7 @@ AWResult TlsStream::Open(ByteSink* sink) {
   if (sink == nullptr || state_ != State::ready) return AW_ERROR_FAILURE;
   sink_ = sink;
   state_ = State::open;
-  UpdateReading();
+  ReadLower(WantsBytes());
   WantTurnEnd();
   return AW_OK;
 }
@@ -150,7 +150,6 @@ void TlsStream::OnRoom() {
   if (!readBlocked_ || state_ != State::open) return;
   readBlocked_ = false;
   Pump();
-  UpdateReading();
 }
 
 void TlsStream::OnEnd(long reason) {
@@ -216,8 +215,9 @@ void TlsStream::Pump() {
     End(ENOMEM);
   }
   pumping_ = false;
-  UpdateReading();
-  if (writeBlocked_ && state_ == State::open) GoOnWriting();
+  if (state_ != State::open) return;
+  ReadLower(WantsBytes());
+  if (writeBlocked_) GoOnWriting();
 }
 
 // Decrypts as much as one event may bring and delivers it. False when there is nothing to go on
@@ -276,13 +276,8 @@ void TlsStream::End(long reason) {
 void TlsStream::StopReading(bool stop) {
   reading_ = !stop;
   if (state_ != State::open) return;
-  UpdateReading();
+  ReadLower(WantsBytes());
   if (reading_) WantTurnEnd();
-}
-
-// What OpenSSL does not take would only be kept here.
-void TlsStream::UpdateReading() {
-  if (state_ == State::open) ReadLower((reading_ && !readBlocked_) || writeBlocked_);
 }
 
 void TlsStream::ReadLower(bool read) {
@@ -387,7 +382,7 @@ void TlsStream::WriteRecord(const char* data, std::size_t length) {
   const int result = SSL_write_ex(ssl_.get(), data, length, &count);
   const int error = SSL_get_error(ssl_.get(), result);
   writeBlocked_ = error == SSL_ERROR_WANT_READ;
-  UpdateReading();
+  if (state_ == State::open) ReadLower(WantsBytes());
   switch (error) {
     case SSL_ERROR_NONE:
       ++counters_.systemCallsSent;

@@ -84,7 +84,8 @@ class SSLUTILS_API TlsStream final
   void EndOfLower();
   bool MayRead() const;
   void StopReading(bool stop);
-  void UpdateReading();
+  // What OpenSSL does not take would only be kept here.
+  bool WantsBytes() const { return (reading_ && !readBlocked_) || writeBlocked_; }
   void ReadLower(bool read);
 
   std::size_t TakeSome(keelbase::CAWMessageBlock& block);
