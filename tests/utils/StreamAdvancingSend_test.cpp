@@ -20,7 +20,8 @@ using keelbase::CAWMessageBlock;
 template <class World>
 class StreamAdvancingSend : public ::testing::Test, public StreamFixture<World> {};
 
-using AdvancedBlockWorlds = ::testing::Types<OverIpc, OverTcp, OverTcpTransport>;
+using AdvancedBlockWorlds =
+    ::testing::Types<OverIpc, OverTcp, OverTcpTransport, OverTls, OverSslPtcp>;
 TYPED_TEST_SUITE(StreamAdvancingSend, AdvancedBlockWorlds, WorldNames);
 
 TYPED_TEST(StreamAdvancingSend, SendWithoutATransportIsRefusedAndLeavesTheBlock) {
