@@ -192,16 +192,28 @@ struct TicketPair : TlsPair {
   std::string rest;
 };
 
-// The server has read "first", and its answer to the client's change of keys finds no room.
-struct BlockedAnswerPair : TlsPair {
-  explicit BlockedAnswerPair(EventLoop& l) : TlsPair(l) {
+// The client has asked for new keys until the server, whose answers find no room, reads no further.
+struct UnreadAnswersPair : TlsPair {
+  explicit UnreadAnswersPair(EventLoop& l) : TlsPair(l) {
     Open();
     server_.end.room = 0;
-    EXPECT_EQ(SSL_key_update(clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
     EXPECT_EQ(Send(client, "first"), AW_OK);
     Move();
+    for (int asked = 0; asked < 10000 && !server_.end.readingStopped; ++asked) AskForNewKeys();
+    EXPECT_TRUE(server_.end.readingStopped);
     EXPECT_EQ(Send(server_, "answer"), AW_OK);
     Move();
+  }
+  void AskForNewKeys() {
+    EXPECT_EQ(SSL_key_update(clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
+    EXPECT_EQ(SSL_do_handshake(clientSsl), 1);
+    MoveOnce(client.end, server_.end);
+  }
+  // Goes on its way though the server does not read.
+  void Arrive(const std::string& text) {
+    EXPECT_EQ(Send(client, text), AW_OK);
+    loop.RunReady();
+    server_.end.Arrive(std::exchange(client.end.sent, {}));
   }
 };
 

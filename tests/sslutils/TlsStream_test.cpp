@@ -288,29 +288,70 @@ TEST(TlsStream, AnswerToAChangeOfKeysThatFindsNoRoomHoldsNothingUp) {
   });
 }
 
-TEST(TlsStream, PeerThatSendsOnIsReadNoFurtherUntilTheAnswerToItsChangeOfKeysFindsRoom) {
+TEST(TlsStream, ChangeOfKeysThatComesWhileARecordWaitsForRoomEndsNothing) {
   WithLoop([](EventLoop& loop) {
-    BlockedAnswerPair pair(loop);
-    TlsPair::Send(pair.client, ", second");
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.end.room = 0;
+    std::string sent;
+    for (int i = 0; i < 10; ++i) {
+      EXPECT_EQ(TlsPair::Send(pair.server_, "record " + std::to_string(i)), AW_OK);
+      sent += "record " + std::to_string(i);
+      loop.RunReady();
+      EXPECT_EQ(SSL_key_update(pair.clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
+      EXPECT_EQ(TlsPair::Send(pair.client, "."), AW_OK);
+      loop.RunReady();
+      TlsPair::MoveOnce(pair.client.end, pair.server_.end);
+      pair.server_.end.MakeRoom(20);
+      pair.server_.end.room = 0;
+      TlsPair::MoveOnce(pair.server_.end, pair.client.end);
+    }
+    pair.server_.end.MakeRoom(100000);
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.received, "..........");
+    EXPECT_EQ(pair.client.sink.received, sent);
+    EXPECT_EQ(pair.server_.sink.ends + pair.client.sink.ends, 0);
+  });
+}
+
+TEST(TlsStream, BytesThatFoundNoRoomAreCountedAsQueuedUntilTheyAreSent) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.end.room = 7;
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(16384, 'x')), AW_OK);
+    keelbase::CAWTransportCounters counters;
+    pair.client.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
+    EXPECT_GT(counters.queuedBytes, 16384U);  // a record is longer than its text
+    EXPECT_EQ(counters.queuedHighMark, counters.queuedBytes);
+    pair.client.end.MakeRoom(100000);
+    pair.client.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
+    EXPECT_EQ(counters.queuedBytes, 0U);
+  });
+}
+
+TEST(TlsStream, PeerThatReadsNoAnswersToItsChangesOfKeysIsReadNoFurtherUntilTheyFindRoom) {
+  WithLoop([](EventLoop& loop) {
+    UnreadAnswersPair pair(loop);
+    EXPECT_EQ(TlsPair::Send(pair.client, ", second"), AW_OK);
     pair.Move();
     EXPECT_EQ(pair.server_.sink.received, "first");
-    EXPECT_TRUE(pair.server_.end.readingStopped);
-    TlsPair::Send(pair.client, ", third");
-    pair.Move();
     EXPECT_FALSE(pair.client.end.sent.empty());
+    keelbase::CAWTransportCounters counters;
+    pair.server_.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
+    EXPECT_LT(counters.queuedBytes, 34000U);
     pair.server_.end.MakeRoom(100000);
     EXPECT_FALSE(pair.server_.end.readingStopped);
     pair.Move();
-    EXPECT_EQ(pair.server_.sink.received, "first, second, third");
+    EXPECT_EQ(pair.server_.sink.received, "first, second");
     EXPECT_EQ(pair.client.sink.received, "answer");
   });
 }
 
-TEST(TlsStream, OwnerThatReadsAgainReadsNoFurtherUntilTheAnswerToAChangeOfKeysFindsRoom) {
+TEST(TlsStream, OwnerThatReadsAgainReadsNoFurtherUntilTheAnswersToChangesOfKeysFindRoom) {
   WithLoop([](EventLoop& loop) {
-    BlockedAnswerPair pair(loop);
-    TlsPair::Send(pair.client, ", second");
-    pair.Move();
+    UnreadAnswersPair pair(loop);
+    pair.Arrive(", second");
     for (bool stop : {true, false})
       pair.server_.stream->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
     pair.Move();

@@ -39,9 +39,7 @@ int TlsBio::Read(BIO* bio, char* data, std::size_t length, std::size_t* count) {
 int TlsBio::Write(BIO* bio, const char* data, std::size_t length, std::size_t* count) {
   BIO_clear_retry_flags(bio);
   *count = Stream(bio).WriteBelow(data, length);
-  if (*count != 0) return 1;
-  if (Stream(bio).writeError_ == 0) BIO_set_retry_write(bio);
-  return -1;
+  return *count != 0 ? 1 : -1;
 }
 
 }  // namespace sslutils::internal

@@ -12,6 +12,7 @@
 #include "TlsBio.h"
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
+#include "keelbase/internal/ChainLength.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace sslutils::internal {
@@ -26,10 +27,14 @@ using keelbase::CAWMessageBlock;
 using keelbase::internal::Clock;
 using keelbase::internal::kGatherSize;
 using keelbase::internal::kReadSize;
+using keelbase::internal::LengthUpTo;
 
 namespace {
 
 constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // 16 KiB
+
+// A peer can ask for new keys again and again, and read none of the answers.
+constexpr std::size_t kMostAnswers = 2 * kRecord;
 
 bool HasBytes(const CAWMessageBlock* chain) {
   return chain != nullptr && chain->GetChainedLength() != 0;
@@ -90,7 +95,6 @@ void TlsStream::ShakeHands() {
   if (result == 1) return Established(0);
   switch (SSL_get_error(ssl_.get(), result)) {
     case SSL_ERROR_WANT_READ:
-    case SSL_ERROR_WANT_WRITE:
       if (lowerEnded_) Established(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
       return;
     case SSL_ERROR_SYSCALL:
@@ -144,12 +148,9 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
 
 void TlsStream::OnRoom() {
   const CAWAutoPtr<TlsStream> alive(this);
-  if (state_ == State::shaking) return ShakeHands();
-  if (state_ == State::closing) return WriteRest();
+  WriteRest();
   GoOnWriting();
-  if (!readBlocked_ || state_ != State::open) return;
-  readBlocked_ = false;
-  Pump();
+  Pump();  // what the answers had held up
 }
 
 void TlsStream::OnEnd(long reason) {
@@ -171,7 +172,6 @@ void TlsStream::OnEnd(long reason) {
 // What came before the end is delivered first, also to an owner who had stopped reading.
 void TlsStream::EndOfLower() {
   Pump();
-  if (readBlocked_) Pump();  // what had to be written first is kept now
   if (writeError_ != 0) return End(writeError_);
   End(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
 }
@@ -180,7 +180,7 @@ void TlsStream::OnTurnEnd() {
   const CAWAutoPtr<TlsStream> alive(this);
   dirty_ = false;
   if (state_ == State::shaking) return ShakeHands();
-  if (!IsBlocked()) FlushGather();
+  FlushGather();
   if (state_ != State::open) return;
   if (lowerEnded_) return EndOfLower();
   Pump();
@@ -191,7 +191,7 @@ void TlsStream::OnTurnEnd() {
 
 std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
   CAWMessageBlock* const source = kept_ != nullptr ? kept_.get() : arriving_;
-  if (source == nullptr) return 0;
+  if (source == nullptr || AnswersWait()) return 0;
   const std::size_t count = source->CopyChained(data, length);
   source->AdvanceChainedReadPtr(count);
   DropRead(kept_);
@@ -201,6 +201,11 @@ std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
 bool TlsStream::MayRead() const {
   if (state_ != State::open || (!reading_ && !lowerEnded_)) return false;
   return kept_ != nullptr || HasBytes(arriving_) || SSL_has_pending(ssl_.get()) == 1;
+}
+
+bool TlsStream::AnswersWait() const {
+  return state_ == State::open && !lowerEnded_ && rest_ != nullptr &&
+         LengthUpTo(*rest_, kMostAnswers) >= kMostAnswers;
 }
 
 void TlsStream::Pump() {
@@ -237,7 +242,6 @@ bool TlsStream::FillBlock(CAWMessageBlock& block) {
   }
   const bool broken = error == SSL_ERROR_SSL;
   const long reason = broken ? ReasonOfRecordFailure() : 0;
-  readBlocked_ = error == SSL_ERROR_WANT_WRITE;
   peerEnded_ = peerEnded_ || error == SSL_ERROR_ZERO_RETURN;
   if (block.GetLength() != 0) Deliver(block);
   if (broken || peerEnded_) End(reason);
@@ -289,29 +293,38 @@ void TlsStream::ReadLower(bool read) {
 
 // --- sending ---
 
-// What comes behind bytes that are lost is not written: the peer must see that they are missing.
+// Takes all or, when the connection has failed, nothing: OpenSSL would have to be given the same
+// record again, and ends the connection when the peer asks for new keys in between. What comes
+// behind bytes that are lost is not written: the peer must see that they are missing.
 std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
   if (writeError_ != 0) return 0;
   CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
-  AWResult result = AW_ERROR_PARTIAL_DATA;
-  if (rest_ == nullptr && !lowerEnded_) result = lower_->Send(block);
-  if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) {
-    if (writeError_ == 0) writeError_ = static_cast<long>(result);
-    // That it has ended the transport below tells; that it finds no memory it does not.
-    if (result == keelbase::AW_ERROR_FAILURE) FailWriting(writeError_);
-    return 0;
-  }
-  // The last records are kept, however little the transport takes, and so is what must be written
-  // before the last bytes of the peer can be read.
-  const bool last = state_ == State::closing || (lowerEnded_ && readBlocked_);
-  if (!last || block.GetLength() == 0) return length - block.GetLength();
+  if (rest_ == nullptr && !lowerEnded_ && !SendBelow(block)) return 0;
+  if (block.GetLength() == 0) return length;
   try {
     AppendTo(rest_, block.DuplicateChained());
+    counters_.queuedHighMark = std::max<std::uint64_t>(counters_.queuedHighMark, block.GetLength());
     return length;
   } catch (const std::bad_alloc&) {
-    writeError_ = ENOMEM;
+    FailWriting(ENOMEM);
     return 0;
   }
+}
+
+bool TlsStream::SendBelow(CAWMessageBlock& chain) {
+  const AWResult result = lower_->Send(chain);
+  if (result == AW_OK || result == AW_ERROR_PARTIAL_DATA) return true;
+  if (writeError_ == 0) writeError_ = static_cast<long>(result);
+  // That it has ended the transport below tells; that it finds no memory it does not.
+  if (result == AW_ERROR_FAILURE) FailWriting(writeError_);
+  return false;
+}
+
+void TlsStream::WriteRest() {
+  if (rest_ == nullptr) return;
+  const bool well = SendBelow(*rest_);
+  DropRead(rest_);
+  if (!well && state_ == State::closing) CloseNow();
 }
 
 AWResult TlsStream::Send(CAWMessageBlock& chain) {
@@ -374,8 +387,7 @@ bool TlsStream::FlushGather() {
   return true;
 }
 
-// What OpenSSL cannot write now it must be given again. What it must read before that is read also
-// for an owner who has stopped.
+// What OpenSSL must read before it writes is read also for an owner who has stopped.
 void TlsStream::WriteRecord(const char* data, std::size_t length) {
   std::size_t count = 0;
   ERR_clear_error();
@@ -388,7 +400,6 @@ void TlsStream::WriteRecord(const char* data, std::size_t length) {
       ++counters_.systemCallsSent;
       return;
     case SSL_ERROR_WANT_READ:
-    case SSL_ERROR_WANT_WRITE:
       return KeepPending(data, length);
     case SSL_ERROR_SYSCALL:
       return;  // the transport below has failed, and says so
@@ -481,15 +492,7 @@ void TlsStream::Drain() {
   int result = 1;
   while (result == 1) result = SSL_read_ex(ssl_.get(), dropped, sizeof dropped, &count);
   const int error = SSL_get_error(ssl_.get(), result);
-  if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) return;
-  CloseNow();
-}
-
-void TlsStream::WriteRest() {
-  if (rest_ == nullptr) return;
-  const AWResult result = lower_->Send(*rest_);
-  if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return CloseNow();
-  DropRead(rest_);
+  if (error != SSL_ERROR_WANT_READ) CloseNow();
 }
 
 std::uint32_t TlsStream::LingerLeft() const {
@@ -540,8 +543,9 @@ keelbase::CAWTransportCounters TlsStream::GetCounters() const {
   keelbase::CAWTransportCounters counters = counters_;
   keelbase::CAWTransportCounters lower;
   lower_->GetOption(keelbase::AW_OPT_COUNTERS, &lower);
-  counters.queuedBytes =
-      Gathered() + (pending_ == nullptr ? 0 : pending_->GetLength()) + lower.queuedBytes;
+  counters.queuedBytes = Gathered() + lower.queuedBytes;
+  for (const auto* chain : {&pending_, &rest_})
+    if (*chain != nullptr) counters.queuedBytes += (*chain)->GetChainedLength();
   return counters;
 }
 

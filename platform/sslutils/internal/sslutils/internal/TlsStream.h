@@ -27,8 +27,8 @@ using SslPtr = std::unique_ptr<ssl_st, SslFree>;
 
 // Plain bytes go in and out as with a StreamSocket, whose operations it has; below it, records.
 // OpenSSL reads the received bytes where they lie and gives its records straight to the transport
-// below, so that nothing is kept here but a record that is being filled, one that could not be
-// written, and what one event had brought when reading stopped. Loop thread only, but for the
+// below, so that nothing is kept here but a record that is being filled, the rest of one that found
+// no room, and what one event had brought when reading stopped. Loop thread only, but for the
 // count.
 class SSLUTILS_API TlsStream final
     : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
@@ -83,12 +83,15 @@ class SSLUTILS_API TlsStream final
   void End(long reason);
   void EndOfLower();
   bool MayRead() const;
+  bool AnswersWait() const;
   void StopReading(bool stop);
   // What OpenSSL does not take would only be kept here.
-  bool WantsBytes() const { return (reading_ && !readBlocked_) || writeBlocked_; }
+  bool WantsBytes() const { return (reading_ || writeBlocked_) && !AnswersWait(); }
   void ReadLower(bool read);
 
   std::size_t TakeSome(keelbase::CAWMessageBlock& block);
+  bool SendBelow(keelbase::CAWMessageBlock& chain);
+  void WriteRest();
   void WriteRecord(const char* data, std::size_t length);
   void WritePending();
   void KeepPending(const char* data, std::size_t length);
@@ -96,7 +99,10 @@ class SSLUTILS_API TlsStream final
   bool FlushGather();
   void GoOnWriting();
   std::size_t Gathered() const { return gather_ == nullptr ? 0 : gather_->GetLength(); }
-  bool IsBlocked() const { return pending_ != nullptr; }
+  // The last records are all taken, however little the transport below takes.
+  bool IsBlocked() const {
+    return pending_ != nullptr || (rest_ != nullptr && state_ != State::closing);
+  }
   void WantTurnEnd();
   keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   CAWSSLInfo GetInfo() const;
@@ -104,7 +110,6 @@ class SSLUTILS_API TlsStream final
 
   void WriteLast();
   void Drain();
-  void WriteRest();
   void CloseNow() { CloseNow(LingerLeft()); }
   void CloseNow(std::uint32_t lingerMs);
   std::uint32_t LingerLeft() const;
@@ -129,17 +134,16 @@ class SSLUTILS_API TlsStream final
   std::size_t readSize_;
 
   std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
-  std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that is to be written again
-  bool readBlocked_ = false;   // reading goes on when there is room to write
-  bool writeBlocked_ = false;  // writing goes on when bytes have come
-  bool roomWanted_ = false;    // 10013 was answered
-  bool dirty_ = false;         // OnTurnEnd is due
-  long writeError_ = 0;        // nothing more can be sent
-  bool failed_ = false;        // and the transport below does not know
+  std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that OpenSSL has not taken yet
+  std::unique_ptr<keelbase::CAWMessageBlock> rest_;     // encrypted; found no room below
+  bool writeBlocked_ = false;                           // writing goes on when bytes have come
+  bool roomWanted_ = false;                             // 10013 was answered
+  bool dirty_ = false;                                  // OnTurnEnd is due
+  long writeError_ = 0;                                 // nothing more can be sent
+  bool failed_ = false;                                 // and the transport below does not know
 
   std::uint32_t lingerMs_ = 2000;
   std::unique_ptr<keelbase::CAWMessageBlock> lingerData_;
-  std::unique_ptr<keelbase::CAWMessageBlock> rest_;  // records that wait for the last writes
   keelbase::internal::Clock::Point lingerBegin_{};
   std::unique_ptr<keelbase::internal::Timer> timer_;  // of the handshake, then of the linger
   keelbase::CAWAutoPtr<TlsStream> self_;              // held while lingering
