@@ -3,6 +3,7 @@
 #include "ShmConnection.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 
@@ -68,6 +69,30 @@ double SecondsUsedWhileIdle() {
   EXPECT_EQ(Network().Run(), AW_OK);
   return zarn::test::ProcessorSeconds() - before;
 }
+
+int Processors() {
+  cpu_set_t allowed;
+  EXPECT_EQ(::sched_getaffinity(0, sizeof allowed, &allowed), 0);
+  return CPU_COUNT(&allowed);
+}
+
+// Keeps this thread on the processor that it is on.
+class StayHere {
+ public:
+  StayHere() {
+    EXPECT_EQ(::sched_getaffinity(0, sizeof before_, &before_), 0);
+    cpu_set_t here;
+    CPU_ZERO(&here);
+    CPU_SET(::sched_getcpu(), &here);
+    EXPECT_EQ(::sched_setaffinity(0, sizeof here, &here), 0);
+  }
+  ~StayHere() { EXPECT_EQ(::sched_setaffinity(0, sizeof before_, &before_), 0); }
+  StayHere(const StayHere&) = delete;
+  StayHere& operator=(const StayHere&) = delete;
+
+ private:
+  cpu_set_t before_{};
+};
 
 // --- a system that fails ---
 
@@ -347,6 +372,7 @@ TEST(ShmConnection, FirstBytesOfATurnAreShownAtOnceAndTheOthersWhenItEndsOrMuchI
 }
 
 TEST(ShmConnection, LongSendIsShownPieceByPieceAndThePeerIsToldThatMoreFollows) {
+  if (Processors() < 2) GTEST_SKIP() << "nobody can look meanwhile";
   RawPeer peer;
   peer.end.Open();
   RingReader reader(peer.segment.AcceptorRing());
@@ -382,10 +408,10 @@ TEST(ShmConnection, PeerThatSaysThatMoreFollowsIsNotWaitedForLong) {
   EXPECT_FALSE(peer.end.sink.ended);
 }
 
-TEST(ShmConnection, PeerThatSleepsIsWokenBeforeMuchIsCopied) {
+TEST(ShmConnection, PeerThatSleepsIsWokenForMuchThoughNothingOfItCanBeCopied) {
   RawPeer peer;
   peer.end.Open();
-  peer.end.Fill();  // nothing can be copied
+  peer.end.Fill();
   RunReady();
   peer.In().readerSleeps = 1;
   peer.end.Send(std::string(16 * 1024 - 1, 'x'));
@@ -393,6 +419,42 @@ TEST(ShmConnection, PeerThatSleepsIsWokenBeforeMuchIsCopied) {
   peer.end.Send(std::string(16 * 1024, 'x'));
   EXPECT_EQ(peer.end.Counters().systemCallsSent, 1U);
   EXPECT_EQ(peer.socket.Receive().size(), 1U);
+}
+
+// Whether a peer that sleeps, on our processor or on another one, is woken while we still copy.
+bool IsWokenEarly(RawPeer& peer, bool here) {
+  std::atomic<bool> asleep = false;
+  std::atomic<bool> looks = false;
+  std::uint64_t shown = 0;
+  std::thread sleeper([&] {
+    asleep.wait(false);
+    looks = true;
+    while (peer.In().readerSleeps != 0) {
+    }
+    shown = peer.In().head;
+  });
+  const StayHere stay;
+  peer.In().readerSleeps = here ? Here() : Here() + 1;
+  asleep = true;
+  asleep.notify_one();
+  while (!looks) std::this_thread::yield();
+  EXPECT_EQ(peer.end.Send(Pattern(65000)), AW_OK);
+  sleeper.join();
+  peer.In().tail = peer.In().head.load();
+  return shown != peer.In().head;
+}
+
+TEST(ShmConnection, PeerThatSleepsOnAnotherProcessorIsWokenBeforeMuchIsCopied) {
+  if (Processors() < 2) GTEST_SKIP() << "there is only one";
+  RawPeer peer;
+  peer.end.Open();
+  EXPECT_TRUE(Await([&] { return IsWokenEarly(peer, false); }));
+}
+
+TEST(ShmConnection, PeerThatSleepsOnOurProcessorIsWokenWhenAllIsCopied) {
+  RawPeer peer;
+  peer.end.Open();
+  for (int i = 0; i < 100; ++i) ASSERT_FALSE(IsWokenEarly(peer, true));
 }
 
 // More often than a socket holds wake-ups.

@@ -243,6 +243,20 @@ TEST(ShmRing, ReaderThatWasWokenBeforeTheWriteAndSleepsAgainIsWokenAgain) {
   EXPECT_TRUE(ring.writer.Publish());
 }
 
+TEST(ShmRing, WriterKnowsThatTheReaderSleepsOnItsOwnProcessor) {
+  RingPair ring;
+  EXPECT_FALSE(ring.writer.ReaderSleepsHere());
+  ring.memory.Control().readerSleeps = Here() + 1000;
+  EXPECT_FALSE(ring.writer.ReaderSleepsHere());
+  // Between the two calls we may be moved to another one, but not each time.
+  bool here = false;
+  for (int i = 0; i < 1000 && !here; ++i) {
+    EXPECT_TRUE(ring.reader.Sleep());
+    here = ring.writer.ReaderSleepsHere();
+  }
+  EXPECT_TRUE(here);
+}
+
 TEST(ShmRing, ReaderThatFindsSomethingDoesNotSleep) {
   RingPair ring;
   ring.Write("a");

@@ -239,7 +239,7 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
 // small message.
 std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
   const bool much = LengthUpTo(chain, kPublishSize) >= kPublishSize;
-  const std::size_t written = much ? WriteMuch(chain) : CopyIn(chain);
+  const std::size_t written = much ? WriteMuch(chain) : WriteLittle(chain);
   counters_.bytesSent += written;
   const bool first = written != 0 && !std::exchange(dirty_, true);
   if (first) loop_.AtTurnEnd(*this);
@@ -247,28 +247,42 @@ std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
   return written;
 }
 
-// The reader works while we copy: it is woken before, and each piece is shown to it.
+// The reader works while we copy: it is woken before, and each piece is shown to it. One that can
+// not, since it sleeps on our own processor, is woken when all is there.
 std::size_t ShmConnection::WriteMuch(const CAWMessageBlock& chain) {
-  if (writer_.ShallWakeReader()) WakePeer();
+  WakePeerElsewhere();
   writer_.SetWriting(true);
-  const std::size_t written = CopyIn(chain);
+  const std::size_t written = WriteByPieces(chain);
   Publish();
   writer_.SetWriting(false);
   return written;
 }
 
-std::size_t ShmConnection::CopyIn(const CAWMessageBlock& chain) {
+std::size_t ShmConnection::WriteByPieces(const CAWMessageBlock& chain) {
   std::size_t written = 0;
   for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->GetNext()) {
     for (std::size_t at = 0; at < block->GetLength();) {
       const std::size_t piece = std::min(block->GetLength() - at, kPublishSize);
       const std::size_t taken = writer_.Write(block->GetReadPtr() + at, piece);
-      if (writer_.Unpublished() >= kPublishSize) Publish();
       written += taken;
       at += taken;
       if (taken != piece) return written;
+      if (writer_.Unpublished() < kPublishSize) continue;
+      writer_.Show();
+      WakePeerElsewhere();
     }
   }
+  return written;
+}
+
+std::size_t ShmConnection::WriteLittle(const CAWMessageBlock& chain) {
+  std::size_t written = 0;
+  for (const CAWMessageBlock* block = &chain; block != nullptr; block = block->GetNext()) {
+    const std::size_t taken = writer_.Write(block->GetReadPtr(), block->GetLength());
+    written += taken;
+    if (taken != block->GetLength()) break;
+  }
+  if (writer_.Unpublished() >= kPublishSize) Publish();
   return written;
 }
 
@@ -279,6 +293,10 @@ void ShmConnection::OnTurnEnd() {
 
 void ShmConnection::Publish() {
   if (writer_.Publish()) WakePeer();
+}
+
+void ShmConnection::WakePeerElsewhere() {
+  if (!writer_.ReaderSleepsHere() && writer_.ShallWakeReader()) WakePeer();
 }
 
 // A full socket means that the peer has more wake-ups than it can need: it looks before it sleeps.

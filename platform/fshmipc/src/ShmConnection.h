@@ -65,8 +65,10 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
 
   std::size_t Write(const keelbase::CAWMessageBlock& chain);
   std::size_t WriteMuch(const keelbase::CAWMessageBlock& chain);
-  std::size_t CopyIn(const keelbase::CAWMessageBlock& chain);
+  std::size_t WriteLittle(const keelbase::CAWMessageBlock& chain);
+  std::size_t WriteByPieces(const keelbase::CAWMessageBlock& chain);
   void Publish();
+  void WakePeerElsewhere();
   void WakePeer();
   void Failed(int error);
   void Leave();

@@ -5,6 +5,8 @@
 // what lies outside the ring breaks it, for good.
 #pragma once
 
+#include <sched.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
@@ -21,7 +23,7 @@ struct RingControl {
   std::atomic<std::uint32_t> ended;                      // 1: nothing follows; the writer's
   std::atomic<std::uint32_t> writing;                    // 1: more is being copied; the writer's
   alignas(128) std::atomic<std::uint64_t> tail;          // how much was read; the reader's
-  alignas(128) std::atomic<std::uint32_t> readerSleeps;  // 1: wake it; set by it, cleared by us
+  alignas(128) std::atomic<std::uint32_t> readerSleeps;  // see Here(); set by it, cleared by us
   alignas(128) std::atomic<std::uint32_t> writerWaits;   // 1: for room; set by it, cleared by us
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free && sizeof(RingControl) == 512);
@@ -45,6 +47,11 @@ inline void CopyShared(char* to, const char* from, std::size_t length) {
   } else {
     CopyByLines(to, from, length);
   }
+}
+
+// What a reader says when it sleeps: on which processor. Never 0.
+inline std::uint32_t Here() {
+  return static_cast<std::uint32_t>(std::max(::sched_getcpu(), 0)) + 1;
 }
 
 // One direction, of `size` bytes (a power of two).
@@ -72,11 +79,16 @@ class RingWriter {
 
   std::size_t Unpublished() const { return head_ - published_; }
 
-  // Lets the reader see what was written. True: it sleeps and is to be woken.
-  bool Publish() {
+  // Lets the reader see what was written.
+  void Show() {
     published_ = head_;
     // Sequentially consistent, as what the reader does before it sleeps: one of us sees the other.
     ring_.control->head.store(head_, std::memory_order_seq_cst);
+  }
+
+  // The same. True: it sleeps and is to be woken.
+  bool Publish() {
+    Show();
     return ShallWakeReader();
   }
 
@@ -89,6 +101,11 @@ class RingWriter {
   bool ShallWakeReader() {
     return ring_.control->readerSleeps.load(std::memory_order_seq_cst) != 0 &&
            ring_.control->readerSleeps.exchange(0, std::memory_order_seq_cst) != 0;
+  }
+
+  // Woken now, it would take the processor from us.
+  bool ReaderSleepsHere() const {
+    return ring_.control->readerSleeps.load(std::memory_order_relaxed) == Here();
   }
 
   // After the last Publish: nothing follows.
@@ -162,7 +179,7 @@ class RingReader {
 
   // Asks to be woken by the next Publish. False: there is something already.
   bool Sleep() {
-    ring_.control->readerSleeps.store(1, std::memory_order_seq_cst);
+    ring_.control->readerSleeps.store(Here(), std::memory_order_seq_cst);
     if (Available() == 0 && !broken_) return true;
     Awake();
     return false;
