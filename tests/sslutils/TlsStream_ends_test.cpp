@@ -223,6 +223,35 @@ TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectInTheMiddleOfATicket) 
   });
 }
 
+TEST(TlsStreamEnd, DisconnectInTheMiddleOfATicketEndsInOrderBehindIt) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    pair.client.stream->Disconnect();
+    EXPECT_TRUE(pair.client.end.sent.empty());
+    pair.ArriveRest();
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.ends, 1);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, NothingFollowsOurEndThoughThePeerAsksForNewKeys) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.server_.stream->Disconnect();
+    EXPECT_FALSE(std::exchange(pair.server_.end.sent, {}).empty());
+    for (int i = 0; i < 2; ++i) {  // an answer is due when we read on
+      EXPECT_EQ(SSL_key_update(pair.clientSsl, SSL_KEY_UPDATE_REQUESTED), 1);
+      EXPECT_EQ(TlsPair::Send(pair.client, "on and on"), AW_OK);
+      loop.RunReady();
+      TlsPair::MoveOnce(pair.client.end, pair.server_.end);
+    }
+    EXPECT_TRUE(pair.server_.end.sent.empty());
+    EXPECT_FALSE(pair.server_.end.disconnected);
+  });
+}
+
 TEST(TlsStreamEnd, LingerEndsWhenTheTransportBelowTakesNoMore) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

@@ -125,6 +125,23 @@ TEST(TlsStream, FailedWriteDuringTheHandshakeIsItsReason) {
   });
 }
 
+TEST(TlsStream, FailedWriteOfWhatTheHandshakeHadFoundNoRoomForIsItsReason) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.server_.end.room = 100;
+    pair.Start(pair.client);
+    pair.Start(pair.server_);
+    loop.RunReady();
+    TlsPair::MoveOnce(pair.client.end, pair.server_.end);
+    EXPECT_EQ(pair.server_.end.sent.size(), 100U);
+    pair.server_.end.sendResult = AW_ERROR_FAILURE;
+    pair.server_.end.MakeRoom(100000);
+    loop.RunReady();
+    EXPECT_EQ(pair.server_.established, AW_ERROR_FAILURE);
+    EXPECT_TRUE(pair.server_.end.disconnected);
+  });
+}
+
 TEST(TlsStream, NothingIsToldAfterDisconnectDuringTheHandshake) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);
@@ -324,9 +341,15 @@ TEST(TlsStream, BytesThatFoundNoRoomAreCountedAsQueuedUntilTheyAreSent) {
     pair.client.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
     EXPECT_GT(counters.queuedBytes, 16384U);  // a record is longer than its text
     EXPECT_EQ(counters.queuedHighMark, counters.queuedBytes);
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(10000, 'x')), AW_OK);
+    pair.client.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
+    EXPECT_GT(counters.queuedBytes, 16384U + 10000);
+    EXPECT_EQ(counters.queuedHighMark, counters.queuedBytes);
     pair.client.end.MakeRoom(100000);
+    loop.RunReady();
     pair.client.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
     EXPECT_EQ(counters.queuedBytes, 0U);
+    EXPECT_GT(counters.queuedHighMark, 16384U);
   });
 }
 
@@ -340,6 +363,7 @@ TEST(TlsStream, PeerThatReadsNoAnswersToItsChangesOfKeysIsReadNoFurtherUntilThey
     keelbase::CAWTransportCounters counters;
     pair.server_.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
     EXPECT_LT(counters.queuedBytes, 34000U);
+    EXPECT_GE(counters.queuedHighMark, counters.queuedBytes);
     pair.server_.end.MakeRoom(100000);
     EXPECT_FALSE(pair.server_.end.readingStopped);
     pair.Move();

@@ -12,7 +12,7 @@
 #include "TlsBio.h"
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
-#include "keelbase/internal/ChainLength.h"
+#include "keelbase/internal/Chains.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace sslutils::internal {
@@ -25,6 +25,7 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWMessageBlock;
 using keelbase::internal::Clock;
+using keelbase::internal::HasBytes;
 using keelbase::internal::kGatherSize;
 using keelbase::internal::kReadSize;
 using keelbase::internal::LengthUpTo;
@@ -33,12 +34,9 @@ namespace {
 
 constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // 16 KiB
 
-// A peer can ask for new keys again and again, and read none of the answers.
-constexpr std::size_t kMostAnswers = 2 * kRecord;
-
-bool HasBytes(const CAWMessageBlock* chain) {
-  return chain != nullptr && chain->GetChainedLength() != 0;
-}
+// A peer can ask for new keys again and again, and read none of the answers: behind so much that
+// waits for room nothing more is read.
+constexpr std::size_t kMostRest = 2 * kRecord;
 
 void DropRead(std::unique_ptr<CAWMessageBlock>& chain) {
   if (chain != nullptr) chain.reset(chain.release()->ReclaimGarbage());
@@ -50,6 +48,18 @@ void AppendTo(std::unique_ptr<CAWMessageBlock>& chain, CAWMessageBlock* more) {
   } else {
     chain->Append(more);
   }
+}
+
+// Small pieces share a block: there may be many.
+void AddBytes(std::unique_ptr<CAWMessageBlock>& chain, const CAWMessageBlock& piece) {
+  CAWMessageBlock* last = chain.get();
+  while (last != nullptr && last->GetNext() != nullptr) last = last->GetNext();
+  if (last == nullptr || last->GetSpace() < piece.GetLength()) {
+    auto more = std::make_unique<CAWMessageBlock>(std::max(piece.GetLength(), kRecord));
+    last = more.get();
+    AppendTo(chain, more.release());
+  }
+  last->Write(piece.GetReadPtr(), piece.GetLength());
 }
 
 }  // namespace
@@ -95,6 +105,7 @@ void TlsStream::ShakeHands() {
   if (result == 1) return Established(0);
   switch (SSL_get_error(ssl_.get(), result)) {
     case SSL_ERROR_WANT_READ:
+      if (writeError_ != 0) return Established(writeError_);
       if (lowerEnded_) Established(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
       return;
     case SSL_ERROR_SYSCALL:
@@ -136,10 +147,10 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
   try {
     if (state_ == State::shaking) ShakeHands();
     if (state_ == State::open) Pump();
-    if (state_ == State::closing && writeBlocked_) WriteLast();
+    if (state_ == State::closing && !lastWritten_) WriteLast();
     if (state_ == State::closing) Drain();
     const bool wanted = state_ == State::ready || state_ == State::open;
-    if (wanted && HasBytes(arriving_)) AppendTo(kept_, arriving_->DuplicateChained());
+    if (wanted && HasBytes(*arriving_)) AppendTo(kept_, arriving_->DuplicateChained());
   } catch (const std::bad_alloc&) {
     End(ENOMEM);
   }
@@ -200,12 +211,13 @@ std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
 
 bool TlsStream::MayRead() const {
   if (state_ != State::open || (!reading_ && !lowerEnded_)) return false;
-  return kept_ != nullptr || HasBytes(arriving_) || SSL_has_pending(ssl_.get()) == 1;
+  return kept_ != nullptr || (arriving_ != nullptr && HasBytes(*arriving_)) ||
+         SSL_has_pending(ssl_.get()) == 1;
 }
 
 bool TlsStream::AnswersWait() const {
   return state_ == State::open && !lowerEnded_ && rest_ != nullptr &&
-         LengthUpTo(*rest_, kMostAnswers) >= kMostAnswers;
+         LengthUpTo(*rest_, kMostRest) >= kMostRest;
 }
 
 void TlsStream::Pump() {
@@ -295,15 +307,17 @@ void TlsStream::ReadLower(bool read) {
 
 // Takes all or, when the connection has failed, nothing: OpenSSL would have to be given the same
 // record again, and ends the connection when the peer asks for new keys in between. What comes
-// behind bytes that are lost is not written: the peer must see that they are missing.
+// behind bytes that are lost is not written: the peer must see that they are missing. Nothing
+// follows our end, as OpenSSL's answers would to a peer that goes on.
 std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
   if (writeError_ != 0) return 0;
+  if (lastWritten_) return length;
   CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
   if (rest_ == nullptr && !lowerEnded_ && !SendBelow(block)) return 0;
   if (block.GetLength() == 0) return length;
   try {
-    AppendTo(rest_, block.DuplicateChained());
-    counters_.queuedHighMark = std::max<std::uint64_t>(counters_.queuedHighMark, block.GetLength());
+    AddBytes(rest_, block);
+    NoteQueued();
     return length;
   } catch (const std::bad_alloc&) {
     FailWriting(ENOMEM);
@@ -314,9 +328,12 @@ std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
 bool TlsStream::SendBelow(CAWMessageBlock& chain) {
   const AWResult result = lower_->Send(chain);
   if (result == AW_OK || result == AW_ERROR_PARTIAL_DATA) return true;
-  if (writeError_ == 0) writeError_ = static_cast<long>(result);
   // That it has ended the transport below tells; that it finds no memory it does not.
-  if (result == AW_ERROR_FAILURE) FailWriting(writeError_);
+  if (result == AW_ERROR_FAILURE) {
+    FailWriting(static_cast<long>(result));
+  } else if (writeError_ == 0) {
+    writeError_ = static_cast<long>(result);
+  }
   return false;
 }
 
@@ -402,7 +419,7 @@ void TlsStream::WriteRecord(const char* data, std::size_t length) {
     case SSL_ERROR_WANT_READ:
       return KeepPending(data, length);
     case SSL_ERROR_SYSCALL:
-      return;  // the transport below has failed, and says so
+      return;  // WriteBelow has said why
     default:
       return FailWriting(AW_SSL_ERROR_RECORD);
   }
@@ -412,7 +429,7 @@ void TlsStream::KeepPending(const char* data, std::size_t length) {
   try {
     pending_ = std::make_unique<CAWMessageBlock>(length);
     pending_->Write(data, length);
-    counters_.queuedHighMark = std::max<std::uint64_t>(counters_.queuedHighMark, length);
+    NoteQueued();
   } catch (const std::bad_alloc&) {
     FailWriting(ENOMEM);
   }
@@ -470,6 +487,7 @@ void TlsStream::Disconnect() {
   }
 }
 
+// In the middle of a message of the peer's TLS nothing can be written, not even the end.
 void TlsStream::WriteLast() {
   WritePending();
   FlushGather();
@@ -480,7 +498,7 @@ void TlsStream::WriteLast() {
   }
   if (IsBlocked()) return;
   ERR_clear_error();
-  SSL_shutdown(ssl_.get());
+  lastWritten_ = SSL_shutdown(ssl_.get()) >= 0;
 }
 
 // A connection that is closed with bytes of the peer unread is reset, and what we wrote last may be
@@ -539,13 +557,24 @@ CAWSSLInfo TlsStream::GetInfo() const {
   return info;
 }
 
-keelbase::CAWTransportCounters TlsStream::GetCounters() const {
-  keelbase::CAWTransportCounters counters = counters_;
+std::uint64_t TlsStream::Queued() const {
   keelbase::CAWTransportCounters lower;
   lower_->GetOption(keelbase::AW_OPT_COUNTERS, &lower);
-  counters.queuedBytes = Gathered() + lower.queuedBytes;
+  std::uint64_t queued = Gathered() + lower.queuedBytes;
   for (const auto* chain : {&pending_, &rest_})
-    if (*chain != nullptr) counters.queuedBytes += (*chain)->GetChainedLength();
+    if (*chain != nullptr) queued += (*chain)->GetChainedLength();
+  return queued;
+}
+
+// Where much comes together, but not for each message.
+void TlsStream::NoteQueued() {
+  counters_.queuedHighMark = std::max(counters_.queuedHighMark, Queued());
+}
+
+keelbase::CAWTransportCounters TlsStream::GetCounters() const {
+  keelbase::CAWTransportCounters counters = counters_;
+  counters.queuedBytes = Queued();
+  counters.queuedHighMark = std::max(counters.queuedHighMark, counters.queuedBytes);
   return counters;
 }
 

@@ -27,9 +27,9 @@ using SslPtr = std::unique_ptr<ssl_st, SslFree>;
 
 // Plain bytes go in and out as with a StreamSocket, whose operations it has; below it, records.
 // OpenSSL reads the received bytes where they lie and gives its records straight to the transport
-// below, so that nothing is kept here but a record that is being filled, the rest of one that found
-// no room, and what one event had brought when reading stopped. Loop thread only, but for the
-// count.
+// below, so that nothing is kept here but a record that is being filled or cannot be written yet,
+// what found no room below, and what one event had brought when reading stopped. Loop thread only,
+// but for the count.
 class SSLUTILS_API TlsStream final
     : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
       private ByteSink,
@@ -106,6 +106,8 @@ class SSLUTILS_API TlsStream final
   void WantTurnEnd();
   keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   CAWSSLInfo GetInfo() const;
+  std::uint64_t Queued() const;
+  void NoteQueued();
   keelbase::CAWTransportCounters GetCounters() const;
 
   void WriteLast();
@@ -137,6 +139,7 @@ class SSLUTILS_API TlsStream final
   std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that OpenSSL has not taken yet
   std::unique_ptr<keelbase::CAWMessageBlock> rest_;     // encrypted; found no room below
   bool writeBlocked_ = false;                           // writing goes on when bytes have come
+  bool lastWritten_ = false;                            // our end has gone out
   bool roomWanted_ = false;                             // 10013 was answered
   bool dirty_ = false;                                  // OnTurnEnd is due
   long writeError_ = 0;                                 // nothing more can be sent
