@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "keelbase/internal/ChainLength.h"
+#include "keelbase/internal/Chains.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {
@@ -22,7 +22,9 @@ using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWMessageBlock;
+using keelbase::internal::AppendCopy;
 using keelbase::internal::Clock;
+using keelbase::internal::HasBytes;
 using keelbase::internal::LengthUpTo;
 using keelbase::internal::Timer;
 
@@ -226,7 +228,7 @@ AWResult ShmConnection::Send(CAWMessageBlock& chain) {
     ++counters_.blocksSent;
     chain.AdvanceChainedReadPtr(written);
   }
-  if (LengthUpTo(chain, 1) == 0) return AW_OK;
+  if (!HasBytes(chain)) return AW_OK;
   if (writer_.Unpublished() != 0) Publish();
   ++counters_.partialSends;
   roomWanted_ = true;
@@ -248,13 +250,15 @@ std::size_t ShmConnection::Write(const CAWMessageBlock& chain) {
 }
 
 // The reader works while we copy: it is woken before, and each piece is shown to it. One that can
-// not, since it sleeps on our own processor, is woken when all is there.
+// not, since it sleeps on our own processor, is woken when all is there and nothing more to wait
+// for.
 std::size_t ShmConnection::WriteMuch(const CAWMessageBlock& chain) {
-  WakePeerElsewhere();
+  WakePeerUnlessHere();
   writer_.SetWriting(true);
   const std::size_t written = WriteByPieces(chain);
-  Publish();
+  writer_.Show();
   writer_.SetWriting(false);
+  if (writer_.ShallWakeReader()) WakePeer();
   return written;
 }
 
@@ -269,7 +273,7 @@ std::size_t ShmConnection::WriteByPieces(const CAWMessageBlock& chain) {
       if (taken != piece) return written;
       if (writer_.Unpublished() < kPublishSize) continue;
       writer_.Show();
-      WakePeerElsewhere();
+      WakePeerUnlessHere();
     }
   }
   return written;
@@ -295,7 +299,7 @@ void ShmConnection::Publish() {
   if (writer_.Publish()) WakePeer();
 }
 
-void ShmConnection::WakePeerElsewhere() {
+void ShmConnection::WakePeerUnlessHere() {
   if (!writer_.ReaderSleepsHere() && writer_.ShallWakeReader()) WakePeer();
 }
 
@@ -345,18 +349,7 @@ void ShmConnection::BeginLinger() {
 
 AWResult ShmConnection::AddLingerData(const CAWMessageBlock& chain) {
   if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
-  CAWMessageBlock* copy = nullptr;
-  try {
-    copy = chain.DuplicateChained();
-  } catch (const std::bad_alloc&) {
-    return AW_ERROR_FAILURE;
-  }
-  if (lingerData_ == nullptr) {
-    lingerData_ = copy;
-  } else {
-    lingerData_->Append(copy);
-  }
-  return AW_OK;
+  return AppendCopy(lingerData_, chain);
 }
 
 // True when nothing is left to write, or nobody will ever take it.

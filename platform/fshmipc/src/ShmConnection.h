@@ -68,7 +68,7 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
   std::size_t WriteLittle(const keelbase::CAWMessageBlock& chain);
   std::size_t WriteByPieces(const keelbase::CAWMessageBlock& chain);
   void Publish();
-  void WakePeerElsewhere();
+  void WakePeerUnlessHere();
   void WakePeer();
   void Failed(int error);
   void Leave();

@@ -48,9 +48,10 @@ class IAWShmIPCAcceptorConnectorSink {
   // sink that wants it takes a reference, else it is closed after this call. Otherwise transport is
   // null and reason an errno value (ECONNREFUSED, ENOENT: nobody listens; EACCES: a peer of another
   // user; ENOSPC, ENOMEM: no room for the rings; EPROTONOSUPPORT: the peer's memory layout is of
-  // another version; ETIMEDOUT: it does not answer; EMFILE: no descriptors) or an AWResult (10001:
-  // no system directory). An acceptor reports a reason when listening had to wait for another
-  // process and then failed; it has stopped by then.
+  // another version; EPROTO: what listens there is no acceptor of ours; ETIMEDOUT: it does not
+  // answer; EMFILE: no descriptors; EFBIG: the limit of file sizes is below the rings) or an
+  // AWResult (10001: no system directory). An acceptor reports a reason when listening had to wait
+  // for another process and then failed; it has stopped by then.
   virtual void OnShmIPCConnectIndication(long reason, IAWShmIPCTransport* transport,
                                          IAWShmIPCAcceptorConnectorId* id) = 0;
   virtual ~IAWShmIPCAcceptorConnectorSink() = default;
