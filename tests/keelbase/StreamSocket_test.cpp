@@ -295,6 +295,29 @@ TEST(StreamSocket, PeerThatSendsForEverIsListenedToForTheLingerTimeOnly) {
   });
 }
 
+TEST(StreamSocket, StoppedReaderIsGivenAllThatCameBeforeTheEndHoweverMuchTheSystemHolds) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    const int most = 64 << 20;
+    if (::setsockopt(pair.peer.Get(), SOL_SOCKET, SO_SNDBUFFORCE, &most, sizeof most) != 0)
+      GTEST_SKIP() << "only root may let it hold so much";
+    Sink sink;
+    pair.socket->Open(&sink);
+    pair.socket->StopReading(true);
+    const std::string all(20 << 20, 'x');
+    std::size_t sent = 0;
+    while (sent < all.size()) {
+      const ssize_t count = ::write(pair.peer.Get(), all.data() + sent, all.size() - sent);
+      ASSERT_GT(count, 0);
+      sent += static_cast<std::size_t>(count);
+    }
+    pair.peer.Reset();
+    EXPECT_TRUE(TurnUntil(loop, [&] { return sink.ends == 1; }));
+    EXPECT_EQ(sink.received.size(), all.size());
+    EXPECT_EQ(sink.reason, 0);
+  });
+}
+
 TEST(StreamSocket, OneReceiveEventBringsNoMoreThanTheReadSize) {
   WithLoop([](EventLoop& loop) {
     Pair pair(loop);

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <limits>
 
-#include "keelbase/internal/ChainLength.h"
+#include "keelbase/internal/Chains.h"
 #include "keelbase/internal/Pool.h"
 
 namespace keelbase {

@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-#include "keelbase/internal/ChainLength.h"
+#include "keelbase/internal/Chains.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace keelbase::internal {
@@ -23,11 +23,11 @@ constexpr std::size_t kDirectSize = 32 * 1024;
 
 constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
 
-// More than a socket buffer holds: what a peer that has ended can have left for us.
-constexpr std::size_t kMostRest = std::size_t{16} << 20;
-
 // More than most have on their way to us when we tell our end; a flood must not cost more.
 constexpr std::size_t kMostDropped = std::size_t{16} << 20;
+
+// So much is read behind the end of a connection whatever the system says to be there.
+constexpr std::size_t kLeastRest = std::size_t{16} << 20;
 
 class Pieces {
  public:
@@ -163,9 +163,12 @@ bool StreamSocket::ReadOnce() {
 }
 
 // The connection is over: what has come in by now is delivered, also to an owner who had stopped
-// reading, and then the end.
+// reading, and then the end. How much that is the system knows; urgent bytes can hide some of it.
 void StreamSocket::ReadRest() {
-  const std::uint64_t most = counters_.bytesReceived + kMostRest;
+  int waiting = 0;
+  ::ioctl(descriptor_.Get(), FIONREAD, &waiting);
+  const std::uint64_t most =
+      counters_.bytesReceived + std::max(static_cast<std::size_t>(waiting), kLeastRest);
   while (state_ == State::open && counters_.bytesReceived < most && ReadOnce()) {
   }
   End(writeError_);
@@ -221,7 +224,7 @@ AWResult StreamSocket::Send(CAWMessageBlock& chain) {
   }
   const bool taken = !blocked_ && WriteOut(&chain);
   if (taken) ++counters_.blocksSent;
-  if (LengthUpTo(chain, 1) == 0) return AW_OK;
+  if (!HasBytes(chain)) return AW_OK;
   if (!taken && writeError_ != 0) return static_cast<AWResult>(writeError_);
   ++counters_.partialSends;
   roomWanted_ = true;
@@ -329,18 +332,7 @@ void StreamSocket::Disconnect() {
 
 AWResult StreamSocket::AddLingerData(const CAWMessageBlock& chain) {
   if (state_ >= State::lingering) return AW_ERROR_NOT_INITIALIZED;
-  CAWMessageBlock* copy = nullptr;
-  try {
-    copy = chain.DuplicateChained();
-  } catch (const std::bad_alloc&) {
-    return AW_ERROR_FAILURE;
-  }
-  if (lingerData_ == nullptr) {
-    lingerData_ = copy;
-  } else {
-    lingerData_->Append(copy);
-  }
-  return AW_OK;
+  return AppendCopy(lingerData_, chain);
 }
 
 void StreamSocket::WriteLingering() {
