@@ -18,9 +18,8 @@ std::optional<ConnectionId> DestinationOf(Bytes datagram) {
 }
 
 Bytes LongPacketsOf(Bytes datagram) {
-  constexpr std::uint8_t kLongHeader = 0x80;
   std::size_t at = 0;
-  while (at < datagram.size() && (datagram[at] & kLongHeader) != 0) {
+  while (HasLongHeader(datagram.subspan(at))) {
     ngtcp2_pkt_hd header;
     const Bytes rest = datagram.subspan(at);
     const ngtcp2_ssize length = ngtcp2_pkt_decode_hd_long(&header, rest.data(), rest.size());

@@ -14,6 +14,9 @@ namespace ptcp {
 
 inline constexpr std::size_t kLocalIdSize = 8;  // of the ids that we make
 
+// Of the handshake; the others belong to connections.
+inline bool HasLongHeader(Bytes packet) { return !packet.empty() && (packet[0] & 0x80) != 0; }
+
 // A client's first packet, as far as it is readable without a key.
 struct InitialHeader {
   ConnectionId destination;

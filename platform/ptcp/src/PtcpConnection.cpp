@@ -306,8 +306,7 @@ void PtcpConnection::CountAndSend(Bytes datagram) {
 bool PtcpConnection::MayHaveSent(Bytes packet) const {
   if (dead_ || packet.empty()) return false;
   const ngtcp2_cid& id = *ngtcp2_conn_get_dcid(conn_);
-  constexpr std::uint8_t kLongHeader = 0x80;
-  const std::size_t at = (packet[0] & kLongHeader) != 0 ? 6 : 1;
+  const std::size_t at = HasLongHeader(packet) ? 6 : 1;
   return packet.size() >= at + id.datalen &&
          std::equal(id.data, id.data + id.datalen, packet.begin() + static_cast<int>(at));
 }

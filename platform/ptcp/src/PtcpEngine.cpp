@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/Chains.h"
 #include "keelbase/internal/TraceError.h"
 #include "ptcp/CAWPseudoTCPTransport.h"
 
@@ -32,14 +33,6 @@ bool IsInside(const keelbase::CAWInetAddr& peer) {
 }
 
 constexpr std::size_t kGathered = 64 * 1024;  // from here on it is sent before the turn's end
-
-// The chain may be all that somebody has waiting, offered again and again: it is not walked further
-// than need be.
-bool HasBytes(const CAWMessageBlock& chain) {
-  const CAWMessageBlock* block = &chain;
-  while (block != nullptr && block->GetLength() == 0) block = block->GetNext();
-  return block != nullptr;
-}
 
 }  // namespace
 
@@ -259,7 +252,7 @@ AWResult PtcpEngine::Send(CAWMessageBlock& chain) {
   if (connection_.IsDead() && connection_.Reason() != 0)
     return static_cast<AWResult>(connection_.Reason());
   if (state_ == State::ended || connection_.IsDead()) return AW_ERROR_FAILURE;
-  if (!HasBytes(chain)) return AW_OK;
+  if (!keelbase::internal::HasBytes(chain)) return AW_OK;
   if (connection_.Unsent() >= queueLimit_) {
     ++counters_.partialSends;
     roomWanted_ = true;
@@ -331,18 +324,7 @@ void PtcpEngine::OnLinger() {
 
 AWResult PtcpEngine::AddLingerData(const CAWMessageBlock& chain) {
   if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
-  CAWMessageBlock* copy = nullptr;
-  try {
-    copy = chain.DuplicateChained();
-  } catch (const std::bad_alloc&) {
-    return AW_ERROR_FAILURE;
-  }
-  if (lingerData_ == nullptr) {
-    lingerData_ = copy;
-  } else {
-    lingerData_->Append(copy);
-  }
-  return AW_OK;
+  return keelbase::internal::AppendCopy(lingerData_, chain);
 }
 
 // From here on the port answers for us that there is no such connection.

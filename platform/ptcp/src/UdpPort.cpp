@@ -201,8 +201,7 @@ void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
 
 // A first packet, or one of a connection that is over here while its peer does not know.
 void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram, Time now) {
-  constexpr std::uint8_t kLongHeader = 0x80;
-  if ((datagram[0] & kLongHeader) != 0) {
+  if (HasLongHeader(datagram)) {
     if (stranger_ != nullptr) stranger_(from, datagram, now);
     return;
   }
