@@ -11,7 +11,7 @@ import time
 import tty
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_hangups
+from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_endings
 
 ROWS = 6000
 
@@ -228,7 +228,7 @@ class Transfer(Db):
         self.assertEqual(self.rows(), {f"k{i}".encode(): large.encode() for i in range(5)})
 
     def test_import_ignores_hangups_when_it_was_started_so(self):
-        importing = self.start(*self.db, "import", stdin=subprocess.PIPE, preexec_fn=ignore_hangups)
+        importing = self.start(*self.db, "import", stdin=subprocess.PIPE, preexec_fn=ignore_endings)
         end = time.monotonic() + PATIENCE
         while not self.path.exists():  # it has begun
             self.assertLess(time.monotonic(), end)

@@ -12,7 +12,7 @@ import subprocess
 import time
 import unittest
 
-from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_hangups, read_frame
+from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame
 
 
 class Serve(ToolTest):
@@ -174,12 +174,13 @@ class Serve(ToolTest):
             server.send_signal(signal.SIGTERM)
             self.assertEqual(server.wait(PATIENCE), 128 + signal.SIGTERM)
 
-    def test_hangups_are_ignored_when_it_was_started_so(self):
-        server = self.start("serve", self.url, "--echo", "--json", preexec_fn=ignore_hangups)
-        server.event("listening")
-        server.process.send_signal(signal.SIGHUP)
-        self.run_events("ping", self.url, "-c", "1")
-        self.assertEqual(server.end(signal.SIGTERM), 0)
+    def test_hangups_and_nothing_else_are_ignored_when_it_was_started_so(self):
+        for ending in (signal.SIGINT, signal.SIGTERM):
+            server = self.start("serve", self.url, "--echo", "--json", preexec_fn=ignore_endings)
+            server.event("listening")
+            server.process.send_signal(signal.SIGHUP)
+            self.run_events("ping", self.url, "-c", "1")
+            self.assertEqual(server.end(ending), 0)
         server = self.serve()
         self.assertEqual(server.end(signal.SIGHUP), 0)
 

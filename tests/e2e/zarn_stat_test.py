@@ -15,7 +15,7 @@ import threading
 import time
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest, frame, read_frame
+from zarn_tool import PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame
 
 
 class Stat(ToolTest):
@@ -203,6 +203,17 @@ class Stat(ToolTest):
         watch.event("stream")
         server.end()
         self.assertEqual(watch.process.wait(PATIENCE), 3)
+
+    def test_watch_ignores_hangups_and_nothing_else_when_it_was_started_so(self):
+        _, client = self.echo()
+        for received, ending in enumerate((signal.SIGINT, signal.SIGTERM), 2):
+            watch = self.start("stat", "--json", "--watch", "0.05", preexec_fn=ignore_endings)
+            watch.event("stream")
+            watch.process.send_signal(signal.SIGHUP)
+            client.sendall(frame(1, 1, b"more"))
+            while watch.event("stream")["messages_received"] != received:
+                pass
+            self.assertEqual(watch.end(ending), 0)
 
     def test_watch_ends_when_its_output_cannot_be_written(self):
         self.echo()

@@ -41,9 +41,10 @@ def read_frame(connection):
     return type_, tag, read_exactly(connection, size)
 
 
-def ignore_hangups():
-    """For a process to come, as nohup does."""
-    signal.signal(signal.SIGHUP, signal.SIG_IGN)
+def ignore_endings():
+    """For a process to come, as nohup and a shell script that runs it in the background do."""
+    for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(ending, signal.SIG_IGN)
 
 
 class Running:

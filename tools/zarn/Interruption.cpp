@@ -2,7 +2,6 @@
 #include "Interruption.h"
 
 #include <csignal>
-#include <initializer_list>
 
 namespace zarn::tool {
 
@@ -14,10 +13,15 @@ void Remember(int /*signal*/) { signalSeen = 1; }
 
 }  // namespace
 
+std::vector<int> GetEndingSignals() {
+  struct sigaction atHangup {};
+  ::sigaction(SIGHUP, nullptr, &atHangup);
+  if (atHangup.sa_handler == SIG_IGN) return {SIGINT, SIGTERM};
+  return {SIGINT, SIGTERM, SIGHUP};
+}
+
 void CatchInterruptions() {
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction before {};
-    if (::sigaction(signal, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) continue;
+  for (const int signal : GetEndingSignals()) {
     struct sigaction action {};
     action.sa_handler = &Remember;
     action.sa_flags = static_cast<int>(SA_RESETHAND);

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "Interruption.h"
 #include "Output.h"
 
 namespace zarn::tool {
@@ -16,17 +17,10 @@ using keelbase::CAWThreadManager;
 
 namespace {
 
-bool IsIgnored(int signal) {
-  struct sigaction action {};
-  return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
-}
-
 sigset_t HandledSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  if (!IsIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
+  for (const int signal : GetEndingSignals()) sigaddset(&signals, signal);
   return signals;
 }
 

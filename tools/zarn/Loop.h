@@ -16,8 +16,8 @@ namespace zarn::tool {
 // anything else that may start a thread.
 class Loop {
  public:
-  // `interrupted` runs on the loop at the first SIGINT, SIGTERM or SIGHUP (unless that was ignored
-  // when the program started); a second one ends the process at once.
+  // `interrupted` runs on the loop at the first of the signals that end the program
+  // (Interruption.h); a second one ends the process at once.
   explicit Loop(std::function<void()> interrupted,
                 int type = keelbase::CAWThreadManager::TT_NETWORK);
   ~Loop();
