@@ -124,7 +124,7 @@ class Passwords(RestTest):
     def test_injection_through_them_is_refused(self):
         for user, password in (("a", "b\r\nX: y"), ("a\nX: y", "b"), ("a:b", "c")):
             self.env["ZARN_REST_PASSWORD"] = password
-            self.assert_fails(self.server.url(), ".*is not good", "--user", user)
+            self.assert_fails(self.server.url(), ".*is not good", "--user", user, code=2)
         self.assertEqual(self.server.requests, [])
 
 
@@ -140,18 +140,18 @@ class Usage(RestTest):
                           (url, "--data", "a", "--timeout", "-1"), (url, "--lines", "x")):
             self.assertEqual(self.run_tool("rest", *arguments).returncode, 2, arguments)
 
-    def test_bad_urls_and_settings_send_nothing(self):
+    def test_bad_urls_and_settings_are_wrong_usage_and_send_nothing(self):
         server = self.serve(send(answer(b"")))
         for url in ("http://a b/zarn/tcpchannel", "http://user:word@a/zarn/tcpchannel",
                     "http://127.0.0.1:0/zarn/tcpchannel", "/zarn/tcpchannel"):
-            self.assert_fails(url, ".*is not good")
-        self.assert_fails("ftp://a/zarn/tcpchannel", ".*neither http nor https")
-        self.assert_fails("http://[::1]/zarn/tcpchannel", "IPv6.*")
+            self.assert_fails(url, ".*is not good", code=2)
+        self.assert_fails("ftp://a/zarn/tcpchannel", ".*neither http nor https", code=2)
+        self.assert_fails("http://[::1]/zarn/tcpchannel", "IPv6.*", code=2)
         for setting in ("Host: evil", "content-length: 5", "Transfer-Encoding: chunked",
                         "Connection: keep-alive", "Upgrade: h2c", "X: a\r\nY: b", "X: a\tb",
                         "POST /other HTTP/1.1", "get", "CONNECT", "no colon", "X: \x7f"):
             self.assert_fails(server.url(), ".*is not good", "--setting",
-                              self.write("setting", setting))
+                              self.write("setting", setting), code=2)
         self.assertEqual(self.rest(server.url(), "--setting", "/nowhere").returncode, 1)
         result = self.run_tool("rest", server.url(), "--file", "/nowhere")
         self.assertEqual((result.returncode, result.stderr),

@@ -4,7 +4,6 @@
 #include <CLI/App.hpp>
 #include <CLI/Validators.hpp>
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -102,16 +101,27 @@ bool Rest::Trust() const {
   return false;
 }
 
-bool IsUnreachable(long result) {
-  constexpr std::array kErrors = {ECONNREFUSED, EHOSTUNREACH, ENETUNREACH, EADDRNOTAVAIL,
-                                  ETIMEDOUT};
-  return std::find(kErrors.begin(), kErrors.end(), -result) != kErrors.end();
+ExitCode ToExitCode(long error) {
+  switch (-error) {
+    case EINVAL:  // these three: what was asked for is not good, and nothing was sent
+    case EPROTONOSUPPORT:
+    case EAFNOSUPPORT:
+      return kUsage;
+    case ECONNREFUSED:
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+    case EADDRNOTAVAIL:
+    case ETIMEDOUT:
+      return kUnreachable;
+    default:
+      return kFailed;
+  }
 }
 
 void Rest::Answered(const std::string& body, long result) {
   if (result < 0) {
     Complain("{}: {}", Escape(options_.url), shttp::DescribeHttpResult(result));
-    return loop_.Finish(IsUnreachable(result) ? kUnreachable : kFailed);
+    return loop_.Finish(ToExitCode(result));
   }
   output_.Text("status {}", result);
   PrintBody(body);
