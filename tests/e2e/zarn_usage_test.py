@@ -111,6 +111,10 @@ class Usage(ToolTest):
         self.assertEqual(self.run_tool("kv", "s", "put", "k", "v", cwd=self.root).returncode, 0)
         for option, *arguments in (("--file", "kv", "s", "get", "k", "--file=", "--hex"),
                                    ("--data", "send", "ipc://1_2", "--data=", "--json"),
+                                   ("--type", "send", "ipc://1_2", "--type=", "--data", "hello"),
+                                   ("--data", "send", "ipc://1_2", "--data="),
+                                   ("--type", "send", "", "--type=", "--data", "hello"),
+                                   ("--grep", "log", "--grep="), ("--watch", "stat", "--watch=", "1_2"),
                                    ("--setting", "rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x",
                                     "--setting=", "--json")):
             result = self.run_tool(*arguments, cwd=self.root)

@@ -70,17 +70,19 @@ bool ParseAll(const std::string& text, Number& number) {
   return result.ec == std::errc() && result.ptr == end;
 }
 
-// After "--file=" the parser takes the next argument for the value.
-void RefuseCutOptions(const CLI::App& command, int argc, char** argv) {
+// After "--file=" the parser would take the next argument for the value.
+void RefuseCutOptions(const CLI::App& app, int argc, char** argv) {
+  const CLI::App* command = &app;
   for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
     std::string name = argv[i];
+    const auto named = command->get_subcommands(
+        [&](const CLI::App* each) { return !name.empty() && each->get_name() == name; });
+    if (!named.empty()) command = named.front();
     if (!name.starts_with("--") || !name.ends_with('=')) continue;
     name.pop_back();
-    if (command.get_option_no_throw(name) != nullptr)
+    if (command->get_option_no_throw(name) != nullptr)
       throw CLI::ValidationError(name, "has no value after '='");
   }
-  for (const CLI::App* subcommand : command.get_subcommands())
-    RefuseCutOptions(*subcommand, argc, argv);
 }
 
 // Prints the help or the version that was asked for, or what is wrong.
@@ -122,8 +124,8 @@ int RunCommandLine(int argc, char** argv) {
   AddShm(app, action);
   AddRest(app, action);
   try {
-    app.parse(argc, argv);
     RefuseCutOptions(app, argc, argv);
+    app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return Explain(app, error);
   }
