@@ -67,6 +67,22 @@ class Usage(ToolTest):
         self.assert_wrong_usage("bench", "ipc://1_2", "--window", "0")
         self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--tag", "4294967296")
 
+    def test_seconds_out_of_range_are_told_the_range(self):
+        for option, value, least, most, *arguments in (
+                ("--interval", "86401", "0", "86400", "ping", "ipc://1_2"),
+                ("--timeout", "1000001", "0", "1000000", "ping", "ipc://1_2"),
+                ("--seconds", "0", "0.001", "3600", "bench", "ipc://1_2"),
+                ("--watch", "0", "0.01", "1000000", "stat")):
+            result = self.run_tool(*arguments, option, value)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), option)
+            self.assertEqual(result.stderr.splitlines()[0],
+                             f"{option}: '{value}' is not a number of seconds from {least} to {most}")
+
+    def test_help_shows_no_default_that_would_be_refused(self):
+        shown = self.run_tool("stat", "--help").stdout
+        self.assertIn("--watch SECONDS ", shown)
+        self.assertIn("--timeout SECONDS=5 ", shown)
+
     def test_numbers_are_decimal_and_none_is_cut(self):
         huge = "99999999999999999999999"
         for arguments in (("ping", "-c", huge), ("ping", "-c", "18446744073709551616"), ("ping", "-c", ""),

@@ -198,19 +198,21 @@ CLI::Validator IsNumber(std::uint64_t least, std::uint64_t most) {
           most == kUnlimited ? "" : fmt::format("INT in [{} - {}]", least, most)};
 }
 
-void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
-                double most, const std::string& description) {
-  command.add_option(name, value, description)
-      ->check(CLI::Validator(
-          [least, most](const std::string& text) {
-            double seconds = 0;
-            const bool good = ParseAll(text, seconds) && seconds >= least &&
-                              seconds <= most;  // false for NaN too
-            return good ? std::string() : "'" + text + "' is not a number of seconds in range";
-          },
-          ""))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+CLI::Option& AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
+                        double most, const std::string& description) {
+  return *command.add_option(name, value, description)
+              ->check(CLI::Validator(
+                  [least, most](const std::string& text) {
+                    double seconds = 0;
+                    const bool good = ParseAll(text, seconds) && seconds >= least &&
+                                      seconds <= most;  // false for NaN too
+                    return good ? std::string()
+                                : fmt::format("'{}' is not a number of seconds from {} to {}", text,
+                                              least, most);
+                  },
+                  ""))
+              ->type_name("SECONDS")
+              ->capture_default_str();
 }
 
 void SetExamples(CLI::App& command, const std::string& examples) {

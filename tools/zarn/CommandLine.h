@@ -52,8 +52,8 @@ CLI::Option& AddNumber(CLI::App& command, const std::string& name, Value& value,
               ->type_name("N")
               ->capture_default_str();
 }
-void AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
-                double most, const std::string& description);
+CLI::Option& AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
+                        double most, const std::string& description);
 void SetExamples(CLI::App& command, const std::string& examples);
 
 // What every subcommand that talks to one peer is told.

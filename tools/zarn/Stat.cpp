@@ -241,8 +241,9 @@ void AddStat(CLI::App& app, Action& action) {
   AddJson(command, options->json);
   command.add_flag("--prometheus", options->prometheus, "print the text format of Prometheus")
       ->excludes("--json");
-  AddSeconds(command, "--watch", options->watch, 0.01, 1e6, "show it again and again");
-  command.get_option("--watch")->excludes("--prometheus");
+  AddSeconds(command, "--watch", options->watch, 0.01, 1e6, "show it again and again")
+      .default_str("")
+      ->excludes("--prometheus");
   AddSeconds(command, "--timeout", options->timeout, 0, 1e6,
              "how long to wait for the answer of a process; 0 for ever");
   command.add_flag("--clean", options->clean,
