@@ -140,6 +140,18 @@ class Usage(ToolTest):
         self.assertEqual(self.run_tool("kv", "s", "put", "--", "KEY=", "--file=", cwd=self.root).returncode, 0)
         self.assertEqual(self.run_tool("kv", "s", "get", "KEY=", cwd=self.root).stdout, "--file=\n")
 
+    def test_an_option_that_would_be_without_effect_is_wrong_usage(self):
+        for words, *arguments in (
+                (("--password-file", "--user"), "rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x",
+                 "--password-file", "file"),
+                (("--fixed", "--grep"), "log", "-F"), (("--clean",), "stat", "1_2", "--clean"),
+                (("--clean",), "stat", "--clean", str(os.getpid()))):
+            result = self.run_tool(*arguments)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
+            for word in words:
+                self.assertIn(word, result.stderr.splitlines()[0])
+        self.assertEqual(self.run_tool("stat", "all", "--clean").returncode, 0)
+
     def test_send_wants_exactly_one_content(self):
         self.assert_wrong_usage("send", "ipc://1_2")
         self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--file", "y")

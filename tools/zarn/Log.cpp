@@ -234,13 +234,14 @@ void AddFilterOptions(CLI::App& command, const std::shared_ptr<LogOptions>& opti
       ->delimiter(',')
       ->allow_extra_args(false)
       ->type_name("NAME");
-  command.add_flag("-F,--fixed", options->fixed, "PATTERN is plain text");
+  CLI::Option* fixed = command.add_flag("-F,--fixed", options->fixed, "PATTERN is plain text");
   command
       .add_option("--grep", options->grep,
                   "only lines that match this regular expression (as of grep -E), names and time "
                   "included")
       ->check(IsPattern(options))
       ->type_name("PATTERN");
+  fixed->needs("--grep");
   command
       .add_option("--since", options->since,
                   "only lines from this time on (UTC): 2024-01-31, 2024-01-31T08:15:02.5, 10m, "

@@ -243,7 +243,8 @@ void AddRest(CLI::App& app, Action& action) {
       ->type_name("NAME");
   command.add_option("--password-file", options->passwordFile, "its first line is the password")
       ->check(IsNotEmpty())
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->needs("--user");
   command
       .add_option("--ca", options->authorities, "authorities to trust besides those of the system")
       ->check(IsNotEmpty())

@@ -249,7 +249,11 @@ void AddStat(CLI::App& app, Action& action) {
   command.add_flag("--clean", options->clean,
                    "remove what killed processes of our own user have left");
   SetExamples(command, "  zarn stat 1_2 --watch 1");
-  command.callback([options, &action] { action = [options] { return RunStat(*options); }; });
+  command.callback([options, &action] {
+    if (options->clean && options->target != "all")
+      throw CLI::ValidationError("--clean", "looks at all processes, not at one");
+    action = [options] { return RunStat(*options); };
+  });
 }
 
 }  // namespace zarn::tool
