@@ -190,7 +190,7 @@ class Stat(ToolTest):
                 self.assertEqual(value, "2")
         self.assertEqual({name for name, _ in seen}, types.keys())
 
-    def test_watch_shows_it_again_until_it_is_interrupted(self):
+    def test_watch_shows_it_again_until_it_is_interrupted_or_the_one_asked_for_is_gone(self):
         server, client = self.echo()
         watch = self.start("stat", "1_2", "--json", "--watch", "0.2")
         self.assertEqual(watch.event("stream")["messages_received"], 1)
