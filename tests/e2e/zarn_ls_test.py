@@ -210,6 +210,17 @@ class Completion(ToolTest):
         self.assertEqual(self.complete("zarn", "db", str(segments) + "/z"),
                          [str(segments / "zarn_shm_cfg")])
 
+    def test_only_what_is_taken_is_offered(self):
+        self.serve()
+        self.make_segment("cfg")
+        (self.root / "file").touch()
+        offered = self.complete("zarn", "rest", "")
+        self.assertIn("--setting", offered)
+        self.assertNotIn(self.url, offered)
+        for words in (("shm", "ls"), ("db", "some.db", "ls"), ("kv", "store", "dump")):
+            self.assertEqual(self.complete("zarn", *words, ""), [""])
+            self.assertIn("--json", self.complete("zarn", *words, "--"))
+
     def test_names_of_segments_and_files_are_not_run(self):
         self.make_segment("$(touch${IFS}ran)")
         self.make_segment("`touch ran`")

@@ -40,6 +40,8 @@ _zarn_store() {
     esac
   elif ((at > place)) && [[ "$current" == -* ]]; then
     mapfile -t words < <(_zarn_options "${COMP_WORDS[@]:1:place}")
+  elif [[ "${COMP_WORDS[place]}" == @(ls|dump) ]]; then
+    return # these take options only
   elif [[ "$subcommand" == shm ]]; then
     mapfile -t words < <(_zarn_segments)
   else
@@ -78,7 +80,7 @@ _zarn() {
       fi
       mapfile -t words < <(_zarn_options "$subcommand")
       case "$subcommand:$line" in
-        ls:* | env:* | rest:http* | *:-*) ;;
+        ls:* | env:* | rest:* | *:-*) ;;
         stat:*) mapfile -t words < <(echo all && _zarn_urls | sed 's,.*//,,') ;;
         *) mapfile -t words < <(_zarn_urls) ;;
       esac
