@@ -108,11 +108,7 @@ CLI::App& AddVerb(CLI::App& db, const std::shared_ptr<DbOptions>& options, Actio
 void AddReading(CLI::App& db, const std::shared_ptr<DbOptions>& options, Action& action) {
   CLI::App& get = AddVerb(db, options, action, "get", "print the value of a key", RunDbGet);
   AddKey(get, options->key);
-  AddHex(get, options->show.hex);
-  get.add_option("--file", options->show.file,
-                 "write the value there as it is; '-' is standard output")
-      ->check(IsNotEmpty())
-      ->type_name("FILE");
+  AddShow(get, options->show);
   SetExamples(get, "  zarn db settings.db get zarn://node/name");
 
   CLI::App& ls = AddVerb(db, options, action, "ls", "print all keys and values", RunDbLs);

@@ -138,11 +138,7 @@ void AddKv(CLI::App& app, Action& action) {
 
   CLI::App& get = AddKvVerb(kv, options, action, "get", "print the value of a key", RunKvGet);
   AddKey(get, options->key);
-  AddHex(get, options->show.hex);
-  get.add_option("--file", options->show.file,
-                 "write the value there as it is; '-' is standard output")
-      ->check(IsNotEmpty())
-      ->type_name("FILE");
+  AddShow(get, options->show);
   SetExamples(get, "  zarn kv store get name");
 
   CLI::App& put = AddKvVerb(kv, options, action, "put", "set the value of a key", RunKvPut);

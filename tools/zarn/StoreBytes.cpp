@@ -85,6 +85,13 @@ void AddValue(CLI::App& command, ValueOptions& value) {
   group.require_option(1);
 }
 
+void AddShow(CLI::App& command, ShowOptions& show) {
+  AddHex(command, show.hex);
+  command.add_option("--file", show.file, "write the value there as it is; '-' is standard output")
+      ->check(IsNotEmpty())
+      ->type_name("FILE");
+}
+
 void AddHex(CLI::App& command, bool& hex) {
   command.add_flag("--hex", hex, "show keys and values as hex digits");
 }

@@ -31,7 +31,8 @@ struct ShowOptions {
 
 void AddKey(CLI::App& command, KeyOptions& key);
 void AddValue(CLI::App& command, ValueOptions& value);
-void AddHex(CLI::App& command, bool& hex);
+void AddShow(CLI::App& command, ShowOptions& show);
+void AddHex(CLI::App& command, bool& hex);  // of a list
 
 // Nothing, after a complaint, when it is no hex or the file cannot be read.
 std::optional<std::string> GetKey(const KeyOptions& options);
