@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "OwnedChain.h"
 #include "TlsBio.h"
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
@@ -37,30 +38,6 @@ constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // 16 KiB
 // A peer can ask for new keys again and again, and read none of the answers: behind so much that
 // waits for room nothing more is read.
 constexpr std::size_t kMostRest = 2 * kRecord;
-
-void DropRead(std::unique_ptr<CAWMessageBlock>& chain) {
-  if (chain != nullptr) chain.reset(chain.release()->ReclaimGarbage());
-}
-
-void AppendTo(std::unique_ptr<CAWMessageBlock>& chain, CAWMessageBlock* more) {
-  if (chain == nullptr) {
-    chain.reset(more);
-  } else {
-    chain->Append(more);
-  }
-}
-
-// Small pieces share a block: there may be many.
-void AddBytes(std::unique_ptr<CAWMessageBlock>& chain, const CAWMessageBlock& piece) {
-  CAWMessageBlock* last = chain.get();
-  while (last != nullptr && last->GetNext() != nullptr) last = last->GetNext();
-  if (last == nullptr || last->GetSpace() < piece.GetLength()) {
-    auto more = std::make_unique<CAWMessageBlock>(std::max(piece.GetLength(), kRecord));
-    last = more.get();
-    AppendTo(chain, more.release());
-  }
-  last->Write(piece.GetReadPtr(), piece.GetLength());
-}
 
 }  // namespace
 
@@ -316,7 +293,7 @@ std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
   if (rest_ == nullptr && !lowerEnded_ && !SendBelow(block)) return 0;
   if (block.GetLength() == 0) return length;
   try {
-    AddBytes(rest_, block);
+    AddBytes(rest_, block, kRecord);
     NoteQueued();
     return length;
   } catch (const std::bad_alloc&) {
