@@ -144,6 +144,8 @@ class Usage(ToolTest):
         for words, *arguments in (
                 (("--password-file", "--user"), "rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x",
                  "--password-file", "file"),
+                (("--ca", "https"), "rest", "HTTP://127.0.0.1:1/zarn/tcpchannel", "--data", "x", "--ca", "file"),
+                (("--max-queue", "--echo"), "serve", "ipc://1_2", "--max-queue", "5"),
                 (("--fixed", "--grep"), "log", "-F"), (("--clean",), "stat", "1_2", "--clean"),
                 (("--clean",), "stat", "--clean", str(os.getpid()))):
             result = self.run_tool(*arguments)

@@ -1,4 +1,5 @@
 // Rest.cpp - zarn rest: one request to an HTTP server, and its answer.
+#include <strings.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -8,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "CommandLine.h"
 #include "Loop.h"
@@ -25,6 +27,7 @@ namespace {
 using keelbase::CAWThreadManager;
 
 constexpr const char* kUrlMark = "/zarn/tcpchannel";
+constexpr std::string_view kPlainHttp = "http://";
 constexpr const char* kPasswordVariable = "ZARN_REST_PASSWORD";
 constexpr double kForEver = 1e6;
 constexpr long kLeastErrorStatus = 400;
@@ -214,6 +217,21 @@ void AddContent(CLI::App& command, RestOptions& options) {
   content.require_option(1);
 }
 
+// Who names authorities counts on a verified server, so an http:// url is a slip.
+void AddAuthorities(CLI::App& command, RestOptions& options) {
+  const CLI::Option* authorities =
+      command
+          .add_option("--ca", options.authorities,
+                      "https: authorities to trust besides those of the system")
+          ->check(IsNotEmpty())
+          ->type_name("FILE");
+  command.parse_complete_callback([&options, authorities] {
+    if (authorities->count() != 0 &&
+        ::strncasecmp(options.url.c_str(), kPlainHttp.data(), kPlainHttp.size()) == 0)
+      throw CLI::ValidationError("--ca", "is for https:// urls only");
+  });
+}
+
 }  // namespace
 
 void AddRest(CLI::App& app, Action& action) {
@@ -245,10 +263,7 @@ void AddRest(CLI::App& app, Action& action) {
       ->check(IsNotEmpty())
       ->type_name("FILE")
       ->needs("--user");
-  command
-      .add_option("--ca", options->authorities, "authorities to trust besides those of the system")
-      ->check(IsNotEmpty())
-      ->type_name("FILE");
+  AddAuthorities(command, *options);
   AddSeconds(command, "--timeout", options->timeout, 0, kForEver,
              "how long connecting, sending and the answer may take, each; 0 for ever");
   AddJson(command, options->json);

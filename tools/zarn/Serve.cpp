@@ -206,7 +206,8 @@ void AddServe(CLI::App& app, Action& action) {
   command.add_flag("--echo", options->echo, "send each message back to its sender");
   AddNumber(command, "--max-queue", options->maxQueue, 0, kUnlimited,
             "with --echo: drop a client for which more than that waits")
-      .type_name("BYTES");
+      .type_name("BYTES")
+      ->needs("--echo");
   command.add_flag("--full", options->full, "print long messages in full");
   command.add_flag("-q,--quiet", options->quiet, "print the summary only");
   AddJson(command, options->json);
