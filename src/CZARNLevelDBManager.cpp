@@ -21,6 +21,14 @@ constexpr int kDone = 0;
 constexpr int kFailed = -1;
 constexpr std::size_t kOpenMemory = 1 << 20;  // bytes; LevelDB takes less to set itself up
 
+// Bytes of a key and of a value. LevelDB counts in 32 bits and would take what is longer for a
+// shorter one with other entries behind it.
+constexpr unsigned long kMostBytes = 1UL << 30;
+
+bool IsTooLong(unsigned long keyLen, unsigned long valueLen = 0) {
+  return keyLen > kMostBytes || valueLen > kMostBytes;
+}
+
 leveldb::WriteOptions WriteOptionsWith(bool sync) {
   leveldb::WriteOptions options;
   options.sync = sync;
@@ -63,19 +71,19 @@ int CZARNLevelDBManager::Run(Operation operation) {
 // Open. So it begins only when there is some.
 int CZARNLevelDBManager::Open(const char* path) try {
   database_ = nullptr;
-  if (path == nullptr) return kFailed;
+  if (path == nullptr || *path == '\0') return kFailed;
   ::operator delete(::operator new(kOpenMemory));
   leveldb::Options options;
   options.create_if_missing = createIfMissing_;
   if (!compression_) options.compression = leveldb::kNoCompression;
-  database_ = OpenAndKeep(options, path);
+  database_ = OpenAndKeep(options, path, syncWrites_);
   return database_ != nullptr ? kDone : kFailed;
 } catch (const std::bad_alloc&) {
   return kFailed;
 }
 
 int CZARNLevelDBManager::DBLookup(char* key, unsigned long keyLen, std::string* value) {
-  if (database_ == nullptr) return kFailed;
+  if (database_ == nullptr || IsTooLong(keyLen)) return kFailed;
   return Run([&](leveldb::DB& database) {
     return database.Get(leveldb::ReadOptions(), leveldb::Slice(key, keyLen), value);
   });
@@ -83,6 +91,7 @@ int CZARNLevelDBManager::DBLookup(char* key, unsigned long keyLen, std::string* 
 
 int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
+  if (IsTooLong(keyLen, valueLen)) return kFailed;
   return Run([&](leveldb::DB& database) {
     leveldb::WriteBatch batch;  // one of LevelDB's own would leak, see above
     batch.Put(leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
@@ -92,14 +101,14 @@ int CZARNLevelDBManager::DBInsert(char* key, unsigned long keyLen, char* value,
 
 int CZARNLevelDBManager::DBUpdate(char* key, unsigned long keyLen, char* value,
                                   unsigned long valueLen) {
-  if (database_ == nullptr) return kFailed;
+  if (database_ == nullptr || IsTooLong(keyLen, valueLen)) return kFailed;
   return Run([&](leveldb::DB& database) {
     return Replace(database, leveldb::Slice(key, keyLen), leveldb::Slice(value, valueLen));
   });
 }
 
 int CZARNLevelDBManager::DBRemove(char* key, unsigned long keyLen) {
-  if (database_ == nullptr) return kFailed;
+  if (database_ == nullptr || IsTooLong(keyLen)) return kFailed;
   return Run([&](leveldb::DB& database) {
     leveldb::WriteBatch batch;
     batch.Delete(leveldb::Slice(key, keyLen));

@@ -11,8 +11,10 @@ namespace zarn::utils {
 // Opens a database and keeps it for the rest of the process. Whoever lets go of it leaves its lock,
 // its files and its thread as they are, so nothing that still runs in it (a compaction, another
 // thread's call, an iterator) ever touches memory that is gone. Its files take nothing more after a
-// failed write. Any thread. Null when it cannot be opened; throws std::bad_alloc.
-leveldb::DB* OpenAndKeep(leveldb::Options options, const std::string& path);
+// failed write. With `sync` a new log is in its directory for good before it takes a write. Any
+// thread. Null when it cannot be opened, or is open already, under whatever name; throws
+// std::bad_alloc.
+leveldb::DB* OpenAndKeep(leveldb::Options options, const std::string& path, bool sync);
 
 // Takes the place of a database that cannot be used any more: every operation fails.
 leveldb::DB* GetFailedDatabase();

@@ -2,6 +2,7 @@
 // whoever looks at one afterwards is another process; a full disk is a limit on the size of files.
 #include "zarn/utils/CZARNLevelDBManager.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -68,6 +69,18 @@ class CZARNLevelDBManagerTest : public testing::Test {
         .Succeeded();
   }
 
+  // As another process sees it. One that tried to open it would be refused by LevelDB in any case,
+  // since it has this one's memory.
+  bool IsLocked() const {
+    return ForkedChild([&] {
+             struct flock lock {};
+             lock.l_type = F_WRLCK;
+             const int file = ::open((path_ + "/LOCK").c_str(), O_RDWR | O_CLOEXEC);
+             return ::fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+           })
+        .Succeeded();
+  }
+
   test::TempDir dir_;
   const std::string path_ = dir_.GetPath() + "/store";
   CZARNLevelDBManager store_{true, 7, true, true};
@@ -117,6 +130,23 @@ TEST_F(CZARNLevelDBManagerTest, KeysAndValuesAreAnyBytesAlsoNone) {
               ElementsAre(Pair("", "empty key"), Pair(odd, large), Pair("empty value", "")));
 }
 
+// LevelDB itself takes 4 GiB and 3 bytes for 3, and the rest for further entries.
+TEST_F(CZARNLevelDBManagerTest, WhatHasMoreThanOneGibibyteIsRefusedAndChangesNothing) {
+  constexpr unsigned long kTooMuch = (1UL << 30) + 1;
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  ASSERT_EQ(Insert(store_, "k", "old"), 0);
+  char byte = 'k';
+  std::string value;
+  EXPECT_EQ(store_.DBInsert(&byte, 1, &byte, kTooMuch), -1);
+  EXPECT_EQ(store_.DBInsert(&byte, kTooMuch, &byte, 1), -1);
+  EXPECT_EQ(store_.DBUpdate(&byte, 1, &byte, kTooMuch), -1);
+  EXPECT_EQ(store_.DBUpdate(&byte, kTooMuch, &byte, 1), -1);
+  EXPECT_EQ(store_.DBRemove(&byte, kTooMuch), -1);
+  EXPECT_EQ(store_.DBLookup(&byte, kTooMuch, &value), -1);
+  EXPECT_THAT(All(store_), ElementsAre(Pair("k", "old")));
+  EXPECT_EQ(Insert(store_, "k", "new"), 0);
+}
+
 TEST_F(CZARNLevelDBManagerTest, DumpsInTheOrderOfKeysWhatThereWasWhenItBegan) {
   ASSERT_EQ(store_.Open(path_.c_str()), 0);
   for (const char* key : {"b", "a", "c"}) Insert(store_, key, "v");
@@ -161,6 +191,7 @@ TEST_F(CZARNLevelDBManagerTest, OpenThatFailsLeavesAnObjectThatCanOpenAnother) {
   std::ofstream(file) << "x";
   EXPECT_EQ(store_.Open(file.c_str()), -1);
   EXPECT_EQ(store_.Open(nullptr), -1);
+  EXPECT_EQ(store_.Open(""), -1);
   EXPECT_EQ(Update(store_, "k", "v"), -1);
   EXPECT_EQ(store_.Open(path_.c_str()), 0);
   EXPECT_EQ(Update(store_, "k", "v"), 0);
@@ -213,7 +244,25 @@ TEST_F(CZARNLevelDBManagerTest, ClosedPathIsOpenedByAnotherProcessAfterOursAndNo
   EXPECT_EQ(ValueOf(store_, "k"), "v");
   EXPECT_EQ(ValueOf(store_, "u"), "w");
   store_.Close();
-  EXPECT_FALSE(Elsewhere([](CZARNLevelDBManager&) { return true; })) << "the lock is still held";
+  EXPECT_TRUE(IsLocked());
+}
+
+TEST_F(CZARNLevelDBManagerTest, AnOpenThatIsRefusedLeavesTheDatabaseLocked) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  CZARNLevelDBManager second(true, 0, true, true);
+  EXPECT_EQ(second.Open(path_.c_str()), -1);
+  EXPECT_TRUE(IsLocked());
+}
+
+TEST_F(CZARNLevelDBManagerTest, ADatabaseIsOpenedOnceByWhateverPath) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  const std::string link = dir_.GetPath() + "/link";
+  std::filesystem::create_directory_symlink(path_, link);
+  CZARNLevelDBManager second(true, 0, true, true);
+  for (const std::string& path : {path_ + "/", dir_.GetPath() + "/./store", link}) {
+    EXPECT_EQ(second.Open(path.c_str()), -1) << path;
+  }
+  EXPECT_EQ(second.Open((dir_.GetPath() + "/another").c_str()), 0);
 }
 
 TEST_F(CZARNLevelDBManagerTest, EndOfTheObjectLetsGoLikeClose) {

@@ -32,9 +32,9 @@ namespace zarn::utils {
 // answers -1, while reads go on; another process can write once this one has ended. Only one for
 // which no new log could be made, as without a descriptor, has left nothing and may be made again.
 //
-// A path is opened once in the life of a process. Close, and the end of the object, let go of the
-// database without shutting it down: its memory, its thread and the lock of its directory stay
-// until the process ends, and then another one can open it. Each further path costs as much again.
+// A database is opened once in the life of a process. Close, and the end of the object, let go of
+// the database without shutting it down: its memory, its thread and the lock of its directory stay
+// until the process ends, and then another one can open it. Each further one costs as much again.
 //
 // Forking: LevelDB's thread stays behind, and a child that writes much waits for it for ever. A
 // child uses no database of its parent, and opens none when the parent has opened any.
@@ -57,9 +57,12 @@ class ZARNUTILS_API CZARNLevelDBManager {
   CZARNLevelDBManager(const CZARNLevelDBManager&) = delete;
   CZARNLevelDBManager& operator=(const CZARNLevelDBManager&) = delete;
 
-  // -1 also for a path that this process has opened before, or another has open, and for null. An
-  // object that is open lets go of its database first, as Close does, also when it gets no other.
+  // -1 also for a database that this process has opened before, by whatever path, or another has
+  // open, and for null and "". An object that is open lets go of its database first, as Close does,
+  // also when it gets no other.
   int Open(const char* path);
+
+  // Keys and values have 1 GiB at most: a longer one is answered with -1, and changes nothing.
 
   // -1 when there is none, and when it cannot be read; `value` may then hold anything.
   int DBLookup(char* key, unsigned long keyLen, std::string* value);
@@ -74,7 +77,7 @@ class ZARNUTILS_API CZARNLevelDBManager {
 
   // Calls `visit` for every entry in the order of the keys, as they were when it began. The bytes
   // are good until `visit` returns; it may use this object, but not close it. What it throws passes
-  // through. Ends early without a word where the database cannot be read.
+  // through. What cannot be read is left out without a word.
   void DBDump(Visitor visit);
 
   void Close();
