@@ -41,6 +41,7 @@ AWResult CZARNShareMemory::MemUnlock() { return segment_.MemUnlock(); }
 int CZARNShareMemory::createshm() try {
   const CAWString root = GetZARNRootSystem();
   if (root.empty()) return kNoRoot;
+  if (name_.find('\0') != CAWString::npos) return static_cast<int>(AW_ERROR_FAILURE);
   // The path stays that of the segment, whatever the environment says by now.
   if (segment_.GetAddress() != nullptr) return static_cast<int>(AW_ERROR_FAILURE);
   const CAWString directory = root + kDirectory;

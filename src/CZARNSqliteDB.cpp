@@ -45,6 +45,7 @@ const char* TextOf(const char* value) { return value != nullptr ? value : ""; }
 
 AWResult CZARNSqliteDB::InitDB(const CAWString& path) try {
   CloseDB();
+  if (path.find('\0') != CAWString::npos) return AW_ERROR_FAILURE;
   if (sqlite3_open(path.c_str(), &handle_) != SQLITE_OK) return AW_ERROR_FAILURE;
   return ToResult(Execute(handle_, kCreateTable));
 } catch (const std::bad_alloc&) {

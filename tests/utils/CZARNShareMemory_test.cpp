@@ -144,6 +144,15 @@ TEST_F(CZARNShareMemoryTest, OneThatIsTooSmallIsRefusedAndRemovedAllTheSame) {
   EXPECT_FALSE(fs::exists(PathOf("cfg")));
 }
 
+TEST_F(CZARNShareMemoryTest, ANameWithANulByteIsRefusedAndTouchesNoOther) {
+  const Memory memory = Make("cfg", 100);
+  ASSERT_EQ(memory->createshm(), 0);
+  Memory cut = Make(CAWString("cfg\0two", 7), 100);
+  EXPECT_EQ(cut->createshm(), 10001);
+  cut = nullptr;
+  EXPECT_TRUE(fs::exists(PathOf("cfg")));
+}
+
 TEST_F(CZARNShareMemoryTest, DirectoryInThePlaceOfTheFileIsRefused) {
   fs::create_directories(PathOf("cfg"));
   std::ofstream(PathOf("cfg") + "/file") << "x";

@@ -201,6 +201,12 @@ TEST_F(CZARNSqliteDBTest, PathThatCannotBeOpenedLeavesAnObjectThatFailsAndCanBeU
   EXPECT_EQ(db_.SetPersistentData("k", "v"), AW_OK);
 }
 
+TEST_F(CZARNSqliteDBTest, PathWithANulByteIsRefusedAndNoFileIsMade) {
+  EXPECT_EQ(db_.InitDB(path_ + CAWString("\0more", 5)), AW_ERROR_FAILURE);
+  EXPECT_EQ(db_.SetPersistentData("k", "v"), AW_ERROR_FAILURE);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
 TEST_F(CZARNSqliteDBTest, FileThatIsNoStoreIsLeftAsItIs) {
   const CAWString content(5000, 'x');
   std::ofstream(path_) << content;
@@ -374,6 +380,20 @@ TEST_F(CZARNSqliteDBTest, BatchThatFindsNoRoomChangesNothing) {
   });
   EXPECT_TRUE(child.Succeeded());
   EXPECT_THAT(All(), UnorderedElementsAre(Pair("k", "old")));
+}
+
+// SQLite undoes the batch when there is no room, which no later call undoes.
+TEST_F(CZARNSqliteDBTest, WhatFollowsAFailureForLackOfRoomInABatchCountsByItself) {
+  db_.InitDB(path_);
+  EXPECT_TRUE(ForkedChild([&] {
+                CZARNSqliteDB db;
+                db.InitDB(path_);
+                return test::LimitFileSizeOnce(100'000) && db.Begin() == SQLITE_OK &&
+                       db.SetPersistentData("before", "v") == AW_OK &&
+                       db.SetPersistentData("large", CAWString(12'000'000, 'x')) != AW_OK &&
+                       db.SetPersistentData("after", "v") == AW_OK && db.Commit() != SQLITE_OK;
+              }).Succeeded());
+  EXPECT_THAT(All(), UnorderedElementsAre(Pair("after", "v")));
 }
 
 TEST_F(CZARNSqliteDBTest, ReadOnlyDirectoryIsACodeAndTheOldDataCanBeRead) {

@@ -24,7 +24,8 @@ namespace zarn::utils {
 // Lifetime: counted, from 0; a CAWAutoPtr holds it. The end of any handle removes the file, also
 // while other processes use the segment and also when its createshm has failed: these keep the
 // memory that they have, and whoever creates the name from then on gets a new segment. So one
-// process, the one that outlives the others, is the one to let go.
+// process, the one that outlives the others, is the one to let go. Forking: the child of a fork
+// lets go of its parent's handles when it ends with exit; let it end with _exit.
 //
 // Threads: createshm and the counting on one thread; MemLock and MemUnlock by any. The lock
 // excludes threads and processes alike, and the death of its holder does not lock the others out.
@@ -44,7 +45,7 @@ class ZARNUTILS_API CZARNShareMemory
   // larger. 0; -1 without a system directory (nothing is made then); else what
   // keelbase::CAWShmBase::Create answers: 10001 when the one that is there is smaller or no segment
   // of ours, when there is no room, and when this object has its segment already; 10012 when
-  // another process kept it locked for ten seconds.
+  // another process kept it locked for ten seconds. A name with a NUL byte is answered with 10001.
   int createshm();
 
   // The memory, aligned to 4096 bytes, and how many bytes it has; null and 0 without a segment.

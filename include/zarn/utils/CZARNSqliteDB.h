@@ -26,9 +26,11 @@ namespace zarn::utils {
 // handed to the disk before the call returns; a batch between Begin and Commit counts as one write,
 // done when Commit answers 0. docs/stores.md has the details.
 //
-// Threads: one thread at a time. Processes: a file that another process is just writing is not
-// waited for, the call fails. Ownership: the object owns its connection and closes it at its end;
-// a batch that was begun and not committed is undone then.
+// Threads: one thread at a time. Processes: no other one is waited for; a write fails while another
+// process reads or writes the file, a read while one writes. Forking: a child uses no store of its
+// parent, and ends with _exit: the end of the object in it would undo the parent's batch.
+// Ownership: the object owns its connection and closes it at its end; a batch that was begun and
+// not committed is undone then.
 class ZARNUTILS_API CZARNSqliteDB {
  public:
   using DataMap =
@@ -41,13 +43,17 @@ class ZARNUTILS_API CZARNSqliteDB {
 
   // Opens the file, or makes it, and makes the table; closes what was open before. 0: the table is
   // new. 10001: the table was there already, and everything works; or the file cannot be used, and
-  // every operation will say so. `path` is handed to SQLite, to which "" and ":memory:" are stores
-  // that nobody else sees.
+  // every operation but GetAllData will say so; or another process was using it, and the table may
+  // be missing: then the first write fails, and InitDB is to be called again. `path` is handed to
+  // SQLite, to which "" and ":memory:" are stores that nobody else sees; one with a NUL byte is
+  // answered with 10001.
   keelbase::AWResult InitDB(const keelbase::CAWString& path);
   keelbase::AWResult CloseDB();  // 0, also when closed
 
   // A batch: what is done between the two is written once, all or nothing. The code of SQLite, 0
   // when done; 21 (misuse) on a closed store. Begin within a batch answers 1 and goes on with it.
+  // An operation that fails for want of room may undo the batch at once: what follows counts by
+  // itself then, and Commit answers 1. So after a failure give the batch up.
   int Begin();
   int Commit();
 
@@ -55,7 +61,7 @@ class ZARNUTILS_API CZARNSqliteDB {
   keelbase::CAWString GetPersistentData(const keelbase::CAWString& key);
 
   // Inserts, or replaces. 0; 10001 when closed, when key or value is empty, when the file cannot be
-  // written and when memory runs out; nothing has changed then.
+  // written and when memory runs out; nothing has changed then, unless a batch was undone.
   keelbase::AWResult SetPersistentData(const keelbase::CAWString& key,
                                        const keelbase::CAWString& value);
   keelbase::AWResult SetOrUpdatePersistentData(const keelbase::CAWString& key,

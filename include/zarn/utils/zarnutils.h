@@ -89,8 +89,9 @@ ZARNUTILS_API keelbase::AWResult ZARNCreateIPCAddr(std::uint16_t a, std::uint16_
 
 // The way back: the pair that ZARNCreateIPCAddr was given, also when the endpoint's file does not
 // exist (any more). A number that is missing gives 0, also both; larger ones give their low 16
-// bits. 0; 10001 (both unchanged) without a system directory and for a path that cannot lie below
-// it. A path elsewhere is not recognised as such and gives any numbers.
+// bits, as long as they are below 2^63. 0; 10001 (both unchanged) without a system directory and
+// for a path that cannot lie below it. A path elsewhere is not recognised as such and gives any
+// numbers.
 ZARNUTILS_API keelbase::AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b,
                                                  const keelbase::CAWIPCAddr& addr);
 
