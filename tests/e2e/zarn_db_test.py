@@ -7,6 +7,7 @@ import random
 import signal
 import sqlite3
 import subprocess
+import tempfile
 import time
 import tty
 import unittest
@@ -14,6 +15,7 @@ import unittest
 from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_endings
 
 ROWS = 6000
+ROW = b'{"key":"k","value":"v"}\n'
 
 
 class Db(ToolTest):
@@ -288,8 +290,95 @@ class Transfer(Db):
         place.mkdir()
         self.fails(1, f"^zarn: '{place}': Is a directory$", *self.db, "export", str(place))
         self.assertEqual(self.run_events(*self.db, "export", str(place), code=1),
-                         [{"event": "summary", "rows": 1, "complete": False}])
+                         [{"event": "summary", "rows": 0, "complete": False}])
         self.assertEqual(list(self.root.glob("*.part")), [])
+
+    def test_an_export_to_what_is_no_plain_file_is_written_to_it(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        fifo = self.root / "fifo"
+        os.mkfifo(fifo)
+        reader = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        self.assertEqual(self.run_ok(*self.db, "export", str(fifo)), "rows written 1\n")
+        self.assertEqual(os.read(reader, 4096), ROW)
+        self.assertTrue(fifo.is_fifo())
+        leader, follower = pty.openpty()
+        self.addCleanup(os.close, leader)
+        self.addCleanup(os.close, follower)
+        tty.setraw(follower)
+        device = self.root / "device"
+        device.symlink_to(os.ttyname(follower))
+        self.run_ok(*self.db, "export", str(device))
+        self.assertEqual(os.read(leader, 4096), ROW)
+        full = self.root / "full"
+        full.symlink_to("/dev/full")
+        self.fails(1, f"^zarn: '{full}': No space left on device$", *self.db, "export", str(full))
+        self.assertTrue(full.is_char_device())
+
+    def test_an_export_to_the_file_of_standard_output_goes_there(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        for name in ("/dev/fd/1", "/dev/stdout"):
+            self.assertEqual(self.run_ok(*self.db, "export", name).encode(), ROW)
+            out = self.root / "out"
+            out.write_text("before\n")
+            with open(out, "ab") as stdout:
+                subprocess.run([TOOL, *self.db, "export", name], env=self.env, stdout=stdout, check=True,
+                               timeout=PATIENCE)
+            self.assertEqual(out.read_bytes(), b"before\n" + ROW)
+
+    def test_an_export_to_an_open_file_without_a_name_is_written_to_it(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        with tempfile.TemporaryFile(dir=self.root) as file:
+            self.run_ok(*self.db, "export", f"/dev/fd/{file.fileno()}", pass_fds=[file.fileno()])
+            self.assertEqual(file.read(), ROW)
+
+    def test_an_export_to_a_link_replaces_what_the_link_leads_to(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        (self.root / "far").mkdir()
+        (self.root / "near").symlink_to("far/link")
+        (self.root / "far/link").symlink_to("target")
+        for _ in range(2):  # the first time there is no target yet
+            self.run_ok(*self.db, "export", str(self.root / "near"))
+            self.assertEqual((self.root / "far/target").read_bytes(), ROW)
+            self.assertTrue((self.root / "near").is_symlink())
+            self.assertTrue((self.root / "far/link").is_symlink())
+            (self.root / "far/target").write_text("before")
+        round_ = self.root / "round"
+        round_.symlink_to("round")
+        self.fails(1, f"^zarn: '{round_}': Too many levels", *self.db, "export", str(round_))
+
+    def test_an_export_keeps_the_mode_of_the_file_that_it_replaces(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        out = self.root / "out"
+        previous = os.umask(0o027)
+        self.addCleanup(os.umask, previous)
+        self.run_ok(*self.db, "export", str(out))
+        self.assertEqual(out.stat().st_mode & 0o7777, 0o640)
+        for mode in (0o600, 0o666):
+            out.chmod(mode)
+            self.run_ok(*self.db, "export", str(out))
+            self.assertEqual(out.stat().st_mode & 0o7777, mode)
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root can give files away")
+    def test_an_export_of_root_keeps_the_owner_of_the_file_that_it_replaces(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        out = self.root / "out"
+        out.touch()
+        os.chown(out, 65534, 65533)
+        self.run_ok(*self.db, "export", str(out))
+        self.assertEqual((out.stat().st_uid, out.stat().st_gid), (65534, 65533))
+
+    def test_a_link_at_the_part_file_is_replaced_and_not_followed(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        victim = self.root / "victim"
+        victim.write_text("mine")
+        out = self.root / "out"
+        (self.root / "out.part").symlink_to(victim)
+        self.run_ok(*self.db, "export", str(out))
+        self.assertEqual((victim.read_text(), out.read_bytes()), ("mine", ROW))
+        self.assertFalse(out.is_symlink())
+        (self.root / "out.part").mkdir()
+        self.fails(1, "out.part': File exists$", *self.db, "export", str(out))
 
     def test_import_interrupted_at_any_moment_and_run_again_ends_with_the_same_content(self):
         lines = self.make_lines()

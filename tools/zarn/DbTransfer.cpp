@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 #include "CommandLine.h"
 #include "Db.h"
@@ -219,23 +220,82 @@ bool WriteRows(DbFile& store, const std::string& path, std::FILE* file, const st
   return written && read && !IsInterrupted();
 }
 
-// The file is there with all its rows, or as it was before.
-bool ExportToFile(DbFile& store, const std::string& path, const std::string& to,
-                  std::uint64_t& rows) {
-  const std::string part = to + ".part";
-  std::FILE* file = std::fopen(part.c_str(), "wbe");
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool IsStandardOutput(const std::string& path) {
+  struct stat named {};
+  struct stat output {};
+  return ::stat(path.c_str(), &named) == 0 && ::fstat(STDOUT_FILENO, &output) == 0 &&
+         IsSameFile(named, output);
+}
+
+// Where the links at `path` lead; nothing need be there.
+std::string FollowLinks(std::filesystem::path path) {
+  constexpr int kMostLinks = 40;  // as many as the kernel follows
+  std::error_code error;
+  for (int links = 0; links < kMostLinks && std::filesystem::is_symlink(path, error); ++links)
+    path = path.parent_path() / std::filesystem::read_symlink(path, error);
+  return path.string();
+}
+
+// For a pipe, a device and the like, and for an open file that has no name.
+bool ExportDirectly(DbFile& store, const std::string& path, const std::string& to,
+                    std::uint64_t& rows) {
+  std::FILE* file = std::fopen(to.c_str(), "wbe");
+  const bool written = file != nullptr && WriteRows(store, path, file, to, rows);
+  const bool done = file != nullptr && std::fclose(file) == 0 && written;
+  if (!done && (written || file == nullptr)) Complain("'{}': {}", Escape(to), std::strerror(errno));
+  return done;
+}
+
+// A new file, as private as the one that it is to replace; null with errno.
+std::FILE* MakePart(const std::string& part, const struct stat* replaced) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  ::unlink(part.c_str());  // of an export that was killed
+  const int fd = ::open(part.c_str(), kFlags, replaced != nullptr ? 0600 : 0666);
+  if (fd < 0) return nullptr;
+  if (replaced != nullptr) {
+    // Only root can keep a foreign owner.
+    [[maybe_unused]] const int owned = ::fchown(fd, replaced->st_uid, replaced->st_gid);
+    ::fchmod(fd, replaced->st_mode & 0777U);
+  }
+  return ::fdopen(fd, "wb");
+}
+
+// The file at `place` is there with all its rows, or as it was before.
+bool ReplaceByExport(DbFile& store, const std::string& path, const std::string& place,
+                     const struct stat* replaced, std::uint64_t& rows) {
+  const std::string part = place + ".part";
+  std::FILE* file = MakePart(part, replaced);
   if (file == nullptr) {
     Complain("'{}': {}", Escape(part), std::strerror(errno));
     return false;
   }
-  const bool written = WriteRows(store, path, file, to, rows);
+  const bool written = WriteRows(store, path, file, place, rows);
   bool done = written && ::fsync(::fileno(file)) == 0;
   done = std::fclose(file) == 0 && done;
-  done = done && std::rename(part.c_str(), to.c_str()) == 0;
+  done = done && std::rename(part.c_str(), place.c_str()) == 0;
   if (done) return true;
-  if (written) Complain("'{}': {}", Escape(to), std::strerror(errno));
+  if (written) Complain("'{}': {}", Escape(place), std::strerror(errno));
   ::unlink(part.c_str());
   return false;
+}
+
+bool ExportToFile(DbFile& store, const std::string& path, const std::string& to,
+                  std::uint64_t& rows) {
+  struct stat status {};
+  const bool there = ::stat(to.c_str(), &status) == 0;
+  if (!there && errno != ENOENT) {
+    Complain("'{}': {}", Escape(to), std::strerror(errno));
+    return false;
+  }
+  const std::string place = FollowLinks(to);
+  struct stat found {};
+  const bool named = ::stat(place.c_str(), &found) == 0 && IsSameFile(status, found);
+  if (there && (!S_ISREG(status.st_mode) || !named)) return ExportDirectly(store, path, to, rows);
+  return ReplaceByExport(store, path, place, there ? &status : nullptr, rows);
 }
 
 void SummariseTransfer(Output& output, std::uint64_t rows, bool complete) {
@@ -272,7 +332,8 @@ int ExportDb(const std::string& path, const std::string& to, bool json) {
   if (store == nullptr) return kFailed;
   CatchInterruptions();
   std::uint64_t rows = 0;
-  if (to == "-") return WriteRows(*store, path, stdout, to, rows) ? kDone : kFailed;
+  if (to == "-" || IsStandardOutput(to))
+    return WriteRows(*store, path, stdout, to, rows) ? kDone : kFailed;
   Output output(json);
   const bool done = ExportToFile(*store, path, to, rows);
   if (done) output.Text("rows written {}", rows);
