@@ -63,7 +63,8 @@ class Kv(ToolTest):
                               stdout=subprocess.PIPE) as holder:
             holder.stdout.readline()
             try:
-                self.fails(1, rf"in use by process {holder.pid} \(store_peer\)", *self.kv, "get", "k")
+                for verb in (("get", "k"), ("dump",)):
+                    self.fails(1, rf"in use by process {holder.pid} \(store_peer\)", *self.kv, *verb)
             finally:
                 holder.kill()
         self.assertEqual(self.run_ok(*self.kv, "get", "k"), "v\n")
@@ -84,6 +85,39 @@ class Kv(ToolTest):
         for verb in (("get", "k"), ("put", "k", "w"), ("rm", "k"), ("dump",)):
             self.fails(1, rf"^zarn: '{self.path}': cannot be opened; its file LOG may say why$",
                        *self.kv, *verb)
+
+    def damage(self, pattern, old, new):
+        """Changes bytes in the one file of that name."""
+        (path,) = self.path.glob(pattern)
+        whole = path.read_bytes()
+        self.assertIn(old, whole)
+        path.write_bytes(whole.replace(old, new))
+
+    def test_a_dump_that_lacks_entries_or_shows_others_is_a_failure(self):
+        self.run_ok(*self.kv, "put", "k", "needle")
+        self.run_ok(*self.kv, "put", "l", "v")  # the first entry moves to a table
+        self.damage("*.ldb", b"needle", b"noodle")
+        for options in ((), ("--json",)):
+            result = self.run_tool(*self.kv, "dump", *options)
+            self.assertEqual((result.returncode, result.stdout.count("\n")), (1, 1), result)
+            self.assertRegex(result.stdout, r"\bl\b")
+            self.assertRegex(result.stderr, rf"^zarn: '{self.path}': not all of it can be read: Corruption: .*\n$")
+
+    def test_a_table_that_is_cut_is_told(self):
+        self.run_ok(*self.kv, "put", "k", "v")
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tv\n")
+        (table,) = self.path.glob("*.ldb")
+        os.truncate(table, table.stat().st_size - 8)
+        self.fails(1, "not all of it can be read: ", *self.kv, "dump")
+
+    def test_a_dump_does_not_open_a_store_whose_log_is_damaged_and_leaves_it_as_it_is(self):
+        self.run_ok(*self.kv, "put", "k", "needle")
+        self.damage("*.log", b"needle", b"noodle")
+        for _ in range(2):
+            self.fails(1, "cannot be opened; its file LOG may say why", *self.kv, "dump")
+        self.assertRegex((self.path / "LOG").read_text(encoding="utf-8"), "checksum mismatch")
+        self.damage("*.log", b"noodle", b"needle")
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tneedle\n")
 
     def test_an_output_that_cannot_be_written_is_a_failure_and_the_store_stays_as_it_is(self):
         self.run_ok(*self.kv, "put", "k", "needle")

@@ -1,5 +1,9 @@
 // Kv.cpp - zarn kv: looks into a LevelDB store and changes it.
 #include <fcntl.h>
+#include <leveldb/db.h>
+#include <leveldb/iterator.h>
+#include <leveldb/options.h>
+#include <leveldb/status.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,14 +56,28 @@ void ComplainNotOpened(const std::string& path) {
 }
 
 // LevelDB makes the directory even where it is to make no database, so that is looked at first.
+bool IsKvThere(const std::string& path) {
+  if (::access((path + "/CURRENT").c_str(), F_OK) == 0) return true;
+  Complain("'{}': there is no store: {}", Escape(path), std::strerror(errno));
+  return false;
+}
+
 bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
-  if (!make && ::access((path + "/CURRENT").c_str(), F_OK) != 0) {
-    Complain("'{}': there is no store: {}", Escape(path), std::strerror(errno));
-    return false;
-  }
+  if (!make && !IsKvThere(path)) return false;
   if (store.Open(path.c_str()) == 0) return true;
   ComplainNotOpened(path);
   return false;
+}
+
+// The library's own class does not say what it leaves out. Damage to the log is a failure here:
+// opened all the same, the store would lose for good what stands there.
+std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path) {
+  if (!IsKvThere(path)) return nullptr;
+  leveldb::Options options;
+  options.paranoid_checks = true;
+  leveldb::DB* store = nullptr;
+  if (!leveldb::DB::Open(options, path, &store).ok()) ComplainNotOpened(path);
+  return std::unique_ptr<leveldb::DB>(store);
 }
 
 bool FindInKv(CZARNLevelDBManager& store, const KvOptions& options, std::string& key,
@@ -105,14 +123,20 @@ int RunKvRm(const KvOptions& options) {
 }
 
 int RunKvDump(const KvOptions& options) {
-  CZARNLevelDBManager store(true, 0, true, false);
-  if (!OpenKv(options.path, store, false)) return kFailed;
+  const auto store = OpenKvToRead(options.path);
+  if (store == nullptr) return kFailed;
   Output output(options.json);
-  store.DBDump(
-      [&](const char* key, unsigned long keyLen, const char* value, unsigned long valueLen) {
-        ShowEntry(output, options.show.hex, {key, keyLen}, {value, valueLen});
-      });
-  return output.Flush() ? kDone : kFailed;
+  leveldb::ReadOptions whole;
+  whole.verify_checksums = true;
+  const std::unique_ptr<leveldb::Iterator> at(store->NewIterator(whole));
+  for (at->SeekToFirst(); at->Valid(); at->Next())
+    ShowEntry(output, options.show.hex, {at->key().data(), at->key().size()},
+              {at->value().data(), at->value().size()});
+  const leveldb::Status status = at->status();
+  if (!status.ok())
+    Complain("'{}': not all of it can be read: {}", Escape(options.path),
+             Escape(status.ToString()));
+  return output.Flush() && status.ok() ? kDone : kFailed;
 }
 
 CLI::App& AddKvVerb(CLI::App& kv, const std::shared_ptr<KvOptions>& options, Action& action,
