@@ -412,6 +412,39 @@ class Follow(LogTest):
         self.assertEqual(running.event("line")["text"], "second")
         self.assertEqual(running.end(), 0)
 
+    def test_a_pipe_with_a_name_is_read_as_it_comes_from_one_writer_after_another(self):
+        path = self.write("a.log", line(0))
+        fifo = self.logs / "fifo"
+        os.mkfifo(fifo)
+        running = self.follow("--no-name", path, str(fifo))
+        self.assert_line(running, line(0))
+        for second in (1, 2):
+            with open(fifo, "w", encoding="utf-8") as writer:
+                writer.write(line(second))
+                writer.flush()
+                self.assert_line(running, line(second))
+        self.assertEqual(running.end(), 0)
+
+    def test_a_pipe_that_nobody_writes_to_does_not_keep_it(self):
+        fifo = self.logs / "fifo"
+        os.mkfifo(fifo)
+        running = self.follow(str(self.logs / "later.log"), str(fifo))
+        running.line_with("waiting for it", "stderr")
+        self.assertEqual(running.end(), 0)
+
+    def test_standard_input_that_says_nothing_does_not_keep_it(self):
+        running = self.start("log", "--follow", "/dev/stdin", stdin=subprocess.PIPE)
+        for second in (0, 1):
+            running.process.stdin.write(line(second).encode())
+            running.process.stdin.flush()
+            self.assert_line(running, line(second))
+        self.assertEqual(running.end(), 0)
+
+    def test_a_device_that_never_pauses_does_not_keep_it(self):
+        running = self.follow(str(self.logs / "later.log"), "/dev/zero", "--grep", "needle")
+        running.line_with("waiting for it", "stderr")
+        self.assertEqual(running.end(), 0)
+
     def test_ends_when_nobody_reads_it(self):
         path = self.write("a.log", line(0))
         with subprocess.Popen([TOOL, "log", "-f", path], env=self.env, stdout=subprocess.PIPE) as process:

@@ -1,15 +1,17 @@
 // Interruption.cpp - see Interruption.h.
 #include "Interruption.h"
 
+#include <atomic>
 #include <csignal>
 
 namespace zarn::tool {
 
 namespace {
 
-volatile std::sig_atomic_t signalSeen = 0;
+std::atomic<bool> signalSeen = false;
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
 
-void Remember(int /*signal*/) { signalSeen = 1; }
+void Remember(int /*signal*/) { NoteInterruption(); }
 
 }  // namespace
 
@@ -29,6 +31,8 @@ void CatchInterruptions() {
   }
 }
 
-bool IsInterrupted() { return signalSeen != 0; }
+void NoteInterruption() { signalSeen = true; }
+
+bool IsInterrupted() { return signalSeen; }
 
 }  // namespace zarn::tool

@@ -1,5 +1,5 @@
-// Interruption.h - the signals that end the program, and how subcommands without an event loop see
-// them.
+// Interruption.h - the signals that end the program, and how subcommands see them without an event
+// loop, or while they keep it.
 #pragma once
 
 #include <vector>
@@ -12,6 +12,7 @@ std::vector<int> GetEndingSignals();
 
 // The first signal is remembered, and ends a read that waits; a second one ends the process.
 void CatchInterruptions();
+void NoteInterruption();  // the same, of one who fetches the signals; any thread
 bool IsInterrupted();
 
 }  // namespace zarn::tool

@@ -54,7 +54,8 @@ class LogReader {
 
  private:
   struct Source {
-    explicit Source(std::string path, const LogFilter& filter) : file(std::move(path), filter) {}
+    Source(std::string path, const LogOptions& options)
+        : file(std::move(path), options.filter, !options.follow) {}
     LogFile file;
     LogRecord next;
     bool complained = false;
@@ -107,7 +108,7 @@ void LogReader::FindFiles() {
 void LogReader::Add(const std::string& path) {
   for (const auto& source : sources_)
     if (source->file.GetPath() == path) return;
-  sources_.push_back(std::make_unique<Source>(path, options_.filter));
+  sources_.push_back(std::make_unique<Source>(path, options_));
 }
 
 void LogReader::Open(Source& source) {

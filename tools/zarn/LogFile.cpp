@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+#include "Interruption.h"
+
 namespace zarn::tool {
 
 namespace {
@@ -19,15 +21,18 @@ constexpr std::size_t kStartSize = 64;                  // enough for the time o
 
 }  // namespace
 
-LogFile::LogFile(std::string path, const LogFilter& filter)
-    : path_(std::move(path)), filter_(filter), headPasses_(!filter.AsksForFields()) {}
+LogFile::LogFile(std::string path, const LogFilter& filter, bool waits)
+    : path_(std::move(path)),
+      filter_(filter),
+      waits_(waits),
+      headPasses_(!filter.AsksForFields()) {}
 
 LogFile::~LogFile() {
   if (fd_ >= 0) ::close(fd_);
 }
 
 int LogFile::Open() {
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | (waits_ ? 0 : O_NONBLOCK));
   if (fd < 0) return errno;
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;
@@ -134,6 +139,7 @@ void LogFile::FindHead(std::size_t before) {
 
 // Reads on. False at the end of the file, for now.
 bool LogFile::Fill() {
+  if (IsInterrupted()) return false;  // a pipe may have more all the time
   FindHead(begin_);
   if (begin_ > 0) {
     std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
@@ -149,7 +155,7 @@ bool LogFile::Fill() {
   do {
     count = ::read(fd_, buffer_.data() + end_, buffer_.size() - end_);
   } while (count < 0 && errno == EINTR);
-  if (count < 0) error_ = errno;
+  if (count < 0 && errno != EAGAIN) error_ = errno;
   if (count <= 0) return false;
   const auto added = static_cast<std::size_t>(count);
   if (const void* newline = ::memrchr(buffer_.data() + end_, '\n', added))

@@ -27,7 +27,8 @@ class LogFile {
  public:
   static constexpr Micros kNoTime = std::numeric_limits<Micros>::min();
 
-  LogFile(std::string path, const LogFilter& filter);
+  // With `waits` false a pipe that is empty, or that nobody writes to, has no more for now.
+  LogFile(std::string path, const LogFilter& filter, bool waits);
   ~LogFile();
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
@@ -60,6 +61,7 @@ class LogFile {
 
   const std::string path_;
   const LogFilter& filter_;
+  const bool waits_;
   int fd_ = -1;
   int error_ = 0;
   struct stat opened_ {};

@@ -56,6 +56,7 @@ void Loop::WaitForSignals() {
     ::sigwait(&signals, &signal);
     if (ended_) return;
     if (again) ::_exit(128 + signal);
+    NoteInterruption();
     thread_->Post([this] { interrupted_(); });
   }
 }
