@@ -1,6 +1,7 @@
 """zarn shm: the segments of the root, who uses them, and what is not removed."""
 
 import getpass
+import mmap
 import os
 import subprocess
 import unittest
@@ -65,6 +66,36 @@ class Shm(ToolTest):
         self.assertEqual(os.listdir(self.directory), ["zarn_shm_cfg"])
         self.assertEqual(self.run_tool("shm", "rm", "cfg", "--force").returncode, 0)
         self.assertEqual(os.listdir(self.directory), [])
+
+    def map_file(self, path):
+        """This process has it mapped as long as the test lasts."""
+        path.write_bytes(b"\0" * 8192)
+        with open(path, "r+b") as file:
+            self.addCleanup(mmap.mmap(file.fileno(), 0).close)
+
+    def assert_kept(self, name):
+        self.fails(1, rf"in use by process {os.getpid()} ", "shm", "rm", name)
+        self.assertEqual(self.run_events("shm", "info", name)[0]["pids"], [os.getpid()])
+
+    def test_whoever_uses_a_segment_is_seen_whatever_its_path_looks_like(self):
+        other = self.root / "other\n\x1b[31m \\ root"
+        link = self.root / "link"
+        link.symlink_to(self.root)
+        for root in (self.root, other, link):
+            self.use_root(root)
+            directory = root / "system/zarn/shm/zarnshmm"
+            directory.mkdir(parents=True, exist_ok=True)
+            for name in ("cfg", "a\nb", "a\\012c"):
+                self.map_file(directory / f"zarn_shm_{name}")
+                self.assert_kept(name)
+
+    def test_whoever_came_by_another_name_of_the_file_is_seen(self):
+        self.directory.mkdir(parents=True)
+        self.map_file(self.root / "first")
+        os.link(self.root / "first", self.directory / "zarn_shm_cfg")
+        self.assert_kept("cfg")
+        (self.directory / "zarn_shm_other").write_bytes(b"\0" * 8192)
+        self.assertEqual(self.run_events("shm", "info", "other")[0]["pids"], [])
 
     def test_names_that_lead_elsewhere_are_refused(self):
         for name in ("../x", "a/b", "/x", "..", "a..b", ""):

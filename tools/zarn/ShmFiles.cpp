@@ -1,6 +1,9 @@
 // ShmFiles.cpp - see ShmFiles.h.
 #include "ShmFiles.h"
 
+#include <fmt/format.h>
+#include <sys/sysmacros.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -18,8 +21,33 @@ constexpr const char* kShmDirectory = "/zarn/shm/zarnshmm";  // below the system
 constexpr std::string_view kShmPrefix = "zarn_shm_";
 constexpr std::uint64_t kAdministration = 4096;  // bytes of the file before the memory
 
+// What the kernel says of a segment in the list of a process's mappings: "... major:minor inode
+// path", with a newline in the path as \012. Some file systems tell another device there than in
+// the status of the file, and a path may be seen from another root, so either of them counts.
+struct MappedSegment {
+  explicit MappedSegment(ShmSegment& mapped) : segment(&mapped) {
+    const struct stat& status = mapped.status;
+    file = fmt::format(" {:02x}:{:02x} {} ", major(status.st_dev), minor(status.st_dev),
+                       status.st_ino);
+    std::error_code error;
+    path = ' ' + std::filesystem::canonical(mapped.path, error).string();
+    for (std::size_t at = 0; (at = path.find('\n', at)) != std::string::npos;)
+      path.replace(at, 1, "\\012");
+  }
+
+  bool IsIn(std::string_view line) const {
+    return line.substr(0, line.find('/')).find(file) != std::string_view::npos ||
+           (path.size() > 1 && line.ends_with(path));
+  }
+
+  ShmSegment* segment;
+  std::string file;
+  std::string path;
+};
+
 // Reads no file of another user's process.
 void AddProcesses(std::vector<ShmSegment>& segments) {
+  const std::vector<MappedSegment> mapped(segments.begin(), segments.end());
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
     const std::string number = entry.path().filename().string();
@@ -28,9 +56,10 @@ void AddProcesses(std::vector<ShmSegment>& segments) {
     if (std::from_chars(number.data(), end, process).ptr != end || process <= 0) continue;
     std::ifstream maps(entry.path().string() + "/maps");
     for (std::string line; std::getline(maps, line);) {
-      for (ShmSegment& segment : segments) {
-        const bool known = !segment.processes.empty() && segment.processes.back() == process;
-        if (!known && line.ends_with(" " + segment.path)) segment.processes.push_back(process);
+      for (const MappedSegment& each : mapped) {
+        std::vector<pid_t>& processes = each.segment->processes;
+        const bool known = !processes.empty() && processes.back() == process;
+        if (!known && each.IsIn(line)) processes.push_back(process);
       }
     }
   }
