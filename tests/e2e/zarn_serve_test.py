@@ -210,6 +210,17 @@ class Listening(ToolTest):
         self.assert_refused(rf"{self.url}: cannot listen: .*in use by process {server.process.pid} ")
         self.assertEqual(server.end(), 0)
 
+    def test_the_name_of_the_program_that_serves_it_is_escaped(self):
+        program = self.root / "evil\x1b[31m\nzarn: fine"
+        shutil.copy(shutil.which("sleep"), program)
+        listener = self.listen()
+        with subprocess.Popen([program, "1000"], pass_fds=[listener.fileno()]) as other:
+            listener.close()
+            try:
+                self.assert_refused(rf"in use by process {other.pid} \(evil\\x1b\[31m\\nzarn: fine\)\n$")
+            finally:
+                other.kill()
+
     def test_a_served_endpoint_is_refused_when_the_directory_is_free_again(self):
         server = self.serve()
         locked = os.open(self.ipc, os.O_RDONLY)

@@ -4,6 +4,7 @@ import errno
 import json
 import os
 import re
+import shutil
 import unittest
 
 from zarn_tool import ToolTest
@@ -202,6 +203,58 @@ class Root(ToolTest):
         os.mkdir("system", 0o700)
         self.assert_root_refused("'./system' cannot be used: File name too long; correct ZARN_ROOT",
                                  dict(self.env, ZARN_ROOT="."))
+
+    def test_root_of_any_bytes_is_shown_escaped(self):
+        root = self.root / "a\nzarn: b\x1b[31m"
+        shown = f"{self.root}/a\\nzarn: b\\x1b[31m"
+        system = f"'{shown}/system'"
+        self.env["ZARN_ROOT"] = str(root)
+        self.assert_root_refused(re.escape(f"ZARN_ROOT is '{shown}', but {system} does not exist"), self.env)
+        root.mkdir()
+        (root / "system").write_text("")
+        self.assert_root_refused(re.escape(f"but {system} is not a directory"), self.env)
+        (root / "system").unlink()
+        root.rmdir()
+        root.write_text("")
+        self.assert_root_refused(re.escape(f"but {system} cannot be used: "), self.env)
+        root.unlink()
+        self.use_root(root)
+        ipc = f"'{shown}/system/zarn/ipc'"
+        told = [(("ls",), 0, f"no endpoints in {ipc} and '{shown}/system/zarn/shmipc'\n"),
+                (("stat",), 0, f"no process shows its metrics in '{shown}/system/zarn/stat'\n"),
+                (("shm", "ls"), 0, f"no segments in '{shown}/system/zarn/shm/zarnshmm'\n"),
+                (("log",), 1, f"'{shown}/logs': No such file or directory\n"),
+                (("send", "ipc://1_2", "--data", "x", "--timeout", "0.2"), 3,
+                 f"nobody listens there, {ipc[:-1]}/1_2' does not exist\n")]
+        self.assert_told(told)
+        self.ipc = root / "system/zarn/ipc"
+        self.leave_stale("1_2")
+        self.leave_stale("3_4")
+        (self.ipc / "3_4").unlink()
+        (self.ipc / "3_4").write_text("")
+        self.assert_told([
+            (("send", "ipc://1_2", "--data", "x", "--timeout", "0.2"), 3, f"{ipc[:-1]}/1_2' is stale\n"),
+            (("send", "ipc://3_4", "--data", "x", "--timeout", "0.2"), 3, "it is not an endpoint file\n"),
+            (("serve", "ipc://3_4"), 1, "it is not an endpoint file\n")])
+        server = self.serve(url="ipc://5_6")
+        self.assert_told([(("serve", "ipc://5_6"), 1,
+                           f"{ipc[:-1]}/5_6' is in use by process {server.process.pid} (zarn)\n")])
+        (self.ipc / "5_6").unlink()
+        self.assertIn(f"{ipc[:-1]}/5_6' has been removed", server.line_with("ipc://5_6", "stderr"))
+        self.assertEqual(server.end(), 0)
+        self.ipc.chmod(0o777)
+        self.assert_told([(("serve", "ipc://7_8"), 1, f"make it private with 'chmod 700 {ipc[1:]}\n")])
+        shutil.rmtree(self.ipc)
+        self.ipc.write_text("")
+        self.assert_told([(("ls",), 1, f"{ipc}: Not a directory\n"),
+                          (("serve", "ipc://1_2"), 1, f"{ipc[:-1]}/1_2': Not a directory\n")])
+
+    def assert_told(self, wanted):
+        for arguments, code, end in wanted:
+            result = self.run_tool(*arguments)
+            told = result.stdout + result.stderr
+            self.assertEqual((result.returncode, len(told.splitlines())), (code, 1), told)
+            self.assertTrue(told.endswith(end), told)
 
     def test_root_that_vanishes_meanwhile_is_told(self):
         for arguments in (("serve", "shm://1_2"), ("ping", "shm://1_2")):

@@ -21,6 +21,7 @@
 
 #include "Descriptor.h"
 #include "Endpoint.h"
+#include "Escape.h"
 #include "Root.h"
 #include "SocketOwners.h"
 
@@ -172,7 +173,7 @@ std::string DescribeOwner(const std::string& path) {
     file = files[0];
   }
   if (file.process == 0) return "another process";
-  return fmt::format("process {} ({})", file.process, GetProgramName(file.process));
+  return fmt::format("process {} ({})", file.process, Escape(GetProgramName(file.process)));
 }
 
 }  // namespace zarn::tool

@@ -46,7 +46,7 @@ bool IsSocketFile(const std::string& path);
 std::string GetUserName(uid_t user);        // its number when it has none
 std::string GetProgramName(pid_t process);  // empty when it cannot be seen
 
-// "process 12 (zarn)", for a message about the endpoint file.
+// "process 12 (zarn)", escaped, for a message about the endpoint file.
 std::string DescribeOwner(const std::string& path);
 
 }  // namespace zarn::tool

@@ -101,14 +101,15 @@ class LocalClient final : public ClientLink {
 
   std::string Explain(long reason) const override {
     if (reason == 0) return "the peer closed the connection";
-    if (reason == ENOENT) return fmt::format("nobody listens there, '{}' does not exist", path_);
+    const std::string shown = Escape(path_);
+    if (reason == ENOENT) return fmt::format("nobody listens there, '{}' does not exist", shown);
     if (reason == ECONNREFUSED && !IsSocketFile(path_))
-      return fmt::format("'{}' is in the way: it is not an endpoint file", path_);
+      return fmt::format("'{}' is in the way: it is not an endpoint file", shown);
     if (reason == ECONNREFUSED)
-      return fmt::format("nobody listens there any more, '{}' is stale", path_);
+      return fmt::format("nobody listens there any more, '{}' is stale", shown);
     std::string text = keelbase::DescribeResult(reason);
-    if (reason == EACCES) return fmt::format("'{}' belongs to another user: {}", path_, text);
-    if (reason == ENOTDIR) return fmt::format("'{}': {}", path_, text);
+    if (reason == EACCES) return fmt::format("'{}' belongs to another user: {}", shown, text);
+    if (reason == ENOTDIR) return fmt::format("'{}': {}", shown, text);
     const std::string more = Over::Explain(reason);
     return more.empty() ? text : more;
   }
@@ -194,19 +195,20 @@ class LocalServer final : public ServerLink {
 
   std::string Check() override {
     if (IsSocketFile(path_)) return {};
-    return fmt::format("'{}' has been removed: no new client can come", path_);
+    return fmt::format("'{}' has been removed: no new client can come", Escape(path_));
   }
 
   std::string Explain(long reason) const override {
-    const std::string directory = GetEndpointDirectory(Over::kScheme);
+    const std::string directory = Escape(GetEndpointDirectory(Over::kScheme));
+    const std::string shown = Escape(path_);
     if (reason == EADDRINUSE && !IsSocketFile(path_))
-      return fmt::format("'{}' is in the way: it is not an endpoint file", path_);
+      return fmt::format("'{}' is in the way: it is not an endpoint file", shown);
     if (reason == EADDRINUSE)
-      return fmt::format("'{}' is in use by {}", path_, DescribeOwner(path_));
+      return fmt::format("'{}' is in use by {}", shown, DescribeOwner(path_));
     if (reason == EPERM)
       return fmt::format("'{}' can be written to by others: make it private with 'chmod 700 {}'",
                          directory, directory);
-    return fmt::format("'{}': {}", path_, keelbase::DescribeResult(reason));
+    return fmt::format("'{}': {}", shown, keelbase::DescribeResult(reason));
   }
 
   void Received(Peer& peer, const Message& message) { sink_.OnMessage(peer, message); }

@@ -48,8 +48,8 @@ void PrintObject(Output& output, const EndpointFile& file) {
 
 void PrintTable(Output& output, const std::vector<EndpointFile>& files) {
   if (files.empty()) {
-    return output.Text("no endpoints in '{}' and '{}'", GetEndpointDirectory("ipc"),
-                       GetEndpointDirectory("shm"));
+    return output.Text("no endpoints in '{}' and '{}'", Escape(GetEndpointDirectory("ipc")),
+                       Escape(GetEndpointDirectory("shm")));
   }
   std::size_t width = 8;
   for (const EndpointFile& file : files) width = std::max(width, GetLabel(file).size());
@@ -84,7 +84,7 @@ int RunLs(const LsOptions& options) {
   for (const char* scheme : {"ipc", "shm"}) {
     std::vector<EndpointFile> found;
     if (const int error = ListOne(scheme, options, found); error != 0) {
-      Complain("'{}': {}", GetEndpointDirectory(scheme), std::strerror(error));
+      Complain("'{}': {}", Escape(GetEndpointDirectory(scheme)), std::strerror(error));
       code = kFailed;
     }
     std::move(found.begin(), found.end(), std::back_inserter(files));

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Escape.h"
 #include "keelbase/CAWEnvironment.h"
 #include "zarn/utils/zarnutils.h"
 
@@ -19,19 +20,21 @@ std::string CheckRoot() {
            "system directory with 'mkdir -p -m 700 DIR/system'";
   const std::string system = root + "/system";
   struct stat status {};
+  const std::string shownRoot = Escape(root);
+  const std::string shown = Escape(system);
   const bool found = ::stat(system.c_str(), &status) == 0;
   if (!found && errno == ENOENT)
     return fmt::format(
         "ZARN_ROOT is '{}', but '{}' does not exist: make it with 'mkdir -p -m 700 {}', or "
         "correct ZARN_ROOT",
-        root, system, system);
+        shownRoot, shown, shown);
   if (found && !S_ISDIR(status.st_mode))
-    return fmt::format("ZARN_ROOT is '{}', but '{}' is not a directory: correct ZARN_ROOT", root,
-                       system);
+    return fmt::format("ZARN_ROOT is '{}', but '{}' is not a directory: correct ZARN_ROOT",
+                       shownRoot, shown);
   // What is found from here may have too long a name all the same.
   if (!found || utils::GetZARNRootSystem().empty())
-    return fmt::format("ZARN_ROOT is '{}', but '{}' cannot be used: {}; correct ZARN_ROOT", root,
-                       system, std::strerror(errno));
+    return fmt::format("ZARN_ROOT is '{}', but '{}' cannot be used: {}; correct ZARN_ROOT",
+                       shownRoot, shown, std::strerror(errno));
   return {};
 }
 

@@ -67,7 +67,7 @@ int RunShmLs(const ShmOptions& options) {
   std::size_t width = 8;
   for (const ShmSegment& segment : segments) width = std::max(width, Escape(segment.name).size());
   if (segments.empty()) {
-    output.Text("no segments in '{}'", GetShmDirectory());
+    output.Text("no segments in '{}'", Escape(GetShmDirectory()));
   } else {
     output.Text("{:<{}} {:>12} {:<12} {}", "SEGMENT", width, "BYTES", "USER", "PROCESSES");
   }

@@ -69,7 +69,7 @@ int FindProcesses(const StatOptions& options, std::vector<pid_t>& processes) {
   int error = ScanEndpoints("stat", files);
   if (error == 0 && options.clean) error = RemoveStale("stat", files);
   if (error != 0) {
-    Complain("'{}': {}", GetEndpointDirectory("stat"), std::strerror(error));
+    Complain("'{}': {}", Escape(GetEndpointDirectory("stat")), std::strerror(error));
     return kFailed;
   }
   for (const EndpointFile& file : files)
@@ -161,7 +161,8 @@ std::string DescribeState(const CZARNStreamMetrics& stream) {
 
 void PrintStatTable(Output& output, const std::vector<ProcessMetrics>& processes) {
   if (processes.empty())
-    return output.Text("no process shows its metrics in '{}'", GetEndpointDirectory("stat"));
+    return output.Text("no process shows its metrics in '{}'",
+                       Escape(GetEndpointDirectory("stat")));
   std::size_t width = 6;
   for (const ProcessMetrics& process : processes)
     for (const CZARNStreamMetrics& stream : process.metrics.streams)
