@@ -171,6 +171,16 @@ class Files(Db):
             self.fails(1, told, *self.db, *verb)
         self.assertEqual(list(self.root.glob("out*")), [])
 
+    def test_names_in_a_damaged_store_are_shown_escaped(self):
+        connection = sqlite3.connect(self.path)
+        connection.execute("CREATE TABLE ZARNDATA(URL, VALUE)")
+        connection.execute("PRAGMA writable_schema=ON")
+        connection.execute("UPDATE sqlite_master SET sql='CREATE nothing', name=?", ["a\nzarn: b\x1b[31m"])
+        connection.commit()
+        connection.close()
+        for verb in (("ls",), ("set", "k", "v")):
+            self.fails(1, r"^zarn: [^\n]*\(a\\nzarn: b\\x1b\[31m\)[^\n]*\n$", *self.db, *verb)
+
     def test_files_for_values_that_cannot_be_used_are_told(self):
         self.run_ok(*self.db, "set", "k", "v")
         none = str(self.root / "none/x")

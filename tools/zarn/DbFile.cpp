@@ -8,6 +8,8 @@
 #include <cstring>
 #include <memory>
 
+#include "Escape.h"
+
 namespace zarn::tool {
 
 namespace {
@@ -35,7 +37,7 @@ DbFile::DbFile(const std::string& path) : path_(path), state_(Examine()) {}
 DbFile::~DbFile() { sqlite3_close(handle_); }
 
 bool DbFile::Fail() {
-  reason_ = sqlite3_errmsg(handle_);
+  reason_ = Escape(sqlite3_errmsg(handle_));  // it may name what the file names
   return false;
 }
 
@@ -91,7 +93,7 @@ std::string DbFile::ExplainWriteFailure() {
   sqlite3_busy_timeout(handle_, 0);
   const Statement begin = Prepare(handle_, "BEGIN IMMEDIATE");
   if (handle_ == nullptr || sqlite3_step(begin.get()) != SQLITE_DONE) {
-    return handle_ == nullptr ? "it cannot be made" : sqlite3_errmsg(handle_);
+    return handle_ == nullptr ? "it cannot be made" : Escape(sqlite3_errmsg(handle_));
   }
   sqlite3_step(Prepare(handle_, "ROLLBACK").get());
   return "no room, or somebody else was reading or writing";

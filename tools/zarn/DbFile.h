@@ -27,7 +27,7 @@ class DbFile {
   DbFile& operator=(const DbFile&) = delete;
 
   State GetState() const { return state_; }
-  const std::string& GetReason() const { return reason_; }  // of the last thing that failed
+  const std::string& GetReason() const { return reason_; }  // of the last failure, escaped
 
   // False, or nothing, with a reason, when it cannot be read.
   bool Find(std::string_view key, std::optional<std::string>& value);
@@ -36,7 +36,7 @@ class DbFile {
   using Visit = std::function<bool(std::string_view key, std::string_view value)>;
   bool ForEach(const Visit& visit);
 
-  // Why it cannot be written to.
+  // Why it cannot be written to, escaped.
   std::string ExplainWriteFailure();
 
  private:
