@@ -445,6 +445,23 @@ class Follow(LogTest):
         running.line_with("waiting for it", "stderr")
         self.assertEqual(running.end(), 0)
 
+    def test_a_reader_that_goes_away_amid_the_lines_ends_it_as_one_that_waited(self):
+        path = self.write("a.log", *[line(0)] * 100000)
+        with subprocess.Popen([TOOL, "log", "-f", path], env=self.env, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
+            process.stdout.readline()
+            process.stdout.close()
+            self.assertEqual(process.wait(PATIENCE), 0)
+            self.assertEqual(process.stderr.read(), b"")
+
+    def test_an_output_that_cannot_be_written_is_a_failure(self):
+        path = self.write("a.log", line(0))
+        with open("/dev/full", "w", encoding="ascii") as full:
+            result = subprocess.run([TOOL, "log", "-f", path], env=self.env, stdout=full, check=False,
+                                    stderr=subprocess.PIPE, timeout=PATIENCE)
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, b"zarn: standard output: No space left on device\n"))
+
     def test_ends_when_nobody_reads_it(self):
         path = self.write("a.log", line(0))
         with subprocess.Popen([TOOL, "log", "-f", path], env=self.env, stdout=subprocess.PIPE) as process:

@@ -1,6 +1,7 @@
 // Log.cpp - zarn log: shows lines of log files, several files merged by time.
 #include <CLI/App.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
@@ -197,7 +198,9 @@ int RunLog(const LogOptions& options) {
     reader.ShowLines(true);
   }
   if (reader.HasFailed()) code = kFailed;
-  return output.Flush() ? code : kFailed;
+  const bool written = output.Flush();
+  const bool unread = options.follow && output.GetError() == EPIPE;
+  return written || unread ? code : kFailed;
 }
 
 Micros GetNow() {

@@ -83,7 +83,7 @@ void Output::PrintMessage(const std::string& peer, const Message& message, bool 
 }
 
 void Output::AddLine(std::string_view line) {
-  if (failed_) return;
+  if (error_ != 0) return;
   const bool wasEmpty = waiting_.empty();
   waiting_.append(line).push_back('\n');
   if (waiting_.size() >= kFlushSize) {
@@ -94,15 +94,15 @@ void Output::AddLine(std::string_view line) {
 }
 
 bool Output::Flush() {
-  if (!failed_ && !waiting_.empty()) {
+  if (error_ == 0 && !waiting_.empty()) {
     if (const int error = WriteAll(STDOUT_FILENO, waiting_); error != 0) Fail(error);
     waiting_.clear();
   }
-  return !failed_;
+  return error_ == 0;
 }
 
 void Output::Fail(int error) {
-  failed_ = true;
+  error_ = error;
   if (error != EPIPE) Complain("standard output: {}", std::strerror(error));
   if (onFailed_) onFailed_();
 }

@@ -39,14 +39,15 @@ class Output {
   void Object(const Json::Value& object);
   void PrintMessage(const std::string& peer, const Message& message, bool full);
 
-  bool Flush();  // false when the output cannot be written
+  bool Flush();                            // false when the output cannot be written
+  int GetError() const { return error_; }  // errno value of what could not be written, or 0
 
  private:
   void AddLine(std::string_view line);
   void Fail(int error);
 
   const bool json_;
-  bool failed_ = false;
+  int error_ = 0;
   std::string waiting_;
   std::function<void()> onDirty_;
   std::function<void()> onFailed_;
