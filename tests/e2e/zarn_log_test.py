@@ -93,6 +93,13 @@ class Filters(LogTest):
         self.assertIn("Unmatched (", result.stderr)
         self.assert_shown([], "--grep", "a(", "-F")
 
+    def test_a_pattern_of_several_lines_is_wrong_usage(self):
+        for options in ((), ("-F",)):
+            for pattern in ("started\n2024", "start.d\n", "\n"):
+                result = self.run_tool("log", self.path, "--grep", pattern, *options)
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertIn("no line has a newline in it", result.stderr)
+
     def test_times(self):
         self.assert_shown([4], "--since", "2024-01-31T08:01")
         self.assert_shown([2, 3, 4], "--since", "2024-01-31 08:00:02.004711")

@@ -220,8 +220,8 @@ CLI::Validator IsTime() {
 
 CLI::Validator IsPattern(const std::shared_ptr<LogOptions>& options) {
   return {[options](const std::string& text) {
-            const std::string problem = LogPattern().Set(text, false);
-            return problem.empty() || options->fixed ? std::string() : "'" + text + "': " + problem;
+            const std::string problem = LogPattern().Set(text, options->fixed);
+            return problem.empty() ? std::string() : "'" + text + "': " + problem;
           },
           ""};
 }

@@ -34,6 +34,7 @@ bool EqualsAnyCase(std::string_view one, std::string_view other) {
 }  // namespace
 
 std::string LogPattern::Set(const std::string& pattern, bool fixed) {
+  if (pattern.find('\n') != std::string::npos) return "no line has a newline in it";
   text_ = fixed ? pattern : FindNeededText(pattern);
   if (fixed || pattern.find_first_of(kMetacharacters) == std::string::npos) return {};
   regex_t compiled;

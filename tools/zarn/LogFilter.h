@@ -16,7 +16,7 @@ namespace zarn::tool {
 // What --grep asks for: a regular expression as of grep -E, or plain text.
 class LogPattern {
  public:
-  // Empty, or what is wrong with the expression.
+  // Empty, or what is wrong with the pattern.
   std::string Set(const std::string& pattern, bool fixed);
 
   // What a line must have in it, whatever else; may be empty.
