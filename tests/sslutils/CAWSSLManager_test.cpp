@@ -13,6 +13,7 @@
 #include "RealTcp.h"
 #include "RealTls.h"
 #include "TempRoot.h"
+#include "ptcp/CAWPseudoTCPManager.h"
 
 namespace zarn::test {
 namespace {
@@ -75,6 +76,41 @@ class CAWSSLManagerTest : public ::testing::TestWithParam<Below> {
 
   CAWAutoPtr<IAWSSLConnector> connector = MakeConnector();
   TlsConnectionSink client;
+};
+
+// Clients that connect below TLS and say nothing, one after the other.
+class SilentClients {
+ public:
+  void Connect(int count, Below below, const CAWInetAddr& server) {
+    for (int i = 0; i < count; ++i)
+      below == Below::tcp ? ConnectByTcp(server) : ConnectByPtcp(server);
+  }
+
+ private:
+  class PtcpIndications final
+      : public RecordingIndicationSink<ptcp::IAWPseudoTCPAcceptorConnectorSink,
+                                       ptcp::IAWPseudoTCPTransport,
+                                       ptcp::IAWPseudoTCPAcceptorConnectorId> {
+    void OnConnectIndication(long reason, ptcp::IAWPseudoTCPTransport* transport,
+                             ptcp::IAWPseudoTCPAcceptorConnectorId* id) override {
+      Record(reason, transport, id);
+    }
+  };
+
+  void ConnectByTcp(const CAWInetAddr& server) {
+    tcp_.emplace_back().Connect(server);
+    RunReady();
+  }
+  void ConnectByPtcp(const CAWInetAddr& server) {
+    CAWAutoPtr<ptcp::IAWPseudoTCPConnector> connector;
+    ptcp::CAWPseudoTCPManager::Instance()->CreateConnector(connector);
+    EXPECT_EQ(connector->AsyncConnect(&indications_, server, nullptr, nullptr), AW_OK);
+    ptcp_.push_back(indications_.Take());
+  }
+
+  std::vector<tcp::PlainTcp> tcp_;
+  PtcpIndications indications_;
+  std::vector<CAWAutoPtr<ptcp::IAWPseudoTCPTransport>> ptcp_;
 };
 
 // With a peer that speaks TCP and no TLS.
@@ -481,6 +517,33 @@ TEST_P(CAWSSLManagerAndPlainTcp, SilentClientIsGivenUpAfterTenSecondsAndOthersAr
   clock.Advance(std::chrono::milliseconds(200));
   EXPECT_EQ(server.sink.reasons, (std::vector<long>{0, AW_SSL_ERROR_HANDSHAKE_TIME}));
   EXPECT_EQ(Connect(server), 0);
+}
+
+TEST_P(CAWSSLManagerTest, OldestSilentClientMakesRoomForANewOneOfItsAddress) {
+  const HandClock clock;  // none of them is given up for its time
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
+  server.Listen();
+  SilentClients silent;
+  silent.Connect(256, GetParam(), server.address);
+  EXPECT_TRUE(server.sink.reasons.empty());
+  const CAWInetAddr elsewhere("127.0.0.2", 0);
+  ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, &elsewhere), AW_OK);
+  EXPECT_TRUE(Await([&] { return !client.reasons.empty() && !server.sink.reasons.empty(); }));
+  EXPECT_EQ(server.sink.reasons, std::vector<long>{0});
+  EXPECT_EQ(Connect(server), 0);
+  EXPECT_TRUE(Await([&] { return server.sink.reasons.size() == 3; }));
+  EXPECT_EQ(server.sink.reasons, (std::vector<long>{0, ECONNABORTED, 0}));
+}
+
+TEST_P(CAWSSLManagerTest, LargerBacklogHasRoomForMoreHandshakes) {
+  const HandClock clock;
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
+  ASSERT_EQ(server.acceptor->StartListen(&server.sink, CAWInetAddr("127.0.0.1", 0), 257), AW_OK);
+  server.address = server.acceptor->GetLocalAddr();
+  SilentClients silent;
+  silent.Connect(256, GetParam(), server.address);
+  EXPECT_EQ(Connect(server), 0);
+  EXPECT_EQ(server.sink.reasons, std::vector<long>{0});
 }
 
 TEST_P(CAWSSLManagerAndPlainTcp, SilentServerIsGivenUpAfterTenSeconds) {

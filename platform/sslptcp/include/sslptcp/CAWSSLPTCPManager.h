@@ -39,7 +39,8 @@ class SSLPTCP_API IAWSSLPTCPManager {
   static IAWSSLPTCPManager* Instance();
 
   // On failure (10001) out is null. `backlog` of the acceptor's StartListen is what
-  // ptcp::IAWPseudoTCPAcceptor says.
+  // ptcp::IAWPseudoTCPAcceptor says until the connection below is there, and what
+  // sslutils::IAWSSLAcceptor says of handshakes from then on.
   virtual keelbase::AWResult CreateConnector(keelbase::CAWAutoPtr<IAWSSLPTCPConnector>& out) = 0;
   virtual keelbase::AWResult CreateAcceptor(
       keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor>& out) = 0;

@@ -1,10 +1,11 @@
 // TlsAcceptor.h - listens by a transport of the platform, and shakes hands with who comes.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <memory>
 #include <new>
-#include <unordered_map>
 #include <utility>
 
 #include "keelbase/internal/LoopObject.h"
@@ -12,6 +13,7 @@
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
+#include "sslutils/internal/HandshakePlaces.h"
 #include "sslutils/internal/SSLTransport.h"
 #include "sslutils/internal/TlsServer.h"
 #include "sslutils/internal/TlsStream.h"
@@ -23,6 +25,7 @@ template <class Below>
 class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
                           private Below::ConnectSink {
   using Transport = typename Below::Transport;
+  using Places = HandshakePlaces<keelbase::CAWAutoPtr<TlsStream>>;
 
  public:
   TlsAcceptor(keelbase::internal::EventLoop& loop,
@@ -53,6 +56,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     keelbase::AWResult result = keelbase::AW_ERROR_FAILURE;
     GetLoop().Call([&] {
       if (sink_ != nullptr) return;
+      shaking_.SetLimit(static_cast<std::size_t>(std::max(backlog, kLeastPlaces)));
       try {
         result = server_.Prepare();
         if (result == keelbase::AW_OK) result = below_->StartListen(this, addr, backlog);
@@ -67,9 +71,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     GetLoop().Call([this] {
       sink_ = nullptr;
       below_->StopListen();
-      const auto shaking = std::move(shaking_);
-      shaking_.clear();
-      for (const auto& each : shaking) each.second->Disconnect();
+      while (shaking_.Begin() != shaking_.End()) shaking_.GiveUp(shaking_.Begin())->Disconnect();
     });
     return keelbase::AW_OK;
   }
@@ -102,36 +104,45 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     if (ssl == nullptr) return;
     keelbase::CAWAutoPtr<TlsStream> stream(
         new TlsStream(GetLoop(), std::make_unique<Bytes>(transport), std::move(ssl)));
-    TlsStream* const key = stream.Get();
-    shaking_.emplace(key, stream);
+    keelbase::CAWInetAddr peer;
+    transport->GetOption(keelbase::AW_OPT_PEER_ADDRESS, &peer);
+    const auto place = shaking_.Take(peer, stream);
     try {
-      stream->Start(kHandshakeLimit, [this, key](long reason) { OnEstablished(key, reason); });
+      stream->Start(kHandshakeLimit, [this, place](long reason) { OnEstablished(place, reason); });
     } catch (const std::bad_alloc&) {
-      shaking_.erase(key);
-      stream->Disconnect();
+      return shaking_.GiveUp(place)->Disconnect();
     }
+    const auto surplus = shaking_.FindSurplus(place);
+    if (surplus == shaking_.End()) return;
+    shaking_.GiveUp(surplus)->Disconnect();
+    Tell(ECONNABORTED, nullptr);
   }
 
-  void OnEstablished(TlsStream* stream, long reason) {
+  void OnEstablished(typename Places::Place place, long reason) {
     const auto alive = this->Hold();
     if (!alive) return;
-    const keelbase::CAWAutoPtr<TlsStream> held(stream);
-    shaking_.erase(stream);
+    const auto stream = shaking_.GiveUp(place);
     keelbase::CAWAutoPtr<IAWSSLTransport> transport;
     if (reason == 0) {
       try {
-        transport = new SSLTransport(GetLoop(), held);
+        transport = new SSLTransport(GetLoop(), stream);
       } catch (const std::bad_alloc&) {
         reason = ENOMEM;
       }
     }
-    keelbase::internal::TellOwner([&] { sink_->OnSSLConnected(reason, transport.Get()); });
+    Tell(reason, transport.Get());
   }
+
+  void Tell(long reason, IAWSSLTransport* transport) {
+    keelbase::internal::TellOwner([&] { sink_->OnSSLConnected(reason, transport); });
+  }
+
+  static constexpr int kLeastPlaces = 256;  // bursts of honest clients fit in
 
   const keelbase::CAWAutoPtr<typename Below::Acceptor> below_;
   IAWSSLConnectionSink* sink_ = nullptr;  // null: not listening
   TlsServer server_;
-  std::unordered_map<TlsStream*, keelbase::CAWAutoPtr<TlsStream>> shaking_;
+  Places shaking_;
 };
 
 }  // namespace sslutils::internal
