@@ -320,6 +320,18 @@ TEST(AnswerLimit, HeaderLinesCountTogetherAlsoThoseOfInterimAnswersAndTrailers) 
   EXPECT_EQ(ReadAnyhow(Chunked("1;" + std::string(1001, 'e')), limits).error, EMSGSIZE);
 }
 
+TEST(AnswerLimit, HeaderOfAChunkHasAKibibyte) {
+  const std::string chunk = "\r\nhello\r\n";
+  const std::string fits = "5;" + std::string(1022, 'e');
+  EXPECT_EQ(ReadAnyhow(Chunked(fits + chunk + "0\r\n\r\n")), Good(200, "hello"));
+  EXPECT_EQ(ReadAnyhow(Chunked(fits + "e" + chunk + "0\r\n\r\n")).error, EMSGSIZE);
+  const std::string zeros(1100, '0');
+  EXPECT_EQ(ReadAnyhow(Chunked(zeros)).error, EMSGSIZE);
+  EXPECT_EQ(ReadAnyhow(Chunked(zeros + "5" + chunk + "0\r\n\r\n")).error, EMSGSIZE);
+  EXPECT_EQ(ReadAnyhow(Chunked("5" + chunk + zeros + "\r\n\r\n")).error, EMSGSIZE);
+  EXPECT_EQ(ReadAnyhow(Chunked("0;" + zeros + "\r\nA: b\r\n\r\n")).error, EMSGSIZE);
+}
+
 TEST(AnswerLimit, LargestNumberOfBytesIsNoLimit) {
   CAWHttpLimits limits;
   limits.headerBytes = std::numeric_limits<std::size_t>::max();

@@ -1,7 +1,9 @@
 // AnswerReader.cpp - see AnswerReader.h.
 #include "AnswerReader.h"
 
+#include <algorithm>
 #include <boost/beast/http/basic_parser.hpp>
+#include <cctype>
 #include <limits>
 #include <optional>
 #include <string>
@@ -22,18 +24,31 @@ constexpr std::size_t kFieldMarks = 4;  // ": " and the line's end
 // The parser stops a debug build when it is to go on with less than this, the shortest end of an
 // answer in chunks: "0\r\n\r\n".
 constexpr std::size_t kLeastLine = 5;
+// Of the header of a chunk. That of the last one is read anew with each piece of what follows.
+constexpr std::size_t kMostChunkLine = 1024;
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::string_view kLinesEnd = "\r\n\r\n";
 constexpr int kLeastStatus = 100;
 constexpr int kSwitchingProtocols = 101;
 
 enum class Coding { none, gzip, unknown };
 
-// A quoted text in the header of a chunk that does not end in its line is no answer: the parser
-// looks for its end in all that follows, each time anew.
-bool IsLineOverYetOpen(std::string_view chunk) {
-  if (chunk.substr(0, 2) == "\r\n") chunk.remove_prefix(2);  // of the chunk before
-  const bool last =
-      chunk.find_first_not_of('0') == chunk.find_first_not_of("0123456789abcdefABCDEF");
-  return chunk.find(last ? "\r\n\r\n" : "\r\n") != std::string_view::npos;
+// What the parser waits for to become the header of a chunk: 0, or why it never will. `searched`
+// bytes of it were looked at before.
+//
+// A quoted text that does not end in its line is no answer: the parser looks for its end in all
+// that follows, each time anew.
+int CheckOpenChunk(std::string_view chunk, std::size_t searched) {
+  const std::size_t start = chunk.substr(0, 2) == kLineEnd ? 2 : 0;  // behind the chunk before
+  const std::string_view most = chunk.substr(0, kMostChunkLine + kLineEnd.size());
+  if (most.size() > kMostChunkLine + 1 && most.find(kLineEnd, start) == std::string_view::npos)
+    return EMSGSIZE;
+  const std::size_t digit = chunk.find_first_not_of('0', start);
+  const bool last = digit == std::string_view::npos ||
+                    std::isxdigit(static_cast<unsigned char>(chunk[digit])) == 0;
+  const std::size_t from = std::max(start, searched - std::min(searched, kLeastLine));
+  const bool over = chunk.find(last ? kLinesEnd : kLineEnd, from) != std::string_view::npos;
+  return over ? EPROTO : 0;
 }
 
 }  // namespace
@@ -54,13 +69,18 @@ struct AnswerReader::Gathered {
 class AnswerReader::Parser final : public http::basic_parser<false> {
  public:
   explicit Parser(Gathered& gathered) : gathered_(gathered) {
-    eager(true);
     constexpr std::size_t kMost = std::numeric_limits<std::uint32_t>::max();
     header_limit(static_cast<std::uint32_t>(std::min(gathered.headerLeft, kMost - 1) + 1));
     body_limit(std::numeric_limits<std::uint64_t>::max());
   }
 
   int GetStatus() const { return status_; }
+
+  // Takes one part of an answer at most: its header, a chunk's header, some of a body.
+  std::size_t Put(std::string_view bytes, error_code& code) {
+    start_ = bytes.data();
+    return put({bytes.data(), bytes.size()}, code);
+  }
 
   // An errno value for what stopped the parser; 0 when it just waits for more.
   int ErrorOf(const error_code& code) const {
@@ -119,7 +139,10 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
          code);
     return bytes.size();
   }
-  void on_chunk_header_impl(std::uint64_t, string_view, error_code&) override {}
+  void on_chunk_header_impl(std::uint64_t, string_view extension, error_code& code) override {
+    const char* const end = extension.data() + extension.size();
+    if (static_cast<std::size_t>(end - start_) > kMostChunkLine) Fail(EMSGSIZE, code);
+  }
   std::size_t on_chunk_body_impl(std::uint64_t, string_view bytes, error_code& code) override {
     return on_body_impl(bytes, code);
   }
@@ -128,6 +151,7 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
   }
 
   Gathered& gathered_;
+  const char* start_ = nullptr;  // of the bytes that are being parsed
   int status_ = 0;
   int error_ = 0;
   Coding coding_ = Coding::none;
@@ -148,6 +172,7 @@ void AnswerReader::ExpectAnswer() {
 int AnswerReader::Add(std::string_view bytes) {
   std::string& unparsed = gathered_->unparsed;
   const bool joined = !unparsed.empty();
+  std::size_t searched = unparsed.size();
   if (joined) {
     bytes = unparsed.append(bytes);
     if (parser_->is_header_done() && bytes.size() < kLeastLine) return 0;
@@ -155,13 +180,16 @@ int AnswerReader::Add(std::string_view bytes) {
   while (!bytes.empty() && !IsWhole()) {
     if (parser_->is_done()) ExpectAnswer();
     error_code code;
-    const std::size_t used = parser_->put({bytes.data(), bytes.size()}, code);
+    const std::size_t used = parser_->Put(bytes, code);
     if (const int error = parser_->ErrorOf(code); error != 0) return error;
     bytes.remove_prefix(used);
+    if (used != 0) searched = 0;
     if (code == http::error::need_more) break;
   }
   if (IsWhole()) return 0;
-  if (parser_->is_header_done() && IsLineOverYetOpen(bytes)) return EPROTO;
+  if (parser_->is_header_done()) {
+    if (const int error = CheckOpenChunk(bytes, searched); error != 0) return error;
+  }
   if (bytes.size() > gathered_->headerLeft) return EMSGSIZE;
   if (joined) {
     unparsed.erase(0, unparsed.size() - bytes.size());
