@@ -21,6 +21,19 @@ TEST_F(HttpClient, FailedConnectIsToldWithItsReason) {
   EXPECT_EQ(user.answer, "");
 }
 
+TEST_F(HttpClient, LackOfLocalPortsIsNotTakenForANameThatDoesNotResolve) {
+  Open();
+  tcp.Last().Complete(EADDRNOTAVAIL, nullptr);
+  RunReady();
+  EXPECT_EQ(user.calls, FailedWith(EADDRINUSE));
+  EXPECT_EQ(user.result, -EADDRINUSE);
+  user = User();
+  Open("https://127.0.0.1/");
+  tls.Last().Complete(EADDRNOTAVAIL, nullptr);
+  RunReady();
+  EXPECT_EQ(user.calls, FailedWith(EADDRINUSE));
+}
+
 TEST_F(HttpClient, BadUrlsAreToldAsFailedConnects) {
   Open("http://a b/");
   EXPECT_EQ(user.calls, FailedWith(EINVAL));
@@ -131,8 +144,9 @@ TEST_F(HttpClient, AnswerBeyondALimitIsTold) {
 
 TEST(HttpResult, EachHasAText) {
   EXPECT_EQ(shttp::DescribeHttpResult(404), "HTTP status 404");
-  for (const int error : {EINVAL, EPROTONOSUPPORT, EAFNOSUPPORT, EADDRNOTAVAIL, EAGAIN, ETIMEDOUT,
-                          ETIME, ECONNABORTED, EPROTO, EMSGSIZE, ENOTSUP, ECONNREFUSED, ENOMEM})
+  for (const int error :
+       {EINVAL, EPROTONOSUPPORT, EAFNOSUPPORT, EADDRNOTAVAIL, EADDRINUSE, EAGAIN, ETIMEDOUT, ETIME,
+        ECONNABORTED, EPROTO, EMSGSIZE, ENOTSUP, ECONNREFUSED, ENOMEM})
     EXPECT_GT(shttp::DescribeHttpResult(-error).size(), 10U) << error;
 }
 

@@ -18,6 +18,8 @@ keelbase::CAWString DescribeHttpResult(long result) {
       return "IPv6 addresses are not supported";
     case EADDRNOTAVAIL:
       return "the host name does not resolve";
+    case EADDRINUSE:
+      return "no port of this machine is free for the connection";
     case EAGAIN:
       return "too many host names are being looked up";
     case ETIMEDOUT:

@@ -84,6 +84,9 @@ std::string WithoutLastDot(const std::string& host) {
   return host.back() == '.' ? host.substr(0, host.size() - 1) : host;
 }
 
+// The system says of a machine without a free port what is said of names here.
+long ReasonOf(long reason) { return reason == EADDRNOTAVAIL ? EADDRINUSE : reason; }
+
 int ErrorOf(AWResult result) {
   return result == AW_OK ? 0 : ENOMEM;  // our calls are good ones, so nothing else is left
 }
@@ -125,13 +128,13 @@ int Dialer::ConnectTls(const CAWInetAddr& address) {
 
 void Dialer::OnConnectIndication(long reason, wface::IAWTransport* transport,
                                  wface::IAWAcceptorConnectorId* /*id*/) {
-  Finish(reason, MakeStream<TcpStream>(transport));
+  Finish(ReasonOf(reason), MakeStream<TcpStream>(transport));
 }
 
 void Dialer::OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) {
   // TLS has a time limit of its own, which may be the shorter one.
   if (reason == sslutils::AW_SSL_ERROR_HANDSHAKE_TIME) reason = ETIMEDOUT;
-  Finish(reason, MakeStream<TlsStream>(transport));
+  Finish(ReasonOf(reason), MakeStream<TlsStream>(transport));
 }
 
 void Dialer::Finish(long reason, std::unique_ptr<ByteStream> stream) {
