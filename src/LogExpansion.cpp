@@ -1,6 +1,10 @@
 // LogExpansion.cpp - see LogExpansion.h.
 #include "LogExpansion.h"
 
+#include <pthread.h>
+#include <stdio_ext.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -47,11 +51,61 @@ class Arguments {
   std::va_list args_;
 };
 
+// Holds a stream while one line goes to its file, past its buffer. Also lets go of it when the
+// thread is cancelled on the way.
+class LineOutput {
+ public:
+  explicit LineOutput(std::FILE* stream) : stream_(stream), file_(::fileno(stream)) {
+    ::flockfile(stream_);
+  }
+  ~LineOutput() {
+    if (torn_) LeaveNewline();
+    ::funlockfile(stream_);
+  }
+  LineOutput(const LineOutput&) = delete;
+  LineOutput& operator=(const LineOutput&) = delete;
+
+  void Write(const char* line, std::size_t size) {
+    if (file_ < 0) {  // a stream in memory, say
+      ::fwrite_unlocked(line, 1, size, stream_);
+      ::fflush_unlocked(stream_);
+      return;
+    }
+    if (::__fpending(stream_) != 0 && ::fflush_unlocked(stream_) != 0) torn_ = true;
+    if (torn_) WriteAll("\n", 1);
+    if (!torn_) WriteAll(line, size);
+  }
+
+ private:
+  void WriteAll(const char* text, std::size_t size) {
+    const bool before = torn_;
+    torn_ = true;  // a cancelled thread does not learn how much was written
+    std::size_t written = 0;
+    while (written < size) {
+      const ssize_t count = ::write(file_, text + written, size - written);
+      if (count > 0)
+        written += static_cast<std::size_t>(count);
+      else if (count == 0 || errno != EINTR)
+        break;
+    }
+    torn_ = written < size && (before || written > 0);
+  }
+
+  // In the stream's buffer: whoever writes next begins a row of its own.
+  void LeaveNewline() {
+    int state = 0;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);  // no unwinding out of a destructor
+    ::putc_unlocked('\n', stream_);
+    ::pthread_setcancelstate(state, nullptr);
+  }
+
+  std::FILE* const stream_;
+  const int file_;
+  bool torn_ = false;  // whether the file ends within a line
+};
+
 void Write(std::FILE* stream, const char* line, std::size_t size) {
-  ::flockfile(stream);
-  ::fwrite_unlocked(line, 1, size, stream);  // in one piece: our files have no buffer
-  ::fflush_unlocked(stream);
-  ::funlockfile(stream);
+  LineOutput(stream).Write(line, size);
 }
 
 void WriteExpanded(const char* pattern, std::FILE* stream, Arguments& arguments) {

@@ -8,7 +8,8 @@
 
 namespace zarn::utils {
 
-// Writes the line to `stream`, whole, and flushes it. %m prints the `error` given.
+// Writes the line to `stream`, behind what that holds in its buffer, by one call of the system. %m
+// prints the `error` given.
 void WriteLine(const LogFields& fields, std::FILE* stream, int error, std::va_list args);
 
 }  // namespace zarn::utils

@@ -28,7 +28,6 @@ std::FILE* OpenNew(const char* path) {
   std::FILE* stream = std::fopen(path, "wb");
   // The type that callers catch.  NOLINTNEXTLINE(misc-throw-by-value-catch-by-reference)
   if (stream == nullptr) throw static_cast<const char*>(std::strerror(errno));
-  std::setvbuf(stream, nullptr, _IONBF, 0);  // a line goes out by one call of the system
   return stream;
 }
 

@@ -3,17 +3,29 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <thread>
 
 #include "ChildTest.h"
 #include "LogTest.h"
 #include "TempRoot.h"
+#include "keelbase/internal/FileDescriptor.h"
 
 namespace zarn::test {
 namespace {
@@ -298,20 +310,208 @@ TEST_F(ZARNLoggerImpTest, ErrorsOfWritingAreIgnored) {
   EXPECT_EQ(errno, EINTR);
 }
 
+// How many bytes-writing calls of the system this thread has made.
+unsigned long CountWrites() {
+  const std::string text = ReadFile("/proc/thread-self/io");
+  return std::stoul(text.substr(text.find("syscw: ") + 7));
+}
+
 TEST_F(ZARNLoggerImpTest, LongLinesGoOutByOneCallOfTheSystem) {
   FileLogger file;
-  const auto writes = [] {
-    const std::string text = ReadFile("/proc/thread-self/io");
-    return std::stoul(text.substr(text.find("syscw: ") + 7));
-  };
   const std::string message(100000, 'x');
-  const unsigned long before = writes();
+  const unsigned long before = CountWrites();
   file.logger.Print("INFO", "f", "m");
-  EXPECT_EQ(writes() - before, 1U);
+  EXPECT_EQ(CountWrites() - before, 1U);
   file.logger.Print("INFO", "f", "%s", message.c_str());
-  EXPECT_EQ(writes() - before, 2U);
+  EXPECT_EQ(CountWrites() - before, 2U);
   file.logger.DebugPrint("z.cpp", 1, "f", "%s", message.c_str());
-  EXPECT_EQ(writes() - before, 3U);
+  EXPECT_EQ(CountWrites() - before, 3U);
+}
+
+// --- streams that others have opened ---
+
+constexpr const char* kOnOthersStream = "2024-01-31T08:15:02.004711 | INFO     | f | ";
+
+void PrintOn(std::FILE* stream, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void PrintOn(std::FILE* stream, const char* format, ...) {
+  ZARNLoggerImp logger;
+  std::va_list args;
+  va_start(args, format);
+  logger.printV("INFO", stream, nullptr, 0, "f", format, args);
+  va_end(args);
+}
+
+TEST_F(ZARNLoggerImpTest, LongLinesOnABufferedStreamGoOutByOneCallToo) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(Path("a").c_str(), "wb"),
+                                                               &std::fclose);
+  std::string message(5000, 'x');
+  const unsigned long before = CountWrites();
+  PrintOn(stream.get(), "%s", message.c_str());
+  EXPECT_EQ(CountWrites() - before, 1U);
+  EXPECT_EQ(Read("a"), kOnOthersStream + message + "\n");
+}
+
+TEST_F(ZARNLoggerImpTest, LinesComeAfterWhatTheStreamHeldBefore) {
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(std::fopen(Path("a").c_str(), "wb"),
+                                                               &std::fclose);
+  std::fputs("one\n", stream.get());
+  PrintOn(stream.get(), "two");
+  EXPECT_EQ(Read("a"), std::string("one\n") + kOnOthersStream + "two\n");
+}
+
+TEST_F(ZARNLoggerImpTest, StreamsThatAreNoFilesTakeLinesToo) {
+  char* text = nullptr;
+  std::size_t size = 0;
+  std::FILE* stream = ::open_memstream(&text, &size);
+  PrintOn(stream, "m");
+  EXPECT_STREQ(text, (std::string(kOnOthersStream) + "m\n").c_str());
+  std::fclose(stream);
+  std::free(text);
+}
+
+// --- lines that do not go out at once ---
+
+// No file grows beyond that many bytes as long as it lives.
+class ShortDisk {
+ public:
+  explicit ShortDisk(rlim_t bytes) : ignored_(::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~ShortDisk() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    ::signal(SIGXFSZ, ignored_);
+  }
+  ShortDisk(const ShortDisk&) = delete;
+  ShortDisk& operator=(const ShortDisk&) = delete;
+
+ private:
+  const sighandler_t ignored_;
+  rlimit before_{};
+};
+
+TEST_F(ZARNLoggerImpTest, LineAfterHalfALineBeginsInARowOfItsOwn) {
+  FileLogger file;
+  const std::string message(200000, 'x');
+  {
+    const ShortDisk disk(100000);
+    file.logger.Print("INFO", "f", "%s", message.c_str());
+    EXPECT_EQ(file.Take().size(), 100000U);
+    file.logger.Print("INFO", "f", "lost");
+    file.logger.Print("INFO", "f", "lost too");
+  }
+  file.logger.Print("INFO", "f", "after");
+  file.logger.Print("INFO", "f", "second");
+  const std::string begin = std::string(kTime) + "INFO     | f                  | ";
+  EXPECT_EQ(file.Take(), "\n" + begin + "after\n" + begin + "second\n");
+}
+
+TEST_F(ZARNLoggerImpTest, LineThatIsLostAltogetherLeavesNoEmptyRow) {
+  FileLogger file;
+  file.logger.Print("INFO", "f", "before");
+  const std::string before = file.Take();
+  {
+    const ShortDisk disk(before.size());
+    file.logger.Print("INFO", "f", "lost");
+  }
+  file.logger.Print("INFO", "f", "after");
+  EXPECT_EQ(file.Take(), std::string(kTime) + "INFO     | f                  | after\n");
+}
+
+// A stream into a pipe that holds one page.
+class PipeStream {
+ public:
+  PipeStream() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    reader_.Reset(ends[0]);
+    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    size_ = ::fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    stream_ = ::fdopen(ends[1], "wb");
+  }
+  ~PipeStream() {
+    if (IsFree()) std::fclose(stream_);
+  }
+  PipeStream(const PipeStream&) = delete;
+  PipeStream& operator=(const PipeStream&) = delete;
+
+  std::FILE* Get() const { return stream_; }
+  bool IsFull() const {
+    int count = 0;
+    return ::ioctl(reader_.Get(), FIONREAD, &count) == 0 && count == size_;
+  }
+  // Whether no other thread holds the stream.
+  bool IsFree() const {
+    if (::ftrylockfile(stream_) != 0) return false;
+    ::funlockfile(stream_);
+    return true;
+  }
+  // What is in it now.
+  std::string Read() const {
+    std::string text(static_cast<std::size_t>(size_), '\0');
+    const ssize_t count = ::read(reader_.Get(), text.data(), text.size());
+    text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return text;
+  }
+
+ private:
+  keelbase::internal::FileDescriptor reader_;
+  int size_ = 0;
+  std::FILE* stream_ = nullptr;
+};
+
+TEST_F(ZARNLoggerImpTest, ThreadCancelledWithinALineLeavesTheStreamToOthers) {
+  PipeStream pipe;
+  const std::string message(100000, 'x');
+  std::thread cancelled([&] { PrintOn(pipe.Get(), "%s", message.c_str()); });
+  while (!pipe.IsFull()) std::this_thread::yield();
+  ::pthread_cancel(cancelled.native_handle());
+  cancelled.join();
+  ASSERT_TRUE(pipe.IsFree());
+  EXPECT_TRUE(pipe.Read().ends_with('x'));
+  PrintOn(pipe.Get(), "after");
+  EXPECT_EQ(pipe.Read(), std::string("\n") + kOnOthersStream + "after\n");
+}
+
+// SIGUSR1 interrupts the calls of the system that it comes upon.
+class InterruptingSignal {
+ public:
+  InterruptingSignal() {
+    handled_ = 0;
+    struct sigaction action {};
+    action.sa_handler = [](int) { ++handled_; };
+    ::sigaction(SIGUSR1, &action, &before_);
+  }
+  ~InterruptingSignal() { ::sigaction(SIGUSR1, &before_, nullptr); }
+  InterruptingSignal(const InterruptingSignal&) = delete;
+  InterruptingSignal& operator=(const InterruptingSignal&) = delete;
+
+  int CountHandled() const { return handled_; }
+
+ private:
+  inline static std::atomic<int> handled_{0};
+  struct sigaction before_ {};
+};
+
+TEST_F(ZARNLoggerImpTest, SignalsTakeNothingFromALine) {
+  const InterruptingSignal signal;
+  PipeStream pipe;
+  const std::string message(100000, 'x');
+  std::atomic<bool> written{false};
+  std::thread writer([&] {
+    PrintOn(pipe.Get(), "%s", message.c_str());
+    written = true;
+  });
+  std::string text;
+  while (!written) {
+    if (!pipe.IsFull()) continue;
+    for (const int enough = signal.CountHandled() + 10; signal.CountHandled() < enough && !written;)
+      ::pthread_kill(writer.native_handle(), SIGUSR1);
+    text += pipe.Read();
+  }
+  writer.join();
+  EXPECT_TRUE(text + pipe.Read() == kOnOthersStream + message + "\n");
 }
 
 }  // namespace

@@ -19,9 +19,10 @@ namespace zarn::utils {
 // The process's logger. Print writes to the log file, DebugPrint to the debug file; both are null
 // until InitZARNLogger (or Init) has opened them, and nothing is written before.
 //
-// Any thread may print at any time: a line is written whole, by one call of the system, and is in
-// the file when the call returns, so that not even SIGKILL takes it back. Errors of writing are
-// ignored. The caller's errno stays as it is, and %m prints it.
+// Any thread may print at any time: a line is written by one call of the system, and is in the file
+// when the call returns, whole, so that not even SIGKILL takes it back. Errors of writing are
+// ignored: the line is lost, or part of it, and the next one begins in a row of its own. The
+// caller's errno stays as it is, and %m prints it. Printing is a cancellation point.
 //
 // Level, file, function and format become one text, which is then expanded with the arguments: a
 // '%' in a level, file or function is a conversion too (the macros below double it). That text
