@@ -24,6 +24,8 @@ namespace zarn::utils {
 // ignored: the line is lost, or part of it, and the next one begins in a row of its own. The
 // caller's errno stays as it is, and %m prints it. Printing is a cancellation point.
 //
+// One process per file: two that open the same one write over each other's lines.
+//
 // Level, file, function and format become one text, which is then expanded with the arguments: a
 // '%' in a level, file or function is a conversion too (the macros below double it). That text
 // holds 4095 bytes; a longer one is cut there and loses its newline, and a conversion that the cut
