@@ -42,7 +42,6 @@ MetricsEndpoint::~MetricsEndpoint() {
 }
 
 AWResult MetricsEndpoint::Start(const keelbase::CAWIPCAddr& address) {
-  thread_ = keelbase::CAWThreadManager::Instance()->GetCurrent();
   if (const AWResult made = CreateIPCServer(acceptor_); made != AW_OK) return made;
   return acceptor_->StartListen(this, address);
 }
@@ -73,8 +72,8 @@ bool MetricsEndpoint::IsTooMuch() {
 
 void MetricsEndpoint::Admit(fipc::IAWIPCTransport* transport) {
   // The parts may come when this is gone, and on any thread.
-  const auto complete = [thread = thread_, weak = weak_from_this()] {
-    thread->Post([weak] {
+  const auto complete = [&thread = thread_, weak = weak_from_this()] {
+    thread.Post([weak] {
       if (const auto endpoint = weak.lock()) endpoint->AnswerWhoCanBe();
     });
   };
@@ -122,20 +121,22 @@ class MetricsService {
  public:
   ~MetricsService() { End(); }
 
-  // On a platform thread.
+  // On the platform thread that is to serve.
   AWResult Start() try {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (endpoint_ != nullptr) return AW_OK;
+    CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrent();
+    if (thread == nullptr) return AW_ERROR_FAILURE;  // it has stopped, and this is another one
     const keelbase::CAWString system = GetZARNRootSystem();
     if (system.empty()) return AW_ERROR_FAILURE;
     const keelbase::CAWString directory = system + "/zarn/stat/";
     keelbase::CAWFile::mkdir(directory);  // if that fails, so does what follows, and says why
-    auto endpoint = std::make_shared<MetricsEndpoint>();
+    auto endpoint = std::make_shared<MetricsEndpoint>(*thread);
     const keelbase::CAWIPCAddr address(directory + std::to_string(::getpid()));
     const AWResult result = endpoint->Start(address);
     if (result != AW_OK) return result;
     endpoint_ = std::move(endpoint);
-    thread_ = keelbase::CAWThreadManager::Instance()->GetCurrent();
+    thread_ = thread;
     return AW_OK;
   } catch (const std::bad_alloc&) {
     return AW_ERROR_FAILURE;

@@ -16,11 +16,12 @@
 
 namespace zarn::utils {
 
-// Used and destroyed on one platform thread.
+// Used and destroyed on one platform thread, which it is told.
 class MetricsEndpoint final : public fipc::IAWIPCAcceptorConnectorSink,
                               public keelbase::CAWTimerWrapperIDSink,
                               public std::enable_shared_from_this<MetricsEndpoint> {
  public:
+  explicit MetricsEndpoint(keelbase::CAWThread& thread) : thread_(thread) {}
   ~MetricsEndpoint() override;
 
   // 0 or the acceptor's result. Once.
@@ -43,7 +44,7 @@ class MetricsEndpoint final : public fipc::IAWIPCAcceptorConnectorSink,
   void AnswerWhoCanBe();
   static void Answer(fipc::IAWIPCTransport& reader, CZARNMetrics metrics);
 
-  keelbase::CAWThread* thread_ = nullptr;
+  keelbase::CAWThread& thread_;
   keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor> acceptor_;
   std::list<Waiting> waiting_;
   std::array<Clock::time_point, 16> admitted_{};  // when the last ones were, as a ring

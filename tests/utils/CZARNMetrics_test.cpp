@@ -436,6 +436,34 @@ TEST_F(ZARNEnableMetrics, OneWhoHasLeftAgainHarmsNobody) {
   EXPECT_FALSE(Ask().empty());
 }
 
+// --- a thread that has stopped ---
+
+TEST(ZARNMetricsOfAStoppedThread, CannotBeEnabledFromElsewhereUntilItRunsAgain) {
+  if (ChildTest::Role() == "stopped") {
+    auto* network =
+        keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+    network->Stop();
+    network->Run();
+    bool good = false;
+    std::thread([&good] {
+      const AWResult enabled = utils::ZARNEnableMetrics();
+      good = enabled == AW_ERROR_FAILURE && utils::ZARNDisableMetrics() == AW_OK;
+    }).join();
+    std::thread other([network] {
+      while (utils::ZARNEnableMetrics() != AW_OK) std::this_thread::yield();
+      network->Stop();
+    });
+    network->Run();
+    other.join();
+    std::thread([&good] { good = utils::ZARNDisableMetrics() == AW_OK && good; }).join();
+    std::exit(good ? 0 : 1);
+  }
+  const TempRoot root;
+  ChildTest child("stopped");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+  EXPECT_TRUE(std::filesystem::is_empty(root.GetPath() + "/system/zarn/stat"));
+}
+
 // --- the end of the process ---
 
 // In a process whose network thread the platform has started.
