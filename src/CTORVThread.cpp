@@ -16,8 +16,15 @@ using keelbase::CAWMessageBlock;
 
 namespace {
 
+keelbase::CAWThread* GetTaskThread() {
+  auto* manager = keelbase::CAWThreadManager::Instance();
+  return manager->GetThread(keelbase::CAWThreadManager::TT_TASK);
+}
+
+// A thread that could not be started when the receiver was made may be there by now.
 template <class Event, class... Arguments>
 unsigned long PostNew(keelbase::CAWThread* thread, Arguments&&... arguments) {
+  if (thread == nullptr) thread = GetTaskThread();
   if (thread == nullptr) return AW_ERROR_FAILURE;
   try {
     return thread->GetEventQueue()->Post(new Event(std::forward<Arguments>(arguments)...), 1);
@@ -29,10 +36,7 @@ unsigned long PostNew(keelbase::CAWThread* thread, Arguments&&... arguments) {
 }  // namespace
 
 CTORVThread::CTORVThread(ITORVSink* sink, void* arg)
-    : sink_(sink),
-      thread_(
-          keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_TASK)),
-      arg_(arg) {}
+    : sink_(sink), thread_(GetTaskThread()), arg_(arg) {}
 
 CTORVThread::~CTORVThread() = default;
 

@@ -7,10 +7,13 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "ChildTest.h"
+#include "DescriptorShortage.h"
 #include "TorvSink.h"
 #include "VirtualSlot.h"
 
@@ -102,6 +105,21 @@ TEST(ReceiverEnd, UnRegisteringAnUnknownTnoStopsTheProcessAndNamesIt) {
 }
 
 // --- posting ---
+
+TEST(ReceiverWithoutATaskThread, IsServedOnceThereCanBeOne) {
+  if (ChildTest::Role() == "shortage") {
+    RecordingSink& sink = RecordingSink::Make();
+    std::optional<DescriptorShortage> shortage(std::in_place);
+    CTORVThread receiver(&sink, nullptr);
+    const bool refused = receiver.NotifyInitOk() == AW_ERROR_FAILURE;
+    shortage.reset();
+    CAWMessageBlock block = Text("hello");
+    const bool taken = receiver.PostTORVMessage(block, 3, nullptr) == AW_OK;
+    std::exit(refused && taken && sink.Told() == "hello" ? 0 : 1);
+  }
+  ChildTest child("shortage");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+}
 
 TEST_F(Receiver, NoticesAndMessagesArriveInTheOrderOfTheirPosts) {
   CAWMessageBlock block = Text("hello");

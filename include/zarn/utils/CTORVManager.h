@@ -46,7 +46,7 @@ class ZARNUTILS_API CTORVManager {
   // Posts a duplicate of `mb` to every receiver, with a null context; or to those that have
   // registered `tno`, each with its own context. `number` is for the receiver to read. `mb` stays
   // the caller's, who may change or free it at once. 0 whatever became of each: nobody there, no
-  // memory for one of them (the others get theirs), no task thread any more.
+  // memory for one of them (the others get theirs), no task thread.
   keelbase::AWResult SendTORVMessage(keelbase::CAWMessageBlock& mb, unsigned short number);
   keelbase::AWResult SendTORVMessage(keelbase::CAWMessageBlock& mb, unsigned short number,
                                      unsigned short tno);

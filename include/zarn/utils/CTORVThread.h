@@ -22,7 +22,7 @@ namespace zarn::utils {
 //
 // Results: 0, or 10001. Nothing is thrown: without memory for an event nothing is posted, whatever
 // was made of it is freed, and the answer is 10001; so it is when there is no task thread (any
-// more).
+// more). One that could not be started is tried again with each post.
 class ZARNUTILS_API CTORVThread {
  public:
   CTORVThread(ITORVSink* sink, void* arg);  // a null sink is fine: its events do nothing
@@ -56,7 +56,7 @@ class ZARNUTILS_API CTORVThread {
 
  private:
   ITORVSink* sink_;
-  keelbase::CAWThread* thread_;                         // null when it could not be started
+  keelbase::CAWThread* thread_;                         // null if it could not be started then
   std::unordered_map<unsigned short, void*> contexts_;  // by Tno
   void* arg_;
 };
