@@ -44,12 +44,12 @@ constexpr std::int64_t kNsPerMs = 1000000;
 constexpr std::int64_t kNsPerSecond = 1000 * kNsPerMs;
 
 // To the nanosecond, since paced senders wake many times in a millisecond; to the millisecond above
-// on systems that cannot.
+// on systems that cannot or, as filters of system calls do, forbid it with an error of their own.
 int WaitForEvents(int epoll, epoll_event* events, int size, std::int64_t timeoutNs) {
   if (timeoutNs <= 0) return ::epoll_wait(epoll, events, size, timeoutNs < 0 ? -1 : 0);
   const timespec limit{timeoutNs / kNsPerSecond, timeoutNs % kNsPerSecond};
   const int count = ::epoll_pwait2(epoll, events, size, &limit, nullptr);
-  if (count >= 0 || errno != ENOSYS) return count;
+  if (count >= 0 || errno == EINTR) return count;
   return ::epoll_wait(epoll, events, size, static_cast<int>((timeoutNs + kNsPerMs - 1) / kNsPerMs));
 }
 
