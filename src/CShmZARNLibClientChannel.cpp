@@ -53,9 +53,11 @@ void CShmZARNLibClientChannel::OnClose() {
 
 void CShmZARNLibClientChannel::OnConnectFailure(long) {}
 
-void CShmZARNLibClientChannel::OnRcvBufferOverFlow(std::uint32_t) {
+void CShmZARNLibClientChannel::OnRcvBufferOverFlow(std::uint32_t) { Close(0); }
+
+AWResult CShmZARNLibClientChannel::Close(long reason) {
   reconnector_.SetDown();
-  Close(0);
+  return CZARNShmIPCStreamBase::Close(reason);
 }
 
 // --- messages ---

@@ -36,6 +36,7 @@ AWResult CZARNLibClientChannel::ConnectToPeer() {
   if (ZARNCreateIPCAddr(localSecond_, localFirst_, local) != AW_OK ||
       ZARNCreateIPCAddr(peerSecond_, peerFirst_, peer) != AW_OK)
     return AW_ERROR_FAILURE;
+  reconnector_.SetDown();  // Connect ends a connection that there was
   return Connect(peer, &local);
 }
 
@@ -63,6 +64,13 @@ void CZARNLibClientChannel::OnConnectFailure(long) {}
 void CZARNLibClientChannel::OnRcvBufferOverFlow(std::uint32_t) {
   reconnector_.SetDown();
   Close(0);
+}
+
+// When a connection is lost the stream is closed already as it calls this: a subclass can still
+// tell a loss from a failed attempt in its OnPeerDisconnect.
+AWResult CZARNLibClientChannel::Close(long reason) {
+  if (!IsClosed()) reconnector_.SetDown();
+  return CZARNIPCStreamBase::Close(reason);
 }
 
 // --- messages ---

@@ -51,6 +51,19 @@ TEST_F(CZARNLibClientChannelRules, InitWithoutAnInstallRootAnswers10001AndTriesN
   EXPECT_EQ(manager.requests, 0);
 }
 
+TEST_F(CZARNLibClientChannelRules, InitWithoutAnInstallRootEndsNeitherAConnectionNorAttempts) {
+  auto transport = ConnectFully();
+  {
+    ScopedEnv none("ZARN_ROOT", std::nullopt);
+    EXPECT_EQ(client->Init(3, 4, 1, 2), AW_ERROR_FAILURE);
+    EXPECT_EQ(client->SendZARNMessage(1, 2, "x", 1), AW_OK);
+    transport->End(0);
+    EXPECT_EQ(client->Init(3, 4, 1, 2), AW_ERROR_FAILURE);
+  }
+  CompleteAttemptOfATick();
+  EXPECT_TRUE(client->IsConnected());
+}
+
 TEST_F(CZARNLibClientChannelRules, RootThatDisappearsWhileRunningIsTriedAgainWhenItIsBack) {
   auto transport = ConnectFully();
   std::filesystem::rename(root.GetPath() + "/system", root.GetPath() + "/away");

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "NetworkThread.h"
 #include "RecordingChannel.h"
@@ -191,6 +192,61 @@ TYPED_TEST(ClientChannelConnect, OnCloseDropsTheConnectionAndReconnectsInASecond
   ASSERT_EQ(this->manager.connectors.size(), 2U);
   this->CompleteLast();
   EXPECT_EQ(this->client->SendZARNMessage(1, 2, "x", 1), AW_OK);
+}
+
+TYPED_TEST(ClientChannelConnect, ClosedChannelIsNotConnectedUntilTheNextOnConnected) {
+  this->ConnectFully();
+  this->client->Close(0);
+  EXPECT_FALSE(this->client->IsConnected());
+  EXPECT_EQ(this->client->SendZARNMessage(1, 2, "x", 1), AW_ERROR_FAILURE);
+  EXPECT_EQ(this->client->Init(3, 4, 1, 2), AW_OK);
+  EXPECT_FALSE(this->client->IsConnected());
+  EXPECT_EQ(this->client->SendZARNMessage(1, 2, "x", 1), AW_ERROR_FAILURE);
+  this->CompleteLast();
+  EXPECT_TRUE(this->client->IsConnected());
+}
+
+TYPED_TEST(ClientChannelConnect, SubclassCanTellALossFromAFailedAttempt) {
+  struct Telling : TypeParam::Channel {
+    std::vector<bool> wereConnected;
+    void OnPeerDisconnect(long reason) override {
+      wereConnected.push_back(this->IsConnected());
+      TypeParam::Channel::OnPeerDisconnect(reason);
+    }
+    void OnConnectFailure(long reason) override {
+      wereConnected.push_back(this->IsConnected());
+      TypeParam::Channel::OnConnectFailure(reason);
+    }
+  };
+  Telling telling;
+  telling.Init(3, 4, 1, 2);
+  this->CompleteLast()->End(ECONNRESET);
+  EXPECT_FALSE(telling.IsConnected());
+  this->clock.Advance(seconds(1));
+  this->manager.Last().Complete(ECONNREFUSED, nullptr);
+  EXPECT_EQ(telling.wereConnected, (std::vector<bool>{true, false}));
+}
+
+TYPED_TEST(ClientChannelConnect, InitOnAConnectedChannelEndsItsConnection) {
+  auto transport = this->ConnectFully();
+  EXPECT_EQ(this->client->Init(3, 4, 5, 6), AW_OK);
+  EXPECT_EQ(transport->disconnects, std::vector<long>{0});
+  EXPECT_FALSE(this->client->IsConnected());
+  EXPECT_EQ(this->client->SendZARNMessage(1, 2, "x", 1), AW_ERROR_FAILURE);
+  this->CompleteLast();
+  EXPECT_EQ(this->client->SendZARNMessage(1, 2, "x", 1), AW_OK);
+}
+
+TYPED_TEST(ClientChannelConnect, CloseAndOverflowLeaveAttemptsThatAreGoingOn) {
+  this->client->Init(3, 4, 1, 2);
+  this->manager.Last().Complete(ECONNREFUSED, nullptr);
+  this->client->Close(0);
+  this->clock.Advance(seconds(1));
+  EXPECT_EQ(this->manager.connectors.size(), 2U);
+  this->client->OnRcvBufferOverFlow(1);
+  this->CompleteAttemptOfATick();
+  EXPECT_EQ(this->manager.connectors.size(), 3U);
+  EXPECT_TRUE(this->client->IsConnected());
 }
 
 TYPED_TEST(ClientChannelConnect, OverflowKeepsTheChannelDownUntilTheOwnerActs) {

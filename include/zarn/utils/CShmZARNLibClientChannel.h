@@ -27,9 +27,9 @@ namespace zarn::utils {
 //   };
 //   client.Init(3, 4, 1, 2);  // on the network thread: we are 3_4, the peer listens at 1_2
 //
-// A subclass that overrides OnConnected, OnPeerDisconnect, OnClose or OnRcvBufferOverFlow calls
-// this class's version first: it keeps the state and the timer. OnConnectFailure is called for
-// every attempt that fails, so about once a second while the peer is away, and does nothing.
+// A subclass that overrides OnConnected, OnPeerDisconnect, OnClose, OnRcvBufferOverFlow or Close
+// calls this class's version first: it keeps the state and the timer. OnConnectFailure is called
+// for every attempt that fails, so about once a second while the peer is away, and does nothing.
 //
 // A message is delivered whole, in order and at most once; what was under way when a connection
 // ended may be lost. Nothing is exchanged on connecting: no greeting, no registration.
@@ -58,9 +58,12 @@ class ZARNUTILS_API CShmZARNLibClientChannel : public CZARNShmIPCStreamBase,
 
   void OnConnectFailure(long reason) override;  // nothing: the timer tries again
 
-  // For an owner that watches sizes and finds one too large: closes a connection, and does not try
-  // again until OnClose or Init. Not for use inside OnZARNMessage, see OnClose.
+  // For an owner that watches sizes and finds one too large: closes a connection, which comes back
+  // with OnClose or Init only. Attempts that are going on already go on. Not for use inside
+  // OnZARNMessage, see OnClose.
   void OnRcvBufferOverFlow(std::uint32_t size) override;
+
+  keelbase::AWResult Close(long reason) override;  // not connected any more; see OnClose
 
   // Starts to connect endpoint (localFirst, localSecond) (ours, told to the peer) to
   // (peerFirst, peerSecond): at once, and then every second until the peer is there. 0: OnConnected

@@ -27,9 +27,9 @@ namespace zarn::utils {
 //   };
 //   client.Init(3, 4, 1, 2);  // on the network thread: we are 3_4, the peer listens at 1_2
 //
-// A subclass that overrides OnConnected, OnPeerDisconnect or OnRcvBufferOverFlow calls this class's
-// version first: it keeps the state and the timer. OnPeerDisconnect is called for every attempt
-// that fails, so about once a second while the peer is away.
+// A subclass that overrides OnConnected, OnPeerDisconnect, OnRcvBufferOverFlow or Close calls this
+// class's version first: it keeps the state and the timer. OnPeerDisconnect is called for every
+// attempt that fails, so about once a second while the peer is away.
 //
 // A message is delivered whole, in order and at most once; what was under way when a connection
 // ended may be lost. Nothing is exchanged on connecting: no greeting, no registration.
@@ -51,15 +51,18 @@ class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
   void OnPeerDisconnect(long reason) override;  // closes, and tries again every second
   int OnConnected(long reason) override;        // messages may be sent from now on; returns 1
 
-  // For an owner that watches sizes and finds one too large: closes a connection, and does not try
-  // again until OnClose or Init. Not for use inside OnZARNMessage, see OnClose.
+  // For an owner that watches sizes and finds one too large: closes a connection, which comes back
+  // with OnClose or Init only. Attempts that are going on already go on. Not for use inside
+  // OnZARNMessage, see OnClose.
   void OnRcvBufferOverFlow(std::uint32_t size) override;
+
+  keelbase::AWResult Close(long reason) override;  // not connected any more; see OnClose
 
   // Starts to connect endpoint localFirst_localSecond (ours, told to the peer; needs no file) to
   // peerFirst_peerSecond. 0: OnConnected follows as soon as the peer is there; the first try is
-  // made at once. 10001: no install root ("ZARN_ROOT"); else the platform's error. After either
-  // nothing is tried. Close a channel that was connected before calling it again, see
-  // CZARNIPCStreamBase::Connect.
+  // made at once. 10001: no install root ("ZARN_ROOT"), and a connection that there is stays; else
+  // the platform's error. Neither starts attempts, and attempts that are going on go on. Close a
+  // channel that was connected before calling it again, see CZARNIPCStreamBase::Connect.
   virtual keelbase::AWResult Init(std::uint16_t localFirst, std::uint16_t localSecond,
                                   std::uint16_t peerFirst, std::uint16_t peerSecond);
 
@@ -82,7 +85,8 @@ class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
                                              const char* data, std::size_t len);
 
   // The same with the unread bytes of a chain, which stays the caller's on every way out, on the
-  // stack or not. Accepted bytes are marked as read.
+  // stack or not. Accepted bytes are marked as read. An empty chain on a channel that is not
+  // connected answers 10001, as any other.
   virtual keelbase::AWResult SendZARNMessage(std::uint16_t type, std::uint32_t tag,
                                              keelbase::CAWMessageBlock& data);
 
