@@ -40,9 +40,9 @@ ReceivePass OfferBlocks(Stream& stream, detail::Generation& generation, const bo
     pass.answered = stream.HandleMessage(*duplicate);
     duplicate.reset();
     if (watch.IsDestroyed()) return ended(End::kDestroyed);
-    if (watch.HasChanged() && !closed) return ended(End::kReplaced);
     const bool tooLong = pass.answered > pass.offered;
     if (pass.answered != 0 && !tooLong) ++counters.messagesReceived;
+    if (watch.HasChanged() && !closed) return ended(End::kReplaced);
     if (closed) return ended(End::kClosed);
     if (tooLong) return ended(End::kTooLong);
     if (pass.answered == 0) return pass;
@@ -115,14 +115,17 @@ ReceivePass::End OfferSameBlock(Stream& stream, keelbase::CAWMessageBlock& data,
     const std::size_t remaining = length - consumed;
     const std::size_t answered = stream.HandleMessage(data);
     if (watch.IsDestroyed()) return End::kDestroyed;
+    const bool tooLong = answered > remaining;
+    if (answered != 0 && !tooLong) {
+      ++counters.messagesReceived;
+      counters.bytesReceived += answered;
+    }
     if (watch.HasChanged() && !closed) return End::kReplaced;
-    if (answered > remaining) {
+    if (tooLong) {
       TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
       return End::kClosed;
     }
     if (answered == 0) break;
-    ++counters.messagesReceived;
-    counters.bytesReceived += answered;
     consumed += answered;
     if (closed) break;
   }

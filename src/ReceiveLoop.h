@@ -45,10 +45,13 @@ ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bo
     pass.offered = length - pass.consumed;
     pass.answered = stream.HandleMessage(data + pass.consumed, pass.offered);
     if (watch.IsDestroyed()) return ended(End::kDestroyed);
+    const bool tooLong = pass.answered > pass.offered;
+    if (pass.answered != 0 && !tooLong) {
+      ++counters.messagesReceived;
+      pass.consumed += pass.answered;
+    }
     if (watch.HasChanged() && !closed) return ended(End::kReplaced);
-    if (pass.answered > pass.offered) return ended(End::kTooLong);
-    if (pass.answered != 0) ++counters.messagesReceived;
-    pass.consumed += pass.answered;
+    if (tooLong) return ended(End::kTooLong);
     if (closed) return ended(End::kClosed);
     if (pass.answered == 0) break;
   }
@@ -125,8 +128,9 @@ ReceivePass::End OfferDirect(Stream& stream, keelbase::CAWMessageBlock& data,
   using End = ReceivePass::End;
   const ReceivePass pass =
       OfferFrames(stream, generation, closed, counters, data.GetReadPtr(), data.GetLength());
-  if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return pass.end;
+  if (pass.end == End::kDestroyed) return pass.end;
   counters.bytesReceived += pass.consumed;
+  if (pass.end == End::kReplaced) return pass.end;
   if (pass.end == End::kTooLong)
     TraceTooLongAnswer(operation, pass.answered, pass.offered, &stream);
   if (pass.end == End::kTooLong || closed) return End::kClosed;

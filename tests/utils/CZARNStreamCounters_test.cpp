@@ -76,6 +76,14 @@ TYPED_TEST(CZARNStreamCountersOfAStream, CountFramesAndAllBytesThatArrived) {
   EXPECT_EQ(this->Counters().bytesReceived, 14U);
 }
 
+TYPED_TEST(CZARNStreamCountersOfAStream, CountAFrameWhoseHandlerConnectsAnew) {
+  auto transport = this->Attach();
+  this->DuringFirstMessage([&] { this->Connect(2); });
+  transport->Receive("one;two;");
+  EXPECT_EQ(this->Counters().messagesReceived, 1U);
+  EXPECT_EQ(this->Counters().bytesReceived, 8U);
+}
+
 TYPED_TEST(CZARNStreamCountersOfAStream, CountConnectionsAndKeepTheLastReason) {
   this->ConnectFully()->End(ECONNRESET);
   EXPECT_EQ(this->Counters().connects, 1U);

@@ -261,6 +261,8 @@ TEST_F(CZARNTCPTransportTest, DirectHandlerMayDisconnectReplaceOrDelete) {
   };
   EXPECT_EQ(stream->OnReceiveDirect(*Chain({"one;two;"})), AW_ERROR_FAILURE);
   EXPECT_TRUE(transport->disconnects.empty());
+  EXPECT_EQ(stream->GetCounters().messagesReceived, 2U);
+  EXPECT_EQ(stream->GetCounters().bytesReceived, 8U);
 
   stream->onMessage = [&](CAWMessageBlock&) -> std::uint16_t {
     stream.reset();

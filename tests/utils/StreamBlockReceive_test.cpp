@@ -282,6 +282,16 @@ TYPED_TEST(StreamBlockReceive, FrameWhoseHandlerDisconnectsIsCounted) {
   EXPECT_EQ(this->stream->GetCounters().bytesReceived, 8U);
 }
 
+TYPED_TEST(StreamBlockReceive, FrameWhoseHandlerTakesAnotherTransportIsCounted) {
+  this->stream->onMessage = [&](CAWMessageBlock& data) {
+    this->Attach();
+    return this->stream->TakeFrame(data);
+  };
+  this->transport->Receive("one;two;");
+  EXPECT_EQ(this->stream->GetCounters().messagesReceived, 1U);
+  EXPECT_EQ(this->stream->GetCounters().bytesReceived, 8U);
+}
+
 TYPED_TEST(StreamBlockReceive, ReadingStopsAboveTheLimitAndGoesOnBelowIt) {
   this->stream->SetReceiveLimit(10);
   this->transport->Receive("eleven byte");

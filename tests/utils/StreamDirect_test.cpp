@@ -155,6 +155,8 @@ TYPED_TEST(StreamDirect, ReconnectInsideADirectBlockIsNotTouched) {
   EXPECT_FALSE(this->stream->IsClosed());
   EXPECT_TRUE(this->manager.Last().IsPending());
   EXPECT_TRUE(this->stream->upcalls.empty());
+  EXPECT_EQ(this->stream->GetCounters().messagesReceived, 1U);
+  EXPECT_EQ(this->stream->GetCounters().bytesReceived, 4U);
 }
 
 TYPED_TEST(StreamDirect, DeletingItselfInsideADirectBlockAnswers10001) {
