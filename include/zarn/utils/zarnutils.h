@@ -60,7 +60,8 @@ ZARNUTILS_API keelbase::CAWString VAToString(const char* format, std::va_list ar
     __attribute__((format(printf, 1, 0)));
 
 // Puts `dir` at the end of "LD_LIBRARY_PATH", also when it is listed already. Counts for children;
-// the process's own loader has read the variable when it started. 0.
+// the process's own loader has read the variable when it started. 0; 10001 without memory, and
+// nothing has changed.
 ZARNUTILS_API keelbase::AWResult SetLDLibraryPath(const keelbase::CAWString& dir);
 
 // The local address from which the system would send to `peer`; sends nothing. 0.0.0.0 when there
