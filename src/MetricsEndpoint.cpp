@@ -116,14 +116,19 @@ void MetricsEndpoint::Answer(fipc::IAWIPCTransport& reader, CZARNMetrics metrics
 
 namespace {
 
-// The process's endpoint. Destroyed at exit, when the threads that the platform started have ended.
+// The process's endpoint. Never destroyed: threads may be inside it when the process ends.
 class MetricsService {
  public:
-  ~MetricsService() { End(); }
+  static MetricsService& Instance() {
+    static auto& service = *new MetricsService;
+    return service;
+  }
 
   // On the platform thread that is to serve.
   AWResult Start() try {
     const std::lock_guard<std::mutex> lock(mutex_);
+    keelbase::CAWSingletonT<EndAtExit>::Instance();
+    if (keelbase::CAWCleanUpBase::HasRun()) return AW_ERROR_FAILURE;
     if (endpoint_ != nullptr) return AW_OK;
     CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrent();
     if (thread == nullptr) return AW_ERROR_FAILURE;  // it has stopped, and this is another one
@@ -147,6 +152,11 @@ class MetricsService {
   }
 
  private:
+  // Destroyed when the threads that the platform started have ended.
+  struct EndAtExit {
+    ~EndAtExit() { Instance().End(); }
+  };
+
   CAWThread* GetThread() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return thread_;
@@ -166,21 +176,19 @@ class MetricsService {
   CAWThread* thread_ = nullptr;
 };
 
-using TheService = keelbase::CAWSingletonT<MetricsService>;
-
 }  // namespace
 
 AWResult ZARNEnableMetrics() try {
   if (keelbase::CAWCleanUpBase::HasRun()) return AW_ERROR_FAILURE;
   CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrentOrNetwork();
   if (thread == nullptr) return AW_ERROR_FAILURE;
-  return thread->Call([] { return TheService::Instance()->Start(); });
+  return thread->Call([] { return MetricsService::Instance().Start(); });
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }
 
 AWResult ZARNDisableMetrics() try {
-  TheService::Instance()->Stop();
+  MetricsService::Instance().Stop();
   return AW_OK;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;

@@ -31,6 +31,7 @@
 #include "RecordingStream.h"
 #include "TaskThread.h"
 #include "TempRoot.h"
+#include "keelbase/CAWSingleton.h"
 #include "zarn/utils/CPTCPStreamBase.h"
 #include "zarn/utils/CZARNLibClientChannel.h"
 #include "zarn/utils/CZARNTCPSSLTransport.h"
@@ -483,6 +484,38 @@ TEST(ZARNMetricsAtExit, RemovesItsFileAndStreamsMayOutliveEverything) {
   ChildTest child("exit");
   EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
   EXPECT_TRUE(std::filesystem::is_empty(root.GetPath() + "/system/zarn/stat"));
+}
+
+// A link of the clean-up chain: ends after what was made later.
+struct LateJoin final : keelbase::CAWCleanUpBase {
+  ~LateJoin() override {
+    for (std::thread& thread : threads) thread.join();
+  }
+  std::vector<std::thread> threads;
+};
+
+// They wait for the network thread, which is the one that ends the process.
+TEST(ZARNMetricsAtExit, ThreadsThatAreDisablingThemComeBack) {
+  if (ChildTest::Role() == "disable") {
+    ::alarm(20);
+    auto* others = new LateJoin;
+    if (utils::ZARNEnableMetrics() != AW_OK) std::exit(1);
+    static std::atomic<int> disabling{0};
+    constexpr int kThreads = 8;
+    for (int i = 0; i < kThreads; ++i)
+      others->threads.emplace_back([] {
+        ++disabling;
+        utils::ZARNDisableMetrics();
+      });
+    while (disabling < kThreads) std::this_thread::yield();
+    std::exit(0);
+  }
+  const TempRoot root;
+  for (int i = 0; i < 5; ++i) {
+    ChildTest child("disable");
+    ASSERT_EQ(child.Wait(), 0) << child.GetErrors();
+    EXPECT_TRUE(std::filesystem::is_empty(root.GetPath() + "/system/zarn/stat"));
+  }
 }
 
 }  // namespace
