@@ -98,6 +98,23 @@ TEST(LoopObject, IsDestroyedInPlaceOnceTheLoopHasStopped) {
   });
 }
 
+TEST(LoopObject, IsDestroyedByWhoeverWorksInPlaceOnceTheLoopHasStopped) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    loop.Stop();
+    loop.Run();
+    std::thread([&] {
+      loop.Call([&] {
+        std::thread([&] { object = nullptr; }).join();
+        EXPECT_EQ(life.destroyed, 0);
+      });
+      EXPECT_EQ(life.destroyed, 1);
+      EXPECT_EQ(life.destroyedOn, std::this_thread::get_id());
+    }).join();
+  });
+}
+
 TEST(LoopObject, LivesUntilTheEndOfACallbackInWhichItIsLetGo) {
   WithLoop([](EventLoop& loop) {
     Life life;

@@ -62,12 +62,12 @@ class ThreadCleanUp final : public CAWCleanUpBase {
  private:
   static void FinishLingers(CAWThread& thread) {
     internal::EventLoop& loop = thread.GetLoop();
-    if (loop.IsRunning() && !thread.IsCurrent()) {
-      auto done = std::make_shared<std::promise<void>>();
-      thread.Post([&loop, done] {
-        loop.FinishLingers();
-        done->set_value();
-      });
+    auto done = std::make_shared<std::promise<void>>();
+    const auto finish = [&loop, done] {
+      loop.FinishLingers();
+      done->set_value();
+    };
+    if (loop.IsRunning() && thread.Post(finish) == AW_OK) {
       done->get_future().wait_for(std::chrono::seconds(3));  // that thread may hang for good
     } else {
       loop.FinishLingers();
@@ -85,9 +85,9 @@ void internal::StopThreads() {
     if (slot.started.joinable() && !thread->IsCurrent()) {
       loop.Stop();
       slot.started.join();
-    } else if (thread->IsCurrent() || !loop.IsRunning()) {
+    } else {
       if (slot.started.joinable()) slot.started.detach();  // exit() was called on it
-      loop.DropPosted();
+      loop.End();
     }
   }
 }

@@ -85,7 +85,10 @@ EventLoop::EventLoop(const char* name)
   if (::epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, wake_.Get(), &event) != 0) wake_.Reset();
 }
 
-EventLoop::~EventLoop() { DropPosted(); }
+EventLoop::~EventLoop() {
+  DropPosted();
+  if (IsCurrent()) current_ = nullptr;
+}
 
 // --- thread ---
 
@@ -96,7 +99,7 @@ void EventLoop::BindToCurrentThread() {
 
 void EventLoop::CheckCurrent([[maybe_unused]] const char* operation) const {
 #ifndef NDEBUG
-  // Once the loop has ended nobody else can be in the way.
+  // Once the loop has ended, what it served is left to whoever destroys it.
   if (IsCurrent() || !IsRunning()) return;
   StopForWrongThread(operation, thread_.load(std::memory_order_acquire), CurrentThreadNumber());
 #endif
@@ -105,11 +108,9 @@ void EventLoop::CheckCurrent([[maybe_unused]] const char* operation) const {
 // --- running ---
 
 AWResult EventLoop::Run() {
+  if (GetThreadNumber() != 0 && !IsBoundHere()) return AW_ERROR_FAILURE;  // it acts in place
   if (running_.exchange(true)) return AW_ERROR_FAILURE;
-  {
-    const MutexLock lock(mutex_);
-    closed_ = false;
-  }
+  TakeHoldToRun();
   FlushTurn();  // what was gathered before there was a turn
   bool worked = true;
   while (!stop_.load(std::memory_order_acquire)) {
@@ -127,7 +128,8 @@ AWResult EventLoop::Run() {
   FlushTurn();
   stop_.store(false, std::memory_order_relaxed);
   running_.store(false, std::memory_order_release);
-  DropPosted();  // from here on others may act in place
+  DropPosted();
+  LeaveHold();  // from here on others may act in place
   return AW_OK;
 }
 
@@ -141,6 +143,7 @@ bool EventLoop::IsStopping() const {
 }
 
 bool EventLoop::RunReady() {
+  const InPlace here(*this, TakeHold());
   bool any = false;
   while (Turn(0)) any = true;
   return any;
@@ -286,14 +289,19 @@ AWResult EventLoop::Post(IAWEvent* event) {
   return taken ? AW_OK : AW_ERROR_FAILURE;
 }
 
+// True when the loop must be woken.
+bool EventLoop::Enqueue(LoopTask& task) {
+  task.nextTask = std::exchange(tasks_, &task);
+  hasPosted_.store(true, std::memory_order_release);
+  return std::exchange(sleeping_, false);
+}
+
 bool EventLoop::PostTask(LoopTask& task) {
   bool wake = false;
   {
     const MutexLock lock(mutex_);
     if (closed_) return false;
-    task.nextTask = std::exchange(tasks_, &task);
-    hasPosted_.store(true, std::memory_order_release);
-    wake = std::exchange(sleeping_, false);
+    wake = Enqueue(task);
   }
   if (wake) Wake();
   return true;
@@ -361,6 +369,19 @@ void EventLoop::DropPosted() {
     if (event != nullptr) event->OnDestorySelf();
   }
   for (IAWEvent* event : dropped) event->OnDestorySelf();
+}
+
+void EventLoop::End() {
+  {
+    const MutexLock lock(mutex_);
+    if (running_.load(std::memory_order_relaxed) && !IsHeldHere()) return;
+    closed_ = true;
+  }
+  const InPlace here(*this, TakeHold());
+  if (!here) return;
+  DropPosted();
+  const MutexLock lock(mutex_);
+  holds_ = 1;  // what has called this from inside the loop goes on no more
 }
 
 // --- descriptors ---
@@ -486,6 +507,7 @@ bool EventLoop::IsLingering(const LingerTask& task) const {
 }
 
 void EventLoop::FinishLingers() {
+  const InPlace here(*this, TakeHold());
   while (!lingering_.empty()) {
     const auto now = Clock::Now();
     const std::vector<LingerTask*> tasks = lingering_;

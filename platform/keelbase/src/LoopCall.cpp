@@ -1,8 +1,11 @@
-// LoopCall.cpp - EventLoop::Call: work that is done on the loop's thread while the caller waits.
+// LoopCall.cpp - work that other threads have for a loop: done on its thread, and once the loop has
+// stopped in place, by one thread at a time.
 #include <condition_variable>
 #include <exception>
+#include <utility>
 
 #include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/ThreadName.h"
 
 namespace keelbase::internal {
 
@@ -52,10 +55,85 @@ class WaitingCall final : public LoopTask {
 
 }  // namespace
 
+// --- who works on the loop ---
+
+bool EventLoop::IsHeldHere() const {
+  return holder_.load(std::memory_order_relaxed) == CurrentThreadNumber();
+}
+
+bool EventLoop::IsBoundHere() const { return GetThreadNumber() == CurrentThreadNumber(); }
+
+// For work in place. False when the loop must be asked to do it: it runs, or is still to run.
+bool EventLoop::TakeHold() {
+  MutexLock lock(mutex_);
+  while (closed_ && holder_ != 0 && !IsHeldHere()) lock.Wait(holdChanged_);
+  if (!closed_ && !IsHeldHere() && !IsBoundHere()) return false;
+  AddHold();
+  return true;
+}
+
+// Those who wait to work in place are to post again.
+void EventLoop::TakeHoldToRun() {
+  MutexLock lock(mutex_);
+  closed_ = false;
+  holdChanged_.notify_all();
+  while (holder_ != 0 && !IsHeldHere()) lock.Wait(holdChanged_);
+  AddHold();
+}
+
+void EventLoop::AddHold() {
+  holder_ = CurrentThreadNumber();
+  ++holds_;
+}
+
+// What was handed over meanwhile is done first.
+void EventLoop::LeaveHold() {
+  MutexLock lock(mutex_);
+  while (holds_ == 1 && closed_ && tasks_ != nullptr) {
+    LoopTask* tasks = Reversed(std::exchange(tasks_, nullptr));
+    lock.Unlock();
+    while (tasks != nullptr) std::exchange(tasks, tasks->nextTask)->OnLoopTask();
+    lock.Lock();
+  }
+  if (--holds_ != 0) return;
+  holder_ = 0;
+  holdChanged_.notify_all();
+}
+
+// --- work from other threads ---
+
 void EventLoop::RunThere(const std::function<void()>& function) {
-  if (IsCurrent()) return function();
-  WaitingCall call(function);
-  if (!PostTask(call) || !call.Wait()) function();
+  const bool mine = IsHeldHere();
+  if (mine && IsCurrent()) return function();
+  for (;;) {
+    if (!mine && !IsBoundHere()) {
+      WaitingCall call(function);
+      if (PostTask(call)) {
+        if (call.Wait()) return;
+        continue;
+      }
+    }
+    if (const InPlace here(*this, TakeHold()); here) return function();
+  }
+}
+
+void EventLoop::HandOver(LoopTask& task) {
+  if (IsHeldHere() && IsCurrent()) return task.OnLoopTask();
+  bool mine = false;
+  bool wake = false;
+  {
+    const MutexLock lock(mutex_);
+    mine = holder_ == 0 ? closed_ || IsBoundHere() : IsHeldHere();
+    if (mine) {
+      AddHold();
+    } else {
+      wake = Enqueue(task);
+    }
+  }
+  if (wake) Wake();
+  if (!mine) return;
+  const InPlace here(*this, true);
+  task.OnLoopTask();
 }
 
 }  // namespace keelbase::internal

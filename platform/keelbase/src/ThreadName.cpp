@@ -8,6 +8,7 @@
 
 #include "keelbase/CAWReferenceControl.h"
 #include "keelbase/CAWTrace.h"
+#include "keelbase/internal/EventLoop.h"
 
 namespace keelbase {
 
@@ -41,7 +42,12 @@ void StopForWrongThread(const char* what, std::uint64_t owner, std::uint64_t cal
 
 }  // namespace internal
 
-std::uint64_t CAWEnsureSingleThread::CurrentThread() { return internal::CurrentThreadNumber(); }
+// Who works on a stopped loop in place stands for its thread.
+std::uint64_t CAWEnsureSingleThread::CurrentThread() {
+  const internal::EventLoop* loop = internal::EventLoop::Current();
+  const std::uint64_t number = loop != nullptr ? loop->GetThreadNumber() : 0;
+  return number != 0 ? number : internal::CurrentThreadNumber();
+}
 
 void CAWEnsureSingleThread::Mismatch(const char* what, std::uint64_t owner,
                                      std::uint64_t caller) const {

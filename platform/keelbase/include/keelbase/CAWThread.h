@@ -42,7 +42,7 @@ class KEELBASE_API CAWThread {
   // process's clean-up.
   void Stop();
 
-  bool IsCurrent() const;  // true on the thread itself
+  bool IsCurrent() const;  // true on the thread itself, and inside a Call in place
 
   // How long the loop looks for work before it sleeps, in microseconds; 0 (the default) sleeps at
   // once. Looking costs one processor for that long after each piece of work: a microsecond of
@@ -55,8 +55,9 @@ class KEELBASE_API CAWThread {
   AWResult Post(std::function<void()> function);
 
   // Runs `function` on this thread, waits, and returns its value or throws what it threw; in place
-  // when already there, and in place too once the thread has stopped (nothing else runs there
-  // then). Must not be called by somebody for whom this thread waits.
+  // when already there, and in place too once the thread has stopped: then one caller at a time,
+  // for whom IsCurrent() is true meanwhile, and none while the thread runs again. Must not be
+  // called by somebody for whom this thread, or another caller in place, waits.
   template <class Function>
   std::invoke_result_t<Function> Call(Function&& function) {
     using Value = std::invoke_result_t<Function>;

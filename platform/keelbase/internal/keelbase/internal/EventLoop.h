@@ -12,6 +12,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -112,6 +113,7 @@ class KEELBASE_API EventLoop {
   void BindToCurrentThread();
   bool IsCurrent() const { return current_ == this; }
   static EventLoop* Current() { return current_; }
+  std::uint64_t GetThreadNumber() const { return thread_.load(std::memory_order_relaxed); }
   void CheckCurrent(const char* operation) const;  // debug builds stop on a wrong thread
 
   // --- running ---
@@ -131,9 +133,15 @@ class KEELBASE_API EventLoop {
   void RunThere(const std::function<void()>& function);
   // Runs after what has been posted before. False when the loop has stopped.
   bool PostTask(LoopTask& task);
+  // At once on the loop's thread, else as PostTask; once the loop has stopped in place, or by
+  // whoever works there just then. Waits for nobody.
+  void HandOver(LoopTask& task);
   // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not
   // run.
   void DropPosted();
+  // The process ends: as DropPosted, unless another thread runs the loop. From here on others may
+  // act in place, also when exit() was called inside a callback of the loop, which never returns.
+  void End();
 
   // --- descriptors: loop thread. 0 or an errno value ---
   int Watch(int fd, std::uint32_t events, Watcher& watcher);
@@ -156,10 +164,38 @@ class KEELBASE_API EventLoop {
   void BeginLinger(LingerTask& task);
   void EndLinger(LingerTask& task);
   // Serves everybody who lingers, without serving anything else, until done or out of time. On
-  // the loop's thread, or on any while the loop does not run.
+  // the loop's thread, or on any once the loop has stopped.
   void FinishLingers();
 
  private:
+  // Whoever works on the loop holds it: its thread while it runs, and once it has stopped one
+  // thread at a time, in place.
+  class InPlace {
+   public:
+    InPlace(EventLoop& loop, bool held) : loop_(held ? &loop : nullptr), before_(current_) {
+      if (held) current_ = &loop;
+    }
+    ~InPlace() {
+      if (loop_ == nullptr) return;
+      loop_->LeaveHold();
+      current_ = before_;
+    }
+    InPlace(const InPlace&) = delete;
+    InPlace& operator=(const InPlace&) = delete;
+    explicit operator bool() const { return loop_ != nullptr; }
+
+   private:
+    EventLoop* const loop_;
+    EventLoop* const before_;
+  };
+  bool IsHeldHere() const;
+  bool IsBoundHere() const;
+  bool TakeHold();
+  void TakeHoldToRun();
+  void AddHold() AW_REQUIRES(mutex_);
+  void LeaveHold();
+  bool Enqueue(LoopTask& task) AW_REQUIRES(mutex_);
+
   bool IsLingering(const LingerTask& task) const;
   bool Turn(std::int64_t timeoutNs);  // below 0: for ever
   bool Dispatch();
@@ -197,6 +233,9 @@ class KEELBASE_API EventLoop {
   LoopTask* tasks_ AW_GUARDED_BY(mutex_) = nullptr;  // the last one first
   bool closed_ AW_GUARDED_BY(mutex_) = false;
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
+  unsigned holds_ AW_GUARDED_BY(mutex_) = 0;
+  std::atomic<std::uint64_t> holder_{0};  // its thread number; changed under mutex_
+  std::condition_variable holdChanged_;
   std::atomic<bool> hasPosted_{false};
 
   // Null once an event is taken out to be fired; a stop may leave others behind.

@@ -10,7 +10,7 @@
 namespace keelbase::internal {
 
 // Implements the counting half of Interface. References may be dropped on any thread; the object is
-// destroyed on its loop's thread, or in place once that has stopped.
+// destroyed on its loop's thread, or once that has stopped in place, while nobody else works there.
 template <class Interface>
 class LoopObject : public Interface {
  public:
@@ -71,7 +71,7 @@ class LoopObject : public Interface {
   void Destroy() {
     if (destroying_.exchange(true)) return;
     OnLastReference();
-    if (loop_.IsCurrent() || !loop_.PostTask(destroyThere_)) delete this;
+    loop_.HandOver(destroyThere_);
   }
 
   EventLoop& loop_;

@@ -1,0 +1,159 @@
+// EventLoop_inplace_test.cpp - calls to a loop that has stopped: they run in place, one at a time.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "LoopThread.h"
+#include "TraceLines.h"
+#include "keelbase/CAWReferenceControl.h"
+#include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/FunctionEvent.h"
+
+namespace keelbase::internal {
+namespace {
+
+using zarn::test::WithLoop;
+
+void EndLoop(EventLoop& loop) {
+  loop.Stop();
+  loop.Run();
+}
+
+void WaitFor(const std::atomic<bool>& flag) {
+  while (!flag) std::this_thread::yield();
+}
+
+// Stops the loop once it runs again.
+void PostStopWhenOpen(EventLoop& loop) {
+  while (loop.Post(new FunctionEvent([&loop] { loop.Stop(); })) != AW_OK) std::this_thread::yield();
+}
+
+// Works in place from its making until it is told to leave.
+class WorkerInPlace {
+ public:
+  explicit WorkerInPlace(EventLoop& loop)
+      : thread_([this, &loop] { loop.Call([this] { Work(); }); }) {
+    WaitFor(inside);
+  }
+  ~WorkerInPlace() {
+    leave = true;
+    thread_.join();
+  }
+
+  std::atomic<bool> inside{false};
+  std::atomic<bool> leave{false};
+
+ private:
+  void Work() {
+    inside = true;
+    WaitFor(leave);
+    inside = false;
+  }
+  std::thread thread_;
+};
+
+TEST(EventLoop, CallsInPlaceComeOneAtATime) {
+  WithLoop([](EventLoop& loop) {
+    EndLoop(loop);
+    int inside = 0;
+    int beside = 0;
+    const auto call = [&] {
+      for (int i = 0; i < 2000; ++i) {
+        loop.Call([&] {
+          if (++inside != 1) ++beside;
+          std::this_thread::yield();
+          --inside;
+        });
+      }
+    };
+    std::thread other(call);
+    call();
+    other.join();
+    EXPECT_EQ(beside, 0);
+  });
+}
+
+TEST(EventLoop, CallerInPlaceStandsForTheThread) {
+  WithLoop([](EventLoop& loop) {
+    const zarn::test::TraceLines lines;
+    const CAWEnsureSingleThread check;
+    check.EnsureSingleThread();
+    EndLoop(loop);
+    std::thread([&] {
+      loop.Call([&] {
+        EXPECT_TRUE(loop.IsCurrent());
+        check.EnsureSingleThread();
+        EXPECT_EQ(loop.Run(), AW_ERROR_FAILURE);
+      });
+      EXPECT_EQ(EventLoop::Current(), nullptr);
+    }).join();
+    EXPECT_TRUE(lines.Get().empty());
+  });
+}
+
+TEST(EventLoop, RunBeginsWhenNobodyWorksInPlaceAnyMore) {
+  WithLoop([](EventLoop& loop) {
+    EndLoop(loop);
+    WorkerInPlace worker(loop);
+    bool beside = true;
+    std::thread poster([&] {
+      while (loop.Post(new FunctionEvent([&] { beside = worker.inside; })) != AW_OK)
+        std::this_thread::yield();
+      for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+      worker.leave = true;
+      PostStopWhenOpen(loop);
+    });
+    loop.Run();
+    poster.join();
+    EXPECT_FALSE(beside);
+  });
+}
+
+TEST(EventLoop, CallerThatWaitsToWorkInPlaceIsServedByANewRun) {
+  WithLoop([](EventLoop& loop) {
+    EndLoop(loop);
+    WorkerInPlace worker(loop);
+    std::atomic<bool> begun{false};
+    std::thread::id ranOn;
+    std::thread caller([&] {
+      begun = true;
+      loop.Call([&] { ranOn = std::this_thread::get_id(); });
+      loop.Stop();
+    });
+    WaitFor(begun);
+    std::thread opener([&] {
+      while (loop.Post(new FunctionEvent([] {})) != AW_OK) std::this_thread::yield();
+      worker.leave = true;
+    });
+    loop.Run();
+    opener.join();
+    caller.join();
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+  });
+}
+
+TEST(EventLoop, WhoWorksInPlaceMayCallTheSameLoopAndItsOwn) {
+  WithLoop([](EventLoop& own) {
+    EventLoop stopped("stopped");
+    EndLoop(stopped);
+    bool ownIsCurrent = false;
+    bool stoppedIsCurrent = false;
+    own.Post(new FunctionEvent([&] {
+      stopped.Call([&] {
+        own.Call([&] {
+          ownIsCurrent = own.IsCurrent();
+          stopped.Call([&] { stoppedIsCurrent = stopped.IsCurrent(); });
+        });
+      });
+      EXPECT_TRUE(own.IsCurrent());
+      own.Stop();
+    }));
+    own.Run();
+    EXPECT_TRUE(ownIsCurrent);
+    EXPECT_TRUE(stoppedIsCurrent);
+  });
+}
+
+}  // namespace
+}  // namespace keelbase::internal
