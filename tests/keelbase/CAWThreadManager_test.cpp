@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <set>
@@ -16,6 +18,8 @@
 #include "ChildTest.h"
 #include "DescriptorShortage.h"
 #include "ThreadShortage.h"
+#include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/TimerQueue.h"
 
 namespace keelbase {
 namespace {
@@ -163,6 +167,41 @@ TEST(CAWThreadManager, ProcessMayEndInsideACallback) {
     main->Run();
   }
   for (const char* role : {"network", "adopted"}) {
+    ChildTest child(role);
+    EXPECT_EQ(child.Wait(), 7) << role << child.GetErrors();
+  }
+}
+
+// A process that does not end is ended by its alarm.
+TEST(CAWThreadManager, ProcessMayEndOnAThreadForWhichAnotherWaits) {
+  std::atomic<bool> waiting{false};
+  const auto exitSoon = [&waiting](int code) {
+    ::alarm(30);
+    while (!waiting) std::this_thread::yield();
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    std::exit(code);
+  };
+  CAWThread* network = Manager().GetThread(CAWThreadManager::TT_NETWORK);
+  CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+  if (ChildTest::Role() == "call") {
+    task->Post([&] { exitSoon(7); });
+    network->Post([&] {
+      waiting = true;
+      task->Call([] {});
+    });
+    for (;;) ::pause();
+  }
+  if (ChildTest::Role() == "timer") {
+    internal::Timer timer(network->GetLoop());
+    timer.Start(std::chrono::microseconds(1), 1, [&] { exitSoon(7); });
+    while (timer.IsActive()) std::this_thread::yield();
+    task->Post([&] {
+      waiting = true;
+      timer.Cancel();
+    });
+    for (;;) ::pause();
+  }
+  for (const char* role : {"call", "timer"}) {
     ChildTest child(role);
     EXPECT_EQ(child.Wait(), 7) << role << child.GetErrors();
   }

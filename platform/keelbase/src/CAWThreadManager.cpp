@@ -75,21 +75,37 @@ class ThreadCleanUp final : public CAWCleanUpBase {
   }
 };
 
+// Threads that are waited for may themselves wait for a loop that this thread will serve no more:
+// those loops end first.
 void internal::StopThreads() {
   Slots& slots = TheSlots();
   { const MutexLock wait(slots.mutex); }  // for one that is just being started
-  for (Slot& slot : slots.all) {
-    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
-    if (thread == nullptr) continue;
-    EventLoop& loop = thread->GetLoop();
-    if (slot.started.joinable() && !thread->IsCurrent()) {
+  const auto forEach = [&slots](auto&& act) {
+    for (Slot& slot : slots.all) {
+      if (CAWThread* thread = slot.thread.load(std::memory_order_acquire))
+        act(slot, thread->GetLoop());
+    }
+  };
+  const auto isElsewhere = [](const Slot& slot) {
+    return slot.started.joinable() && slot.started.get_id() != std::this_thread::get_id();
+  };
+  forEach([](Slot&, EventLoop& loop) {
+    if (loop.IsHeldHere()) loop.End();  // exit() was called on it
+  });
+  forEach([&](Slot& slot, EventLoop& loop) {
+    if (isElsewhere(slot)) {
       loop.Stop();
-      slot.started.join();
     } else {
-      if (slot.started.joinable()) slot.started.detach();  // exit() was called on it
       loop.End();
     }
-  }
+  });
+  forEach([&](Slot& slot, EventLoop&) {
+    if (isElsewhere(slot)) {
+      slot.started.join();
+    } else if (slot.started.joinable()) {
+      slot.started.detach();
+    }
+  });
 }
 
 CAWThread* ThreadCleanUp::Make(Slot& slot) {

@@ -380,6 +380,7 @@ void EventLoop::End() {
   const InPlace here(*this, TakeHold());
   if (!here) return;
   DropPosted();
+  timers_.ForgetFiring();
   const MutexLock lock(mutex_);
   holds_ = 1;  // what has called this from inside the loop goes on no more
 }

@@ -81,10 +81,14 @@ bool TimerQueue::RunNextDue(std::optional<Clock::Point>& now) {
   const Timer::Function function = timer.function_;
   lock.Unlock();
   function();
-  lock.Lock();
+  ForgetFiring();
+  return true;
+}
+
+void TimerQueue::ForgetFiring() {
+  const MutexLock lock(mutex_);
   firing_ = nullptr;
   fired_.notify_all();
-  return true;
 }
 
 }  // namespace keelbase::internal

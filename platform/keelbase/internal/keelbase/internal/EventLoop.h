@@ -113,6 +113,7 @@ class KEELBASE_API EventLoop {
   void BindToCurrentThread();
   bool IsCurrent() const { return current_ == this; }
   static EventLoop* Current() { return current_; }
+  bool IsHeldHere() const;  // this thread runs it or works on it in place
   std::uint64_t GetThreadNumber() const { return thread_.load(std::memory_order_relaxed); }
   void CheckCurrent(const char* operation) const;  // debug builds stop on a wrong thread
 
@@ -140,7 +141,8 @@ class KEELBASE_API EventLoop {
   // run.
   void DropPosted();
   // The process ends: as DropPosted, unless another thread runs the loop. From here on others may
-  // act in place, also when exit() was called inside a callback of the loop, which never returns.
+  // act in place, also when exit() was called inside a callback of the loop: it never returns, and
+  // nobody waits for it any more.
   void End();
 
   // --- descriptors: loop thread. 0 or an errno value ---
@@ -188,7 +190,6 @@ class KEELBASE_API EventLoop {
     EventLoop* const loop_;
     EventLoop* const before_;
   };
-  bool IsHeldHere() const;
   bool IsBoundHere() const;
   bool TakeHold();
   void TakeHoldToRun();

@@ -61,6 +61,9 @@ class TimerQueue {
   // and is the same for all that fire in one turn.
   bool RunNextDue(std::optional<Clock::Point>& now);
 
+  // The call that is just running never returns: nobody waits for it.
+  void ForgetFiring();
+
  private:
   void Insert(Timer& timer, Clock::Point due) AW_REQUIRES(mutex_);
   void Forget(Timer& timer) AW_REQUIRES(mutex_);
