@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <set>
@@ -204,6 +205,36 @@ TEST(CAWThreadManager, ProcessMayEndOnAThreadForWhichAnotherWaits) {
   for (const char* role : {"call", "timer"}) {
     ChildTest child(role);
     EXPECT_EQ(child.Wait(), 7) << role << child.GetErrors();
+  }
+}
+
+class SayingTurnEnd final : public internal::TurnEndTask {
+ public:
+  void OnTurnEnd() override { std::fputs("[written]", stderr); }
+};
+
+TEST(CAWThreadManager, WhatWasGatheredInTheTurnThatEndsTheProcessIsWritten) {
+  SayingTurnEnd gathered;
+  const auto gatherAndExit = [&gathered](CAWThread* thread) {
+    thread->Post([thread, &gathered] {
+      thread->GetLoop().AtTurnEnd(gathered);
+      std::exit(0);
+    });
+  };
+  if (ChildTest::Role() == "network") {
+    gatherAndExit(Manager().GetThread(CAWThreadManager::TT_NETWORK));
+    for (;;) ::pause();
+  }
+  if (ChildTest::Role() == "adopted") {
+    Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    gatherAndExit(main);
+    main->Run();
+  }
+  for (const char* role : {"network", "adopted"}) {
+    ChildTest child(role);
+    EXPECT_EQ(child.Wait(), 0) << role;
+    EXPECT_NE(child.GetErrors().find("[written]"), std::string::npos) << role << child.GetErrors();
   }
 }
 

@@ -379,6 +379,7 @@ void EventLoop::End() {
   }
   const InPlace here(*this, TakeHold());
   if (!here) return;
+  FlushTurn();
   DropPosted();
   timers_.ForgetFiring();
   const MutexLock lock(mutex_);

@@ -4,8 +4,9 @@
 namespace keelbase::internal {
 
 // Stops the started threads and waits for them, but for the one that calls: whatever the chain
-// destroys afterwards, none of their callbacks is using it. What is queued on them, and on adopted
-// threads that do not run, is destroyed. Once CAWCleanUpBase::HasRun() none is started any more.
+// destroys afterwards, none of their callbacks is using it. What was gathered to be sent on them,
+// and on adopted threads that do not run, is written; what is queued there is destroyed. Once
+// CAWCleanUpBase::HasRun() none is started any more.
 void StopThreads();
 
 }  // namespace keelbase::internal

@@ -140,9 +140,9 @@ class KEELBASE_API EventLoop {
   // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not
   // run.
   void DropPosted();
-  // The process ends: as DropPosted, unless another thread runs the loop. From here on others may
-  // act in place, also when exit() was called inside a callback of the loop: it never returns, and
-  // nobody waits for it any more.
+  // The process ends: writes what was gathered, then as DropPosted, unless another thread runs the
+  // loop. From here on others may act in place, also when exit() was called inside a callback of
+  // the loop: it never returns, and nobody waits for it any more.
   void End();
 
   // --- descriptors: loop thread. 0 or an errno value ---
