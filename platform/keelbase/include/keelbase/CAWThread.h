@@ -36,10 +36,11 @@ class KEELBASE_API CAWThread {
   // 10001 otherwise, and when it runs already. May be called again after it has returned.
   AWResult Run();
 
-  // Ends Run() after the event or callback in hand; from any thread. What is still queued is
-  // destroyed and later posts answer 10001, until the next Run(). A Stop() before Run() ends that
-  // Run() at once. Does nothing to a thread that the manager has started: that one lives to the
-  // process's clean-up.
+  // Ends Run() after the event or callback in hand, and after the end of that turn: what was sent
+  // by then is written, and a connection that this shows to be broken still tells what has arrived
+  // and its end. From any thread. What is still queued is destroyed and later posts answer 10001,
+  // until the next Run(). A Stop() before Run() ends that Run() at once. Does nothing to a thread
+  // that the manager has started: that one lives to the process's clean-up.
   void Stop();
 
   bool IsCurrent() const;  // true on the thread itself, and inside a Call in place
