@@ -114,6 +114,23 @@ TEST(TimerQueue, LateTickIsNotFollowedByABurst) {
   });
 }
 
+TEST(TimerQueue, TickThatIsLateByAnotherTimersCallIsNotFollowedByABurst) {
+  WithLoop([](EventLoop& loop) {
+    ManualClock clock;
+    int fired = 0;
+    Timer slow(loop);
+    Timer other(loop);
+    slow.Start(milliseconds(10), 1, [&] { clock.Advance(milliseconds(35)); });
+    other.Start(milliseconds(10), 0, [&] { ++fired; });
+    clock.Advance(milliseconds(10));
+    loop.RunReady();
+    EXPECT_EQ(fired, 1);
+    clock.Advance(milliseconds(10));
+    loop.RunReady();
+    EXPECT_EQ(fired, 2);
+  });
+}
+
 TEST(TimerQueue, SlightlyLateTickKeepsTheBeat) {
   WithTime([](EventLoop& loop, auto advance) {
     int fired = 0;

@@ -346,8 +346,8 @@ bool EventLoop::RunPosted() {
 
 bool EventLoop::RunTimers() {
   bool any = false;
-  std::optional<Clock::Point> now;
-  while (!IsStopping() && timers_.RunNextDue(now)) any = true;
+  std::optional<Clock::Point> begin;
+  while (!IsStopping() && timers_.RunNextDue(begin)) any = true;
   return any;
 }
 

@@ -70,13 +70,14 @@ void TimerQueue::Reschedule(Timer& timer, Clock::Point now) {
   Insert(timer, next > now ? next : now + timer.interval_);
 }
 
-bool TimerQueue::RunNextDue(std::optional<Clock::Point>& now) {
+bool TimerQueue::RunNextDue(std::optional<Clock::Point>& begin) {
   MutexLock lock(mutex_);
   if (timers_.empty()) return false;
-  if (!now) now = Clock::Now();
-  if (timers_.begin()->first > *now) return false;
+  const bool first = !begin;
+  if (first) begin = Clock::Now();
+  if (timers_.begin()->first > *begin) return false;
   Timer& timer = *timers_.begin()->second;
-  Reschedule(timer, *now);
+  Reschedule(timer, first ? *begin : Clock::Now());  // those before it may have taken long
   firing_ = &timer;
   const Timer::Function function = timer.function_;
   lock.Unlock();

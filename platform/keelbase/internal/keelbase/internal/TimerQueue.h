@@ -57,9 +57,9 @@ class TimerQueue {
 
   std::optional<Clock::Point> NextDue() const;
 
-  // Fires the first timer that is due; false when there is none. `now` is read when it is needed
-  // and is the same for all that fire in one turn.
-  bool RunNextDue(std::optional<Clock::Point>& now);
+  // Fires the first timer that is due; false when there is none. `begin` is set by the first call
+  // of a turn, if there is a timer at all: what was not due then does not fire in this turn.
+  bool RunNextDue(std::optional<Clock::Point>& begin);
 
   // The call that is just running never returns: nobody waits for it.
   void ForgetFiring();
