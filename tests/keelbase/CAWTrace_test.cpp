@@ -62,6 +62,19 @@ TEST_F(IAWTraceManagerTest, LineThatTheSinkItselfTracesIsDropped) {
   EXPECT_EQ(lines, (std::vector<std::string>{"first", "second"}));
 }
 
+TEST_F(IAWTraceManagerTest, SinkMayReplaceItself) {
+  std::vector<std::string> lines;
+  manager_->SetSink([&](std::uint32_t, std::string_view text) {
+    manager_->SetSink([&](std::uint32_t, std::string_view later) {
+      lines.push_back("second:" + std::string(later));
+    });
+    lines.push_back("first:" + std::string(text));
+  });
+  manager_->Trace(0, "one");
+  manager_->Trace(0, "two");
+  EXPECT_EQ(lines, (std::vector<std::string>{"first:one", "second:two"}));
+}
+
 TEST_F(IAWTraceManagerTest, SinkThatThrowsDoesNotReachTheCallerAndIsCalledAgain) {
   int calls = 0;
   manager_->SetSink([&](std::uint32_t, std::string_view) {

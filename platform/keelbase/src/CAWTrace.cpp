@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "keelbase/internal/Mutex.h"
@@ -24,13 +25,28 @@ void WriteLine(std::string_view text) {
 
 class TraceManager final : public IAWTraceManager {
  public:
-  // Nothing that a sink throws may reach whoever traces.
   void Trace(std::uint32_t level, std::string_view text) override {
-    static thread_local bool tracing = false;
-    if (tracing) return;  // a sink that traces would wait for itself
-    tracing = true;
+    if (tracing_) return;  // a sink that traces would wait for itself
+    tracing_ = true;
+    {
+      const internal::MutexLock lock(mutex_);
+      Tell(level, text);
+      if (next_) sink_ = std::move(*next_);
+      next_.reset();
+    }
+    tracing_ = false;
+  }
+
+  void SetSink(Sink sink) override {
+    if (tracing_) return SetNextSink(std::move(sink));
+    const internal::MutexLock lock(mutex_);
+    std::swap(sink_, sink);
+  }
+
+ private:
+  // Nothing that a sink throws may reach whoever traces.
+  void Tell(std::uint32_t level, std::string_view text) AW_REQUIRES(mutex_) {
     try {
-      internal::MutexLock lock(mutex_);
       if (sink_) {
         sink_(level, text);
       } else if (level == 0) {
@@ -38,17 +54,15 @@ class TraceManager final : public IAWTraceManager {
       }
     } catch (...) {
     }
-    tracing = false;
   }
 
-  void SetSink(Sink sink) override {
-    internal::MutexLock lock(mutex_);
-    std::swap(sink_, sink);
-  }
+  // Inside the sink, under the lock of whoever traces.
+  void SetNextSink(Sink sink) AW_NO_THREAD_SAFETY_ANALYSIS { next_ = std::move(sink); }
 
- private:
+  inline static thread_local bool tracing_ = false;  // on this thread
   internal::Mutex mutex_;
   Sink sink_ AW_GUARDED_BY(mutex_);
+  std::optional<Sink> next_ AW_GUARDED_BY(mutex_);  // set by the sink that is running
   internal::RepeatLimiter limiter_ AW_GUARDED_BY(mutex_);
 };
 
