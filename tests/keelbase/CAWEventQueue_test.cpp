@@ -3,9 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <future>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "TaskThread.h"
 #include "VirtualSlot.h"
@@ -61,6 +64,18 @@ TEST(CAWEventQueue, EventDecidesItsOwnEnd) {
 
 TEST(CAWEventQueue, NullIsRefused) {
   EXPECT_EQ(TaskThread()->GetEventQueue()->Post(nullptr), AW_ERROR_FAILURE);
+}
+
+struct alignas(128) WideEvent final : IAWEvent {
+  AWResult OnEventFire() override { return AW_OK; }
+};
+
+TEST(CAWEventQueue, EventsMayAskForMoreAlignmentThanThePoolGives) {
+  std::vector<std::unique_ptr<WideEvent>> events(50);
+  for (auto& event : events) {
+    event = std::make_unique<WideEvent>();
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(event.get()) % alignof(WideEvent), 0U);
+  }
 }
 
 TEST(CAWEventQueue, SlotsOfTheEvent) {

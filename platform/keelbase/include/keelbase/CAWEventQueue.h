@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 
 #include "keelbase/CAWDefines.h"
 #include "keelbase/CAWError.h"
@@ -24,6 +25,14 @@ class KEELBASE_API IAWEvent {
 
   static void* operator new(std::size_t size);
   static void operator delete(void* memory, std::size_t size) noexcept;
+
+  // Of types that ask for more alignment than the pool gives; their memory is the system's.
+  static void* operator new(std::size_t size, std::align_val_t alignment) {
+    return ::operator new(size, alignment);
+  }
+  static void operator delete(void* memory, std::align_val_t alignment) noexcept {
+    ::operator delete(memory, alignment);
+  }
 };
 
 // The queue of one CAWThread: first in, first out. Lives as long as its thread object, for ever.
