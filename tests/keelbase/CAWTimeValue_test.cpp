@@ -57,6 +57,13 @@ TEST(CAWTimeValue, ConvertsFromAndToChrono) {
   EXPECT_EQ(CAWTimeValue(CAWTimeValue(-3, 7).ToDuration()), CAWTimeValue(-3, 7));
 }
 
+TEST(CAWTimeValue, TakesEveryValueOfItsRangeWhateverItIsMadeOf) {
+  using Frames = std::chrono::duration<std::int64_t, std::ratio<1, 60>>;
+  ExpectParts(CAWTimeValue(Frames(200000000000000)), 3333333333333, 333333);
+  ExpectParts(CAWTimeValue(Frames(-1)), -1, 983334);
+  ExpectParts(CAWTimeValue(9223372036855, -1000000), 9223372036854, 0);
+}
+
 TEST(CAWTimeValue, StopsAtTheEndsOfTheRange) {
   const CAWTimeValue longest(std::chrono::microseconds::max());
   const CAWTimeValue shortest(std::chrono::microseconds::min());

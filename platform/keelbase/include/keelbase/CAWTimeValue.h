@@ -4,6 +4,8 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <ratio>
+#include <type_traits>
 
 namespace keelbase {
 
@@ -15,7 +17,7 @@ class CAWTimeValue {
 
   // The sum of both; usec may be negative or more than a second.
   explicit constexpr CAWTimeValue(std::int64_t sec, std::int64_t usec = 0)
-      : usec_(Add(Multiply(sec), usec)) {}
+      : usec_(Clamp(Wide(sec) * kSecond + usec)) {}
 
   // What is finer than a microsecond is cut off towards zero.
   template <class Rep, class Period>
@@ -33,11 +35,11 @@ class CAWTimeValue {
   }
 
   constexpr CAWTimeValue& operator+=(CAWTimeValue other) {
-    usec_ = Add(usec_, other.usec_);
+    usec_ = Clamp(Wide(usec_) + other.usec_);
     return *this;
   }
   constexpr CAWTimeValue& operator-=(CAWTimeValue other) {
-    usec_ = Subtract(usec_, other.usec_);
+    usec_ = Clamp(Wide(usec_) - other.usec_);
     return *this;
   }
   friend constexpr CAWTimeValue operator+(CAWTimeValue a, CAWTimeValue b) { return a += b; }
@@ -55,28 +57,26 @@ class CAWTimeValue {
   static constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
   static constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
 
-  static constexpr std::int64_t Add(std::int64_t a, std::int64_t b) {
-    if (b > 0 && a > kMax - b) return kMax;
-    if (b < 0 && a < kMin - b) return kMin;
-    return a + b;
-  }
-  static constexpr std::int64_t Subtract(std::int64_t a, std::int64_t b) {
-    if (b < 0 && a > kMax + b) return kMax;
-    if (b > 0 && a < kMin + b) return kMin;
-    return a - b;
-  }
-  static constexpr std::int64_t Multiply(std::int64_t sec) {
-    if (sec > kMax / kSecond) return kMax;
-    if (sec < kMin / kSecond) return kMin;
-    return sec * kSecond;
+  // Holds what two numbers of 64 bits make, exactly.
+  __extension__ using Wide = __int128;
+
+  static constexpr std::int64_t Clamp(Wide usec) {
+    if (usec > kMax) return kMax;
+    if (usec < kMin) return kMin;
+    return static_cast<std::int64_t>(usec);
   }
   template <class Rep, class Period>
   static constexpr std::int64_t FromDuration(std::chrono::duration<Rep, Period> duration) {
-    using Exact = std::chrono::duration<long double, std::micro>;
-    const long double exact = std::chrono::duration_cast<Exact>(duration).count();
-    if (exact >= static_cast<long double>(kMax)) return kMax;
-    if (exact <= static_cast<long double>(kMin)) return kMin;
-    return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+    if constexpr (std::is_integral_v<Rep>) {
+      using Factor = std::ratio_divide<Period, std::micro>;
+      return Clamp(Wide(duration.count()) * Factor::num / Factor::den);
+    } else {
+      using Exact = std::chrono::duration<long double, std::micro>;
+      const long double exact = std::chrono::duration_cast<Exact>(duration).count();
+      if (exact >= static_cast<long double>(kMax)) return kMax;
+      if (exact <= static_cast<long double>(kMin)) return kMin;
+      return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+    }
   }
 
   std::int64_t usec_ = 0;
