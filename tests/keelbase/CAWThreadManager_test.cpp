@@ -202,7 +202,14 @@ TEST(CAWThreadManager, ProcessMayEndOnAThreadForWhichAnotherWaits) {
     });
     for (;;) ::pause();
   }
-  for (const char* role : {"call", "timer"}) {
+  if (ChildTest::Role() == "called") {
+    task->Post([&] {
+      waiting = true;
+      network->Call([&] { exitSoon(7); });
+    });
+    for (;;) ::pause();
+  }
+  for (const char* role : {"call", "timer", "called"}) {
     ChildTest child(role);
     EXPECT_EQ(child.Wait(), 7) << role << child.GetErrors();
   }

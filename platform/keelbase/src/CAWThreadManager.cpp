@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <thread>
+#include <utility>
 
 #include "StopThreads.h"
 #include "keelbase/CAWSingleton.h"
@@ -75,36 +76,50 @@ class ThreadCleanUp final : public CAWCleanUpBase {
   }
 };
 
-// Threads that are waited for may themselves wait for a loop that this thread will serve no more:
-// those loops end first.
-void internal::StopThreads() {
-  Slots& slots = TheSlots();
-  { const MutexLock wait(slots.mutex); }  // for one that is just being started
-  const auto forEach = [&slots](auto&& act) {
-    for (Slot& slot : slots.all) {
-      if (CAWThread* thread = slot.thread.load(std::memory_order_acquire))
-        act(slot, thread->GetLoop());
-    }
-  };
-  const auto isElsewhere = [](const Slot& slot) {
-    return slot.started.joinable() && slot.started.get_id() != std::this_thread::get_id();
-  };
-  forEach([](Slot&, EventLoop& loop) {
-    if (loop.IsHeldHere()) loop.End();  // exit() was called on it
+namespace {
+
+template <class Act>
+void ForEachThread(Act&& act) {
+  for (Slot& slot : TheSlots().all) {
+    if (CAWThread* thread = slot.thread.load(std::memory_order_acquire))
+      act(slot, thread->GetLoop());
+  }
+}
+
+// What this thread was doing on them is over, and so is what waited for it to return.
+void EndLoopsThatExitWasCalledOn() {
+  bool inherited = true;
+  while (std::exchange(inherited, false)) {
+    ForEachThread([&](Slot&, internal::EventLoop& served) {
+      if (!served.IsHeldHere()) return;
+      ForEachThread([&](Slot&, internal::EventLoop& loop) {
+        if (loop.InheritFrom(served)) inherited = true;
+      });
+    });
+  }
+  ForEachThread([](Slot& slot, internal::EventLoop& loop) {
+    if (!loop.IsHeldHere()) return;
+    if (slot.started.joinable()) slot.started.detach();
+    loop.End();
   });
-  forEach([&](Slot& slot, EventLoop& loop) {
-    if (isElsewhere(slot)) {
+}
+
+}  // namespace
+
+// Threads that are waited for may themselves wait for a loop that nobody will serve any more: those
+// loops end first.
+void internal::StopThreads() {
+  { const MutexLock wait(TheSlots().mutex); }  // for one that is just being started
+  EndLoopsThatExitWasCalledOn();
+  ForEachThread([](Slot& slot, EventLoop& loop) {
+    if (slot.started.joinable()) {
       loop.Stop();
     } else {
       loop.End();
     }
   });
-  forEach([&](Slot& slot, EventLoop&) {
-    if (isElsewhere(slot)) {
-      slot.started.join();
-    } else if (slot.started.joinable()) {
-      slot.started.detach();
-    }
+  ForEachThread([](Slot& slot, EventLoop&) {
+    if (slot.started.joinable()) slot.started.join();
   });
 }
 

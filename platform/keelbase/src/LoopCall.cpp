@@ -9,20 +9,21 @@
 
 namespace keelbase::internal {
 
-namespace {
-
 // Stands on the stack of the caller, who leaves once it is finished.
-class WaitingCall final : public LoopTask {
+class EventLoop::WaitingCall final : public LoopTask {
  public:
-  explicit WaitingCall(const std::function<void()>& function) : function_(function) {}
+  WaitingCall(EventLoop& loop, const std::function<void()>& function)
+      : loop_(loop), function_(function) {}
 
   void OnLoopTask() override {
+    const std::uint64_t outer = std::exchange(loop_.caller_, caller_);
     std::exception_ptr error;
     try {
       function_();
     } catch (...) {
       error = std::current_exception();
     }
+    loop_.caller_ = outer;
     Finish(Outcome::done, error);
   }
   void OnDropped() override { Finish(Outcome::dropped, nullptr); }
@@ -46,14 +47,14 @@ class WaitingCall final : public LoopTask {
     finished_.notify_one();
   }
 
+  EventLoop& loop_;
+  const std::uint64_t caller_ = CurrentThreadNumber();
   const std::function<void()>& function_;
   Mutex mutex_;
   std::condition_variable finished_;
   Outcome outcome_ AW_GUARDED_BY(mutex_) = Outcome::waiting;
   std::exception_ptr error_ AW_GUARDED_BY(mutex_);
 };
-
-}  // namespace
 
 // --- who works on the loop ---
 
@@ -100,6 +101,13 @@ void EventLoop::LeaveHold() {
   holdChanged_.notify_all();
 }
 
+bool EventLoop::InheritFrom(const EventLoop& served) {
+  const MutexLock lock(mutex_);
+  if (served.caller_ == 0 || holder_ != served.caller_ || IsHeldHere()) return false;
+  holder_ = CurrentThreadNumber();
+  return true;
+}
+
 // --- work from other threads ---
 
 void EventLoop::RunThere(const std::function<void()>& function) {
@@ -107,7 +115,7 @@ void EventLoop::RunThere(const std::function<void()>& function) {
   if (mine && IsCurrent()) return function();
   for (;;) {
     if (!mine && !IsBoundHere()) {
-      WaitingCall call(function);
+      WaitingCall call(*this, function);
       if (PostTask(call)) {
         if (call.Wait()) return;
         continue;

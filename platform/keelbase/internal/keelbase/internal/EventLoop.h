@@ -144,6 +144,9 @@ class KEELBASE_API EventLoop {
   // loop. From here on others may act in place, also when exit() was called inside a callback of
   // the loop: it never returns, and nobody waits for it any more.
   void End();
+  // Takes over what a thread holds that waits in a Call for the function that has called exit(), on
+  // a loop that is held here: it never goes on. False when it does not hold this loop.
+  bool InheritFrom(const EventLoop& served);
 
   // --- descriptors: loop thread. 0 or an errno value ---
   int Watch(int fd, std::uint32_t events, Watcher& watcher);
@@ -190,6 +193,7 @@ class KEELBASE_API EventLoop {
     EventLoop* const loop_;
     EventLoop* const before_;
   };
+  class WaitingCall;
   bool IsBoundHere() const;
   bool TakeHold();
   void TakeHoldToRun();
@@ -243,6 +247,7 @@ class KEELBASE_API EventLoop {
   alignas(kCacheLine) std::vector<IAWEvent*> firing_;
   LoopTask* runningTasks_ = nullptr;  // the first one first
   bool ranPosted_ = false;            // in the last turn
+  std::uint64_t caller_ = 0;          // the thread whose Call is being served
 
   static constexpr int kBatch = 64;
   std::array<epoll_event, kBatch> batch_{};
