@@ -235,6 +235,29 @@ TEST(TlsStreamEnd, DisconnectInTheMiddleOfATicketEndsInOrderBehindIt) {
   });
 }
 
+TEST(TlsStreamEnd, DisconnectInTheMiddleOfATicketEndsInOrderThoughAllTheRestComesInOneEvent) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    pair.client.stream->Disconnect();
+    EXPECT_TRUE(pair.client.end.sent.empty());
+    pair.client.end.Arrive(std::exchange(pair.rest, {}));
+    pair.Move();
+    EXPECT_EQ(pair.server_.sink.ends, 1);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, DisconnectInTheMiddleOfATicketEndsInOrderThoughThePeersEndComesWithTheRest) {
+  WithLoop([](EventLoop& loop) {
+    TicketPair pair(loop);
+    pair.client.stream->Disconnect();
+    EXPECT_EQ(SSL_shutdown(pair.serverSsl), 0);
+    pair.client.end.Arrive(pair.rest + std::exchange(pair.server_.end.sent, {}));
+    EXPECT_FALSE(pair.client.end.sent.empty());
+    EXPECT_TRUE(pair.client.end.disconnected);
+  });
+}
+
 TEST(TlsStreamEnd, NothingFollowsOurEndThoughThePeerAsksForNewKeys) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

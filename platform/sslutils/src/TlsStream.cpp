@@ -124,7 +124,6 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
   try {
     if (state_ == State::shaking) ShakeHands();
     if (state_ == State::open) Pump();
-    if (state_ == State::closing && !lastWritten_) WriteLast();
     if (state_ == State::closing) Drain();
     const bool wanted = state_ == State::ready || state_ == State::open;
     if (wanted && HasBytes(*arriving_)) AppendTo(kept_, arriving_->DuplicateChained());
@@ -487,6 +486,8 @@ void TlsStream::Drain() {
   int result = 1;
   while (result == 1) result = SSL_read_ex(ssl_.get(), dropped, sizeof dropped, &count);
   const int error = SSL_get_error(ssl_.get(), result);
+  const bool inOrder = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_ZERO_RETURN;
+  if (inOrder && !lastWritten_) WriteLast();  // what was in its way may have been read now
   if (error != SSL_ERROR_WANT_READ) CloseNow();
 }
 
