@@ -20,6 +20,14 @@ INSTANTIATE_TEST_SUITE_P(Tls, TlsStreamEnds, ::testing::Values(TLS1_2_VERSION, T
                            return version.param == TLS1_2_VERSION ? "v12" : "v13";
                          });
 
+// The second request is one that OpenSSL answers while it reads.
+void AskTwiceForNewKeys(SSL* ssl) {
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(SSL_key_update(ssl, SSL_KEY_UPDATE_REQUESTED), 1);
+    EXPECT_EQ(SSL_do_handshake(ssl), 1);
+  }
+}
+
 TEST_P(TlsStreamEnds, OrderlyEndIsReasonZeroAfterAllBytes) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop, GetParam());
@@ -341,6 +349,72 @@ TEST(TlsStreamEnd, FailedWriteIsAnsweredAndTheEndFollowsWhatThePeerHadSent) {
     pair.client.end.End(ECONNRESET);
     EXPECT_EQ(pair.client.sink.received, "sent before");
     EXPECT_EQ(pair.client.sink.reason, EPIPE);
+  });
+}
+
+TEST(TlsStreamEnd, FailedWriteLosesNothingOfWhatThePeerHadSentBehindARequestForNewKeys) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    EXPECT_EQ(TlsPair::Send(pair.server_, "one, "), AW_OK);
+    loop.RunReady();
+    AskTwiceForNewKeys(pair.serverSsl);
+    EXPECT_EQ(TlsPair::Send(pair.server_, "two"), AW_OK);
+    loop.RunReady();
+    pair.client.end.sendResult = EPIPE;
+    EXPECT_EQ(TlsPair::Send(pair.client, std::string(20000, 'x')), AWResult{EPIPE});
+    TlsPair::MoveOnce(pair.server_.end, pair.client.end);
+    pair.client.end.End(ECONNRESET);
+    EXPECT_EQ(pair.client.sink.received, "one, two");
+    EXPECT_EQ(pair.client.sink.reason, EPIPE);
+  });
+}
+
+TEST(TlsStreamEnd, AnswerToARequestForNewKeysThatCannotBeWrittenLosesNothingBehindIt) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    AskTwiceForNewKeys(pair.serverSsl);
+    EXPECT_EQ(TlsPair::Send(pair.server_, "all"), AW_OK);
+    loop.RunReady();
+    EXPECT_EQ(SSL_shutdown(pair.serverSsl), 0);
+    pair.client.end.sendResult = EPIPE;
+    TlsPair::MoveOnce(pair.server_.end, pair.client.end);
+    pair.client.end.End(0);
+    EXPECT_EQ(pair.client.sink.received, "all");
+    EXPECT_EQ(pair.client.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, WhatCameBeforeIsDeliveredWhenWaitingAnswersToChangesOfKeysCannotBeWritten) {
+  WithLoop([](EventLoop& loop) {
+    for (const bool stop : {false, true}) {
+      UnreadAnswersPair pair(loop);
+      pair.Arrive(", second");
+      bool stopped = stop;
+      pair.server_.stream->SetOption(keelbase::AW_OPT_STOP_READING, &stopped);
+      pair.server_.end.sendResult = AW_ERROR_FAILURE;
+      pair.server_.end.MakeRoom(1000);
+      loop.RunReady();
+      EXPECT_EQ(pair.server_.sink.received, "first, second") << stop;
+      EXPECT_EQ(pair.server_.sink.reason, long{AW_ERROR_FAILURE}) << stop;
+    }
+  });
+}
+
+TEST(TlsStreamEnd, NothingFollowsBytesThatWereLostWhenTheConnectionIsClosed) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    EXPECT_EQ(TlsPair::Send(pair.client, "lost"), AW_OK);
+    const std::string text = "last words";
+    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(pair.client.stream->SetOption(keelbase::AW_OPT_LINGER_DATA, &block), AW_OK);
+    pair.client.end.sendResult = AW_ERROR_FAILURE;
+    pair.client.stream->Disconnect();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_TRUE(pair.client.end.sent.empty());
+    EXPECT_TRUE(pair.client.end.lingerData.empty());
   });
 }
 

@@ -79,14 +79,12 @@ void TlsStream::Start(std::chrono::milliseconds limit, Done done) {
 void TlsStream::ShakeHands() {
   ERR_clear_error();
   const int result = SSL_do_handshake(ssl_.get());
-  if (result == 1) return Established(0);
+  if (result == 1) return Established(writeError_);
   switch (SSL_get_error(ssl_.get(), result)) {
     case SSL_ERROR_WANT_READ:
       if (writeError_ != 0) return Established(writeError_);
       if (lowerEnded_) Established(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
       return;
-    case SSL_ERROR_SYSCALL:
-      return Established(writeError_ != 0 ? writeError_ : AW_SSL_ERROR_HANDSHAKE);
     default:
       return Established(ReasonOfHandshakeFailure(ssl_.get()));
   }
@@ -169,9 +167,9 @@ void TlsStream::OnTurnEnd() {
   if (state_ == State::shaking) return ShakeHands();
   FlushGather();
   if (state_ != State::open) return;
+  if (failed_) lowerEnded_ = true;
   if (lowerEnded_) return EndOfLower();
   Pump();
-  if (failed_) End(writeError_);
 }
 
 // --- receiving ---
@@ -192,7 +190,7 @@ bool TlsStream::MayRead() const {
 }
 
 bool TlsStream::AnswersWait() const {
-  return state_ == State::open && !lowerEnded_ && rest_ != nullptr &&
+  return state_ == State::open && !lowerEnded_ && writeError_ == 0 && rest_ != nullptr &&
          LengthUpTo(*rest_, kMostRest) >= kMostRest;
 }
 
@@ -281,24 +279,24 @@ void TlsStream::ReadLower(bool read) {
 
 // --- sending ---
 
-// Takes all or, when the connection has failed, nothing: OpenSSL would have to be given the same
-// record again, and ends the connection when the peer asks for new keys in between. What comes
-// behind bytes that are lost is not written: the peer must see that they are missing. Nothing
-// follows our end, as OpenSSL's answers would to a peer that goes on.
+// Takes all, always: OpenSSL would have to be given the same record again, and ends the connection
+// when the peer asks for new keys in between. When writing has failed, what comes is dropped, and
+// what the peer has sent can still be read: OpenSSL reads nothing behind a request for new keys
+// that it cannot answer. What comes behind bytes that are lost is not written: the peer must see
+// that they are missing. Nothing follows our end, as OpenSSL's answers would to a peer that goes
+// on.
 std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
-  if (writeError_ != 0) return 0;
-  if (lastWritten_) return length;
+  if (writeError_ != 0 || lastWritten_) return length;
   CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
-  if (rest_ == nullptr && !lowerEnded_ && !SendBelow(block)) return 0;
+  if (rest_ == nullptr && !lowerEnded_ && !SendBelow(block)) return length;
   if (block.GetLength() == 0) return length;
   try {
     AddBytes(rest_, block, kRecord);
     NoteQueued();
-    return length;
   } catch (const std::bad_alloc&) {
     FailWriting(ENOMEM);
-    return 0;
   }
+  return length;
 }
 
 bool TlsStream::SendBelow(CAWMessageBlock& chain) {
@@ -394,8 +392,6 @@ void TlsStream::WriteRecord(const char* data, std::size_t length) {
       return;
     case SSL_ERROR_WANT_READ:
       return KeepPending(data, length);
-    case SSL_ERROR_SYSCALL:
-      return;  // WriteBelow has said why
     default:
       return FailWriting(AW_SSL_ERROR_RECORD);
   }
@@ -468,11 +464,12 @@ void TlsStream::WriteLast() {
   WritePending();
   FlushGather();
   for (DropRead(lingerData_); lingerData_ != nullptr && !IsBlocked(); DropRead(lingerData_)) {
+    if (writeError_ != 0) return;
     const std::size_t count = std::min(kRecord, lingerData_->GetLength());
     WriteRecord(lingerData_->GetReadPtr(), count);
     lingerData_->AdvanceReadPtr(count);
   }
-  if (IsBlocked()) return;
+  if (IsBlocked() || writeError_ != 0) return;
   ERR_clear_error();
   lastWritten_ = SSL_shutdown(ssl_.get()) >= 0;
 }
@@ -488,7 +485,7 @@ void TlsStream::Drain() {
   const int error = SSL_get_error(ssl_.get(), result);
   const bool inOrder = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_ZERO_RETURN;
   if (inOrder && !lastWritten_) WriteLast();  // what was in its way may have been read now
-  if (error != SSL_ERROR_WANT_READ) CloseNow();
+  if (error != SSL_ERROR_WANT_READ || writeError_ != 0) CloseNow();
 }
 
 std::uint32_t TlsStream::LingerLeft() const {
