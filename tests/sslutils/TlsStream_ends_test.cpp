@@ -214,6 +214,98 @@ TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectOnABlockedTransport) {
   });
 }
 
+// The client has been closed with much still to be written, and there is little room.
+struct FullLingerPair : TlsPair {
+  explicit FullLingerPair(EventLoop& l) : TlsPair(l), all(Pattern(1 << 20)) {
+    Open();
+    client.end.room = 1000;
+    CAWMessageBlock block(all.data(), all.size(), CAWMessageBlock::borrow);
+    EXPECT_EQ(client.stream->SetOption(keelbase::AW_OPT_LINGER_DATA, &block), AW_OK);
+    client.stream->Disconnect();
+  }
+  std::uint64_t Encrypted() const {
+    keelbase::CAWTransportCounters counters;
+    client.stream->GetOption(keelbase::AW_OPT_COUNTERS, &counters);
+    return counters.queuedBytes;
+  }
+  const std::string all;
+};
+
+TEST(TlsStreamEnd, NoMoreIsEncryptedAfterDisconnectThanThereIsRoomFor) {
+  WithLoop([](EventLoop& loop) {
+    FullLingerPair pair(loop);
+    for (int i = 0; i < 100; ++i) {
+      EXPECT_GT(pair.Encrypted(), 0U);
+      EXPECT_LT(pair.Encrypted(), 34000U);
+      TlsPair::MoveOnce(pair.client.end, pair.server_.end);
+    }
+    pair.Move();
+    EXPECT_TRUE(pair.server_.sink.received == pair.all);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, PeerThatAsksForNewKeysIsReadNoFurtherWhileWhatWasTakenFindsNoRoom) {
+  WithLoop([](EventLoop& loop) {
+    FullLingerPair pair(loop);
+    EXPECT_EQ(TlsPair::Send(pair.server_, "."), AW_OK);
+    for (int asked = 0; asked < 10000 && !pair.client.end.readingStopped; ++asked) {
+      AskTwiceForNewKeys(pair.serverSsl);
+      TlsPair::MoveOnce(pair.server_.end, pair.client.end);
+    }
+    EXPECT_TRUE(pair.client.end.readingStopped);
+    EXPECT_LT(pair.Encrypted(), 66000U);
+    AskTwiceForNewKeys(pair.serverSsl);  // on its way all the same
+    pair.client.end.Arrive(std::exchange(pair.server_.end.sent, {}));
+    EXPECT_LT(pair.Encrypted(), 66000U);
+    pair.Move();
+    EXPECT_TRUE(pair.server_.sink.received == pair.all);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, AllThatWasTakenIsWrittenThoughThePeerAnnouncesItsEndMeanwhile) {
+  WithLoop([](EventLoop& loop) {
+    FullLingerPair pair(loop);
+    EXPECT_EQ(SSL_shutdown(pair.serverSsl), 0);
+    TlsPair::MoveOnce(pair.server_.end, pair.client.end);
+    EXPECT_FALSE(pair.client.end.disconnected);
+    EXPECT_LT(pair.Encrypted(), 34000U);
+    pair.Move();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    pair.server_.end.Arrive(pair.client.end.lingerData);
+    EXPECT_TRUE(pair.server_.sink.received == pair.all);
+    EXPECT_EQ(pair.server_.sink.reason, 0);
+  });
+}
+
+TEST(TlsStreamEnd, TransportBelowIsLeftAllThatWasTakenWhenNoMoreRoomWillBeTold) {
+  WithLoop([](EventLoop& loop) {
+    for (const bool exit : {false, true}) {
+      FullLingerPair pair(loop);
+      TlsPair::MoveOnce(pair.client.end, pair.server_.end);
+      if (exit) {
+        loop.FinishLingers();
+      } else {
+        pair.client.end.End(0);  // the peer has only ended its side
+      }
+      EXPECT_TRUE(pair.client.end.disconnected);
+      pair.server_.end.Arrive(pair.client.end.sent + pair.client.end.lingerData);
+      EXPECT_TRUE(pair.server_.sink.received == pair.all) << exit;
+      EXPECT_EQ(pair.server_.sink.reason, 0) << exit;
+    }
+  });
+}
+
+TEST(TlsStreamEnd, NothingMoreIsEncryptedForAConnectionThatIsBroken) {
+  WithLoop([](EventLoop& loop) {
+    FullLingerPair pair(loop);
+    pair.client.end.End(ECONNRESET);
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_LT(pair.client.end.lingerData.size(), 34000U);
+  });
+}
+
 TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectInTheMiddleOfATicket) {
   WithLoop([](EventLoop& loop) {
     TicketPair pair(loop);

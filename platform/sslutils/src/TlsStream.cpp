@@ -9,7 +9,6 @@
 #include <new>
 #include <utility>
 
-#include "OwnedChain.h"
 #include "TlsBio.h"
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
@@ -29,7 +28,6 @@ using keelbase::internal::Clock;
 using keelbase::internal::HasBytes;
 using keelbase::internal::kGatherSize;
 using keelbase::internal::kReadSize;
-using keelbase::internal::LengthUpTo;
 
 namespace {
 
@@ -123,8 +121,9 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
     if (state_ == State::shaking) ShakeHands();
     if (state_ == State::open) Pump();
     if (state_ == State::closing) Drain();
-    const bool wanted = state_ == State::ready || state_ == State::open;
-    if (wanted && HasBytes(*arriving_)) AppendTo(kept_, arriving_->DuplicateChained());
+    const bool awaited = state_ == State::closing && !peerEnded_;
+    const bool wanted = state_ == State::ready || state_ == State::open || awaited;
+    if (wanted && HasBytes(*arriving_)) kept_.Append(arriving_->DuplicateChained());
   } catch (const std::bad_alloc&) {
     End(ENOMEM);
   }
@@ -134,6 +133,7 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
 void TlsStream::OnRoom() {
   const CAWAutoPtr<TlsStream> alive(this);
   WriteRest();
+  if (state_ == State::closing) return Drain();
   GoOnWriting();
   Pump();  // what the answers had held up
 }
@@ -148,7 +148,7 @@ void TlsStream::OnEnd(long reason) {
     case State::open:
       return EndOfLower();
     case State::closing:
-      return CloseNow();
+      return LeaveToLower();
     default:
       return;  // whoever opens the stream is told then
   }
@@ -175,23 +175,23 @@ void TlsStream::OnTurnEnd() {
 // --- receiving ---
 
 std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
-  CAWMessageBlock* const source = kept_ != nullptr ? kept_.get() : arriving_;
-  if (source == nullptr || AnswersWait()) return 0;
-  const std::size_t count = source->CopyChained(data, length);
-  source->AdvanceChainedReadPtr(count);
-  DropRead(kept_);
+  if (AnswersWait()) return 0;
+  if (!kept_.IsEmpty()) return kept_.Read(data, length);
+  if (arriving_ == nullptr) return 0;
+  const std::size_t count = arriving_->CopyChained(data, length);
+  arriving_->AdvanceChainedReadPtr(count);
   return count;
 }
 
 bool TlsStream::MayRead() const {
   if (state_ != State::open || (!reading_ && !lowerEnded_)) return false;
-  return kept_ != nullptr || (arriving_ != nullptr && HasBytes(*arriving_)) ||
+  return !kept_.IsEmpty() || (arriving_ != nullptr && HasBytes(*arriving_)) ||
          SSL_has_pending(ssl_.get()) == 1;
 }
 
 bool TlsStream::AnswersWait() const {
-  return state_ == State::open && !lowerEnded_ && writeError_ == 0 && rest_ != nullptr &&
-         LengthUpTo(*rest_, kMostRest) >= kMostRest;
+  const bool willGoOut = !lowerEnded_ && !lastWritten_ && writeError_ == 0;
+  return state_ != State::shaking && willGoOut && rest_.GetLength() >= kMostRest;
 }
 
 void TlsStream::Pump() {
@@ -288,10 +288,10 @@ void TlsStream::ReadLower(bool read) {
 std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
   if (writeError_ != 0 || lastWritten_) return length;
   CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
-  if (rest_ == nullptr && !lowerEnded_ && !SendBelow(block)) return length;
+  if (rest_.IsEmpty() && !lowerEnded_ && !SendBelow(block)) return length;
   if (block.GetLength() == 0) return length;
   try {
-    AddBytes(rest_, block, kRecord);
+    rest_.AddBytes(block, kRecord);
     NoteQueued();
   } catch (const std::bad_alloc&) {
     FailWriting(ENOMEM);
@@ -312,9 +312,9 @@ bool TlsStream::SendBelow(CAWMessageBlock& chain) {
 }
 
 void TlsStream::WriteRest() {
-  if (rest_ == nullptr) return;
-  const bool well = SendBelow(*rest_);
-  DropRead(rest_);
+  if (rest_.IsEmpty()) return;
+  const bool well = SendBelow(*rest_.GetFirst());
+  rest_.DropRead(rest_.GetLength() - rest_.GetFirst()->GetChainedLength());
   if (!well && state_ == State::closing) CloseNow();
 }
 
@@ -441,9 +441,10 @@ void TlsStream::Disconnect() {
   timer_.reset();
   state_ = State::closing;
   if (!established || writeError_ != 0) return CloseNow();
+  if (lowerEnded_) return LeaveToLower();
   try {
     WriteLast();
-    if (writeError_ != 0 || peerEnded_ || lowerEnded_ || lingerMs_ == 0) return CloseNow();
+    if (lingerMs_ == 0) return CloseNow();
     timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
     timer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] {
       const CAWAutoPtr<TlsStream> last(this);
@@ -452,24 +453,23 @@ void TlsStream::Disconnect() {
     self_ = this;
     lingerBegin_ = Clock::Now();
     loop_.BeginLinger(*this);
-    ReadLower(true);
     Drain();
   } catch (const std::bad_alloc&) {
     CloseNow();
   }
 }
 
-// In the middle of a message of the peer's TLS nothing can be written, not even the end.
+// Encrypts no more than there is room for below: that may be little of very much. In the middle of
+// a message of the peer's TLS nothing can be written, not even the end.
 void TlsStream::WriteLast() {
   WritePending();
-  FlushGather();
-  for (DropRead(lingerData_); lingerData_ != nullptr && !IsBlocked(); DropRead(lingerData_)) {
-    if (writeError_ != 0) return;
-    const std::size_t count = std::min(kRecord, lingerData_->GetLength());
-    WriteRecord(lingerData_->GetReadPtr(), count);
-    lingerData_->AdvanceReadPtr(count);
+  while (!lingerData_.IsEmpty()) {
+    const std::size_t count = TakeSome(*lingerData_.GetFirst());
+    if (count == 0) return;
+    lingerData_.DropRead(count);
   }
-  if (IsBlocked() || writeError_ != 0) return;
+  FlushGather();
+  if (Gathered() != 0 || pending_ != nullptr || writeError_ != 0 || lastWritten_) return;
   ERR_clear_error();
   lastWritten_ = SSL_shutdown(ssl_.get()) >= 0;
 }
@@ -483,9 +483,18 @@ void TlsStream::Drain() {
   int result = 1;
   while (result == 1) result = SSL_read_ex(ssl_.get(), dropped, sizeof dropped, &count);
   const int error = SSL_get_error(ssl_.get(), result);
-  const bool inOrder = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_ZERO_RETURN;
-  if (inOrder && !lastWritten_) WriteLast();  // what was in its way may have been read now
-  if (error != SSL_ERROR_WANT_READ || writeError_ != 0) CloseNow();
+  peerEnded_ = peerEnded_ || error == SSL_ERROR_ZERO_RETURN;
+  const bool broken = error != SSL_ERROR_WANT_READ && !peerEnded_;
+  if (!broken && !lastWritten_) WriteLast();  // what was in its way may have been read now
+  if (broken || writeError_ != 0 || (peerEnded_ && lastWritten_)) return CloseNow();
+  ReadLower(!AnswersWait());
+}
+
+// Nobody will tell of room any more: the transport below is given all that is left.
+void TlsStream::LeaveToLower() {
+  leaving_ = lingerMs_ != 0 && endReason_ == 0;
+  if (leaving_) WriteLast();
+  CloseNow();
 }
 
 std::uint32_t TlsStream::LingerLeft() const {
@@ -503,9 +512,10 @@ void TlsStream::CloseNow(std::uint32_t lingerMs) {
   sink_ = nullptr;
   if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
   lower_->SetOption(keelbase::AW_OPT_LINGER, &lingerMs);
-  if (rest_ != nullptr) lower_->SetOption(keelbase::AW_OPT_LINGER_DATA, rest_.get());
+  if (!rest_.IsEmpty()) lower_->SetOption(keelbase::AW_OPT_LINGER_DATA, rest_.GetFirst());
   lower_->Disconnect();
-  for (auto* chain : {&kept_, &gather_, &pending_, &lingerData_, &rest_}) chain->reset();
+  for (auto* chain : {&kept_, &lingerData_, &rest_}) chain->Clear();
+  for (auto* record : {&gather_, &pending_}) record->reset();
   timer_.reset();
   if (self_) loop_.EndLinger(*this);
   const CAWAutoPtr<TlsStream> last(std::move(self_));
@@ -514,7 +524,7 @@ void TlsStream::CloseNow(std::uint32_t lingerMs) {
 AWResult TlsStream::AddLingerData(const CAWMessageBlock& chain) {
   if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
   try {
-    AppendTo(lingerData_, chain.DuplicateChained());
+    lingerData_.Append(chain.DuplicateChained());
   } catch (const std::bad_alloc&) {
     return AW_ERROR_FAILURE;
   }
@@ -535,10 +545,8 @@ CAWSSLInfo TlsStream::GetInfo() const {
 std::uint64_t TlsStream::Queued() const {
   keelbase::CAWTransportCounters lower;
   lower_->GetOption(keelbase::AW_OPT_COUNTERS, &lower);
-  std::uint64_t queued = Gathered() + lower.queuedBytes;
-  for (const auto* chain : {&pending_, &rest_})
-    if (*chain != nullptr) queued += (*chain)->GetChainedLength();
-  return queued;
+  const std::uint64_t pending = pending_ == nullptr ? 0 : pending_->GetLength();
+  return Gathered() + pending + rest_.GetLength() + lower.queuedBytes;
 }
 
 // Where much comes together, but not for each message.

@@ -15,6 +15,7 @@
 #include "sslutils/CAWDefines.h"
 #include "sslutils/CAWSSLTransport.h"
 #include "sslutils/internal/ByteTransport.h"
+#include "sslutils/internal/OwnedChain.h"
 
 struct ssl_st;
 
@@ -67,7 +68,7 @@ class SSLUTILS_API TlsStream final
   int LingerDescriptor() const override { return -1; }
   keelbase::internal::Clock::Point LingerDeadline() const override { return lingerBegin_; }
   void WriteLingering() override {}
-  void AbandonLinger() override { CloseNow(); }
+  void AbandonLinger() override { LeaveToLower(); }
 
   // OpenSSL's side.
   friend class TlsBio;
@@ -99,10 +100,7 @@ class SSLUTILS_API TlsStream final
   bool FlushGather();
   void GoOnWriting();
   std::size_t Gathered() const { return gather_ == nullptr ? 0 : gather_->GetLength(); }
-  // The last records are all taken, however little the transport below takes.
-  bool IsBlocked() const {
-    return pending_ != nullptr || (rest_ != nullptr && state_ != State::closing);
-  }
+  bool IsBlocked() const { return pending_ != nullptr || (!rest_.IsEmpty() && !leaving_); }
   void WantTurnEnd();
   keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   CAWSSLInfo GetInfo() const;
@@ -112,6 +110,7 @@ class SSLUTILS_API TlsStream final
 
   void WriteLast();
   void Drain();
+  void LeaveToLower();
   void CloseNow() { CloseNow(LingerLeft()); }
   void CloseNow(std::uint32_t lingerMs);
   std::uint32_t LingerLeft() const;
@@ -126,7 +125,7 @@ class SSLUTILS_API TlsStream final
   // Received and not decrypted yet: during an event the transport's own block, else a copy of what
   // had to be left.
   keelbase::CAWMessageBlock* arriving_ = nullptr;
-  std::unique_ptr<keelbase::CAWMessageBlock> kept_;
+  OwnedChain kept_;
   bool reading_ = true;       // the owner wants to
   bool lowerReading_ = true;  // the transport below does
   bool lowerEnded_ = false;
@@ -137,16 +136,17 @@ class SSLUTILS_API TlsStream final
 
   std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
   std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that OpenSSL has not taken yet
-  std::unique_ptr<keelbase::CAWMessageBlock> rest_;     // encrypted; found no room below
+  OwnedChain rest_;                                     // encrypted; found no room below
   bool writeBlocked_ = false;                           // writing goes on when bytes have come
   bool lastWritten_ = false;                            // our end has gone out
+  bool leaving_ = false;                                // no more room will be told
   bool roomWanted_ = false;                             // 10013 was answered
   bool dirty_ = false;                                  // OnTurnEnd is due
   long writeError_ = 0;                                 // nothing more can be sent
   bool failed_ = false;                                 // and the transport below does not know
 
   std::uint32_t lingerMs_ = 2000;
-  std::unique_ptr<keelbase::CAWMessageBlock> lingerData_;
+  OwnedChain lingerData_;  // plain until there is room below
   keelbase::internal::Clock::Point lingerBegin_{};
   std::unique_ptr<keelbase::internal::Timer> timer_;  // of the handshake, then of the linger
   keelbase::CAWAutoPtr<TlsStream> self_;              // held while lingering
