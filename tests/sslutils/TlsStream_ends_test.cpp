@@ -105,6 +105,37 @@ TEST(TlsStreamEnd, WhatCameBeforeTheEndIsDeliveredThoughTheAnswersToChangesOfKey
   });
 }
 
+TEST(TlsStreamEnd, ManyRequestsForNewKeysBeforeTheEndAreReadInSeveralTurns) {
+  WithLoop([](EventLoop& loop) {
+    UnreadAnswersPair pair(loop);
+    for (int i = 0; i < 3000; ++i) AskTwiceForNewKeys(pair.clientSsl);
+    pair.Arrive(", second");
+    pair.server_.end.End(0);
+    EXPECT_EQ(TlsPair::Send(pair.server_, "meanwhile"), AW_OK);
+    EXPECT_EQ(pair.server_.sink.received, "first");
+    EXPECT_EQ(pair.server_.sink.ends, 0);
+    loop.RunReady();
+    EXPECT_EQ(pair.server_.sink.received, "first, second");
+    EXPECT_EQ(pair.server_.sink.ends, 1);
+    EXPECT_EQ(pair.server_.sink.reason, AW_SSL_ERROR_CUT);
+  });
+}
+
+TEST(TlsStreamEnd, OwnerMayDropTheStreamWhileWhatCameBeforeTheEndIsRead) {
+  WithLoop([](EventLoop& loop) {
+    UnreadAnswersPair pair(loop);
+    for (int i = 0; i < 3000; ++i) AskTwiceForNewKeys(pair.clientSsl);
+    pair.Arrive(", second");
+    pair.server_.end.End(0);
+    pair.server_.stream->Disconnect();
+    TlsPair::Drop(pair.server_);
+    EXPECT_TRUE(pair.server_.end.destroyed);
+    loop.RunReady();
+    EXPECT_EQ(pair.server_.sink.received, "first");
+    EXPECT_EQ(pair.server_.sink.ends, 0);
+  });
+}
+
 TEST(TlsStreamEnd, StoppedReaderIsGivenWhatCameBeforeTheEndThoughAnswersToChangesOfKeysWait) {
   WithLoop([](EventLoop& loop) {
     UnreadAnswersPair pair(loop);

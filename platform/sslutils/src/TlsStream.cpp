@@ -37,6 +37,10 @@ constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // 16 KiB
 // waits for room nothing more is read.
 constexpr std::size_t kMostRest = 2 * kRecord;
 
+// Of what had waited for the end of the connection: a request for new keys is short, and costs as
+// much as a record.
+constexpr std::size_t kMostATurn = kRecord;
+
 }  // namespace
 
 void SslFree::operator()(ssl_st* ssl) const { SSL_free(ssl); }
@@ -156,9 +160,25 @@ void TlsStream::OnEnd(long reason) {
 
 // What came before the end is delivered first, also to an owner who had stopped reading.
 void TlsStream::EndOfLower() {
+  if (timer_ != nullptr) return;  // goes on in the next turn
+  turnRead_ = 0;
   Pump();
+  if (state_ == State::open && turnRead_ >= kMostATurn) return EndNextTurn();
   if (writeError_ != 0) return End(writeError_);
   End(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
+}
+
+void TlsStream::EndNextTurn() {
+  try {
+    timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
+  } catch (const std::bad_alloc&) {
+    return End(ENOMEM);
+  }
+  timer_->Start(std::chrono::milliseconds(0), 1, [this] {
+    const CAWAutoPtr<TlsStream> alive(this);
+    timer_.reset();
+    EndOfLower();
+  });
 }
 
 void TlsStream::OnTurnEnd() {
@@ -175,11 +195,15 @@ void TlsStream::OnTurnEnd() {
 // --- receiving ---
 
 std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
-  if (AnswersWait()) return 0;
-  if (!kept_.IsEmpty()) return kept_.Read(data, length);
-  if (arriving_ == nullptr) return 0;
-  const std::size_t count = arriving_->CopyChained(data, length);
-  arriving_->AdvanceChainedReadPtr(count);
+  if (AnswersWait() || (lowerEnded_ && turnRead_ >= kMostATurn)) return 0;
+  std::size_t count = 0;
+  if (!kept_.IsEmpty()) {
+    count = kept_.Read(data, length);
+  } else if (arriving_ != nullptr) {
+    count = arriving_->CopyChained(data, length);
+    arriving_->AdvanceChainedReadPtr(count);
+  }
+  turnRead_ += count;
   return count;
 }
 

@@ -83,6 +83,7 @@ class SSLUTILS_API TlsStream final
   void TellRoom();
   void End(long reason);
   void EndOfLower();
+  void EndNextTurn();
   bool MayRead() const;
   bool AnswersWait() const;
   void StopReading(bool stop);
@@ -131,7 +132,8 @@ class SSLUTILS_API TlsStream final
   bool lowerEnded_ = false;
   bool peerEnded_ = false;  // close_notify has come
   bool pumping_ = false;
-  long endReason_ = 0;  // of the transport below
+  long endReason_ = 0;        // of the transport below
+  std::size_t turnRead_ = 0;  // since what waited for the end is read
   std::size_t readSize_;
 
   std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
@@ -148,7 +150,7 @@ class SSLUTILS_API TlsStream final
   std::uint32_t lingerMs_ = 2000;
   OwnedChain lingerData_;  // plain until there is room below
   keelbase::internal::Clock::Point lingerBegin_{};
-  std::unique_ptr<keelbase::internal::Timer> timer_;  // of the handshake, then of the linger
+  std::unique_ptr<keelbase::internal::Timer> timer_;  // of handshake, end, linger
   keelbase::CAWAutoPtr<TlsStream> self_;              // held while lingering
 
   keelbase::CAWTransportCounters counters_;
