@@ -290,6 +290,22 @@ TEST_P(CAWSSLManagerTest, ClientOfAnotherAuthorityIsRefused) {
   }
 }
 
+TEST_P(CAWSSLManagerTest, ClientOfAForgedAuthorityIsToldThatItIsRefused) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
+  ASSERT_EQ(server.acceptor->SetClientAuthorities(Authority().GetPem(), true), AW_OK);
+  server.Listen();
+  const TlsAuthority forger;  // has the name of the true one
+  const auto own = forger.IssueForClient();
+  connector->SetPrivateKey(own.key);
+  connector->SetCertificate(own.certificate);
+  EXPECT_EQ(Connect(server), 0);
+  EXPECT_EQ(server.sink.reasons, std::vector<long>{AW_SSL_ERROR_CERTIFICATE_INVALID});
+  TlsTransportSink sink;
+  client.transports[0]->OpenWithSink(&sink);
+  EXPECT_TRUE(Await([&] { return sink.ended; }));
+  EXPECT_EQ(sink.reason, AW_SSL_ERROR_REFUSED);
+}
+
 TEST_P(CAWSSLManagerTest, ClientAuthoritiesThatCannotBeReadStopTheListen) {
   TlsServerFixture server(Authority().Issue(), MakeAcceptor());
   EXPECT_EQ(server.acceptor->SetClientAuthorities("/nowhere/at/all", true), AWResult{ENOENT});

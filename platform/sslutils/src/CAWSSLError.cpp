@@ -16,7 +16,7 @@ const char* TextOf(long reason) {
     case AW_SSL_ERROR_NO_COMMON_CIPHER:
       return "No cipher in common";
     case AW_SSL_ERROR_REFUSED:
-      return "The peer has refused the handshake";
+      return "The peer has refused the connection";
     case AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE:
       return "The peer does not accept our certificate, or wants one";
     case AW_SSL_ERROR_CERTIFICATE_EXPIRED:

@@ -77,8 +77,10 @@ long ReasonOfHandshakeFailure(const SSL* ssl) {
 
 // With TLS 1.3 a server looks at our certificate when we are connected already.
 long ReasonOfRecordFailure() {
-  const long known = ReasonOfError(ERR_GET_REASON(ERR_peek_error()));
-  return known == AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE ? known : AW_SSL_ERROR_RECORD;
+  const int reason = ERR_GET_REASON(ERR_peek_error());
+  const long known = ReasonOfError(reason);
+  if (known == AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE) return known;
+  return IsAlert(reason) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_RECORD;
 }
 
 void DescribePeerCertificate(SSL* ssl, CAWSSLInfo& info) {

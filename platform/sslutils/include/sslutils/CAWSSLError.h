@@ -16,7 +16,7 @@ enum CAWSSLReason : long {
   AW_SSL_ERROR_HANDSHAKE_TIME = 10102,  // it took too long
   AW_SSL_ERROR_VERSION = 10103,         // no protocol version in common: TLS 1.2 is the oldest
   AW_SSL_ERROR_NO_COMMON_CIPHER = 10104,
-  AW_SSL_ERROR_REFUSED = 10105,  // the peer ended the handshake without giving more
+  AW_SSL_ERROR_REFUSED = 10105,  // the peer ended it, or the connection, and says no more
   AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE = 10106,  // ours, or that there was none
 
   // The peer's certificate.
