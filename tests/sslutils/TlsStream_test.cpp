@@ -142,6 +142,22 @@ TEST(TlsStream, FailedWriteOfWhatTheHandshakeHadFoundNoRoomForIsItsReason) {
   });
 }
 
+TEST(TlsStream, PeerThatAnnouncesItsEndDuringTheHandshakeHasRefusedIt) {
+  WithLoop([](EventLoop& loop) {
+    const std::string closeNotify("\x15\x03\x03\x00\x02\x01\x00", 7);
+    TlsPair pair(loop);
+    pair.Start(pair.client);
+    pair.Start(pair.server_);
+    loop.RunReady();
+    pair.server_.end.Arrive(std::exchange(pair.client.end.sent, {}));
+    for (TlsSide* side : {&pair.client, &pair.server_}) {
+      side->end.Arrive(closeNotify);
+      EXPECT_EQ(side->established, AW_SSL_ERROR_REFUSED) << (side == &pair.client);
+      EXPECT_TRUE(side->end.disconnected);
+    }
+  });
+}
+
 TEST(TlsStream, NothingIsToldAfterDisconnectDuringTheHandshake) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

@@ -87,6 +87,8 @@ void TlsStream::ShakeHands() {
       if (writeError_ != 0) return Established(writeError_);
       if (lowerEnded_) Established(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
       return;
+    case SSL_ERROR_ZERO_RETURN:
+      return Established(AW_SSL_ERROR_REFUSED);
     default:
       return Established(ReasonOfHandshakeFailure(ssl_.get()));
   }
