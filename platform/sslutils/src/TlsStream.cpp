@@ -1,4 +1,4 @@
-// TlsStream.cpp - see TlsStream.h.
+// TlsStream.cpp - see TlsStream.h. TlsStreamClose.cpp has how it is closed.
 #include "sslutils/internal/TlsStream.h"
 
 #include <openssl/err.h>
@@ -24,7 +24,6 @@ using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWMessageBlock;
-using keelbase::internal::Clock;
 using keelbase::internal::HasBytes;
 using keelbase::internal::kGatherSize;
 using keelbase::internal::kReadSize;
@@ -453,108 +452,6 @@ void TlsStream::GoOnWriting() {
 
 void TlsStream::WantTurnEnd() {
   if (!std::exchange(dirty_, true)) loop_.AtTurnEnd(*this);
-}
-
-// --- closing ---
-
-void TlsStream::Disconnect() {
-  loop_.CheckCurrent("a transport's Disconnect");
-  if (state_ == State::closing || state_ == State::closed) return;
-  const CAWAutoPtr<TlsStream> alive(this);
-  const bool established = state_ != State::fresh && state_ != State::shaking;
-  sink_ = nullptr;
-  done_ = nullptr;
-  timer_.reset();
-  state_ = State::closing;
-  if (!established || writeError_ != 0) return CloseNow();
-  if (lowerEnded_) return LeaveToLower();
-  try {
-    WriteLast();
-    if (lingerMs_ == 0) return CloseNow();
-    timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
-    timer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] {
-      const CAWAutoPtr<TlsStream> last(this);
-      CloseNow(0);
-    });
-    self_ = this;
-    lingerBegin_ = Clock::Now();
-    loop_.BeginLinger(*this);
-    Drain();
-  } catch (const std::bad_alloc&) {
-    CloseNow();
-  }
-}
-
-// Encrypts no more than there is room for below: that may be little of very much. In the middle of
-// a message of the peer's TLS nothing can be written, not even the end.
-void TlsStream::WriteLast() {
-  WritePending();
-  while (!lingerData_.IsEmpty()) {
-    const std::size_t count = TakeSome(*lingerData_.GetFirst());
-    if (count == 0) return;
-    lingerData_.DropRead(count);
-  }
-  FlushGather();
-  if (Gathered() != 0 || pending_ != nullptr || writeError_ != 0 || lastWritten_) return;
-  ERR_clear_error();
-  lastWritten_ = SSL_shutdown(ssl_.get()) >= 0;
-}
-
-// A connection that is closed with bytes of the peer unread is reset, and what we wrote last may be
-// lost. So the peer's own end is awaited, and what it still sends is read and dropped.
-void TlsStream::Drain() {
-  char dropped[4096];
-  std::size_t count = 0;
-  ERR_clear_error();
-  int result = 1;
-  while (result == 1) result = SSL_read_ex(ssl_.get(), dropped, sizeof dropped, &count);
-  const int error = SSL_get_error(ssl_.get(), result);
-  peerEnded_ = peerEnded_ || error == SSL_ERROR_ZERO_RETURN;
-  const bool broken = error != SSL_ERROR_WANT_READ && !peerEnded_;
-  if (!broken && !lastWritten_) WriteLast();  // what was in its way may have been read now
-  if (broken || writeError_ != 0 || (peerEnded_ && lastWritten_)) return CloseNow();
-  ReadLower(!AnswersWait());
-}
-
-// Nobody will tell of room any more: the transport below is given all that is left.
-void TlsStream::LeaveToLower() {
-  leaving_ = lingerMs_ != 0 && endReason_ == 0;
-  if (leaving_) WriteLast();
-  CloseNow();
-}
-
-std::uint32_t TlsStream::LingerLeft() const {
-  if (!self_) return lingerMs_;  // it has not begun
-  using std::chrono::milliseconds;
-  const auto end = lingerBegin_ + milliseconds(lingerMs_);
-  const auto left = std::chrono::ceil<milliseconds>(end - Clock::Now());
-  return static_cast<std::uint32_t>(std::max(left, milliseconds(0)).count());
-}
-
-// The transport below goes on with what is left.
-void TlsStream::CloseNow(std::uint32_t lingerMs) {
-  if (state_ == State::closed) return;
-  state_ = State::closed;
-  sink_ = nullptr;
-  if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
-  lower_->SetOption(keelbase::AW_OPT_LINGER, &lingerMs);
-  if (!rest_.IsEmpty()) lower_->SetOption(keelbase::AW_OPT_LINGER_DATA, rest_.GetFirst());
-  lower_->Disconnect();
-  for (auto* chain : {&kept_, &lingerData_, &rest_}) chain->Clear();
-  for (auto* record : {&gather_, &pending_}) record->reset();
-  timer_.reset();
-  if (self_) loop_.EndLinger(*this);
-  const CAWAutoPtr<TlsStream> last(std::move(self_));
-}
-
-AWResult TlsStream::AddLingerData(const CAWMessageBlock& chain) {
-  if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
-  try {
-    lingerData_.Append(chain.DuplicateChained());
-  } catch (const std::bad_alloc&) {
-    return AW_ERROR_FAILURE;
-  }
-  return AW_OK;
 }
 
 // --- options ---
