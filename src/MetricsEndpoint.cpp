@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <future>
+#include <memory>
 #include <new>
 #include <string>
 #include <utility>
@@ -124,24 +126,22 @@ class MetricsService {
     return service;
   }
 
-  // On the platform thread that is to serve.
-  AWResult Start() try {
+  // On that platform thread, which is to serve.
+  AWResult Start(CAWThread& thread) try {
     const std::lock_guard<std::mutex> lock(mutex_);
     keelbase::CAWSingletonT<EndAtExit>::Instance();
     if (keelbase::CAWCleanUpBase::HasRun()) return AW_ERROR_FAILURE;
     if (endpoint_ != nullptr) return AW_OK;
-    CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrent();
-    if (thread == nullptr) return AW_ERROR_FAILURE;  // it has stopped, and this is another one
     const keelbase::CAWString system = GetZARNRootSystem();
     if (system.empty()) return AW_ERROR_FAILURE;
     const keelbase::CAWString directory = system + "/zarn/stat/";
     keelbase::CAWFile::mkdir(directory);  // if that fails, so does what follows, and says why
-    auto endpoint = std::make_shared<MetricsEndpoint>(*thread);
+    auto endpoint = std::make_shared<MetricsEndpoint>(thread);
     const keelbase::CAWIPCAddr address(directory + std::to_string(::getpid()));
     const AWResult result = endpoint->Start(address);
     if (result != AW_OK) return result;
     endpoint_ = std::move(endpoint);
-    thread_ = thread;
+    thread_ = &thread;
     return AW_OK;
   } catch (const std::bad_alloc&) {
     return AW_ERROR_FAILURE;
@@ -162,11 +162,16 @@ class MetricsService {
     return thread_;
   }
 
-  // Ends it on its thread, if that still serves anything.
+  // Ends it on its thread, if that still serves anything. Without the lock: that may wait for
+  // somebody who works for the thread and is about to come here.
   void End() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    auto ended = std::move(endpoint_);
-    CAWThread* thread = std::exchange(thread_, nullptr);
+    std::shared_ptr<MetricsEndpoint> ended;
+    CAWThread* thread = nullptr;
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      ended = std::move(endpoint_);
+      thread = std::exchange(thread_, nullptr);
+    }
     if (ended == nullptr || thread->IsCurrent()) return;
     thread->Post([ended] {});
   }
@@ -178,13 +183,22 @@ class MetricsService {
 
 }  // namespace
 
+// By a post, which a thread that has stopped refuses: nobody would serve there.
 AWResult ZARNEnableMetrics() try {
   if (keelbase::CAWCleanUpBase::HasRun()) return AW_ERROR_FAILURE;
   CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrentOrNetwork();
   if (thread == nullptr) return AW_ERROR_FAILURE;
-  return thread->Call([] { return MetricsService::Instance().Start(); });
+  const auto start = [thread] { return MetricsService::Instance().Start(*thread); };
+  if (thread->IsCurrent()) return start();
+  auto started = std::make_shared<std::promise<AWResult>>();
+  std::future<AWResult> result = started->get_future();
+  const AWResult posted = thread->Post([start, started] { started->set_value(start()); });
+  started.reset();
+  return posted == AW_OK ? result.get() : AW_ERROR_FAILURE;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
+} catch (const std::future_error&) {
+  return AW_ERROR_FAILURE;  // it has stopped before it came to that
 }
 
 AWResult ZARNDisableMetrics() try {
