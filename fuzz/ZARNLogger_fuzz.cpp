@@ -80,7 +80,8 @@ std::string MakeName(Input& input) {
 }
 
 std::string Read(std::FILE* file) {
-  std::string text(static_cast<std::size_t>(std::ftell(file)), '\0');
+  const off_t size = ::lseek(::fileno(file), 0, SEEK_CUR);  // the logger writes past the stream
+  std::string text(static_cast<std::size_t>(size), '\0');
   Check(::pread(::fileno(file), text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()));
   return text;
 }

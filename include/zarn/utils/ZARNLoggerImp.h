@@ -31,7 +31,7 @@ class ZARNUTILS_API ZARNLoggerImp : public ZARNLogger {
   ~ZARNLoggerImp() override;  // closes the files of the last Init
 
   // Writes one line to `stream`, which must not be null; without file and line number when `file`
-  // is null. `args` is used up.
+  // is null. `args` is used up. It goes past the stream's buffer, so ftell may not know of it.
   void printV(const char* level, std::FILE* stream, const char* file, int line,
               const char* function, const char* format, std::va_list args)
       __attribute__((format(printf, 7, 0)));
