@@ -229,9 +229,9 @@ void RoundTrips::Pause() const {
 }
 
 void RoundTrips::Take(const char* answer, std::size_t length) {
-  const double now = Now();
   const Kind kind = length < kSmallestMessage ? Kind::kPlain : GetStamp(answer).kind;
   incoming_.Take(answer, length);
+  const double now = Now();
   measuring_ |= kind == Kind::kBegin;
   if (measuring_ && times_.size() < times_.capacity())
     times_.push_back(static_cast<float>((now - sentAt_) * 1e6));

@@ -45,4 +45,9 @@ def make_cases():
         cases.append(Case(f"round trip {size} B, spinning", ROUND_TRIP,
                           side_by_side("pingpong", size, *SPIN),
                           [*spinning[size], ("ipc", "at most", 1)]))
+    # Its answer is read by the time that the clock stops.
+    cases.append(Case("round trip 65000 B, read, sleeping", ROUND_TRIP,
+                      side_by_side("pingpong", 65000, "--read"), [("ring", "at most", 1.1)]))
+    cases.append(Case("round trip 65000 B, read, spinning", ROUND_TRIP,
+                      side_by_side("pingpong", 65000, *SPIN, "--read"), spinning[65000]))
     return cases
