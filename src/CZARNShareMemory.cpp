@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <new>
+#include <string_view>
 
 #include "keelbase/CAWFile.h"
 #include "zarn/utils/zarnutils.h"
@@ -20,6 +21,7 @@ namespace {
 
 constexpr const char* kDirectory = "/zarn/shm/zarnshmm";  // below the system directory
 constexpr const char* kFilePrefix = "/zarn_shm_";
+constexpr std::string_view kNotInNames("/\0", 2);
 constexpr int kNoRoot = -1;
 
 }  // namespace
@@ -41,7 +43,9 @@ AWResult CZARNShareMemory::MemUnlock() { return segment_.MemUnlock(); }
 int CZARNShareMemory::createshm() try {
   const CAWString root = GetZARNRootSystem();
   if (root.empty()) return kNoRoot;
-  if (name_.find('\0') != CAWString::npos) return static_cast<int>(AW_ERROR_FAILURE);
+  // Such a name would be that of another file, which our end would remove.
+  if (name_.find_first_of(kNotInNames) != CAWString::npos)
+    return static_cast<int>(AW_ERROR_FAILURE);
   // The path stays that of the segment, whatever the environment says by now.
   if (segment_.GetAddress() != nullptr) return static_cast<int>(AW_ERROR_FAILURE);
   const CAWString directory = root + kDirectory;

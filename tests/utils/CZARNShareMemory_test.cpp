@@ -153,6 +153,16 @@ TEST_F(CZARNShareMemoryTest, ANameWithANulByteIsRefusedAndTouchesNoOther) {
   EXPECT_TRUE(fs::exists(PathOf("cfg")));
 }
 
+TEST_F(CZARNShareMemoryTest, NameThatLeadsElsewhereIsRefusedAndTouchesNothing) {
+  const std::string precious = PathOf("cfg") + ".precious";
+  fs::create_directories(fs::path(precious).parent_path());
+  std::ofstream(precious) << "x";
+  Memory memory = Make(CAWString("x/../zarn_shm_cfg.precious"), 100);
+  EXPECT_EQ(memory->createshm(), 10001);
+  memory = nullptr;
+  EXPECT_TRUE(fs::exists(precious));
+}
+
 TEST_F(CZARNShareMemoryTest, DirectoryInThePlaceOfTheFileIsRefused) {
   fs::create_directories(PathOf("cfg"));
   std::ofstream(PathOf("cfg") + "/file") << "x";
