@@ -17,6 +17,7 @@
 #include "common/Frame.h"
 #include "common/TcpPort.h"
 #include "common/TcpSocket.h"
+#include "keelbase/internal/Processor.h"
 
 namespace {
 
@@ -120,7 +121,7 @@ class Connection {
 
   void Pause(std::uint32_t direction, double waited) {
     if (waited < 1e-6) {
-      __builtin_ia32_pause();
+      keelbase::internal::Pause();
     } else if (waited < spin_) {
       ::sched_yield();
     } else {

@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "common/Bench.h"
+#include "keelbase/internal/Processor.h"
 
 namespace {
 
@@ -63,7 +64,7 @@ class Waiter {
       const double now = Now();
       if (start == 0) start = now;
       if (now - start < 1e-6)
-        __builtin_ia32_pause();
+        keelbase::internal::Pause();
       else if (now - start < spin_)
         ::sched_yield();
       else

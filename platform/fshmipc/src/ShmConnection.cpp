@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "keelbase/internal/Chains.h"
+#include "keelbase/internal/Processor.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {
@@ -163,7 +164,7 @@ std::size_t ShmConnection::CopyOut(std::size_t available, CAWMessageBlock& block
   for (unsigned looks = 0;; ++looks) {
     const std::size_t length = std::min(available, readSize_ - block.GetLength());
     if (length == 0) {
-      __builtin_ia32_pause();
+      keelbase::internal::Pause();
     } else {
       reader_.Read(block.GetWritePtr(), length);
       block.AdvanceWritePtr(length);

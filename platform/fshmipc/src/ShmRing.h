@@ -14,6 +14,8 @@
 #include <cstring>
 #include <new>
 
+#include "keelbase/internal/Processor.h"
+
 namespace fshmipc {
 
 // Positions count bytes since the beginning and never wrap. Each side's words lie on cache lines of
@@ -42,7 +44,7 @@ inline void CopyByLines(char* to, const char* from, std::size_t length) {
 // loop where the ends are not aligned.
 inline void CopyShared(char* to, const char* from, std::size_t length) {
   constexpr std::size_t kLong = 4096;
-  if (length >= kLong && __builtin_cpu_is("intel")) {
+  if (length >= kLong && keelbase::internal::IsIntel()) {
     std::memcpy(to, from, length);
   } else {
     CopyByLines(to, from, length);

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "keelbase/CAWTrace.h"
+#include "keelbase/internal/Processor.h"
 #include "keelbase/internal/ThreadName.h"
 
 namespace keelbase::internal {
@@ -211,7 +212,7 @@ bool EventLoop::Spin() {
     if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;
     if (stop_.load(std::memory_order_acquire)) return false;
     if (brief) {
-      __builtin_ia32_pause();
+      Pause();
     } else {
       ::sched_yield();
     }
@@ -225,7 +226,7 @@ bool EventLoop::Spin() {
 void EventLoop::WaitBriefly() const {
   if (hasPosted_.load(std::memory_order_relaxed)) return;
   const auto end = std::chrono::steady_clock::now() + kBriefWait;
-  while (std::chrono::steady_clock::now() < end) __builtin_ia32_pause();
+  while (std::chrono::steady_clock::now() < end) Pause();
 }
 
 std::int64_t EventLoop::SleepTime() const {

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "keelbase/internal/Mutex.h"
+#include "keelbase/internal/Processor.h"
 
 namespace keelbase::internal {
 
@@ -61,11 +62,10 @@ constexpr bool IsExchanged(std::size_t index) { return index < kSmallClasses; }
 // Another thread may have written what is handed out: it is fetched so many pieces ahead.
 constexpr std::size_t kPiecesFetchedAhead = 8;
 
-// The builtin fetches without claiming: a write would still have to wait for the other processor.
 void FetchToWrite(const void* memory, std::size_t size) {
   const auto* bytes = static_cast<const char*>(memory);
-  asm volatile("prefetchw %0" : : "m"(*bytes));
-  if (size > kStep) asm volatile("prefetchw %0" : : "m"(bytes[kStep]));
+  FetchLineToWrite(bytes);
+  if (size > kStep) FetchLineToWrite(bytes + kStep);
 }
 
 // On cache lines of its own: what one processor writes does not slow down another one's neighbour.

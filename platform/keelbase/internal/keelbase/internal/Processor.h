@@ -1,0 +1,34 @@
+// Processor.h - what is said to the processor itself, and has no words in C++. What this one does
+// not know costs a little speed only.
+#pragma once
+
+namespace keelbase::internal {
+
+// In a loop that looks for what another processor writes: the loop takes less of what they share.
+inline void Pause() {
+#if defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("isb");
+#endif
+}
+
+// Fetches the cache line, and takes it from the other processors, since it will be written.
+inline void FetchLineToWrite(const char* at) {
+#if defined(__x86_64__)
+  // The builtin fetches without taking: a write would still have to wait.
+  asm volatile("prefetchw %0" : : "m"(*at));
+#else
+  __builtin_prefetch(at, 1);
+#endif
+}
+
+inline bool IsIntel() {
+#if defined(__x86_64__)
+  return __builtin_cpu_is("intel") != 0;
+#else
+  return false;
+#endif
+}
+
+}  // namespace keelbase::internal
