@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 namespace keelbase {
 namespace {
 
@@ -77,6 +79,10 @@ TEST(CAWTimeValue, StopsAtTheEndsOfTheRange) {
   EXPECT_EQ(shortest - CAWTimeValue(0, 1), shortest);
   EXPECT_EQ(CAWTimeValue() - shortest, longest);
   EXPECT_EQ(shortest + CAWTimeValue(0, -1), shortest);
+  EXPECT_EQ(CAWTimeValue(std::chrono::duration<double>(9223372036854.7754)), longest);
+  EXPECT_EQ(CAWTimeValue(std::chrono::duration<float>(-9223372036855.F)), shortest);
+  EXPECT_EQ(CAWTimeValue(std::chrono::duration<float, std::ratio<86400>>(1e38F)), longest);
+  EXPECT_EQ(CAWTimeValue(std::chrono::duration<double>(std::nan(""))), CAWTimeValue());
   ExpectParts(shortest, kMin / 1000000 - 1, kMin % 1000000 + 1000000);
 }
 

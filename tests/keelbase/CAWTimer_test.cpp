@@ -2,13 +2,16 @@
 #include "keelbase/CAWTimer.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
 #include <utility>
 
+#include "ChildTest.h"
 #include "TaskThread.h"
 #include "VirtualSlot.h"
 #include "keelbase/CAWThreadManager.h"
@@ -16,6 +19,7 @@
 namespace keelbase {
 namespace {
 
+using zarn::test::ChildTest;
 using zarn::test::TaskThread;
 
 class Sink final : public CAWTimerWrapperIDSink {
@@ -108,6 +112,27 @@ TEST(CAWTimer, MayBeDestroyedInItsOwnCallback) {
   TaskThread()->Call([&] { timer->Schedule(&sink, CAWTimeValue(0, 100)); });
   Get(done);
   TaskThread()->Call([&] { EXPECT_EQ(timer, nullptr); });
+}
+
+TEST(CAWTimer, MayBeCancelledInItsOwnCallbackByWhatActsInPlaceOnAStoppedThread) {
+  if (ChildTest::Role() == "in place") {
+    ::alarm(60);
+    auto* manager = CAWThreadManager::Instance();
+    manager->AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThread* main = manager->GetThread(CAWThreadManager::TT_MAIN);
+    main->Stop();
+    main->Run();
+    std::promise<bool> cancelled;
+    CAWTimerWrapperID timer;
+    Sink sink([&](CAWTimerWrapperID* fired) {
+      main->Call([&] { fired->Cancel(); });
+      cancelled.set_value(true);
+    });
+    TaskThread()->Call([&] { timer.Schedule(&sink, CAWTimeValue(0, 100)); });
+    std::_Exit(cancelled.get_future().get() ? 7 : 1);
+  }
+  ChildTest child("in place");
+  EXPECT_EQ(child.Wait(), 7) << child.GetErrors();
 }
 
 TEST(CAWTimer, MayBeScheduledAgainInItsOwnCallback) {

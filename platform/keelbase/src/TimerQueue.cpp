@@ -23,7 +23,8 @@ void Timer::Start(std::chrono::microseconds interval, std::uint32_t count,
   loop_.WakeForTimer();
 }
 
-void Timer::Cancel() { loop_.Timers().Remove(*this, loop_.IsCurrent()); }
+// Its own callback, which must not be waited for, may act in place on another loop just now.
+void Timer::Cancel() { loop_.Timers().Remove(*this, loop_.IsCurrent() || loop_.IsHeldHere()); }
 
 bool Timer::IsActive() const { return loop_.Timers().Contains(*this); }
 

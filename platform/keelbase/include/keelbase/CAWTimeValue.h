@@ -19,7 +19,7 @@ class CAWTimeValue {
   explicit constexpr CAWTimeValue(std::int64_t sec, std::int64_t usec = 0)
       : usec_(Clamp(Wide(sec) * kSecond + usec)) {}
 
-  // What is finer than a microsecond is cut off towards zero.
+  // What is finer than a microsecond is cut off towards zero. What is no number gives 0.
   template <class Rep, class Period>
   constexpr CAWTimeValue(std::chrono::duration<Rep, Period> duration)
       : usec_(FromDuration(duration)) {}
@@ -71,11 +71,12 @@ class CAWTimeValue {
       using Factor = std::ratio_divide<Period, std::micro>;
       return Clamp(Wide(duration.count()) * Factor::num / Factor::den);
     } else {
-      using Exact = std::chrono::duration<long double, std::micro>;
-      const long double exact = std::chrono::duration_cast<Exact>(duration).count();
-      if (exact >= static_cast<long double>(kMax)) return kMax;
-      if (exact <= static_cast<long double>(kMin)) return kMin;
-      return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
+      using Real = std::common_type_t<Rep, std::int64_t>;
+      using Microseconds = std::chrono::duration<Real, std::micro>;
+      const Real usec = std::chrono::duration_cast<Microseconds>(duration).count();
+      if (usec >= static_cast<Real>(kMax)) return kMax;
+      if (usec <= static_cast<Real>(kMin)) return kMin;
+      return usec == usec ? static_cast<std::int64_t>(usec) : 0;
     }
   }
 
