@@ -3,7 +3,6 @@
 
 #include <unistd.h>
 
-#include <future>
 #include <memory>
 #include <new>
 #include <string>
@@ -183,22 +182,18 @@ class MetricsService {
 
 }  // namespace
 
-// By a post, which a thread that has stopped refuses: nobody would serve there.
 AWResult ZARNEnableMetrics() try {
   if (keelbase::CAWCleanUpBase::HasRun()) return AW_ERROR_FAILURE;
   CAWThread* thread = keelbase::CAWThreadManager::Instance()->GetCurrentOrNetwork();
   if (thread == nullptr) return AW_ERROR_FAILURE;
-  const auto start = [thread] { return MetricsService::Instance().Start(*thread); };
-  if (thread->IsCurrent()) return start();
-  auto started = std::make_shared<std::promise<AWResult>>();
-  std::future<AWResult> result = started->get_future();
-  const AWResult posted = thread->Post([start, started] { started->set_value(start()); });
-  started.reset();
-  return posted == AW_OK ? result.get() : AW_ERROR_FAILURE;
+  const bool own = thread->IsCurrent();
+  return thread->Call([thread, own] {
+    // In place on a thread that has stopped nobody would serve.
+    if (!own && !thread->IsServing()) return AW_ERROR_FAILURE;
+    return MetricsService::Instance().Start(*thread);
+  });
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
-} catch (const std::future_error&) {
-  return AW_ERROR_FAILURE;  // it has stopped before it came to that
 }
 
 AWResult ZARNDisableMetrics() try {

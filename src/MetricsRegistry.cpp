@@ -86,7 +86,8 @@ std::shared_ptr<MetricsCollection> MetricsCollection::Start(std::function<void()
   for (CAWThread* thread : threads) {
     if (thread->IsCurrent()) {
       collection->AddOwnPart();
-    } else if (thread->Post([collection] { collection->AddOwnPart(); }) != keelbase::AW_OK) {
+    } else if (!thread->IsServing() ||
+               thread->Post([collection] { collection->AddOwnPart(); }) != keelbase::AW_OK) {
       collection->PartDone(nullptr);
     }
   }

@@ -9,11 +9,13 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ChildTest.h"
@@ -87,8 +89,22 @@ TEST(CAWThreadManager, AdoptedThreadServesItsQueueUntilStopped) {
     });
     EXPECT_EQ(main->Run(), AW_OK);
     other.join();
-    EXPECT_EQ(main->Post([] {}), AW_ERROR_FAILURE);
     EXPECT_EQ(log, "ab");
+  });
+}
+
+TEST(CAWThreadManager, AdoptedThreadServesWhatWasPostedBetweenTwoRuns) {
+  InNewProcess([] {
+    Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    bool served = false;
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_FALSE(main->IsServing());
+      EXPECT_EQ(main->Post([&] { served = main->IsServing(); }), AW_OK);
+      EXPECT_EQ(main->Post([&] { main->Stop(); }), AW_OK);
+      main->Run();
+      EXPECT_TRUE(std::exchange(served, false));
+    }
   });
 }
 
@@ -213,6 +229,28 @@ TEST(CAWThreadManager, ProcessMayEndOnAThreadForWhichAnotherWaits) {
     ChildTest child(role);
     EXPECT_EQ(child.Wait(), 7) << role << child.GetErrors();
   }
+}
+
+// A process that does not end is ended by its alarm.
+TEST(CAWThreadManager, ProcessEndsAlthoughSomebodyStaysInPlaceOnAStoppedThread) {
+  if (ChildTest::Role() == "stays") {
+    ::alarm(60);
+    Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    main->Stop();
+    main->Run();
+    std::promise<void> inside;
+    std::thread([main, &inside] {
+      main->Call([&] {
+        inside.set_value();
+        for (;;) ::pause();
+      });
+    }).detach();
+    inside.get_future().wait();
+    std::exit(7);
+  }
+  ChildTest child("stays");
+  EXPECT_EQ(child.Wait(), 7) << child.GetErrors();
 }
 
 class SayingTurnEnd final : public internal::TurnEndTask {

@@ -24,10 +24,17 @@ void WaitFor(const std::atomic<bool>& flag) {
   while (!flag) std::this_thread::yield();
 }
 
-// Stops the loop once it runs again.
-void PostStopWhenOpen(EventLoop& loop) {
-  while (loop.Post(new FunctionEvent([&loop] { loop.Stop(); })) != AW_OK) std::this_thread::yield();
-}
+// Tasks are taken from when Run() has been called.
+class Opening final : public LoopTask {
+ public:
+  void WaitFor(EventLoop& loop) {
+    while (!loop.PostTask(*this)) std::this_thread::yield();
+  }
+
+ private:
+  void OnLoopTask() override {}
+  void OnDropped() override {}
+};
 
 // Works in place from its making until it is told to leave.
 class WorkerInPlace {
@@ -97,12 +104,13 @@ TEST(EventLoop, RunBeginsWhenNobodyWorksInPlaceAnyMore) {
     EndLoop(loop);
     WorkerInPlace worker(loop);
     bool beside = true;
+    loop.Post(new FunctionEvent([&] { beside = worker.inside; }));
+    Opening opening;
     std::thread poster([&] {
-      while (loop.Post(new FunctionEvent([&] { beside = worker.inside; })) != AW_OK)
-        std::this_thread::yield();
+      opening.WaitFor(loop);
       for (int i = 0; i < 1000; ++i) std::this_thread::yield();
       worker.leave = true;
-      PostStopWhenOpen(loop);
+      loop.Call([&] { loop.Stop(); });
     });
     loop.Run();
     poster.join();
@@ -122,8 +130,9 @@ TEST(EventLoop, CallerThatWaitsToWorkInPlaceIsServedByANewRun) {
       loop.Stop();
     });
     WaitFor(begun);
+    Opening opening;
     std::thread opener([&] {
-      while (loop.Post(new FunctionEvent([] {})) != AW_OK) std::this_thread::yield();
+      opening.WaitFor(loop);
       worker.leave = true;
     });
     loop.Run();

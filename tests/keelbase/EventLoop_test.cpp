@@ -130,14 +130,61 @@ TEST(EventLoop, FiredEventsAreDestroyed) {
   });
 }
 
-TEST(EventLoop, EventsBehindAStopAreDestroyedUnfired) {
+TEST(EventLoop, WhatAStopLeavesAndWhatIsPostedAfterwardsWaitsForTheNextRunInItsOrder) {
+  WithLoop([](EventLoop& loop) {
+    std::string log;
+    Post(loop, [&] { loop.Stop(); });
+    Post(loop, [&] { log += "a"; });
+    Post(loop, [&] { log += "b"; });
+    EXPECT_EQ(loop.Run(), AW_OK);
+    EXPECT_EQ(Post(loop, [&] { log += "c"; }), AW_OK);
+    EXPECT_EQ(log, "");
+    Post(loop, [&] { loop.Stop(); });
+    EXPECT_EQ(loop.Run(), AW_OK);
+    EXPECT_EQ(log, "abc");
+  });
+}
+
+TEST(EventLoop, TasksThatOutlastARunWaitForTheNextOneAndTheOthersAreDropped) {
+  struct Note final : LoopTask {
+    Note(std::string& all, char what, bool lasts) : log(all), name(what), outlasts(lasts) {}
+    void OnLoopTask() override { log += name; }
+    void OnDropped() override { (log += "-") += name; }
+    bool OutlastsRun() const override { return outlasts; }
+    std::string& log;
+    char name;
+    bool outlasts;
+  };
+  WithLoop([](EventLoop& loop) {
+    std::string log;
+    Note kept(log, 'k', true);
+    Note dropped(log, 'd', false);
+    Note later(log, 'l', true);
+    Post(loop, [&] { loop.Stop(); });
+    loop.PostTask(kept);
+    loop.PostTask(dropped);
+    loop.Run();
+    EXPECT_EQ(log, "-d");
+    EXPECT_FALSE(loop.PostTask(dropped));
+    EXPECT_TRUE(loop.PostTask(later));
+    std::thread stopper([&] {
+      while (!loop.PostTask(dropped)) std::this_thread::yield();  // it runs
+      loop.Call([&] { loop.Stop(); });
+    });
+    loop.Run();
+    stopper.join();
+    EXPECT_EQ(log, "-dkld");
+  });
+}
+
+TEST(EventLoop, EventsBehindAStopAreDestroyedUnfiredWhenThatIsWanted) {
   WithLoop([](EventLoop& loop) {
     std::atomic<int> alive{0};
     std::atomic<int> fired{0};
     loop.Post(new CountedEvent(alive, fired));
     Post(loop, [&] { loop.Stop(); });
     for (int i = 0; i < 10; ++i) loop.Post(new CountedEvent(alive, fired));
-    EXPECT_EQ(loop.Run(), AW_OK);
+    EXPECT_EQ(loop.Run(EventLoop::Afterwards::destroyed), AW_OK);
     EXPECT_EQ(fired, 1);
     EXPECT_EQ(alive, 0);
   });
@@ -145,8 +192,7 @@ TEST(EventLoop, EventsBehindAStopAreDestroyedUnfired) {
 
 TEST(EventLoop, EventsAfterTheEndAreRefusedAndDestroyed) {
   WithLoop([](EventLoop& loop) {
-    Post(loop, [&] { loop.Stop(); });
-    loop.Run();
+    loop.End();
     std::atomic<int> alive{0};
     std::atomic<int> fired{0};
     EXPECT_EQ(loop.Post(new CountedEvent(alive, fired)), AW_ERROR_FAILURE);

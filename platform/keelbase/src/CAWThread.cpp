@@ -21,6 +21,8 @@ void CAWThread::Stop() {
 
 bool CAWThread::IsCurrent() const { return loop_->IsCurrent(); }
 
+bool CAWThread::IsServing() const { return !adopted_ || loop_->IsRunning(); }
+
 void CAWThread::SetSpin(std::uint32_t microseconds) { loop_->SetSpin(microseconds); }
 
 AWResult CAWThread::Post(std::function<void()> function) try {

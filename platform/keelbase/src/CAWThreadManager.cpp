@@ -137,7 +137,7 @@ CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
     slot.started = std::thread([&loop = thread->GetLoop(), name = slot.name] {
       ::pthread_setname_np(::pthread_self(), name);
       loop.BindToCurrentThread();
-      loop.Run();
+      loop.Run(internal::EventLoop::Afterwards::destroyed);
     });
   } catch (const std::exception&) {
     delete thread;

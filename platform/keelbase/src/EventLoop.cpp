@@ -108,7 +108,7 @@ void EventLoop::CheckCurrent([[maybe_unused]] const char* operation) const {
 
 // --- running ---
 
-AWResult EventLoop::Run() {
+AWResult EventLoop::Run(Afterwards posts) {
   if (GetThreadNumber() != 0 && !IsBoundHere()) return AW_ERROR_FAILURE;  // it acts in place
   if (running_.exchange(true)) return AW_ERROR_FAILURE;
   TakeHoldToRun();
@@ -129,7 +129,11 @@ AWResult EventLoop::Run() {
   FlushTurn();
   stop_.store(false, std::memory_order_relaxed);
   running_.store(false, std::memory_order_release);
-  DropPosted();
+  if (posts == Afterwards::held) {
+    HoldPosted();
+  } else {
+    DropPosted();
+  }
   LeaveHold();  // from here on others may act in place
   return AW_OK;
 }
@@ -241,7 +245,7 @@ std::int64_t EventLoop::SleepTime() const {
 bool EventLoop::PrepareSleep() {
   if (!ArmPollers()) return false;
   const MutexLock lock(mutex_);
-  sleeping_ = posted_.empty() && tasks_ == nullptr && !stop_.load(std::memory_order_acquire);
+  sleeping_ = !hasPosted_.load(std::memory_order_relaxed) && !stop_.load(std::memory_order_acquire);
   return sleeping_;
 }
 
@@ -273,7 +277,7 @@ AWResult EventLoop::Post(IAWEvent* event) {
   bool taken = false;
   {
     const MutexLock lock(mutex_);
-    if (!closed_) {
+    if (!refusing_) {
       try {
         posted_.push_back(event);
         taken = true;
@@ -301,7 +305,7 @@ bool EventLoop::PostTask(LoopTask& task) {
   bool wake = false;
   {
     const MutexLock lock(mutex_);
-    if (closed_) return false;
+    if (task.OutlastsRun() ? refusing_ : closed_) return false;
     wake = Enqueue(task);
   }
   if (wake) Wake();
@@ -320,14 +324,20 @@ bool EventLoop::RunTasks() {
   return any;
 }
 
+void EventLoop::TakeTasks() {
+  LoopTask** end = &runningTasks_;
+  while (*end != nullptr) end = &(*end)->nextTask;
+  *end = Reversed(std::exchange(tasks_, nullptr));
+}
+
 bool EventLoop::RunPosted() {
   {
     const MutexLock lock(mutex_);
-    firing_.swap(posted_);
-    LoopTask** end = &runningTasks_;
-    while (*end != nullptr) end = &(*end)->nextTask;
-    *end = Reversed(std::exchange(tasks_, nullptr));
-    hasPosted_.store(false, std::memory_order_relaxed);
+    if (firing_.empty()) {
+      firing_.swap(posted_);
+      TakeTasks();
+    }
+    hasPosted_.store(!posted_.empty() || tasks_ != nullptr, std::memory_order_relaxed);
   }
   std::size_t fired = 0;
   const std::size_t count = firing_.size();
@@ -352,6 +362,28 @@ bool EventLoop::RunTimers() {
   return any;
 }
 
+// Who waits for a call to be done goes on in place; the rest is there when the loop runs again.
+void EventLoop::HoldPosted() {
+  {
+    const MutexLock lock(mutex_);
+    closed_ = true;
+    TakeTasks();
+  }
+  LoopTask* tasks = std::exchange(runningTasks_, nullptr);
+  LoopTask** end = &runningTasks_;
+  while (tasks != nullptr) {
+    LoopTask* task = std::exchange(tasks, std::exchange(tasks->nextTask, nullptr));
+    if (task->OutlastsRun()) {
+      end = &(*end = task)->nextTask;
+    } else {
+      task->OnDropped();
+    }
+  }
+  const MutexLock lock(mutex_);
+  if (!firing_.empty() || runningTasks_ != nullptr)
+    hasPosted_.store(true, std::memory_order_relaxed);
+}
+
 void EventLoop::DropPosted() {
   std::vector<IAWEvent*> left;
   std::vector<IAWEvent*> dropped;
@@ -360,6 +392,7 @@ void EventLoop::DropPosted() {
   {
     const MutexLock lock(mutex_);
     closed_ = true;
+    refusing_ = true;
     dropped.swap(posted_);
     tasks = std::exchange(tasks_, nullptr);
     hasPosted_.store(false, std::memory_order_relaxed);
@@ -377,8 +410,9 @@ void EventLoop::End() {
     const MutexLock lock(mutex_);
     if (running_.load(std::memory_order_relaxed) && !IsHeldHere()) return;
     closed_ = true;
+    refusing_ = true;
   }
-  const InPlace here(*this, TakeHold());
+  const InPlace here(*this, TakeHoldAtExit());
   if (!here) return;
   FlushTurn();
   DropPosted();
@@ -510,7 +544,8 @@ bool EventLoop::IsLingering(const LingerTask& task) const {
 }
 
 void EventLoop::FinishLingers() {
-  const InPlace here(*this, TakeHold());
+  const InPlace here(*this, TakeHoldAtExit());
+  if (!here) return;
   while (!lingering_.empty()) {
     const auto now = Clock::Now();
     const std::vector<LingerTask*> tasks = lingering_;

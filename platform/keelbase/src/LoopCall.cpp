@@ -1,5 +1,6 @@
 // LoopCall.cpp - work that other threads have for a loop: done on its thread, and once the loop has
 // stopped in place, by one thread at a time.
+#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <utility>
@@ -64,10 +65,26 @@ bool EventLoop::IsHeldHere() const {
 
 bool EventLoop::IsBoundHere() const { return GetThreadNumber() == CurrentThreadNumber(); }
 
+bool EventLoop::IsUsedInPlace() const { return closed_ && holder_ != 0 && !IsHeldHere(); }
+
 // For work in place. False when the loop must be asked to do it: it runs, or is still to run.
 bool EventLoop::TakeHold() {
   MutexLock lock(mutex_);
-  while (closed_ && holder_ != 0 && !IsHeldHere()) lock.Wait(holdChanged_);
+  while (IsUsedInPlace()) lock.Wait(holdChanged_);
+  return TryHold();
+}
+
+// The same. False, too, when whoever works in place does not end soon.
+bool EventLoop::TakeHoldAtExit() {
+  const auto end = std::chrono::system_clock::now() + std::chrono::seconds(3);
+  MutexLock lock(mutex_);
+  while (IsUsedInPlace()) {
+    if (!lock.WaitUntil(holdChanged_, end)) return false;
+  }
+  return TryHold();
+}
+
+bool EventLoop::TryHold() {
   if (!closed_ && !IsHeldHere() && !IsBoundHere()) return false;
   AddHold();
   return true;
@@ -77,6 +94,7 @@ bool EventLoop::TakeHold() {
 void EventLoop::TakeHoldToRun() {
   MutexLock lock(mutex_);
   closed_ = false;
+  refusing_ = false;
   holdChanged_.notify_all();
   while (holder_ != 0 && !IsHeldHere()) lock.Wait(holdChanged_);
   AddHold();

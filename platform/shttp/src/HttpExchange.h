@@ -68,6 +68,7 @@ class HttpExchange final : public keelbase::internal::LoopObject<Counted>,
    private:
     void OnLoopTask() override;
     void OnDropped() override { exchange_.ReleaseReference(); }
+    bool OutlastsRun() const override { return true; }
 
     HttpExchange& exchange_;
     const Work work_;

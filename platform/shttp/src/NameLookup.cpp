@@ -56,6 +56,7 @@ class NameLookup::Search final : public keelbase::internal::LoopTask {
     if (const Done tell = std::exchange(done_, nullptr)) tell(address_);
   }
   void OnDropped() override { const std::shared_ptr<Search> last = std::move(self_); }
+  bool OutlastsRun() const override { return true; }
 
   keelbase::internal::EventLoop& loop_;
   const std::string host_;

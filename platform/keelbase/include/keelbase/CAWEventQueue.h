@@ -39,7 +39,8 @@ class KEELBASE_API IAWEvent {
 class KEELBASE_API CAWEventQueue {
  public:
   // From any thread, also from inside an event. Takes the event over. 0; 10001 for null, and once
-  // the thread has stopped or without memory (the event is then destroyed without being fired).
+  // the process's clean-up has ended the thread or without memory (the event is then destroyed
+  // without being fired).
   // `priority` is accepted for callers that name one; all events wait in one line.
   AWResult Post(IAWEvent* event, std::uint32_t priority = 1);
 

@@ -38,12 +38,17 @@ class KEELBASE_API CAWThread {
 
   // Ends Run() after the event or callback in hand, and after the end of that turn: what was sent
   // by then is written, and a connection that this shows to be broken still tells what has arrived
-  // and its end. From any thread. What is still queued is destroyed and later posts answer 10001,
-  // until the next Run(). A Stop() before Run() ends that Run() at once. Does nothing to a thread
-  // that the manager has started: that one lives to the process's clean-up.
+  // and its end. From any thread. What is still queued, and what is posted from then on, waits for
+  // the next Run(), or for the process's clean-up, which destroys it. A Stop() before Run() ends
+  // that Run() at once. Does nothing to a thread that the manager has started: that one lives to
+  // the process's clean-up.
   void Stop();
 
   bool IsCurrent() const;  // true on the thread itself, and inside a Call in place
+
+  // Whether what is posted runs soon: always true for a thread that the manager has started, and
+  // for an adopted one while Run() runs. Any thread.
+  bool IsServing() const;
 
   // How long the loop looks for work before it sleeps, in microseconds; 0 (the default) sleeps at
   // once. Looking costs one processor for that long after each piece of work: a microsecond of
@@ -51,14 +56,15 @@ class KEELBASE_API CAWThread {
   // of the loop.
   void SetSpin(std::uint32_t microseconds);
 
-  // Runs `function` on this thread, later. 0, or 10001 once the thread has stopped and without
-  // memory (then it is dropped).
+  // Runs `function` on this thread, later; on an adopted thread that does not run, in its next
+  // Run(). 0, or 10001 once the process's clean-up has ended the thread and without memory (then it
+  // is dropped).
   AWResult Post(std::function<void()> function);
 
   // Runs `function` on this thread, waits, and returns its value or throws what it threw; in place
-  // when already there, and in place too once the thread has stopped: then one caller at a time,
-  // for whom IsCurrent() is true meanwhile, and none while the thread runs again. Must not be
-  // called by somebody for whom this thread, or another caller in place, waits.
+  // when already there, and in place too once Run() has returned, before what is queued: then one
+  // caller at a time, for whom IsCurrent() is true meanwhile, and none while the thread runs again.
+  // Must not be called by somebody for whom this thread, or another caller in place, waits.
   template <class Function>
   std::invoke_result_t<Function> Call(Function&& function) {
     using Value = std::invoke_result_t<Function>;

@@ -76,7 +76,10 @@ class TurnEndTask {
 class LoopTask {
  public:
   virtual void OnLoopTask() = 0;
-  virtual void OnDropped() = 0;  // the loop has stopped and will not run it
+  virtual void OnDropped() = 0;  // the loop will not run it
+
+  // When Run() returns: true when it waits for the next Run(), false when it is dropped.
+  virtual bool OutlastsRun() const { return false; }
 
   LoopTask* nextTask = nullptr;  // the loop's own
 
@@ -118,8 +121,11 @@ class KEELBASE_API EventLoop {
   void CheckCurrent(const char* operation) const;  // debug builds stop on a wrong thread
 
   // --- running ---
-  AWResult Run();  // until Stop(); 10001 when it runs already
-  void Stop();     // any thread
+  // What waits when Run() returns, and what is posted from then on: held for the next Run(), or
+  // destroyed.
+  enum class Afterwards { held, destroyed };
+  AWResult Run(Afterwards posts = Afterwards::held);  // until Stop(); 10001 when it runs already
+  void Stop();                                        // any thread
   bool RunReady();
   bool IsRunning() const { return running_.load(std::memory_order_acquire); }
   void SetSpin(std::uint32_t microseconds) { spin_.store(microseconds, std::memory_order_relaxed); }
@@ -132,7 +138,8 @@ class KEELBASE_API EventLoop {
     RunThere(std::ref(function));
   }
   void RunThere(const std::function<void()>& function);
-  // Runs after what has been posted before. False when the loop has stopped.
+  // Runs after what has been posted before. False when the loop does not run any more and the task
+  // does not wait for the next time.
   bool PostTask(LoopTask& task);
   // At once on the loop's thread, else as PostTask; once the loop has stopped in place, or by
   // whoever works there just then. Waits for nobody.
@@ -141,8 +148,8 @@ class KEELBASE_API EventLoop {
   // run.
   void DropPosted();
   // The process ends: writes what was gathered, then as DropPosted, unless another thread runs the
-  // loop. From here on others may act in place, also when exit() was called inside a callback of
-  // the loop: it never returns, and nobody waits for it any more.
+  // loop or works on it for too long. From here on others may act in place, also when exit() was
+  // called inside a callback of the loop: it never returns, and nobody waits for it any more.
   void End();
   // Takes over what a thread holds that waits in a Call for the function that has called exit(), on
   // a loop that is held here: it never goes on. False when it does not hold this loop.
@@ -168,8 +175,8 @@ class KEELBASE_API EventLoop {
   // --- lingers ---
   void BeginLinger(LingerTask& task);
   void EndLinger(LingerTask& task);
-  // Serves everybody who lingers, without serving anything else, until done or out of time. On
-  // the loop's thread, or on any once the loop has stopped.
+  // At the process's end: serves everybody who lingers, without serving anything else, until done
+  // or out of time. On the loop's thread, or on any once the loop has stopped.
   void FinishLingers();
 
  private:
@@ -195,7 +202,10 @@ class KEELBASE_API EventLoop {
   };
   class WaitingCall;
   bool IsBoundHere() const;
+  bool IsUsedInPlace() const AW_REQUIRES(mutex_);  // by another thread
   bool TakeHold();
+  bool TakeHoldAtExit();
+  bool TryHold() AW_REQUIRES(mutex_);
   void TakeHoldToRun();
   void AddHold() AW_REQUIRES(mutex_);
   void LeaveHold();
@@ -206,6 +216,8 @@ class KEELBASE_API EventLoop {
   bool Dispatch();
   bool RunPosted();
   bool RunTasks();
+  void TakeTasks() AW_REQUIRES(mutex_);
+  void HoldPosted();
   static LoopTask* Reversed(LoopTask* list);
   static void Drop(LoopTask* list);
   bool RunTimers();
@@ -236,14 +248,16 @@ class KEELBASE_API EventLoop {
   alignas(kCacheLine) Mutex mutex_;
   std::vector<IAWEvent*> posted_ AW_GUARDED_BY(mutex_);
   LoopTask* tasks_ AW_GUARDED_BY(mutex_) = nullptr;  // the last one first
-  bool closed_ AW_GUARDED_BY(mutex_) = false;
+  bool closed_ AW_GUARDED_BY(mutex_) = false;        // it has run: who calls acts in place
+  bool refusing_ AW_GUARDED_BY(mutex_) = false;      // and does not run again
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   unsigned holds_ AW_GUARDED_BY(mutex_) = 0;
   std::atomic<std::uint64_t> holder_{0};  // its thread number; changed under mutex_
   std::condition_variable holdChanged_;
   std::atomic<bool> hasPosted_{false};
 
-  // Null once an event is taken out to be fired; a stop may leave others behind.
+  // Null once an event is taken out to be fired; a stop may leave others behind, which come first
+  // when the loop runs again.
   alignas(kCacheLine) std::vector<IAWEvent*> firing_;
   LoopTask* runningTasks_ = nullptr;  // the first one first
   bool ranPosted_ = false;            // in the last turn

@@ -1,6 +1,7 @@
 // Mutex.h - std::mutex with annotations that Clang checks; the platform's own lock.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -39,6 +40,10 @@ class AW_SCOPED_CAPABILITY MutexLock {
   void Lock() AW_ACQUIRE() { lock_.lock(); }
 
   void Wait(std::condition_variable& condition) { condition.wait(lock_); }
+  // False when it is that late. By the wall clock: the thread sanitizer cannot follow another one.
+  bool WaitUntil(std::condition_variable& condition, std::chrono::system_clock::time_point end) {
+    return condition.wait_until(lock_, end) == std::cv_status::no_timeout;
+  }
 
  private:
   std::unique_lock<std::mutex> lock_;
