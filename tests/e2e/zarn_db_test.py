@@ -12,7 +12,7 @@ import time
 import tty
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_endings
+from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_endings, limit_memory
 
 ROWS = 6000
 ROW = b'{"key":"k","value":"v"}\n'
@@ -279,6 +279,14 @@ class Transfer(Db):
         self.assertEqual(importing.event("summary"), {"event": "summary", "rows": 1, "complete": False})
         self.assertEqual(importing.process.wait(PATIENCE), 1)
         self.assertEqual(importing.errors(), "zarn: '-': Input/output error")
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_a_line_too_long_for_the_memory_is_told_and_is_not_taken_for_the_end(self):
+        self.needs_little_memory()
+        huge = self.make_huge(ROW + b'{"key":"huge","value":"')
+        result = self.fails(1, f"^zarn: '{huge}': Cannot allocate memory\n$", *self.db, "import", huge, "--json",
+                            preexec_fn=limit_memory)
+        self.assertEqual(json.loads(result.stdout), {"event": "summary", "rows": 1, "complete": False})
         self.assertEqual(self.rows(), {b"k": b"v"})
 
     def test_what_only_looks_like_utf8_is_exported_as_hex(self):

@@ -4,6 +4,7 @@ whose JSON lines are awaited, and a plain socket that speaks the frame."""
 import json
 import os
 import queue
+import resource
 import shutil
 import signal
 import socket
@@ -19,6 +20,7 @@ from failing_calls import failing
 TOOL = os.environ.get("ZARN_TOOL") or os.path.join(os.environ.get("ZARN_BIN_DIR", ""), "zarn")
 PATIENCE = 40  # seconds for something that must come
 LONGEST = 65523
+HUGE = 1 << 30
 
 
 def frame(type_, tag, payload):
@@ -45,6 +47,11 @@ def ignore_endings():
     """For a process to come, as nohup and a shell script that runs it in the background do."""
     for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, signal.SIG_IGN)
+
+
+def limit_memory():
+    """For a process to come, which then finds no memory for what HUGE bytes need."""
+    resource.setrlimit(resource.RLIMIT_AS, (HUGE // 4, HUGE // 4))
 
 
 class Running:
@@ -120,6 +127,19 @@ class ToolTest(unittest.TestCase):
     def needs_plain_sockets(self):
         if self.scheme != "ipc":
             self.skipTest("only local IPC is spoken by plain sockets")
+
+    def needs_little_memory(self):
+        with open(TOOL, "rb") as program:
+            code = program.read()
+        if b"__asan_init" in code or b"__tsan_init" in code:
+            self.skipTest("a sanitizer reserves terabytes")
+
+    def make_huge(self, start=b""):
+        """A file with that start and more bytes behind it than limit_memory leaves room for."""
+        path = self.root / "huge"
+        path.write_bytes(start)
+        os.truncate(path, HUGE)
+        return str(path)
 
     def use_root(self, root):
         (root / "system").mkdir(mode=0o700, parents=True, exist_ok=True)

@@ -7,7 +7,7 @@ import re
 import shutil
 import unittest
 
-from zarn_tool import ToolTest
+from zarn_tool import ToolTest, limit_memory
 
 SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "stat", "env", "log")
 STORES = ("db", "kv", "shm")
@@ -284,6 +284,16 @@ class Shortage(ToolTest):
             result = self.run_tool(*arguments, env=self.failing("epoll_create1", 1, errno.EMFILE))
             self.assertEqual((result.returncode, result.stdout, result.stderr),
                              (1, "", "zarn: no event loop: out of memory or descriptors\n"), arguments)
+
+
+    def test_a_file_too_large_for_the_memory_is_one_line(self):
+        self.needs_little_memory()
+        huge = self.make_huge()
+        for arguments in (("db", "s.db", "set", "k"), ("kv", "s", "put", "k"),
+                          ("rest", "http://127.0.0.1:1/zarn/tcpchannel")):
+            result = self.run_tool(*arguments, "--file", huge, cwd=self.root, preexec_fn=limit_memory)
+            self.assertEqual((result.returncode, result.stdout, result.stderr),
+                             (1, "", "zarn: out of memory\n"), arguments)
 
 
 class ClosedStreams(ToolTest):

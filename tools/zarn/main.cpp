@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "CommandLine.h"
+#include "Output.h"
 
 namespace {
 
@@ -19,6 +22,9 @@ bool KeepStandardStreams() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   return KeepStandardStreams() ? zarn::tool::RunCommandLine(argc, argv) : zarn::tool::kFailed;
+} catch (const std::bad_alloc&) {
+  zarn::tool::ComplainLine("out of memory");
+  return zarn::tool::kFailed;
 }
