@@ -386,6 +386,45 @@ class Transfer(Db):
         self.run_ok(*self.db, "export", str(out))
         self.assertEqual((out.stat().st_uid, out.stat().st_gid), (65534, 65533))
 
+    @unittest.skipUnless(os.geteuid() == 0, "only root can become somebody else")
+    def test_an_export_opens_a_file_to_no_group_that_could_not_read_it_before(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        self.root.chmod(0o777)
+        self.path.chmod(0o666)
+        out = self.root / "out"
+        for own, group, mode in ((65533, 65533, 0o664), (65532, 65532, 0o604)):
+            out.unlink(missing_ok=True)
+            out.touch()
+            os.chown(out, 1, 65533)
+            out.chmod(0o664)
+            self.run_ok(*self.db, "export", str(out), user=65534, group=65532, extra_groups=[own])
+            status = out.stat()
+            self.assertEqual((status.st_uid, status.st_gid, status.st_mode & 0o7777), (65534, group, mode))
+
+    def test_an_export_does_not_replace_the_store_nor_what_belongs_to_it(self):
+        (self.root / "far").mkdir()
+        (self.root / "near.db").symlink_to("far/store.db")
+        (self.root / "away").symlink_to("far")
+        (self.root / "to").symlink_to("away/store.db")
+        store = self.root / "far/store.db"
+        self.run_ok("db", str(store), "set", "k", "v")
+        os.link(store, self.root / "hard")
+        before = sorted(os.listdir(self.root)), os.listdir(self.root / "far")
+        for name in (str(store), "store.db", str(self.root / "to"), "../away/store.db", "../hard",
+                     "store.db-journal", str(self.root / "away/store.db-wal"), "store.db-shm"):
+            for path in ("store.db", str(self.root / "near.db")):
+                self.fails(1, "is the store itself, or belongs to it\n$", "db", path, "export", name,
+                           cwd=self.root / "far")
+        self.assertEqual((sorted(os.listdir(self.root)), os.listdir(self.root / "far")), before)
+        self.assertEqual(self.run_ok("db", str(store), "ls"), "k\tv\n")
+        self.assertEqual(self.run_ok("db", str(store), "export", "../store.db", cwd=store.parent), "rows written 1\n")
+
+    def test_an_export_beside_a_store_with_the_name_of_its_part_file_is_refused(self):
+        store = self.root / "out.part"
+        self.run_ok("db", str(store), "set", "k", "v")
+        self.fails(1, f"^zarn: '{store}': is the store itself", "db", str(store), "export", str(self.root / "out"))
+        self.assertEqual(self.run_ok("db", str(store), "ls"), "k\tv\n")
+
     def test_a_link_at_the_part_file_is_replaced_and_not_followed(self):
         self.run_ok(*self.db, "set", "k", "v")
         victim = self.root / "victim"

@@ -253,21 +253,39 @@ bool ExportDirectly(DbFile& store, const std::string& path, const std::string& t
 // A new file, as private as the one that it is to replace; null with errno.
 std::FILE* MakePart(const std::string& part, const struct stat* replaced) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  constexpr auto kSameOwner = static_cast<uid_t>(-1);
   ::unlink(part.c_str());  // of an export that was killed
   const int fd = ::open(part.c_str(), kFlags, replaced != nullptr ? 0600 : 0666);
   if (fd < 0) return nullptr;
   if (replaced != nullptr) {
-    // Only root can keep a foreign owner.
-    [[maybe_unused]] const int owned = ::fchown(fd, replaced->st_uid, replaced->st_gid);
-    ::fchmod(fd, replaced->st_mode & 0777U);
+    // Only root can keep a foreign owner, and nobody else a group that is not one's own.
+    const bool sameGroup = ::fchown(fd, replaced->st_uid, replaced->st_gid) == 0 ||
+                           ::fchown(fd, kSameOwner, replaced->st_gid) == 0;
+    ::fchmod(fd, replaced->st_mode & (sameGroup ? 0777U : 0707U));
   }
   return ::fdopen(fd, "wb");
+}
+
+// Whether `place` is the store, or bears the name of a file that SQLite keeps beside it.
+bool IsOfStore(const std::filesystem::path& store, const std::filesystem::path& place) {
+  std::error_code error;
+  if (std::filesystem::equivalent(store, place, error)) return true;
+  if (!std::filesystem::equivalent(store.parent_path() / ".", place.parent_path() / ".", error))
+    return false;
+  for (const char* suffix : {"-journal", "-wal", "-shm"})
+    if (place.filename() == (store.filename() += suffix)) return true;
+  return false;
 }
 
 // The file at `place` is there with all its rows, or as it was before.
 bool ReplaceByExport(DbFile& store, const std::string& path, const std::string& place,
                      const struct stat* replaced, std::uint64_t& rows) {
   const std::string part = place + ".part";
+  for (const std::string& name : {place, part}) {
+    if (!IsOfStore(FollowLinks(path), name)) continue;
+    Complain("'{}': is the store itself, or belongs to it", Escape(name));
+    return false;
+  }
   std::FILE* file = MakePart(part, replaced);
   if (file == nullptr) {
     Complain("'{}': {}", Escape(part), std::strerror(errno));
