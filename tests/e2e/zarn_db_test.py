@@ -103,6 +103,35 @@ class Values(Db):
             self.assertEqual(self.run_tool(*arguments).returncode, 2, arguments)
 
 
+    def make_utf16(self, encoding, key, value):
+        self.path.unlink(missing_ok=True)
+        connection = sqlite3.connect(self.path)
+        connection.execute(f"PRAGMA encoding='{encoding}'")
+        connection.execute("CREATE TABLE ZARNDATA(URL TEXT PRIMARY KEY NOT NULL, VALUE TEXT NOT NULL)")
+        connection.execute("INSERT INTO ZARNDATA VALUES(?, ?)", [key, value])
+        connection.commit()
+        connection.close()
+
+    def test_a_store_in_utf16_is_shown_and_exported_like_any_other(self):
+        for encoding in ("UTF-16le", "UTF-16be"):
+            self.make_utf16(encoding, "blob", b"a\xff")
+            self.run_ok(*self.db, "set", "näme", "nörth €")
+            self.assertEqual(self.run_events(*self.db, "ls"), [
+                {"event": "entry", "key": "blob", "value": "a\\xff", "size": 2},
+                {"event": "entry", "key": "näme", "value": "nörth €", "size": 10}])
+            self.assertEqual(self.run_ok(*self.db, "get", "näme"), "nörth €\n")
+            self.assertEqual(self.run_ok(*self.db, "export"),
+                             '{"key":"blob","value_hex":"61ff"}\n{"key":"näme","value":"nörth €"}\n')
+
+    def test_a_text_that_finds_no_memory_to_be_converted_is_told_and_not_shown_empty(self):
+        self.needs_little_memory()
+        self.make_utf16("UTF-16le", "k", "x" * (48 << 20))
+        for verb in (("get", "k"), ("ls",), ("export",)):
+            result = self.fails(1, f"^zarn: '{self.path}': out of memory\n$", *self.db, *verb,
+                                preexec_fn=limit_memory)
+            self.assertEqual(result.stdout, "")
+
+
 class Files(Db):
     def test_absent_keys_and_stores_are_failures_and_nothing_is_made(self):
         self.fails(1, "there is no store", *self.db, "get", "k")

@@ -24,11 +24,17 @@ Statement Prepare(sqlite3* handle, const char* text) {
   return {statement, &sqlite3_finalize};
 }
 
+// Text as UTF-8, also of a store in UTF-16. It may find no memory for that: see HasMemory.
 std::string_view ColumnOf(const Statement& statement, int column) {
-  const auto* bytes = static_cast<const char*>(sqlite3_column_blob(statement.get(), column));
+  const bool isBlob = sqlite3_column_type(statement.get(), column) == SQLITE_BLOB;
+  const void* bytes = isBlob ? sqlite3_column_blob(statement.get(), column)
+                             : sqlite3_column_text(statement.get(), column);
   const int size = sqlite3_column_bytes(statement.get(), column);
-  return bytes == nullptr ? std::string_view() : std::string_view(bytes, std::size_t(size));
+  return bytes == nullptr ? std::string_view()
+                          : std::string_view(static_cast<const char*>(bytes), std::size_t(size));
 }
+
+bool HasMemory(sqlite3* handle) { return sqlite3_errcode(handle) != SQLITE_NOMEM; }
 
 }  // namespace
 
@@ -68,8 +74,12 @@ bool DbFile::Find(std::string_view key, std::optional<std::string>& value) {
   const Statement select = Prepare(handle_, "SELECT VALUE FROM ZARNDATA WHERE URL=?");
   sqlite3_bind_text(select.get(), 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
   const int code = sqlite3_step(select.get());
-  if (code == SQLITE_ROW) value = ColumnOf(select, 0);
-  return code == SQLITE_ROW || code == SQLITE_DONE || Fail();
+  if (code == SQLITE_DONE) return true;
+  if (code != SQLITE_ROW) return Fail();
+  const std::string_view found = ColumnOf(select, 0);
+  if (!HasMemory(handle_)) return Fail();
+  value = found;
+  return true;
 }
 
 std::optional<std::uint64_t> DbFile::Count() {
@@ -84,7 +94,10 @@ bool DbFile::ForEach(const Visit& visit) {
   const Statement select = Prepare(handle_, "SELECT URL,VALUE FROM ZARNDATA ORDER BY URL");
   int code = SQLITE_ROW;
   while ((code = sqlite3_step(select.get())) == SQLITE_ROW) {
-    if (!visit(ColumnOf(select, 0), ColumnOf(select, 1))) return true;
+    const std::string_view key = ColumnOf(select, 0);
+    const std::string_view value = ColumnOf(select, 1);
+    if (!HasMemory(handle_)) return Fail();
+    if (!visit(key, value)) return true;
   }
   return code == SQLITE_DONE || Fail();
 }
