@@ -12,7 +12,7 @@ import time
 import tty
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest, ignore_endings, limit_memory
+from zarn_tool import PATIENCE, SOMEBODY, TOOL, ToolTest, ignore_endings, limit_memory
 
 ROWS = 6000
 ROW = b'{"key":"k","value":"v"}\n'
@@ -186,6 +186,45 @@ class Files(Db):
             self.assertNotIn("line 2", result.stderr, "it comes to that when it is run again")
         rows.close()
         self.assertEqual(self.run_ok(*self.db, "ls"), "k\tv\nl\tv\n")
+
+    def not_written(self, reason, *verbs, **options):
+        for verb in verbs or (("set", "k", "w"), ("import", "-")):
+            self.fails(1, f"^zarn: '{self.path}': cannot be written: {reason}\n", *self.db, *verb,
+                       input='{"key":"k","value":"w"}\n', **options)
+
+    def test_a_store_that_may_not_be_written_is_told(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        verbs = ("set", "k", "w"), ("rm", "k"), ("import", "-")
+        self.root.chmod(0o755)
+        self.path.chmod(0o444)
+        self.not_written("it is read-only", *verbs, **SOMEBODY)
+        self.path.chmod(0o666)
+        self.root.chmod(0o555)
+        self.addCleanup(self.root.chmod, 0o755)
+        self.not_written("attempt to write a readonly database", *verbs, **SOMEBODY)  # no place for a journal
+        self.assertEqual(self.rows(), {b"k": b"v"})
+
+    def test_a_store_that_takes_no_rows_is_told_with_what_sqlite_says(self):
+        for schema, reason in (
+                ("CREATE VIEW ZARNDATA AS SELECT 1 AS URL, 2 AS VALUE", "view ZARNDATA already exists"),
+                ("CREATE TABLE zarndata(URL, VALUE)", "table ZARNDATA already exists"),
+                ("CREATE TABLE ZARNDATA(URL, VALUE AS (URL))", 'cannot INSERT into generated column "VALUE"')):
+            self.path.unlink(missing_ok=True)
+            connection = sqlite3.connect(self.path)
+            connection.execute(schema)
+            connection.close()
+            self.not_written(reason)
+
+    def test_a_store_whose_index_is_damaged_where_the_key_belongs_is_told(self):
+        self.run_ok(*self.db, "import", str(self.make_lines()))
+        last = f"zarn://key/{ROWS - 1:06}"
+        pages = self.path.read_bytes()
+        index_leaf = 10
+        (at,) = [at for at in range(0, len(pages), 4096)
+                 if pages[at] == index_leaf and last.encode() in pages[at:at + 4096]]
+        self.path.write_bytes(pages[:at] + bytes(4096) + pages[at + 4096:])
+        self.not_written("database disk image is malformed", ("set", last, "w"))
+        self.run_ok(*self.db, "set", "zarn://key/000000", "w")
 
     def test_a_damaged_store_is_told(self):
         self.run_ok(*self.db, "import", str(self.make_lines()))

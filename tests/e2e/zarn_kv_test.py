@@ -4,7 +4,7 @@ import os
 import subprocess
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest
+from zarn_tool import PATIENCE, SOMEBODY, TOOL, ToolTest
 
 
 class Kv(ToolTest):
@@ -18,8 +18,8 @@ class Kv(ToolTest):
         self.assertEqual(result.returncode, 0, result.stderr)
         return result.stdout
 
-    def fails(self, code, pattern, *arguments):
-        result = self.run_tool(*arguments)
+    def fails(self, code, pattern, *arguments, **options):
+        result = self.run_tool(*arguments, **options)
         self.assertEqual(result.returncode, code, result.stderr)
         self.assertRegex(result.stderr, pattern)
 
@@ -73,6 +73,12 @@ class Kv(ToolTest):
         self.path.write_text("")
         self.fails(1, "there is no store: Not a directory", *self.kv, "dump")
         self.fails(1, "Not a directory", *self.kv, "put", "k", "v")
+
+    def test_a_store_that_cannot_be_made_is_told_with_the_reason(self):
+        self.root.chmod(0o555)
+        self.addCleanup(self.root.chmod, 0o755)
+        self.fails(1, f"^zarn: '{self.path}': cannot be made: Permission denied\n$", *self.kv, "put", "k", "v",
+                   **SOMEBODY)
 
     def test_a_file_for_a_value_that_cannot_be_read_is_told_and_no_store_is_made(self):
         self.fails(1, f"^zarn: '{self.root}': Is a directory$", *self.kv, "put", "k", "--file", str(self.root))

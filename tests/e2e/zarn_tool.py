@@ -21,6 +21,8 @@ TOOL = os.environ.get("ZARN_TOOL") or os.path.join(os.environ.get("ZARN_BIN_DIR"
 PATIENCE = 40  # seconds for something that must come
 LONGEST = 65523
 HUGE = 1 << 30
+# Options of a process of a user whom permissions keep out.
+SOMEBODY = {"user": 65534, "group": 65534, "extra_groups": []} if os.geteuid() == 0 else {}
 
 
 def frame(type_, tag, payload):

@@ -65,7 +65,7 @@ int RunDbSet(const DbOptions& options) {
   utils::CZARNSqliteDB db;
   if (!OpenToWrite(options.path, db)) return kFailed;
   if (db.SetPersistentData(*key, *value) == keelbase::AW_OK) return kDone;
-  ComplainNotWritten(options.path);
+  ComplainNotWritten(options.path, *key);
   return kFailed;
 }
 
@@ -80,7 +80,7 @@ int RunDbRm(const DbOptions& options) {
   utils::CZARNSqliteDB db;
   if (!OpenToWrite(options.path, db)) return kFailed;
   if (db.RemovePersistentData(*key) == keelbase::AW_OK) return kDone;
-  ComplainNotWritten(options.path);
+  ComplainNotWritten(options.path, *key);
   return kFailed;
 }
 
@@ -185,11 +185,11 @@ bool OpenToWrite(const std::string& path, utils::CZARNSqliteDB& db) {
   return false;
 }
 
-void ComplainNotWritten(const std::string& path) {
+void ComplainNotWritten(const std::string& path, std::string_view key) {
   DbFile file(path);
   const bool there = file.GetState() != DbFile::State::missing;
   Complain("'{}': cannot be written: {}", Escape(path),
-           there ? file.ExplainWriteFailure() : "the file cannot be made");
+           there ? file.ExplainWriteFailure(key) : "the file cannot be made");
 }
 
 void AddDb(CLI::App& app, Action& action) {

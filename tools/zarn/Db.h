@@ -19,7 +19,8 @@ std::unique_ptr<DbFile> OpenToRead(const std::string& path);
 // Opens the store, or makes it. False after a complaint.
 bool OpenToWrite(const std::string& path, utils::CZARNSqliteDB& db);
 
-void ComplainNotWritten(const std::string& path);
+// An empty key where it is not the writing of one that has failed.
+void ComplainNotWritten(const std::string& path, std::string_view key = "");
 
 int ImportDb(const std::string& path, const std::string& from, bool json);
 int ExportDb(const std::string& path, const std::string& to, bool json);

@@ -102,14 +102,25 @@ bool DbFile::ForEach(const Visit& visit) {
   return code == SQLITE_DONE || Fail();
 }
 
-std::string DbFile::ExplainWriteFailure() {
+std::string DbFile::ExplainWriteFailure(std::string_view key) {
+  if (handle_ == nullptr) return "it cannot be made";
+  if (sqlite3_db_readonly(handle_, "main") == 1) return "it is read-only";
   sqlite3_busy_timeout(handle_, 0);
-  const Statement begin = Prepare(handle_, "BEGIN IMMEDIATE");
-  if (handle_ == nullptr || sqlite3_step(begin.get()) != SQLITE_DONE) {
-    return handle_ == nullptr ? "it cannot be made" : Escape(sqlite3_errmsg(handle_));
-  }
+  const bool begun = sqlite3_step(Prepare(handle_, "BEGIN IMMEDIATE").get()) == SQLITE_DONE;
+  const bool written = begun && TryToWrite(key);
+  const std::string reason = written ? "no room, or somebody else was reading or writing"
+                                     : Escape(sqlite3_errmsg(handle_));
   sqlite3_step(Prepare(handle_, "ROLLBACK").get());
-  return "no room, or somebody else was reading or writing";
+  return reason;
+}
+
+bool DbFile::TryToWrite(std::string_view key) {
+  const Statement attempt =
+      Prepare(handle_, state_ == State::noTable
+                           ? "CREATE TABLE ZARNDATA(URL,VALUE)"
+                           : "INSERT OR REPLACE INTO ZARNDATA(URL,VALUE) VALUES(?,'')");
+  sqlite3_bind_text(attempt.get(), 1, key.data(), static_cast<int>(key.size()), SQLITE_STATIC);
+  return sqlite3_step(attempt.get()) == SQLITE_DONE;
 }
 
 }  // namespace zarn::tool

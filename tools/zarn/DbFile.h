@@ -36,12 +36,13 @@ class DbFile {
   using Visit = std::function<bool(std::string_view key, std::string_view value)>;
   bool ForEach(const Visit& visit);
 
-  // Why it cannot be written to, escaped.
-  std::string ExplainWriteFailure();
+  // Why that key cannot be written to it, escaped. Tries it, and undoes that.
+  std::string ExplainWriteFailure(std::string_view key);
 
  private:
   State Examine();
   bool Fail();
+  bool TryToWrite(std::string_view key);
 
   const std::string path_;
   sqlite3* handle_ = nullptr;

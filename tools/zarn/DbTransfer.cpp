@@ -124,7 +124,7 @@ class Importer {
     }
     if (batchRows_ == 0) begun_ = db_.Begin() == 0;
     if (!begun_ || db_.SetPersistentData(row.key, row.value) != keelbase::AW_OK) {
-      NotWritten();
+      NotWritten(row.key);
       return kFailed;
     }
     ++batchRows_;
@@ -134,12 +134,12 @@ class Importer {
   }
 
   // Nothing of this batch is stored then.
-  void NotWritten() {
+  void NotWritten(std::string_view key = "") {
     batchRows_ = 0;
     begun_ = false;
     db_.CloseDB();
     progress_.Clear();
-    ComplainNotWritten(path_);
+    ComplainNotWritten(path_, key);
     Complain("{} rows are stored; run it again to finish", rows_);
   }
 

@@ -62,8 +62,15 @@ bool IsKvThere(const std::string& path) {
   return false;
 }
 
+// LevelDB would make it, too, but keep to itself why it cannot.
+bool MakeDirectory(const std::string& path) {
+  if (::mkdir(path.c_str(), 0755) == 0 || errno == EEXIST) return true;
+  Complain("'{}': cannot be made: {}", Escape(path), std::strerror(errno));
+  return false;
+}
+
 bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
-  if (!make && !IsKvThere(path)) return false;
+  if (make ? !MakeDirectory(path) : !IsKvThere(path)) return false;
   if (store.Open(path.c_str()) == 0) return true;
   ComplainNotOpened(path);
   return false;
