@@ -79,6 +79,19 @@ class Usage(ToolTest):
             self.assertEqual(result.stderr.splitlines()[0],
                              f"{option}: '{value}' is not a number of seconds from {least} to {most}")
 
+    def test_what_is_wrong_is_shown_escaped(self):
+        for raw, shown in (("a\nb", "a\\nb"), ("\x1b[2J", "\\x1b[2J"), (b"\xff\xc3(", "\\xff\\xc3("),
+                           ("\u202eabc", "\\xe2\\x80\\xaeabc"), ("a\\", "a\\\\"), ("größe", "größe")):
+            for *arguments, first_line in (
+                    ("ls", "The following argument was not expected: {}"),
+                    ("ping", "ipc://1_2", "--timeout", "--timeout: '{}' is not a number of seconds from 0 to 1000000"),
+                    ("ping", "ipc://1_2", "-c", "--count: '{}' is not a number from 0 to 18446744073709551615"),
+                    ("db", "s.db", "set", "k", "--hex", "--hex: '{}' is not pairs of hex digits")):
+                result = self.run_tool(*arguments, raw)
+                self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
+                self.assertEqual(result.stderr, first_line.format(shown) +
+                                 "\nRun with --help for more information.\n")
+
     def test_help_shows_no_default_that_would_be_refused(self):
         shown = self.run_tool("stat", "--help").stdout
         self.assertIn("--watch SECONDS ", shown)

@@ -85,6 +85,12 @@ void RefuseCutOptions(const CLI::App& app, int argc, char** argv) {
   }
 }
 
+// An argument that is wrong may hold anything.
+std::string EscapeFailure(const CLI::App* app, const CLI::Error& error) {
+  return CLI::FailureMessage::simple(
+      app, CLI::Error(error.get_name(), Escape(error.what()), error.get_exit_code()));
+}
+
 // Prints the help or the version that was asked for, or what is wrong.
 int Explain(const CLI::App& app, const CLI::ParseError& error) {
   std::ostringstream asked;
@@ -109,6 +115,7 @@ int RunCommandLine(int argc, char** argv) {
       "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
+  app.failure_message(EscapeFailure);
 
   Action action;
   AddServe(app, action);
