@@ -238,6 +238,9 @@ class Files(Db):
         for verb in (("get", last), ("rm", last), ("ls",), ("export",), ("export", str(out))):
             self.fails(1, told, *self.db, *verb)
         self.assertEqual(list(self.root.glob("out*")), [])
+        result = self.run_without(">/dev/full", *self.db, "ls")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "zarn: standard output: No space left on device\n"), "it ends before the damage")
 
     def test_names_in_a_damaged_store_are_shown_escaped(self):
         connection = sqlite3.connect(self.path)

@@ -139,6 +139,22 @@ class Kv(ToolTest):
             self.assertNotIn("needle", (self.path / "LOG").read_text(encoding="utf-8"))
         self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tneedle\n")
 
+    def test_a_dump_ends_when_its_output_cannot_be_written(self):
+        peer = os.path.join(os.path.dirname(TOOL), "store_peer")
+        with subprocess.Popen([peer, "write", "leveldb", str(self.path), "0"], stdout=subprocess.PIPE) as writer:
+            for _ in range(100):
+                writer.stdout.readline()
+            writer.kill()
+        self.run_ok(*self.kv, "dump")  # all entries move to one table
+        (table,) = self.path.glob("*.ldb")
+        whole = table.read_bytes()
+        half = len(whole) // 2
+        table.write_bytes(whole[:half] + bytes([whole[half] ^ 255]) + whole[half + 1:])
+        self.fails(1, "not all of it can be read: ", *self.kv, "dump")
+        result = self.run_without(">/dev/full", *self.kv, "dump")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "zarn: standard output: No space left on device\n"), "it ends before the damage")
+
     def test_wrong_usage(self):
         for arguments in (("kv",), self.kv, (*self.kv, "get"), (*self.kv, "put", "k"),
                           (*self.kv, "put", "k", "--hex", "xx"), (*self.kv, "get", "0", "--hex-key"),

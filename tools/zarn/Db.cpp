@@ -90,7 +90,7 @@ int RunDbLs(const DbOptions& options) {
   Output output(options.json);
   const bool read = file->ForEach([&](std::string_view key, std::string_view value) {
     ShowEntry(output, options.show.hex, key, value);
-    return true;
+    return output.GetError() == 0;
   });
   if (!read) Complain("'{}': {}", Escape(options.path), file->GetReason());
   return output.Flush() && read ? kDone : kFailed;

@@ -136,7 +136,7 @@ int RunKvDump(const KvOptions& options) {
   leveldb::ReadOptions whole;
   whole.verify_checksums = true;
   const std::unique_ptr<leveldb::Iterator> at(store->NewIterator(whole));
-  for (at->SeekToFirst(); at->Valid(); at->Next())
+  for (at->SeekToFirst(); at->Valid() && output.GetError() == 0; at->Next())
     ShowEntry(output, options.show.hex, {at->key().data(), at->key().size()},
               {at->value().data(), at->value().size()});
   const leveldb::Status status = at->status();
