@@ -538,6 +538,14 @@ class Transfer(Db):
         self.assertIn("interrupted after 1 rows", process.errors())
         self.assertEqual(self.rows(), {b"k": b"v"})
 
+    def test_import_interrupted_while_it_waits_for_the_writer_of_a_pipe_has_failed(self):
+        fifo = self.root / "fifo"
+        os.mkfifo(fifo)
+        for how in (signal.SIGINT, signal.SIGTERM):
+            importing = self.start(*self.db, "import", str(fifo))
+            importing.wait_asleep()
+            self.assertEqual((importing.end(how), importing.errors()), (1, f"zarn: '{fifo}': Interrupted system call"))
+
     def test_export_interrupted_leaves_the_file_that_was_there(self):
         self.run_ok(*self.db, "import", str(self.make_lines()))
         out = self.root / "out.jsonl"

@@ -12,6 +12,7 @@ import struct
 import subprocess
 import tempfile
 import threading
+import time
 import unittest
 from pathlib import Path
 
@@ -99,6 +100,16 @@ class Running:
             text.append(line)
         self._lines["stderr"].put(None)
         return "\n".join(text)
+
+    def wait_asleep(self):
+        """Until it waits for something."""
+        deadline = time.monotonic() + PATIENCE
+        state = ""
+        while state != "S":
+            if time.monotonic() > deadline or self.process.poll() is not None:
+                raise AssertionError(f"it does not wait: {state}")
+            with open(f"/proc/{self.process.pid}/stat", encoding="ascii") as file:
+                state = file.read().rpartition(")")[2].split()[0]
 
     def end(self, how=signal.SIGINT):
         """Ends it and gives the exit code."""

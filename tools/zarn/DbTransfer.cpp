@@ -74,7 +74,6 @@ class Importer {
   Importer& operator=(const Importer&) = delete;
 
   int Run() {
-    CatchInterruptions();
     if (!OpenToWrite(path_, db_)) return kFailed;
     int code = kDone;
     while (code == kDone && ReadLine()) code = Take();
@@ -327,6 +326,7 @@ void SummariseTransfer(Output& output, std::uint64_t rows, bool complete) {
 }  // namespace
 
 int ImportDb(const std::string& path, const std::string& from, bool json) {
+  CatchInterruptions();  // before a pipe's writer is waited for
   const bool standard = from == "-";
   std::FILE* file = standard ? stdin : std::fopen(from.c_str(), "rbe");
   if (file == nullptr) {
