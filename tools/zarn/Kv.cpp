@@ -76,8 +76,8 @@ bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
   return false;
 }
 
-// The library's own class does not say what it leaves out. Damage to the log is a failure here:
-// opened all the same, the store would lose for good what stands there.
+// The library's own class does not say what it leaves out. Damage that LevelDB sees in the log is a
+// failure here: opened all the same, the store would lose for good what stands there.
 std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path) {
   if (!IsKvThere(path)) return nullptr;
   leveldb::Options options;
