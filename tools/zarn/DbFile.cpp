@@ -108,8 +108,8 @@ std::string DbFile::ExplainWriteFailure(std::string_view key) {
   sqlite3_busy_timeout(handle_, 0);
   const bool begun = sqlite3_step(Prepare(handle_, "BEGIN IMMEDIATE").get()) == SQLITE_DONE;
   const bool written = begun && TryToWrite(key);
-  const std::string reason = written ? "no room, or somebody else was reading or writing"
-                                     : Escape(sqlite3_errmsg(handle_));
+  std::string reason = written ? "no room, or somebody else was reading or writing"
+                               : Escape(sqlite3_errmsg(handle_));
   sqlite3_step(Prepare(handle_, "ROLLBACK").get());
   return reason;
 }
