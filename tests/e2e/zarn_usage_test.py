@@ -52,6 +52,14 @@ class Usage(ToolTest):
         for subcommand in WITH_URL:
             self.assert_wrong_usage(subcommand)
 
+    def test_wrong_subcommand_is_named(self):
+        for arguments in (["pnig"], ["--jsno"], ["ipc://1_2"], ["db", "x", "pnig"], ["kv", "x", "pnig"],
+                          ["shm", "pnig"]):
+            result = self.run_tool(*arguments)
+            self.assertEqual(result.returncode, 2)
+            self.assertIn(f"'{arguments[-1]}' is not a subcommand", result.stderr)
+        self.assertIn("A subcommand is required", self.run_tool("db", "x").stderr)
+
     def test_urls_that_are_none_are_wrong_usage(self):
         urls = ("1_2", "ipc:1_2", "ipc://", "ipc://1", "ipc://1_", "ipc://_2", "ipc://1_65536",
                 "ipc://-1_2", "ipc://01_2", "ipc://1_2/", "ipc://1_2_3", "smoke://1_2", "")

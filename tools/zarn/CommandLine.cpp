@@ -85,10 +85,19 @@ void RefuseCutOptions(const CLI::App& app, int argc, char** argv) {
   }
 }
 
+// Where a subcommand is missing, what stands in its place.
+std::string NameWrongSubcommand(const CLI::App& app, const CLI::Error& error) {
+  const std::vector<std::string> words = app.remaining(true);
+  const std::string missing = CLI::RequiredError::Subcommand(1).what();
+  if (words.empty() || error.what() != missing) return error.what();
+  return fmt::format("'{}' is not a subcommand", words.front());
+}
+
 // An argument that is wrong may hold anything.
-std::string EscapeFailure(const CLI::App* app, const CLI::Error& error) {
-  return CLI::FailureMessage::simple(
-      app, CLI::Error(error.get_name(), Escape(error.what()), error.get_exit_code()));
+std::string DescribeFailure(const CLI::App* app, const CLI::Error& error) {
+  const std::string text = Escape(NameWrongSubcommand(*app, error));
+  return CLI::FailureMessage::simple(app,
+                                     CLI::Error(error.get_name(), text, error.get_exit_code()));
 }
 
 // Prints the help or the version that was asked for, or what is wrong.
@@ -115,7 +124,7 @@ int RunCommandLine(int argc, char** argv) {
       "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
-  app.failure_message(EscapeFailure);
+  app.failure_message(DescribeFailure);
 
   Action action;
   AddServe(app, action);
