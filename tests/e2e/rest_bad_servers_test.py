@@ -75,6 +75,16 @@ class BadServers(RestTest):
             connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.assert_fails(self.serve(handle).url(), os.strerror(errno.ECONNRESET))
 
+    def test_answer_of_one_that_does_not_read_the_body(self):
+        def handle(connection, _):
+            # The end, with bytes that are not read, is a reset behind the answer.
+            connection.recv(1000)
+            connection.sendall(answer(b"too large", "413 Payload Too Large", "Connection: close"))
+        body = self.write("body", b"x" * (8 << 20))
+        server = self.serve(handle, early=True)
+        result = self.run_tool("rest", server.url(), "--file", body)
+        self.assertEqual((result.stdout, result.stderr), ("status 413\ntoo large\n", ""))
+
     def test_end_in_the_middle(self):
         for wire in (b"", b"HTTP/1.1 200", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf",
                      b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n",

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <utility>
 
@@ -84,28 +85,60 @@ TEST_F(HttpClient, RefusedCredentialsSendNothingUntilGoodOnesAreSet) {
             std::string::npos);
 }
 
-TEST_F(HttpClient, FailureOfTheSendIsTold) {
-  transport->AnswerNext(EPIPE, 0);
-  Send();
-  EXPECT_EQ(user.sendResult, AW_OK);
-  ExpectFailure(ECONNRESET);
+// A request that is sent in two parts, the second or the first of which fails.
+void FailPart(int part, FakeTcpTransport& transport, keelbase::AWResult failure) {
+  if (part == 2) transport.AnswerNext(AW_ERROR_PARTIAL_DATA, 10);
+  transport.AnswerNext(failure, 0);
+}
+
+TEST_F(HttpClient, FailureOfASendIsToldWithTheEndOfTheConnection) {
+  for (const int part : {1, 2}) {
+    user = User();
+    transport = new FakeTcpTransport;
+    FailPart(part, *transport, EPIPE);
+    Send();
+    transport->ReadyToSend();
+    RunReady();
+    EXPECT_EQ(user.sendResult, AW_OK);
+    EXPECT_EQ(user.calls, Calls{"connect 0"});
+    transport->End(EPIPE);
+    ExpectFailure(ECONNRESET);
+  }
 }
 
 TEST_F(HttpClient, AnswerThatIsThereCountsMoreThanAFailedSend) {
-  transport->AnswerNext(EPIPE, 0);
-  Open();
-  tcp.Last().Complete(0, transport.Get());
-  Answer(kAnswer);
-  EXPECT_EQ(user.calls, kAnswered);
-  EXPECT_EQ(user.result, 200);
+  for (const int part : {1, 2}) {
+    user = User();
+    transport = new FakeTcpTransport;
+    FailPart(part, *transport, ECONNRESET);
+    Send();
+    transport->ReadyToSend();
+    RunReady();
+    transport->ReadyToSend();  // nothing is left to send
+    Answer(kAnswer);
+    EXPECT_EQ(user.calls, kAnswered);
+    EXPECT_EQ(user.result, 200);
+  }
 }
 
-TEST_F(HttpClient, FailureOfALaterSendIsTold) {
-  transport->AnswerNext(AW_ERROR_PARTIAL_DATA, 10);
-  transport->AnswerNext(AW_ERROR_NOT_INITIALIZED, 0);
+TEST_F(HttpClient, FailureOfASendThatEndsNoConnectionIsToldAtOnce) {
+  for (const int part : {1, 2}) {
+    for (const auto failure : {AW_ERROR_FAILURE, AW_ERROR_NOT_INITIALIZED}) {
+      user = User();
+      transport = new FakeTcpTransport;
+      FailPart(part, *transport, failure);
+      Send();
+      transport->ReadyToSend();
+      ExpectFailure(ECONNRESET);
+    }
+  }
+}
+
+TEST_F(HttpClient, EndThatIsNeverToldAfterAFailedSendIsNotAwaitedForEver) {
+  transport->AnswerNext(EPIPE, 0);
   Send();
-  transport->ReadyToSend();
-  ExpectFailure(ECONNRESET);
+  clock.Advance(std::chrono::milliseconds(CAWHttpLimits().sendMs));
+  ExpectFailure(ETIME);
 }
 
 TEST_F(HttpClient, EndsBeforeTheAnswerIsWholeAreTold) {

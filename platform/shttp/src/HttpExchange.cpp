@@ -31,6 +31,12 @@ long ResultOfEnd(long reason) {
   return ofTransport || reason == EPIPE ? -ECONNRESET : -reason;
 }
 
+// A connection that has failed tells that itself, after what had come before: an answer may be
+// there already.
+bool IsToldAsEnd(AWResult failureOfSend) {
+  return failureOfSend != AW_ERROR_FAILURE && failureOfSend != AW_ERROR_NOT_INITIALIZED;
+}
+
 }  // namespace
 
 HttpExchange::HttpExchange(keelbase::internal::EventLoop& loop, IAWChannelSink* sink,
@@ -161,7 +167,7 @@ void HttpExchange::SendHeadAnd(CAWMessageBlock& body) {
   const AWResult sent = stream_->Send(head);
   if (sent == AW_OK) return AwaitAnswer();
   if (sent != AW_ERROR_PARTIAL_DATA) {
-    FinishLater(ResultOfEnd(static_cast<long>(sent)));
+    if (!IsToldAsEnd(sent)) FinishLater(ResultOfEnd(static_cast<long>(sent)));
     return;
   }
   rest_.reset(head.DuplicateChained());
@@ -173,8 +179,8 @@ void HttpExchange::OnRoom() {
   const AWResult sent = stream_->Send(*rest_);
   if (sent == AW_ERROR_PARTIAL_DATA) return;
   rest_ = nullptr;
-  if (sent != AW_OK) return Finish(ResultOfEnd(static_cast<long>(sent)));
-  AwaitAnswer();
+  if (sent == AW_OK) return AwaitAnswer();
+  if (!IsToldAsEnd(sent)) Finish(ResultOfEnd(static_cast<long>(sent)));
 }
 
 void HttpExchange::AwaitAnswer() { Limit(order_.limits.answerMs, -ETIME); }
