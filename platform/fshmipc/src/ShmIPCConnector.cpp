@@ -78,7 +78,7 @@ void ShmIPCConnector::OnDialled(int error, FileDescriptor socket,
   socket_ = std::move(socket);
   credentials_ = credentials;
   if (error == 0) error = AwaitWelcome();
-  if (error != 0) Finish(systemPath_.Get().empty() ? static_cast<int>(AW_ERROR_FAILURE) : error);
+  if (error != 0) Finish(systemPath_.IsEmpty() ? static_cast<int>(AW_ERROR_FAILURE) : error);
 }
 
 int ShmIPCConnector::AwaitWelcome() {

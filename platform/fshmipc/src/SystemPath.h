@@ -17,6 +17,10 @@ class SystemPath {
     const keelbase::internal::MutexLock lock(mutex_);
     return directory_;
   }
+  bool IsEmpty() const {
+    const keelbase::internal::MutexLock lock(mutex_);
+    return directory_.empty();
+  }
 
  private:
   mutable keelbase::internal::Mutex mutex_;
