@@ -19,6 +19,7 @@ CShmZARNLibClientChannel::~CShmZARNLibClientChannel() = default;
 
 AWResult CShmZARNLibClientChannel::Init(std::uint16_t localFirst, std::uint16_t localSecond,
                                         std::uint16_t peerFirst, std::uint16_t peerSecond) {
+  if (!reconnector_.Prepare()) return AW_ERROR_FAILURE;
   localFirst_ = localFirst;
   localSecond_ = localSecond;
   peerFirst_ = peerFirst;
@@ -73,7 +74,7 @@ std::size_t CShmZARNLibClientChannel::HandleMessage(const char* data, std::size_
 
 AWResult CShmZARNLibClientChannel::SendZARNMessage(std::uint16_t type, std::uint32_t tag,
                                                    const char* data, std::size_t len) {
-  if (len == 0) return SendFrame(*this, type, tag, nullptr);
+  if (len == 0) return SendFrameOrReconnect(*this, reconnector_, type, tag, nullptr);
   return SendBytes(*this, type, tag, data, len);
 }
 
@@ -81,7 +82,7 @@ AWResult CShmZARNLibClientChannel::SendZARNMessage(std::uint16_t type, std::uint
                                                    CAWMessageBlock& data) {
   if (!IsConnected()) return AW_ERROR_FAILURE;
   const bool empty = data.GetChainedLength() == 0;
-  return SendFrame(*this, type, tag, empty ? nullptr : &data);
+  return SendFrameOrReconnect(*this, reconnector_, type, tag, empty ? nullptr : &data);
 }
 
 }  // namespace zarn::utils

@@ -8,6 +8,7 @@
 #include "StreamTrace.h"
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWMessageBlock.h"
+#include "zarn/utils/detail/Reconnector.h"
 
 namespace zarn::utils {
 
@@ -48,6 +49,19 @@ keelbase::AWResult SendFrame(Channel& channel, std::uint16_t type, std::uint32_t
   if (payload == nullptr) return channel.SendMsg(frame);
   const keelbase::CAWMessageBlock::LinkForCall link(frame, *payload);
   return channel.SendMsg(frame);
+}
+
+// The same for a client channel, which comes back when its stream had to close: there was no memory
+// for the rest of the frame.
+template <class Channel>
+keelbase::AWResult SendFrameOrReconnect(Channel& channel, detail::Reconnector& reconnector,
+                                        std::uint16_t type, std::uint32_t tag,
+                                        keelbase::CAWMessageBlock* payload) {
+  const bool wasConnected = reconnector.IsConnected();
+  const keelbase::AWResult result = SendFrame(channel, type, tag, payload);
+  const bool failed = result == keelbase::AW_ERROR_FAILURE;
+  if (failed && wasConnected && channel.IsClosed()) reconnector.SetLost();
+  return result;
 }
 
 // Sends plain bytes by way of the channel's own block form, uncopied.

@@ -14,6 +14,14 @@ constexpr std::uint32_t kUntilCancelled = 0;
 
 }  // namespace
 
+// A timer keeps what it was made of when it is cancelled.
+bool Reconnector::Prepare() {
+  if (timer_.IsScheduled()) return true;
+  const bool made = timer_.Schedule(channel_, kInterval, kUntilCancelled) == keelbase::AW_OK;
+  timer_.Cancel();
+  return made;
+}
+
 void Reconnector::SetLost() {
   connected_ = false;
   if (timer_.Schedule(channel_, kInterval, kUntilCancelled) != keelbase::AW_OK)

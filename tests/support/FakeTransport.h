@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -39,8 +40,8 @@ class FakeCounted : public Interface {
   std::uint32_t GetReferences() const { return references_; }
 
  protected:
-  void Note(const std::string& call) {
-    if (log_ != nullptr) log_->push_back(call);
+  void Note(std::string_view call) {
+    if (log_ != nullptr) log_->emplace_back(call);
   }
 
  private:

@@ -2,8 +2,10 @@
 // there is none. The transports are fakes.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -14,7 +16,10 @@
 #include "Frames.h"
 #include "NetworkThread.h"
 #include "SwallowingTransport.h"
+#include "TempRoot.h"
+#include "zarn/utils/CShmZARNLibClientChannel.h"
 #include "zarn/utils/CShmZARNLibServerChannel.h"
+#include "zarn/utils/CZARNLibClientChannel.h"
 #include "zarn/utils/CZARNLibServerChannel.h"
 #include "zarn/utils/detail/ReceiveAccumulator.h"
 #include "zarn/utils/detail/SendQueue.h"
@@ -199,6 +204,87 @@ TYPED_TEST(ChannelAllocations, SenderWithoutMemoryBehindAQueueAnswers10001AndKee
   EXPECT_EQ(this->channel->GetSendQueueLength(), 0U);
   EXPECT_EQ(this->transport->taken, 76U);
 }
+
+// --- clients, which come back ---
+
+struct IpcClients {
+  static constexpr const char* kName = "CZARNLibClientChannel";
+  using Channel = CountingChannel<utils::CZARNLibClientChannel>;
+  using Transport = IpcChannels::Transport;
+  using Manager = FakeManager;
+};
+
+struct ShmClients {
+  static constexpr const char* kName = "CShmZARNLibClientChannel";
+  using Channel = CountingChannel<utils::CShmZARNLibClientChannel>;
+  using Transport = ShmChannels::Transport;
+  using Manager = FakeShmManager;
+};
+
+template <class World>
+class ClientAllocations : public ::testing::Test {
+ protected:
+  ClientAllocations() {
+    EXPECT_EQ(client.Init(3, 4, 1, 2), AW_OK);
+    manager.Last().Complete(0, transport.Get());
+    EXPECT_TRUE(client.IsConnected());
+  }
+
+  const TempRoot root;
+  HandClock clock;
+  typename World::Manager manager;
+  keelbase::CAWAutoPtr<typename World::Transport> transport{new typename World::Transport};
+  typename World::Channel client;
+};
+
+using ClientKinds = ::testing::Types<IpcClients, ShmClients>;
+TYPED_TEST_SUITE(ClientAllocations, ClientKinds, ChannelKindNames);
+
+TYPED_TEST(ClientAllocations, ClientWithoutMemoryForACutMessageConnectsAnewInASecond) {
+  const std::string payload(60000, 'p');
+  CAWMessageBlock block(payload.data(), payload.size(), CAWMessageBlock::borrow);
+  CAWMessageBlock nothing("", 0, CAWMessageBlock::borrow);
+  auto& channel = this->client;
+  const std::function<AWResult()> ways[] = {
+      [&] { return channel.SendZARNMessage(1, 2, payload.data(), payload.size()); },
+      [&] { return channel.SendZARNMessage(1, 2, block); },
+      [&] { return channel.SendZARNMessage(1, 2, nullptr, 0); },
+      [&] { return channel.SendZARNMessage(1, 2, nothing); },
+  };
+  for (const auto& send : ways) {
+    const std::size_t attempts = this->manager.connectors.size();
+    this->transport->room = 5;
+    AWResult result = AW_OK;
+    {
+      const Exhaustion none;
+      result = send();
+    }
+    EXPECT_EQ(result, AW_ERROR_FAILURE);
+    EXPECT_TRUE(channel.IsClosed());
+    EXPECT_FALSE(channel.IsConnected());
+    this->clock.Advance(std::chrono::seconds(1));
+    ASSERT_EQ(this->manager.connectors.size(), attempts + 1);
+    this->transport = new typename TypeParam::Transport;
+    this->manager.Last().Complete(0, this->transport.Get());
+    EXPECT_EQ(channel.SendZARNMessage(1, 2, "x", 1), AW_OK);
+    EXPECT_EQ(this->transport->taken, 13U);
+  }
+}
+
+TYPED_TEST(ClientAllocations, ClientWithoutMemoryForItsTimerIsRefusedAndBeginsNothing) {
+  typename TypeParam::Channel fresh;
+  AWResult result = AW_OK;
+  {
+    const Exhaustion none;
+    result = fresh.Init(3, 4, 1, 2);
+  }
+  EXPECT_EQ(result, AW_ERROR_FAILURE);
+  this->clock.Advance(std::chrono::seconds(10));
+  EXPECT_EQ(this->manager.requests, 1);
+  EXPECT_EQ(fresh.Init(3, 4, 1, 2), AW_OK);
+}
+
+// --- of shared memory only ---
 
 using ShmChannelAllocations = FailingChannelFixture<ShmChannels>;
 

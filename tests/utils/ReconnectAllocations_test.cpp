@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "FailingAllocations.h"
+#include "Exhaustion.h"
 #include "NetworkThread.h"
 #include "TempRoot.h"
 #include "TraceLines.h"
@@ -88,6 +88,7 @@ class Host final : public Over::Sink {
     echoes_.remove_if([](const auto& echo) { return echo->isOver; });
     echoes_.push_back(std::make_unique<Echo<Over>>(transport));
   }
+  void HangUp() { echoes_.clear(); }
 
  private:
   CAWAutoPtr<typename Over::Acceptor> acceptor_;
@@ -157,6 +158,42 @@ TYPED_TEST(ReconnectAllocations, AClientThatStartsFindsItsServerAtLast) {
     client.Close(0);
     RunReady();
   }
+}
+
+TYPED_TEST(ReconnectAllocations, AClientThatStartsBeforeItsServerFindsItAtLast) {
+  for (EachAllocation each; each.Next();) {
+    Client<TypeParam> client;
+    AWResult started = AW_OK;
+    each.Try([&] {
+      started = client.Init(3, 4, 1, 2);
+      RunReady();
+      this->clock_.Advance(std::chrono::seconds(1));
+    });
+    if (started != AW_OK) {
+      EXPECT_TRUE(each.HasFailed());
+      ASSERT_EQ(client.Init(3, 4, 1, 2), AW_OK);
+    }
+    Host<TypeParam> host;
+    ASSERT_TRUE(this->IsAnswered(client)) << "allocation " << each.GetNumber();
+    client.Close(0);
+    RunReady();
+  }
+}
+
+TYPED_TEST(ReconnectAllocations, AClientThatIsLostWhileThereIsNoneComesBack) {
+  Host<TypeParam> host;
+  Client<TypeParam> client;
+  ASSERT_EQ(client.Init(3, 4, 1, 2), AW_OK);
+  ASSERT_TRUE(this->IsAnswered(client));
+  host.HangUp();
+  {
+    const Exhaustion none;
+    RunReady();
+    for (int second = 0; second < 3; ++second) this->clock_.Advance(std::chrono::seconds(1));
+  }
+  EXPECT_FALSE(client.IsConnected());
+  client.answers = 0;
+  EXPECT_TRUE(this->IsAnswered(client));
 }
 
 }  // namespace

@@ -67,7 +67,8 @@ class ZARNUTILS_API CShmZARNLibClientChannel : public CZARNShmIPCStreamBase,
 
   // Starts to connect endpoint (localFirst, localSecond) (ours, told to the peer) to
   // (peerFirst, peerSecond): at once, and then every second until the peer is there. 0: OnConnected
-  // follows. 10001: no connector could be made this time; the attempts go on all the same.
+  // follows. 10001: no connector could be made this time; the attempts go on all the same. Or no
+  // memory for their timer, and nothing has changed. Calling it again is right in both cases.
   virtual keelbase::AWResult Init(std::uint16_t localFirst, std::uint16_t localSecond,
                                   std::uint16_t peerFirst, std::uint16_t peerSecond);
 
@@ -76,8 +77,9 @@ class ZARNUTILS_API CShmZARNLibClientChannel : public CZARNShmIPCStreamBase,
                              std::size_t datasize) = 0;
 
   // Sends one message; never blocks. 0: accepted, it waits in the send queue if it must. 10001: not
-  // connected or longer than 65523 bytes, nothing is sent; or the connection has failed, see
-  // SendMsg.
+  // connected or longer than 65523 bytes, nothing is sent; or the connection has failed or there is
+  // no memory, see SendMsg. When that closes the stream, the channel connects anew after a second,
+  // without OnPeerDisconnect or OnClose; a SendMsg of one's own starts no attempts.
   virtual keelbase::AWResult SendZARNMessage(std::uint16_t type, std::uint32_t tag,
                                              const char* data, std::size_t len);
 

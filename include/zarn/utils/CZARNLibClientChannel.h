@@ -60,9 +60,10 @@ class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
 
   // Starts to connect endpoint localFirst_localSecond (ours, told to the peer; needs no file) to
   // peerFirst_peerSecond. 0: OnConnected follows as soon as the peer is there; the first try is
-  // made at once. 10001: no install root ("ZARN_ROOT"), and a connection that there is stays; else
-  // the platform's error. Neither starts attempts, and attempts that are going on go on. Close a
-  // channel that was connected before calling it again, see CZARNIPCStreamBase::Connect.
+  // made at once. 10001: no install root ("ZARN_ROOT") or no memory for the timer, and a connection
+  // that there is stays; else the platform's error. Neither starts attempts, and attempts that are
+  // going on go on. Close a channel that was connected before calling it again, see
+  // CZARNIPCStreamBase::Connect.
   virtual keelbase::AWResult Init(std::uint16_t localFirst, std::uint16_t localSecond,
                                   std::uint16_t peerFirst, std::uint16_t peerSecond);
 
@@ -79,8 +80,10 @@ class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
                              std::size_t datasize) = 0;
 
   // Sends one message; never blocks. 0: accepted, it waits in the send queue if it must. 10001: not
-  // connected or longer than 65523 bytes; nothing is sent. Else see SendMsg. An empty message on a
-  // channel that is not connected answers 10002.
+  // connected or longer than 65523 bytes, and nothing is sent; or no memory, see SendMsg. When that
+  // closes the stream, the channel connects anew after a second, without OnPeerDisconnect; a
+  // SendMsg of one's own starts no attempts. Else see SendMsg. An empty message on a channel that
+  // is not connected answers 10002.
   virtual keelbase::AWResult SendZARNMessage(std::uint16_t type, std::uint32_t tag,
                                              const char* data, std::size_t len);
 

@@ -13,6 +13,9 @@ class ZARNUTILS_API Reconnector {
  public:
   explicit Reconnector(keelbase::CAWTimerWrapperIDSink* channel) : channel_(channel) {}
 
+  // Takes the memory that ticks need, so that a loss on this thread needs none. False without.
+  __attribute__((visibility("hidden"))) bool Prepare();
+
   void SetConnected();  // no more ticks
   void SetLost();       // the first tick comes in a second, whatever was scheduled
   void SetDown() { connected_ = false; }  // leaves the ticks as they are
