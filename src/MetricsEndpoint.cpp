@@ -49,17 +49,20 @@ AWResult MetricsEndpoint::Start(const keelbase::CAWIPCAddr& address) {
 
 void MetricsEndpoint::OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
                                              fipc::IAWIPCAcceptorConnectorId* /*id*/) {
-  if (reason != 0) {
-    const std::string why = keelbase::DescribeResult(reason);
-    keelbase::IAWTraceManager::Instance()->Trace(0, "Metrics: cannot listen: " + why);
-    return;
-  }
+  if (reason != 0) return Fail(reason);
   if (IsTooMuch()) return;  // which closes the connection
   try {
     Admit(transport);
   } catch (const std::bad_alloc&) {
     return;
   }
+}
+
+void MetricsEndpoint::Fail(long reason) {
+  const auto alive = shared_from_this();
+  failed_(*this);
+  const std::string why = keelbase::DescribeResult(reason);
+  keelbase::IAWTraceManager::Instance()->Trace(0, "Metrics: cannot listen: " + why);
 }
 
 bool MetricsEndpoint::IsTooMuch() {
@@ -135,7 +138,8 @@ class MetricsService {
     if (system.empty()) return AW_ERROR_FAILURE;
     const keelbase::CAWString directory = system + "/zarn/stat/";
     keelbase::CAWFile::mkdir(directory);  // if that fails, so does what follows, and says why
-    auto endpoint = std::make_shared<MetricsEndpoint>(thread);
+    const auto failed = [this](const MetricsEndpoint& endpoint) { Forget(endpoint); };
+    auto endpoint = std::make_shared<MetricsEndpoint>(thread, failed);
     const keelbase::CAWIPCAddr address(directory + std::to_string(::getpid()));
     const AWResult result = endpoint->Start(address);
     if (result != AW_OK) return result;
@@ -159,6 +163,15 @@ class MetricsService {
   CAWThread* GetThread() {
     const std::lock_guard<std::mutex> lock(mutex_);
     return thread_;
+  }
+
+  // So that the next Start tries again; another endpoint may have taken its place. On its thread,
+  // which is inside it and holds it.
+  void Forget(const MetricsEndpoint& failed) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (endpoint_.get() != &failed) return;
+    endpoint_ = nullptr;
+    thread_ = nullptr;
   }
 
   // Ends it on its thread, if that still serves anything. Without the lock: that may wait for

@@ -4,8 +4,10 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <memory>
+#include <utility>
 
 #include "MetricsRegistry.h"
 #include "fipc/CAWIPCManager.h"
@@ -21,10 +23,14 @@ class MetricsEndpoint final : public fipc::IAWIPCAcceptorConnectorSink,
                               public keelbase::CAWTimerWrapperIDSink,
                               public std::enable_shared_from_this<MetricsEndpoint> {
  public:
-  explicit MetricsEndpoint(keelbase::CAWThread& thread) : thread_(thread) {}
+  // On that thread: it cannot listen after all.
+  using Failed = std::function<void(const MetricsEndpoint&)>;
+
+  MetricsEndpoint(keelbase::CAWThread& thread, Failed failed)
+      : thread_(thread), failed_(std::move(failed)) {}
   ~MetricsEndpoint() override;
 
-  // 0 or the acceptor's result. Once.
+  // 0 or the acceptor's result; when that had to wait, `failed` may follow. Once.
   keelbase::AWResult Start(const keelbase::CAWIPCAddr& address);
 
  private:
@@ -39,12 +45,14 @@ class MetricsEndpoint final : public fipc::IAWIPCAcceptorConnectorSink,
   void OnIPCConnectIndication(long reason, fipc::IAWIPCTransport* transport,
                               fipc::IAWIPCAcceptorConnectorId* id) override;
   void OnTimer(keelbase::CAWTimerWrapperID* timer) override;
+  void Fail(long reason);
   bool IsTooMuch();
   void Admit(fipc::IAWIPCTransport* transport);
   void AnswerWhoCanBe();
   static void Answer(fipc::IAWIPCTransport& reader, CZARNMetrics metrics);
 
   keelbase::CAWThread& thread_;
+  const Failed failed_;
   keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor> acceptor_;
   std::list<Waiting> waiting_;
   std::array<Clock::time_point, 16> admitted_{};  // when the last ones were, as a ring

@@ -55,10 +55,12 @@ ZARNUTILS_API CZARNMetrics ZARNTakeMetrics(std::uint32_t milliseconds = 1000);
 // JSON, and the end. Nothing is read from him. Served between callbacks of the calling thread
 // when that is a platform thread, else of the network thread, which this waits for.
 //
-// 0, also when it is enabled already; 10001 without a system directory, memory or such a thread,
-// and when that one has stopped and is not the caller's own; else the acceptor's errno value. A
-// process that adopts its threads does so first. The file is removed by ZARNDisableMetrics and at
-// exit; one that a killed process left is replaced, or removed by zarn stat --clean.
+// 0, also when it is enabled already, and while another process is setting up an endpoint in that
+// directory: should listening fail after that, a trace line says so, and it is not enabled. 10001
+// without a system directory, memory or such a thread, and when that one has stopped and is not the
+// caller's own; else the acceptor's errno value. A process that adopts its threads does so first.
+// The file is removed by ZARNDisableMetrics and at exit; one that a killed process left is
+// replaced, or removed by zarn stat --clean.
 //
 // Limits: 16 snapshots in 2 seconds, whoever comes then is turned away; 4096 streams in each; a
 // reader gets a second to take it, and a thread of the process a second to answer.
