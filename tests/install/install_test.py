@@ -49,6 +49,7 @@ class InstalledTree(unittest.TestCase):
         run("cmake", "--install", OPTIONS.build, "--prefix", first)
         cls.prefix = cls.work / "moved here"
         first.rename(cls.prefix)
+        cls.documents = cls.prefix / "share/doc/zarnutils"
         cls.lib = next(cls.prefix.glob("lib*/**/libzarnutils.so")).parent
 
     def test_headers_are_the_public_ones_and_no_others(self):
@@ -104,11 +105,20 @@ class InstalledTree(unittest.TestCase):
             run("pkg-config", "--cflags", "--libs", name, env=env)
 
     def test_installed_examples_build_against_the_installed_library(self):
-        examples = self.prefix / "share/doc/zarnutils/examples"
         build = self.work / "examples"
-        run("cmake", "-G", "Ninja", "-S", examples, "-B", build,
+        run("cmake", "-G", "Ninja", "-S", self.documents / "examples", "-B", build,
             f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={OPTIONS.compiler}")
         run("cmake", "--build", build)
+
+    def test_installed_documents_link_to_what_is_installed(self):
+        pages = list(self.documents.rglob("*.md"))
+        self.assertGreater(len(pages), 10)
+        broken = []
+        for page in pages:
+            text = re.sub(r"^```.*?^```", "", page.read_text(), flags=re.MULTILINE | re.DOTALL)
+            links = re.findall(r"\]\(([^)#: ]+)(?:#[^)]*)?\)", text)
+            broken += [f"{page.name}: {link}" for link in links if not (page.parent / link).exists()]
+        self.assertEqual([], broken)
 
     def test_tool_runs_from_where_it_was_moved(self):
         if not OPTIONS.with_tool:
@@ -120,7 +130,7 @@ class InstalledTree(unittest.TestCase):
     def test_tutorial_is_true(self):
         tutorial = self.work / "tutorial"
         tutorial.mkdir()
-        text = (self.prefix / "share/doc/zarnutils/tutorial.md").read_text()
+        text = (self.documents / "docs/tutorial.md").read_text()
         files = re.findall(r"^`(\S+)`:\n\n```\w+\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
         self.assertEqual(["server.cpp", "client.cpp", "CMakeLists.txt"], [name for name, _ in files])
         for name, content in files:
