@@ -89,6 +89,20 @@ class InstalledTree(unittest.TestCase):
         run("cmake", "--build", build)
         self.check_consumer(build / "consumer")
 
+    def test_components_are_the_libraries(self):
+        project = self.work / "components"
+        project.mkdir()
+        for components, found in (("keelbase utils", True), ("nosuch", False)):
+            (project / "CMakeLists.txt").write_text(
+                "cmake_minimum_required(VERSION 3.25)\nproject(components LANGUAGES CXX)\n"
+                f"find_package(zarnutils QUIET COMPONENTS {components})\n"
+                'message(STATUS "found: ${zarnutils_FOUND}, ${zarnutils_NOT_FOUND_MESSAGE}")\n')
+            output = run("cmake", "-G", "Ninja", "-S", project, "-B", project / "build",
+                         f"-DCMAKE_PREFIX_PATH={self.prefix}",
+                         f"-DCMAKE_CXX_COMPILER={OPTIONS.compiler}")
+            expected = "found: 1, \n" if found else "found: 0, zarnutils has no component nosuch\n"
+            self.assertIn(expected, output)
+
     def test_program_builds_and_runs_through_pkg_config(self):
         env = dict(os.environ, PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
         source = Path(OPTIONS.source) / "tests/install/consumer/main.cpp"
