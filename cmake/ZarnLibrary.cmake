@@ -66,8 +66,10 @@ function(zarn_library)
   set_property(GLOBAL PROPERTY zarn_include_dir_${arg_NAME} ${include_dir})
 endfunction()
 
-# Gives `target` its public headers and the libraries whose headers come with them.
+# Gives `target` its public headers, the language they are written in, and the libraries whose headers
+# come with them.
 function(zarn_add_usage target scope include_dir)
+  target_compile_features(${target} ${scope} cxx_std_17)
   target_include_directories(
     ${target} ${scope} $<BUILD_INTERFACE:${include_dir}>
                        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)

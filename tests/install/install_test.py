@@ -6,6 +6,7 @@ import argparse
 import os
 import re
 import shlex
+import shutil
 import subprocess
 import tempfile
 import unittest
@@ -141,17 +142,38 @@ class InstalledTree(unittest.TestCase):
         self.assertIn("zarn", help_text)
         run("bash", "-n", self.prefix / "share/bash-completion/completions/zarn")
 
-    def test_tutorial_is_true(self):
-        tutorial = self.work / "tutorial"
+    def write_tutorial(self, name):
+        """A directory with the tutorial's files, and its text."""
+        tutorial = self.work / name
         tutorial.mkdir()
         text = (self.documents / "docs/tutorial.md").read_text()
         files = re.findall(r"^`(\S+)`:\n\n```\w+\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
         self.assertEqual(["server.cpp", "client.cpp", "CMakeLists.txt"], [name for name, _ in files])
-        for name, content in files:
-            (tutorial / name).write_text(content)
+        for file, content in files:
+            (tutorial / file).write_text(content)
+        return tutorial, text
+
+    def build_tutorial(self, tutorial, compiler):
         run("cmake", "-G", "Ninja", "-S", tutorial, "-B", tutorial / "build",
-            f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={OPTIONS.compiler}")
+            f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_CXX_COMPILER={compiler}")
         run("cmake", "--build", tutorial / "build")
+
+    def test_tutorial_builds_where_the_compiler_takes_an_older_language_by_itself(self):
+        clang = shutil.which("clang++-14")
+        if not clang:
+            self.skipTest("there is no Clang 14, which takes C++14 unless told otherwise")
+        tutorial, text = self.write_tutorial("tutorial-clang")
+        self.build_tutorial(tutorial, clang)
+        command = re.search(r"^Without CMake: `c\+\+ (.*)`\.$", text, re.MULTILINE)[1]
+        prefix = tutorial / "prefix"  # a shell would split the name of the other
+        prefix.symlink_to(self.prefix)
+        lib = prefix / self.lib.relative_to(self.prefix)
+        env = dict(os.environ, PKG_CONFIG_PATH=str(lib / "pkgconfig"))
+        run("sh", "-c", f"{clang} {command}", cwd=tutorial, env=env)
+
+    def test_tutorial_is_true(self):
+        tutorial, text = self.write_tutorial("tutorial")
+        self.build_tutorial(tutorial, OPTIONS.compiler)
 
         (tutorial / "root/system").mkdir(parents=True)
         env = {"PATH": os.environ["PATH"], "ZARN_ROOT": str(tutorial / "root")}
