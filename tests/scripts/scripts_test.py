@@ -1,0 +1,100 @@
+"""The scripts put in order what they have changed when they are interrupted."""
+
+import argparse
+import os
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+OPTIONS = argparse.Namespace()
+LIMIT = 20  # seconds that one script may take
+INTERRUPTIONS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+
+
+def let_signals_end():
+    """Whatever starts the tests may have them ignored, and a shell would leave that so."""
+    for number in INTERRUPTIONS:
+        signal.signal(number, signal.SIG_DFL)
+
+
+class InTree(unittest.TestCase):
+    """In a tree that is linked to the source and has its own build directory."""
+
+    def setUp(self):
+        self.tree = Path(tempfile.mkdtemp(prefix="zarn-scripts-"))
+        self.addCleanup(shutil.rmtree, self.tree)
+        for path in Path(OPTIONS.source).iterdir():
+            if path.name not in (".git", "build"):
+                (self.tree / path.name).symlink_to(path)
+        (self.tree / "build").mkdir()
+        self.programs = self.tree / "programs"
+        self.programs.mkdir()
+        self.write_program("sudo", 'exec "$@"')
+
+    def write_program(self, name, text):
+        program = self.programs / name
+        program.write_text(f"#!/bin/sh\n{text}\n")
+        program.chmod(0o755)
+
+    def start(self, script, *arguments, **options):
+        env = {**os.environ, "PATH": f"{self.programs}:{os.environ['PATH']}",
+               "DPKG_ROOT": str(self.tree)}
+        process = subprocess.Popen([script, *arguments], env=env, text=True, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, **{"cwd": self.tree, **options})
+        self.addCleanup(process.kill)
+        return process
+
+
+class Setup(InTree):
+    """While scripts/setup installs, no service starts. However it ends, that ends too."""
+
+    def setUp(self):
+        super().setUp()
+        self.policy = self.tree / "usr/sbin/policy-rc.d"
+        self.policy.parent.mkdir(parents=True)
+        os.mkfifo(self.tree / "installing")
+        self.write_program("dpkg-query", "exit 1")
+
+    def install(self, end):
+        """Starts it; whoever installs shows what packages are told, and goes on with `end`."""
+        self.write_program("apt-get", f"""case "$*" in
+            *install*) cat {self.policy} >{self.tree}/installing; {end} ;; esac""")
+        return self.start("scripts/setup", start_new_session=True, preexec_fn=let_signals_end)
+
+    def told(self):
+        return (self.tree / "installing").read_text()
+
+    def test_services_are_let_start_again_after_a_success_and_after_a_failure(self):
+        for end in ("exit 0", "exit 7"):
+            with self.subTest(end=end), self.install(end) as setup:
+                self.assertEqual(self.told(), "#!/bin/sh\nexit 101\n")
+                setup.communicate(timeout=LIMIT)
+                self.assertEqual(f"exit {setup.returncode}", end)
+                self.assertFalse(self.policy.exists())
+
+    def test_services_are_let_start_again_after_an_interruption(self):
+        for number in INTERRUPTIONS:
+            with self.subTest(signal=number), self.install("exec sleep 60") as setup:
+                self.assertEqual(self.told(), "#!/bin/sh\nexit 101\n")
+                os.killpg(setup.pid, number)
+                setup.communicate(timeout=LIMIT)
+                self.assertNotEqual(setup.returncode, 0)
+                self.assertFalse(self.policy.exists())
+
+    def test_what_somebody_else_tells_packages_stays(self):
+        self.policy.write_text("somebody's\n")
+        with self.install("exit 0") as setup:
+            self.assertEqual(self.told(), "somebody's\n")
+            setup.communicate(timeout=LIMIT)
+            self.assertEqual(setup.returncode, 0)
+            self.assertEqual(self.policy.read_text(), "somebody's\n")
+
+
+if __name__ == "__main__":
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--source", required=True)
+    OPTIONS, rest = parser.parse_known_args()
+    unittest.main(argv=[__file__, *rest], verbosity=2)
