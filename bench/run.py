@@ -74,6 +74,7 @@ def parse():
     parser.add_argument("--only", default="", metavar="TEXT", help="cases with TEXT in the name")
     parser.add_argument("--json", metavar="FILE", help="for all that was measured")
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--check-arguments", action="store_true", help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.quick:
         options.runs, options.seconds = 3, 0.2
@@ -87,6 +88,8 @@ def parse():
 
 def main():
     options = parse()
+    if options.check_arguments:
+        return 0
     results = [Result(name, options) for name in options.suite or SUITES]
     results = [result for result in results if result.cases]
     if not results:

@@ -1,4 +1,5 @@
-"""The scripts put in order what they have changed when they are interrupted."""
+"""The scripts tell how they are used, refuse what they do not know before they do anything, and put in
+order what they have changed when they are interrupted."""
 
 import argparse
 import os
@@ -11,6 +12,9 @@ from pathlib import Path
 
 OPTIONS = argparse.Namespace()
 LIMIT = 20  # seconds that one script may take
+# What would build, install, check or delete something.
+WORKERS = ("apt-get", "clang-format-14", "cmake", "ctest", "dpkg-parsechangelog", "doxygen", "gcovr",
+           "lintian", "pandoc", "rm", "run-clang-tidy-14")
 INTERRUPTIONS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
@@ -46,6 +50,53 @@ class InTree(unittest.TestCase):
                                    stderr=subprocess.PIPE, **{"cwd": self.tree, **options})
         self.addCleanup(process.kill)
         return process
+
+
+class Arguments(InTree):
+    def setUp(self):
+        super().setUp()
+        self.write_program("dpkg-query", "echo installed")
+        self.worked = self.tree / "worked"
+        for name in WORKERS:
+            self.write_program(name, f"echo {name} >>{self.worked}; exit 1")
+        self.names = sorted(path.name for path in (self.tree / "scripts").iterdir())
+
+    def run_idle(self, script, *arguments, **options):
+        """Status, output and errors of a script that must do nothing."""
+        self.worked.write_text("")
+        process = self.start(script, *arguments, **options)
+        output, errors = process.communicate(timeout=LIMIT)
+        self.assertEqual("", self.worked.read_text())
+        return process.returncode, output, errors
+
+    def test_every_script_prints_its_help_wherever_it_is_called_from(self):
+        for name in self.names:
+            scripts = self.tree / "scripts"
+            first = (scripts / name).read_text().splitlines()[1].removeprefix("# ")
+            for script, cwd in ((f"scripts/{name}", self.tree), (f"./{name}", scripts)):
+                with self.subTest(script=script):
+                    status, output, errors = self.run_idle(script, "--help", cwd=cwd)
+                    self.assertEqual((status, errors), (0, ""))
+                    self.assertTrue(output.startswith(first + "\n"), output)
+
+    def test_what_a_script_does_not_know_is_refused_before_it_does_anything(self):
+        unknown = [*([name, "--junk"] for name in self.names), ["abi", "--update", "junk"],
+                   ["bench", "junk"], ["coverage", "--lines"], ["docs", "--zarn"],
+                   ["docs", "--zarn", "/nonexistent"], ["format", "--check", "junk"],
+                   ["fuzz", "5", "junk"], ["fuzz", "1x"], ["package", "--check", "junk"],
+                   ["soak", "1x"], ["soak", "1", "junk"], ["soak", "1", "asan", "--junk"],
+                   ["test", "--all", "junk"]]
+        for name, *arguments in unknown:
+            with self.subTest(script=name, arguments=arguments):
+                status, output, errors = self.run_idle(f"scripts/{name}", *arguments)
+                self.assertEqual((status, output), (2, ""))
+                self.assertNotIn("Traceback", errors)
+                self.assertRegex(errors, name)
+
+    def test_lines_are_not_shown_before_they_are_counted(self):
+        status, _, errors = self.run_idle("scripts/coverage", "--lines", "src")
+        self.assertEqual((status, errors),
+                         (1, "coverage: nothing is counted yet: run scripts/coverage\n"))
 
 
 class Setup(InTree):
