@@ -24,11 +24,35 @@ OURS = re.compile(MANGLED_HEAD + r"(?:4zarn|8keelbase|4fipc|7fshmipc|5wface|8ssl
 STANDARD = re.compile(MANGLED_HEAD + r"(?:S[tabsiod]|9__gnu_cxx)")
 OURS_INSIDE = re.compile(r"(?:4zarn|8keelbase|4fipc|7fshmipc|5wface|8sslutils|5shttp|4ptcp|7sslptcp)")
 
+# What makes the lines that the README shows a program.
+README_PROGRAM = """
+#include <keelbase/CAWThreadManager.h>
+#include <zarn/utils/CZARNLibClientChannel.h>
 
-def run(*command, cwd=None, env=None):
-    """The standard output of a command that must succeed."""
+#include <cstdio>
+
+keelbase::CAWThread* network;
+%s
+int main() {
+  auto* threads = keelbase::CAWThreadManager::Instance();
+  threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK);
+  network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  Client client;
+  %s
+  network->Run();
+}
+"""
+PRINT_AND_STOP = r"""
+    std::printf("%u %u %.*s\n", unsigned{type}, tag, static_cast<int>(size), data);
+    network->Stop();
+"""
+
+
+def run(*command, cwd=None, env=None, timeout=None):
+    """The standard output of a command that must succeed, within so many seconds."""
     result = subprocess.run([str(part) for part in command], cwd=cwd, env=env, text=True,
-                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False,
+                            timeout=timeout)
     if result.returncode != 0:
         raise AssertionError(f"{' '.join(map(str, command))}\n{result.stdout}")
     return result.stdout
@@ -186,6 +210,27 @@ class InstalledTree(unittest.TestCase):
                 server.kill()
         promised = re.search(r"^prints\n\n```\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
         self.assertEqual(promised.group(1), answers)
+
+    def test_program_of_the_readme_sends_its_message(self):
+        if not OPTIONS.with_tool:
+            return
+        text = (self.documents / "README.md").read_text()
+        shown = re.search(r"^```cpp\n(class .*?^};\n)(.*?)^```$", text, re.MULTILINE | re.DOTALL)
+        client = shown[1].replace("/* a message has arrived, whole */", PRINT_AND_STOP)
+        source = self.work / "readme.cpp"
+        source.write_text(README_PROGRAM % (client, shown[2]))
+        env = dict(os.environ, PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
+        flags = shlex.split(run("pkg-config", "--cflags", "--libs", "zarnutils", env=env))
+        run(OPTIONS.compiler, "-std=c++17", source, *flags, f"-Wl,-rpath,{self.lib}", "-o",
+            self.work / "readme")
+        (self.work / "root/system").mkdir(parents=True)
+        env = {"PATH": os.environ["PATH"], "ZARN_ROOT": str(self.work / "root")}
+        with subprocess.Popen([self.prefix / "bin/zarn", "serve", "ipc://1_2", "--echo", "--quiet"],
+                              env=env) as server:
+            try:
+                self.assertEqual("7 42 hello\n", run(self.work / "readme", env=env, timeout=20))
+            finally:
+                server.kill()
 
     def check_consumer(self, program):
         self.assertEqual("1_2\n", run(program, env={"PATH": os.environ["PATH"]}))
