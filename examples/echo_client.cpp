@@ -7,9 +7,11 @@
 #include <zarn/utils/CZARNLibClientChannel.h>
 #include <zarn/utils/zarnutils.h>
 
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -46,7 +48,15 @@ class EchoClient : public zarn::utils::CZARNLibClientChannel {
   std::string text_;
 };
 
-std::uint16_t Number(const char* text) { return static_cast<std::uint16_t>(std::atoi(text)); }
+// Ends the program if `text` is no number of an endpoint.
+std::uint16_t Number(const char* text) {
+  std::uint16_t number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto [last, error] = std::from_chars(text, end, number);
+  if (error == std::errc() && last == end) return number;
+  std::fprintf(stderr, "echo_client: '%s' is not a number from 0 to 65535\n", text);
+  std::exit(2);
+}
 
 }  // namespace
 
@@ -55,6 +65,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: echo_client OWN_FIRST OWN_SECOND PEER_FIRST PEER_SECOND TEXT\n");
     return 2;
   }
+  const std::uint16_t ownFirst = Number(argv[1]);
+  const std::uint16_t ownSecond = Number(argv[2]);
+  const std::uint16_t peerFirst = Number(argv[3]);
+  const std::uint16_t peerSecond = Number(argv[4]);
   if (zarn::utils::ZARNLibInit() != 0) {
     std::fprintf(stderr,
                  "echo_client: ZARN_ROOT must name a directory that has a directory system\n");
@@ -66,9 +80,7 @@ int main(int argc, char** argv) {
   keelbase::CAWThread* network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
 
   EchoClient client(*network, argv[5]);
-  if (const auto result =
-          client.Init(Number(argv[1]), Number(argv[2]), Number(argv[3]), Number(argv[4]));
-      result != 0) {
+  if (const auto result = client.Init(ownFirst, ownSecond, peerFirst, peerSecond); result != 0) {
     std::fprintf(stderr, "echo_client: %s\n", keelbase::DescribeResult(result).c_str());
     return 1;
   }

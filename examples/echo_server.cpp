@@ -6,10 +6,12 @@
 #include <zarn/utils/CZARNMetrics.h>
 #include <zarn/utils/zarnutils.h>
 
+#include <charconv>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <thread>
 #include <unordered_map>
@@ -66,6 +68,16 @@ class EchoServer : public fipc::IAWIPCAcceptorConnectorSink {
   std::unordered_map<const Client*, std::unique_ptr<Client>> clients_;
 };
 
+// Ends the program if `text` is no number of an endpoint.
+std::uint16_t Number(const char* text) {
+  std::uint16_t number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto [last, error] = std::from_chars(text, end, number);
+  if (error == std::errc() && last == end) return number;
+  std::fprintf(stderr, "echo_server: '%s' is not a number from 0 to 65535\n", text);
+  std::exit(2);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -73,6 +85,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: echo_server FIRST SECOND\n");
     return 2;
   }
+  const std::uint16_t first = Number(argv[1]);
+  const std::uint16_t second = Number(argv[2]);
   // Blocked before any other thread exists; one thread waits for them below.
   sigset_t stop_signals;
   sigemptyset(&stop_signals);
@@ -92,8 +106,6 @@ int main(int argc, char** argv) {
   zarn::utils::ZARNEnableMetrics();  // zarn stat shows what the server does
 
   EchoServer server;
-  const auto first = static_cast<std::uint16_t>(std::atoi(argv[1]));
-  const auto second = static_cast<std::uint16_t>(std::atoi(argv[2]));
   if (const auto result = server.Listen(first, second); result != 0) {
     std::fprintf(stderr, "echo_server: cannot listen at %u_%u: %s\n", unsigned{first},
                  unsigned{second}, keelbase::DescribeResult(result).c_str());

@@ -7,9 +7,13 @@
 #include <keelbase/CAWMessageBlock.h>
 #include <zarn/utils/torv.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <future>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -59,29 +63,38 @@ class Calculator : public zarn::utils::ITORVSink {
 
 class Asker : public zarn::utils::ITORVSink {
  public:
-  Asker(int count, char** values) : count_(count), values_(values) {}
+  explicit Asker(std::vector<long> values) : values_(std::move(values)) {}
 
   void OnInit(void*) override {
-    for (int i = 0; i < count_; ++i)
-      Send(Request{std::atol(values_[i]), kAsker}, kSquare, kCalculator);
+    for (const long value : values_) Send(Request{value, kAsker}, kSquare, kCalculator);
   }
   // Answers come in the order of the requests.
   void OnMessage(keelbase::CAWMessageBlock& block, const unsigned short& number, void*) override {
     Result result;
     if (number != kResult || !Read(block, result)) return;
     std::printf("asker: %ld * %ld = %ld\n", result.value, result.value, result.square);
-    if (++answers_ == count_) zarn::utils::NotifyTORVUnInit();
+    if (++answers_ == values_.size()) zarn::utils::NotifyTORVUnInit();
   }
   void OnUnInit() override { over_.set_value(); }
 
   void Wait() { over_.get_future().wait(); }
 
  private:
-  int count_;
-  char** values_;
-  int answers_ = 0;
+  std::vector<long> values_;
+  std::size_t answers_ = 0;
   std::promise<void> over_;
 };
+
+// Ends the program if `text` is no number whose square can be told.
+long Number(const char* text) {
+  constexpr long kMost = 3037000499;
+  long number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto [last, error] = std::from_chars(text, end, number);
+  if (error == std::errc() && last == end && number >= -kMost && number <= kMost) return number;
+  std::fprintf(stderr, "modules: '%s' is not a number from -%ld to %ld\n", text, kMost, kMost);
+  std::exit(2);
+}
 
 }  // namespace
 
@@ -90,9 +103,11 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: modules NUMBER...\n");
     return 2;
   }
+  std::vector<long> values;
+  for (int i = 1; i < argc; ++i) values.push_back(Number(argv[i]));
   // Sinks must outlive everything that may still be delivered: to the end of the process.
   static Calculator calculator;
-  static Asker asker(argc - 1, argv + 1);
+  static Asker asker(std::move(values));
   zarn::utils::TORVInit(&calculator, nullptr);
   zarn::utils::TORVInit(&asker, nullptr);
   zarn::utils::TORVRegisterTno(&calculator, kCalculator, nullptr);

@@ -10,7 +10,9 @@
 #include <ptcp/CAWPseudoTCPManager.h>
 #include <zarn/utils/CPTCPStreamBase.h>
 
+#include <charconv>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -157,23 +159,37 @@ int Ask(keelbase::CAWThread& network, const keelbase::CAWInetAddr& peer, int cou
   return 0;
 }
 
+// Ends the program if `text` is no number, or one that is not from `least` to `most`.
+int Number(const char* text, int least, int most) {
+  int number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto [last, error] = std::from_chars(text, end, number);
+  if (error == std::errc() && last == end && number >= least && number <= most) return number;
+  std::fprintf(stderr, "ptcp_echo: '%s' is not a number from %d to %d\n", text, least, most);
+  std::exit(2);
+}
+
+std::uint16_t Port(const char* text) { return static_cast<std::uint16_t>(Number(text, 0, 65535)); }
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const bool serve = argc == 4 && std::strcmp(argv[1], "serve") == 0;
-  const bool ask = argc == 5 && std::strcmp(argv[1], "ask") == 0 && std::atoi(argv[4]) > 0;
+  const bool ask = argc == 5 && std::strcmp(argv[1], "ask") == 0;
   if (!serve && !ask) {
     std::fprintf(stderr,
                  "usage: ptcp_echo serve ADDRESS PORT\n"
                  "       ptcp_echo ask ADDRESS PORT COUNT\n");
     return 2;
   }
+  const std::uint16_t port = Port(argv[3]);
+  const int count = ask ? Number(argv[4], 1, INT_MAX) : 0;
   keelbase::CAWInetAddr address;
-  if (address.Set(argv[2], static_cast<std::uint16_t>(std::atoi(argv[3]))) != 0) {
+  if (address.Set(argv[2], port) != 0) {
     std::fprintf(stderr, "ptcp_echo: '%s' is no IPv4 address and no name of one\n", argv[2]);
     return 1;
   }
   keelbase::CAWThread* network =
       keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
-  return serve ? Serve(*network, address) : Ask(*network, address, std::atoi(argv[4]));
+  return serve ? Serve(*network, address) : Ask(*network, address, count);
 }

@@ -11,7 +11,10 @@
 #include <zarn/utils/CShmZARNLibServerChannel.h>
 #include <zarn/utils/zarnutils.h>
 
+#include <charconv>
 #include <chrono>
+#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -50,12 +53,17 @@ class EchoServer : public fshmipc::IAWShmIPCAcceptorConnectorSink {
 
 class Asker : public zarn::utils::CShmZARNLibClientChannel {
  public:
-  explicit Asker(std::uint32_t count) : left_(count) {}
+  explicit Asker(int count) : left_(static_cast<std::uint32_t>(count)) {}
 
   int OnConnected(long reason) override {
     CShmZARNLibClientChannel::OnConnected(reason);  // keeps the state and the timer
     Ask();
     return 1;
+  }
+  // About once a second while the peer is away.
+  void OnConnectFailure(long reason) override {
+    std::printf("not connected: %s\n", keelbase::DescribeResult(reason).c_str());
+    std::fflush(stdout);
   }
   void OnZARNMessage(std::uint16_t, std::uint32_t, const char*, std::size_t) override {
     if (--left_ == 0)
@@ -86,34 +94,47 @@ int Serve(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint) 
   return 0;
 }
 
-int Ask(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint, std::uint32_t count) {
+int Ask(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint, int count) {
   auto asker = std::make_unique<Asker>(count);
   const auto start = std::chrono::steady_clock::now();
   network.Call([&] { return asker->Init(3, 4, endpoint.GetFirst(), endpoint.GetSecond()); });
   asker->WaitForAll();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  std::printf("%u answers in %.3f s\n", count, took.count());
+  std::printf("%d answers in %.3f s\n", count, took.count());
   network.Call([&] { asker.reset(); });  // where it lives
   return 0;
+}
+
+// Ends the program if `text` is no number, or one that is not from `least` to `most`.
+int Number(const char* text, int least, int most) {
+  int number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto [last, error] = std::from_chars(text, end, number);
+  if (error == std::errc() && last == end && number >= least && number <= most) return number;
+  std::fprintf(stderr, "shm_echo: '%s' is not a number from %d to %d\n", text, least, most);
+  std::exit(2);
+}
+
+std::uint16_t EndpointNumber(const char* text) {
+  return static_cast<std::uint16_t>(Number(text, 0, 65535));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const bool serve = argc == 4 && std::strcmp(argv[1], "serve") == 0;
-  const bool ask = argc == 5 && std::strcmp(argv[1], "ask") == 0 && std::atoi(argv[4]) > 0;
+  const bool ask = argc == 5 && std::strcmp(argv[1], "ask") == 0;
   if (!serve && !ask) {
     std::fprintf(stderr, "usage: shm_echo serve FIRST SECOND | shm_echo ask FIRST SECOND COUNT\n");
     return 2;
   }
+  const fshmipc::CAWShmIPCAddr endpoint(EndpointNumber(argv[2]), EndpointNumber(argv[3]));
+  const int count = ask ? Number(argv[4], 1, INT_MAX) : 0;
   if (zarn::utils::ZARNLibInit() != 0) {
     std::fprintf(stderr, "shm_echo: ZARN_ROOT must name a directory that has a directory system\n");
     return 1;
   }
-  const fshmipc::CAWShmIPCAddr endpoint(static_cast<std::uint16_t>(std::atoi(argv[2])),
-                                        static_cast<std::uint16_t>(std::atoi(argv[3])));
   keelbase::CAWThread* network =
       keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
-  if (serve) return Serve(*network, endpoint);
-  return Ask(*network, endpoint, static_cast<std::uint32_t>(std::atoi(argv[4])));
+  return serve ? Serve(*network, endpoint) : Ask(*network, endpoint, count);
 }

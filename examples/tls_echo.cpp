@@ -11,7 +11,9 @@
 #include <sslutils/CAWSSLManager.h>
 #include <zarn/utils/CZARNSSLTCPSessionBase.h>
 
+#include <charconv>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +23,13 @@
 #include <vector>
 
 namespace {
+
+// Says what is wrong with a file, if anything is: the listen or the connect only says why it fails.
+void Tell(const char* file, keelbase::AWResult result) {
+  if (result != 0)
+    std::fprintf(stderr, "tls_echo: '%s': %s\n", file,
+                 sslutils::DescribeSSLResult(static_cast<long>(result)).c_str());
+}
 
 // Frames are lines.
 class Lines : public zarn::utils::CZARNSSLTCPSessionBase {
@@ -46,9 +55,10 @@ class EchoServer : public sslutils::IAWSSLConnectionSink {
                             const char* clientAuthorities) {
     sslutils::IAWSSLManager::Instance()->CreateSSLAcceptor(acceptor_);
     if (!acceptor_) return keelbase::AW_ERROR_FAILURE;
-    acceptor_->SetPrivateKey(key);  // what is wrong with a file is told by StartListen
-    acceptor_->SetCertificate(certificate);
-    if (clientAuthorities != nullptr) acceptor_->SetClientAuthorities(clientAuthorities, true);
+    Tell(key, acceptor_->SetPrivateKey(key));
+    Tell(certificate, acceptor_->SetCertificate(certificate));
+    if (clientAuthorities != nullptr)
+      Tell(clientAuthorities, acceptor_->SetClientAuthorities(clientAuthorities, true));
     return acceptor_->StartListen(this, keelbase::CAWInetAddr("0.0.0.0", port), 64);
   }
   std::uint16_t GetPort() { return acceptor_->GetLocalAddr().GetPort(); }
@@ -100,9 +110,21 @@ class Asker : public Lines {
   std::promise<long> done_;
 };
 
+// Ends the program if `text` is no number, or one that is not from `least` to `most`.
+int Number(const char* text, int least, int most) {
+  int number = 0;
+  const char* const end = text + std::strlen(text);
+  const auto [last, error] = std::from_chars(text, end, number);
+  if (error == std::errc() && last == end && number >= least && number <= most) return number;
+  std::fprintf(stderr, "tls_echo: '%s' is not a number from %d to %d\n", text, least, most);
+  std::exit(2);
+}
+
+std::uint16_t Port(const char* text) { return static_cast<std::uint16_t>(Number(text, 0, 65535)); }
+
 int Serve(keelbase::CAWThread& network, int argc, char** argv) {
   auto server = std::make_unique<EchoServer>();
-  const auto port = static_cast<std::uint16_t>(std::atoi(argv[2]));
+  const std::uint16_t port = Port(argv[2]);
   const auto result = network.Call(
       [&] { return server->Listen(port, argv[3], argv[4], argc == 6 ? argv[5] : nullptr); });
   if (result != 0) {
@@ -119,18 +141,15 @@ int Serve(keelbase::CAWThread& network, int argc, char** argv) {
 }
 
 int Ask(keelbase::CAWThread& network, int argc, char** argv) {
-  const keelbase::CAWInetAddr peer(argv[2], static_cast<std::uint16_t>(std::atoi(argv[3])));
+  const keelbase::CAWInetAddr peer(argv[2], Port(argv[3]));
+  const int count = Number(argv[5], 1, INT_MAX);
   const auto trusted = sslutils::IAWSSLManager::Instance()->SetTrustedCertificates(argv[4]);
-  if (trusted != 0) {
-    std::fprintf(stderr, "tls_echo: '%s': %s\n", argv[4],
-                 sslutils::DescribeSSLResult(static_cast<long>(trusted)).c_str());
-    return 1;
-  }
-  const int count = std::atoi(argv[5]);
+  Tell(argv[4], trusted);
+  if (trusted != 0) return 1;
   auto asker = std::make_unique<Asker>(count);
   if (argc == 8) {
-    asker->PrivateKey(argv[6]);
-    asker->Certificate(argv[7]);
+    Tell(argv[6], asker->PrivateKey(argv[6]));
+    Tell(argv[7], asker->Certificate(argv[7]));
   }
   const auto start = std::chrono::steady_clock::now();
   network.Call([&] { return asker->Connect(peer, nullptr); });
@@ -149,8 +168,7 @@ int Ask(keelbase::CAWThread& network, int argc, char** argv) {
 
 int main(int argc, char** argv) {
   const bool serve = (argc == 5 || argc == 6) && std::strcmp(argv[1], "serve") == 0;
-  const bool ask =
-      (argc == 6 || argc == 8) && std::strcmp(argv[1], "ask") == 0 && std::atoi(argv[5]) > 0;
+  const bool ask = (argc == 6 || argc == 8) && std::strcmp(argv[1], "ask") == 0;
   if (!serve && !ask) {
     std::fprintf(stderr,
                  "usage: tls_echo serve PORT KEY CERTIFICATE [CLIENT_AUTHORITIES]\n"

@@ -128,6 +128,39 @@ class Examples(unittest.TestCase):
             self.assertEqual(program.returncode, 1)
             self.assertIn("ZARN_ROOT", errors)
 
+    def test_what_is_no_number_is_told(self):
+        for wrong, most, *command in (
+                ("70000", 65535, "echo_server", "70000", "1"),
+                ("x", 65535, "echo_client", "3", "4", "1", "x", "hello"),
+                ("65536", 65535, "shm_echo", "serve", "1", "65536"),
+                ("0", 2**31 - 1, "shm_echo", "ask", "1", "2", "0"),
+                ("notaport", 65535, "tcp_echo", "serve", "127.0.0.1", "notaport"),
+                ("1x", 2**31 - 1, "tcp_echo", "ask", "127.0.0.1", "1", "1x"),
+                ("", 65535, "ptcp_echo", "serve", "127.0.0.1", ""),
+                ("9999999999", 2**31 - 1, "ptcp_echo", "ask", "127.0.0.1", "1", "9999999999"),
+                ("-1", 65535, "tls_echo", "serve", "-1", "key", "certificate"),
+                ("five", 2**31 - 1, "tls_echo", "ask", "127.0.0.1", "1", "authorities", "five"),
+                ("3037000500", 3037000499, "modules", "7", "3037000500")):
+            with self.subTest(command=command):
+                program = self.start(*command)
+                output, errors = program.communicate(timeout=LIMIT)
+                self.assertEqual((program.returncode, output), (2, ""))
+                self.assertRegex(errors, f"^{command[0]}: '{wrong}' is not a number from .* "
+                                         f"to {most}\n$")
+
+    def test_shared_memory_client_tells_that_there_is_no_server(self):
+        client = self.start("shm_echo", "ask", "1", "2", "5")
+        self.assertEqual(client.stdout.readline(), "not connected: No such file or directory\n")
+
+    def test_tls_tells_which_file_is_wrong(self):
+        none = os.path.join(self.root, "none.pem")
+        told = f"tls_echo: '{none}': No such file or directory\n"
+        for command in (("serve", "0", none, none), ("ask", "127.0.0.1", "1", none, "5")):
+            program = self.start("tls_echo", *command)
+            _, errors = program.communicate(timeout=LIMIT)
+            self.assertEqual(program.returncode, 1)
+            self.assertTrue(errors.startswith(told), errors)
+
     def test_modules_ask_and_answer_in_order(self):
         program = self.start("modules", "7", "12", "-3")
         output, errors = program.communicate(timeout=LIMIT)
