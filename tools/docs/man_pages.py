@@ -72,8 +72,11 @@ def code(lines):
 def program_page(name, version, summary, usage, body):
     """A page of section 1 as troff."""
     text = f"# NAME\n\n{name} - {escaped(summary)}\n\n# SYNOPSIS\n\n{code([usage])}\n{body}"
-    return run("pandoc", "-s", "-f", MARKDOWN, "-t", "man", "-M", f"title={name.upper()}",
+    page = run("pandoc", "-s", "-f", MARKDOWN, "-t", "man", "-M", f"title={name.upper()}",
                "-M", "section=1", "-M", f"footer=zarn {version}", "-M", "header=zarn", input=text)
+    # Pandoc's tables are wider than a terminal of 80 columns: let the last column take what is left.
+    page = re.sub(r"\blw\([\d.]+n\)\.$", "lx.", page, flags=re.MULTILINE)
+    return re.sub(r"\blw\([\d.]+n\)", "l", page)
 
 
 def write_program_pages(options):
@@ -101,6 +104,14 @@ def write_program_pages(options):
     body += "# SEE ALSO\n\n" + ", ".join(f"**zarn-{name}**(1)" for name in names) + "\n"
     (options.out / "zarn.1").write_text(
         program_page("zarn", options.version, top.summary, top.usage, body))
+
+
+def check_program_pages(out):
+    """That they fit a terminal of 80 columns."""
+    said = subprocess.run(["groff", "-t", "-man", "-Tutf8", "-rLL=78n", *sorted(out.glob("*.1"))],
+                          check=True, text=True, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE).stderr
+    if said:
+        raise SystemExit(f"man_pages: {said}")
 
 
 def header_briefs(source):
@@ -157,6 +168,7 @@ def main():
     for old in options.out.glob("*.[13]"):
         old.unlink()
     write_program_pages(options)
+    check_program_pages(options.out)
     write_class_pages(options)
 
 
