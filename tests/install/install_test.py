@@ -86,6 +86,16 @@ class InstalledTree(unittest.TestCase):
         self.assertEqual(wanted, found)
         self.assertFalse([path for path in found if "internal" in path.parts])
 
+    def test_headers_compile_where_exceptions_are_off(self):
+        include = self.prefix / "include"
+        names = sorted(path.relative_to(include) for path in include.rglob("*.h"))
+        source = self.work / "headers.cpp"
+        source.write_text("".join(f'#include "{name}"\n' for name in names))
+        env = dict(os.environ, PKG_CONFIG_PATH=str(self.lib / "pkgconfig"))
+        flags = shlex.split(run("pkg-config", "--cflags", "zarnutils", env=env))
+        for compiler in filter(None, (OPTIONS.compiler, shutil.which("clang++-14"))):
+            run(compiler, "-std=c++17", "-fno-exceptions", "-fsyntax-only", *flags, source)
+
     def test_libraries_have_a_soname_of_the_major_version(self):
         for name in LIBRARIES:
             dynamic = run("readelf", "-d", self.lib / f"lib{name}.so")

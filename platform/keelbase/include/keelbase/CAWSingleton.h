@@ -44,19 +44,19 @@ class CAWSingletonT : public CAWCleanUpBase {
   ~CAWSingletonT() override { instance_.store(nullptr, std::memory_order_release); }
 
   static CAWSingletonT* Make() {
-    CAWMutexThread& mutex = CAWThreadManager::Instance()->GetSingletonMutex();
-    const bool locked = mutex.Lock() == 0;
+    // Unlocks also when the constructor of T throws.
+    struct Lock {
+      ~Lock() {
+        if (locked) mutex.UnLock();
+      }
+      CAWMutexThread& mutex = CAWThreadManager::Instance()->GetSingletonMutex();
+      const bool locked = mutex.Lock() == 0;
+    } const lock;
     CAWSingletonT* made = instance_.load(std::memory_order_relaxed);
     if (made == nullptr) {
-      try {
-        made = new CAWSingletonT;
-      } catch (...) {
-        if (locked) mutex.UnLock();
-        throw;
-      }
+      made = new CAWSingletonT;
       instance_.store(made, std::memory_order_release);
     }
-    if (locked) mutex.UnLock();
     return made;
   }
 
