@@ -174,6 +174,16 @@ TEST_F(EndpointName, HalfAPairGivesTheFirstNumberOnly) {
   EXPECT_EQ(b, 5);
 }
 
+TEST_F(EndpointName, IsReadUpToTheFirstCharacterThatDoesNotFit) {
+  MakeDirectories();
+  EXPECT_EQ(Parse(root.GetIpcPath("7x_8")), AW_OK);
+  EXPECT_EQ(a, 0);
+  EXPECT_EQ(b, 7);
+  EXPECT_EQ(Parse(root.GetIpcPath("7_8x")), AW_OK);
+  EXPECT_EQ(a, 8);
+  EXPECT_EQ(b, 7);
+}
+
 TEST_F(EndpointName, NumbersAbove65535AreTruncated) {
   MakeDirectories();
   EXPECT_EQ(Parse(root.GetIpcPath("65537_65538")), AW_OK);

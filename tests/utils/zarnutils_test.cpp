@@ -194,6 +194,12 @@ TEST(CVscprintf, CountsWithoutTheTerminator) {
   EXPECT_EQ(Measure(empty), 0);
 }
 
+TEST(CVscprintf, CountsWhatVsnprintfWritesForAConversionThatThereIsNot) {
+  const char* unknown = "%y";
+  EXPECT_EQ(Measure(unknown), 2);
+  EXPECT_EQ(Format(unknown), "%y");
+}
+
 TEST(CVscprintf, FormatErrorIsNegative) {
   const wchar_t impossible[] = {static_cast<wchar_t>(0x110000), 0};
   EXPECT_LT(Measure("%ls", impossible), 0);

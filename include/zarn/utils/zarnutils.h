@@ -50,12 +50,13 @@ ZARNUTILS_API keelbase::CAWString GetZARNRootConfig();
 // that lacks one of the two comes back as it is; "}{" gives an empty string.
 ZARNUTILS_API keelbase::CAWString GetEnvToString(const keelbase::CAWString& text);
 
-// The length of the formatted text without its terminator; negative for a bad format. `args` may be
-// used again afterwards.
+// What vsnprintf answers: the length of the formatted text without its terminator, negative for an
+// error, such as a wide character that no encoding has. `args` may be used again afterwards.
 ZARNUTILS_API int c_vscprintf(const char* format, std::va_list args)
     __attribute__((format(printf, 1, 0)));
 
-// The formatted text; empty for a bad format. `args` may be used again afterwards.
+// The text that vsnprintf writes; empty when c_vscprintf answers an error, and without memory.
+// `args` may be used again afterwards.
 ZARNUTILS_API keelbase::CAWString VAToString(const char* format, std::va_list args)
     __attribute__((format(printf, 1, 0)));
 
@@ -89,10 +90,11 @@ ZARNUTILS_API keelbase::AWResult ZARNCreateIPCAddr(std::uint16_t a, std::uint16_
                                                    keelbase::CAWIPCAddr& out);
 
 // The way back: the pair that ZARNCreateIPCAddr was given, also when the endpoint's file does not
-// exist (any more). A number that is missing gives 0, also both; larger ones give their low 16
-// bits, as long as they are below 2^63. 0; 10001 (both unchanged) without a system directory and
-// for a path that cannot lie below it. A path elsewhere is not recognised as such and gives any
-// numbers.
+// exist (any more). The name is read from its start as <b>_<a>, up to the first character that does
+// not fit, and a number that is not reached is 0: "7x_8" gives b 7 and a 0, "7_8x" both. Numbers
+// beyond 16 bits give their low 16, as long as they are below 2^63. 0; 10001 (both unchanged)
+// without a system directory and for a path that cannot lie below it. A path elsewhere is not
+// recognised as such and gives any numbers.
 ZARNUTILS_API keelbase::AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b,
                                                  const keelbase::CAWIPCAddr& addr);
 
