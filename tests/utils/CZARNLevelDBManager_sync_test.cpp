@@ -1,18 +1,23 @@
 // CZARNLevelDBManager_sync_test.cpp - what waits for the disk: fsync and fdatasync are this
-// program's own, and counted. A name counts as on disk once its directory was synced.
+// program's own, and counted, and may fail. A name counts as on disk once its directory was synced.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <system_error>
 
+#include "ForkedChild.h"
 #include "TempRoot.h"
 #include "zarn/utils/CZARNLevelDBManager.h"
 
@@ -21,6 +26,13 @@ namespace {
 namespace fs = std::filesystem;
 
 std::atomic<int> syncs{0};
+std::atomic<int> directorySyncsToPass{-1};  // before the one that fails; below 0: none will
+
+bool Fails(int file) {
+  struct stat status {};
+  return directorySyncsToPass >= 0 && ::fstat(file, &status) == 0 && S_ISDIR(status.st_mode) &&
+         directorySyncsToPass-- == 0;
+}
 
 std::string ContentOf(const fs::path& path) {
   std::ifstream file(path);
@@ -85,6 +97,10 @@ extern "C" {
 
 int fsync(int file) {
   ++syncs;
+  if (Fails(file)) {
+    errno = EIO;
+    return -1;
+  }
   names.Synced(file);
   return static_cast<int>(::syscall(SYS_fsync, file));
 }
@@ -168,6 +184,79 @@ TEST_F(StoreSyncOfNames, NoInsertIsAnsweredWhileTheNameOfItsLogMayBeLost) {
     ASSERT_EQ(store_.DBInsert(key.data(), key.size(), value.data(), value.size()), 0);
   }
   EXPECT_EQ(names.Early(), 0);
+}
+
+class StoreSyncFailures : public testing::Test {
+ protected:
+  ~StoreSyncFailures() override { directorySyncsToPass = -1; }
+
+  static int Insert(CZARNLevelDBManager& store, std::string key, std::string value) {
+    return store.DBInsert(key.data(), key.size(), value.data(), value.size());
+  }
+  static bool Has(CZARNLevelDBManager& store, std::string key) {
+    std::string value;
+    return store.DBLookup(key.data(), key.size(), &value) == 0;
+  }
+  bool Elsewhere(const std::string& path,
+                 const std::function<bool(CZARNLevelDBManager&)>& work) const {
+    return test::ForkedChild([&] {
+             CZARNLevelDBManager store(true, 0, true, true);
+             return store.Open(path.c_str()) == 0 && work(store);
+           })
+        .Succeeded();
+  }
+  // What Open answers, when it has come to the sync that fails.
+  std::optional<int> OpenFailing(const std::string& path, int toPass) {
+    directorySyncsToPass = toPass;
+    const int result = store_.Open(path.c_str());
+    return directorySyncsToPass.exchange(-1) < 0 ? std::optional(result) : std::nullopt;
+  }
+
+  const test::TempDir dir_;
+  const std::string path_ = dir_.GetPath() + "/store";
+  CZARNLevelDBManager store_{true, 0, true, true};
+};
+
+TEST_F(StoreSyncFailures, AnOpenThatCannotSyncADirectoryFailsAndLosesNothing) {
+  for (int toPass = 0;; ++toPass) {
+    const std::string path = path_ + std::to_string(toPass);
+    const auto insert = [](CZARNLevelDBManager& store) { return Insert(store, "k", "v") == 0; };
+    ASSERT_TRUE(Elsewhere(path, insert));
+    const std::optional<int> result = OpenFailing(path, toPass);
+    if (!result) {
+      EXPECT_GT(toPass, 1) << "a log and CURRENT";
+      break;
+    }
+    EXPECT_EQ(*result, -1) << toPass;
+    EXPECT_EQ(store_.Open(path.c_str()), 0) << toPass;
+    EXPECT_TRUE(Has(store_, "k")) << toPass;
+  }
+}
+
+TEST_F(StoreSyncFailures, ADatabaseThatCouldNotBeMadeForGoodIsNotOpenAndCanBeMadeAgain) {
+  for (int toPass = 0;; ++toPass) {
+    const std::string path = path_ + std::to_string(toPass);
+    const std::optional<int> result = OpenFailing(path, toPass);
+    if (!result) break;
+    EXPECT_EQ(*result, -1) << toPass;
+    names.Watch(dir_.GetPath());
+    EXPECT_EQ(store_.Open(path.c_str()), 0) << toPass;
+    names.Unwatch();
+    EXPECT_TRUE(toPass > 0 || names.Has(path));
+  }
+}
+
+TEST_F(StoreSyncFailures, AWriteWhoseLogMayBeLostIsTheLastOne) {
+  const std::string value(100'000, 'v');
+  int taken = 0;
+  EXPECT_TRUE(Elsewhere(path_, [&](CZARNLevelDBManager& store) {
+    directorySyncsToPass = 0;
+    while (taken < 100 && Insert(store, std::to_string(taken), value) == 0) ++taken;
+    return taken < 100 && Insert(store, "late", value) == -1 && Has(store, "0");
+  }));
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_TRUE(Has(store_, "0"));
+  EXPECT_FALSE(Has(store_, "late"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Flag, StoreSync, testing::Bool(),

@@ -33,8 +33,9 @@ namespace zarn::utils {
 // which no new log could be made, as without a descriptor, has left nothing and may be made again.
 //
 // A database is opened once in the life of a process. Close, and the end of the object, let go of
-// the database without shutting it down: its memory, its thread and the lock of its directory stay
-// until the process ends, and then another one can open it. Each further one costs as much again.
+// the database without shutting it down: its memory, thread, descriptors and the lock of its
+// directory stay until the process ends, and then another one can open it. Each further one costs
+// as much again.
 //
 // Forking: LevelDB's thread stays behind, and a child that writes much waits for it for ever. A
 // child uses no database of its parent, and opens none when the parent has opened any.
@@ -58,8 +59,9 @@ class ZARNUTILS_API CZARNLevelDBManager {
   CZARNLevelDBManager& operator=(const CZARNLevelDBManager&) = delete;
 
   // -1 also for a database that this process has opened before, by whatever path, or another has
-  // open, and for null and "". An object that is open lets go of its database first, as Close does,
-  // also when it gets no other.
+  // open, and for null and "". And for one that cannot be synced for the moment: nothing of it
+  // is lost, and its file LOG may say why. An object that is open lets go of
+  // its database first, as Close does, also when it gets no other.
   int Open(const char* path);
 
   // Keys and values have 1 GiB at most: a longer one is answered with -1, and changes nothing.

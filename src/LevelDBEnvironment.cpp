@@ -1,0 +1,144 @@
+// LevelDBEnvironment.cpp - see LevelDBEnvironment.h.
+#include "LevelDBEnvironment.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <memory>
+#include <new>
+#include <utility>
+
+namespace zarn::utils {
+
+using leveldb::Slice;
+using leveldb::Status;
+
+namespace {
+
+// A write that failed may have left half a record in the file. LevelDB would write more, but never
+// find again what stands behind that, so the file takes nothing any more. One thread at a time.
+class FileUntilFailure final : public leveldb::WritableFile {
+ public:
+  explicit FileUntilFailure(std::unique_ptr<leveldb::WritableFile> file) : file_(std::move(file)) {}
+
+  Status Append(const Slice& data) override {
+    return Do([&] { return file_->Append(data); });
+  }
+  Status Flush() override {
+    return Do([&] { return file_->Flush(); });
+  }
+  Status Sync() override {
+    return Do([&] { return file_->Sync(); });
+  }
+  Status Close() override { return file_->Close(); }
+
+ private:
+  template <class Operation>
+  Status Do(Operation operation) {
+    if (status_.ok()) status_ = operation();
+    return status_;
+  }
+
+  const std::unique_ptr<leveldb::WritableFile> file_;
+  Status status_;
+};
+
+std::string DirectoryOf(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return path.substr(0, std::max<std::size_t>(slash, 1));
+}
+
+int OpenDirectory(const std::string& path) {
+  return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+bool SyncDirectory(const std::string& path) {
+  const int directory = OpenDirectory(path);
+  const bool synced = directory >= 0 && ::fsync(directory) == 0;
+  if (directory >= 0) ::close(directory);
+  return synced;
+}
+
+// LevelDB would make it, too, but not mind that its name may be lost.
+int OpenOrMakeDirectory(const std::string& path, bool sync) {
+  const int directory = OpenDirectory(path);
+  if (directory >= 0 || errno != ENOENT) return directory;
+  if (::mkdir(path.c_str(), 0755) == 0 && sync && !SyncDirectory(DirectoryOf(path))) {
+    ::rmdir(path.c_str());
+    return -1;
+  }
+  return OpenDirectory(path);
+}
+
+// LevelDB does not export its own.
+[[gnu::format(printf, 2, 3)]] void WriteLine(leveldb::Logger& logger, const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  logger.Logv(format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace
+
+Status LevelDBFailure::Set(const Status& status) {
+  isSet_ = true;
+  if (logger_ != nullptr) WriteLine(*logger_, "%s", status.ToString().c_str());
+  return status;
+}
+
+Status LevelDBFailure::Refuse(const std::string& name) const {
+  return Status::IOError(name, "is left as it is after a failure");
+}
+
+LevelDBEnvironment::LevelDBEnvironment(const std::string& path, bool sync)
+    : EnvWrapper(leveldb::Env::Default()),
+      directory_(OpenOrMakeDirectory(path, sync)),
+      sync_(sync) {}
+
+LevelDBEnvironment::~LevelDBEnvironment() {
+  if (directory_ >= 0) ::close(directory_);
+}
+
+Status LevelDBEnvironment::NewWritableFile(const std::string& name,
+                                           leveldb::WritableFile** result) {
+  *result = nullptr;
+  if (failure_.IsSet()) return failure_.Refuse(name);
+  Status status = EnvWrapper::NewWritableFile(name, result);
+  if (!status.ok()) return status;
+  std::unique_ptr<leveldb::WritableFile> file(std::exchange(*result, nullptr));
+  if (name.ends_with(".log")) status = SyncDirectoryOf(name);
+  if (!status.ok()) return status;
+  *result = new (std::nothrow) FileUntilFailure(std::move(file));
+  return *result != nullptr ? status : Status::IOError(name, "no memory");
+}
+
+// LevelDB takes a failure for a CURRENT that is still the old one, and deletes the new MANIFEST.
+Status LevelDBEnvironment::RenameFile(const std::string& from, const std::string& to) {
+  const Status status = EnvWrapper::RenameFile(from, to);
+  return status.ok() && to.ends_with("/CURRENT") ? SyncDirectoryOf(to) : status;
+}
+
+Status LevelDBEnvironment::RemoveFile(const std::string& name) {
+  return failure_.IsSet() ? failure_.Refuse(name) : EnvWrapper::RemoveFile(name);
+}
+
+Status LevelDBEnvironment::NewLogger(const std::string& name, leveldb::Logger** result) {
+  Status status = EnvWrapper::NewLogger(name, result);
+  if (status.ok()) failure_.SetLogger(*result);
+  return status;
+}
+
+// The name of a file is on disk only when its directory is. After a failure another sync proves
+// nothing.
+Status LevelDBEnvironment::SyncDirectoryOf(const std::string& name) {
+  if (!sync_ || ::fsync(directory_) == 0) return {};
+  return failure_.Set(Status::IOError(DirectoryOf(name), "cannot be synced"));
+}
+
+}  // namespace zarn::utils
