@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <utility>
@@ -18,6 +19,26 @@ using leveldb::Slice;
 using leveldb::Status;
 
 namespace {
+
+// LevelDB takes the rest of a log that it cannot read for damaged, and goes on without it.
+class WatchedFile final : public leveldb::SequentialFile {
+ public:
+  WatchedFile(LevelDBFailure& failure, std::unique_ptr<leveldb::SequentialFile> file)
+      : failure_(failure), file_(std::move(file)) {}
+
+  Status Read(std::size_t count, Slice* result, char* scratch) override {
+    const Status status = file_->Read(count, result, scratch);
+    return status.ok() ? status : failure_.Set(status);
+  }
+  Status Skip(std::uint64_t count) override {
+    const Status status = file_->Skip(count);
+    return status.ok() ? status : failure_.Set(status);
+  }
+
+ private:
+  LevelDBFailure& failure_;
+  const std::unique_ptr<leveldb::SequentialFile> file_;
+};
 
 // A write that failed may have left half a record in the file. LevelDB would write more, but never
 // find again what stands behind that, so the file takes nothing any more. One thread at a time.
@@ -103,6 +124,17 @@ LevelDBEnvironment::LevelDBEnvironment(const std::string& path, bool sync)
 
 LevelDBEnvironment::~LevelDBEnvironment() {
   if (directory_ >= 0) ::close(directory_);
+}
+
+// Those are CURRENT, its MANIFEST and the logs, when the database is opened.
+Status LevelDBEnvironment::NewSequentialFile(const std::string& name,
+                                             leveldb::SequentialFile** result) {
+  *result = nullptr;
+  const Status status = EnvWrapper::NewSequentialFile(name, result);
+  if (!status.ok()) return failure_.Set(status);
+  std::unique_ptr<leveldb::SequentialFile> file(std::exchange(*result, nullptr));
+  *result = new (std::nothrow) WatchedFile(failure_, std::move(file));
+  return *result != nullptr ? status : failure_.Set(Status::IOError(name, "no memory"));
 }
 
 Status LevelDBEnvironment::NewWritableFile(const std::string& name,

@@ -10,8 +10,8 @@
 
 namespace zarn::utils {
 
-// What went wrong and LevelDB would pass over: without knowing it, it deletes files that are in
-// use, or takes for written what may be lost. From then on it makes and deletes no file: an Open
+// What went wrong and LevelDB would pass over: without knowing it, it deletes files that it has not
+// read, or takes for written what may be lost. From then on it makes and deletes no file: an Open
 // fails and leaves what is there, and an open database takes no more writes. Any thread, but for
 // SetLogger.
 class LevelDBFailure {
@@ -39,6 +39,8 @@ class LevelDBEnvironment final : public leveldb::EnvWrapper {
 
   int GetDirectory() const { return directory_; }  // below 0 when it cannot be used
 
+  leveldb::Status NewSequentialFile(const std::string& name,
+                                    leveldb::SequentialFile** result) override;
   leveldb::Status NewWritableFile(const std::string& name, leveldb::WritableFile** result) override;
   leveldb::Status RenameFile(const std::string& from, const std::string& to) override;
   leveldb::Status RemoveFile(const std::string& name) override;

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
 
 namespace {
@@ -87,6 +88,16 @@ int epoll_pwait2(int epoll, epoll_event* events, int size, const timespec* limit
 }
 int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept {
   return static_cast<int>(Call("fstatat", SYS_newfstatat, directory, path, status, flags));
+}
+int open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return static_cast<int>(Call("open", SYS_openat, AT_FDCWD, path, flags, mode));
+}
+ssize_t read(int file, void* bytes, std::size_t length) {
+  return Call("read", SYS_read, file, bytes, length);
 }
 int lstat(const char* path, struct stat* status) noexcept {
   return static_cast<int>(Call("lstat", SYS_lstat, path, status));
