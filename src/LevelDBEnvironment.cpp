@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace zarn::utils {
 
@@ -97,6 +98,12 @@ int OpenOrMakeDirectory(const std::string& path, bool sync) {
   return OpenDirectory(path);
 }
 
+// As LevelDB names its tables and logs.
+bool IsNumbered(const std::string& name, const char* suffix) {
+  const std::size_t end = name.find_first_not_of("0123456789");
+  return end != 0 && end != std::string::npos && name.compare(end, std::string::npos, suffix) == 0;
+}
+
 // LevelDB does not export its own.
 [[gnu::format(printf, 2, 3)]] void WriteLine(leveldb::Logger& logger, const char* format, ...) {
   std::va_list arguments;
@@ -124,6 +131,26 @@ LevelDBEnvironment::LevelDBEnvironment(const std::string& path, bool sync)
 
 LevelDBEnvironment::~LevelDBEnvironment() {
   if (directory_ >= 0) ::close(directory_);
+}
+
+// Asked for CURRENT only. Told that there is none, LevelDB would make a new database and delete the
+// entries of the old one, or what somebody else has given such names.
+bool LevelDBEnvironment::FileExists(const std::string& name) {
+  if (EnvWrapper::FileExists(name)) return true;
+  if (!HoldsEntries(DirectoryOf(name))) return false;
+  failure_.Set(Status::IOError(name, "is not found, but tables or logs are; they are kept"));
+  return true;
+}
+
+bool LevelDBEnvironment::HoldsEntries(const std::string& directory) {
+  std::vector<std::string> names;
+  if (!GetChildren(directory, &names).ok()) return true;
+  return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+    std::uint64_t size = 0;
+    return IsNumbered(name, ".ldb") || IsNumbered(name, ".sst") ||
+           (IsNumbered(name, ".log") &&
+            (!GetFileSize(directory + "/" + name, &size).ok() || size != 0));
+  });
 }
 
 // Those are CURRENT, its MANIFEST and the logs, when the database is opened.

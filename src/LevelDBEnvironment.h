@@ -39,6 +39,7 @@ class LevelDBEnvironment final : public leveldb::EnvWrapper {
 
   int GetDirectory() const { return directory_; }  // below 0 when it cannot be used
 
+  bool FileExists(const std::string& name) override;
   leveldb::Status NewSequentialFile(const std::string& name,
                                     leveldb::SequentialFile** result) override;
   leveldb::Status NewWritableFile(const std::string& name, leveldb::WritableFile** result) override;
@@ -47,6 +48,7 @@ class LevelDBEnvironment final : public leveldb::EnvWrapper {
   leveldb::Status NewLogger(const std::string& name, leveldb::Logger** result) override;
 
  private:
+  bool HoldsEntries(const std::string& directory);
   leveldb::Status SyncDirectoryOf(const std::string& name);
 
   const int directory_;

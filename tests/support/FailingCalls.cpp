@@ -99,6 +99,9 @@ int open(const char* path, int flags, ...) {
 ssize_t read(int file, void* bytes, std::size_t length) {
   return Call("read", SYS_read, file, bytes, length);
 }
+int access(const char* path, int mode) noexcept {
+  return static_cast<int>(Call("access", SYS_faccessat, AT_FDCWD, path, mode));
+}
 int lstat(const char* path, struct stat* status) noexcept {
   return static_cast<int>(Call("lstat", SYS_lstat, path, status));
 }

@@ -73,7 +73,8 @@ TEST_P(StoreCalls, NothingIsLostByAnOpenInWhichOneFails) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Name, StoreCalls,
-                         testing::Values(FailingCall{"open", EMFILE}, FailingCall{"read", EIO}),
+                         testing::Values(FailingCall{"open", EMFILE}, FailingCall{"read", EIO},
+                                         FailingCall{"access", EIO}),
                          [](const auto& call) { return std::string(call.param.name); });
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -319,6 +320,47 @@ TEST_F(CZARNLevelDBManagerTest, ThreadsUseOneObjectAtOnce) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(All(store_).size(), 150U);
+}
+
+// --- what is not as LevelDB left it ---
+
+std::string ContentOf(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST_F(CZARNLevelDBManagerTest, AStoreThatLacksItsCurrentIsNotMadeAnewAndLogSaysWhy) {
+  for (const char* key : {"table", "log"}) {
+    EXPECT_TRUE(
+        Elsewhere([&](CZARNLevelDBManager& store) { return Insert(store, key, "v") == 0; }));
+    std::filesystem::rename(path_ + "/CURRENT", path_ + "/kept");
+    EXPECT_EQ(store_.Open(path_.c_str()), -1);
+    EXPECT_NE(ContentOf(path_ + "/LOG").find("CURRENT: is not found"), std::string::npos);
+    std::filesystem::rename(path_ + "/kept", path_ + "/CURRENT");
+  }
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_THAT(All(store_), ElementsAre(Pair("log", "v"), Pair("table", "v")));
+}
+
+TEST_F(CZARNLevelDBManagerTest, FilesThatLevelDBWouldDeleteAreNotGivenToIt) {
+  for (const std::string name : {"20240131.log", "7.ldb", "7.sst"}) {
+    const std::string path = dir_.GetPath() + "/of " + name;
+    std::filesystem::create_directory(path);
+    std::ofstream(path + "/" + name) << "content";
+    EXPECT_EQ(store_.Open(path.c_str()), -1) << name;
+    EXPECT_EQ(ContentOf(path + "/" + name), "content");
+  }
+}
+
+TEST_F(CZARNLevelDBManagerTest, AStoreWhoseMakingWasInterruptedIsMade) {
+  std::filesystem::create_directory(path_);
+  std::ofstream(path_ + "/000003.log").close();
+  for (const std::string name : {"a.log", "7.txt"}) std::ofstream(path_ + "/" + name) << "content";
+  std::ofstream(path_ + "/MANIFEST-000001") << "half";
+  std::ofstream(path_ + "/000001.dbtmp") << "MANIFEST";
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(Insert(store_, "k", "v"), 0);
+  EXPECT_EQ(ContentOf(path_ + "/a.log"), "content");
 }
 
 // --- no room, no permission ---

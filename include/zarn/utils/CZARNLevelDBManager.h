@@ -59,9 +59,9 @@ class ZARNUTILS_API CZARNLevelDBManager {
   CZARNLevelDBManager& operator=(const CZARNLevelDBManager&) = delete;
 
   // -1 also for a database that this process has opened before, by whatever path, or another has
-  // open, and for null and "". And for one that cannot be read or synced for the moment: nothing of
-  // it is lost, and its file LOG may say why. An object that is open lets go of its database first,
-  // as Close does, also when it gets no other.
+  // open, and for null and "". And for one that cannot be read for the moment, or lacks its file
+  // CURRENT: nothing of it is lost, and its file LOG may say why. An object that is open lets go of
+  // its database first, as Close does, also when it gets no other.
   int Open(const char* path);
 
   // Keys and values have 1 GiB at most: a longer one is answered with -1, and changes nothing.
