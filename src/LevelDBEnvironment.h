@@ -31,7 +31,7 @@ class LevelDBFailure {
 // when it is open. A file takes nothing more after a failed write.
 class LevelDBEnvironment final : public leveldb::EnvWrapper {
  public:
-  // Makes the directory when it is not there. It stays open.
+  // Makes the directory when it is not there. It stays open, so no other gets its inode.
   LevelDBEnvironment(const std::string& path, bool sync);
   ~LevelDBEnvironment() override;
   LevelDBEnvironment(const LevelDBEnvironment&) = delete;

@@ -60,16 +60,31 @@ class FailedDatabase final : public leveldb::DB {
 
 using FileId = std::pair<dev_t, ino_t>;
 
-std::optional<FileId> LockOf(int directory) {
+// Of a file in the directory.
+std::optional<FileId> IdOf(int directory, const char* name) {
   struct stat status {};
-  if (::fstatat(directory, "LOCK", &status, 0) != 0) return std::nullopt;
+  if (::fstatat(directory, name, &status, 0) != 0) return std::nullopt;
   return FileId(status.st_dev, status.st_ino);
 }
+
+// What tells one database from another. The lock is what LevelDB keeps open: its file may be linked
+// into another directory, and may be removed.
+struct Place {
+  explicit Place(int descriptor)
+      : directory(IdOf(descriptor, ".")), lock(IdOf(descriptor, "LOCK")) {}
+
+  bool Shares(const Place& other) const {
+    return (directory && directory == other.directory) || (lock && lock == other.lock);
+  }
+
+  std::optional<FileId> directory;
+  std::optional<FileId> lock;
+};
 
 struct Database {
   std::unique_ptr<LevelDBEnvironment> environment;
   leveldb::DB* database;
-  std::optional<FileId> lock;  // the file that LevelDB keeps locked, and so open
+  Place place;
 };
 
 // Stays until the process is gone: threads of LevelDB outlive static objects.
@@ -83,10 +98,9 @@ Kept& GetKept() {
   return kept;
 }
 
-bool IsOpen(const std::vector<Database>& databases, int directory) {
-  const std::optional<FileId> lock = LockOf(directory);
-  return lock && std::any_of(databases.begin(), databases.end(),
-                             [&](const Database& each) { return each.lock == lock; });
+bool IsOpen(const std::vector<Database>& databases, const Place& place) {
+  return std::any_of(databases.begin(), databases.end(),
+                     [&](const Database& each) { return each.place.Shares(place); });
 }
 
 }  // namespace
@@ -99,11 +113,11 @@ leveldb::DB* OpenAndKeep(leveldb::Options options, const std::string& path, bool
   kept.databases.reserve(kept.databases.size() + 1);
   auto environment = std::make_unique<LevelDBEnvironment>(path, sync);
   const int directory = environment->GetDirectory();
-  if (directory < 0 || IsOpen(kept.databases, directory)) return nullptr;
+  if (directory < 0 || IsOpen(kept.databases, Place(directory))) return nullptr;
   options.env = environment.get();
   leveldb::DB* database = nullptr;
   if (!leveldb::DB::Open(options, path, &database).ok()) return nullptr;
-  kept.databases.push_back({std::move(environment), database, LockOf(directory)});
+  kept.databases.push_back({std::move(environment), database, Place(directory)});
   return database;
 }
 

@@ -266,6 +266,23 @@ TEST_F(CZARNLevelDBManagerTest, ADatabaseIsOpenedOnceByWhateverPath) {
   EXPECT_EQ(second.Open((dir_.GetPath() + "/another").c_str()), 0);
 }
 
+TEST_F(CZARNLevelDBManagerTest, ADatabaseWhoseLockWasRemovedIsOpenedOnceAllTheSame) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  ASSERT_TRUE(std::filesystem::remove(path_ + "/LOCK"));
+  CZARNLevelDBManager second(true, 0, true, true);
+  EXPECT_EQ(second.Open((dir_.GetPath() + "/./store").c_str()), -1);
+}
+
+TEST_F(CZARNLevelDBManagerTest, ADatabaseThatSharesItsLockWithAnotherIsNotOpened) {
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  const std::string copy = dir_.GetPath() + "/copy";
+  std::filesystem::create_directory(copy);
+  std::filesystem::create_hard_link(path_ + "/LOCK", copy + "/LOCK");
+  CZARNLevelDBManager second(true, 0, true, true);
+  EXPECT_EQ(second.Open(copy.c_str()), -1);
+  EXPECT_TRUE(IsLocked());
+}
+
 TEST_F(CZARNLevelDBManagerTest, EndOfTheObjectLetsGoLikeClose) {
   {
     CZARNLevelDBManager first(true, 0, true, true);
