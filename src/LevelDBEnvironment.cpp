@@ -104,6 +104,13 @@ bool IsNumbered(const std::string& name, const char* suffix) {
   return end != 0 && end != std::string::npos && name.compare(end, std::string::npos, suffix) == 0;
 }
 
+// A pipe would keep LevelDB waiting, and a device such as /dev/zero has no end.
+Status CheckIsRegular(const std::string& name) {
+  struct stat status {};
+  const bool other = ::stat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  return other ? Status::IOError(name, "is no regular file") : Status();
+}
+
 // LevelDB does not export its own.
 [[gnu::format(printf, 2, 3)]] void WriteLine(leveldb::Logger& logger, const char* format, ...) {
   std::va_list arguments;
@@ -157,11 +164,19 @@ bool LevelDBEnvironment::HoldsEntries(const std::string& directory) {
 Status LevelDBEnvironment::NewSequentialFile(const std::string& name,
                                              leveldb::SequentialFile** result) {
   *result = nullptr;
-  const Status status = EnvWrapper::NewSequentialFile(name, result);
+  Status status = CheckIsRegular(name);
+  if (status.ok()) status = EnvWrapper::NewSequentialFile(name, result);
   if (!status.ok()) return failure_.Set(status);
   std::unique_ptr<leveldb::SequentialFile> file(std::exchange(*result, nullptr));
   *result = new (std::nothrow) WatchedFile(failure_, std::move(file));
   return *result != nullptr ? status : failure_.Set(Status::IOError(name, "no memory"));
+}
+
+Status LevelDBEnvironment::NewRandomAccessFile(const std::string& name,
+                                               leveldb::RandomAccessFile** result) {
+  *result = nullptr;
+  const Status status = CheckIsRegular(name);
+  return status.ok() ? EnvWrapper::NewRandomAccessFile(name, result) : status;
 }
 
 Status LevelDBEnvironment::NewWritableFile(const std::string& name,

@@ -42,6 +42,8 @@ class LevelDBEnvironment final : public leveldb::EnvWrapper {
   bool FileExists(const std::string& name) override;
   leveldb::Status NewSequentialFile(const std::string& name,
                                     leveldb::SequentialFile** result) override;
+  leveldb::Status NewRandomAccessFile(const std::string& name,
+                                      leveldb::RandomAccessFile** result) override;
   leveldb::Status NewWritableFile(const std::string& name, leveldb::WritableFile** result) override;
   leveldb::Status RenameFile(const std::string& from, const std::string& to) override;
   leveldb::Status RemoveFile(const std::string& name) override;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
@@ -341,6 +342,14 @@ TEST_F(CZARNLevelDBManagerTest, ThreadsUseOneObjectAtOnce) {
 
 // --- what is not as LevelDB left it ---
 
+std::string TheFile(const std::string& path, const std::string& prefix, const std::string& suffix) {
+  for (const auto& file : std::filesystem::directory_iterator(path)) {
+    const std::string name = file.path().filename();
+    if (name.starts_with(prefix) && name.ends_with(suffix)) return file.path();
+  }
+  return "";
+}
+
 std::string ContentOf(const std::string& path) {
   std::ifstream file(path);
   return {std::istreambuf_iterator<char>(file), {}};
@@ -378,6 +387,25 @@ TEST_F(CZARNLevelDBManagerTest, AStoreWhoseMakingWasInterruptedIsMade) {
   ASSERT_EQ(store_.Open(path_.c_str()), 0);
   EXPECT_EQ(Insert(store_, "k", "v"), 0);
   EXPECT_EQ(ContentOf(path_ + "/a.log"), "content");
+}
+
+// To open one waits for somebody who writes to it.
+TEST_F(CZARNLevelDBManagerTest, APipeInPlaceOfAFileIsNotRead) {
+  for (const char* key : {"table", "log"}) {
+    EXPECT_TRUE(
+        Elsewhere([&](CZARNLevelDBManager& store) { return Insert(store, key, "v") == 0; }));
+  }
+  const auto isWhole = [](CZARNLevelDBManager& store) {
+    return ValueOf(store, "table") == "v" && ValueOf(store, "log") == "v";
+  };
+  for (const std::string& file : {path_ + "/CURRENT", TheFile(path_, "MANIFEST", ""),
+                                  TheFile(path_, "", ".log"), TheFile(path_, "", ".ldb")}) {
+    std::filesystem::rename(file, path_ + "/kept");
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    EXPECT_FALSE(Elsewhere(isWhole)) << file;
+    std::filesystem::rename(path_ + "/kept", file);
+  }
+  EXPECT_TRUE(Elsewhere(isWhole));
 }
 
 // --- no room, no permission ---
