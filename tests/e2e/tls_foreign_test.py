@@ -5,6 +5,7 @@ import ssl
 import struct
 import subprocess
 import tempfile
+import time
 import unittest
 
 from certificates import Authority
@@ -301,6 +302,55 @@ class ForeignServer(TlsTest):
         _, port = self.serve()
         client = self.connect_to(port, self.server_key, self.client_certificate)
         client.wait("ended", reason=KEY_MISMATCH)
+
+    def shake_hands(self, plain):
+        """The server's side of a connection, by hand: tickets wait in the second buffer."""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.server_certificate, self.server_key)
+        incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+        server = context.wrap_bio(incoming, outgoing, server_side=True)
+        while True:
+            try:
+                server.do_handshake()
+                return server, incoming, outgoing
+            except ssl.SSLWantReadError:
+                plain.sendall(outgoing.read())
+                incoming.write(plain.recv(1 << 16))
+
+    @staticmethod
+    def wait_for_close(port):
+        """Until the socket of this machine that has this port is no longer established."""
+        end = time.monotonic() + 20
+        while time.monotonic() < end:
+            with open("/proc/net/tcp", encoding="ascii") as file:
+                sockets = [line.split() for line in file][1:]
+            if ["01"] != [fields[3] for fields in sockets if fields[1].endswith(f":{port:04X}")]:
+                return
+            time.sleep(0.01)
+        raise AssertionError("the client does not close")
+
+    def test_tickets_that_come_while_the_client_ends_cost_nothing_of_what_it_sent(self):
+        with socket.create_server(("127.0.0.1", 0)) as listening:
+            # What does not fit in is still with the client when that has closed.
+            listening.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
+            listening.settimeout(20)
+            client = self.connect_to(str(listening.getsockname()[1]))
+            plain, peer = listening.accept()
+        with plain:
+            plain.settimeout(20)
+            server, incoming, outgoing = self.shake_hands(plain)
+            client.wait("connected")
+            client.tell("send 200000")
+            client.process.stdin.close()
+            self.wait_for_close(peer[1])
+            plain.sendall(outgoing.read())
+            while piece := plain.recv(1 << 16):
+                incoming.write(piece)
+            received = b""
+            while piece := server.read(1 << 16):
+                received += piece
+        self.assertEqual(len(received), 200000)
+        self.assertEqual(client.wait_exit(), 0)
 
     def test_cut_of_a_server_that_died_is_told_apart(self):
         process, port = self.serve()

@@ -247,6 +247,27 @@ TEST(StreamSocket, CloseWithUnreadInputIsAnOrderlyEndAndLosesNothing) {
   });
 }
 
+TEST(StreamSocket, WhoIsToAwaitThePeersEndDoesSoAlsoWithoutUnreadInput) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    const bool on = true;
+    EXPECT_EQ(pair.socket->SetOption(AW_OPT_AWAIT_END, &on), AW_OK);
+    EXPECT_EQ(pair.Send("last"), AW_OK);
+    pair.socket->Disconnect();
+    EXPECT_EQ(pair.Read(), "last");
+    char byte;
+    EXPECT_EQ(::recv(pair.peer.Get(), &byte, 1, MSG_DONTWAIT), 0);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(::send(pair.peer.Get(), "late", 4, MSG_NOSIGNAL), 4);
+      loop.RunReady();
+    }
+    pair.peer.Reset();
+    loop.FinishLingers();  // it ends with its peer
+  });
+}
+
 TEST(StreamSocket, WhoHasSentNothingClosesAtOnceAlsoWithUnreadInput) {
   WithLoop([](EventLoop& loop) {
     Pair pair(loop);

@@ -228,6 +228,17 @@ TEST(TlsStreamEnd, EndOfTheProcessLeavesWhatIsLeftOfTheLingerToTheTransportBelow
   });
 }
 
+TEST(TlsStreamEnd, EndOfTheProcessLeavesTheWaitForThePeersEndToTheTransportBelow) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.stream->Disconnect();
+    pair.loop.FinishLingers();
+    EXPECT_TRUE(pair.client.end.disconnected);
+    EXPECT_TRUE(pair.client.end.awaitsEnd);
+  });
+}
+
 TEST(TlsStreamEnd, AllThatWasTakenIsWrittenAfterDisconnectOnABlockedTransport) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

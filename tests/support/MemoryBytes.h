@@ -26,6 +26,7 @@ struct MemoryEnd {
   bool readingStopped = false;
   std::uint32_t lingerMs = 2000;
   std::string lingerData;
+  bool awaitsEnd = false;
 
   // Delivers bytes that "arrive" here.
   void Arrive(const std::string& bytes) {
@@ -73,6 +74,7 @@ class MemoryBytes final : public sslutils::internal::ByteTransport {
   keelbase::AWResult SetOption(int code, void* value) override {
     if (code == keelbase::AW_OPT_STOP_READING) end_.readingStopped = *static_cast<bool*>(value);
     if (code == keelbase::AW_OPT_LINGER) end_.lingerMs = *static_cast<std::uint32_t*>(value);
+    if (code == keelbase::internal::AW_OPT_AWAIT_END) end_.awaitsEnd = *static_cast<bool*>(value);
     if (code == keelbase::AW_OPT_LINGER_DATA)
       end_.lingerData += static_cast<keelbase::CAWMessageBlock*>(value)->FlattenChained();
     return keelbase::AW_OK;

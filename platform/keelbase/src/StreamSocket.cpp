@@ -345,14 +345,15 @@ void StreamSocket::WriteLingering() {
   UpdateWatch();
 }
 
-// A close with unread input makes TCP drop what is still on its way to the peer. So, if anything
-// was ever sent (nobody tells whether it has arrived), the peer is told the end, and what it sends
-// is dropped until it ends too. False: nothing is left to do.
+// A close with unread input makes TCP drop what is still on its way to the peer, and so does input
+// that comes after it. So, if anything was ever sent (nobody tells whether it has arrived), the
+// peer is told the end, and what it sends is dropped until it ends too. Without unread input only
+// who asks for it waits: most peers are silent then. False: nothing is left to do.
 bool StreamSocket::GoOnClosing() {
   if (writeError_ != 0) return false;
   if (state_ == State::draining) return DropInput();
   if (HasOutput()) return true;
-  if (counters_.bytesSent == 0 || !HasInput()) return false;
+  if (counters_.bytesSent == 0 || !(awaitsEnd_ || HasInput())) return false;
   state_ = State::draining;
   return ::shutdown(descriptor_.Get(), SHUT_WR) == 0;
 }
@@ -415,6 +416,9 @@ AWResult StreamSocket::SetOption(int code, const void* value) {
       return AW_OK;
     case AW_OPT_LINGER:
       SetLinger(*static_cast<const std::uint32_t*>(value));
+      return AW_OK;
+    case AW_OPT_AWAIT_END:
+      awaitsEnd_ = *static_cast<const bool*>(value);
       return AW_OK;
     case AW_OPT_LINGER_DATA:
       return AddLingerData(*static_cast<const CAWMessageBlock*>(value));

@@ -14,10 +14,10 @@ namespace keelbase {
 // The network and the task thread start on first use. The clean-up chain at process exit first
 // stops them, after the callback in hand (at once where exit() was called in it), writes what was
 // sent until then as far as the system takes it, and destroys what is still posted; later it lets
-// transports that were closed write out what they have taken, for their linger time at most (2
-// seconds unless AW_OPT_LINGER says otherwise). A function that runs in place on an adopted loop
-// that does not run is waited for three seconds, and that loop is then left alone. The main thread exists only once a thread has
-// adopted that type.
+// transports that were closed write out what they have taken, and await what they would await
+// otherwise, for their linger time at most (2 seconds unless AW_OPT_LINGER says otherwise). A
+// function that runs in place on an adopted loop that does not run is waited for three seconds, and
+// that loop is then left alone. The main thread exists only once a thread has adopted that type.
 //
 // A fork()ed child has none of these threads: fork before first use, or exec at once.
 class KEELBASE_API CAWThreadManager {

@@ -16,6 +16,10 @@
 
 namespace keelbase::internal {
 
+// Set, bool, beside the codes of CAWTransport.h: Disconnect awaits the peer's end also when nothing
+// is unread. For protocols whose peers may send at any time.
+inline constexpr int AW_OPT_AWAIT_END = 116;
+
 // What a transport does with its socket's events. Never called from inside an operation.
 class StreamSocketSink {
  public:
@@ -45,8 +49,8 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   AWResult Send(CAWMessageBlock& chain);
 
   // Detaches the sink; what was taken is written, within the linger time. If anything was
-  // ever written and input is unread, the close waits as long for the peer's, and drops what comes
-  // meanwhile, up to 16 MiB.
+  // ever written and input is unread (or AW_OPT_AWAIT_END set), the close waits as long for the
+  // peer's, and drops what comes meanwhile, up to 16 MiB.
   void Disconnect();
 
   void StopReading(bool stop);
@@ -54,7 +58,7 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   AWResult AddLingerData(const CAWMessageBlock& chain);
   CAWTransportCounters GetCounters() const;
 
-  // The common option codes: all but the addresses and credentials. 10001 for any other.
+  // AW_OPT_AWAIT_END and the common codes but the addresses and credentials. 10001 for any other.
   AWResult GetOption(int code, void* value) const;
   AWResult SetOption(int code, const void* value);
 
@@ -118,6 +122,7 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   std::size_t readSize_ = kReadSize;
 
   std::uint32_t lingerMs_ = 2000;
+  bool awaitsEnd_ = false;
   Clock::Point lingerEnd_{};
   std::size_t dropped_ = 0;                // bytes that came behind our end
   CAWMessageBlock* lingerData_ = nullptr;  // owned

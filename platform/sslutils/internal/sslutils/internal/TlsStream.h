@@ -68,7 +68,11 @@ class SSLUTILS_API TlsStream final
   int LingerDescriptor() const override { return -1; }
   keelbase::internal::Clock::Point LingerDeadline() const override { return lingerBegin_; }
   void WriteLingering() override {}
-  void AbandonLinger() override { LeaveToLower(); }
+  void AbandonLinger() override {
+    bool awaitEnd = true;  // what the peer still sends, such as tickets, must not reset it
+    lower_->SetOption(keelbase::internal::AW_OPT_AWAIT_END, &awaitEnd);
+    LeaveToLower();
+  }
 
   // OpenSSL's side.
   friend class TlsBio;
