@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "DescriptorShortage.h"
 #include "RealTcp.h"
 #include "RealTls.h"
 #include "TempRoot.h"
@@ -549,6 +550,23 @@ TEST_P(CAWSSLManagerTest, OldestSilentClientMakesRoomForANewOneOfItsAddress) {
   EXPECT_EQ(Connect(server), 0);
   EXPECT_TRUE(Await([&] { return server.sink.reasons.size() == 3; }));
   EXPECT_EQ(server.sink.reasons, (std::vector<long>{0, ECONNABORTED, 0}));
+}
+
+TEST_P(CAWSSLManagerTest, SilentClientsLeaveHalfOfTheDescriptorsFree) {
+  const HandClock clock;
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
+  {
+    const DescriptorLimit limit(200);
+    server.Listen();
+  }
+  SilentClients silent;
+  silent.Connect(100, GetParam(), server.address);
+  EXPECT_TRUE(server.sink.reasons.empty());
+  const CAWInetAddr elsewhere("127.0.0.2", 0);
+  ASSERT_EQ(connector->AsyncConnect(&client, server.address, 1, nullptr, &elsewhere), AW_OK);
+  EXPECT_TRUE(Await([&] { return !client.reasons.empty() && server.sink.reasons.size() == 2; }));
+  EXPECT_EQ(client.reasons, std::vector<long>{0});
+  EXPECT_EQ(server.sink.reasons, (std::vector<long>{ECONNABORTED, 0}));
 }
 
 TEST_P(CAWSSLManagerTest, LargerBacklogHasRoomForMoreHandshakes) {

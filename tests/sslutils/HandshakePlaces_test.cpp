@@ -11,7 +11,7 @@ namespace {
 
 class HandshakePlacesTest : public ::testing::Test {
  protected:
-  HandshakePlacesTest() { places.SetLimit(2); }
+  HandshakePlacesTest() { places.SetLimit(2, 1000); }
 
   // Who goes for it, if anybody.
   std::string Take(const char* host, const std::string& name) {
@@ -45,6 +45,22 @@ TEST_F(HandshakePlacesTest, OldestOfAllGoesWhenFourHostsHaveTakenAllPlaces) {
   }
   EXPECT_EQ(Take("127.0.0.5", "newcomer"), "first of 127.0.0.1");
   EXPECT_EQ(Take("127.0.0.6", "another"), "second of 127.0.0.1");
+}
+
+TEST_F(HandshakePlacesTest, OldestOfAllGoesWhenThereAreFewPlacesInAll) {
+  places.SetLimit(2, 3);
+  Take("127.0.0.1", "a");
+  Take("127.0.0.2", "b");
+  EXPECT_EQ(Take("127.0.0.2", "c"), "");
+  EXPECT_EQ(Take("127.0.0.2", "d"), "b");
+  EXPECT_EQ(Take("127.0.0.3", "e"), "a");
+}
+
+TEST_F(HandshakePlacesTest, OldestOfAllGoesWhenThereAreFewerPlacesInAllThanForOneHost) {
+  places.SetLimit(2, 1);
+  EXPECT_EQ(Take("127.0.0.1", "a"), "");
+  EXPECT_EQ(Take("127.0.0.1", "b"), "a");
+  EXPECT_EQ(Take("127.0.0.2", "c"), "b");
 }
 
 TEST_F(HandshakePlacesTest, PlaceThatIsGivenUpIsFreeAgain) {

@@ -18,29 +18,37 @@ inline std::size_t OpenDescriptors() {
   return static_cast<std::size_t>(std::distance(first, std::filesystem::directory_iterator()));
 }
 
+// As long as it lives, the process may have no descriptor of this number or above.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t limit) {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit low = before_;
+    low.rlim_cur = limit;
+    ::setrlimit(RLIMIT_NOFILE, &low);
+  }
+  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+
+ private:
+  rlimit before_{};
+};
+
 // As long as it lives, whatever needs a new descriptor fails with EMFILE.
 class DescriptorShortage {
  public:
-  DescriptorShortage() {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    rlimit low = before_;
-    low.rlim_cur = static_cast<rlim_t>(descriptor) + 16;
-    ::setrlimit(RLIMIT_NOFILE, &low);
+  DescriptorShortage() : DescriptorShortage(::open("/dev/null", O_RDONLY | O_CLOEXEC)) {}
+
+ private:
+  explicit DescriptorShortage(int descriptor) : limit_(static_cast<rlim_t>(descriptor) + 16) {
     while (descriptor >= 0) {
       taken_.emplace_back(descriptor);
       descriptor = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
     }
   }
-  ~DescriptorShortage() {
-    taken_.clear();
-    ::setrlimit(RLIMIT_NOFILE, &before_);
-  }
-  DescriptorShortage(const DescriptorShortage&) = delete;
-  DescriptorShortage& operator=(const DescriptorShortage&) = delete;
 
- private:
-  rlimit before_{};
+  const DescriptorLimit limit_;
   std::vector<keelbase::internal::FileDescriptor> taken_;
 };
 

@@ -91,10 +91,11 @@ class SSLUTILS_API IAWSSLAcceptor : public IAWSSLConnectorAcceptor {
 
   // Listens at `addr` (port 0: any, see GetLocalAddr); `backlog` connections may wait to be
   // accepted. Each handshake may take 10 seconds. At once there may be 256 from one address, or
-  // `backlog` when that is more, and four times as many in all; beyond that each newcomer ends the
-  // oldest of its address, or of all, which is indicated as ECONNABORTED. 0; 10001 for a null sink
-  // or while listening; else a reason: AW_SSL_ERROR_OWN_CERTIFICATE_MISSING and the like,
-  // EADDRINUSE, EACCES …
+  // `backlog` when that is more, and four times as many in all, but no more than half as many as
+  // the process may have descriptors (RLIMIT_NOFILE) when it starts to listen; beyond that each
+  // newcomer ends the oldest of its address, or of all, which is indicated as ECONNABORTED. 0;
+  // 10001 for a null sink or while listening; else a reason: AW_SSL_ERROR_OWN_CERTIFICATE_MISSING
+  // and the like, EADDRINUSE, EACCES …
   virtual keelbase::AWResult StartListen(IAWSSLConnectionSink* sink,
                                          const keelbase::CAWInetAddr& addr, int backlog) = 0;
 

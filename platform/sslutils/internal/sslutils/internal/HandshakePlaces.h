@@ -10,9 +10,10 @@
 
 namespace sslutils::internal {
 
-// Holds them in the order in which they began: `limit` of one host, four times as many in all. When
-// there is one too many the oldest has to go. Clients that stay silent keep nobody out by that,
-// while one that goes on with its handshake is through with it long before it is the oldest.
+// Holds them in the order in which they began: `limit` of one host, four times as many in all, but
+// no more than `most`. When there is one too many the oldest has to go. Clients that stay silent
+// keep nobody out by that, while one that goes on with its handshake is through with it long before
+// it is the oldest.
 template <class Handshake>
 class HandshakePlaces {
   struct Holder {
@@ -23,7 +24,10 @@ class HandshakePlaces {
  public:
   using Place = typename std::list<Holder>::iterator;  // until it is given up
 
-  void SetLimit(std::size_t limit) { limit_ = limit; }
+  void SetLimit(std::size_t limit, std::size_t most) {
+    limit_ = limit;
+    most_ = std::min(kHosts * limit, most);
+  }
 
   Place Take(const keelbase::CAWInetAddr& peer, Handshake handshake) {
     keelbase::CAWInetAddr host = peer;
@@ -38,12 +42,12 @@ class HandshakePlaces {
 
   // After each Take: the place that has to be given up for the new one, else End().
   Place FindSurplus(Place taken) {
-    if (holders_.size() <= limit_) return End();
+    if (holders_.size() <= std::min(limit_, most_)) return End();
     const auto ofHost = [&](const Holder& each) { return each.host == taken->host; };
     const auto count = std::count_if(holders_.begin(), holders_.end(), ofHost);
     if (static_cast<std::size_t>(count) > limit_)
       return std::find_if(holders_.begin(), holders_.end(), ofHost);
-    return holders_.size() > kHosts * limit_ ? holders_.begin() : End();
+    return holders_.size() > most_ ? holders_.begin() : End();
   }
   Place Begin() { return holders_.begin(); }
   Place End() { return holders_.end(); }
@@ -52,6 +56,7 @@ class HandshakePlaces {
   static constexpr std::size_t kHosts = 4;  // so many take all places
 
   std::size_t limit_ = 0;
+  std::size_t most_ = 0;
   std::list<Holder> holders_;
 };
 

@@ -1,6 +1,8 @@
 // TlsAcceptor.h - listens by a transport of the platform, and shakes hands with who comes.
 #pragma once
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
@@ -56,7 +58,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     keelbase::AWResult result = keelbase::AW_ERROR_FAILURE;
     GetLoop().Call([&] {
       if (sink_ != nullptr) return;
-      shaking_.SetLimit(static_cast<std::size_t>(std::max(backlog, kLeastPlaces)));
+      shaking_.SetLimit(static_cast<std::size_t>(std::max(backlog, kLeastPlaces)), MostPlaces());
       try {
         result = server_.Prepare();
         if (result == keelbase::AW_OK) result = below_->StartListen(this, addr, backlog);
@@ -138,6 +140,13 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
   }
 
   static constexpr int kLeastPlaces = 256;  // bursts of honest clients fit in
+
+  // Without a descriptor for the newcomer nobody would end the oldest.
+  static std::size_t MostPlaces() {
+    rlimit descriptors{};
+    ::getrlimit(RLIMIT_NOFILE, &descriptors);
+    return descriptors.rlim_cur / 2;
+  }
 
   const keelbase::CAWAutoPtr<typename Below::Acceptor> below_;
   IAWSSLConnectionSink* sink_ = nullptr;  // null: not listening
