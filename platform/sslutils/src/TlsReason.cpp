@@ -5,6 +5,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 
+#include <cerrno>
 #include <memory>
 
 namespace sslutils::internal {
@@ -36,9 +37,23 @@ long ReasonOfVerification(long result) {
   }
 }
 
+bool IsNoMemory(unsigned long error) { return ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE; }
+
+// The first of the queue, which is empty then; but wherever it stands that there was no memory,
+// since some of OpenSSL's functions call that an internal error first.
+unsigned long TakeError() {
+  unsigned long taken = ERR_get_error();
+  while (const unsigned long next = ERR_get_error()) {
+    if (IsNoMemory(next)) taken = next;
+  }
+  return taken;
+}
+
 // 0 for what tells nothing more than that it has failed.
-long ReasonOfError(int reason) {
-  switch (reason) {
+long ReasonOfError(unsigned long error) {
+  if (IsNoMemory(error)) return ENOMEM;
+  if (ERR_GET_LIB(error) != ERR_LIB_SSL) return 0;
+  switch (ERR_GET_REASON(error)) {
     case SSL_R_UNSUPPORTED_PROTOCOL:
     case SSL_R_VERSION_TOO_LOW:
     case SSL_R_TLSV1_ALERT_PROTOCOL_VERSION:
@@ -61,26 +76,30 @@ long ReasonOfError(int reason) {
   }
 }
 
-// OpenSSL counts the alerts of the peer from here on.
-bool IsAlert(int reason) { return reason > SSL_AD_REASON_OFFSET; }
+// An alert of the peer is a byte, which OpenSSL counts from here on.
+bool IsAlert(unsigned long error) {
+  const int alert = ERR_GET_REASON(error) - SSL_AD_REASON_OFFSET;
+  return ERR_GET_LIB(error) == ERR_LIB_SSL && alert >= 0 && alert <= 255;
+}
 
 }  // namespace
 
 long ReasonOfHandshakeFailure(const SSL* ssl) {
+  const unsigned long error = TakeError();
+  const long known = ReasonOfError(error);
   const long verified = SSL_get_verify_result(ssl);
-  if (verified != X509_V_OK && SSL_get_verify_mode(ssl) != SSL_VERIFY_NONE)
-    return ReasonOfVerification(verified);
-  const int reason = ERR_GET_REASON(ERR_peek_error());
-  if (const long known = ReasonOfError(reason); known != 0) return known;
-  return IsAlert(reason) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_HANDSHAKE;
+  const bool checked = SSL_get_verify_mode(ssl) != SSL_VERIFY_NONE;
+  if (verified != X509_V_OK && checked && known != ENOMEM) return ReasonOfVerification(verified);
+  if (known != 0) return known;
+  return IsAlert(error) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_HANDSHAKE;
 }
 
 // With TLS 1.3 a server looks at our certificate when we are connected already.
 long ReasonOfRecordFailure() {
-  const int reason = ERR_GET_REASON(ERR_peek_error());
-  const long known = ReasonOfError(reason);
-  if (known == AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE) return known;
-  return IsAlert(reason) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_RECORD;
+  const unsigned long error = TakeError();
+  const long known = ReasonOfError(error);
+  if (known == AW_SSL_ERROR_PEER_REFUSED_CERTIFICATE || known == ENOMEM) return known;
+  return IsAlert(error) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_RECORD;
 }
 
 void DescribePeerCertificate(SSL* ssl, CAWSSLInfo& info) {

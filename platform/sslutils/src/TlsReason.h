@@ -7,7 +7,7 @@
 
 namespace sslutils::internal {
 
-// Right after a call has failed with SSL_ERROR_SSL, on the same thread.
+// Right after a call has failed with SSL_ERROR_SSL, on the same thread, whose errors they take.
 long ReasonOfHandshakeFailure(const SSL* ssl);
 long ReasonOfRecordFailure();
 

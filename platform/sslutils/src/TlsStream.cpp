@@ -418,7 +418,7 @@ void TlsStream::WriteRecord(const char* data, std::size_t length) {
     case SSL_ERROR_WANT_READ:
       return KeepPending(data, length);
     default:
-      return FailWriting(AW_SSL_ERROR_RECORD);
+      return FailWriting(ReasonOfRecordFailure());
   }
 }
 

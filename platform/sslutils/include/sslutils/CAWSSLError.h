@@ -8,8 +8,8 @@
 namespace sslutils {
 
 // Reasons of OnSSLConnected and OnSSLDisconnect, and results of setting keys and certificates,
-// beside 0 (success; a peer that ended in order), errno values (ECONNREFUSED, ECONNRESET, ENOENT …)
-// and keelbase's codes.
+// beside 0 (success; a peer that ended in order), errno values (ECONNREFUSED, ECONNRESET, ENOENT,
+// ENOMEM …) and keelbase's codes.
 enum CAWSSLReason : long {
   // The handshake.
   AW_SSL_ERROR_HANDSHAKE = 10101,       // the peer speaks no TLS, or breaks its rules
