@@ -45,8 +45,8 @@ class ZARNUTILS_API CZARNShareMemory
   // larger. 0; -1 without a system directory (nothing is made then); else what
   // keelbase::CAWShmBase::Create answers: 10001 when the one that is there is smaller or no segment
   // of ours, when there is no room, and when this object has its segment already; 10012 when
-  // another process kept it locked for ten seconds. A name with a '/' or a NUL byte is answered with
-  // 10001.
+  // another process kept it locked for ten seconds. A name with a '/' or a NUL byte is answered
+  // with 10001.
   int createshm();
 
   // The memory, aligned to 4096 bytes, and how many bytes it has; null and 0 without a segment.
