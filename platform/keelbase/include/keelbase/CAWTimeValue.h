@@ -75,8 +75,8 @@ class CAWTimeValue {
       using Microseconds = std::chrono::duration<Real, std::micro>;
       const Real usec = std::chrono::duration_cast<Microseconds>(duration).count();
       if (usec >= static_cast<Real>(kMax)) return kMax;
-      if (usec <= static_cast<Real>(kMin)) return kMin;
-      return usec == usec ? static_cast<std::int64_t>(usec) : 0;
+      if (usec > static_cast<Real>(kMin)) return static_cast<std::int64_t>(usec);
+      return usec <= static_cast<Real>(kMin) ? kMin : 0;
     }
   }
 
