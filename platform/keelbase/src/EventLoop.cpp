@@ -1,7 +1,6 @@
 // EventLoop.cpp - see EventLoop.h.
 #include "keelbase/internal/EventLoop.h"
 
-#include <poll.h>
 #include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -29,9 +28,6 @@ constexpr unsigned kLooksAtLikely = 4;
 
 // While a connection always has input, every so many reads of it are followed by a whole turn.
 constexpr std::uint32_t kServedPerTurn = 16;
-
-// Whoever had nothing to do for so many looks is not asked any more, though the loop still spins.
-constexpr std::uint32_t kIdleLooks = 4096;
 
 constexpr std::chrono::microseconds kBriefWait(2);
 
@@ -118,7 +114,7 @@ AWResult EventLoop::Run(Afterwards posts) {
     if (worked && spin_.load(std::memory_order_relaxed) != 0) {
       worked = Spin();
       if (worked) continue;
-    } else if (worked && firstPoller_ != nullptr) {
+    } else if (worked && !pollers_.IsEmpty()) {
       // Who has just brought work may bring more: another look is cheaper than being woken for it.
       worked = Turn(0);
       continue;
@@ -185,6 +181,17 @@ bool EventLoop::Dispatch() {
   return any;
 }
 
+bool EventLoop::RunPollers() {
+  return pollers_.Poll([this] { return IsStopping(); });
+}
+
+void EventLoop::FlushTurn() {
+  while (TurnEndTask* task = atTurnEnd_.First()) {
+    atTurnEnd_.Remove(*task);
+    task->OnTurnEnd();
+  }
+}
+
 // Asks those who are likely to have work and need no system call to say so, or a cheap one.
 bool EventLoop::ServeLikely() {
   try {
@@ -210,7 +217,7 @@ bool EventLoop::Spin() {
   do {
     if (ServeLikely()) return true;
     const bool brief = now - start <= microseconds(1);
-    const bool likely = recent_ != nullptr || firstPoller_ != nullptr;
+    const bool likely = recent_ != nullptr || !pollers_.IsEmpty();
     // Asking epoll costs more than asking those who are likely to speak next.
     const bool full = !likely || (!brief && looks++ % kLooksAtLikely == 0);
     if ((full || hasPosted_.load(std::memory_order_acquire)) && Turn(0)) return true;
@@ -243,7 +250,7 @@ std::int64_t EventLoop::SleepTime() const {
 
 // From here on whoever posts must wake us. False when something has been posted already.
 bool EventLoop::PrepareSleep() {
-  if (!ArmPollers()) return false;
+  if (!pollers_.Arm([this] { return IsStopping(); })) return false;
   const MutexLock lock(mutex_);
   sleeping_ = !hasPosted_.load(std::memory_order_relaxed) && !stop_.load(std::memory_order_acquire);
   return sleeping_;
@@ -449,124 +456,11 @@ void EventLoop::Unwatch(int fd, Watcher& watcher) {
   }
 }
 
-// --- polling ---
-
-void EventLoop::StartPolling(Poller& poller) {
-  poller.idleLooks = 0;
-  poller.earlierPoller = lastPoller_;
-  (lastPoller_ != nullptr ? lastPoller_->laterPoller : firstPoller_) = &poller;
-  lastPoller_ = &poller;
-  if (askingPollers_ && nextPoller_ == nullptr) nextPoller_ = &poller;
-}
-
-void EventLoop::StopPolling(Poller& poller) {
-  if (poller.earlierPoller == nullptr && firstPoller_ != &poller) return;
-  if (askedPoller_ == &poller) askedPoller_ = nullptr;
-  if (nextPoller_ == &poller) nextPoller_ = poller.laterPoller;
-  (poller.earlierPoller != nullptr ? poller.earlierPoller->laterPoller : firstPoller_) =
-      poller.laterPoller;
-  (poller.laterPoller != nullptr ? poller.laterPoller->earlierPoller : lastPoller_) =
-      poller.earlierPoller;
-  poller.earlierPoller = poller.laterPoller = nullptr;
-}
-
-// A poller may start and stop others meanwhile, itself too: then askedPoller_ is null.
-template <class Ask>
-void EventLoop::ForEachPoller(Ask ask) {
-  askingPollers_ = true;
-  for (Poller* poller = firstPoller_; poller != nullptr && !IsStopping(); poller = nextPoller_) {
-    askedPoller_ = poller;
-    nextPoller_ = poller->laterPoller;
-    ask(*poller);
-  }
-  askingPollers_ = false;
-  askedPoller_ = nextPoller_ = nullptr;
-}
-
-bool EventLoop::RunPollers() {
-  bool any = false;
-  ForEachPoller([this, &any](Poller& poller) {
-    const bool worked = poller.Poll();
-    any |= worked;
-    if (askedPoller_ == nullptr) return;
-    if (worked) {
-      poller.idleLooks = 0;
-    } else if (++poller.idleLooks > kIdleLooks && poller.Arm()) {
-      StopPolling(poller);
-    }
-  });
-  return any;
-}
-
-// True when nobody is left who must be asked.
-bool EventLoop::ArmPollers() {
-  ForEachPoller([this](Poller& poller) {
-    if (poller.Arm()) StopPolling(poller);
-  });
-  return firstPoller_ == nullptr;
-}
-
-// --- turn's end ---
-
-void EventLoop::FlushTurn() {
-  while (firstAtTurnEnd_ != nullptr) {
-    TurnEndTask& task = *firstAtTurnEnd_;
-    DropTurnEnd(task);
-    task.OnTurnEnd();
-  }
-}
-
-void EventLoop::AtTurnEnd(TurnEndTask& task) {
-  task.earlierAtTurnEnd = lastAtTurnEnd_;
-  (lastAtTurnEnd_ != nullptr ? lastAtTurnEnd_->laterAtTurnEnd : firstAtTurnEnd_) = &task;
-  lastAtTurnEnd_ = &task;
-}
-
-void EventLoop::DropTurnEnd(TurnEndTask& task) {
-  if (task.earlierAtTurnEnd == nullptr && firstAtTurnEnd_ != &task) return;
-  (task.earlierAtTurnEnd != nullptr ? task.earlierAtTurnEnd->laterAtTurnEnd : firstAtTurnEnd_) =
-      task.laterAtTurnEnd;
-  (task.laterAtTurnEnd != nullptr ? task.laterAtTurnEnd->earlierAtTurnEnd : lastAtTurnEnd_) =
-      task.earlierAtTurnEnd;
-  task.earlierAtTurnEnd = task.laterAtTurnEnd = nullptr;
-}
-
 // --- lingers ---
-
-void EventLoop::BeginLinger(LingerTask& task) { lingering_.push_back(&task); }
-
-void EventLoop::EndLinger(LingerTask& task) {
-  lingering_.erase(std::remove(lingering_.begin(), lingering_.end(), &task), lingering_.end());
-}
-
-bool EventLoop::IsLingering(const LingerTask& task) const {
-  return std::find(lingering_.begin(), lingering_.end(), &task) != lingering_.end();
-}
 
 void EventLoop::FinishLingers() {
   const InPlace here(*this, TakeHoldAtExit());
-  if (!here) return;
-  while (!lingering_.empty()) {
-    const auto now = Clock::Now();
-    const std::vector<LingerTask*> tasks = lingering_;
-    std::vector<pollfd> ready;
-    auto wait = std::chrono::milliseconds::max();
-    for (LingerTask* task : tasks) {
-      ready.push_back({task->LingerDescriptor(), static_cast<short>(task->LingerEvents()), 0});
-      wait = std::min(wait,
-                      std::chrono::ceil<std::chrono::milliseconds>(task->LingerDeadline() - now));
-    }
-    const int timeout = static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, 2000));
-    ::poll(ready.data(), ready.size(), timeout);
-    for (std::size_t i = 0; i < tasks.size(); ++i) {
-      if (!IsLingering(*tasks[i])) continue;  // one before it has ended it, and it may be gone
-      if (tasks[i]->LingerDeadline() <= Clock::Now()) {
-        tasks[i]->AbandonLinger();
-      } else if (ready[i].revents != 0) {
-        tasks[i]->WriteLingering();
-      }
-    }
-  }
+  if (here) lingers_.Finish();
 }
 
 }  // namespace keelbase::internal

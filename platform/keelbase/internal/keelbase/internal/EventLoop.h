@@ -22,7 +22,10 @@
 #include "keelbase/CAWEventQueue.h"
 #include "keelbase/internal/BufferPool.h"
 #include "keelbase/internal/FileDescriptor.h"
+#include "keelbase/internal/IntrusiveList.h"
+#include "keelbase/internal/Lingers.h"
 #include "keelbase/internal/Mutex.h"
+#include "keelbase/internal/Pollers.h"
 #include "keelbase/internal/TimerQueue.h"
 
 namespace keelbase::internal {
@@ -40,33 +43,12 @@ class Watcher {
   ~Watcher() = default;
 };
 
-// Somebody whose input comes by memory: no descriptor shows it unless the other side was asked to
-// use one. All calls come on the loop's thread.
-class Poller {
- public:
-  virtual bool Poll() = 0;  // looks for work and does it; true when there was some
-
-  // The loop is about to sleep. True: from here on a descriptor tells of work, and there was none
-  // before; polling has ended. False: there is work.
-  virtual bool Arm() = 0;
-
-  // The loop's own: those that are asked, and how often this one had nothing to do.
-  Poller* earlierPoller = nullptr;
-  Poller* laterPoller = nullptr;
-  std::uint32_t idleLooks = 0;
-
- protected:
-  ~Poller() = default;
-};
-
 // Somebody who gathers during a turn. Called once at its end for each AtTurnEnd().
 class TurnEndTask {
  public:
   virtual void OnTurnEnd() = 0;
 
-  // The loop's own: those that wait for the turn's end.
-  TurnEndTask* earlierAtTurnEnd = nullptr;
-  TurnEndTask* laterAtTurnEnd = nullptr;
+  ListPlace<TurnEndTask> placeAtTurnEnd;  // the loop's own
 
  protected:
   ~TurnEndTask() = default;
@@ -85,19 +67,6 @@ class LoopTask {
 
  protected:
   ~LoopTask() = default;
-};
-
-// A closed connection that still has bytes to write, or waits for its peer to end.
-class LingerTask {
- public:
-  virtual int LingerDescriptor() const = 0;
-  virtual std::uint32_t LingerEvents() const { return EPOLLOUT; }  // what it waits for
-  virtual Clock::Point LingerDeadline() const = 0;
-  virtual void WriteLingering() = 0;  // calls EndLinger when done
-  virtual void AbandonLinger() = 0;   // at the deadline: calls EndLinger, or sets a later one
-
- protected:
-  ~LingerTask() = default;
 };
 
 inline constexpr std::size_t kCacheLine = 64;  // bytes
@@ -161,11 +130,11 @@ class KEELBASE_API EventLoop {
   void Unwatch(int fd, Watcher& watcher);
 
   // --- polling: loop thread ---
-  void StartPolling(Poller& poller);  // not twice
-  void StopPolling(Poller& poller);
+  void StartPolling(Poller& poller) { pollers_.Start(poller); }  // not twice
+  void StopPolling(Poller& poller) { pollers_.Stop(poller); }
 
-  void AtTurnEnd(TurnEndTask& task);  // once until it is called
-  void DropTurnEnd(TurnEndTask& task);
+  void AtTurnEnd(TurnEndTask& task) { atTurnEnd_.Append(task); }  // once until it is called
+  void DropTurnEnd(TurnEndTask& task) { atTurnEnd_.Remove(task); }
 
   TimerQueue& Timers() { return timers_; }
   void WakeForTimer();
@@ -173,8 +142,8 @@ class KEELBASE_API EventLoop {
   BufferPool& Buffers() { return buffers_; }
 
   // --- lingers ---
-  void BeginLinger(LingerTask& task);
-  void EndLinger(LingerTask& task);
+  void BeginLinger(LingerTask& task) { lingers_.Begin(task); }
+  void EndLinger(LingerTask& task) { lingers_.End(task); }
   // At the process's end: serves everybody who lingers, without serving anything else, until done
   // or out of time. On the loop's thread, or on any once the loop has stopped.
   void FinishLingers();
@@ -211,7 +180,6 @@ class KEELBASE_API EventLoop {
   void LeaveHold();
   bool Enqueue(LoopTask& task) AW_REQUIRES(mutex_);
 
-  bool IsLingering(const LingerTask& task) const;
   bool Turn(std::int64_t timeoutNs);  // below 0: for ever
   bool Dispatch();
   bool RunPosted();
@@ -226,9 +194,6 @@ class KEELBASE_API EventLoop {
   bool Spin();
   bool ServeLikely();
   bool RunPollers();
-  bool ArmPollers();
-  template <class Ask>
-  void ForEachPoller(Ask ask);
   void WaitBriefly() const;
   std::int64_t SleepTime() const;
   bool PrepareSleep();
@@ -270,15 +235,9 @@ class KEELBASE_API EventLoop {
   Watcher* recent_ = nullptr;  // the last one with input: looked at while the loop spins
   std::uint32_t likelyServed_ = 0;
 
-  Poller* firstPoller_ = nullptr;
-  Poller* lastPoller_ = nullptr;
-  bool askingPollers_ = false;
-  Poller* askedPoller_ = nullptr;  // null once it was stopped meanwhile
-  Poller* nextPoller_ = nullptr;   // to be asked after it
-
-  TurnEndTask* firstAtTurnEnd_ = nullptr;
-  TurnEndTask* lastAtTurnEnd_ = nullptr;
-  std::vector<LingerTask*> lingering_;
+  Pollers pollers_;
+  IntrusiveList<TurnEndTask, &TurnEndTask::placeAtTurnEnd> atTurnEnd_;
+  Lingers lingers_;
   TimerQueue timers_;
   BufferPool buffers_;
 };

@@ -1,0 +1,41 @@
+// Lingers.h - closed connections that are not done yet.
+#pragma once
+
+#include <sys/epoll.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "keelbase/CAWDefines.h"
+#include "keelbase/internal/Clock.h"
+
+namespace keelbase::internal {
+
+// A closed connection that still has bytes to write, or waits for its peer to end.
+class LingerTask {
+ public:
+  virtual int LingerDescriptor() const = 0;
+  virtual std::uint32_t LingerEvents() const { return EPOLLOUT; }  // what it waits for
+  virtual Clock::Point LingerDeadline() const = 0;
+  virtual void WriteLingering() = 0;  // calls EndLinger when done
+  virtual void AbandonLinger() = 0;   // at the deadline: calls EndLinger, or sets a later one
+
+ protected:
+  ~LingerTask() = default;
+};
+
+class KEELBASE_API Lingers {
+ public:
+  void Begin(LingerTask& task) { tasks_.push_back(&task); }
+  void End(LingerTask& task);
+
+  // Serves everybody, and nothing else, until done or out of time.
+  void Finish();
+
+ private:
+  bool Contains(const LingerTask& task) const;
+
+  std::vector<LingerTask*> tasks_;
+};
+
+}  // namespace keelbase::internal
