@@ -210,6 +210,7 @@ bool EventLoop::ServeLikely() {
 // to others between looks, since the peer may need this very one.
 bool EventLoop::Spin() {
   using std::chrono::microseconds;
+  if (ServeLikely()) return true;
   const auto start = std::chrono::steady_clock::now();
   const auto end = start + microseconds(spin_.load(std::memory_order_relaxed));
   auto now = start;
