@@ -8,6 +8,38 @@ namespace ptcp {
 
 namespace {
 
+// As RFC 9000 numbers them.
+enum FrameType : std::uint64_t {
+  kPadding = 0x00,
+  kPing = 0x01,
+  kAck = 0x02,
+  kAckWithCounts = 0x03,
+  kResetStream = 0x04,
+  kStopSending = 0x05,
+  kCrypto = 0x06,
+  kFirstStream = 0x08,
+  kLastStream = 0x0f,
+  kMaxData = 0x10,
+  kMaxStreamData = 0x11,
+  kMaxStreamsBothWays = 0x12,
+  kMaxStreamsOneWay = 0x13,
+  kDataBlocked = 0x14,
+  kStreamDataBlocked = 0x15,
+  kStreamsBlockedBothWays = 0x16,
+  kStreamsBlockedOneWay = 0x17,
+  kNewConnectionId = 0x18,
+  kRetireConnectionId = 0x19,
+  kPathChallenge = 0x1a,
+  kPathResponse = 0x1b,
+  kCloseByTransport = 0x1c,
+  kCloseByApplication = 0x1d,
+  kHandshakeDone = 0x1e,
+};
+
+// Flags of the stream frames.
+constexpr std::uint64_t kHasOffset = 0x04;
+constexpr std::uint64_t kHasLength = 0x02;
+
 // Takes numbers and stretches from the front; once something is missing all is.
 class Reader {
  public:
@@ -57,8 +89,8 @@ void SkipAcknowledgement(Reader& reader, bool withCounts) {
 
 void SkipStream(Reader& reader, std::uint64_t type) {
   reader.Number();
-  if ((type & 0x04) != 0) reader.Number();
-  if ((type & 0x02) != 0) {
+  if ((type & kHasOffset) != 0) reader.Number();
+  if ((type & kHasLength) != 0) {
     reader.Skip(reader.Number());
   } else {
     reader.SkipAll();
@@ -76,51 +108,49 @@ bool IsPlainNewId(Reader& reader) {
 
 bool SkipFrame(Reader& reader) {
   const std::uint64_t type = reader.Number();
-  if (type >= 0x08 && type <= 0x0f) {
+  if (type >= kFirstStream && type <= kLastStream) {
     SkipStream(reader, type);
     return true;
   }
   switch (type) {
-    case 0x00:  // padding
-    case 0x01:  // ping
-    case 0x1e:  // the handshake is done
+    case kPadding:
+    case kPing:
+    case kHandshakeDone:
       return true;
-    case 0x02:
-    case 0x03:
-      SkipAcknowledgement(reader, type == 0x03);
+    case kAck:
+    case kAckWithCounts:
+      SkipAcknowledgement(reader, type == kAckWithCounts);
       return true;
-    case 0x04:  // refused by the connection, which tells the peer
+    case kResetStream:  // refused by the connection, which tells the peer
       reader.Numbers(3);
       return true;
-    case 0x05:
+    case kStopSending:
+    case kMaxStreamData:
+    case kStreamDataBlocked:
       reader.Numbers(2);
       return true;
-    case 0x06:
+    case kMaxData:
+    case kMaxStreamsBothWays:
+    case kMaxStreamsOneWay:
+    case kDataBlocked:
+    case kStreamsBlockedBothWays:
+    case kStreamsBlockedOneWay:
+    case kRetireConnectionId:
+      reader.Number();
+      return true;
+    case kCrypto:
       reader.Number();
       reader.Skip(reader.Number());
       return true;
-    case 0x11:
-    case 0x15:
-      reader.Numbers(2);
-      return true;
-    case 0x10:
-    case 0x12:
-    case 0x13:
-    case 0x14:
-    case 0x16:
-    case 0x17:
-    case 0x19:
-      reader.Number();
-      return true;
-    case 0x18:
+    case kNewConnectionId:
       return IsPlainNewId(reader);
-    case 0x1a:
-    case 0x1b:
+    case kPathChallenge:
+    case kPathResponse:
       reader.Skip(8);
       return true;
-    case 0x1c:
-    case 0x1d:
-      reader.Numbers(type == 0x1c ? 2 : 1);
+    case kCloseByTransport:
+    case kCloseByApplication:
+      reader.Numbers(type == kCloseByTransport ? 2 : 1);
       reader.Skip(reader.Number());
       return true;
     default:

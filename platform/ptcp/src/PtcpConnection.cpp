@@ -260,28 +260,37 @@ std::uint64_t PtcpConnection::UpdateFairWindow(Time now) {
   return fairWindow_.Room(path.inFlight);
 }
 
+// What the next packet may take of the stream: nothing, bytes, or its end.
+struct PtcpConnection::Offer {
+  std::int64_t stream = -1;
+  std::uint32_t flags = NGTCP2_WRITE_STREAM_FLAG_NONE;
+  std::array<ngtcp2_vec, 2> pieces{};
+  std::size_t count = 0;
+};
+
+PtcpConnection::Offer PtcpConnection::MakeOffer(bool room) {
+  Offer offer;
+  const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_ && room &&
+                        sent_ - out_.Begin() < kMostUnacknowledged;
+  if (!mayWrite || (Unsent() == 0 && !finishing_)) return offer;
+  offer.stream = stream_;
+  for (std::uint64_t at = sent_; at != out_.End() && offer.count < offer.pieces.size();) {
+    const std::span<char> piece = out_.View(at);
+    offer.pieces[offer.count++] = {reinterpret_cast<std::uint8_t*>(piece.data()), piece.size()};
+    at += piece.size();
+  }
+  if (Unsent() == 0) offer.flags = NGTCP2_WRITE_STREAM_FLAG_FIN;
+  return offer;
+}
+
 // False when there is nothing more to send for now. What is sent again needs no room.
 bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) {
   std::array<std::uint8_t, kLargestInside> packet;
-  std::array<ngtcp2_vec, 2> pieces;
-  std::size_t count = 0;
-  std::int64_t stream = -1;
-  std::uint32_t flags = NGTCP2_WRITE_STREAM_FLAG_NONE;
-  const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_ && total < room &&
-                        sent_ - out_.Begin() < kMostUnacknowledged;
-  if (mayWrite && (Unsent() != 0 || finishing_)) {
-    stream = stream_;
-    for (std::uint64_t at = sent_; at != out_.End() && count < pieces.size(); ++count) {
-      const std::span<char> piece = out_.View(at);
-      pieces[count] = {reinterpret_cast<std::uint8_t*>(piece.data()), piece.size()};
-      at += piece.size();
-    }
-    if (Unsent() == 0) flags = NGTCP2_WRITE_STREAM_FLAG_FIN;
-  }
+  const Offer offer = MakeOffer(total < room);
   ngtcp2_ssize taken = -1;
   const ngtcp2_ssize length =
       ngtcp2_conn_writev_stream(conn_, nullptr, nullptr, packet.data(), packet.size(), &taken,
-                                flags, stream, pieces.data(), count, now);
+                                offer.flags, offer.stream, offer.pieces.data(), offer.count, now);
   if (length == NGTCP2_ERR_STREAM_DATA_BLOCKED) return blocked_ = true;
   if (length < 0) {
     Ended(static_cast<int>(length), now);
@@ -289,7 +298,7 @@ bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) 
   }
   if (taken >= 0) {
     sent_ += static_cast<std::uint64_t>(taken);
-    if ((flags & NGTCP2_WRITE_STREAM_FLAG_FIN) != 0) finishSent_ = true;
+    if (offer.flags == NGTCP2_WRITE_STREAM_FLAG_FIN) finishSent_ = true;
   }
   if (length == 0) return false;
   total += static_cast<std::size_t>(length);

@@ -105,6 +105,8 @@ class PtcpConnection {
   void OpenStream();
   void Ended(int error, Time now);
   void SendClose(const void* closeError, Time now);
+  struct Offer;
+  Offer MakeOffer(bool room);
   bool WriteOne(Time now, std::uint64_t room, std::size_t& total);
   std::uint64_t UpdateFairWindow(Time now);
   void CountAndSend(Bytes datagram);
