@@ -38,8 +38,9 @@ int TlsBio::Read(BIO* bio, char* data, std::size_t length, std::size_t* count) {
 
 int TlsBio::Write(BIO* bio, const char* data, std::size_t length, std::size_t* count) {
   BIO_clear_retry_flags(bio);
-  *count = Stream(bio).WriteBelow(data, length);
-  return *count != 0 ? 1 : -1;
+  Stream(bio).WriteBelow(data, length);
+  *count = length;
+  return 1;
 }
 
 }  // namespace sslutils::internal

@@ -30,15 +30,9 @@ using keelbase::internal::kReadSize;
 
 namespace {
 
-constexpr std::size_t kRecord = SSL3_RT_MAX_PLAIN_LENGTH;  // 16 KiB
-
-// A peer can ask for new keys again and again, and read none of the answers: behind so much that
-// waits for room nothing more is read.
-constexpr std::size_t kMostRest = 2 * kRecord;
-
 // Of what had waited for the end of the connection: a request for new keys is short, and costs as
 // much as a record.
-constexpr std::size_t kMostATurn = kRecord;
+constexpr std::size_t kMostATurn = kRecordSize;
 
 }  // namespace
 
@@ -46,7 +40,11 @@ void SslFree::operator()(ssl_st* ssl) const { SSL_free(ssl); }
 
 TlsStream::TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTransport> lower,
                      SslPtr ssl)
-    : loop_(loop), lower_(std::move(lower)), ssl_(std::move(ssl)), readSize_(kReadSize) {
+    : loop_(loop),
+      lower_(std::move(lower)),
+      ssl_(std::move(ssl)),
+      readSize_(kReadSize),
+      writer_(ssl_.get(), *lower_, counters_) {
   BIO* const bio = TlsBio::Make(*this);
   SSL_set_bio(ssl_.get(), bio, bio);
 }
@@ -80,10 +78,10 @@ void TlsStream::Start(std::chrono::milliseconds limit, Done done) {
 void TlsStream::ShakeHands() {
   ERR_clear_error();
   const int result = SSL_do_handshake(ssl_.get());
-  if (result == 1) return Established(writeError_);
+  if (result == 1) return Established(writer_.GetError());
   switch (SSL_get_error(ssl_.get(), result)) {
     case SSL_ERROR_WANT_READ:
-      if (writeError_ != 0) return Established(writeError_);
+      if (writer_.GetError() != 0) return Established(writer_.GetError());
       if (lowerEnded_) Established(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
       return;
     case SSL_ERROR_ZERO_RETURN:
@@ -137,7 +135,8 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
 
 void TlsStream::OnRoom() {
   const CAWAutoPtr<TlsStream> alive(this);
-  WriteRest();
+  const bool well = writer_.WriteRest();
+  if (!well && state_ == State::closing) CloseNow();
   if (state_ == State::closing) return Drain();
   GoOnWriting();
   Pump();  // what the answers had held up
@@ -165,7 +164,7 @@ void TlsStream::EndOfLower() {
   turnRead_ = 0;
   Pump();
   if (state_ == State::open && turnRead_ >= kMostATurn) return EndNextTurn();
-  if (writeError_ != 0) return End(writeError_);
+  if (writer_.GetError() != 0) return End(writer_.GetError());
   End(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
 }
 
@@ -186,9 +185,9 @@ void TlsStream::OnTurnEnd() {
   const CAWAutoPtr<TlsStream> alive(this);
   dirty_ = false;
   if (state_ == State::shaking) return ShakeHands();
-  FlushGather();
+  writer_.Flush();
   if (state_ != State::open) return;
-  if (failed_) lowerEnded_ = true;
+  if (writer_.HasFailed()) lowerEnded_ = true;
   if (lowerEnded_) return EndOfLower();
   Pump();
 }
@@ -215,8 +214,7 @@ bool TlsStream::MayRead() const {
 }
 
 bool TlsStream::AnswersWait() const {
-  const bool willGoOut = !lowerEnded_ && !lastWritten_ && writeError_ == 0;
-  return state_ != State::shaking && willGoOut && rest_.GetLength() >= kMostRest;
+  return state_ != State::shaking && !lowerEnded_ && writer_.IsFull();
 }
 
 void TlsStream::Pump() {
@@ -232,8 +230,8 @@ void TlsStream::Pump() {
   }
   pumping_ = false;
   if (state_ != State::open) return;
-  ReadLower(WantsBytes());
-  if (writeBlocked_) GoOnWriting();
+  Written();  // reading may have brought about answers
+  if (writer_.WaitsForPeer()) GoOnWriting();
 }
 
 // Decrypts as much as one event may bring and delivers it. False when there is nothing to go on
@@ -304,150 +302,47 @@ void TlsStream::ReadLower(bool read) {
 
 // --- sending ---
 
-// Takes all, always: OpenSSL would have to be given the same record again, and ends the connection
-// when the peer asks for new keys in between. When writing has failed, what comes is dropped, and
-// what the peer has sent can still be read: OpenSSL reads nothing behind a request for new keys
-// that it cannot answer. What comes behind bytes that are lost is not written: the peer must see
-// that they are missing. Nothing follows our end, as OpenSSL's answers would to a peer that goes
-// on.
-std::size_t TlsStream::WriteBelow(const char* data, std::size_t length) {
-  if (writeError_ != 0 || lastWritten_) return length;
-  CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
-  if (rest_.IsEmpty() && !lowerEnded_ && !SendBelow(block)) return length;
-  if (block.GetLength() == 0) return length;
-  try {
-    rest_.AddBytes(block, kRecord);
-    NoteQueued();
-  } catch (const std::bad_alloc&) {
-    FailWriting(ENOMEM);
-  }
-  return length;
-}
-
-bool TlsStream::SendBelow(CAWMessageBlock& chain) {
-  const AWResult result = lower_->Send(chain);
-  if (result == AW_OK || result == AW_ERROR_PARTIAL_DATA) return true;
-  // That it has ended the transport below tells; that it finds no memory it does not.
-  if (result == AW_ERROR_FAILURE) {
-    FailWriting(static_cast<long>(result));
-  } else if (writeError_ == 0) {
-    writeError_ = static_cast<long>(result);
-  }
-  return false;
-}
-
-void TlsStream::WriteRest() {
-  if (rest_.IsEmpty()) return;
-  const bool well = SendBelow(*rest_.GetFirst());
-  rest_.DropRead(rest_.GetLength() - rest_.GetFirst()->GetChainedLength());
-  if (!well && state_ == State::closing) CloseNow();
+void TlsStream::WriteBelow(const char* data, std::size_t length) {
+  writer_.WriteBelow(data, length, lowerEnded_);
 }
 
 AWResult TlsStream::Send(CAWMessageBlock& chain) {
   loop_.CheckCurrent("a transport's SendData");
   if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
-  if (writeError_ != 0) return static_cast<AWResult>(writeError_);
+  if (writer_.GetError() != 0) return static_cast<AWResult>(writer_.GetError());
   if (state_ == State::ended) return AW_ERROR_FAILURE;
   std::size_t taken = 0;
   bool all = true;
   for (CAWMessageBlock* block = &chain; block != nullptr && all; block = block->GetNext()) {
     while (all && block->GetLength() != 0) {
-      const std::size_t count = TakeSome(*block);
+      const std::size_t count = writer_.Take(*block);
       taken += count;
       all = count != 0;
     }
   }
+  if (taken != 0 && writer_.Gathered() != 0) WantTurnEnd();
+  Written();
   if (taken != 0) ++counters_.blocksSent;
   counters_.bytesSent += taken;
   if (all) return AW_OK;
-  if (taken == 0 && writeError_ != 0) return static_cast<AWResult>(writeError_);
+  if (taken == 0 && writer_.GetError() != 0) return static_cast<AWResult>(writer_.GetError());
   ++counters_.partialSends;
   roomWanted_ = true;
   return AW_ERROR_PARTIAL_DATA;
 }
 
-// Takes bytes up to the end of a record; 0 when it can take none now. Records that fill up from the
-// caller's own bytes are encrypted where those lie.
-std::size_t TlsStream::TakeSome(CAWMessageBlock& block) {
-  std::size_t count = block.GetLength();
-  if (Gathered() == 0 && count >= kRecord) {
-    if (IsBlocked() || writeError_ != 0) return 0;
-    WriteRecord(block.GetReadPtr(), kRecord);
-    if (writeError_ != 0) return 0;
-    block.AdvanceReadPtr(kRecord);
-    return kRecord;
-  }
-  if (Gathered() == kRecord && !FlushGather()) return 0;
-  if (gather_ == nullptr) {
-    try {
-      gather_ = std::make_unique<CAWMessageBlock>(kRecord);
-    } catch (const std::bad_alloc&) {
-      FailWriting(ENOMEM);
-      return 0;
-    }
-  }
-  count = std::min(count, gather_->GetSpace());
-  gather_->Write(block.GetReadPtr(), count);
-  block.AdvanceReadPtr(count);
-  if (Gathered() == kRecord) FlushGather();
-  WantTurnEnd();
-  return count;
-}
-
-// False when a record is waiting before it.
-bool TlsStream::FlushGather() {
-  if (IsBlocked() || writeError_ != 0) return false;
-  if (Gathered() == 0) return true;
-  const auto record = std::move(gather_);
-  WriteRecord(record->GetReadPtr(), record->GetLength());
-  return true;
-}
-
-// What OpenSSL must read before it writes is read also for an owner who has stopped.
-void TlsStream::WriteRecord(const char* data, std::size_t length) {
-  std::size_t count = 0;
-  ERR_clear_error();
-  const int result = SSL_write_ex(ssl_.get(), data, length, &count);
-  const int error = SSL_get_error(ssl_.get(), result);
-  writeBlocked_ = error == SSL_ERROR_WANT_READ;
+// What OpenSSL must read before it writes is read also for an owner who has stopped. That writing
+// has failed is told at the turn's end, never from inside a call of the owner.
+void TlsStream::Written() {
   if (state_ == State::open) ReadLower(WantsBytes());
-  switch (error) {
-    case SSL_ERROR_NONE:
-      ++counters_.systemCallsSent;
-      return;
-    case SSL_ERROR_WANT_READ:
-      return KeepPending(data, length);
-    default:
-      return FailWriting(ReasonOfRecordFailure());
-  }
-}
-
-void TlsStream::KeepPending(const char* data, std::size_t length) {
-  try {
-    pending_ = std::make_unique<CAWMessageBlock>(length);
-    pending_->Write(data, length);
-    NoteQueued();
-  } catch (const std::bad_alloc&) {
-    FailWriting(ENOMEM);
-  }
-}
-
-void TlsStream::FailWriting(long reason) {
-  if (writeError_ == 0) writeError_ = reason;
-  failed_ = true;
-  WantTurnEnd();
-}
-
-void TlsStream::WritePending() {
-  if (pending_ == nullptr || writeError_ != 0) return;
-  const auto record = std::move(pending_);
-  WriteRecord(record->GetReadPtr(), record->GetLength());
+  if (writer_.HasFailed() && !lowerEnded_) WantTurnEnd();
 }
 
 void TlsStream::GoOnWriting() {
-  WritePending();
-  FlushGather();
-  if (!IsBlocked() && roomWanted_) TellRoom();
+  writer_.WritePending();
+  writer_.Flush();
+  Written();
+  if (!writer_.IsBlocked() && roomWanted_) TellRoom();
 }
 
 void TlsStream::WantTurnEnd() {
@@ -465,21 +360,9 @@ CAWSSLInfo TlsStream::GetInfo() const {
   return info;
 }
 
-std::uint64_t TlsStream::Queued() const {
-  keelbase::CAWTransportCounters lower;
-  lower_->GetOption(keelbase::AW_OPT_COUNTERS, &lower);
-  const std::uint64_t pending = pending_ == nullptr ? 0 : pending_->GetLength();
-  return Gathered() + pending + rest_.GetLength() + lower.queuedBytes;
-}
-
-// Where much comes together, but not for each message.
-void TlsStream::NoteQueued() {
-  counters_.queuedHighMark = std::max(counters_.queuedHighMark, Queued());
-}
-
 keelbase::CAWTransportCounters TlsStream::GetCounters() const {
   keelbase::CAWTransportCounters counters = counters_;
-  counters.queuedBytes = Queued();
+  counters.queuedBytes = writer_.Queued();
   counters.queuedHighMark = std::max(counters.queuedHighMark, counters.queuedBytes);
   return counters;
 }

@@ -27,7 +27,7 @@ void TlsStream::Disconnect() {
   done_ = nullptr;
   timer_.reset();
   state_ = State::closing;
-  if (!established || writeError_ != 0) return CloseNow();
+  if (!established || writer_.GetError() != 0) return CloseNow();
   if (lowerEnded_) return LeaveToLower();
   try {
     WriteLast();
@@ -49,16 +49,14 @@ void TlsStream::Disconnect() {
 // Encrypts no more than there is room for below: that may be little of very much. In the middle of
 // a message of the peer's TLS nothing can be written, not even the end.
 void TlsStream::WriteLast() {
-  WritePending();
+  writer_.WritePending();
   while (!lingerData_.IsEmpty()) {
-    const std::size_t count = TakeSome(*lingerData_.GetFirst());
+    const std::size_t count = writer_.Take(*lingerData_.GetFirst());
     if (count == 0) return;
     lingerData_.DropRead(count);
   }
-  FlushGather();
-  if (Gathered() != 0 || pending_ != nullptr || writeError_ != 0 || lastWritten_) return;
-  ERR_clear_error();
-  lastWritten_ = SSL_shutdown(ssl_.get()) >= 0;
+  writer_.Flush();
+  writer_.WriteEnd();
 }
 
 // A connection that is closed with bytes of the peer unread is reset, and what we wrote last may be
@@ -72,15 +70,18 @@ void TlsStream::Drain() {
   const int error = SSL_get_error(ssl_.get(), result);
   peerEnded_ = peerEnded_ || error == SSL_ERROR_ZERO_RETURN;
   const bool broken = error != SSL_ERROR_WANT_READ && !peerEnded_;
-  if (!broken && !lastWritten_) WriteLast();  // what was in its way may have been read now
-  if (broken || writeError_ != 0 || (peerEnded_ && lastWritten_)) return CloseNow();
+  if (!broken && !writer_.HasEnded()) WriteLast();  // what was in its way may have been read now
+  const bool done = peerEnded_ && writer_.HasEnded();
+  if (broken || done || writer_.GetError() != 0) return CloseNow();
   ReadLower(!AnswersWait());
 }
 
 // Nobody will tell of room any more: the transport below is given all that is left.
 void TlsStream::LeaveToLower() {
-  leaving_ = lingerMs_ != 0 && endReason_ == 0;
-  if (leaving_) WriteLast();
+  if (lingerMs_ != 0 && endReason_ == 0) {
+    writer_.ExpectNoRoom();
+    WriteLast();
+  }
   CloseNow();
 }
 
@@ -99,10 +100,9 @@ void TlsStream::CloseNow(std::uint32_t lingerMs) {
   sink_ = nullptr;
   if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
   lower_->SetOption(keelbase::AW_OPT_LINGER, &lingerMs);
-  if (!rest_.IsEmpty()) lower_->SetOption(keelbase::AW_OPT_LINGER_DATA, rest_.GetFirst());
+  writer_.LeaveToLower();
   lower_->Disconnect();
-  for (auto* chain : {&kept_, &lingerData_, &rest_}) chain->Clear();
-  for (auto* record : {&gather_, &pending_}) record->reset();
+  for (auto* chain : {&kept_, &lingerData_}) chain->Clear();
   timer_.reset();
   if (self_) loop_.EndLinger(*this);
   const CAWAutoPtr<TlsStream> last(std::move(self_));

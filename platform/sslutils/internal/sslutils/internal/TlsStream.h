@@ -16,6 +16,7 @@
 #include "sslutils/CAWSSLTransport.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/OwnedChain.h"
+#include "sslutils/internal/TlsWriter.h"
 
 struct ssl_st;
 
@@ -27,10 +28,8 @@ struct SslFree {
 using SslPtr = std::unique_ptr<ssl_st, SslFree>;
 
 // Plain bytes go in and out as with a StreamSocket, whose operations it has; below it, records.
-// OpenSSL reads the received bytes where they lie and gives its records straight to the transport
-// below, so that nothing is kept here but a record that is being filled or cannot be written yet,
-// what found no room below, and what one event had brought when reading stopped. Loop thread only,
-// but for the count.
+// OpenSSL reads the received bytes where they lie, so that nothing of them is kept here but what
+// one event had brought when reading stopped. Loop thread only, but for the count.
 class SSLUTILS_API TlsStream final
     : public keelbase::CAWReferenceControlT<keelbase::CAWMutexThread>,
       private ByteSink,
@@ -77,7 +76,7 @@ class SSLUTILS_API TlsStream final
   // OpenSSL's side.
   friend class TlsBio;
   std::size_t ReadBelow(char* data, std::size_t length);
-  std::size_t WriteBelow(const char* data, std::size_t length);
+  void WriteBelow(const char* data, std::size_t length);
 
   void ShakeHands();
   void Established(long reason);
@@ -92,25 +91,14 @@ class SSLUTILS_API TlsStream final
   bool AnswersWait() const;
   void StopReading(bool stop);
   // What OpenSSL does not take would only be kept here.
-  bool WantsBytes() const { return (reading_ || writeBlocked_) && !AnswersWait(); }
+  bool WantsBytes() const { return (reading_ || writer_.WaitsForPeer()) && !AnswersWait(); }
   void ReadLower(bool read);
 
-  std::size_t TakeSome(keelbase::CAWMessageBlock& block);
-  bool SendBelow(keelbase::CAWMessageBlock& chain);
-  void WriteRest();
-  void WriteRecord(const char* data, std::size_t length);
-  void WritePending();
-  void KeepPending(const char* data, std::size_t length);
-  void FailWriting(long reason);
-  bool FlushGather();
   void GoOnWriting();
-  std::size_t Gathered() const { return gather_ == nullptr ? 0 : gather_->GetLength(); }
-  bool IsBlocked() const { return pending_ != nullptr || (!rest_.IsEmpty() && !leaving_); }
+  void Written();
   void WantTurnEnd();
   keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   CAWSSLInfo GetInfo() const;
-  std::uint64_t Queued() const;
-  void NoteQueued();
   keelbase::CAWTransportCounters GetCounters() const;
 
   void WriteLast();
@@ -140,24 +128,16 @@ class SSLUTILS_API TlsStream final
   std::size_t turnRead_ = 0;  // since what waited for the end is read
   std::size_t readSize_;
 
-  std::unique_ptr<keelbase::CAWMessageBlock> gather_;   // a record that is being filled
-  std::unique_ptr<keelbase::CAWMessageBlock> pending_;  // one that OpenSSL has not taken yet
-  OwnedChain rest_;                                     // encrypted; found no room below
-  bool writeBlocked_ = false;                           // writing goes on when bytes have come
-  bool lastWritten_ = false;                            // our end has gone out
-  bool leaving_ = false;                                // no more room will be told
-  bool roomWanted_ = false;                             // 10013 was answered
-  bool dirty_ = false;                                  // OnTurnEnd is due
-  long writeError_ = 0;                                 // nothing more can be sent
-  bool failed_ = false;                                 // and the transport below does not know
+  keelbase::CAWTransportCounters counters_;
+  TlsWriter writer_;
+  bool roomWanted_ = false;  // 10013 was answered
+  bool dirty_ = false;       // OnTurnEnd is due
 
   std::uint32_t lingerMs_ = 2000;
   OwnedChain lingerData_;  // plain until there is room below
   keelbase::internal::Clock::Point lingerBegin_{};
   std::unique_ptr<keelbase::internal::Timer> timer_;  // of handshake, end, linger
   keelbase::CAWAutoPtr<TlsStream> self_;              // held while lingering
-
-  keelbase::CAWTransportCounters counters_;
 };
 
 }  // namespace sslutils::internal
