@@ -85,6 +85,16 @@ class BadServers(RestTest):
         result = self.run_tool("rest", server.url(), "--file", body)
         self.assertEqual((result.stdout, result.stderr), ("status 413\ntoo large\n", ""))
 
+    def test_answer_without_a_length_of_one_that_ends_and_does_not_read_the_body(self):
+        def handle(connection, _):
+            connection.recv(1000)
+            connection.sendall(b"HTTP/1.0 503 Busy\r\n\r\nbusy")
+            connection.shutdown(socket.SHUT_WR)
+        body = self.write("body", b"x" * (8 << 20))
+        server = self.serve(handle, early=True)
+        result = self.run_tool("rest", server.url(), "--file", body)
+        self.assertEqual((result.stdout, result.stderr), ("status 503\nbusy\n", ""))
+
     def test_end_in_the_middle(self):
         for wire in (b"", b"HTTP/1.1 200", b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf",
                      b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n",

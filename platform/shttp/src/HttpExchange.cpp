@@ -204,15 +204,19 @@ void HttpExchange::OnBytes(CAWMessageBlock& chain) {
   if (reader_->IsWhole()) Finish(reader_->GetStatus());
 }
 
+// Linux tells of a reset that comes behind the peer's end by EPIPE: what the peer had to say is
+// whole then. Over TLS only the peer's own word says so.
 void HttpExchange::OnEnd(long reason) {
-  if (reason != 0) return Finish(ResultOfEnd(reason));
+  const bool peerEnded = reason == 0 || (reason == EPIPE && !url_.tls);
+  if (!peerEnded) return Finish(ResultOfEnd(reason));
   int error = 0;
   try {
     error = reader_->End();
   } catch (const std::bad_alloc&) {
     error = ENOMEM;
   }
-  Finish(error == 0 ? reader_->GetStatus() : -error);
+  if (error == 0) return Finish(reader_->GetStatus());
+  Finish(reason == 0 ? -error : ResultOfEnd(reason));
 }
 
 // Nothing is told from inside an operation of the user's. Happens once at most.
