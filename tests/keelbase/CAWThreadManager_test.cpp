@@ -283,6 +283,50 @@ TEST(CAWThreadManager, WhatWasGatheredInTheTurnThatEndsTheProcessIsWritten) {
   }
 }
 
+class SayingLinger final : public internal::LingerTask {
+ public:
+  explicit SayingLinger(internal::EventLoop& loop) : loop_(loop) {}
+
+ private:
+  int LingerDescriptor() const override { return STDERR_FILENO; }
+  internal::Clock::Point LingerDeadline() const override {
+    return internal::Clock::Now() + std::chrono::seconds(20);
+  }
+  void WriteLingering() override {
+    std::fputs("[written]", stderr);
+    loop_.EndLinger(*this);
+  }
+  void AbandonLinger() override { loop_.EndLinger(*this); }
+
+  internal::EventLoop& loop_;
+};
+
+TEST(CAWThreadManager, WhatLingersIsWrittenAlsoWhenTheLoopStopsWhileTheProcessEnds) {
+  if (ChildTest::Role() == "stopping") {
+    std::promise<CAWThread*> inside;
+    std::atomic<bool> exiting{false};
+    std::thread([&inside, &exiting] {
+      Manager().AdoptCurrentThread(CAWThreadManager::TT_NETWORK);
+      CAWThread* network = Manager().GetThread(CAWThreadManager::TT_NETWORK);
+      SayingLinger linger(network->GetLoop());
+      network->Post([&] {
+        network->GetLoop().BeginLinger(linger);
+        inside.set_value(network);
+        while (!exiting) std::this_thread::yield();
+        for (int i = 0; i < 100000; ++i) std::this_thread::yield();
+      });
+      network->Run();
+      for (;;) ::pause();
+    }).detach();
+    inside.get_future().get()->Stop();
+    exiting = true;
+    std::exit(7);
+  }
+  ChildTest child("stopping");
+  EXPECT_EQ(child.Wait(), 7);
+  EXPECT_NE(child.GetErrors().find("[written]"), std::string::npos) << child.GetErrors();
+}
+
 TEST(CAWThreadManager, NothingStartsOnceTheProcessEnds) {
   if (ChildTest::Role() == "late") {
     std::atexit([] {

@@ -46,6 +46,41 @@ Slots& TheSlots() { return internal::Immortal<Slots>(); }
 
 }  // namespace
 
+namespace {
+
+// Serves what lingers on a loop's thread. Stays alive until the loop has run or dropped it.
+class FinishThere final : public internal::LoopTask {
+ public:
+  // False: the loop has stopped meanwhile, and nothing was served.
+  static std::future<bool> Post(internal::EventLoop& loop) {
+    const auto task = std::make_shared<FinishThere>(loop);
+    auto served = task->served_.get_future();
+    task->self_ = task;
+    if (!loop.PostTask(*task)) task->OnDropped();
+    return served;
+  }
+
+  explicit FinishThere(internal::EventLoop& loop) : loop_(loop) {}
+
+ private:
+  void OnLoopTask() override {
+    loop_.FinishLingers();
+    Tell(true);
+  }
+  void OnDropped() override { Tell(false); }
+
+  void Tell(bool served) {
+    const auto last = std::move(self_);
+    served_.set_value(served);
+  }
+
+  internal::EventLoop& loop_;
+  std::promise<bool> served_;
+  std::shared_ptr<FinishThere> self_;
+};
+
+}  // namespace
+
 // Lets what was sent be written, also on threads that were adopted.
 class ThreadCleanUp final : public CAWCleanUpBase {
  public:
@@ -63,16 +98,12 @@ class ThreadCleanUp final : public CAWCleanUpBase {
  private:
   static void FinishLingers(CAWThread& thread) {
     internal::EventLoop& loop = thread.GetLoop();
-    auto done = std::make_shared<std::promise<void>>();
-    const auto finish = [&loop, done] {
-      loop.FinishLingers();
-      done->set_value();
-    };
-    if (loop.IsRunning() && thread.Post(finish) == AW_OK) {
-      done->get_future().wait_for(std::chrono::seconds(3));  // that thread may hang for good
-    } else {
-      loop.FinishLingers();
+    if (loop.IsRunning()) {
+      auto served = FinishThere::Post(loop);
+      const auto told = served.wait_for(std::chrono::seconds(3));
+      if (told != std::future_status::ready || served.get()) return;  // it may hang for good
     }
+    loop.FinishLingers();
   }
 };
 
