@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <string>
 #include <thread>
 
 #include "LoopThread.h"
@@ -115,6 +117,68 @@ TEST(EventLoop, RunBeginsWhenNobodyWorksInPlaceAnyMore) {
     loop.Run();
     poster.join();
     EXPECT_FALSE(beside);
+  });
+}
+
+TEST(EventLoop, NewRunTakesWorkAlthoughWhoeverWasInPlaceHasEndedTheLoopMeanwhile) {
+  WithLoop([](EventLoop& loop) {
+    EndLoop(loop);
+    std::atomic<bool> inside{false};
+    std::thread ender([&] {
+      loop.Call([&] {
+        inside = true;
+        Opening opening;
+        opening.WaitFor(loop);
+        loop.DropPosted();
+      });
+    });
+    WaitFor(inside);
+    AWResult posted = AW_ERROR_FAILURE;
+    Timer timer(loop);
+    timer.Start(std::chrono::microseconds(1), 1, [&] {
+      posted = loop.Post(new FunctionEvent([] {}));
+      loop.Stop();
+    });
+    loop.Run();
+    ender.join();
+    EXPECT_EQ(posted, AW_OK);
+  });
+}
+
+class Note final : public LoopTask {
+ public:
+  Note(std::string& log, char name, bool outlasts) : log_(log), name_(name), outlasts_(outlasts) {}
+
+ private:
+  void OnLoopTask() override { log_ += name_; }
+  void OnDropped() override { (log_ += "-") += name_; }
+  bool OutlastsRun() const override { return outlasts_; }
+
+  std::string& log_;
+  const char name_;
+  const bool outlasts_;
+};
+
+TEST(EventLoop, WhatWaitsForTheNextRunIsNotDoneByWhoeverWorksInPlace) {
+  WithLoop([](EventLoop& loop) {
+    EndLoop(loop);
+    std::string log;
+    Note first(log, '1', false), kept(log, 'k', true), second(log, '2', false),
+        last(log, 'l', true);
+    loop.Call([&] {
+      std::thread([&] {
+        loop.HandOver(first);
+        loop.PostTask(kept);
+        loop.HandOver(second);
+        loop.PostTask(last);
+      }).join();
+    });
+    EXPECT_EQ(log, "12");
+    loop.Call([] {});
+    EXPECT_EQ(log, "12");
+    loop.Post(new FunctionEvent([&] { loop.Post(new FunctionEvent([&] { loop.Stop(); })); }));
+    loop.Run();
+    EXPECT_EQ(log, "12kl");
   });
 }
 

@@ -74,12 +74,13 @@ bool EventLoop::TakeHold() {
   return TryHold();
 }
 
-// The same. False, too, when whoever works in place does not end soon.
+// The same. False, too, when whoever works in place does not end soon: that is found out once.
 bool EventLoop::TakeHoldAtExit() {
   const auto end = std::chrono::system_clock::now() + std::chrono::seconds(3);
   MutexLock lock(mutex_);
   while (IsUsedInPlace()) {
-    if (!lock.WaitUntil(holdChanged_, end)) return false;
+    if (leftAlone_) return false;
+    leftAlone_ = !lock.WaitUntil(holdChanged_, end);
   }
   return TryHold();
 }
@@ -90,14 +91,20 @@ bool EventLoop::TryHold() {
   return true;
 }
 
-// Those who wait to work in place are to post again.
+// Those who wait to work in place are to post again. Whoever works there now may be ending the
+// process, and close the loop once more.
 void EventLoop::TakeHoldToRun() {
   MutexLock lock(mutex_);
-  closed_ = false;
-  refusing_ = false;
+  Reopen();
   holdChanged_.notify_all();
   while (holder_ != 0 && !IsHeldHere()) lock.Wait(holdChanged_);
+  Reopen();
   AddHold();
+}
+
+void EventLoop::Reopen() {
+  closed_ = false;
+  refusing_ = false;
 }
 
 void EventLoop::AddHold() {
@@ -105,11 +112,12 @@ void EventLoop::AddHold() {
   ++holds_;
 }
 
-// What was handed over meanwhile is done first.
+// What was handed over meanwhile is done first, but for what waits for the loop to run again.
 void EventLoop::LeaveHold() {
   MutexLock lock(mutex_);
-  while (holds_ == 1 && closed_ && tasks_ != nullptr) {
-    LoopTask* tasks = Reversed(std::exchange(tasks_, nullptr));
+  while (holds_ == 1 && closed_) {
+    LoopTask* tasks = TakeTasksForNow();
+    if (tasks == nullptr) break;
     lock.Unlock();
     while (tasks != nullptr) std::exchange(tasks, tasks->nextTask)->OnLoopTask();
     lock.Lock();
@@ -117,6 +125,20 @@ void EventLoop::LeaveHold() {
   if (--holds_ != 0) return;
   holder_ = 0;
   holdChanged_.notify_all();
+}
+
+// Those that do not wait for the next run, the first one first.
+LoopTask* EventLoop::TakeTasksForNow() {
+  LoopTask* taken = nullptr;
+  for (LoopTask** place = &tasks_; *place != nullptr;) {
+    LoopTask& task = **place;
+    if (task.OutlastsRun()) {
+      place = &task.nextTask;
+    } else {
+      *place = std::exchange(task.nextTask, std::exchange(taken, &task));
+    }
+  }
+  return taken;
 }
 
 bool EventLoop::InheritFrom(const EventLoop& served) {

@@ -176,8 +176,10 @@ class KEELBASE_API EventLoop {
   bool TakeHoldAtExit();
   bool TryHold() AW_REQUIRES(mutex_);
   void TakeHoldToRun();
+  void Reopen() AW_REQUIRES(mutex_);
   void AddHold() AW_REQUIRES(mutex_);
   void LeaveHold();
+  LoopTask* TakeTasksForNow() AW_REQUIRES(mutex_);
   bool Enqueue(LoopTask& task) AW_REQUIRES(mutex_);
 
   bool Turn(std::int64_t timeoutNs);  // below 0: for ever
@@ -217,7 +219,8 @@ class KEELBASE_API EventLoop {
   bool refusing_ AW_GUARDED_BY(mutex_) = false;      // and does not run again
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   unsigned holds_ AW_GUARDED_BY(mutex_) = 0;
-  std::atomic<std::uint64_t> holder_{0};  // its thread number; changed under mutex_
+  bool leftAlone_ AW_GUARDED_BY(mutex_) = false;  // at exit: whoever holds it does not end
+  std::atomic<std::uint64_t> holder_{0};          // its thread number; changed under mutex_
   std::condition_variable holdChanged_;
   std::atomic<bool> hasPosted_{false};
 
