@@ -3,6 +3,7 @@
 
 #include "RealPtcp.h"
 #include "keelbase/CAWTransport.h"
+#include "keelbase/internal/ManualClock.h"
 
 namespace ptcp::test {
 namespace {
@@ -232,6 +233,24 @@ TEST_F(PtcpTransport, ReadingOnDeliversWhatWaited) {
   stop = false;
   server->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
   ASSERT_TRUE(WaitFor([&] { return serverSink.received == "waits"; }));
+}
+
+TEST_F(PtcpTransport, ReadingOnTellsASenderThatWaitsForTheWindow) {
+  Open();
+  bool stop = true;
+  server->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+  const std::string text = Pattern(20 << 20);
+  EXPECT_EQ(SendText(*client, text), AW_OK);
+  const std::size_t window = (8U << 20) - 1;  // less the byte that opens the stream
+  ASSERT_TRUE(WaitFor([&] { return Counters(*client).bytesSent == window; }));
+  keelbase::internal::ManualClock clock;
+  stop = false;
+  server->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+  for (int i = 0; i < 2000 && serverSink.received.size() <= window; ++i) {
+    clock.Advance(std::chrono::milliseconds(1));  // the sign of life of an idle side is not due
+    zarn::test::RunReady();
+  }
+  EXPECT_GT(serverSink.received.size(), window);
 }
 
 TEST_F(PtcpTransport, OneReceiveBringsNoMoreThanTheReadSize) {

@@ -214,6 +214,7 @@ void PtcpEngine::ReadOnce() {
     CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
     const std::size_t length = connection_.Read(block.GetWritePtr(), readSize_);
     block.AdvanceWritePtr(length);
+    WantTurnEnd();  // the peer may be waiting for the room that this makes
     ++counters_.blocksReceived;
     counters_.bytesReceived += length;
     sink_->OnBytes(block);
