@@ -101,6 +101,8 @@ struct Exchange {
 
 using Texts = std::vector<std::string>;
 
+constexpr int kTries = 3;  // of one write
+
 // --- the system takes nothing more ---
 
 TEST(UdpPortFailingCalls, WhatFindsNoRoomIsSentWhenThereIsAndWhoWaitsIsTold) {
@@ -176,17 +178,47 @@ TEST(UdpPortFailingCalls, APathThatCutsNoBatchesUpGetsPacketsFromThenOn) {
   zarn::test::WithLoop([](EventLoop& loop) {
     for (const int error : {EIO, EINVAL, EOPNOTSUPP}) {
       Exchange exchange(loop);
-      const FailingCalls failing("sendmsg", error, 1);
+      const FailingCalls failing("sendmsg", error, kTries);
       const Texts texts{"one", "two", "3"};
       for (const std::string& text : texts) exchange.Send(text);
       exchange.port->FlushBatch();
       EXPECT_EQ(exchange.Arrived(), texts);
-      EXPECT_EQ(exchange.port->Writes(), 4U);
+      EXPECT_EQ(exchange.port->Writes(), kTries + 3U);
       for (const std::string& text : texts) exchange.Send(text);
       exchange.port->FlushBatch();
       EXPECT_EQ(exchange.Arrived(), texts);
-      EXPECT_EQ(exchange.port->Writes(), 7U);
+      EXPECT_EQ(exchange.port->Writes(), kTries + 6U);
     }
+  });
+}
+
+// What a router says of any datagram of the port comes back from the next write, once.
+TEST(UdpPortFailingCalls, AnErrorOfAnotherDatagramLosesNothingAndLeavesBatchesWhole) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    for (const int error : {ECONNREFUSED, EHOSTUNREACH, ENETUNREACH, EOPNOTSUPP, EMSGSIZE}) {
+      Exchange exchange(loop);
+      const FailingCalls failing("sendmsg", error, 1);
+      const Texts texts{"one", "two", "3"};
+      for (int writes : {2, 3}) {
+        for (const std::string& text : texts) exchange.Send(text);
+        exchange.port->FlushBatch();
+        EXPECT_EQ(exchange.Arrived(), texts);
+        EXPECT_EQ(exchange.port->Writes(), static_cast<std::uint64_t>(writes));
+      }
+    }
+  });
+}
+
+TEST(UdpPortFailingCalls, ADatagramThatIsRefusedEachTimeIsLost) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    const FailingCalls failing("sendmsg", EPERM, kTries);
+    exchange.Send("lost");
+    exchange.port->FlushBatch();
+    EXPECT_EQ(failing.GetFailed(), kTries);
+    exchange.Send("next");
+    exchange.port->FlushBatch();
+    EXPECT_EQ(exchange.Arrived(), Texts{"next"});
   });
 }
 
@@ -194,7 +226,7 @@ TEST(UdpPortFailingCalls, PacketsBehindOneThatFindsNoRoomAreNotTried) {
   zarn::test::WithLoop([](EventLoop& loop) {
     Exchange exchange(loop);
     {
-      const FailingCalls failing("sendmsg", EIO, 1);
+      const FailingCalls failing("sendmsg", EIO, kTries);
       for (const char* text : {"a", "b"}) exchange.Send(text);
       exchange.port->FlushBatch();
     }

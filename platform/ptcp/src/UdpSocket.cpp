@@ -19,6 +19,7 @@ using keelbase::internal::FileDescriptor;
 namespace {
 
 constexpr int kSocketBuffer = 4 << 20;
+constexpr int kTries = 3;  // of one write
 
 void Set(int socket, int level, int option, int value) {
   ::setsockopt(socket, level, option, &value, sizeof value);
@@ -137,7 +138,8 @@ int UdpSocket::ReadError(std::span<char> room, NetworkError& error) const {
   return 0;
 }
 
-// An error of an earlier datagram comes instead of sending this one.
+// What the network says of any earlier datagram, whoever that was for, comes back instead of
+// sending this one, and is gone then. Only these two are never such a message.
 int UdpSocket::Write(const Path& path, Bytes data, std::size_t segment) {
   sockaddr_in to{};
   std::memcpy(&to, path.peer.GetPtr(), sizeof to);
@@ -159,11 +161,10 @@ int UdpSocket::Write(const Path& path, Bytes data, std::size_t segment) {
     AddControl(message, IPPROTO_IP, IP_PKTINFO, info);
   }
   if (message.msg_controllen == 0) message.msg_control = nullptr;
-  for (int tries = 0;; ++tries) {
+  for (int tries = 1;; ++tries) {
     ++writes_;
     if (::sendmsg(socket_.Get(), &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return 0;
-    const bool again = errno == EINTR || errno == ECONNREFUSED;
-    if (!again || tries == 3) return errno;
+    if (errno == EAGAIN || errno == ENOBUFS || tries == kTries) return errno;
   }
 }
 
