@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <string>
 
 #include "SimulatedPath.h"
@@ -143,6 +145,81 @@ TEST(PtcpConnection, AReceiverThatDoesNotReadStopsTheSenderAtTheWindow) {
     pair.server->Flush(pair.now);
     return (read += count) == much.size();
   }));
+}
+
+// The packets of a connection that have grown as far as the path lets them through.
+class GrownPackets : public ::testing::Test {
+ protected:
+  void SetUp() override { Begin(10 * kMillisecond); }
+  void Begin(Time delay) {
+    PathTraits traits;
+    traits.delay = delay;
+    pair.emplace(19, traits);
+    ASSERT_TRUE(pair->Establish());
+    pair->watch = [this](Bytes datagram, bool toServer) {
+      if (toServer) largest = std::max(largest, datagram.size());
+    };
+    Send(1 << 20);
+    ASSERT_TRUE(AllArrives());
+    ASSERT_GT(SizeOfNext(), kNarrow);
+  }
+  void Send(std::size_t length) {
+    const std::string text(length, 'x');
+    pair->client->Send(text.data(), text.size());
+    pair->client->Flush(pair->now);
+  }
+  // It is read as it comes.
+  bool AllArrives() {
+    return pair->StepUntil([&] {
+      ReadAll(*pair->server);
+      pair->server->Flush(pair->now);
+      return pair->client->IsAllAcknowledged();
+    });
+  }
+  std::size_t SizeOfNext() {
+    largest = 0;
+    Send(100000);
+    EXPECT_TRUE(AllArrives());
+    return largest;
+  }
+
+  static constexpr std::size_t kNarrow = 1300;
+  std::optional<SimulatedPair> pair;
+  std::size_t largest = 0;
+};
+
+TEST_F(GrownPackets, BecomeSmallWhenThePathHasBecomeNarrower) {
+  Send(20 << 20);
+  pair->StepUntil([] { return false; }, 100 * kMillisecond);  // while bytes are under way
+  PathTraits narrow;
+  narrow.largest = kNarrow;
+  pair->SetTraits(narrow);
+  EXPECT_TRUE(AllArrives());
+  EXPECT_LE(SizeOfNext(), kNarrow);
+}
+
+TEST_F(GrownPackets, StayAsTheyAreWhenTheReceiverDoesNotRead) {
+  Send(20 << 20);
+  pair->StepUntil([] { return false; }, 30 * kSecond);
+  EXPECT_FALSE(pair->client->IsAllAcknowledged());
+  EXPECT_TRUE(AllArrives());
+  EXPECT_GT(SizeOfNext(), kNarrow);
+}
+
+TEST_F(GrownPackets, StayAsTheyAreAfterAPauseOfBothSides) {
+  for (int i = 0; i < 10; ++i) {
+    pair->StepUntil([] { return false; }, 5500 * kMillisecond);
+    pair->server->Send("crossing", 8);
+    pair->server->Flush(pair->now);
+    Send(100000);
+    EXPECT_TRUE(AllArrives());
+  }
+  EXPECT_GT(SizeOfNext(), kNarrow);
+}
+
+TEST_F(GrownPackets, StayAsTheyAreOnAPathThatIsSlowToAnswer) {
+  Begin(1300 * kMillisecond);
+  EXPECT_GT(SizeOfNext(), kNarrow);
 }
 
 TEST(PtcpConnection, DatagramsOfAnyBytesChangeNothing) {

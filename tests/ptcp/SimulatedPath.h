@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -27,7 +28,8 @@ struct PathTraits {
   Time jitter = 0;  // up to this more for each datagram, which reorders them
   double drop = 0;
   double duplicate = 0;
-  double flip = 0;  // one bit of the datagram
+  double flip = 0;                 // one bit of the datagram
+  std::size_t largest = SIZE_MAX;  // longer datagrams are dropped
 };
 
 // One end: where a connection's datagrams go to, and its ids.
@@ -138,7 +140,7 @@ class SimulatedPair {
     if (!toServer) bytesToClient += bytes.size();
     const int copies = Chance(traits_.duplicate) ? 2 : 1;
     for (int copy = 0; copy < copies; ++copy) {
-      if (Chance(traits_.drop)) continue;
+      if (bytes.size() > traits_.largest || Chance(traits_.drop)) continue;
       Datagram datagram(bytes.begin(), bytes.end());
       if (Chance(traits_.flip)) {
         const std::size_t bit = random() % (datagram.size() * 8);

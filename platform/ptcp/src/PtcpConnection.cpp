@@ -31,6 +31,10 @@ constexpr std::size_t kMostUnacknowledged = 2 * kWindow;
 constexpr ngtcp2_duration kIdleLimit = 10 * NGTCP2_SECONDS;
 constexpr ngtcp2_duration kHandshakeLimit = 10 * NGTCP2_SECONDS;
 
+// So long, and so many probe timeouts, may pass without an acknowledgement of new bytes.
+constexpr ngtcp2_duration kNoProgress = 2 * NGTCP2_SECONDS;
+constexpr int kNoProgressTimeouts = 3;
+
 constexpr Time kLeastPause = NGTCP2_MILLISECONDS;  // between two looks that change nothing
 
 constexpr char kPreface = 1;
@@ -229,6 +233,7 @@ void PtcpConnection::OpenStream() {
 
 void PtcpConnection::Flush(Time now) {
   if (dead_) return;
+  NoticeNarrowPath(now);
   blocked_ = false;  // a window that opens for the whole connection is not told
   const std::size_t quantum = ngtcp2_conn_get_send_quantum(conn_);
   const std::uint64_t room = UpdateFairWindow(now);
@@ -241,6 +246,19 @@ void PtcpConnection::Flush(Time now) {
   // A peer can bring about a timer that is due and stays due, whatever is done.
   const bool stuck = total == 0 && ngtcp2_conn_get_expiry(conn_) <= now;
   notBefore_ = stuck ? now + kLeastPause : 0;
+}
+
+// A path that has become narrower swallows what is longer and lets everything else through, also
+// the signs of life. ngtcp2 does not look for that once it has found a size.
+void PtcpConnection::NoticeNarrowPath(Time now) {
+  if (out_.Begin() != progressedTo_ || sent_ == out_.Begin()) {
+    progressedTo_ = out_.Begin();
+    progressed_ = now;
+    return;
+  }
+  const Time since = now - progressed_;
+  if (!inside_ && since >= kNoProgress && since >= kNoProgressTimeouts * ngtcp2_conn_get_pto(conn_))
+    largestPacket_ = kSmallDatagram;
 }
 
 // How many new bytes may be sent now. Inside a machine there is no path to share.
@@ -289,7 +307,7 @@ bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) 
   const Offer offer = MakeOffer(total < room);
   ngtcp2_ssize taken = -1;
   const ngtcp2_ssize length =
-      ngtcp2_conn_writev_stream(conn_, nullptr, nullptr, packet.data(), packet.size(), &taken,
+      ngtcp2_conn_writev_stream(conn_, nullptr, nullptr, packet.data(), largestPacket_, &taken,
                                 offer.flags, offer.stream, offer.pieces.data(), offer.count, now);
   if (length == NGTCP2_ERR_STREAM_DATA_BLOCKED) return blocked_ = true;
   if (length < 0) {

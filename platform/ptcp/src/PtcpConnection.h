@@ -17,6 +17,7 @@ namespace ptcp {
 // Datagrams begin with 1200 bytes and grow as far as the path lets them through, but no further
 // than an Ethernet frame does. Inside a machine the path is known, and cutting bytes up is most of
 // the work.
+inline constexpr std::size_t kSmallDatagram = 1200;
 inline constexpr std::size_t kLargestDatagram = 1472;
 inline constexpr std::size_t kLargestInside = 16000;  // four of them fit in one write
 
@@ -108,6 +109,7 @@ class PtcpConnection {
   struct Offer;
   Offer MakeOffer(bool room);
   bool WriteOne(Time now, std::uint64_t room, std::size_t& total);
+  void NoticeNarrowPath(Time now);
   std::uint64_t UpdateFairWindow(Time now);
   void CountAndSend(Bytes datagram);
   std::uint64_t UnprovedRoom() const {
@@ -130,7 +132,10 @@ class PtcpConnection {
   std::uint64_t datagramBytesIn_ = 0;
   std::uint64_t datagramBytesOut_ = 0;
 
-  Time notBefore_ = 0;  // no timer is due earlier
+  std::size_t largestPacket_ = kLargestInside;
+  std::uint64_t progressedTo_ = 0;  // stream offset
+  Time progressed_ = 0;             // when that was acknowledged, or bytes were sent behind it
+  Time notBefore_ = 0;              // no timer is due earlier
   FairWindow fairWindow_;
   Time lastLoss_ = kNever;
   std::int64_t stream_ = -1;
