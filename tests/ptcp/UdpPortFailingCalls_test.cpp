@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <new>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
@@ -36,7 +37,10 @@ Bytes AsBytes(const std::string& text) {
 
 class User final : public PortUser {
  public:
-  const Path& GetPath() const override { return path; }
+  const Path& GetPath() const override {
+    ++looks;
+    return path;
+  }
   void OnDatagram(Bytes datagram, Time) override {
     got.emplace_back(datagram.begin(), datagram.end());
   }
@@ -55,6 +59,7 @@ class User final : public PortUser {
   int lastError = 0;
   int batches = 0;
   int frees = 0;
+  mutable int looks = 0;
 };
 
 // A port, a peer of it, and a user that has a connection between them.
@@ -278,6 +283,46 @@ TEST(UdpPortFailingCalls, ReadingRestsAlsoWithoutMemory) {
     }
     clock.Advance(std::chrono::milliseconds(100));
     EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return !exchange.user.got.empty(); }));
+  });
+}
+
+// --- errors of the network ---
+
+// Who forges them must not make the port walk over thousands of connections for each.
+TEST(UdpPortFailingCalls, AnErrorOfTheNetworkIsMatchedWithTheConnectionsOfThatPeerOnly) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    std::array<User, 50> others;
+    for (std::uint8_t i = 0; i < others.size(); ++i) {
+      others[i].path.peer = CAWInetAddr("127.0.0.1", static_cast<std::uint16_t>(i + 1));
+      const std::array<std::uint8_t, 8> id{i};
+      EXPECT_TRUE(exchange.port->AddId(ConnectionId(id), others[i]));
+    }
+    const auto looks = [&others] {
+      return std::accumulate(others.begin(), others.end(), 0,
+                             [](int sum, const User& one) { return sum + one.looks; });
+    };
+    const int before = looks();
+    exchange.peer.Close();
+    exchange.Send("nobody is there");
+    exchange.port->FlushBatch();
+    EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return exchange.user.lastError != 0; }));
+    EXPECT_EQ(exchange.user.lastError, ECONNREFUSED);
+    EXPECT_EQ(looks(), before);
+    for (User& one : others) exchange.port->Remove(one);
+  });
+}
+
+TEST(UdpPortFailingCalls, AnErrorOfTheNetworkIsNotToldToOneThatIsGone) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    exchange.peer.Close();
+    exchange.Send("nobody is there");
+    exchange.port->FlushBatch();
+    exchange.port->RemoveId(*DestinationOf(AsBytes(Exchange::Packet(""))));
+    exchange.port->Remove(exchange.user);
+    for (int turns = 0; turns < 10; ++turns) loop.RunReady();
+    EXPECT_EQ(exchange.user.lastError, 0);
   });
 }
 

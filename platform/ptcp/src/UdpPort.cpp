@@ -89,10 +89,12 @@ int UdpPort::Open(const CAWInetAddr* local, const CAWInetAddr* peer) {
 // --- users ---
 
 bool UdpPort::AddId(const ConnectionId& id, PortUser& user) {
+  usersOf_.emplace(user.GetPath().peer, &user);
   return users_.emplace(id, &user).second;
 }
 
 void UdpPort::Remove(PortUser& user) {
+  usersOf_.erase({user.GetPath().peer, &user});
   Forget(touched_, user);
   Forget(waiting_, user);
   EndLinger(user);
@@ -120,10 +122,12 @@ bool UdpPort::ReadOneError() {
   UdpSocket::NetworkError told;
   if (const int error = socket_.ReadError(room, told); error != 0) return ReadFailed(error);
   if (told.error == 0) return true;
-  for (const auto& [id, user] : users_) {
-    if (!(user->GetPath().peer == told.peer) || !user->MayHaveSent(told.quoted)) continue;
-    user->OnPortError(told.error);
-    Touched(*user);
+  for (auto one = usersOf_.lower_bound({told.peer, nullptr});
+       one != usersOf_.end() && one->first == told.peer; ++one) {
+    PortUser& user = *one->second;
+    if (!user.MayHaveSent(told.quoted)) continue;
+    user.OnPortError(told.error);
+    Touched(user);
     break;
   }
   return true;

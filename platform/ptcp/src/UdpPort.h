@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <set>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -112,7 +113,8 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   OnStranger stranger_;
   PacketKey resetKey_;
   std::unordered_map<ConnectionId, PortUser*, IdHash> users_;
-  std::vector<PortUser*> touched_;  // got something in this batch
+  std::set<std::pair<keelbase::CAWInetAddr, PortUser*>> usersOf_;  // a peer
+  std::vector<PortUser*> touched_;                                 // got something in this batch
   std::vector<PortUser*> waiting_;
   std::vector<PortUser*> lingering_;
 
