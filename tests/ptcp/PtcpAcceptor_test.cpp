@@ -257,6 +257,31 @@ TEST_F(PtcpAcceptorTest, ConnectionsGoOnAfterTheStopAndTheAddressCanBeListenedAt
   EXPECT_EQ(accepted.indications, 1);
 }
 
+TEST_F(PtcpAcceptorTest, WhoComesAfterTheStopToAPortThatConnectionsStillUseIsRefused) {
+  ListenAndConnect();
+  acceptor->StopListen();
+  ASSERT_EQ(connector->AsyncConnect(&connected, address, nullptr, nullptr), AW_OK);
+  ASSERT_TRUE(WaitFor([&] { return connected.indications != 0; }));
+  EXPECT_EQ(connected.reason, ECONNREFUSED);
+}
+
+TEST_F(PtcpAcceptorTest, ARefusalIsShortAndAnswersFirstPacketsOnly) {
+  ListenAndConnect();
+  acceptor->StopListen();
+  UdpSocket stranger;
+  ASSERT_EQ(stranger.Open(nullptr, &address), 0);
+  const ConnectionId some(std::array<std::uint8_t, 8>{1, 2, 3});
+  const Datagram later = SealLong(LongType::handshake, some, some, 0, Datagram(1200), PacketKey());
+  EXPECT_EQ(stranger.Write({address, {}}, later, 0), 0);
+  SlowClient late(8, address);
+  late.Send();
+  EXPECT_LT(late.Await().size(), 100U);
+  EXPECT_EQ(late.connection.Reason(), ECONNREFUSED);
+  std::array<char, 2048> room;
+  UdpSocket::Received none;
+  EXPECT_EQ(stranger.Read(room, none), EAGAIN);
+}
+
 TEST_F(PtcpAcceptorTest, MayBeStoppedAndLetGoInsideItsIndication) {
   Listen();
   accepted.onIndication = [&] {

@@ -54,6 +54,23 @@ std::vector<std::uint8_t> MakeRetry(const InitialHeader& initial, const Connecti
   return packet;
 }
 
+std::vector<std::uint8_t> MakeRefusal(const InitialHeader& initial) {
+  std::vector<std::uint8_t> packet(128);
+  const ngtcp2_cid destination = ngtcp2::ToCid(initial.source);
+  const ngtcp2_cid ours = ngtcp2::ToCid(initial.destination);
+  const PacketKey key = InitialKey(initial.destination, true);
+  const ngtcp2_crypto_aead tagOnly = TagOnly();
+  const ngtcp2_crypto_aead_ctx aead = Aead(key);
+  const ngtcp2_crypto_cipher noCipher = Context().hp;
+  const ngtcp2_crypto_cipher_ctx header = HeaderCipher(key);
+  const ngtcp2_ssize length = ngtcp2_pkt_write_connection_close(
+      packet.data(), packet.size(), NGTCP2_PROTO_VER_V1, &destination, &ours,
+      NGTCP2_CONNECTION_REFUSED, nullptr, 0, &Seal, &tagOnly, &aead, kZeroes.data(), &NoHeaderMask,
+      &noCipher, &header);
+  packet.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return packet;
+}
+
 std::vector<std::uint8_t> MakeReset(
     Bytes datagram, const Tag& token,
     const std::function<void(std::uint8_t*, std::size_t)>& fillRandom) {

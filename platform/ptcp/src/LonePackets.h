@@ -37,6 +37,9 @@ std::optional<InitialHeader> ReadInitial(Bytes datagram);
 std::vector<std::uint8_t> MakeRetry(const InitialHeader& initial, const ConnectionId& source,
                                     Bytes token);
 
+// What tells the client that nobody listens; much shorter than its packet is.
+std::vector<std::uint8_t> MakeRefusal(const InitialHeader& initial);
+
 // What tells the sender of `datagram` that nobody knows its connection; shorter than that is.
 std::vector<std::uint8_t> MakeReset(
     Bytes datagram, const Tag& token,

@@ -1,6 +1,7 @@
 // PacketSeal.cpp - see PacketSeal.h.
 #include "PacketSeal.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "FrameFilter.h"
@@ -10,6 +11,13 @@ namespace ptcp {
 ngtcp2_crypto_aead_ctx Aead(const PacketKey& key) { return {const_cast<PacketKey*>(&key)}; }
 ngtcp2_crypto_cipher_ctx HeaderCipher(const PacketKey& key) {
   return {const_cast<PacketKey*>(&key)};
+}
+
+PacketKey InitialKey(const ConnectionId& id, bool fromServer) {
+  std::array<std::uint8_t, ConnectionId::kMaxSize + 1> material;
+  std::copy_n(id.bytes.begin(), id.size, material.begin());
+  material[id.size] = fromServer ? 1 : 0;
+  return PacketKey(Bytes(material).first(id.size + 1));
 }
 
 const PacketKey& RetryKey() {

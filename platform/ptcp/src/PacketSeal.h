@@ -20,6 +20,10 @@ ngtcp2_crypto_cipher_ctx HeaderCipher(const PacketKey& key);
 ngtcp2_crypto_aead TagOnly();
 ngtcp2_crypto_ctx Context();
 
+// Of the first packets, by the id that the client has made up for the server (or was given by a
+// Retry). It also says which way, so that no packet can be sent back to its sender.
+PacketKey InitialKey(const ConnectionId& id, bool fromServer);
+
 // Everybody knows it: a Retry packet is sealed against accidents only.
 const PacketKey& RetryKey();
 

@@ -46,12 +46,9 @@ bool PtcpHandshake::SendClientHello() {
          SendMessage(ngtcp2::kInitialLevel, clientRandom_, true);
 }
 
-// The last byte says which way, so that no packet can be sent back to its sender.
 bool PtcpHandshake::InstallInitialKeys(const ConnectionId& id) {
-  const std::array<std::uint8_t, 1> fromClient = {0};
-  const std::array<std::uint8_t, 1> fromServer = {1};
-  initialSendKey_ = PacketKey(Join(id.View(), server_ ? fromServer : fromClient));
-  initialReceiveKey_ = PacketKey(Join(id.View(), server_ ? fromClient : fromServer));
+  initialSendKey_ = InitialKey(id, server_);
+  initialReceiveKey_ = InitialKey(id, !server_);
   const ngtcp2_crypto_ctx context = Context();
   ngtcp2_conn_set_initial_crypto_ctx(conn_, &context);
   const auto receive = Aead(initialReceiveKey_);
@@ -63,7 +60,7 @@ bool PtcpHandshake::InstallInitialKeys(const ConnectionId& id) {
 }
 
 bool PtcpHandshake::InstallHandshakeKeys() {
-  const std::array<std::uint8_t, 1> fromClient = {2};
+  const std::array<std::uint8_t, 1> fromClient = {2};  // 0 and 1 are those of InitialKey
   const std::array<std::uint8_t, 1> fromServer = {3};
   const auto bits = Join(clientRandom_, serverRandom_);
   sendKey_ = PacketKey(Join(bits, server_ ? fromServer : fromClient));

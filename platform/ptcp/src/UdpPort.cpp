@@ -206,13 +206,22 @@ void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
 // A first packet, or one of a connection that is over here while its peer does not know.
 void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram, Time now) {
   if (HasLongHeader(datagram)) {
-    if (stranger_ != nullptr) stranger_(from, datagram, now);
+    if (stranger_ != nullptr) return stranger_(from, datagram, now);
+    if (listed_) Refuse(from, datagram);
     return;
   }
   // A function's own type would be exported with the library's symbols.
   const auto fill = [](std::uint8_t* out, std::size_t length) { FillWithRandom(out, length); };
   const auto reset = MakeReset(datagram, ResetToken(id), fill);
   if (!reset.empty()) Send(from, reset);
+}
+
+// The listener has stopped, and connections of it keep the port open.
+void UdpPort::Refuse(const Path& from, Bytes datagram) {
+  const auto initial = ReadInitial(datagram);
+  if (!initial) return;
+  const auto refusal = MakeRefusal(*initial);
+  if (!refusal.empty()) Send(from, refusal);
 }
 
 void UdpPort::EndBatch() {

@@ -67,8 +67,9 @@ class PTCP_API IAWPseudoTCPAcceptor : public IAWPseudoTCPAcceptorConnectorId {
   virtual keelbase::AWResult StartListen(IAWPseudoTCPAcceptorConnectorSink* sink,
                                          const keelbase::CAWInetAddr& addr, int backlog) = 0;
 
-  // Stops; who is half open is turned away. Accepted connections go on, on the same port. The
-  // address can be listened at again at once, on the thread of this acceptor. Always 0.
+  // Stops; who is half open is turned away. Accepted connections go on, on the same port, where
+  // newcomers are refused. The address can be listened at again at once, on the thread of this
+  // acceptor. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 
   // Where it listens, or listened last; 0.0.0.0:0 before.
