@@ -2,6 +2,7 @@
 // while, with memory and without.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <optional>
@@ -10,8 +11,10 @@
 
 #include "Exhaustion.h"
 #include "FailingCalls.h"
+#include "PtcpConnection.h"
 #include "RealPtcp.h"
 #include "TraceLines.h"
+#include "UdpSocket.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/ManualClock.h"
 
@@ -46,6 +49,27 @@ TEST_F(PtcpFailingCalls, BlockedPortHoldsUpItsConnectionsAndLosesNothing) {
   EXPECT_TRUE(serverSink.received == text);
   EXPECT_EQ(full.GetFailed(), 20);
   EXPECT_FALSE(IsOver());
+}
+
+TEST_F(PtcpFailingCalls, DatagramsAreLongOnlyWhenTheLoopbackDeviceIsKnownToTakeThem) {
+  const CAWInetAddr any = Loopback();
+  UdpSocket peer;
+  ASSERT_EQ(peer.Open(&any, nullptr), 0);
+  const auto sizeOfFirst = [&] {
+    EXPECT_EQ(connector->AsyncConnect(&connected, peer.GetLocalAddr(), nullptr, nullptr),
+              keelbase::AW_OK);
+    std::array<char, 65536> room;
+    UdpSocket::Received first;
+    EXPECT_TRUE(WaitFor([&] { return peer.Read(room, first) == 0; }));
+    const std::size_t size = first.data.size();
+    connector->CancelConnect();
+    while (peer.Read(room, first) == 0) {  // the end of that
+    }
+    return size;
+  };
+  EXPECT_EQ(sizeOfFirst(), kLargestInside);
+  const FailingCalls unknown("ioctl", ENODEV);
+  EXPECT_LE(sizeOfFirst(), kLargestDatagram);
 }
 
 // The ports are full at one turn's end, and then lose everything.

@@ -105,6 +105,13 @@ int access(const char* path, int mode) noexcept {
 int lstat(const char* path, struct stat* status) noexcept {
   return static_cast<int>(Call("lstat", SYS_lstat, path, status));
 }
+int ioctl(int file, unsigned long request, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, request);
+  void* const argument = va_arg(arguments, void*);
+  va_end(arguments);
+  return static_cast<int>(Call("ioctl", SYS_ioctl, file, request, argument));
+}
 int flock(int file, int operation) noexcept {
   return static_cast<int>(Call("flock", SYS_flock, file, operation));
 }

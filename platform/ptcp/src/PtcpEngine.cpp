@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -25,13 +24,6 @@ using keelbase::CAWMessageBlock;
 namespace {
 
 constexpr std::size_t kQueueLimit = std::size_t{4} << 20;
-// An address of the loopback device, over which datagrams of 64 KB go.
-bool IsInside(const keelbase::CAWInetAddr& peer) {
-  sockaddr_in address{};
-  std::memcpy(&address, peer.GetPtr(), sizeof address);
-  return ntohl(address.sin_addr.s_addr) >> 24 == 127;
-}
-
 constexpr std::size_t kGathered = 64 * 1024;  // from here on it is sent before the turn's end
 
 }  // namespace
@@ -41,7 +33,7 @@ PtcpEngine::PtcpEngine(keelbase::internal::EventLoop& loop, const CAWAutoPtr<Udp
     : loop_(loop),
       port_(port),
       path_(path),
-      connection_(*this, IsInside(path.peer)),
+      connection_(*this, port->IsInside(path.peer)),
       timer_(loop),
       readSize_(keelbase::internal::kReadSize),
       queueLimit_(kQueueLimit) {}

@@ -2,10 +2,13 @@
 #include "UdpSocket.h"
 
 #include <linux/errqueue.h>
+#include <net/if.h>
 #include <netinet/ip.h>
 #include <netinet/udp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -106,6 +109,15 @@ int UdpSocket::SetUp(const CAWInetAddr* local, const CAWInetAddr* peer) {
   connected_ = peer != nullptr;
   if (connected_) peer_ = *peer;
   return 0;
+}
+
+std::size_t UdpSocket::LongestInside() const {
+  constexpr std::size_t kHeaders = 28;  // IP's and UDP's
+  ifreq loopback{};
+  std::strcpy(loopback.ifr_name, "lo");
+  if (::ioctl(socket_.Get(), SIOCGIFMTU, &loopback) != 0) return 0;
+  const auto mtu = static_cast<std::size_t>(loopback.ifr_mtu);
+  return mtu - std::min(mtu, kHeaders);
 }
 
 int UdpSocket::Read(std::span<char> room, Received& received) const {
