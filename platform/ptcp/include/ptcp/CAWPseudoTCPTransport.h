@@ -31,8 +31,8 @@ class IAWPseudoTCPTransportSink {
   virtual void OnSend(IAWPseudoTCPTransport* transport,
                       CAWPseudoTCPTransportParameter* parameter) = 0;
   // The connection has ended; nothing comes after this. 0: the peer closed in order; else an errno
-  // value (ECONNRESET: the peer gave up the connection, or its port is closed; ETIMEDOUT: nothing
-  // was heard from it for ten seconds; EPROTO: what it sent makes no sense) or an AWResult.
+  // value (ECONNRESET: the peer gave up the connection, or its port is closed; ETIMEDOUT: it has
+  // answered nothing for ten seconds; EPROTO: what it sent makes no sense) or an AWResult.
   virtual void OnDisconnect(long reason, IAWPseudoTCPTransport* transport) = 0;
   virtual ~IAWPseudoTCPTransportSink() = default;
 };
@@ -50,8 +50,8 @@ inline constexpr int AW_OPT_UNACKNOWLEDGED = 132;
 // What is sent is kept until the peer has acknowledged it and all before it; 8 MiB each way may be
 // on the way or wait for a receiver that does not read. A peer that grants more and leaves out an
 // acknowledgement makes a sender keep 16 MiB, then nothing new is sent until it comes. An idle
-// connection asks for a sign of life every three seconds; a peer from which nothing comes for ten
-// is given up (ETIMEDOUT). Each packet bears a keyed tag that keeps out strangers and accidents. It
+// connection asks for a sign of life every three seconds; a peer that answers nothing for ten is
+// given up (ETIMEDOUT). Each packet bears a keyed tag that keeps out strangers and accidents. It
 // does not keep out somebody who sees the packets, and nothing is encrypted: use TLS on top where
 // that matters. The addresses of a connection are those it began with.
 //
