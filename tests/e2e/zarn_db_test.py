@@ -1,5 +1,6 @@
 """zarn db: what it prints and refuses, and imports and exports that are interrupted."""
 
+import contextlib
 import json
 import os
 import pty
@@ -507,6 +508,39 @@ class Transfer(Db):
         self.assertFalse(out.is_symlink())
         (self.root / "out.part").mkdir()
         self.fails(1, "out.part': File exists$", *self.db, "export", str(out))
+
+    def start_export(self, out):
+        """An export that is stopped while it writes its part file."""
+        part = out.with_suffix(".part")
+        while True:
+            exporting = self.start(*self.db, "export", str(out))
+            while exporting.process.poll() is None:
+                with contextlib.suppress(FileNotFoundError):  # not yet, or it was done before it was stopped
+                    if part.stat().st_size == 0:
+                        continue
+                    exporting.process.send_signal(signal.SIGSTOP)
+                    os.waitid(os.P_PID, exporting.process.pid, os.WSTOPPED | os.WEXITED | os.WNOWAIT)
+                    part.stat()
+                    return exporting
+
+    def test_of_two_exports_to_the_same_file_the_later_is_refused(self):
+        self.run_ok(*self.db, "import", input="".join(
+            json.dumps({"key": f"k{i}", "value": "x" * (1 << 20)}) + "\n" for i in range(20)))
+        whole = self.run_ok(*self.db, "export")
+        out = self.root / "out"
+        first = self.start_export(out)
+        refused = self.fails(1, f"^zarn: '{out}.part': another export is writing it\n$", *self.db, "export",
+                             str(out), "--json")
+        self.assertEqual(json.loads(refused.stdout), {"event": "summary", "rows": 0, "complete": False})
+        self.assertFalse(out.exists())
+        first.process.send_signal(signal.SIGCONT)
+        self.assertEqual((first.process.wait(PATIENCE), first.errors()), (0, ""))
+        self.assertEqual(out.read_text(encoding="utf-8"), whole)
+        out.write_text("before", encoding="utf-8")
+        self.start_export(out).end(signal.SIGKILL)
+        self.run_ok(*self.db, "export", str(out))  # what was killed holds nobody up
+        self.assertEqual(out.read_text(encoding="utf-8"), whole)
+        self.assertEqual(list(self.root.glob("*.part")), [])
 
     def test_import_interrupted_at_any_moment_and_run_again_ends_with_the_same_content(self):
         lines = self.make_lines()

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <json/reader.h>
 #include <json/writer.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 
 #include "CommandLine.h"
 #include "Db.h"
+#include "Descriptor.h"
 #include "Interruption.h"
 #include "Output.h"
 #include "Progress.h"
@@ -249,13 +251,40 @@ bool ExportDirectly(DbFile& store, const std::string& path, const std::string& t
   return done;
 }
 
-// A new file, as private as the one that it is to replace; null with errno.
+// Whoever writes a part has it locked as long as it has that name. A file system without locks
+// refuses nobody.
+bool LockPart(int fd) { return ::flock(fd, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK; }
+
+bool IsAt(const std::string& path, int fd) {
+  struct stat named {};
+  struct stat opened {};
+  return ::lstat(path.c_str(), &named) == 0 && ::fstat(fd, &opened) == 0 &&
+         IsSameFile(named, opened);
+}
+
+// What an export that was killed has left. False with errno, EWOULDBLOCK while one writes it.
+bool RemoveLeftPart(const std::string& part) {
+  const Descriptor left(::open(part.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!left && errno != ELOOP) return errno == ENOENT;
+  if (left && !LockPart(left.Get())) return false;
+  if (!left || IsAt(part, left.Get())) ::unlink(part.c_str());
+  return true;
+}
+
+// A new file, as private as the one that it is to replace; null with errno, EWOULDBLOCK while
+// another export writes one.
 std::FILE* MakePart(const std::string& part, const struct stat* replaced) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   constexpr auto kSameOwner = static_cast<uid_t>(-1);
-  ::unlink(part.c_str());  // of an export that was killed
+  if (!RemoveLeftPart(part)) return nullptr;
   const int fd = ::open(part.c_str(), kFlags, replaced != nullptr ? 0600 : 0666);
   if (fd < 0) return nullptr;
+  // Until it is locked another export may take it for one that was left, and remove it.
+  if (!LockPart(fd) || !IsAt(part, fd)) {
+    ::close(fd);
+    errno = EWOULDBLOCK;
+    return nullptr;
+  }
   if (replaced != nullptr) {
     // Only root can keep a foreign owner, and nobody else a group that is not one's own.
     const bool sameGroup = ::fchown(fd, replaced->st_uid, replaced->st_gid) == 0 ||
@@ -287,17 +316,17 @@ bool ReplaceByExport(DbFile& store, const std::string& path, const std::string& 
   }
   std::FILE* file = MakePart(part, replaced);
   if (file == nullptr) {
-    Complain("'{}': {}", Escape(part), std::strerror(errno));
+    Complain("'{}': {}", Escape(part),
+             errno == EWOULDBLOCK ? "another export is writing it" : std::strerror(errno));
     return false;
   }
   const bool written = WriteRows(store, path, file, place, rows);
-  bool done = written && ::fsync(::fileno(file)) == 0;
-  done = std::fclose(file) == 0 && done;
-  done = done && std::rename(part.c_str(), place.c_str()) == 0;
-  if (done) return true;
-  if (written) Complain("'{}': {}", Escape(place), std::strerror(errno));
-  ::unlink(part.c_str());
-  return false;
+  const bool done =
+      written && ::fsync(::fileno(file)) == 0 && std::rename(part.c_str(), place.c_str()) == 0;
+  if (written && !done) Complain("'{}': {}", Escape(place), std::strerror(errno));
+  if (!done) ::unlink(part.c_str());
+  std::fclose(file);  // the lock ends; all that was written is on disk
+  return done;
 }
 
 bool ExportToFile(DbFile& store, const std::string& path, const std::string& to,
