@@ -62,6 +62,7 @@ ERRORS = {
     "mkdir": (errno.ENOSPC, errno.EACCES),
     "unlink": (errno.EACCES, errno.ENOENT),
     "unlinkat": (errno.EACCES, errno.ENOENT),
+    "readdir": (errno.EIO,),
     "flock": (errno.EWOULDBLOCK, errno.ENOLCK, errno.EINTR),
     "getrandom": (errno.EINTR, errno.ENOSYS),
     "realpath": (errno.EACCES,),

@@ -1,5 +1,6 @@
 """zarn shm: the segments of the root, who uses them, and what is not removed."""
 
+import errno
 import getpass
 import mmap
 import os
@@ -31,8 +32,8 @@ class Shm(ToolTest):
         process.stdin.close()
         process.stdout.close()
 
-    def fails(self, code, pattern, *arguments):
-        result = self.run_tool(*arguments)
+    def fails(self, code, pattern, *arguments, **options):
+        result = self.run_tool(*arguments, **options)
         self.assertEqual(result.returncode, code, result.stderr)
         self.assertRegex(result.stderr, pattern)
 
@@ -96,6 +97,37 @@ class Shm(ToolTest):
         self.assert_kept("cfg")
         (self.directory / "zarn_shm_other").write_bytes(b"\0" * 8192)
         self.assertEqual(self.run_events("shm", "info", "other")[0]["pids"], [])
+
+    def test_whoever_cannot_be_told_may_use_it(self):
+        self.directory.mkdir(parents=True)
+        self.map_file(self.directory / "zarn_shm_cfg")
+        for call, error, reason in (("readdir", errno.EIO, "Input/output error"),
+                                    ("open", errno.EMFILE, "Too many open files"),
+                                    ("read", errno.EIO, "Input/output error")):
+            for how in ("once", "ever"):
+                env = self.failing(call, 1, error, how)
+                for verb in ("rm", "info"):
+                    self.fails(1, f"^zarn: 'cfg': cannot tell who uses it: {reason}\n$", "shm", verb, "cfg", env=env)
+        env = self.failing("readdir", 20, errno.EIO)
+        for verb in (("rm", "cfg"), ("ls",)):
+            self.fails(1, "cannot tell who uses it: Input/output error\n$", "shm", *verb, env=env)
+        self.assertEqual(os.listdir(self.directory), ["zarn_shm_cfg"])
+        env = self.failing("readdir", 1, errno.EIO, "ever")
+        self.assertEqual(self.run_tool("shm", "rm", "cfg", "--force", env=env).returncode, 0)
+        self.assertEqual(os.listdir(self.directory), [])
+
+    def test_a_process_that_has_ended_or_is_out_of_sight_is_passed_over(self):
+        user = self.use_segment("cfg")
+        for call, error in (("open", errno.ENOENT), ("open", errno.EACCES), ("read", errno.ESRCH)):
+            events = self.run_events("shm", "info", "cfg", env=self.failing(call, 1, error))
+            self.assertEqual(events[0]["pids"], [user.pid])
+
+    def test_a_directory_that_cannot_be_read_to_its_end_is_told(self):
+        self.directory.mkdir(parents=True)
+        (self.directory / "zarn_shm_cfg").write_text("")
+        for number in range(1, 5):  # of its two own entries, the file and the end
+            self.fails(1, f"^zarn: '{self.directory}': Input/output error\n$", "shm", "ls",
+                       env=self.failing("readdir", number, errno.EIO))
 
     def test_names_that_lead_elsewhere_are_refused(self):
         for name in ("../x", "a/b", "/x", "..", "a..b", ""):

@@ -59,11 +59,19 @@ int ComplainOfSegment(const std::string& name, int error) {
   return kFailed;
 }
 
+// False after a complaint.
+bool FindUsers(std::span<ShmSegment> segments, const std::string& of) {
+  const int error = FindProcesses(segments);
+  if (error != 0) Complain("'{}': cannot tell who uses it: {}", Escape(of), std::strerror(error));
+  return error == 0;
+}
+
 int RunShmLs(const ShmOptions& options) {
   Output output(options.json);
   std::vector<ShmSegment> segments;
   if (const int error = ScanSegments(segments); error != 0)
     return ComplainOfSegment(GetShmDirectory(), error);
+  if (!FindUsers(segments, GetShmDirectory())) return kFailed;
   std::size_t width = 8;
   for (const ShmSegment& segment : segments) width = std::max(width, Escape(segment.name).size());
   if (segments.empty()) {
@@ -83,6 +91,7 @@ int RunShmInfo(const ShmOptions& options) {
   ShmSegment segment;
   if (const int error = FindSegment(options.name, segment); error != 0)
     return ComplainOfSegment(options.name, error);
+  if (!FindUsers({&segment, 1}, options.name)) return kFailed;
   Output output(options.json);
   output.Text("name       {}", Escape(segment.name));
   output.Text("path       {}", Escape(segment.path));
@@ -100,7 +109,8 @@ int RunShmRm(const ShmOptions& options) {
   ShmSegment segment;
   if (const int error = FindSegment(options.name, segment); error != 0)
     return ComplainOfSegment(options.name, error);
-  if (!segment.processes.empty() && !options.force) {
+  if (!options.force && !FindUsers({&segment, 1}, options.name)) return kFailed;
+  if (!segment.processes.empty()) {
     Complain("'{}': in use by process {}; --force removes it all the same", Escape(options.name),
              DescribeProcesses(segment));
     return kFailed;

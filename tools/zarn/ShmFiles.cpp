@@ -1,16 +1,19 @@
 // ShmFiles.cpp - see ShmFiles.h.
 #include "ShmFiles.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <system_error>
 
+#include "Descriptor.h"
 #include "zarn/utils/zarnutils.h"
 
 namespace zarn::tool {
@@ -45,24 +48,35 @@ struct MappedSegment {
   std::string path;
 };
 
-// Reads no file of another user's process.
-void AddProcesses(std::vector<ShmSegment>& segments) {
-  const std::vector<MappedSegment> mapped(segments.begin(), segments.end());
-  std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
-    const std::string number = entry.path().filename().string();
-    pid_t process = 0;
-    const char* end = number.data() + number.size();
-    if (std::from_chars(number.data(), end, process).ptr != end || process <= 0) continue;
-    std::ifstream maps(entry.path().string() + "/maps");
-    for (std::string line; std::getline(maps, line);) {
-      for (const MappedSegment& each : mapped) {
-        std::vector<pid_t>& processes = each.segment->processes;
-        const bool known = !processes.empty() && processes.back() == process;
-        if (!known && each.IsIn(line)) processes.push_back(process);
-      }
+// Fails with an errno value; what was read before that is in the text.
+int ReadAll(const std::string& path, std::string& text) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file) return errno;
+  char buffer[65536];
+  ssize_t count = 0;
+  while ((count = ::read(file.Get(), buffer, sizeof buffer)) > 0)
+    text.append(buffer, static_cast<std::size_t>(count));
+  return count < 0 ? errno : 0;
+}
+
+// Another user's process, or one that has ended meanwhile.
+bool IsOutOfSight(int error) {
+  return error == EACCES || error == EPERM || error == ENOENT || error == ESRCH;
+}
+
+// Fails with an errno value.
+int LookAtProcess(pid_t process, const std::vector<MappedSegment>& mapped) {
+  std::string text;
+  const int error = ReadAll(fmt::format("/proc/{}/maps", process), text);
+  std::istringstream maps(std::move(text));
+  for (std::string line; std::getline(maps, line);) {
+    for (const MappedSegment& each : mapped) {
+      std::vector<pid_t>& processes = each.segment->processes;
+      const bool known = !processes.empty() && processes.back() == process;
+      if (!known && each.IsIn(line)) processes.push_back(process);
     }
   }
+  return IsOutOfSight(error) ? 0 : error;
 }
 
 }  // namespace
@@ -79,10 +93,11 @@ std::string GetShmDirectory() {
 
 int ScanSegments(std::vector<ShmSegment>& segments) {
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(GetShmDirectory(), error)) {
-    const std::string file = entry.path().filename().string();
+  for (std::filesystem::directory_iterator at(GetShmDirectory(), error), end; !error && at != end;
+       at.increment(error)) {
+    const std::string file = at->path().filename().string();
     ShmSegment segment{
-        file.substr(std::min(file.size(), kShmPrefix.size())), entry.path().string(), {}, {}};
+        file.substr(std::min(file.size(), kShmPrefix.size())), at->path().string(), {}, {}};
     if (file.starts_with(kShmPrefix) && ::lstat(segment.path.c_str(), &segment.status) == 0 &&
         S_ISREG(segment.status.st_mode))
       segments.push_back(segment);
@@ -90,19 +105,28 @@ int ScanSegments(std::vector<ShmSegment>& segments) {
   if (error && error.value() != ENOENT) return error.value();
   std::sort(segments.begin(), segments.end(),
             [](const ShmSegment& a, const ShmSegment& b) { return a.name < b.name; });
-  AddProcesses(segments);
   return 0;
 }
 
 int FindSegment(const std::string& name, ShmSegment& segment) {
-  std::vector<ShmSegment> segments(1);
-  segments[0].name = name;
-  segments[0].path = GetShmDirectory() + "/" + std::string(kShmPrefix) + name;
-  if (::lstat(segments[0].path.c_str(), &segments[0].status) != 0) return errno;
-  if (!S_ISREG(segments[0].status.st_mode)) return EINVAL;
-  AddProcesses(segments);
-  segment = segments[0];
-  return 0;
+  segment.name = name;
+  segment.path = GetShmDirectory() + "/" + std::string(kShmPrefix) + name;
+  if (::lstat(segment.path.c_str(), &segment.status) != 0) return errno;
+  return S_ISREG(segment.status.st_mode) ? 0 : EINVAL;
+}
+
+int FindProcesses(std::span<ShmSegment> segments) {
+  const std::vector<MappedSegment> mapped(segments.begin(), segments.end());
+  std::error_code error;
+  int unread = 0;
+  for (std::filesystem::directory_iterator at("/proc", error), end;
+       !error && unread == 0 && at != end; at.increment(error)) {
+    const std::string number = at->path().filename().string();
+    pid_t process = 0;
+    std::from_chars(number.data(), number.data() + number.size(), process);
+    if (process > 0) unread = LookAtProcess(process, mapped);
+  }
+  return error ? error.value() : unread;
 }
 
 }  // namespace zarn::tool

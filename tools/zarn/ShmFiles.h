@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -27,5 +28,8 @@ int ScanSegments(std::vector<ShmSegment>& segments);
 
 // Fails with an errno value.
 int FindSegment(const std::string& name, ShmSegment& segment);
+
+// Adds those who have them mapped. Fails with an errno value; there may be more of them then.
+int FindProcesses(std::span<ShmSegment> segments);
 
 }  // namespace zarn::tool

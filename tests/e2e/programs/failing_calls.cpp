@@ -9,6 +9,7 @@
 //
 // Left alone: what goes to the standard streams, waking a loop (an eventfd that can be written does
 // not fail) and taking a descriptor out of an epoll set (which does not fail either).
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -180,6 +181,7 @@ FAILING(int, -1, fchmod, (int fd, mode_t mode) noexcept, (fd, mode))
 FAILING(int, -1, mkdir, (const char* path, mode_t mode) noexcept, (path, mode))
 FAILING(int, -1, unlink, (const char* path) noexcept, (path))
 FAILING(int, -1, unlinkat, (int at, const char* path, int flags) noexcept, (at, path, flags))
+FAILING(dirent*, nullptr, readdir, (DIR * directory), (directory))
 FAILING(int, -1, flock, (int fd, int operation) noexcept, (fd, operation))
 FAILING(ssize_t, -1, getrandom, (void* out, std::size_t size, unsigned flags), (out, size, flags))
 FAILING(char*, nullptr, realpath, (const char* path, char* out) noexcept, (path, out))
