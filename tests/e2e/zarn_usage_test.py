@@ -176,11 +176,28 @@ class Usage(ToolTest):
                 self.assertIn(word, result.stderr.splitlines()[0])
         self.assertEqual(self.run_tool("stat", "all", "--clean").returncode, 0)
 
-    def test_send_wants_exactly_one_content(self):
-        self.assert_wrong_usage("send", "ipc://1_2")
-        self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "--file", "y")
-        self.assert_wrong_usage("send", "ipc://1_2", "--data", "x", "-")
+    def test_exactly_one_content_is_wanted(self):
+        send, rest = ("send", "ipc://1_2"), ("rest", "http://127.0.0.1:1/zarn/tcpchannel")
+        for wanted, command, contents in (
+                ("[--data,--file,lines]", send, ("--data", "x", "--file", "y")),
+                ("[--data,--file,lines]", send, ("--data", "x", "-")),
+                ("[--data,--file]", rest, ("--data", "x", "--file", "y"))):
+            for given, told in (((), ""), (contents, " and 2 were given")):
+                result = self.run_tool(*command, *given)
+                self.assertEqual((result.returncode, result.stdout), (2, ""))
+                self.assertEqual(result.stderr.splitlines()[0],
+                                 f"Exactly 1 option from {wanted} is required{told}")
         self.assert_wrong_usage("send", "ipc://1_2", "nodash")
+
+    def test_an_empty_argument_too_many_is_wrong_usage_wherever_it_stands(self):
+        rest, send = ("rest", "http://127.0.0.1:1/zarn/tcpchannel"), ("send", "ipc://1_2")
+        put = ("kv", "none/s", "put", "k", "v")
+        for arguments in ((*rest, "--data", "x", ""), (*rest, "", "--data", "x"),
+                          (*rest, "--data", "x", "", "--timeout", "5"), (*rest, "", "--json"),
+                          (*send, "--data", "x", ""), (*send, "-", "", "--json"), (*send, "", "--timeout", "1"),
+                          (*put, ""), (*put, "", "--json"), (*put, "", "--hex", "00")):
+            with self.subTest(arguments):
+                self.assert_wrong_usage(*arguments)
 
 
 class Root(ToolTest):

@@ -231,6 +231,17 @@ CLI::Option& AddSeconds(CLI::App& command, const std::string& name, double& valu
               ->capture_default_str();
 }
 
+void RequireOne(const CLI::App& command) {
+  std::vector<std::string> names;
+  std::size_t given = 0;
+  for (const CLI::Option* option : command.get_options()) {
+    if (option->get_group() != kExactlyOne) continue;
+    names.push_back(option->get_name());
+    if (option->count() != 0) ++given;
+  }
+  if (given != 1) throw CLI::RequiredError::Option(1, 1, given, CLI::detail::join(names));
+}
+
 void SetExamples(CLI::App& command, const std::string& examples) {
   command.footer("Example:\n" + examples + "\n" + kExitCodes);
 }

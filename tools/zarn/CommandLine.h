@@ -54,6 +54,11 @@ CLI::Option& AddNumber(CLI::App& command, const std::string& name, Value& value,
 }
 CLI::Option& AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
                         double most, const std::string& description);
+// Of the options in this group exactly one must be given, which RequireOne looks at when all has
+// been parsed. The parser's own option groups take an empty argument for the name of a subcommand,
+// theirs.
+constexpr const char* kExactlyOne = "Exactly one of these";
+void RequireOne(const CLI::App& command);
 void SetExamples(CLI::App& command, const std::string& examples);
 
 // What every subcommand that talks to one peer is told.

@@ -208,13 +208,14 @@ int RunRest(const RestOptions& options) {
 }
 
 void AddContent(CLI::App& command, RestOptions& options) {
-  CLI::Option_group& content = *command.add_option_group("content", "exactly one of these");
-  content.add_option("--data", options.body.text, "send this text")->type_name("TEXT");
-  content
+  command.add_option("--data", options.body.text, "send this text")
+      ->type_name("TEXT")
+      ->group(kExactlyOne);
+  command
       .add_option("--file", options.body.file, "send what the file holds; '-' is standard input")
       ->check(IsNotEmpty())
-      ->type_name("FILE");
-  content.require_option(1);
+      ->type_name("FILE")
+      ->group(kExactlyOne);
 }
 
 // Who names authorities counts on a verified server, so an http:// url is a slip.
@@ -269,7 +270,10 @@ void AddRest(CLI::App& app, Action& action) {
   AddJson(command, options->json);
   SetExamples(command,
               "  zarn rest http://127.0.0.1:8080/zarn/tcpchannel/orders --data '{\"id\": 7}'");
-  command.callback([options, &action] { action = [options] { return RunRest(*options); }; });
+  command.callback([options, &command, &action] {
+    RequireOne(command);
+    action = [options] { return RunRest(*options); };
+  });
 }
 
 }  // namespace zarn::tool

@@ -212,21 +212,24 @@ void AddSend(CLI::App& app, Action& action) {
   AddClientOptions(command, options->client);
   AddNumber(command, "--type", options->type, 0, 65535, "type of the messages");
   AddNumber(command, "--tag", options->tag, 0, 4294967295, "tag of the messages");
-  CLI::Option_group& content = *command.add_option_group("content", "exactly one of these");
-  auto* data = content.add_option("--data", options->data, "send this text")->type_name("TEXT");
-  auto* file = content.add_option("--file", options->file, "send what the file holds")
+  auto* data = command.add_option("--data", options->data, "send this text")
+                   ->type_name("TEXT")
+                   ->group(kExactlyOne);
+  auto* file = command.add_option("--file", options->file, "send what the file holds")
                    ->check(IsNotEmpty())
-                   ->type_name("FILE");
-  content.add_option("lines", options->lines, "'-': send each line of standard input as a message")
-      ->check(CLI::IsMember({"-"}));
-  content.require_option(1);
+                   ->type_name("FILE")
+                   ->group(kExactlyOne);
+  command.add_option("lines", options->lines, "'-': send each line of standard input as a message")
+      ->check(CLI::IsMember({"-"}))
+      ->group(kExactlyOne);
   AddNumber(command, "--replies", options->replies, 0, kUnlimited,
             "wait for that many answers and print them");
   command.add_flag("--full", options->full, "print long answers in full");
   SetExamples(command,
               "  zarn send ipc://1_2 --type 7 --data hello --replies 1\n"
               "  tail -f some.log | zarn send ipc://1_2 --as 3_4 --type 7 -");
-  command.callback([options, data, file, &action] {
+  command.callback([options, data, file, &command, &action] {
+    RequireOne(command);
     action = [options, hasData = data->count() != 0, hasFile = file->count() != 0] {
       return RunSend(*options, hasData, hasFile);
     };
