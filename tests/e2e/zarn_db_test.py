@@ -342,16 +342,17 @@ class Transfer(Db):
         self.fails(1, f"^zarn: '{self.root}': Is a directory\n$", *self.db, "import", str(self.root))
         result = self.run_without("<&-", *self.db, "import")
         self.assertEqual((result.returncode, result.stderr), (1, "zarn: '-': Bad file descriptor\n"))
-        leader, follower = pty.openpty()
-        tty.setraw(follower)
-        importing = self.start(*self.db, "import", "--json", stdin=leader)
-        os.close(leader)
-        os.write(follower, b'{"key":"k","value":"v"}\n')
-        os.close(follower)  # which the other end reads as an error
-        self.assertEqual(importing.event("summary"), {"event": "summary", "rows": 1, "complete": False})
-        self.assertEqual(importing.process.wait(PATIENCE), 1)
-        self.assertEqual(importing.errors(), "zarn: '-': Input/output error")
-        self.assertEqual(self.rows(), {b"k": b"v"})
+        for cut in (b"", b'{"key":"l","val', b'{"key":"l","value":"w"}'):
+            leader, follower = pty.openpty()
+            tty.setraw(follower)
+            importing = self.start(*self.db, "import", "--json", stdin=leader)
+            os.close(leader)
+            os.write(follower, ROW + cut)
+            os.close(follower)  # which the other end reads as an error
+            self.assertEqual(importing.event("summary"), {"event": "summary", "rows": 1, "complete": False})
+            self.assertEqual(importing.process.wait(PATIENCE), 1)
+            self.assertEqual(importing.errors(), "zarn: '-': Input/output error")
+            self.assertEqual(self.rows(), {b"k": b"v"})
 
     def test_a_line_too_long_for_the_memory_is_told_and_is_not_taken_for_the_end(self):
         self.needs_little_memory()

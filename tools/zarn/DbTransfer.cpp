@@ -103,8 +103,10 @@ class Importer {
   bool ReadLine() {
     if (IsInterrupted()) return false;
     const ssize_t length = ::getline(&line_, &capacity_, file_);
-    if (length < 0 && std::feof(file_) == 0) readError_ = errno;  // also of a line without memory
-    if (length < 0 || IsInterrupted()) return false;
+    // The start of a line that an error cuts off is given all the same. That there is no memory for
+    // one is no error of the file.
+    if (std::ferror(file_) != 0 || (length < 0 && std::feof(file_) == 0)) readError_ = errno;
+    if (length < 0 || readError_ != 0 || IsInterrupted()) return false;
     lineLength_ = static_cast<std::size_t>(length);
     read_ += static_cast<double>(length);
     ++number_;
