@@ -262,6 +262,18 @@ class Files(Db):
                        *self.db, verb, "k", "--file", str(self.root))
         self.assertEqual(self.rows(), {b"k": b"v"})
 
+    def test_a_value_is_not_written_over_the_store_nor_what_belongs_to_it(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        before = self.path.read_bytes()
+        os.link(self.path, self.root / "hard")
+        (self.root / "to").symlink_to("store.db")
+        (self.root / "wal").symlink_to("store.db-wal")
+        for name in ("store.db", "to", "hard", "wal", "store.db-journal", str(self.path)):
+            self.fails(1, f"^zarn: '{name}': is the store itself, or belongs to it\n$",
+                       *self.db, "get", "k", "--file", name, cwd=self.root)
+        self.assertEqual(self.path.read_bytes(), before)
+        self.assertFalse((self.root / "store.db-wal").exists())
+
     def test_a_full_output_is_a_failure(self):
         self.run_ok(*self.db, "set", "k", "v")
         for arguments in (("export",), ("ls",), ("get", "k"), ("get", "k", "--file", "-")):

@@ -6,6 +6,7 @@
 #include "CommandLine.h"
 #include "Output.h"
 #include "StoreBytes.h"
+#include "StorePlace.h"
 
 namespace zarn::tool {
 
@@ -49,6 +50,7 @@ int RunDbGet(const DbOptions& options) {
   const auto file = OpenToRead(options.path);
   std::string value;
   if (file == nullptr || !FindInDb(*file, options, *key, value)) return kFailed;
+  if (!MayReplace(options.path, options.show.file)) return kFailed;
   Output output(options.json);
   return ShowValue(output, options.show, *key, value) && output.Flush() ? kDone : kFailed;
 }

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include "CommandLine.h"
 #include "Db.h"
@@ -19,6 +18,7 @@
 #include "Output.h"
 #include "Progress.h"
 #include "StoreBytes.h"
+#include "StorePlace.h"
 
 namespace zarn::tool {
 
@@ -234,15 +234,6 @@ bool IsStandardOutput(const std::string& path) {
          IsSameFile(named, output);
 }
 
-// Where the links at `path` lead; nothing need be there.
-std::string FollowLinks(std::filesystem::path path) {
-  constexpr int kMostLinks = 40;  // as many as the kernel follows
-  std::error_code error;
-  for (int links = 0; links < kMostLinks && std::filesystem::is_symlink(path, error); ++links)
-    path = path.parent_path() / std::filesystem::read_symlink(path, error);
-  return path.string();
-}
-
 // For a pipe, a device and the like, and for an open file that has no name.
 bool ExportDirectly(DbFile& store, const std::string& path, const std::string& to,
                     std::uint64_t& rows) {
@@ -296,26 +287,11 @@ std::FILE* MakePart(const std::string& part, const struct stat* replaced) {
   return ::fdopen(fd, "wb");
 }
 
-// Whether `place` is the store, or bears the name of a file that SQLite keeps beside it.
-bool IsOfStore(const std::filesystem::path& store, const std::filesystem::path& place) {
-  std::error_code error;
-  if (std::filesystem::equivalent(store, place, error)) return true;
-  if (!std::filesystem::equivalent(store.parent_path() / ".", place.parent_path() / ".", error))
-    return false;
-  for (const char* suffix : {"-journal", "-wal", "-shm"})
-    if (place.filename() == (store.filename() += suffix)) return true;
-  return false;
-}
-
 // The file at `place` is there with all its rows, or as it was before.
 bool ReplaceByExport(DbFile& store, const std::string& path, const std::string& place,
                      const struct stat* replaced, std::uint64_t& rows) {
   const std::string part = place + ".part";
-  for (const std::string& name : {place, part}) {
-    if (!IsOfStore(FollowLinks(path), name)) continue;
-    Complain("'{}': is the store itself, or belongs to it", Escape(name));
-    return false;
-  }
+  if (!MayReplace(path, place) || !MayReplace(path, part)) return false;
   std::FILE* file = MakePart(part, replaced);
   if (file == nullptr) {
     Complain("'{}': {}", Escape(part),
