@@ -9,8 +9,10 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <new>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -147,6 +149,20 @@ bool LevelDBEnvironment::FileExists(const std::string& name) {
   if (!HoldsEntries(DirectoryOf(name))) return false;
   failure_.Set(Status::IOError(name, "is not found, but tables or logs are; they are kept"));
   return true;
+}
+
+// LevelDB's own takes a directory that cannot be read on for one that ends there, and an Open that
+// does not see a log deletes it. Told of the failure, an Open fails, and an open database deletes
+// less than it could: that is no reason to take no more writes.
+Status LevelDBEnvironment::GetChildren(const std::string& directory,
+                                       std::vector<std::string>* names) {
+  names->clear();
+  std::error_code error;
+  const std::filesystem::directory_iterator end;
+  for (std::filesystem::directory_iterator at(directory, error); !error && at != end;
+       at.increment(error))
+    names->push_back(at->path().filename());
+  return error ? Status::IOError(directory, error.message()) : Status();
 }
 
 bool LevelDBEnvironment::HoldsEntries(const std::string& directory) {

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 namespace zarn::utils {
 
@@ -40,6 +41,8 @@ class LevelDBEnvironment final : public leveldb::EnvWrapper {
   int GetDirectory() const { return directory_; }  // below 0 when it cannot be used
 
   bool FileExists(const std::string& name) override;
+  leveldb::Status GetChildren(const std::string& directory,
+                              std::vector<std::string>* names) override;
   leveldb::Status NewSequentialFile(const std::string& name,
                                     leveldb::SequentialFile** result) override;
   leveldb::Status NewRandomAccessFile(const std::string& name,

@@ -1,6 +1,7 @@
 // FailingCalls.cpp - see FailingCalls.h.
 #include "FailingCalls.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
@@ -101,6 +102,10 @@ ssize_t read(int file, void* bytes, std::size_t length) {
 }
 int access(const char* path, int mode) noexcept {
   return static_cast<int>(Call("access", SYS_faccessat, AT_FDCWD, path, mode));
+}
+// Another name of the same function.
+dirent* readdir(DIR* directory) {
+  return Fails("readdir") ? nullptr : reinterpret_cast<dirent*>(::readdir64(directory));
 }
 int lstat(const char* path, struct stat* status) noexcept {
   return static_cast<int>(Call("lstat", SYS_lstat, path, status));

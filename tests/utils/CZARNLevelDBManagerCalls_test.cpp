@@ -72,9 +72,20 @@ TEST_P(StoreCalls, NothingIsLostByAnOpenInWhichOneFails) {
   EXPECT_GT(passing, 0);
 }
 
+TEST_P(StoreCalls, NothingIsLostByOneThatFailsWhileCurrentIsMissing) {
+  bool failed = true;
+  for (int passing = 0; failed; ++passing) {
+    Make();
+    std::filesystem::rename(path_ + "/CURRENT", path_ + "/kept");
+    failed = OpenFailing(passing);
+    std::filesystem::rename(path_ + "/kept", path_ + "/CURRENT");
+    EXPECT_TRUE(IsWhole()) << passing;
+  }
+}
+
 INSTANTIATE_TEST_SUITE_P(Name, StoreCalls,
                          testing::Values(FailingCall{"open", EMFILE}, FailingCall{"read", EIO},
-                                         FailingCall{"access", EIO}),
+                                         FailingCall{"access", EIO}, FailingCall{"readdir", EIO}),
                          [](const auto& call) { return std::string(call.param.name); });
 
 }  // namespace
