@@ -1,5 +1,6 @@
 """zarn kv: what it prints, and which stores it refuses."""
 
+import errno
 import os
 import subprocess
 import unittest
@@ -124,6 +125,24 @@ class Kv(ToolTest):
         self.assertRegex((self.path / "LOG").read_text(encoding="utf-8"), "checksum mismatch")
         self.damage("*.log", b"noodle", b"needle")
         self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tneedle\n")
+
+    def test_a_pipe_or_a_device_in_place_of_the_log_is_told(self):
+        self.run_ok(*self.kv, "put", "k", "v")
+        (log,) = self.path.glob("*.log")
+        kept = log.rename(self.path / "kept")
+        for make in (os.mkfifo, lambda path: os.symlink("/dev/zero", path)):
+            make(log)
+            for verb in (("get", "k"), ("put", "k", "w"), ("rm", "k"), ("dump",)):
+                self.fails(1, "cannot be opened; its file LOG may say why", *self.kv, *verb)
+            log.unlink()
+        kept.rename(log)
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tv\n")
+
+    def test_a_directory_that_cannot_be_read_on_is_told_and_nothing_is_lost(self):
+        self.run_ok(*self.kv, "put", "k", "v")
+        for verb in (("get", "k"), ("put", "k", "w"), ("rm", "k"), ("dump",)):
+            self.fails(1, "cannot be opened", *self.kv, *verb, env=self.failing("readdir", 1, errno.EIO))
+        self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tv\n")
 
     def test_an_output_that_cannot_be_written_is_a_failure_and_the_store_stays_as_it_is(self):
         self.run_ok(*self.kv, "put", "k", "needle")

@@ -15,6 +15,7 @@
 #include "CommandLine.h"
 #include "Descriptor.h"
 #include "EndpointFiles.h"
+#include "LevelDBEnvironment.h"
 #include "Output.h"
 #include "StoreBytes.h"
 #include "zarn/utils/CZARNLevelDBManager.h"
@@ -78,12 +79,14 @@ bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
 
 // The library's own class does not say what it leaves out. Damage that LevelDB sees in the log is a
 // failure here: opened all the same, the store would lose for good what stands there.
-std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path) {
-  if (!IsKvThere(path)) return nullptr;
+std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path,
+                                          utils::LevelDBEnvironment& environment) {
   leveldb::Options options;
   options.paranoid_checks = true;
+  options.env = &environment;
   leveldb::DB* store = nullptr;
-  if (!leveldb::DB::Open(options, path, &store).ok()) ComplainNotOpened(path);
+  if (environment.GetDirectory() < 0 || !leveldb::DB::Open(options, path, &store).ok())
+    ComplainNotOpened(path);
   return std::unique_ptr<leveldb::DB>(store);
 }
 
@@ -130,7 +133,9 @@ int RunKvRm(const KvOptions& options) {
 }
 
 int RunKvDump(const KvOptions& options) {
-  const auto store = OpenKvToRead(options.path);
+  if (!IsKvThere(options.path)) return kFailed;
+  utils::LevelDBEnvironment environment(options.path, true);
+  const auto store = OpenKvToRead(options.path, environment);
   if (store == nullptr) return kFailed;
   Output output(options.json);
   leveldb::ReadOptions whole;
