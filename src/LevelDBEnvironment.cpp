@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <new>
@@ -131,6 +132,19 @@ Status LevelDBFailure::Set(const Status& status) {
 
 Status LevelDBFailure::Refuse(const std::string& name) const {
   return Status::IOError(name, "is left as it is after a failure");
+}
+
+// After a failure a lock of LevelDB stays locked, so it is not asked again.
+bool StartLevelDBThread() {
+  static const bool isStarted = [] {
+    try {
+      leveldb::Env::Default()->Schedule([](void* /*nothing*/) {}, nullptr);
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }();
+  return isStarted;
 }
 
 LevelDBEnvironment::LevelDBEnvironment(const std::string& path, bool sync)

@@ -28,6 +28,11 @@ class LevelDBFailure {
   leveldb::Logger* logger_ = nullptr;
 };
 
+// Starts the thread that all databases of the process share, before any is opened. LevelDB would
+// start it within a write, and a system that gives none would leave that write's locks locked.
+// Where it cannot be started it never can, and no database is to be opened. Any thread.
+bool StartLevelDBThread();
+
 // With `sync` a log is in its directory for good before it takes a write, and so is the database
 // when it is open. A file takes nothing more after a failed write.
 class LevelDBEnvironment final : public leveldb::EnvWrapper {

@@ -108,6 +108,7 @@ bool IsOpen(const std::vector<Database>& databases, const Place& place) {
 // LevelDB knows its databases by name only, so it would open one twice. And when it refuses one it
 // closes the lock's file, with which the process loses the lock: it is not to come so far.
 leveldb::DB* OpenAndKeep(leveldb::Options options, const std::string& path, bool sync) {
+  if (!StartLevelDBThread()) return nullptr;
   Kept& kept = GetKept();
   const std::lock_guard<std::mutex> guard(kept.mutex);
   kept.databases.reserve(kept.databases.size() + 1);

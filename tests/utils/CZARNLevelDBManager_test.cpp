@@ -20,6 +20,7 @@
 #include "ForkedChild.h"
 #include "StoreTrouble.h"
 #include "TempRoot.h"
+#include "ThreadShortage.h"
 
 namespace zarn::utils {
 namespace {
@@ -408,7 +409,47 @@ TEST_F(CZARNLevelDBManagerTest, APipeInPlaceOfAFileIsNotRead) {
   EXPECT_TRUE(Elsewhere(isWhole));
 }
 
-// --- no room, no permission ---
+// --- no thread, no room, no permission ---
+
+// Who can start no thread is another user than root.
+void OpenToAll(const std::string& directory) {
+  std::filesystem::permissions(directory, std::filesystem::perms::all);
+}
+
+TEST_F(CZARNLevelDBManagerTest, WithoutAThreadForLevelDBNothingIsOpenedAndNothingHangs) {
+  if (ChildTest::Role() == "without threads") {
+    const std::string path = ChildTest::Argument();
+    CZARNLevelDBManager other(true, 0, true, true);
+    bool refused = false;
+    {
+      const test::ThreadShortage none;
+      refused = store_.Open(path.c_str()) == -1 && store_.Open(path.c_str()) == -1;
+    }
+    refused = refused && other.Open((path + ".other").c_str()) == -1;
+    std::_Exit(refused ? 0 : 1);  // nobody looks for leaks: LevelDB loses a few bytes
+  }
+  OpenToAll(dir_.GetPath());
+  ChildTest opener("without threads", path_);
+  EXPECT_EQ(opener.Wait(), 0) << opener.GetErrors();
+}
+
+TEST_F(CZARNLevelDBManagerTest, WritesNeedNoThreadThatTheSystemMayNotGive) {
+  if (ChildTest::Role() == "writer") {
+    const std::string path = ChildTest::Argument();
+    if (store_.Open(path.c_str()) != 0) std::exit(1);
+    OpenToAll(path);
+    int taken = 0;
+    {
+      const test::ThreadShortage none;
+      const std::string value(1'000'000, 'v');  // so there are several logs
+      while (taken < 12 && Insert(store_, std::to_string(taken), value) == 0) ++taken;
+    }
+    std::exit(taken == 12 ? 0 : 1);
+  }
+  OpenToAll(dir_.GetPath());
+  ChildTest writer("writer", path_);
+  EXPECT_EQ(writer.Wait(), 0) << writer.GetErrors();
+}
 
 // LevelDB itself acknowledges the small ones, and has lost them when it is opened again.
 TEST_F(CZARNLevelDBManagerTest, FullDiskIsACodeTheOldDataStaysAndNoLaterWriteIsTaken) {

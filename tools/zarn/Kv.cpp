@@ -70,7 +70,15 @@ bool MakeDirectory(const std::string& path) {
   return false;
 }
 
+// The library would not say that this is why it cannot open the store.
+bool StartThread(const std::string& path) {
+  if (utils::StartLevelDBThread()) return true;
+  Complain("'{}': cannot be opened: no thread can be started", Escape(path));
+  return false;
+}
+
 bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
+  if (!StartThread(path)) return false;
   if (make ? !MakeDirectory(path) : !IsKvThere(path)) return false;
   if (store.Open(path.c_str()) == 0) return true;
   ComplainNotOpened(path);
@@ -133,7 +141,7 @@ int RunKvRm(const KvOptions& options) {
 }
 
 int RunKvDump(const KvOptions& options) {
-  if (!IsKvThere(options.path)) return kFailed;
+  if (!StartThread(options.path) || !IsKvThere(options.path)) return kFailed;
   utils::LevelDBEnvironment environment(options.path, true);
   const auto store = OpenKvToRead(options.path, environment);
   if (store == nullptr) return kFailed;

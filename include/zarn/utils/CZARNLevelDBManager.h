@@ -38,7 +38,7 @@ namespace zarn::utils {
 // as much again.
 //
 // Forking: LevelDB's thread stays behind, and a child that writes much waits for it for ever. A
-// child uses no database of its parent, and opens none when the parent has opened any.
+// child uses no database of its parent, and opens none when the parent has called Open.
 //
 // Threads: the operations from any thread at once; Open, Close and the destructor while nothing
 // else runs. LevelDB does not survive a failed allocation: the call that meets one answers -1, and
@@ -60,8 +60,9 @@ class ZARNUTILS_API CZARNLevelDBManager {
 
   // -1 also for a database that this process has opened before, by whatever path, or another has
   // open, and for null and "". And for one that cannot be read for the moment, or lacks its file
-  // CURRENT: nothing of it is lost, and its file LOG may say why. An object that is open lets go of
-  // its database first, as Close does, also when it gets no other.
+  // CURRENT: nothing of it is lost, and its file LOG may say why. And when LevelDB's thread cannot
+  // be started, which the first Open of a process does: then always. An object that is open lets go
+  // of its database first, as Close does, also when it gets no other.
   int Open(const char* path);
 
   // Keys and values have 1 GiB at most: a longer one is answered with -1, and changes nothing.
