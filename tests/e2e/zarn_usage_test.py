@@ -316,13 +316,20 @@ class Root(ToolTest):
 
 
 class Shortage(ToolTest):
+    with_loop = (*map(arguments_of, WITH_URL), ["log", "-f"],
+                 ["rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x"])
+
     def test_no_descriptors_for_the_loop_is_one_line(self):
-        for arguments in (*map(arguments_of, WITH_URL), ["log", "-f"],
-                          ["rest", "http://127.0.0.1:1/zarn/tcpchannel", "--data", "x"]):
+        for arguments in self.with_loop:
             result = self.run_tool(*arguments, env=self.failing("epoll_create1", 1, errno.EMFILE))
             self.assertEqual((result.returncode, result.stdout, result.stderr),
                              (1, "", "zarn: no event loop: out of memory or descriptors\n"), arguments)
 
+    def test_no_thread_is_one_line(self):
+        for arguments in self.with_loop:
+            result = self.run_tool(*arguments, env=self.failing("pthread_create", 1, errno.EAGAIN, "ever"))
+            self.assertEqual((result.returncode, result.stdout), (1, ""), arguments)
+            self.assertRegex(result.stderr, "^zarn: out of threads or other resources: .*\n$")
 
     def test_a_file_too_large_for_the_memory_is_one_line(self):
         self.needs_little_memory()

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <new>
+#include <system_error>
 
 #include "CommandLine.h"
 #include "Output.h"
@@ -26,5 +27,8 @@ int main(int argc, char** argv) try {
   return KeepStandardStreams() ? zarn::tool::RunCommandLine(argc, argv) : zarn::tool::kFailed;
 } catch (const std::bad_alloc&) {
   zarn::tool::ComplainLine("out of memory");
+  return zarn::tool::kFailed;
+} catch (const std::system_error& error) {
+  zarn::tool::Complain("out of threads or other resources: {}", error.what());
   return zarn::tool::kFailed;
 }
