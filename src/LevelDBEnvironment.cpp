@@ -72,33 +72,33 @@ class FileUntilFailure final : public leveldb::WritableFile {
   Status status_;
 };
 
-std::string DirectoryOf(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return ".";
-  return path.substr(0, std::max<std::size_t>(slash, 1));
-}
+// Of a file of LevelDB.
+std::string DirectoryOf(const std::string& name) { return name.substr(0, name.rfind('/')); }
 
-int OpenDirectory(const std::string& path) {
-  return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-}
+constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-bool SyncDirectory(const std::string& path) {
-  const int directory = OpenDirectory(path);
-  const bool synced = directory >= 0 && ::fsync(directory) == 0;
-  if (directory >= 0) ::close(directory);
+// Puts the name of the directory on disk. When the one above it may not be read, that takes all of
+// the file system; one that cannot be synced, such as a read-only one with a mount, keeps its
+// names.
+bool SyncNameOf(int directory) {
+  const int above = ::openat(directory, "..", kOpenDirectory);
+  if (above < 0) return errno == EACCES && ::syncfs(directory) == 0;
+  const bool synced = ::fsync(above) == 0 || errno == EINVAL;
+  ::close(above);
   return synced;
 }
 
-// LevelDB would make it, too, but not mind that its name may be lost.
+// LevelDB would make it, too, but not mind that its name may be lost. Whoever made one that is
+// there may not have minded either, or may have been killed before.
 int OpenOrMakeDirectory(const std::string& path, bool sync) {
-  const int directory = OpenDirectory(path);
-  if (directory >= 0 || errno != ENOENT) return directory;
-  if (::mkdir(path.c_str(), 0755) == 0 && sync && !SyncDirectory(DirectoryOf(path))) {
-    ::rmdir(path.c_str());
-    return -1;
+  int directory = ::open(path.c_str(), kOpenDirectory);
+  if (directory < 0 && errno == ENOENT) {
+    ::mkdir(path.c_str(), 0755);
+    directory = ::open(path.c_str(), kOpenDirectory);
   }
-  return OpenDirectory(path);
+  if (directory < 0 || !sync || SyncNameOf(directory)) return directory;
+  ::close(directory);
+  return -1;
 }
 
 // As LevelDB names its tables and logs.

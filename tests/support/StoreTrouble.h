@@ -33,12 +33,15 @@ inline bool LimitFileSizeOnce(rlim_t bytes) {
   return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
 }
 
-// From now on the directory cannot be written to. Root may write anywhere and becomes somebody
-// else.
-inline bool MakeReadOnly(const std::string& directory) {
+// Root may do anything and becomes somebody else, whom permissions keep out.
+inline bool LeaveRoot() {
   constexpr uid_t kNobody = 65534;
-  if (::chmod(directory.c_str(), 0555) != 0) return false;
   return ::geteuid() != 0 || ::setresuid(kNobody, kNobody, kNobody) == 0;
+}
+
+// From now on the directory cannot be written to.
+inline bool MakeReadOnly(const std::string& directory) {
+  return ::chmod(directory.c_str(), 0555) == 0 && LeaveRoot();
 }
 
 }  // namespace zarn::test

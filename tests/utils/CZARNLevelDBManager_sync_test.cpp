@@ -1,4 +1,4 @@
-// CZARNLevelDBManager_sync_test.cpp - what waits for the disk: fsync and fdatasync are this
+// CZARNLevelDBManager_sync_test.cpp - what waits for the disk: fsync, fdatasync and syncfs are this
 // program's own, and counted, and may fail. A name counts as on disk once its directory was synced.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -18,6 +18,7 @@
 #include <system_error>
 
 #include "ForkedChild.h"
+#include "StoreTrouble.h"
 #include "TempRoot.h"
 #include "zarn/utils/CZARNLevelDBManager.h"
 
@@ -26,6 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 
 std::atomic<int> syncs{0};
+std::atomic<int> fileSystemSyncs{0};
 std::atomic<int> directorySyncsToPass{-1};  // before the one that fails; below 0: none will
 
 bool Fails(int file) {
@@ -110,6 +112,11 @@ int fdatasync(int file) {
   return static_cast<int>(::syscall(SYS_fdatasync, file));
 }
 
+int syncfs(int /*file*/) noexcept {  // would wait for all that others write
+  ++fileSystemSyncs;
+  return 0;
+}
+
 }  // extern "C"
 
 namespace zarn::utils {
@@ -175,6 +182,30 @@ TEST_F(StoreSyncOfNames, ANewDatabaseIsOnDiskWhenItIsOpen) {
   ASSERT_EQ(store_.Open((path_ + "/").c_str()), 0);
   EXPECT_TRUE(names.Has(path_));
   EXPECT_EQ(names.ContentOnDisk(path_ + "/CURRENT"), ContentOf(path_ + "/CURRENT"));
+}
+
+// Whoever made it may have been killed before its name was on disk.
+TEST_F(StoreSyncOfNames, ADirectoryThatWasThereIsOnDiskWhenItsDatabaseIsOpen) {
+  fs::create_directory(path_);
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_TRUE(names.Has(path_));
+}
+
+TEST_F(StoreSyncOfNames, ADirectoryBehindALinkIsOnDiskWhenItsDatabaseIsOpen) {
+  const fs::path link = dir_.GetPath() + "/links/store";
+  fs::create_directory(link.parent_path());
+  fs::create_directory(path_);
+  fs::create_directory_symlink(path_, link);
+  ASSERT_EQ(store_.Open(link.c_str()), 0);
+  EXPECT_TRUE(names.Has(path_));
+}
+
+TEST_F(StoreSyncOfNames, BelowADirectoryThatMayNotBeReadTheFileSystemIsSynced) {
+  fs::permissions(dir_.GetPath(), fs::perms{0333});
+  EXPECT_TRUE(test::ForkedChild([&] {
+                return test::LeaveRoot() && store_.Open(path_.c_str()) == 0 && fileSystemSyncs == 1;
+              }).Succeeded());
+  fs::permissions(dir_.GetPath(), fs::perms{0700});
 }
 
 TEST_F(StoreSyncOfNames, NoInsertIsAnsweredWhileTheNameOfItsLogMayBeLost) {
