@@ -57,6 +57,19 @@ class Kv(ToolTest):
         self.fails(1, "no key 'l'", *self.kv, "get", "l")
         self.fails(1, "no key 'l'", *self.kv, "rm", "l")
 
+    def test_a_value_is_not_written_into_the_store(self):
+        self.run_ok(*self.kv, "put", "k", "v")
+        (self.root / "link").symlink_to("store/CURRENT")
+        before = (self.path / "CURRENT").read_bytes()
+        for name in ("store/CURRENT", "store/new", "./store/../store/new", "link", str(self.path / "LOCK")):
+            self.fails(1, f"^zarn: '{name}': belongs to the store\n$", *self.kv, "get", "k", "--file", name,
+                       cwd=self.root)
+        self.assertEqual(self.run_ok("kv", ".", "get", "k", "--file", "-", cwd=self.path), "v")
+        self.run_ok("kv", ".", "get", "k", "--file", "../out", cwd=self.path)
+        self.assertEqual((self.root / "out").read_text(), "v")
+        self.assertEqual((self.path / "CURRENT").read_bytes()[:8], before[:8])
+        self.assertFalse((self.path / "new").exists())
+
     def test_a_store_in_use_is_told_with_its_holder(self):
         self.run_ok(*self.kv, "put", "k", "v")
         peer = os.path.join(os.path.dirname(TOOL), "store_peer")

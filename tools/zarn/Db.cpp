@@ -50,7 +50,7 @@ int RunDbGet(const DbOptions& options) {
   const auto file = OpenToRead(options.path);
   std::string value;
   if (file == nullptr || !FindInDb(*file, options, *key, value)) return kFailed;
-  if (!MayReplace(options.path, options.show.file)) return kFailed;
+  if (options.show.NamesFile() && !MayReplace(options.path, options.show.file)) return kFailed;
   Output output(options.json);
   return ShowValue(output, options.show, *key, value) && output.Flush() ? kDone : kFailed;
 }

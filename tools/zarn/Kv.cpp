@@ -18,6 +18,7 @@
 #include "LevelDBEnvironment.h"
 #include "Output.h"
 #include "StoreBytes.h"
+#include "StorePlace.h"
 #include "zarn/utils/CZARNLevelDBManager.h"
 
 namespace zarn::tool {
@@ -117,6 +118,7 @@ int RunKvGet(const KvOptions& options) {
   CZARNLevelDBManager store(true, 0, true, false);
   std::string value;
   if (!OpenKv(options.path, store, false) || !FindInKv(store, options, *key, value)) return kFailed;
+  if (options.show.NamesFile() && !IsOutside(options.path, options.show.file)) return kFailed;
   Output output(options.json);
   return ShowValue(output, options.show, *key, value) && output.Flush() ? kDone : kFailed;
 }

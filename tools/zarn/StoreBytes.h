@@ -27,6 +27,8 @@ struct ValueOptions {
 struct ShowOptions {
   bool hex = false;
   std::string file;  // where its bytes go as they are; "-" is standard output
+
+  bool NamesFile() const { return !file.empty() && file != "-"; }
 };
 
 void AddKey(CLI::App& command, KeyOptions& key);

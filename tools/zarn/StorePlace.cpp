@@ -35,4 +35,12 @@ bool MayReplace(const std::string& store, const std::string& place) {
   return false;
 }
 
+bool IsOutside(const std::string& directory, const std::string& place) {
+  std::error_code error;
+  const std::filesystem::path parent = std::filesystem::path(FollowLinks(place)).parent_path();
+  if (!std::filesystem::equivalent(directory, parent / ".", error)) return true;
+  Complain("'{}': belongs to the store", Escape(place));
+  return false;
+}
+
 }  // namespace zarn::tool

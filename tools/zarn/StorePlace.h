@@ -13,4 +13,7 @@ std::string FollowLinks(std::filesystem::path path);
 // SQLite keeps beside it.
 bool MayReplace(const std::string& store, const std::string& place);
 
+// False, after a complaint, when `place` is in the directory of the LevelDB store.
+bool IsOutside(const std::string& directory, const std::string& place);
+
 }  // namespace zarn::tool
