@@ -431,6 +431,22 @@ TEST(TlsStreamEnd, LingerEndsWhenTheTransportBelowTakesNoMore) {
   });
 }
 
+TEST(TlsStreamEnd, LingerEndsForGoodWhenTheTransportBelowFindsNoMemory) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    pair.client.end.room = 0;
+    pair.Send(pair.client, Pattern(10000));
+    loop.RunReady();
+    pair.Drop(pair.client);
+    EXPECT_FALSE(pair.client.end.destroyed);
+    pair.client.end.sendResult = AW_ERROR_FAILURE;
+    pair.client.end.MakeRoom(1 << 20);
+    EXPECT_TRUE(pair.client.end.destroyed);
+    loop.RunReady();  // nothing of it is left in the turn
+  });
+}
+
 TEST(TlsStreamEnd, LingerOfZeroDropsAtOnceWhatIsNotTaken) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

@@ -136,8 +136,7 @@ void TlsStream::OnBytes(CAWMessageBlock& block) {
 void TlsStream::OnRoom() {
   const CAWAutoPtr<TlsStream> alive(this);
   const bool well = writer_.WriteRest();
-  if (!well && state_ == State::closing) CloseNow();
-  if (state_ == State::closing) return Drain();
+  if (state_ == State::closing) return well ? Drain() : CloseNow();
   GoOnWriting();
   Pump();  // what the answers had held up
 }
