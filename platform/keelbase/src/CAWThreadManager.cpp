@@ -44,10 +44,6 @@ struct Slots {
 
 Slots& TheSlots() { return internal::Immortal<Slots>(); }
 
-}  // namespace
-
-namespace {
-
 // Serves what lingers on a loop's thread. Stays alive until the loop has run or dropped it.
 class FinishThere final : public internal::LoopTask {
  public:

@@ -60,7 +60,8 @@ class LoopTask {
   virtual void OnLoopTask() = 0;
   virtual void OnDropped() = 0;  // the loop will not run it
 
-  // When Run() returns: true when it waits for the next Run(), false when it is dropped.
+  // When Run() returns: true when it waits for the next Run(), whoever works in place meanwhile,
+  // false when it is dropped.
   virtual bool OutlastsRun() const { return false; }
 
   LoopTask* nextTask = nullptr;  // the loop's own

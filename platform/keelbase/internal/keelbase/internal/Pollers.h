@@ -25,8 +25,8 @@ class Poller {
   ~Poller() = default;
 };
 
-// Each may start and stop others while it is asked, itself too. `stop()` is looked at before each:
-// true when nobody else is to be asked.
+// Each may start and stop others while it is asked, itself too. `isOver()` is looked at before
+// each: true when nobody else is to be asked.
 class Pollers {
  public:
   bool IsEmpty() const { return list_.IsEmpty(); }
@@ -45,27 +45,27 @@ class Pollers {
   }
 
   // True when somebody had work.
-  template <class Stop>
-  bool Poll(Stop stop) {
+  template <class IsOver>
+  bool Poll(IsOver isOver) {
     bool any = false;
-    ForEach(stop, [this, &any](Poller& poller) {
+    ForEach(isOver, [this, &any](Poller& poller) {
       const bool worked = poller.Poll();
       any |= worked;
       if (asked_ == nullptr) return;
       if (worked) {
         poller.idleLooks = 0;
       } else if (++poller.idleLooks > kIdleLooks && poller.Arm()) {
-        this->Stop(poller);
+        Stop(poller);
       }
     });
     return any;
   }
 
   // True when nobody is left who must be asked.
-  template <class Stop>
-  bool Arm(Stop stop) {
-    ForEach(stop, [this](Poller& poller) {
-      if (poller.Arm()) this->Stop(poller);
+  template <class IsOver>
+  bool Arm(IsOver isOver) {
+    ForEach(isOver, [this](Poller& poller) {
+      if (poller.Arm()) Stop(poller);
     });
     return list_.IsEmpty();
   }
@@ -74,10 +74,10 @@ class Pollers {
   // Whoever had nothing to do for so many looks is not asked any more, though the loop still spins.
   static constexpr std::uint32_t kIdleLooks = 4096;
 
-  template <class Stop, class Ask>
-  void ForEach(Stop stop, Ask ask) {
+  template <class IsOver, class Ask>
+  void ForEach(IsOver isOver, Ask ask) {
     asking_ = true;
-    for (Poller* poller = list_.First(); poller != nullptr && !stop(); poller = next_) {
+    for (Poller* poller = list_.First(); poller != nullptr && !isOver(); poller = next_) {
       asked_ = poller;
       next_ = list_.After(*poller);
       ask(*poller);
