@@ -23,11 +23,10 @@ inline std::unique_ptr<keelbase::CAWMessageBlock> DuplicateOrNull(
 // that left bytes `partly()` is called, which answers 0, or 10001 without memory. As in OfferFrames
 // the handler may do anything to the stream; `bytes` must outlive that.
 template <class Stream, class Partly>
-ReceivePass OfferBlocks(Stream& stream, detail::Generation& generation, const bool& closed,
-                        CZARNStreamCounters& counters, keelbase::CAWMessageBlock& bytes,
+ReceivePass OfferBlocks(Stream& stream, const ReceiveParts& parts, keelbase::CAWMessageBlock& bytes,
                         Partly partly) {
   using End = ReceivePass::End;
-  const detail::Generation::Watch watch(generation);
+  const detail::Generation::Watch watch(parts.generation);
   ReceivePass pass;
   const auto ended = [&pass](End end) {
     pass.end = end;
@@ -41,9 +40,9 @@ ReceivePass OfferBlocks(Stream& stream, detail::Generation& generation, const bo
     duplicate.reset();
     if (watch.IsDestroyed()) return ended(End::kDestroyed);
     const bool tooLong = pass.answered > pass.offered;
-    if (pass.answered != 0 && !tooLong) ++counters.messagesReceived;
-    if (watch.HasChanged() && !closed) return ended(End::kReplaced);
-    if (closed) return ended(End::kClosed);
+    if (pass.answered != 0 && !tooLong) ++parts.counters.messagesReceived;
+    if (watch.HasChanged() && !parts.closed) return ended(End::kReplaced);
+    if (parts.closed) return ended(End::kClosed);
     if (tooLong) return ended(End::kTooLong);
     if (pass.answered == 0) return pass;
     bytes.AdvanceChainedReadPtr(pass.answered);
@@ -53,22 +52,20 @@ ReceivePass OfferBlocks(Stream& stream, detail::Generation& generation, const bo
   return pass;
 }
 
-// The same for the bytes that wait in `received`, behind which those of `data`, which is left as it
-// is, are put first. What the handler has not taken waits there again.
+// The same for the bytes that wait, behind which those of `data`, which is left as it is, are put
+// first. What the handler has not taken waits again.
 template <class Stream>
-ReceivePass OfferHeldBlocks(Stream& stream, detail::Generation& generation, const bool& closed,
-                            CZARNStreamCounters& counters, detail::ReceiveAccumulator& received,
+ReceivePass OfferHeldBlocks(Stream& stream, const ReceiveParts& parts,
                             const keelbase::CAWMessageBlock& data) {
   using End = ReceivePass::End;
   ReceivePass pass;
   pass.end = End::kNoMemory;
-  if (received.Append(data) != keelbase::AW_OK) return pass;
-  detail::ReceiveAccumulator held = std::move(received);
-  pass = OfferBlocks(stream, generation, closed, counters, *held.GetBlock(),
-                     [] { return keelbase::AW_OK; });
+  if (parts.received.Append(data) != keelbase::AW_OK) return pass;
+  detail::ReceiveAccumulator held = std::move(parts.received);
+  pass = OfferBlocks(stream, parts, *held.GetBlock(), [] { return keelbase::AW_OK; });
   if (pass.end == End::kDestroyed || pass.end == End::kReplaced) return pass;
   held.Consume(0);
-  received = std::move(held);
+  parts.received = std::move(held);
   return pass;
 }
 
@@ -76,23 +73,20 @@ ReceivePass OfferHeldBlocks(Stream& stream, detail::Generation& generation, cons
 // not drop it when a later frame takes all of it. With nothing held back `data` is advanced over
 // what was handled, else it is left as it is.
 template <class Stream>
-ReceivePass OfferBlocksKeepingRest(Stream& stream, detail::Generation& generation,
-                                   const bool& closed, CZARNStreamCounters& counters,
-                                   detail::ReceiveAccumulator& received,
+ReceivePass OfferBlocksKeepingRest(Stream& stream, const ReceiveParts& parts,
                                    keelbase::CAWMessageBlock& data) {
   using End = ReceivePass::End;
-  counters.bytesReceived += data.GetChainedLength();
-  if (received.GetLength() != 0)
-    return OfferHeldBlocks(stream, generation, closed, counters, received, data);
+  parts.counters.bytesReceived += data.GetChainedLength();
+  if (parts.received.GetLength() != 0) return OfferHeldBlocks(stream, parts, data);
   ReceivePass pass;
-  if (closed) pass.end = End::kClosed;
+  if (parts.closed) pass.end = End::kClosed;
   if (data.GetChainedLength() == 0) return pass;
   const auto keepRest = [&] {
-    received.Clear();
-    return received.Append(data);
+    parts.received.Clear();
+    return parts.received.Append(data);
   };
-  pass = OfferBlocks(stream, generation, closed, counters, data, keepRest);
-  if (pass.end == End::kReplaced) received.Clear();  // it came over the earlier connection
+  pass = OfferBlocks(stream, parts, data, keepRest);
+  if (pass.end == End::kReplaced) parts.received.Clear();  // it came over the earlier connection
   const bool incomplete = pass.end == End::kNeedMore && pass.answered == 0;
   if (incomplete && keepRest() != keelbase::AW_OK) pass.end = End::kNoMemory;
   return pass;
@@ -104,11 +98,10 @@ ReceivePass OfferBlocksKeepingRest(Stream& stream, detail::Generation& generatio
 // kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
 // is traced; kDestroyed or kReplaced.
 template <class Stream>
-ReceivePass::End OfferSameBlock(Stream& stream, keelbase::CAWMessageBlock& data,
-                                detail::Generation& generation, const bool& closed,
-                                CZARNStreamCounters& counters) {
+ReceivePass::End OfferSameBlock(Stream& stream, const ReceiveParts& parts,
+                                keelbase::CAWMessageBlock& data) {
   using End = ReceivePass::End;
-  const detail::Generation::Watch watch(generation);
+  const detail::Generation::Watch watch(parts.generation);
   const std::size_t length = data.GetLength();
   std::size_t consumed = 0;
   while (consumed < length) {
@@ -117,19 +110,19 @@ ReceivePass::End OfferSameBlock(Stream& stream, keelbase::CAWMessageBlock& data,
     if (watch.IsDestroyed()) return End::kDestroyed;
     const bool tooLong = answered > remaining;
     if (answered != 0 && !tooLong) {
-      ++counters.messagesReceived;
-      counters.bytesReceived += answered;
+      ++parts.counters.messagesReceived;
+      parts.counters.bytesReceived += answered;
     }
-    if (watch.HasChanged() && !closed) return End::kReplaced;
+    if (watch.HasChanged() && !parts.closed) return End::kReplaced;
     if (tooLong) {
       TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
       return End::kClosed;
     }
     if (answered == 0) break;
     consumed += answered;
-    if (closed) break;
+    if (parts.closed) break;
   }
-  if (closed) return End::kClosed;
+  if (parts.closed) return End::kClosed;
   const std::size_t left = length - consumed;
   if (data.GetLength() > left) data.AdvanceReadPtr(data.GetLength() - left);
   return End::kNeedMore;

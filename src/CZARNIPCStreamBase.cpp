@@ -73,7 +73,7 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
                                    fipc::CAWIPCTransportParameter*) {
   if (transport != transport_.Get()) return;
   if (StreamSteps::IsPastStop(*this)) return;
-  const End end = OfferReceived(*this, received_, data, generation_, closed_, counters_).end;
+  const End end = OfferReceived(*this, StreamSteps::PartsOf(*this), data).end;
   if (end == End::kDestroyed || end == End::kReplaced) return;
   if (end != End::kNeedMore) {
     StreamSteps::DropConnector(*this);

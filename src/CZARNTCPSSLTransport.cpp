@@ -59,12 +59,13 @@ void CZARNTCPSSLTransport::OnSSLDataReceive(CAWMessageBlock& data,
   const std::size_t length = data.GetChainedLength();
   counters_.bytesReceived += length;
   const bool held = received_.GetLength() != 0;
+  const ReceiveParts parts = StreamSteps::PartsOf(*this);
   ReceivePass pass;
   if (held) {
-    pass = OfferHeldBlocks(*this, generation_, closed_, counters_, received_, data);
+    pass = OfferHeldBlocks(*this, parts, data);
     if (pass.end != End::kNoMemory) data.AdvanceChainedReadPtr(length);
   } else {
-    pass = OfferBlocks(*this, generation_, closed_, counters_, data, [] { return AW_OK; });
+    pass = OfferBlocks(*this, parts, data, [] { return AW_OK; });
     const bool incomplete = pass.end == End::kNeedMore && data.GetChainedLength() != 0;
     if (incomplete && received_.Append(data) != AW_OK) pass.end = End::kNoMemory;
   }

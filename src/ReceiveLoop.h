@@ -28,14 +28,22 @@ struct ReceivePass {
   std::size_t answered = 0;  // by the last call
 };
 
+// The parts of a stream that a receive event works on; gone with the stream.
+struct ReceiveParts {
+  detail::Generation& generation;
+  const bool& closed;
+  CZARNStreamCounters& counters;
+  detail::ReceiveAccumulator& received;  // what the handler has not taken yet
+};
+
 // Calls stream.HandleMessage as long as frames and bytes are left. It may do anything to the
-// stream, also delete it: neither `stream` nor what is part of it (the other references) is touched
-// then. The bytes must outlive the call.
+// stream, also delete it: neither `stream` nor its parts are touched then. The bytes must outlive
+// the call.
 template <class Stream>
-ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bool& closed,
-                        CZARNStreamCounters& counters, const char* data, std::size_t length) {
+ReceivePass OfferFrames(Stream& stream, const ReceiveParts& parts, const char* data,
+                        std::size_t length) {
   using End = ReceivePass::End;
-  const detail::Generation::Watch watch(generation);
+  const detail::Generation::Watch watch(parts.generation);
   ReceivePass pass;
   const auto ended = [&pass](End end) {
     pass.end = end;
@@ -47,12 +55,12 @@ ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bo
     if (watch.IsDestroyed()) return ended(End::kDestroyed);
     const bool tooLong = pass.answered > pass.offered;
     if (pass.answered != 0 && !tooLong) {
-      ++counters.messagesReceived;
+      ++parts.counters.messagesReceived;
       pass.consumed += pass.answered;
     }
-    if (watch.HasChanged() && !closed) return ended(End::kReplaced);
+    if (watch.HasChanged() && !parts.closed) return ended(End::kReplaced);
     if (tooLong) return ended(End::kTooLong);
-    if (closed) return ended(End::kClosed);
+    if (parts.closed) return ended(End::kClosed);
     if (pass.answered == 0) break;
   }
   return pass;
@@ -60,60 +68,57 @@ ReceivePass OfferFrames(Stream& stream, detail::Generation& generation, const bo
 
 // Offers a block while nothing waits: in place, and only what the handler has not taken is kept.
 template <class Stream>
-ReceivePass OfferInPlace(Stream& stream, detail::ReceiveAccumulator& received,
-                         const keelbase::CAWMessageBlock& block, detail::Generation& generation,
-                         const bool& closed, CZARNStreamCounters& counters) {
+ReceivePass OfferInPlace(Stream& stream, const ReceiveParts& parts,
+                         const keelbase::CAWMessageBlock& block) {
   using End = ReceivePass::End;
   const std::size_t length = block.GetLength();
-  counters.bytesReceived += length;
-  ReceivePass pass = OfferFrames(stream, generation, closed, counters, block.GetReadPtr(), length);
+  parts.counters.bytesReceived += length;
+  ReceivePass pass = OfferFrames(stream, parts, block.GetReadPtr(), length);
   const bool stays = pass.end == End::kNeedMore || pass.end == End::kTooLong;
   if (!stays || pass.consumed == length) return pass;
-  if (received.Append(block) == keelbase::AW_OK) {
-    received.Consume(pass.consumed);
+  if (parts.received.Append(block) == keelbase::AW_OK) {
+    parts.received.Consume(pass.consumed);
   } else {
     pass.end = End::kNoMemory;
   }
   return pass;
 }
 
-// A receive event: adds the unread bytes of `data`, which is left as it is, to those that wait in
-// `received`, and offers them. What the handler has not taken waits in `received` again, unless the
-// stream is destroyed or has another connection by then. The caller keeps the bytes of `data` while
-// the handler runs, whatever that does to the stream.
+// A receive event: adds the unread bytes of `data`, which is left as it is, to those that wait, and
+// offers them. What the handler has not taken waits again, unless the stream is destroyed or has
+// another connection by then. The caller keeps the bytes of `data` while the handler runs, whatever
+// that does to the stream.
 template <class Stream>
-ReceivePass OfferDuplicate(Stream& stream, detail::ReceiveAccumulator& received,
-                           const keelbase::CAWMessageBlock& data, detail::Generation& generation,
-                           const bool& closed, CZARNStreamCounters& counters) {
+ReceivePass OfferDuplicate(Stream& stream, const ReceiveParts& parts,
+                           const keelbase::CAWMessageBlock& data) {
   ReceivePass pass;
   const std::size_t length = data.GetChainedLength();
   if (length == 0) return pass;
-  if (received.GetLength() == 0 && data.GetNext() == nullptr)
-    return OfferInPlace(stream, received, data, generation, closed, counters);
-  if (received.Append(data) != keelbase::AW_OK) {
+  if (parts.received.GetLength() == 0 && data.GetNext() == nullptr)
+    return OfferInPlace(stream, parts, data);
+  if (parts.received.Append(data) != keelbase::AW_OK) {
     pass.end = ReceivePass::End::kNoMemory;
     return pass;
   }
-  counters.bytesReceived += length;
+  parts.counters.bytesReceived += length;
 
   // Held here while the handler runs, the bytes outlive whatever it does to the stream.
-  detail::ReceiveAccumulator held = std::move(received);
-  pass = OfferFrames(stream, generation, closed, counters, held.GetData(), held.GetLength());
+  detail::ReceiveAccumulator held = std::move(parts.received);
+  pass = OfferFrames(stream, parts, held.GetData(), held.GetLength());
   const bool lost =
       pass.end == ReceivePass::End::kDestroyed || pass.end == ReceivePass::End::kReplaced;
   if (lost) return pass;
   held.Consume(pass.consumed);
-  received = std::move(held);
+  parts.received = std::move(held);
   return pass;
 }
 
 // The same, and advances `data` over all of its bytes.
 template <class Stream>
-ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
-                          keelbase::CAWMessageBlock& data, detail::Generation& generation,
-                          const bool& closed, CZARNStreamCounters& counters) {
+ReceivePass OfferReceived(Stream& stream, const ReceiveParts& parts,
+                          keelbase::CAWMessageBlock& data) {
   const std::size_t length = data.GetChainedLength();
-  const ReceivePass pass = OfferDuplicate(stream, received, data, generation, closed, counters);
+  const ReceivePass pass = OfferDuplicate(stream, parts, data);
   if (pass.end != ReceivePass::End::kNoMemory) data.AdvanceChainedReadPtr(length);
   return pass;
 }
@@ -122,18 +127,16 @@ ReceivePass OfferReceived(Stream& stream, detail::ReceiveAccumulator& received,
 // kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
 // is traced under the name of `operation`; kDestroyed or kReplaced.
 template <class Stream>
-ReceivePass::End OfferDirect(Stream& stream, keelbase::CAWMessageBlock& data,
-                             detail::Generation& generation, const bool& closed,
-                             CZARNStreamCounters& counters, const char* operation) {
+ReceivePass::End OfferDirect(Stream& stream, const ReceiveParts& parts,
+                             keelbase::CAWMessageBlock& data, const char* operation) {
   using End = ReceivePass::End;
-  const ReceivePass pass =
-      OfferFrames(stream, generation, closed, counters, data.GetReadPtr(), data.GetLength());
+  const ReceivePass pass = OfferFrames(stream, parts, data.GetReadPtr(), data.GetLength());
   if (pass.end == End::kDestroyed) return pass.end;
-  counters.bytesReceived += pass.consumed;
+  parts.counters.bytesReceived += pass.consumed;
   if (pass.end == End::kReplaced) return pass.end;
   if (pass.end == End::kTooLong)
     TraceTooLongAnswer(operation, pass.answered, pass.offered, &stream);
-  if (pass.end == End::kTooLong || closed) return End::kClosed;
+  if (pass.end == End::kTooLong || parts.closed) return End::kClosed;
   data.AdvanceReadPtr(pass.consumed);
   return End::kNeedMore;
 }

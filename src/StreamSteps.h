@@ -139,13 +139,16 @@ struct StreamSteps {
     return stream.readGate_.IsStopped() && stream.received_.GetLength() > kKept;
   }
 
+  template <class Stream>
+  static ReceiveParts PartsOf(Stream& stream) {
+    return {stream.generation_, stream.closed_, stream.counters_, stream.received_};
+  }
+
   // A receive event of the sessions, which leaves `data` as it is.
   template <class Stream>
   static void ReceiveDuplicate(Stream& stream, const Block& data) {
     if (IsPastStop(stream)) return;
-    const End end = OfferDuplicate(stream, stream.received_, data, stream.generation_,
-                                   stream.closed_, stream.counters_)
-                        .end;
+    const End end = OfferDuplicate(stream, PartsOf(stream), data).end;
     if (end == End::kDestroyed || end == End::kReplaced) return;
     if (end == End::kNoMemory) return CloseAndReport(stream, keelbase::AW_ERROR_FAILURE);
     if (end != End::kNeedMore && stream.closed_) return CloseAndReport(stream, 0);
@@ -155,9 +158,7 @@ struct StreamSteps {
   // A receive event of the streams that are handed blocks and keep what is left of them.
   template <class Stream>
   static void ReceiveBlocks(Stream& stream, Block& data) {
-    const End end = OfferBlocksKeepingRest(stream, stream.generation_, stream.closed_,
-                                           stream.counters_, stream.received_, data)
-                        .end;
+    const End end = OfferBlocksKeepingRest(stream, PartsOf(stream), data).end;
     if (end == End::kDestroyed || end == End::kReplaced) return;
     if (end == End::kNoMemory) return CloseAndReport(stream, keelbase::AW_ERROR_FAILURE);
     if (end != End::kNeedMore) return CloseAndReport(stream, 0);
@@ -167,15 +168,13 @@ struct StreamSteps {
   // OnReceiveDirect of the streams that are handed bytes; `tracedAs` names them in the trace.
   template <class Stream>
   static AWResult ReceiveDirect(Stream& stream, Block& data, const char* tracedAs) {
-    return AnswerDirect(stream, OfferDirect(stream, data, stream.generation_, stream.closed_,
-                                            stream.counters_, tracedAs));
+    return AnswerDirect(stream, OfferDirect(stream, PartsOf(stream), data, tracedAs));
   }
 
   // OnReceiveDirect of the streams that are handed blocks.
   template <class Stream>
   static AWResult ReceiveDirectBlock(Stream& stream, Block& data) {
-    return AnswerDirect(
-        stream, OfferSameBlock(stream, data, stream.generation_, stream.closed_, stream.counters_));
+    return AnswerDirect(stream, OfferSameBlock(stream, PartsOf(stream), data));
   }
 
   template <class Stream>
