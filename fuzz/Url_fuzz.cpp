@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Check(url.target.find(' ') == std::string::npos && url.host.find(' ') == std::string::npos);
   }
   shttp::Setting setting;
-  const bool goodSetting = shttp::ParseSetting(input.Text(), setting);
+  const bool goodSetting = shttp::ParseSetting(input.Text(), setting) == 0;
   const shttp::Credentials credentials{input.Text(), input.Text()};
   if (!goodUrl || !goodSetting || !shttp::AreGood(credentials)) return 0;
 

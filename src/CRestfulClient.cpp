@@ -45,6 +45,11 @@ void TellThatNobodyListens() {
       0, "an HTTP answer was dropped: no thread has adopted TT_MAIN, where callbacks run");
 }
 
+void TellThatNothingIsSent() {
+  keelbase::IAWTraceManager::Instance()->Trace(
+      0, "an HTTP request is not sent, and no callback comes: its url has no /zarn/tcpchannel");
+}
+
 void PostToMain(std::unique_ptr<CRestfulRcvEvent> event) {
   CAWThread* main = CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_MAIN);
   if (main == nullptr) return TellThatNobodyListens();
@@ -88,6 +93,8 @@ void CRestfulClient::Open(const CAWString& url) {
   if (url.find(kMark) != CAWString::npos) {
     client_ = nullptr;
     shttp::IAWHttpManager::Instance()->CreateHttpClient(client_);
+  } else if (!client_) {
+    TellThatNothingIsSent();
   }
   if (!client_) return;
   if (!info1_.empty() && !info2_.empty()) client_->SetInfo(info1_, info2_);

@@ -7,8 +7,8 @@
 #include <new>
 #include <string_view>
 
+#include "SystemDirectory.h"
 #include "keelbase/CAWFile.h"
-#include "zarn/utils/zarnutils.h"
 
 namespace zarn::utils {
 
@@ -41,7 +41,7 @@ AWResult CZARNShareMemory::MemLock() { return segment_.MemLock(); }
 AWResult CZARNShareMemory::MemUnlock() { return segment_.MemUnlock(); }
 
 int CZARNShareMemory::createshm() try {
-  const CAWString root = GetZARNRootSystem();
+  const CAWString root = DemandSystemDirectory();
   if (root.empty()) return kNoRoot;
   // Such a name would be that of another file, which our end would remove.
   if (name_.find_first_of(kNotInNames) != CAWString::npos)

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "MetricsJson.h"
+#include "SystemDirectory.h"
 #include "keelbase/CAWFile.h"
 #include "keelbase/CAWIPCAddr.h"
 #include "keelbase/CAWMessageBlock.h"
@@ -134,7 +135,7 @@ class MetricsService {
     keelbase::CAWSingletonT<EndAtExit>::Instance();
     if (keelbase::CAWCleanUpBase::HasRun()) return AW_ERROR_FAILURE;
     if (endpoint_ != nullptr) return AW_OK;
-    const keelbase::CAWString system = GetZARNRootSystem();
+    const keelbase::CAWString system = DemandSystemDirectory();
     if (system.empty()) return AW_ERROR_FAILURE;
     const keelbase::CAWString directory = system + "/zarn/stat/";
     keelbase::CAWFile::mkdir(directory);  // if that fails, so does what follows, and says why

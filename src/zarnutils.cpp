@@ -9,9 +9,11 @@
 #include <memory>
 #include <new>
 
+#include "SystemDirectory.h"
 #include "keelbase/CAWEnvironment.h"
 #include "keelbase/CAWFile.h"
 #include "keelbase/CAWSocketUdp.h"
+#include "keelbase/CAWTrace.h"
 #include "zarn/utils/CZARNShareMemory.h"
 
 namespace zarn::utils {
@@ -73,7 +75,7 @@ std::uint64_t NextRandom() {
 
 AWResult ZARNLibInit() try {
   iszarninit = true;
-  const CAWString system = GetZARNRootSystem();
+  const CAWString system = DemandSystemDirectory();
   if (system.empty()) return AW_ERROR_FAILURE;
   const CAWString path = VOS_GetRealPath(system);
   fshmipc::CAWShmIPCManager::Instance()->SetSystemPath(path);
@@ -86,6 +88,17 @@ AWResult ZARNLibInit() try {
 AWResult ZARNLibUnInit() {
   iszarninit = false;
   return AW_OK;
+}
+
+CAWString DemandSystemDirectory() {
+  CAWString system = GetZARNRootSystem();
+  if (system.empty()) {
+    const bool isSet = !VOS_GetEnv(kRootVariable).empty();
+    keelbase::IAWTraceManager::Instance()->Trace(
+        0, isSet ? "ZARN_ROOT names no directory that has a directory system"
+                 : "ZARN_ROOT is not set: it names the install root");
+  }
+  return system;
 }
 
 CAWString GetZARNRoot() { return VOS_GetRealPath(VOS_GetEnv(kRootVariable)); }
@@ -170,7 +183,7 @@ AWResult CreateShmIPCServer(keelbase::CAWAutoPtr<fshmipc::IAWShmIPCAcceptor>& ou
 // --- endpoints ---
 
 AWResult ZARNCreateIPCAddr(std::uint16_t a, std::uint16_t b, keelbase::CAWIPCAddr& out) try {
-  const CAWString system = GetZARNRootSystem();
+  const CAWString system = DemandSystemDirectory();
   if (system.empty()) return AW_ERROR_FAILURE;
   const CAWString directory = system + kEndpointDirectory;
   keelbase::CAWFile::mkdir(directory);  // if that fails, so will what uses the address, and say why
@@ -181,7 +194,7 @@ AWResult ZARNCreateIPCAddr(std::uint16_t a, std::uint16_t b, keelbase::CAWIPCAdd
 }
 
 AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b, const keelbase::CAWIPCAddr& addr) try {
-  const CAWString system = GetZARNRootSystem();
+  const CAWString system = DemandSystemDirectory();
   if (system.empty()) return AW_ERROR_FAILURE;
   const CAWString path = GetRealEndpointPath(addr.GetPath());
   const CAWString directory = VOS_GetRealPath(system + kEndpointDirectory);

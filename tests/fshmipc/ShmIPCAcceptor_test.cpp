@@ -15,6 +15,7 @@
 
 #include "DescriptorShortage.h"
 #include "RawPeer.h"
+#include "TraceLines.h"
 
 namespace fshmipc {
 namespace {
@@ -102,9 +103,13 @@ TEST(ShmIPCAcceptor, MisuseIsRefused) {
   EXPECT_TRUE(IsServed(system));
 }
 
-TEST(ShmIPCAcceptor, NoSystemDirectoryIsAFailure) {
+TEST(ShmIPCAcceptor, NoSystemDirectoryIsAFailureThatIsTraced) {
+  const TraceLines trace;
   CAWShmIPCManager::Instance()->SetSystemPath("");
   EXPECT_EQ(ResultOfListen(), AW_ERROR_FAILURE);
+  ASSERT_EQ(trace.Get().size(), 1U);
+  EXPECT_EQ(trace.Get()[0].text,
+            "no system directory for shared memory: call ZARNLibInit, or SetSystemPath, before");
 }
 
 TEST(ShmIPCAcceptor, WhatIsInTheWayIsLeftAlone) {

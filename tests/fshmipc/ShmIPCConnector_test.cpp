@@ -14,6 +14,7 @@
 
 #include "DescriptorShortage.h"
 #include "RawPeer.h"
+#include "TraceLines.h"
 #include "VirtualSlot.h"
 
 namespace fshmipc {
@@ -74,9 +75,11 @@ TEST(ShmIPCConnector, NobodyThereIsOneIndicationWithItsReason) {
   EXPECT_EQ(Reason(), ENOENT);
 }
 
-TEST(ShmIPCConnector, NoSystemDirectoryIsAnIndicationToo) {
+TEST(ShmIPCConnector, NoSystemDirectoryIsAnIndicationTooAndTraced) {
+  const TraceLines trace;
   CAWShmIPCManager::Instance()->SetSystemPath("");
   EXPECT_EQ(Reason(), static_cast<long>(AW_ERROR_FAILURE));
+  EXPECT_EQ(trace.Get().size(), 1U);
 }
 
 TEST(ShmIPCConnector, LackOfDescriptorsIsAnIndicationToo) {

@@ -21,6 +21,7 @@
 #include "ChildTest.h"
 #include "DescriptorShortage.h"
 #include "ThreadShortage.h"
+#include "TraceLines.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/TimerQueue.h"
 
@@ -119,18 +120,27 @@ TEST(CAWThreadManager, ThreadIsAdoptedOnceAndForOneType) {
   });
 }
 
-TEST(CAWThreadManager, StartedThreadIsNotReplacedByAnAdoption) {
+TEST(CAWThreadManager, StartedThreadIsNotReplacedByAnAdoptionWhichIsTraced) {
   InNewProcess([] {
     EXPECT_NE(Manager().GetThread(CAWThreadManager::TT_TASK), nullptr);
+    const zarn::test::TraceLines trace;
     EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_TASK), AW_ERROR_FAILURE);
+    ASSERT_EQ(trace.Get().size(), 1U);
+    EXPECT_EQ(trace.Get()[0].text,
+              "AdoptCurrentThread: that type has its thread; adopt before anything is made that "
+              "needs it");
   });
 }
 
-TEST(CAWThreadManager, RunOnAnotherThreadIsRefused) {
+TEST(CAWThreadManager, RunOnAnotherThreadIsRefusedAndTraced) {
   InNewProcess([] {
+    const zarn::test::TraceLines trace;
     EXPECT_EQ(Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN), AW_OK);
     CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
     std::thread([&] { EXPECT_EQ(main->Run(), AW_ERROR_FAILURE); }).join();
+    ASSERT_EQ(trace.Get().size(), 1U);
+    EXPECT_EQ(trace.Get()[0].text,
+              "CAWThread::Run: only the adopted thread may call it, and once at a time");
   });
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "HttpUser.h"
+#include "TraceLines.h"
 
 namespace zarn::test {
 namespace {
@@ -56,6 +57,19 @@ TEST_F(HttpClient, RefusedSettingSendsNothing) {
   ExpectFailure(EINVAL);
   EXPECT_EQ(transport->wire, "");
   EXPECT_TRUE(transport->offered.empty());
+}
+
+TEST_F(HttpClient, WhatIsNotGoodOfARequestIsTraced) {
+  const TraceLines trace;
+  Open("http://a b/");
+  user = User();
+  user.setting = "PUT\nX: y\nHost: z";
+  Send();
+  client->SetInfo("a:b", "c");
+  ASSERT_EQ(trace.Get().size(), 3U);
+  EXPECT_EQ(trace.Get()[0].text, "an HTTP request is not sent: its url is not good");
+  EXPECT_EQ(trace.Get()[1].text, "an HTTP request is not sent: line 3 of its setting is not good");
+  EXPECT_EQ(trace.Get()[2].text, "HTTP: the user name or the password is not good");
 }
 
 TEST_F(HttpClient, HeaderInjectionIsRefused) {

@@ -22,7 +22,7 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 std::string Head(const std::string& setting, std::size_t bodySize,
                  const Credentials& credentials = {}) {
   Setting parsed;
-  EXPECT_TRUE(ParseSetting(setting, parsed)) << setting;
+  EXPECT_EQ(ParseSetting(setting, parsed), 0U) << setting;
   Url url;
   EXPECT_EQ(shttp::ParseUrl("http://host:81/a?b", url), 0);
   return WriteHead(url, parsed, credentials, bodySize);
@@ -54,7 +54,7 @@ TEST(SettingText, GoodOnes) {
   };
   for (const auto& [text, method, fields] : table) {
     Setting setting;
-    ASSERT_TRUE(ParseSetting(text, setting)) << text;
+    ASSERT_EQ(ParseSetting(text, setting), 0U) << text;
     EXPECT_EQ(setting.method, method) << text;
     EXPECT_EQ(setting.fields, fields) << text;
   }
@@ -99,9 +99,19 @@ TEST(SettingText, BadOnesAreRefusedWhole) {
   for (const std::string& text : table) {
     Setting setting;
     setting.method = "BEFORE";
-    EXPECT_FALSE(ParseSetting(text, setting)) << text;
+    EXPECT_NE(ParseSetting(text, setting), 0U) << text;
     EXPECT_EQ(setting.method, "BEFORE") << text;
   }
+}
+
+TEST(SettingText, FirstBadLineIsNamed) {
+  Setting setting;
+  EXPECT_EQ(ParseSetting("put", setting), 1U);
+  EXPECT_EQ(ParseSetting("PUT\nX: y\nX y\n\n", setting), 3U);
+  EXPECT_EQ(ParseSetting("PUT\nX: y\n\n", setting), 3U);
+  EXPECT_EQ(ParseSetting("PUT\nX: " + std::string(32761, 'y'), setting), 0U);
+  EXPECT_EQ(ParseSetting("PUT\nX: " + std::string(32761, 'y') + "\nY: z", setting), 3U);
+  EXPECT_EQ(ParseSetting("PUT\nX: " + std::string(32762, 'y'), setting), 2U);
 }
 
 TEST(CredentialTexts, ControlCharactersAColonInTheNameAndLengthAreRefused) {

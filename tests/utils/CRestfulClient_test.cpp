@@ -64,10 +64,14 @@ class RestfulClient : public ::testing::Test {
 
 // --- urls ---
 
-TEST_F(RestfulClient, UrlWithoutTheMarkMakesNoClientAndSendsNothing) {
+TEST_F(RestfulClient, UrlWithoutTheMarkMakesNoClientSendsNothingAndIsTraced) {
+  const zarn::test::TraceLines trace;
   for (const char* url : {"", "http://127.0.0.1/", "http://127.0.0.1/zarn/tcpchanne",
                           "http://127.0.0.1/Zarn/tcpchannel", "zarn/tcpchannel"})
     Start(url);
+  ASSERT_EQ(trace.Get().size(), 5U);
+  EXPECT_EQ(trace.Get()[0].text,
+            "an HTTP request is not sent, and no callback comes: its url has no /zarn/tcpchannel");
   EXPECT_TRUE(http.clients.empty());
   EXPECT_TRUE(log.empty());
   EXPECT_TRUE(GetAnswers().empty());

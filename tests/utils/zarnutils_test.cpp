@@ -13,6 +13,7 @@
 
 #include "FakeIpc.h"
 #include "TempRoot.h"
+#include "TraceLines.h"
 
 namespace zarn::test {
 namespace {
@@ -32,17 +33,23 @@ TEST(ZARNLibInit, AnswersZeroWithAnInstallRootAndMayBeRepeated) {
   EXPECT_EQ(utils::ZARNLibUnInit(), AW_OK);
 }
 
-TEST(ZARNLibInit, Answers10001WithoutAnInstallRoot) {
+TEST(ZARNLibInit, Answers10001WithoutAnInstallRootAndTracesIt) {
+  const zarn::test::TraceLines trace;
   ScopedEnv root("ZARN_ROOT", std::nullopt);
   EXPECT_EQ(utils::ZARNLibInit(), AW_ERROR_FAILURE);
   root.Put("");
   EXPECT_EQ(utils::ZARNLibInit(), AW_ERROR_FAILURE);
+  ASSERT_EQ(trace.Get().size(), 2U);
+  EXPECT_EQ(trace.Get()[0].text, "ZARN_ROOT is not set: it names the install root");
 }
 
-TEST(ZARNLibInit, Answers10001WhenTheSystemDirectoryIsMissing) {
+TEST(ZARNLibInit, Answers10001WhenTheSystemDirectoryIsMissingAndTracesIt) {
+  const zarn::test::TraceLines trace;
   TempDir dir;
   ScopedEnv root("ZARN_ROOT", dir.GetPath());
   EXPECT_EQ(utils::ZARNLibInit(), AW_ERROR_FAILURE);
+  ASSERT_EQ(trace.Get().size(), 1U);
+  EXPECT_EQ(trace.Get()[0].text, "ZARN_ROOT names no directory that has a directory system");
   std::filesystem::create_directory(dir.GetPath() + "/system");
   EXPECT_EQ(utils::ZARNLibInit(), AW_OK);
 }

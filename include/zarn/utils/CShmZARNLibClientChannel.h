@@ -25,6 +25,7 @@ namespace zarn::utils {
 //       return 1;
 //     }
 //   };
+//   if (zarn::utils::ZARNLibInit() != 0) return 1;  // before everything else
 //   client.Init(3, 4, 1, 2);  // on the network thread: we are 3_4, the peer listens at 1_2
 //
 // A subclass that overrides OnConnected, OnPeerDisconnect, OnClose, OnRcvBufferOverFlow or Close

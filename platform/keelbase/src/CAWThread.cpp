@@ -5,6 +5,7 @@
 
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/FunctionEvent.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace keelbase {
 
@@ -13,7 +14,12 @@ CAWThread::CAWThread(const char* name)
 
 CAWThread::~CAWThread() = default;
 
-AWResult CAWThread::Run() { return IsCurrent() ? loop_->Run() : AW_ERROR_FAILURE; }
+AWResult CAWThread::Run() {
+  const AWResult result = IsCurrent() ? loop_->Run() : AW_ERROR_FAILURE;
+  if (result != AW_OK)
+    internal::TraceLine("CAWThread::Run: only the adopted thread may call it, and once at a time");
+  return result;
+}
 
 void CAWThread::Stop() {
   if (adopted_) loop_->Stop();

@@ -19,6 +19,7 @@
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
+#include "keelbase/internal/TraceError.h"
 
 namespace keelbase {
 
@@ -187,6 +188,15 @@ void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
   slots.cleanUpArmed = true;
 }
 
+// Who overlooks the result has a program that ends at once, or does nothing: the line says why.
+AWResult RefuseToAdopt(const char* why) {
+  char line[128];
+  CAWTextFormator text(line, sizeof line);
+  text << "AdoptCurrentThread: " << why;
+  internal::TraceLine(text.View());
+  return AW_ERROR_FAILURE;
+}
+
 // Null when the system gives no thread, no descriptors or no memory.
 CAWThread* StartThread(Slots& slots, Slot& slot) try {
   const internal::MutexLock lock(slots.mutex);
@@ -215,9 +225,12 @@ CAWThread* CAWThreadManager::GetThread(int type) {
 AWResult CAWThreadManager::AdoptCurrentThread(int type) try {
   Slots& slots = TheSlots();
   Slot* slot = slots.Find(type);
-  if (slot == nullptr || internal::EventLoop::Current() != nullptr) return AW_ERROR_FAILURE;
+  if (slot == nullptr) return RefuseToAdopt("there is no such type of thread");
+  if (internal::EventLoop::Current() != nullptr)
+    return RefuseToAdopt("this is a platform thread already");
   const internal::MutexLock lock(slots.mutex);
-  if (slot->thread.load(std::memory_order_relaxed) != nullptr) return AW_ERROR_FAILURE;
+  if (slot->thread.load(std::memory_order_relaxed) != nullptr)
+    return RefuseToAdopt("that type has its thread; adopt before anything is made that needs it");
   ArmCleanUp(slots);
   CAWThread* thread = ThreadCleanUp::Make(*slot);
   if (thread == nullptr) return AW_ERROR_FAILURE;

@@ -5,6 +5,8 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/internal/TraceError.h"
+
 namespace shttp {
 
 using keelbase::AW_ERROR_FAILURE;
@@ -16,7 +18,10 @@ using keelbase::CAWString;
 AWResult HttpClient::SetInfo(const CAWString& user, const CAWString& password) try {
   credentialsError_ = EINVAL;
   Credentials credentials{user, password};
-  if (!AreGood(credentials)) return AW_ERROR_FAILURE;
+  if (!AreGood(credentials)) {
+    keelbase::internal::TraceLine("HTTP: the user name or the password is not good");
+    return AW_ERROR_FAILURE;
+  }
   credentials_ = std::move(credentials);
   credentialsError_ = 0;
   return AW_OK;

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <new>
+#include <string>
 #include <utility>
 
 #include "HttpChannel.h"
@@ -19,6 +20,7 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::CAWMessageBlock;
 using keelbase::internal::TellOwner;
+using keelbase::internal::TraceLine;
 
 namespace {
 
@@ -92,7 +94,10 @@ void HttpExchange::Begin() {
 }
 
 int HttpExchange::StartConnect() try {
-  if (const int error = ParseUrl(order_.url, url_); error != 0) return error;
+  if (const int error = ParseUrl(order_.url, url_); error != 0) {
+    if (error == EINVAL) TraceLine("an HTTP request is not sent: its url is not good");
+    return error;
+  }
   timer_.Start(std::chrono::milliseconds(order_.limits.connectMs), 1,
                [this] { Connected(ETIMEDOUT, nullptr); });
   return dialer_.Start(url_, [this](long reason, std::unique_ptr<ByteStream> stream) {
@@ -130,9 +135,12 @@ AWResult HttpExchange::Listen(wface::IAWTransportSink* sink) {
 AWResult HttpExchange::SetRequest(const std::string& setting) try {
   GetLoop().CheckCurrent("an HTTP channel's SetRequest");
   setting_ = Setting();
-  const bool good = ParseSetting(setting, setting_);
-  refused_ = good ? order_.credentialsError : EINVAL;
-  return good ? AW_OK : AW_ERROR_FAILURE;
+  const std::size_t badLine = ParseSetting(setting, setting_);
+  refused_ = badLine == 0 ? order_.credentialsError : EINVAL;
+  if (badLine == 0) return AW_OK;
+  TraceLine("an HTTP request is not sent: line " + std::to_string(badLine) +
+            " of its setting is not good");
+  return AW_ERROR_FAILURE;
 } catch (const std::bad_alloc&) {
   refused_ = ENOMEM;
   return AW_ERROR_FAILURE;

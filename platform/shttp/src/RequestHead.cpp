@@ -100,22 +100,22 @@ std::string Write(const http::request<http::empty_body>& request) {
 
 }  // namespace
 
-bool ParseSetting(std::string_view text, Setting& out) {
-  if (text.size() > kLongestSetting) return false;
+std::size_t ParseSetting(std::string_view text, Setting& out) {
   Setting setting;
-  for (bool first = true; !text.empty(); first = false) {
-    const std::size_t end = std::min(text.find('\n'), text.size());
-    const std::string_view line = text.substr(0, end);
-    text.remove_prefix(std::min(end + 1, text.size()));
-    if (HasControl(line)) return false;
-    if (first && IsMethod(line)) {
+  std::size_t at = 0;
+  for (std::size_t number = 1; at < text.size(); ++number) {
+    const std::size_t end = std::min(text.find('\n', at), text.size());
+    const std::string_view line = text.substr(at, end - at);
+    at = end + 1;
+    if (end > kLongestSetting || HasControl(line)) return number;
+    if (number == 1 && IsMethod(line)) {
       setting.method = line;
     } else if (!AddField(line, setting)) {
-      return false;
+      return number;
     }
   }
   out = std::move(setting);
-  return true;
+  return 0;
 }
 
 bool AreGood(const Credentials& credentials) {

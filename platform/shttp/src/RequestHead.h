@@ -17,8 +17,8 @@ struct Setting {
   std::vector<std::pair<std::string, std::string>> fields;  // name, value
 };
 
-// False, and `out` is as it was, for a setting that is refused.
-bool ParseSetting(std::string_view text, Setting& out);
+// 0, or the number of the first line that is refused, from 1 on; then `out` is as it was.
+std::size_t ParseSetting(std::string_view text, Setting& out);
 
 // User name and password; both empty: none.
 struct Credentials {

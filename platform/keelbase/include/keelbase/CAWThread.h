@@ -33,7 +33,8 @@ class KEELBASE_API CAWThread {
   CAWEventQueue* GetEventQueue() { return &queue_; }  // any thread
 
   // Serves the loop on the calling thread until Stop(). Only for an adopted thread, on that thread;
-  // 10001 otherwise, and when it runs already. May be called again after it has returned.
+  // 10001 and a trace line otherwise, and when it runs already. May be called again after it has
+  // returned.
   AWResult Run();
 
   // Ends Run() after the event or callback in hand, and after the end of that turn: what was sent

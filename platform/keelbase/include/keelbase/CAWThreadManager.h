@@ -32,7 +32,8 @@ class KEELBASE_API CAWThreadManager {
 
   // Makes the calling thread the platform thread of `type`; it then serves its queue with
   // GetThread(type)->Run(). Any type may be adopted, so a small process can run its network loop on
-  // main. 10001 when that type exists already or the caller is a platform thread already.
+  // main. 10001, and a trace line, when that type exists already (also because something was made
+  // that needs it: adopt first) or the caller is a platform thread already.
   AWResult AdoptCurrentThread(int type);
 
   // The platform thread that the caller runs on, else null.

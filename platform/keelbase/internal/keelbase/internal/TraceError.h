@@ -1,4 +1,5 @@
-// TraceError.h - tells the operator of a failure that no result code and no callback can carry.
+// TraceError.h - tells the operator of a failure that no result code and no callback can carry, or
+// not well enough.
 #pragma once
 
 #include <cerrno>
@@ -10,7 +11,15 @@
 
 namespace keelbase::internal {
 
-// One line: "WHAT: what the errno value means". Also without memory, when it may be lost.
+// Also without memory, when the line may be lost.
+inline void TraceLine(std::string_view line) noexcept {
+  try {
+    IAWTraceManager::Instance()->Trace(0, line);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+// One line: "WHAT: what the errno value means".
 inline void TraceError(std::string_view what, int error) noexcept {
   char line[256];
   CAWTextFormator text(line, sizeof line);
@@ -20,10 +29,7 @@ inline void TraceError(std::string_view what, int error) noexcept {
     text << meaning;
   else
     text << error;
-  try {
-    IAWTraceManager::Instance()->Trace(0, text.View());
-  } catch (const std::bad_alloc&) {
-  }
+  TraceLine(text.View());
 }
 
 // Calls an owner who is told of a connection for the first or last time. When he finds no memory
