@@ -33,6 +33,12 @@ class Ping(ToolTest):
         self.assertRegex(lines[4], r"^2 sent, 2 received, 0 lost \(0 %\), \d+\.\d s$")
         self.assertRegex(lines[5], r"^round trip in us: min .*p50 .*p90 .*p99 .*p99\.9 .*max ")
 
+    def test_peer_that_never_answers_is_a_failure_with_a_hint(self):
+        self.serve()
+        result = self.run_tool("ping", self.url, "-c", "2", "-i", "0.01", "--timeout", "0.1")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "zarn: no answer at all: does the peer send everything back, as zarn serve --echo?\n"))
+
     def test_back_to_back_of_all_sizes_with_and_without_spin(self):
         self.serve("--echo")
         for options in (("-s", "0"), ("-s", str(LONGEST)), ("--spin", "50")):

@@ -124,7 +124,8 @@ class Passwords(RestTest):
     def test_injection_through_them_is_refused(self):
         for user, password in (("a", "b\r\nX: y"), ("a\nX: y", "b"), ("a:b", "c")):
             self.env["ZARN_REST_PASSWORD"] = password
-            self.assert_fails(self.server.url(), ".*is not good", "--user", user, code=2)
+            self.assert_refused(self.server.url(), "HTTP: the user name or the password is not good",
+                                "--user", user)
         self.assertEqual(self.server.requests, [])
 
 
@@ -144,14 +145,14 @@ class Usage(RestTest):
         server = self.serve(send(answer(b"")))
         for url in ("http://a b/zarn/tcpchannel", "http://user:word@a/zarn/tcpchannel",
                     "http://127.0.0.1:0/zarn/tcpchannel", "/zarn/tcpchannel"):
-            self.assert_fails(url, ".*is not good", code=2)
+            self.assert_refused(url, "an HTTP request is not sent: its url is not good")
         self.assert_fails("ftp://a/zarn/tcpchannel", ".*neither http nor https", code=2)
         self.assert_fails("http://[::1]/zarn/tcpchannel", "IPv6.*", code=2)
         for setting in ("Host: evil", "content-length: 5", "Transfer-Encoding: chunked",
                         "Connection: keep-alive", "Upgrade: h2c", "X: a\r\nY: b", "X: a\tb",
                         "POST /other HTTP/1.1", "get", "CONNECT", "no colon", "X: \x7f"):
-            self.assert_fails(server.url(), ".*is not good", "--setting",
-                              self.write("setting", setting), code=2)
+            self.assert_refused(server.url(), "an HTTP request is not sent: line 1 of its setting is not good",
+                                "--setting", self.write("setting", setting))
         self.assertEqual(self.rest(server.url(), "--setting", "/nowhere").returncode, 1)
         result = self.run_tool("rest", server.url(), "--file", "/nowhere")
         self.assertEqual((result.returncode, result.stderr),

@@ -54,6 +54,17 @@ class Send(ToolTest):
             self.assertEqual(result.returncode, 1)
             self.assertIn(f"'{path}'", result.stderr)
 
+    def test_standard_input_as_one_message(self):
+        server = self.serve()
+        self.assertEqual(self.run_tool("send", self.url, "--file", "-", input="one\ntwo\n").returncode, 0)
+        self.assertEqual(server.event("message")["text"], "one\\ntwo\\n")
+
+    def test_a_bare_text_is_refused_with_a_word_how_it_is_sent(self):
+        result = self.run_tool("send", self.url, "hello")
+        self.assertEqual((result.returncode, result.stdout), (2, ""))
+        self.assertIn("what is sent stands in --data TEXT or --file FILE, or is '-' for the lines of "
+                      "standard input; 'hello' is none of these", result.stderr)
+
     def test_each_line_is_a_message_in_order(self):
         listener = self.listen()
         sender = self.start("send", self.url, "-", "--json", stdin=subprocess.PIPE)

@@ -76,7 +76,7 @@ class Stat(ToolTest):
         self.assertEqual(self.run_events("stat"), [])
         result = self.run_tool("stat")
         self.assertEqual((result.returncode, result.stdout),
-                         (0, f"no process shows its metrics in '{self.stat}'\n"))
+                         (0, f"no process shows its metrics in '{self.stat}': those that call ZARNEnableMetrics do\n"))
         self.assertFalse(self.stat.exists(), "looking makes nothing")
 
     def test_a_server_is_shown_with_what_its_clients_did(self):

@@ -35,6 +35,12 @@ class Usage(ToolTest):
             self.assertIn("3 peer not reachable", result.stdout)
             self.assertIn("--json", result.stdout)
 
+    def test_usage_of_a_store_s_subcommand_can_be_typed_as_it_stands(self):
+        for arguments, usage in ((["db", "s.db", "set"], "zarn db FILE set [OPTIONS] KEY [VALUE]"),
+                                 (["kv", "s", "get"], "zarn kv DIR get [OPTIONS] KEY"),
+                                 (["shm", "rm"], "zarn shm rm [OPTIONS] NAME")):
+            self.assertIn(f"\nUsage: {usage}\n", self.run_tool(*arguments, "--help").stdout)
+
     def test_version_is_three_numbers(self):
         self.assertRegex(self.run_tool("--version").stdout, r"^zarn \d+\.\d+\.\d+\n$")
 
@@ -211,14 +217,14 @@ class Root(ToolTest):
     def test_unset_or_empty_root_is_one_line_that_says_what_to_do(self):
         env = dict(self.env)
         del env["ZARN_ROOT"]
-        pattern = r"ZARN_ROOT is not set: .*export ZARN_ROOT=.*mkdir"
+        pattern = r"ZARN_ROOT is not set: .*export ZARN_ROOT=.*install -d"
         self.assert_root_refused(pattern, env)
         self.assert_root_refused(pattern, dict(env, ZARN_ROOT=""))
 
     def test_root_without_system_directory_names_it(self):
         (self.root / "system").rmdir()
         path = re.escape(str(self.root / "system"))
-        self.assert_root_refused(rf"'{path}' does not exist: make it with 'mkdir", self.env)
+        self.assert_root_refused(rf"'{path}' does not exist: make it with 'install -d", self.env)
 
     def test_system_that_is_a_file_is_refused(self):
         (self.root / "system").rmdir()
@@ -259,7 +265,8 @@ class Root(ToolTest):
         self.use_root(root)
         ipc = f"'{shown}/system/zarn/ipc'"
         told = [(("ls",), 0, f"no endpoints in {ipc} and '{shown}/system/zarn/shmipc'\n"),
-                (("stat",), 0, f"no process shows its metrics in '{shown}/system/zarn/stat'\n"),
+                (("stat",), 0, f"no process shows its metrics in '{shown}/system/zarn/stat': "
+                 "those that call ZARNEnableMetrics do\n"),
                 (("shm", "ls"), 0, f"no segments in '{shown}/system/zarn/shm/zarnshmm'\n"),
                 (("log",), 1, f"'{shown}/logs': No such file or directory\n"),
                 (("send", "ipc://1_2", "--data", "x", "--timeout", "0.2"), 3,

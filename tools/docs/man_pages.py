@@ -60,6 +60,13 @@ class Help:
         return "\n".join(f"**`{left}`**\n\n:   {escaped(right)}\n"
                          for left, right in self.entries(name))
 
+    def options(self, heading):
+        """All that may be typed; each group stands under a heading of its own."""
+        text = self.markdown("Positionals") + "\n" + self.markdown("Options")
+        for group in sorted(self.lists.keys() - {"Positionals", "Options", "Subcommands"}):
+            text += f"\n{heading} {group}\n\n{self.markdown(group)}"
+        return text
+
 
 def escaped(text):
     return re.sub(r"([\\`*_<>\[\]#|~])", r"\\\1", text)
@@ -90,11 +97,13 @@ def write_program_pages(options):
     for name in names:
         sub = Help(options.zarn, name)
         body = f"# DESCRIPTION\n\n{about[f'zarn {name}']}\n# OPTIONS\n\n"
-        body += sub.markdown("Positionals") + "\n" + sub.markdown("Options")
-        for group in sorted(sub.lists.keys() - {"Positionals", "Options", "Subcommands"}):
-            body += f"\n## {group}\n\n{sub.markdown(group)}"
+        body += sub.options("##")
         if "Subcommands" in sub.lists:
-            body += f"\n# SUBCOMMANDS\n\n{sub.markdown('Subcommands')}"
+            body += "\n# SUBCOMMANDS\n"
+        places = ["x" for _ in sub.entries("Positionals")]
+        for verb, summary in sub.entries("Subcommands"):
+            each = Help(options.zarn, name, *places, verb)
+            body += f"\n## {escaped(each.usage)}\n\n{escaped(summary).capitalize()}.\n\n{each.options('###')}"
         body += f"\n# EXAMPLES\n\n{code(line for line in sub.footer if line != 'Example:')}"
         body += "\n# SEE ALSO\n\n**zarn**(1)\n"
         (options.out / f"zarn-{name}.1").write_text(

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <csignal>
+#include <memory>
 #include <sstream>
 #include <vector>
 
@@ -85,6 +86,23 @@ void RefuseCutOptions(const CLI::App& app, int argc, char** argv) {
   }
 }
 
+// What stands before a subcommand on the command line: 'zarn db FILE set'.
+std::string PathOf(const CLI::App& command) {
+  const CLI::App* parent = command.get_parent();
+  if (parent == nullptr) return command.get_name();
+  std::string path = PathOf(*parent);
+  for (const CLI::Option* option : parent->get_options())
+    if (option->get_positional()) path += " " + option->get_name(true);
+  return path + " " + command.get_name();
+}
+
+class HelpFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App* app, std::string /*name*/) const override {
+    return CLI::Formatter::make_usage(app, PathOf(*app));
+  }
+};
+
 // Where a subcommand is missing, what stands in its place.
 std::string NameWrongSubcommand(const CLI::App& app, const CLI::Error& error) {
   const std::vector<std::string> words = app.remaining(true);
@@ -125,6 +143,7 @@ int RunCommandLine(int argc, char** argv) {
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
   app.failure_message(DescribeFailure);
+  app.formatter(std::make_shared<HelpFormatter>());
 
   Action action;
   AddServe(app, action);

@@ -210,7 +210,8 @@ void AddDb(CLI::App& app, Action& action) {
       "  zarn db settings.db export settings.jsonl\n"
       "Exported is one JSON object a line, {\"key\":\"...\",\"value\":\"...\"}; what is not UTF-8 "
       "stands\nas hex digits under \"key_hex\" or \"value_hex\". An import that was interrupted is "
-      "run again.\nKeys and values hold no single quote and no NUL byte, and are not empty.");
+      "run again.\nKeys and values hold no single quote and no NUL byte, and are not empty.\n"
+      "'zarn db FILE set --help' shows the options of 'set', and so on.");
 }
 
 }  // namespace zarn::tool

@@ -180,7 +180,9 @@ void AddKv(CLI::App& app, Action& action) {
       ->required();
   kv.require_subcommand(1);
   AddJson(kv, options->json);
-  SetExamples(kv, "  zarn kv store put name north\n  zarn kv store dump --hex");
+  SetExamples(kv,
+              "  zarn kv store put name north\n  zarn kv store dump --hex\n"
+              "'zarn kv DIR put --help' shows the options of 'put', and so on.");
 
   CLI::App& get = AddKvVerb(kv, options, action, "get", "print the value of a key", RunKvGet);
   AddKey(get, options->key);

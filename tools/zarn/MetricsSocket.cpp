@@ -70,7 +70,8 @@ std::string AskForMetrics(const std::string& path, MetricsClock::time_point dead
     const Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd) return std::strerror(errno);
     const int error = ConnectToMetrics(fd.Get(), path);
-    if (error == ECONNREFUSED || error == ENOENT) return "it does not show its metrics";
+    if (error == ECONNREFUSED || error == ENOENT)
+      return "it does not show its metrics (it must call ZARNEnableMetrics)";
     if (error != 0 && error != EAGAIN) return std::strerror(error);
     answer.clear();
     if (error == 0) {

@@ -272,6 +272,8 @@ int Ping::Summarise(int code) {
   object["seconds"] = seconds;
   AddRoundTrips(object, *all_);
   output.Object(object);
+  if (code == kDone && received == 0 && lost_ != 0)
+    Complain("no answer at all: does the peer send everything back, as zarn serve --echo?");
   return code == kDone && (received == 0 || altered_ != 0) ? kFailed : code;
 }
 

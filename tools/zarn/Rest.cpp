@@ -106,8 +106,7 @@ bool Rest::Trust() const {
 
 ExitCode ToExitCode(long error) {
   switch (-error) {
-    case EINVAL:  // these three: what was asked for is not good, and nothing was sent
-    case EPROTONOSUPPORT:
+    case EPROTONOSUPPORT:  // these two: what was asked for is not good, and nothing was sent
     case EAFNOSUPPORT:
       return kUsage;
     case ECONNREFUSED:
@@ -122,6 +121,7 @@ ExitCode ToExitCode(long error) {
 }
 
 void Rest::Answered(const std::string& body, long result) {
+  if (result == -EINVAL) return loop_.Finish(kUsage);  // the library has told which part is not good
   if (result < 0) {
     Complain("{}: {}", Escape(options_.url), shttp::DescribeHttpResult(result));
     return loop_.Finish(ToExitCode(result));

@@ -1,15 +1,13 @@
 // Send.cpp - zarn send: one message, or one for each line of standard input, and the answers.
 #include <CLI/App.hpp>
 #include <CLI/Validators.hpp>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <limits>
 #include <memory>
 #include <optional>
 
 #include "ClientCommand.h"
 #include "LineReader.h"
+#include "StoreBytes.h"
 
 namespace zarn::tool {
 
@@ -175,24 +173,11 @@ int Send::Summarise(int code) {
   return code == kDone && skipped_ != 0 ? kFailed : code;
 }
 
-// The whole file as one message, or nothing after a complaint.
-std::optional<std::string> ReadFile(const std::string& path) {
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"),
-                                                             &std::fclose);
-  std::string content(kLongest + 1, '\0');
-  if (file) content.resize(std::fread(content.data(), 1, content.size(), file.get()));
-  if (!file || std::ferror(file.get()) != 0) {
-    Complain("'{}': {}", Escape(path), std::strerror(errno));
-    return std::nullopt;
-  }
-  return content;
-}
-
 int RunSend(const SendOptions& options, bool hasData, bool hasFile) {
   std::optional<std::string> message;
   if (hasData) message = options.data;
   if (hasFile) {
-    message = ReadFile(options.file);
+    message = ReadBytes(options.file, kLongest + 1);
     if (!message) return kFailed;
   }
   if (message && message->size() > kLongest) {
@@ -215,12 +200,21 @@ void AddSend(CLI::App& app, Action& action) {
   auto* data = command.add_option("--data", options->data, "send this text")
                    ->type_name("TEXT")
                    ->group(kExactlyOne);
-  auto* file = command.add_option("--file", options->file, "send what the file holds")
-                   ->check(IsNotEmpty())
-                   ->type_name("FILE")
-                   ->group(kExactlyOne);
+  auto* file =
+      command
+          .add_option("--file", options->file, "send what the file holds; '-' is standard input")
+          ->check(IsNotEmpty())
+          ->type_name("FILE")
+          ->group(kExactlyOne);
   command.add_option("lines", options->lines, "'-': send each line of standard input as a message")
-      ->check(CLI::IsMember({"-"}))
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return text == "-" ? std::string()
+                               : "what is sent stands in --data TEXT or --file FILE, or is '-' for "
+                                 "the lines of standard input; '" +
+                                     text + "' is none of these";
+          },
+          ""))
       ->group(kExactlyOne);
   AddNumber(command, "--replies", options->replies, 0, kUnlimited,
             "wait for that many answers and print them");

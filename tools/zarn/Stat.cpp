@@ -39,15 +39,24 @@ struct StatOptions {
 
 // --- which processes ---
 
-// The process that listens at that endpoint, 0 when it cannot be told.
-pid_t FindListener(const std::string& pair) {
+int ComplainOfDirectory(const std::string& scheme, int error) {
+  Complain("'{}': {}", Escape(GetEndpointDirectory(scheme)), std::strerror(error));
+  return kFailed;
+}
+
+// The process that listens at that endpoint. Not kDone, after a complaint, when it cannot be told.
+int FindListener(const std::string& pair, pid_t& found) {
+  int code = kUnreachable;
   for (const char* scheme : {"ipc", "shm"}) {
     std::vector<EndpointFile> files;
-    ScanEndpoints(scheme, files);
+    if (const int error = ScanEndpoints(scheme, files); error != 0)
+      code = ComplainOfDirectory(scheme, error);
     for (const EndpointFile& file : files)
-      if (file.name == pair && file.process != 0) return file.process;
+      if (file.name == pair && file.process != 0) found = file.process;
+    if (found != 0) return kDone;
   }
-  return 0;
+  if (code == kUnreachable) Complain("{}: no process is seen to listen there", pair);
+  return code;
 }
 
 // Those that show their metrics, or the one that was named, whether it does or not.
@@ -57,21 +66,15 @@ int FindProcesses(const StatOptions& options, std::vector<pid_t>& processes) {
     return kDone;
   }
   if (options.target != "all") {
-    const pid_t listener = FindListener(options.target);
-    if (listener == 0) {
-      Complain("{}: no process is seen to listen there", options.target);
-      return kUnreachable;
-    }
-    processes.push_back(listener);
-    return kDone;
+    pid_t listener = 0;
+    const int code = FindListener(options.target, listener);
+    if (code == kDone) processes.push_back(listener);
+    return code;
   }
   std::vector<EndpointFile> files;
   int error = ScanEndpoints("stat", files);
   if (error == 0 && options.clean) error = RemoveStale("stat", files);
-  if (error != 0) {
-    Complain("'{}': {}", Escape(GetEndpointDirectory("stat")), std::strerror(error));
-    return kFailed;
-  }
+  if (error != 0) return ComplainOfDirectory("stat", error);
   for (const EndpointFile& file : files)
     if (file.state == EndpointState::listening) processes.push_back(*ParseProcess(file.name));
   return kDone;
@@ -161,7 +164,7 @@ std::string DescribeState(const CZARNStreamMetrics& stream) {
 
 void PrintStatTable(Output& output, const std::vector<ProcessMetrics>& processes) {
   if (processes.empty())
-    return output.Text("no process shows its metrics in '{}'",
+    return output.Text("no process shows its metrics in '{}': those that call ZARNEnableMetrics do",
                        Escape(GetEndpointDirectory("stat")));
   std::size_t width = 6;
   for (const ProcessMetrics& process : processes)

@@ -1,6 +1,7 @@
 // StoreBytes.cpp - see StoreBytes.h.
 #include "StoreBytes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -18,20 +19,6 @@ using StoreStream = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 StoreStream OpenStream(const std::string& path, const char* mode, std::FILE* standard) {
   if (path == "-") return {standard, [](std::FILE*) { return 0; }};
   return {std::fopen(path.c_str(), mode), &std::fclose};
-}
-
-std::optional<std::string> ReadBytes(const std::string& path) {
-  const StoreStream file = OpenStream(path, "rbe", stdin);
-  std::string bytes;
-  char buffer[65536];
-  while (file) {
-    const std::size_t count = std::fread(buffer, 1, sizeof buffer, file.get());
-    if (count == 0) break;
-    bytes.append(buffer, count);
-  }
-  if (file && std::ferror(file.get()) == 0) return bytes;
-  Complain("'{}': {}", Escape(path), std::strerror(errno));
-  return std::nullopt;
 }
 
 bool WriteBytes(const std::string& path, const std::string& bytes) {
@@ -74,15 +61,18 @@ void AddKey(CLI::App& command, KeyOptions& key) {
 }
 
 void AddValue(CLI::App& command, ValueOptions& value) {
-  CLI::Option_group& group = *command.add_option_group("value", "exactly one of these");
-  group.add_option("VALUE", value.text, "the value, a text");
-  group.add_option("--hex", value.hex, "the value as hex digits, two for each byte")
+  command.add_option("VALUE", value.text, "the value, a text, unless --hex or --file gives it")
+      ->group(kExactlyOne);
+  command.add_option("--hex", value.hex, "the value as hex digits, two for each byte")
       ->type_name("HEX")
-      ->check(IsHex());
-  group.add_option("--file", value.file, "the value is what the file holds; '-' is standard input")
+      ->check(IsHex())
+      ->group(kExactlyOne);
+  command
+      .add_option("--file", value.file, "the value is what the file holds; '-' is standard input")
       ->check(IsNotEmpty())
-      ->type_name("FILE");
-  group.require_option(1);
+      ->type_name("FILE")
+      ->group(kExactlyOne);
+  command.parse_complete_callback([&command] { RequireOne(command); });
 }
 
 void AddShow(CLI::App& command, ShowOptions& show) {
@@ -94,6 +84,21 @@ void AddShow(CLI::App& command, ShowOptions& show) {
 
 void AddHex(CLI::App& command, bool& hex) {
   command.add_flag("--hex", hex, "show keys and values as hex digits");
+}
+
+std::optional<std::string> ReadBytes(const std::string& path, std::size_t most) {
+  const StoreStream file = OpenStream(path, "rbe", stdin);
+  std::string bytes;
+  char buffer[65536];
+  while (file && bytes.size() < most) {
+    const std::size_t wanted = std::min(sizeof buffer, most - bytes.size());
+    const std::size_t count = std::fread(buffer, 1, wanted, file.get());
+    if (count == 0) break;
+    bytes.append(buffer, count);
+  }
+  if (file && std::ferror(file.get()) == 0) return bytes;
+  Complain("'{}': {}", Escape(path), std::strerror(errno));
+  return std::nullopt;
 }
 
 std::optional<std::string> GetKey(const KeyOptions& options) {

@@ -1,4 +1,4 @@
-// StoreBytes.h - keys and values of the stores on the command line: as text, as hex, or in a file.
+// StoreBytes.h - keys, values and messages on the command line: as text, as hex, or in a file.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -39,6 +39,10 @@ void AddHex(CLI::App& command, bool& hex);  // of a list
 // Nothing, after a complaint, when it is no hex or the file cannot be read.
 std::optional<std::string> GetKey(const KeyOptions& options);
 std::optional<std::string> GetValue(const ValueOptions& options);
+
+// What the file holds, `most` bytes of it at most; "-" is standard input. Nothing, after a
+// complaint, when it cannot be read.
+std::optional<std::string> ReadBytes(const std::string& path, std::size_t most = std::string::npos);
 
 // False after a complaint.
 bool ShowValue(Output& output, const ShowOptions& options, const std::string& key,

@@ -37,3 +37,8 @@ class RestTest(ToolTest):
         result = self.rest(url, *options)
         self.assertEqual((result.returncode, result.stdout), (code, ""), result.stderr)
         self.assertRegex(result.stderr, f"^zarn: .*: {text}\n$")
+
+    def assert_refused(self, url, text, *options):
+        """Nothing was sent, since something that was asked for is not good."""
+        result = self.rest(url, *options)
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (2, "", f"{text}\n"))
