@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
   }
   // A small process can run its network loop on main.
   auto* threads = keelbase::CAWThreadManager::Instance();
-  threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK);
+  if (threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK) != 0) return 1;
   keelbase::CAWThread* network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
 
   EchoClient client(*network, argv[5]);

@@ -100,7 +100,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   auto* threads = keelbase::CAWThreadManager::Instance();
-  threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK);
+  if (threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK) != 0) return 1;
   keelbase::CAWThread* network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
 
   zarn::utils::ZARNEnableMetrics();  // zarn stat shows what the server does

@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
   // Answers come on the main thread.
   using keelbase::CAWThreadManager;
   CAWThreadManager* manager = CAWThreadManager::Instance();
-  manager->AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+  if (manager->AdoptCurrentThread(CAWThreadManager::TT_MAIN) != 0) return 1;
   keelbase::CAWThread* mainThread = manager->GetThread(CAWThreadManager::TT_MAIN);
 
   long status = 0;

@@ -33,8 +33,8 @@ namespace zarn::utils {
 // Threads: no locks. A stream belongs to the thread of its first Connect or SetTransportHandle,
 // which must be the one that its transport calls back on: a platform thread (keelbase::CAWThread).
 // Upcalls come there, and every operation is called there; from elsewhere use CAWThread::Call or
-// Post. Debug builds stop with a message that names both threads; a release build does not notice.
-// Distinct streams are independent of each other.
+// Post. Debug builds of this library stop with a message that names both threads; a release build
+// does not notice. Distinct streams are independent of each other.
 //
 // Ownership: the stream holds one reference on its transport and on its connector. Blocks given to
 // SendMsg stay the caller's.
