@@ -119,16 +119,70 @@ TEST(LoopObject, LivesUntilTheEndOfACallbackInWhichItIsLetGo) {
   WithLoop([](EventLoop& loop) {
     Life life;
     CAWAutoPtr<Object> object(new Object(loop, life));
-    {
-      const auto alive = object->Hold();
+    loop.Call([&] {
+      Object& seen = *object;
+      const auto alive = seen.Hold();
       ASSERT_TRUE(alive);
-      std::thread([&] { object = nullptr; }).join();
+      object = nullptr;
       loop.RunReady();
       EXPECT_EQ(life.letGo, 0);
-    }
+      EXPECT_FALSE(seen.Hold()) << "nobody is there any more";
+    });
     EXPECT_EQ(life.letGo, 1);
     EXPECT_EQ(life.destroyed, 1);
   });
+}
+
+TEST(LoopObject, IsLetGoElsewhereOnlyWhenTheCallbackThatRunsHasEnded) {
+  for (int round = 0; round < 100; ++round) {
+    WithLoop([](EventLoop& loop) {
+      Life life;
+      CAWAutoPtr<Object> object(new Object(loop, life));
+      std::atomic<bool> begun{false};
+      std::atomic<bool> ended{false};
+      bool endedBefore = false;
+      std::thread other;
+      loop.Call([&] {
+        const auto alive = object->Hold();
+        other = std::thread([&] {
+          begun = true;
+          object = nullptr;
+          endedBefore = ended;
+        });
+        while (!begun) std::this_thread::yield();
+        for (int i = 0; i < 100; ++i) std::this_thread::yield();
+        ended = true;
+      });
+      other.join();
+      EXPECT_TRUE(endedBefore);
+      loop.RunReady();
+      EXPECT_EQ(life.destroyed, 1);
+    });
+  }
+}
+
+TEST(LoopObject, GoesOnWhenACallbackRefersToItWhileTheLastReferenceIsDropped) {
+  for (int round = 0; round < 100; ++round) {
+    WithLoop([](EventLoop& loop) {
+      Life life;
+      CAWAutoPtr<Object> object(new Object(loop, life));
+      CAWAutoPtr<Object> kept;
+      std::thread other;
+      loop.Call([&] {
+        Object& seen = *object;
+        const auto alive = seen.Hold();
+        other = std::thread([&] { object = nullptr; });
+        kept = &seen;
+      });
+      other.join();
+      loop.RunReady();
+      EXPECT_EQ(life.letGo, 0);
+      EXPECT_TRUE(kept->Hold());
+      kept = nullptr;
+      EXPECT_EQ(life.letGo, 1);
+      EXPECT_EQ(life.destroyed, 1);
+    });
+  }
 }
 
 TEST(LoopObject, ACallbackFindsNobodyOnceTheLastReferenceIsGone) {

@@ -22,7 +22,7 @@ namespace shttp {
 //   -EPROTO            what came is no HTTP answer, or its gzip is damaged
 //   -EMSGSIZE          the answer's header or body is larger than its limit
 //   -ENOTSUP           the answer is coded in a way that nobody asked for
-//   -ENOMEM            out of memory
+//   -ENOMEM            out of memory, or the system gives no thread for the lookup of a name
 //   -10101 to -10136   minus a reason of sslutils/CAWSSLError.h
 //
 // A text for people, of any of them. Any thread.

@@ -41,7 +41,8 @@ class IAWSSLConnectionSink {
 // Threads: used on the thread that made it when that is a platform thread, else from one thread at
 // a time; callbacks come on that platform thread, else on the network thread. References may be
 // dropped on any thread. Releasing the last reference cancels or stops: no indication comes after
-// it.
+// it, and one that is just running on another thread is waited for, so nobody does it for whom that
+// indication waits.
 class SSLUTILS_API IAWSSLConnectorAcceptor {
  public:
   virtual std::uint32_t AddReference() = 0;

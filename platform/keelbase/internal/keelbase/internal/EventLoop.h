@@ -86,6 +86,7 @@ class KEELBASE_API EventLoop {
   void BindToCurrentThread();
   bool IsCurrent() const { return current_ == this; }
   static EventLoop* Current() { return current_; }
+  static const void* ThreadMark() { return &current_; }  // another one for each thread
   bool IsHeldHere() const;  // this thread runs it or works on it in place
   std::uint64_t GetThreadNumber() const { return thread_.load(std::memory_order_relaxed); }
   void CheckCurrent(const char* operation) const;  // debug builds stop on a wrong thread
@@ -114,6 +115,17 @@ class KEELBASE_API EventLoop {
   // At once on the loop's thread, else as PostTask; once the loop has stopped in place, or by
   // whoever works there just then. Waits for nobody.
   void HandOver(LoopTask& task);
+  // For an object's release on a thread that does not hold the loop: waits until `ended()`, which
+  // is asked again at each TellCallbackEnded().
+  template <class Condition>
+  void AwaitCallback(Condition ended) {
+    MutexLock lock(mutex_);
+    while (!ended()) lock.Wait(callbackEnded_);
+  }
+  void TellCallbackEnded() {
+    const MutexLock lock(mutex_);
+    callbackEnded_.notify_all();
+  }
   // Destroys what waits and refuses what comes. On the loop's thread, or while the loop does not
   // run.
   void DropPosted();
@@ -223,6 +235,7 @@ class KEELBASE_API EventLoop {
   bool leftAlone_ AW_GUARDED_BY(mutex_) = false;  // at exit: whoever holds it does not end
   std::atomic<std::uint64_t> holder_{0};          // its thread number; changed under mutex_
   std::condition_variable holdChanged_;
+  std::condition_variable callbackEnded_;
   std::atomic<bool> hasPosted_{false};
 
   // Null once an event is taken out to be fired; a stop may leave others behind, which come first

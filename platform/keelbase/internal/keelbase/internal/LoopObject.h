@@ -11,14 +11,22 @@ namespace keelbase::internal {
 
 // Implements the counting half of Interface. References may be dropped on any thread; the object is
 // destroyed on its loop's thread, or once that has stopped in place, while nobody else works there.
+// Whoever drops the last one somewhere else waits for a callback of the object that is running, so
+// that none is left behind.
 template <class Interface>
 class LoopObject : public Interface {
  public:
-  std::uint32_t AddReference() final { return count_.fetch_add(1, std::memory_order_relaxed) + 1; }
+  std::uint32_t AddReference() final {
+    return Users(state_.fetch_add(kUser, std::memory_order_relaxed)) + 1;
+  }
   std::uint32_t ReleaseReference() final {
-    const std::uint32_t left = count_.fetch_sub(1, std::memory_order_acq_rel) - 1;
-    if (left == 0) Destroy();
-    return left;
+    std::uint64_t state = state_.load(std::memory_order_acquire);
+    do {
+      if (Users(state) == 1 && Holders(state) != 0 && !IsCalledBackHere())
+        state = AwaitCallback(state);
+    } while (!state_.compare_exchange_weak(state, state - kUser, std::memory_order_acq_rel));
+    if (Users(state) == 1 && Holders(state) == 0) Destroy();
+    return Users(state) - 1;
   }
 
   EventLoop& GetLoop() const { return loop_; }
@@ -28,7 +36,7 @@ class LoopObject : public Interface {
    public:
     explicit Held(LoopObject* object) : object_(object) {}
     ~Held() {
-      if (object_ != nullptr) object_->ReleaseReference();
+      if (object_ != nullptr) object_->EndCallback();
     }
     Held(const Held&) = delete;
     Held& operator=(const Held&) = delete;
@@ -38,14 +46,16 @@ class LoopObject : public Interface {
     LoopObject* const object_;
   };
 
-  // What a callback of the loop begins with. False when the last reference is gone: there is nobody
-  // to tell, and the object, which waits to be destroyed, must not be referred to again.
+  // What a callback of the loop begins with. False when the last reference is gone or about to go:
+  // there is nobody to tell, and the object must not be referred to again.
   Held Hold() {
-    std::uint32_t count = count_.load(std::memory_order_relaxed);
-    while (count != 0 &&
-           !count_.compare_exchange_weak(count, count + 1, std::memory_order_relaxed)) {
+    std::uint64_t state = state_.load(std::memory_order_relaxed);
+    while (HasListener(state)) {
+      calledBackOn_.store(EventLoop::ThreadMark(), std::memory_order_relaxed);
+      if (state_.compare_exchange_weak(state, state + kHolder, std::memory_order_release))
+        return Held(this);
     }
-    return Held(count != 0 ? this : nullptr);
+    return Held(nullptr);
   }
 
  protected:
@@ -66,6 +76,47 @@ class LoopObject : public Interface {
     LoopObject* object_;
   };
 
+  // The state: references of users, callbacks that run, and whether a thread waits for these to end
+  // before it drops the last reference.
+  static constexpr std::uint64_t kUser = 1;
+  static constexpr std::uint64_t kHolder = std::uint64_t{1} << 32;
+  static constexpr std::uint64_t kAwaited = std::uint64_t{1} << 63;
+  static std::uint32_t Users(std::uint64_t state) { return static_cast<std::uint32_t>(state); }
+  static std::uint64_t Holders(std::uint64_t state) { return (state & ~kAwaited) / kHolder; }
+  static bool HasListener(std::uint64_t state) {
+    return Users(state) != 0 && ((state & kAwaited) == 0 || Holders(state) != 0);
+  }
+
+  // Whoever ends the process on behalf of a thread that it has stopped stands for that one.
+  bool IsCalledBackHere() const {
+    return calledBackOn_.load(std::memory_order_relaxed) == EventLoop::ThreadMark() ||
+           loop_.IsHeldHere();
+  }
+
+  // With the last reference in hand, so that the object stays. The state as it is then: the
+  // callback may have added a reference.
+  std::uint64_t AwaitCallback(std::uint64_t state) {
+    if (!state_.compare_exchange_strong(state, state | kAwaited)) return state;
+    loop_.AwaitCallback([this] {
+      const std::uint64_t now = state_.load(std::memory_order_acquire);
+      return Holders(now) == 0 || (now & kAwaited) == 0;
+    });
+    return state_.load(std::memory_order_relaxed);
+  }
+
+  void EndCallback() {
+    EventLoop& loop = loop_;  // whoever waits may destroy the object as soon as it is not held
+    std::uint64_t state = state_.load(std::memory_order_relaxed);
+    std::uint64_t left = 0;
+    do {
+      left = state - kHolder;
+      if (Holders(left) == 0 && Users(left) > 1) left &= ~kAwaited;
+    } while (!state_.compare_exchange_weak(state, left, std::memory_order_acq_rel));
+    if (Holders(left) != 0) return;
+    if (Users(left) == 0) return Destroy();
+    if ((state & kAwaited) != 0) loop.TellCallbackEnded();
+  }
+
   // On its way out the object may be referred to once more, by its own destructor: that must not
   // destroy it again.
   void Destroy() {
@@ -76,7 +127,8 @@ class LoopObject : public Interface {
 
   EventLoop& loop_;
   DestroyThere destroyThere_;
-  std::atomic<std::uint32_t> count_{0};
+  std::atomic<std::uint64_t> state_{0};
+  std::atomic<const void*> calledBackOn_{nullptr};  // the thread, while callbacks run
   std::atomic<bool> destroying_{false};
 };
 
