@@ -110,6 +110,8 @@ void ShmConnection::Failed(int error) {
   if (state_ == State::open) KeepPolling();
 }
 
+// Does what there is to do, for as long as there is; then Arm asks the peer to wake us and looks
+// once more. Whatever the peer does at that moment, either we see it or it sees that we sleep.
 bool ShmConnection::Poll() {
   if (failure_ != 0) {
     const CAWAutoPtr<ShmConnection> alive(this);
@@ -327,7 +329,7 @@ void ShmConnection::Disconnect() {
   sink_ = nullptr;
   StopPolling();
   state_ = State::lingering;
-  DrainSocket();
+  DrainSocket();  // the socket must have room for the byte that tells of room in the ring
   if (gone || WriteLingerData() || lingerMs_ == 0) return CloseNow();
   BeginLinger();
 }

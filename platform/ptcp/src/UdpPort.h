@@ -118,7 +118,9 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   PacketKey resetKey_;
   std::unordered_map<ConnectionId, PortUser*, IdHash> users_;
   std::set<std::pair<keelbase::CAWInetAddr, PortUser*>> usersOf_;  // a peer
-  std::vector<PortUser*> touched_;                                 // got something in this batch
+  // Who got something in this batch. Some stand there twice, those who have gone are null; EndBatch
+  // tells each who is left once.
+  std::vector<PortUser*> touched_;
   std::vector<PortUser*> waiting_;
   std::vector<PortUser*> lingering_;
 

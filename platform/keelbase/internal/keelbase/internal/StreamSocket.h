@@ -66,6 +66,9 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   EventLoop& GetLoop() const { return loop_; }
 
  private:
+  // Open leads from fresh to open, the peer's end or an error to ended. From each of these
+  // Disconnect leads to lingering, while what was taken is written, and on to draining, while the
+  // peer's input is dropped until its end; closed is the end of all.
   enum class State { fresh, open, ended, lingering, draining, closed };
 
   void OnLastReference() override;
