@@ -4,6 +4,7 @@ import json
 import os
 import pty
 import select
+import signal
 import subprocess
 import time
 import unittest
@@ -85,6 +86,8 @@ class Filters(LogTest):
         self.assert_shown([0], "--grep", "08:00:00.*started$")
         self.assert_shown([2], "--grep", r"\[0+42\]")
         self.assert_shown([1], "--grep", "no fx*ile")
+        for pattern in ("nox+? file", "nox+* file", "nox?+ file", "no+? file"):
+            self.assert_shown([1], "--grep", pattern)
         self.assert_shown([], "--grep", "^started")
 
     def test_wrong_expression_is_wrong_usage(self):
@@ -255,6 +258,31 @@ class Places(LogTest):
         self.assertEqual(result.returncode, 1)
         self.assertEqual(result.stdout, line(0))
         self.assertIn("no.log': No such file", result.stderr)
+
+    def test_file_that_is_the_output_is_left_out(self):
+        path = self.write("a.log", line(0), line(1))
+        together = self.logs / "all.log"
+        for files in ((), (str(together), path)):
+            with open(together, "w", encoding="utf-8") as output:
+                result = subprocess.run([TOOL, "log", "--no-name", *files], env=self.env, stdout=output, timeout=PATIENCE,
+                                        check=False, stderr=subprocess.PIPE, text=True)
+            self.assertEqual(result.returncode, 1)
+            self.assertIn("all.log': left out, since it is the output as well", result.stderr)
+            self.assertEqual(together.read_text(), line(0) + line(1))
+
+    def test_file_that_is_the_output_is_not_followed(self):
+        self.write("a.log", line(0))
+        with open(self.logs / "all.log", "w", encoding="utf-8") as output:
+            running = subprocess.Popen([TOOL, "log", "--no-name", "--follow"], env=self.env, stdout=output,
+                                       stderr=subprocess.PIPE)
+            self.addCleanup(running.kill)
+            self.assertIn(b"left out", running.stderr.readline())
+            self.write("a.log", line(1), mode="a")
+            self.wait_until(lambda: (self.logs / "all.log").read_text() == line(0) + line(1))
+            running.send_signal(signal.SIGINT)
+            self.assertEqual(running.wait(PATIENCE), 1)
+            running.stderr.close()
+        self.assertEqual((self.logs / "all.log").read_text(), line(0) + line(1))
 
     def test_directory_is_no_file(self):
         self.assertIn("Is a directory", self.complaint(str(self.logs)))

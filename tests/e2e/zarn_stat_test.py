@@ -36,11 +36,6 @@ class Stat(ToolTest):
             self.assertEqual(read_frame(client), (7, tag, b"hello"))
         return server, client
 
-    def wait_until(self, condition):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end)
-
     def pretend(self, answer):
         """A listener at our own number's place; each who connects gets what `answer(socket)` sends."""
         self.stat.mkdir(mode=0o700, parents=True)
@@ -100,6 +95,11 @@ class Stat(ToolTest):
         for target in (str(server.process.pid), "1_2"):
             self.assertEqual({event["pid"] for event in self.run_events("stat", target)},
                              {server.process.pid})
+
+    def test_all_who_serve_an_endpoint_are_shown(self):
+        servers = [self.serve(url="ipc://1_2"), self.serve(url="shm://1_2")]
+        self.assertEqual({event["pid"] for event in self.run_events("stat", "1_2")},
+                         {server.process.pid for server in servers})
 
     def test_a_malformed_frame_is_shown(self):
         _, client = self.echo()

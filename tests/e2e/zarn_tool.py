@@ -186,6 +186,11 @@ class ToolTest(unittest.TestCase):
         self.addCleanup(running.clean_up)
         return running
 
+    def wait_until(self, condition):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+
     def serve(self, *options, url=None):
         """A server that listens, with JSON output."""
         server = self.start("serve", url or self.url, "--json", *options)

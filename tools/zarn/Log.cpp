@@ -118,8 +118,9 @@ void LogReader::Open(Source& source) {
   source.complained = true;
   const bool later = options_.follow && error == ENOENT;
   if (!later) failed_ = true;
-  Complain("'{}': {}{}", Escape(source.file.GetPath()), std::strerror(error),
-           later ? "; waiting for it" : "");
+  const char* reason =
+      error == EDEADLK ? "left out, since it is the output as well" : std::strerror(error);
+  Complain("'{}': {}{}", Escape(source.file.GetPath()), reason, later ? "; waiting for it" : "");
 }
 
 void LogReader::ShowLines(bool withUnfinished) {

@@ -19,6 +19,13 @@ constexpr std::size_t kPieceSize = 256 * 1024;
 constexpr std::size_t kLongestLine = 16 * 1024 * 1024;  // a longer one comes in pieces
 constexpr std::size_t kStartSize = 64;                  // enough for the time of the first line
 
+// Read, it would never end.
+bool IsOutput(const struct stat& file) {
+  struct stat output {};
+  return S_ISREG(file.st_mode) && ::fstat(STDOUT_FILENO, &output) == 0 &&
+         file.st_dev == output.st_dev && file.st_ino == output.st_ino;
+}
+
 }  // namespace
 
 LogFile::LogFile(std::string path, const LogFilter& filter, bool waits)
@@ -37,7 +44,9 @@ int LogFile::Open() {
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;
   ::fstat(fd_, &opened_);
-  return S_ISDIR(opened_.st_mode) ? EISDIR : 0;
+  if (!S_ISDIR(opened_.st_mode) && !IsOutput(opened_)) return 0;
+  ::close(std::exchange(fd_, -1));
+  return S_ISDIR(opened_.st_mode) ? EISDIR : EDEADLK;
 }
 
 int LogFile::Reopen() {

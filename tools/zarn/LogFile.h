@@ -36,7 +36,7 @@ class LogFile {
   const std::string& GetPath() const { return path_; }
   bool IsOpen() const { return fd_ >= 0; }
 
-  int Open();  // 0 or an errno value
+  int Open();  // 0 or an errno value; EDEADLK: it is standard output as well
   // False when there is no more for now. What stands behind the last newline is a line only when
   // asked for.
   bool Next(LogRecord& record, bool withUnfinished);

@@ -11,6 +11,7 @@ namespace zarn::tool {
 namespace {
 
 constexpr const char* kMetacharacters = "\\^$.[]|()?*+{}";
+constexpr std::size_t kNone = std::string_view::npos;
 
 // The longest text that is in everything that the expression matches; found only in simple ones.
 std::string FindNeededText(std::string_view expression) {
@@ -19,10 +20,12 @@ std::string FindNeededText(std::string_view expression) {
   while (!expression.empty()) {
     const std::size_t end = std::min(expression.find_first_of(kMetacharacters), expression.size());
     std::string_view text = expression.substr(0, end);
-    const bool optional = end < expression.size() && std::strchr("*?", expression[end]) != nullptr;
+    const std::size_t behind =
+        std::min(expression.find_first_not_of("*?+", end), expression.size());
+    const bool optional = expression.substr(end, behind - end).find_first_of("*?") != kNone;
     if (optional && !text.empty()) text.remove_suffix(1);
     if (text.size() > longest.size()) longest = text;
-    expression.remove_prefix(std::min(end + 1, expression.size()));
+    expression.remove_prefix(std::max(behind, std::min(end + 1, expression.size())));
   }
   return std::string(longest);
 }

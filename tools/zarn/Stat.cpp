@@ -44,32 +44,32 @@ int ComplainOfDirectory(const std::string& scheme, int error) {
   return kFailed;
 }
 
-// The process that listens at that endpoint. Not kDone, after a complaint, when it cannot be told.
-int FindListener(const std::string& pair, pid_t& found) {
+// The processes that listen at that endpoint, over local IPC and over shared memory. Not kDone,
+// after a complaint, when there is none that can be told.
+int FindListeners(const std::string& pair, std::vector<pid_t>& found) {
   int code = kUnreachable;
   for (const char* scheme : {"ipc", "shm"}) {
     std::vector<EndpointFile> files;
     if (const int error = ScanEndpoints(scheme, files); error != 0)
       code = ComplainOfDirectory(scheme, error);
-    for (const EndpointFile& file : files)
-      if (file.name == pair && file.process != 0) found = file.process;
-    if (found != 0) return kDone;
+    for (const EndpointFile& file : files) {
+      const bool known = std::find(found.begin(), found.end(), file.process) != found.end();
+      if (file.name == pair && file.process != 0 && !known) found.push_back(file.process);
+    }
   }
+  if (!found.empty()) return kDone;
   if (code == kUnreachable) Complain("{}: no process is seen to listen there", pair);
   return code;
 }
 
-// Those that show their metrics, or the one that was named, whether it does or not.
+// Those that show their metrics, or those that were named, whether they do or not.
 int FindProcesses(const StatOptions& options, std::vector<pid_t>& processes) {
   if (const auto process = ParseProcess(options.target)) {
     processes.push_back(*process);
     return kDone;
   }
   if (options.target != "all") {
-    pid_t listener = 0;
-    const int code = FindListener(options.target, listener);
-    if (code == kDone) processes.push_back(listener);
-    return code;
+    return FindListeners(options.target, processes);
   }
   std::vector<EndpointFile> files;
   int error = ScanEndpoints("stat", files);
