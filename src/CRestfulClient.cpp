@@ -45,9 +45,11 @@ void TellThatNobodyListens() {
       0, "an HTTP answer was dropped: no thread has adopted TT_MAIN, where callbacks run");
 }
 
-void TellThatNothingIsSent() {
+void TellThatNothingIsSent(bool hasMark) {
   keelbase::IAWTraceManager::Instance()->Trace(
-      0, "an HTTP request is not sent, and no callback comes: its url has no /zarn/tcpchannel");
+      0, hasMark ? "an HTTP request is not sent, and no callback comes: no memory or network thread"
+                 : "an HTTP request is not sent, and no callback comes: its url has no "
+                   "/zarn/tcpchannel");
 }
 
 void PostToMain(std::unique_ptr<CRestfulRcvEvent> event) {
@@ -90,13 +92,12 @@ void CRestfulClient::StartClient(const CAWString& url, const CAWString& setting,
 }
 
 void CRestfulClient::Open(const CAWString& url) {
-  if (url.find(kMark) != CAWString::npos) {
+  const bool hasMark = url.find(kMark) != CAWString::npos;
+  if (hasMark) {
     client_ = nullptr;
     shttp::IAWHttpManager::Instance()->CreateHttpClient(client_);
-  } else if (!client_) {
-    TellThatNothingIsSent();
   }
-  if (!client_) return;
+  if (!client_) return TellThatNothingIsSent(hasMark);
   if (!info1_.empty() && !info2_.empty()) client_->SetInfo(info1_, info2_);
   underWay_.store(true, std::memory_order_relaxed);
   if (client_->Open(url, this, 0) != AW_OK) Fail();

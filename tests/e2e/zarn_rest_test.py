@@ -1,6 +1,7 @@
 """zarn rest: what it sends, what it makes of the answers of decent servers, and its usage."""
 
 import contextlib
+import errno
 import gzip
 import os
 import pty
@@ -158,6 +159,17 @@ class Usage(RestTest):
         self.assertEqual((result.returncode, result.stderr),
                          (1, "zarn: '/nowhere': No such file or directory\n"))
         self.assertEqual(server.requests, [])
+
+    def test_without_one_of_its_threads_it_ends_with_a_line(self):
+        url = self.serve(send(answer(b"hi"))).url(host="localhost")
+        told = []
+        for number in (1, 2, 3):  # for signals, the network, and the lookup of the name
+            self.env = self.failing("pthread_create", number, errno.EAGAIN, "ever")
+            result = self.rest(url)
+            self.assertEqual((result.returncode, result.stdout), (1, ""))
+            told.append(result.stderr)
+        self.assertTrue(all(text.startswith("zarn: ") and text.count("\n") == 1 for text in told), told)
+        self.assertIn("zarn: no network thread: out of threads, memory or descriptors\n", told)
 
     def test_interrupt_ends_it(self):
         server = self.serve(lambda connection, request: server.wait_stopped(60))

@@ -101,10 +101,14 @@ TEST_F(RestfulClient, UrlWithTheMarkReplacesTheClientOfTheCallBefore) {
   EXPECT_EQ(http.clients[1]->GetReferences(), 2U);
 }
 
-TEST_F(RestfulClient, ClientThatCannotBeMadeDoesNothing) {
+TEST_F(RestfulClient, ClientThatCannotBeMadeIsTracedAndDoesNothing) {
+  const zarn::test::TraceLines trace;
   http.fails = true;
   Start();
   EXPECT_TRUE(log.empty());
+  ASSERT_EQ(trace.Get().size(), 1U);
+  EXPECT_EQ(trace.Get()[0].text,
+            "an HTTP request is not sent, and no callback comes: no memory or network thread");
 }
 
 TEST_F(RestfulClient, ClientThatCannotBeOpenedIsToldAsNoMemoryAndCanBeUsedAgain) {

@@ -76,6 +76,10 @@ class Rest {
 };
 
 int Rest::Run() {
+  if (CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK) == nullptr) {
+    Complain("no network thread: out of threads, memory or descriptors");
+    return kFailed;
+  }
   SetLimits();
   if (!Trust()) return kFailed;
   client_ = std::make_unique<utils::CRestfulClient>();
@@ -121,7 +125,8 @@ ExitCode ToExitCode(long error) {
 }
 
 void Rest::Answered(const std::string& body, long result) {
-  if (result == -EINVAL) return loop_.Finish(kUsage);  // the library has told which part is not good
+  if (result == -EINVAL)
+    return loop_.Finish(kUsage);  // the library has told which part is not good
   if (result < 0) {
     Complain("{}: {}", Escape(options_.url), shttp::DescribeHttpResult(result));
     return loop_.Finish(ToExitCode(result));

@@ -37,7 +37,7 @@ class ZARNUTILS_API CRestfulRcvEvent : public keelbase::IAWEvent {
 // One request at a time, over http or https. Urls must contain "/zarn/tcpchannel":
 //
 //   auto* manager = keelbase::CAWThreadManager::Instance();
-//   manager->AdoptCurrentThread(keelbase::CAWThreadManager::TT_MAIN);
+//   if (manager->AdoptCurrentThread(keelbase::CAWThreadManager::TT_MAIN) != 0) return 1;
 //   auto* main = manager->GetThread(keelbase::CAWThreadManager::TT_MAIN);
 //   zarn::utils::CRestfulClient client;
 //   client.StartClient("http://127.0.0.1:8080/zarn/tcpchannel/orders", "", R"({"id": 7})",
@@ -74,7 +74,8 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
   // Sends `body` to `url`; `callback` is called once, for a failure too, with the answer's body and
   // the result. A request that is under way is dropped first: its callback never runs (one whose
   // answer is on its way to the main thread is over, and does). Without "/zarn/tcpchannel" in `url`
-  // the client of the call before serves again, and nothing happens when there was none. To drop a
+  // the client of the call before serves again, and nothing happens when there was none, nor when
+  // there is no memory or network thread for a new one: a trace line says so. To drop a
   // request it waits for the network thread, so it must not be called by somebody for whom that
   // thread waits then. May throw std::bad_alloc: the callback does not run then, and a request that
   // was under way goes on. What runs out of memory later ends with -ENOMEM.

@@ -74,7 +74,7 @@ int NameLookup::Start(keelbase::internal::EventLoop& loop, const std::string& ho
   try {
     std::thread([search] { search->Run(search); }).detach();
   } catch (const std::system_error&) {
-    return EAGAIN;
+    return ENOMEM;
   }
   search_ = std::move(search);
   return 0;
