@@ -105,7 +105,7 @@ bool SetChecks(SSL* ssl, const TlsClientSettings& settings, X509_STORE* store) {
     return false;
   if (settings.mode == AW_SSL_VERIFY_NONE) return true;
   SSL_set_verify(ssl, SSL_VERIFY_PEER, nullptr);
-  if (store == nullptr || SSL_set1_verify_cert_store(ssl, store) != 1) return false;
+  if (SSL_set1_verify_cert_store(ssl, store) != 1) return false;
   if (settings.mode == AW_SSL_VERIFY_CHAIN) return true;
   return CheckName(ssl, named ? settings.serverName : settings.peer.GetIpDisplayName());
 }
@@ -117,7 +117,9 @@ AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
   SslPtr ssl(Context() == nullptr ? nullptr : SSL_new(Context()));
   if (ssl == nullptr) return ENOMEM;
   TlsTrust::Snapshot trust;
-  if (settings.mode != AW_SSL_VERIFY_NONE) trust = Trust().Get();
+  if (settings.mode != AW_SSL_VERIFY_NONE) {
+    if (const AWResult result = Trust().Get(trust); result != AW_OK) return result;
+  }
   if (const AWResult result = settings.identity.Use(ssl.get()); result != AW_OK) return result;
   const bool good = SetChecks(ssl.get(), settings, trust.store.get());
   ERR_clear_error();

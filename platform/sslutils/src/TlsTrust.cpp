@@ -3,6 +3,7 @@
 
 #include <openssl/err.h>
 
+#include <cerrno>
 #include <utility>
 
 #include "PemText.h"
@@ -12,6 +13,54 @@ namespace sslutils::internal {
 using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::internal::MutexLock;
+
+namespace {
+
+// What OpenSSL's errors say of a step that has failed: which resource was short, or 0 for something
+// that is not there. Without memory there may be no error at all.
+AWResult TakeShortage() {
+  AWResult shortage = ERR_peek_error() == 0 ? ENOMEM : AW_OK;
+  while (const unsigned long error = ERR_get_error()) {
+    const int reason = ERR_GET_REASON(error);
+    if (reason == ERR_R_MALLOC_FAILURE) shortage = ENOMEM;
+    if (ERR_GET_LIB(error) == ERR_LIB_SYS &&
+        (reason == EMFILE || reason == ENFILE || reason == ENOMEM))
+      shortage = static_cast<AWResult>(reason);
+  }
+  return shortage;
+}
+
+// As X509_STORE_set_default_paths, which does not tell that something has failed. A system may have
+// no authorities; only a shortage is a failure.
+AWResult AddSystem(X509_STORE* store) {
+  X509_LOOKUP* const file = X509_STORE_add_lookup(store, X509_LOOKUP_file());
+  X509_LOOKUP* const directory = X509_STORE_add_lookup(store, X509_LOOKUP_hash_dir());
+  X509_LOOKUP* const uri = X509_STORE_add_lookup(store, X509_LOOKUP_store());
+  if (file == nullptr || directory == nullptr || uri == nullptr) return ENOMEM;
+  AWResult result = AW_OK;
+  const auto note = [&](int done) {
+    if (done != 1 && result == AW_OK) result = TakeShortage();
+  };
+  note(X509_LOOKUP_load_file(file, nullptr, X509_FILETYPE_DEFAULT));
+  note(X509_LOOKUP_add_dir(directory, nullptr, X509_FILETYPE_DEFAULT));
+  note(X509_LOOKUP_add_store(uri, nullptr));
+  return result;
+}
+
+AWResult MakeStore(const Certificates& added, StorePtr& out) {
+  ERR_clear_error();
+  StorePtr store(X509_STORE_new());
+  AWResult result = store != nullptr ? AddSystem(store.get()) : ENOMEM;
+  for (const CertificatePtr& certificate : added) {
+    if (result == AW_OK && X509_STORE_add_cert(store.get(), certificate.get()) != 1)
+      result = ENOMEM;
+  }
+  ERR_clear_error();
+  if (result == AW_OK) out = std::move(store);
+  return result;
+}
+
+}  // namespace
 
 AWResult TlsTrust::Set(const std::string& text) {
   Certificates added;
@@ -28,19 +77,14 @@ AWResult TlsTrust::Set(const std::string& text) {
   return AW_OK;
 }
 
-TlsTrust::Snapshot TlsTrust::Get() {
+AWResult TlsTrust::Get(Snapshot& out) {
   const MutexLock lock(mutex_);
   if (store_ == nullptr) {
-    StorePtr store(X509_STORE_new());
-    if (store == nullptr) return {};
-    X509_STORE_set_default_paths(store.get());  // a system may have none
-    for (const CertificatePtr& certificate : added_)
-      X509_STORE_add_cert(store.get(), certificate.get());
-    ERR_clear_error();
-    store_ = std::move(store);
+    if (const AWResult result = MakeStore(added_, store_); result != AW_OK) return result;
   }
   X509_STORE_up_ref(store_.get());
-  return {StorePtr(store_.get()), generation_};
+  out = {StorePtr(store_.get()), generation_};
+  return AW_OK;
 }
 
 }  // namespace sslutils::internal

@@ -17,16 +17,18 @@ class TlsTrust {
   keelbase::AWResult Set(const std::string& text);
 
   struct Snapshot {
-    StorePtr store;                // null without memory
+    StorePtr store;
     std::uint64_t generation = 0;  // another one after each Set
   };
-  Snapshot Get();
+  // 0, or the shortage (EMFILE, ENFILE, ENOMEM) for which the store is not whole: the next call
+  // makes it anew.
+  keelbase::AWResult Get(Snapshot& out);
 
  private:
   keelbase::internal::Mutex mutex_;
   Certificates added_ AW_GUARDED_BY(mutex_);
   std::uint64_t generation_ AW_GUARDED_BY(mutex_) = 0;
-  StorePtr store_ AW_GUARDED_BY(mutex_);  // made when it is first needed
+  StorePtr store_ AW_GUARDED_BY(mutex_);  // whole, or null until it is needed
 };
 
 }  // namespace sslutils::internal
