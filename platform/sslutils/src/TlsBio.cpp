@@ -3,12 +3,14 @@
 
 #include <new>
 
+#include "keelbase/internal/Mutex.h"
 #include "sslutils/internal/TlsStream.h"
 
 namespace sslutils::internal {
 
 BIO* TlsBio::Make(TlsStream& stream) {
-  BIO* const bio = Method() == nullptr ? nullptr : BIO_new(Method());
+  const BIO_METHOD* const method = Method();
+  BIO* const bio = method == nullptr ? nullptr : BIO_new(method);
   if (bio == nullptr) throw std::bad_alloc();
   BIO_set_data(bio, &stream);
   BIO_set_init(bio, 1);
@@ -16,16 +18,22 @@ BIO* TlsBio::Make(TlsStream& stream) {
 }
 
 BIO_METHOD* TlsBio::Method() {
-  static BIO_METHOD* const method = [] {
-    BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "transport");
-    if (made == nullptr) return made;
-    BIO_meth_set_read_ex(made, Read);
-    BIO_meth_set_write_ex(made, Write);
-    BIO_meth_set_ctrl(
-        made, [](BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1L : 0L; });
-    return made;
-  }();
+  static keelbase::internal::Mutex mutex;
+  static BIO_METHOD* method = nullptr;
+  const keelbase::internal::MutexLock lock(mutex);
+  if (method == nullptr) method = MakeMethod();
   return method;
+}
+
+// Without a number of its own, which nobody asks for.
+BIO_METHOD* TlsBio::MakeMethod() {
+  BIO_METHOD* const made = BIO_meth_new(BIO_TYPE_SOURCE_SINK, "transport");
+  if (made == nullptr) return nullptr;
+  BIO_meth_set_read_ex(made, Read);
+  BIO_meth_set_write_ex(made, Write);
+  BIO_meth_set_ctrl(
+      made, [](BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1L : 0L; });
+  return made;
 }
 
 int TlsBio::Read(BIO* bio, char* data, std::size_t length, std::size_t* count) {

@@ -15,7 +15,8 @@ class TlsBio {
   static BIO* Make(TlsStream& stream);  // throws std::bad_alloc; the caller's
 
  private:
-  static BIO_METHOD* Method();
+  static BIO_METHOD* Method();  // null without memory: another call tries again
+  static BIO_METHOD* MakeMethod();
   static TlsStream& Stream(BIO* bio) { return *static_cast<TlsStream*>(BIO_get_data(bio)); }
   static int Read(BIO* bio, char* data, std::size_t length, std::size_t* count);
   static int Write(BIO* bio, const char* data, std::size_t length, std::size_t* count);

@@ -15,11 +15,14 @@
 #include "TlsSessions.h"
 #include "TlsTrust.h"
 #include "keelbase/internal/Immortal.h"
+#include "keelbase/internal/Mutex.h"
 
 namespace sslutils::internal {
 
 using keelbase::AW_OK;
 using keelbase::AWResult;
+using keelbase::internal::Mutex;
+using keelbase::internal::MutexLock;
 
 namespace {
 
@@ -43,8 +46,12 @@ void FreeTerms(void*, void* terms, CRYPTO_EX_DATA*, int, long, void*) {
   delete static_cast<SessionTerms*>(terms);
 }
 
+// Below 0 without memory: another call tries again.
 int TermsIndex() {
-  static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, FreeTerms);
+  static Mutex mutex;
+  static int index = -1;
+  const MutexLock lock(mutex);
+  if (index < 0) index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, FreeTerms);
   return index;
 }
 
@@ -69,16 +76,20 @@ std::string MakeKey(const TlsClientSettings& settings, std::uint64_t trust) {
          settings.identity.GetFingerprint() + '/' + settings.serverName;
 }
 
+ContextPtr MakeClientContext() {
+  ContextPtr made = MakeContext(TLS_client_method());
+  if (made == nullptr) return nullptr;
+  SSL_CTX_set_session_cache_mode(made.get(), SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+  SSL_CTX_sess_set_new_cb(made.get(), KeepSession);
+  return made;
+}
+
+// Null without memory: another call tries again.
 SSL_CTX* Context() {
-  static SSL_CTX* const context = [] {
-    ContextPtr made = MakeContext(TLS_client_method());
-    if (made != nullptr) {
-      SSL_CTX_set_session_cache_mode(made.get(),
-                                     SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
-      SSL_CTX_sess_set_new_cb(made.get(), KeepSession);
-    }
-    return made.release();
-  }();
+  static Mutex mutex;
+  static SSL_CTX* context = nullptr;
+  const MutexLock lock(mutex);
+  if (context == nullptr) context = MakeClientContext().release();
   return context;
 }
 
@@ -90,6 +101,9 @@ bool IsIpAddress(const std::string& name) {
          ::inet_pton(AF_INET6, name.c_str(), &address) == 1;
 }
 
+// Whether OpenSSL takes it: then only memory can be missing for it.
+bool IsGoodName(const std::string& name) { return name.size() <= TLSEXT_MAXLEN_host_name; }
+
 bool CheckName(SSL* ssl, const std::string& name) {
   X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
   if (IsIpAddress(name)) return X509_VERIFY_PARAM_set1_ip_asc(param, name.c_str()) == 1;
@@ -98,6 +112,7 @@ bool CheckName(SSL* ssl, const std::string& name) {
   return X509_VERIFY_PARAM_set1_host(param, name.c_str(), name.size()) == 1;
 }
 
+// False without memory.
 bool SetChecks(SSL* ssl, const TlsClientSettings& settings, X509_STORE* store) {
   const bool named = !settings.serverName.empty();
   if (named && !IsIpAddress(settings.serverName) &&
@@ -114,7 +129,11 @@ bool SetChecks(SSL* ssl, const TlsClientSettings& settings, X509_STORE* store) {
 
 AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
   if (const AWResult result = settings.identity.Check(); result != AW_OK) return result;
-  SslPtr ssl(Context() == nullptr ? nullptr : SSL_new(Context()));
+  // No certificate can be for such a name.
+  if (!IsGoodName(settings.serverName)) return AW_SSL_ERROR_CERTIFICATE_NAME;
+  SSL_CTX* const context = Context();
+  SslPtr ssl(context == nullptr ? nullptr : SSL_new(context));
+  ERR_clear_error();
   if (ssl == nullptr) return ENOMEM;
   TlsTrust::Snapshot trust;
   if (settings.mode != AW_SSL_VERIFY_NONE) {
@@ -123,7 +142,7 @@ AWResult MakeClientSsl(const TlsClientSettings& settings, SslPtr& out) {
   if (const AWResult result = settings.identity.Use(ssl.get()); result != AW_OK) return result;
   const bool good = SetChecks(ssl.get(), settings, trust.store.get());
   ERR_clear_error();
-  if (!good) return AW_SSL_ERROR_CERTIFICATE_NAME;  // no certificate can be for such a name
+  if (!good) return ENOMEM;
   auto terms = std::make_unique<SessionTerms>();
   terms->key = MakeKey(settings, trust.generation);
   terms->end = static_cast<long>(std::time(nullptr)) + kSessionSeconds;
