@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "DescriptorShortage.h"
@@ -240,7 +241,69 @@ TEST_P(CAWSSLManagerTest, TrustedCertificatesAreReplacedAndABadTextChangesNothin
   EXPECT_EQ(Connect(server), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
 }
 
+TEST_P(CAWSSLManagerTest, AuthorityBelowAnotherIsTrustedWithoutItsRoot) {
+  const TlsAuthority below("Authority Below", Authority());
+  TlsServerFixture server(below.Issue(), MakeAcceptor());
+  server.Listen();
+  EXPECT_EQ(IAWSSLManager::Instance()->SetTrustedCertificates(below.GetPem()), AW_OK);
+  EXPECT_EQ(Connect(server), 0);
+  TlsServerFixture above(Authority().Issue(), MakeAcceptor());
+  above.Listen();
+  EXPECT_EQ(Connect(above), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
+}
+
+TEST_P(CAWSSLManagerTest, ExpiredAuthorityBelowAnotherIsRefused) {
+  const TlsAuthority below("Authority Below", Authority(), -60);
+  TlsServerFixture server(below.Issue(), MakeAcceptor());
+  server.Listen();
+  EXPECT_EQ(IAWSSLManager::Instance()->SetTrustedCertificates(below.GetPem()), AW_OK);
+  EXPECT_EQ(Connect(server), AW_SSL_ERROR_CERTIFICATE_EXPIRED);
+}
+
+TEST_P(CAWSSLManagerTest, ServersOwnCertificateIsTrustedForThatServerOnly) {
+  const KeyAndCertificate own = Authority().Issue();
+  TlsServerFixture server(own, MakeAcceptor());
+  server.Listen();
+  EXPECT_EQ(IAWSSLManager::Instance()->SetTrustedCertificates(own.certificate), AW_OK);
+  EXPECT_EQ(Connect(server), 0);
+  EXPECT_EQ(Connect(server, "other.example"), AW_SSL_ERROR_CERTIFICATE_NAME);
+  TlsServerFixture other(Authority().Issue(), MakeAcceptor());
+  other.Listen();
+  EXPECT_EQ(Connect(other), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
+}
+
+TEST_P(CAWSSLManagerTest, TrustedCertificateOfAServerIsStillChecked) {
+  CertificateRequest expired;
+  expired.notBefore = -7200;
+  expired.notAfter = -60;
+  CertificateRequest forClients;
+  forClients.forClients = true;
+  for (const auto& [request, reason] : {std::pair(expired, AW_SSL_ERROR_CERTIFICATE_EXPIRED),
+                                        std::pair(forClients, AW_SSL_ERROR_CERTIFICATE_INVALID)}) {
+    const KeyAndCertificate own = Authority().Issue(request);
+    TlsServerFixture server(own, MakeAcceptor());
+    server.Listen();
+    EXPECT_EQ(IAWSSLManager::Instance()->SetTrustedCertificates(own.certificate), AW_OK);
+    EXPECT_EQ(Connect(server), reason);
+  }
+}
+
 // --- client certificates ---
+
+TEST_P(CAWSSLManagerTest, ClientOfAnAuthorityBelowAnotherIsAcceptedWithoutItsRoot) {
+  const TlsAuthority below("Authority Below", Authority());
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
+  ASSERT_EQ(server.acceptor->SetClientAuthorities(below.GetPem(), true), AW_OK);
+  server.Listen();
+  for (const auto& [authority, reason] :
+       {std::pair(&below, 0L), std::pair(&Authority(), long{AW_SSL_ERROR_UNKNOWN_AUTHORITY})}) {
+    const auto own = authority->IssueForClient();
+    connector->SetPrivateKey(own.key);
+    connector->SetCertificate(own.certificate);
+    EXPECT_EQ(Connect(server), 0);
+    EXPECT_EQ(server.sink.reasons.back(), reason);
+  }
+}
 
 TEST_P(CAWSSLManagerTest, ClientWithACertificateOfTheAuthorityIsAcceptedAndNamed) {
   TlsServerFixture server(Authority().Issue(), MakeAcceptor());

@@ -32,15 +32,10 @@ struct KeyAndCertificate {
 
 class TlsAuthority {
  public:
-  explicit TlsAuthority(const std::string& name = "Test Authority") : key_(MakeKey()) {
-    certificate_.reset(MakeCertificate(name, -3600, 3600 * 24, key_.get()));
-    AddExtension(certificate_.get(), certificate_.get(), NID_basic_constraints, "critical,CA:TRUE");
-    AddExtension(certificate_.get(), certificate_.get(), NID_key_usage,
-                 "critical,keyCertSign,cRLSign");
-    AddExtension(certificate_.get(), certificate_.get(), NID_subject_key_identifier, "hash");
-    X509_set_issuer_name(certificate_.get(), X509_get_subject_name(certificate_.get()));
-    Sign(certificate_.get());
-  }
+  explicit TlsAuthority(const std::string& name = "Test Authority") : TlsAuthority(name, nullptr) {}
+  // Below another one.
+  TlsAuthority(const std::string& name, const TlsAuthority& above, long notAfter = 3600 * 24)
+      : TlsAuthority(name, &above, notAfter) {}
 
   std::string GetPem() const { return CertificateToPem(certificate_.get()); }
 
@@ -79,6 +74,17 @@ class TlsAuthority {
   };
   using Key = std::unique_ptr<EVP_PKEY, Free>;
   using Certificate = std::unique_ptr<X509, Free>;
+
+  TlsAuthority(const std::string& name, const TlsAuthority* above, long notAfter = 3600 * 24)
+      : key_(MakeKey()), certificate_(MakeCertificate(name, -3600, notAfter, key_.get())) {
+    const TlsAuthority& issuer = above != nullptr ? *above : *this;
+    X509* const own = certificate_.get();
+    AddExtension(own, own, NID_basic_constraints, "critical,CA:TRUE");
+    AddExtension(own, own, NID_key_usage, "critical,keyCertSign,cRLSign");
+    AddExtension(own, own, NID_subject_key_identifier, "hash");
+    X509_set_issuer_name(own, X509_get_subject_name(issuer.certificate_.get()));
+    issuer.Sign(own);
+  }
 
   static void Check(bool good) {
     if (!good) throw std::runtime_error("no certificate for the test");

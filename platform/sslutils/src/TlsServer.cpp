@@ -62,6 +62,7 @@ SSL_TICKET_RETURN MayResume(SSL*, SSL_SESSION* session, const unsigned char*, st
 bool AskForCertificates(SSL_CTX* context, const Certificates& authorities, bool required) {
   const StorePtr store(X509_STORE_new());
   if (store == nullptr) return false;
+  X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);  // an authority needs no root
   for (const CertificatePtr& authority : authorities) {
     if (X509_STORE_add_cert(store.get(), authority.get()) != 1) return false;
     if (SSL_CTX_add_client_CA(context, authority.get()) != 1) return false;

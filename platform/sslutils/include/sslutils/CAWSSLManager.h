@@ -116,8 +116,9 @@ class SSLUTILS_API IAWSSLManager {
   virtual keelbase::AWResult CreateSSLAcceptor(keelbase::CAWAutoPtr<IAWSSLAcceptor>& out) = 0;
 
   // The certificates of authorities that connectors trust besides those of the system, in place of
-  // those that were set before; for connects from now on. An empty text: none. 0, or a reason, and
-  // nothing has changed.
+  // those that were set before; for connects from now on. Each is trusted by itself, without a
+  // root, and may also be a server's own. An empty text: none. 0, or a reason, and nothing has
+  // changed.
   virtual keelbase::AWResult SetTrustedCertificates(const keelbase::CAWString& text) = 0;
 
   // Puts another manager in place, not owned; null restores the real one.
