@@ -61,5 +61,17 @@ TEST(TlsClient, SystemWithoutAuthoritiesIsNoFailure) {
   EXPECT_EQ(CountTrusted(ssl), 0);
 }
 
+TEST(TlsClient, NamesThatNoCertificateIsForAreRefused) {
+  TlsClientSettings settings;
+  SslPtr ssl;
+  for (const std::string& name :
+       {std::string(".localhost"), std::string("."), std::string(256, 'a')}) {
+    settings.serverName = name;
+    EXPECT_EQ(MakeClientSsl(settings, ssl), AWResult{AW_SSL_ERROR_CERTIFICATE_NAME}) << name;
+  }
+  settings.serverName = "localhost.";
+  EXPECT_EQ(MakeClientSsl(settings, ssl), AW_OK);
+}
+
 }  // namespace
 }  // namespace sslutils::internal

@@ -101,8 +101,11 @@ bool IsIpAddress(const std::string& name) {
          ::inet_pton(AF_INET6, name.c_str(), &address) == 1;
 }
 
-// Whether OpenSSL takes it: then only memory can be missing for it.
-bool IsGoodName(const std::string& name) { return name.size() <= TLSEXT_MAXLEN_host_name; }
+// OpenSSL takes a first dot for any host below the name. What is good here can only fail for lack
+// of memory.
+bool IsGoodName(const std::string& name) {
+  return name.size() <= TLSEXT_MAXLEN_host_name && (name.empty() || name.front() != '.');
+}
 
 bool CheckName(SSL* ssl, const std::string& name) {
   X509_VERIFY_PARAM* param = SSL_get0_param(ssl);
