@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "ChildTest.h"
+#include "DescriptorShortage.h"
 #include "HttpUser.h"
 #include "ThreadShortage.h"
 
@@ -47,6 +48,14 @@ TEST_F(HttpClient, NameThatNoThreadLooksUpIsToldAsAFailedConnect) {
   }
   ChildTest child("alone");
   EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+}
+
+TEST_F(HttpClient, LackOfDescriptorsIsNotTakenForANameThatDoesNotResolve) {
+  const DescriptorShortage shortage;
+  Open("http://localhost:81/");
+  ASSERT_TRUE(Await([&] { return user.calls.size() == 3; }));
+  EXPECT_EQ(user.calls, FailedWith(EMFILE));
+  EXPECT_EQ(user.result, -EMFILE);
 }
 
 TEST_F(HttpClient, LookupThatNobodyWaitsForTellsNothing) {

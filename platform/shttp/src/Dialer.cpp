@@ -98,9 +98,8 @@ int Dialer::Start(const Url& url, Done done) {
   serverName_ = WithoutLastDot(url.host);
   done_ = std::move(done);
   if (IsAddress(url.host)) return Connect(CAWInetAddr(url.host.c_str(), url.port));
-  return lookup_.Start(loop_, url.host, url.port, [this](const CAWInetAddr& address) {
-    const bool found = !(address == CAWInetAddr());
-    const int error = found ? Connect(address) : EADDRNOTAVAIL;
+  return lookup_.Start(loop_, url.host, url.port, [this](int error, const CAWInetAddr& address) {
+    if (error == 0) error = Connect(address);
     if (error != 0) Finish(error, nullptr);
   });
 }

@@ -1,8 +1,13 @@
 // NameLookup.cpp - see NameLookup.h.
 #include "NameLookup.h"
 
+#include <netdb.h>
+#include <netinet/in.h>
+
 #include <atomic>
 #include <cerrno>
+#include <cstring>
+#include <memory>
 #include <optional>
 #include <system_error>
 #include <thread>
@@ -31,6 +36,29 @@ class Place {
   const bool isFree_;
 };
 
+// Why the system's resolver has found nothing.
+int LookupError(int answer, int error) {
+  if (answer == EAI_MEMORY) return ENOMEM;
+  const bool isShort = error == EMFILE || error == ENFILE;
+  return isShort || (answer == EAI_SYSTEM && error != 0) ? error : EADDRNOTAVAIL;
+}
+
+// 0, or an errno value.
+int Resolve(const std::string& host, std::uint16_t port, CAWInetAddr& out) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;  // one entry an address, not one for each kind of socket
+  addrinfo* found = nullptr;
+  errno = 0;
+  const int answer = ::getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (answer != 0) return LookupError(answer, errno);
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> list(found, &::freeaddrinfo);
+  sockaddr_in first{};
+  std::memcpy(&first, found->ai_addr, sizeof first);
+  out = CAWInetAddr(ntohl(first.sin_addr.s_addr), port);
+  return 0;
+}
+
 }  // namespace
 
 // One lookup. All that its end needs is there before it begins.
@@ -43,7 +71,7 @@ class NameLookup::Search final : public keelbase::internal::LoopTask {
 
   // On a thread of its own.
   void Run(const std::shared_ptr<Search>& self) {
-    address_ = CAWInetAddr(host_.c_str(), port_);
+    error_ = Resolve(host_, port_, address_);
     place_.reset();
     self_ = self;
     if (!loop_.PostTask(*this)) self_ = nullptr;
@@ -53,7 +81,7 @@ class NameLookup::Search final : public keelbase::internal::LoopTask {
  private:
   void OnLoopTask() override {
     const std::shared_ptr<Search> alive = std::move(self_);
-    if (const Done tell = std::exchange(done_, nullptr)) tell(address_);
+    if (const Done tell = std::exchange(done_, nullptr)) tell(error_, address_);
   }
   void OnDropped() override { const std::shared_ptr<Search> last = std::move(self_); }
   bool OutlastsRun() const override { return true; }
@@ -61,6 +89,7 @@ class NameLookup::Search final : public keelbase::internal::LoopTask {
   keelbase::internal::EventLoop& loop_;
   const std::string host_;
   const std::uint16_t port_;
+  int error_ = 0;
   CAWInetAddr address_;
   std::optional<Place> place_{std::in_place};  // until the name is found
   Done done_;                                  // empty once it was called or cancelled

@@ -15,15 +15,16 @@ namespace shttp {
 // any more runs on by itself to its end.
 class NameLookup {
  public:
-  using Done = std::function<void(const keelbase::CAWInetAddr& address)>;
+  // 0, or EADDRNOTAVAIL for a name that does not resolve, or what was short: EMFILE, ENOMEM …
+  using Done = std::function<void(int error, const keelbase::CAWInetAddr& address)>;
 
   NameLookup() = default;
   ~NameLookup() { Cancel(); }
   NameLookup(const NameLookup&) = delete;
   NameLookup& operator=(const NameLookup&) = delete;
 
-  // Calls `done` later, once, with 0.0.0.0:0 for a name that does not resolve. 0, or EAGAIN when as
-  // many lookups are under way as may be. May throw std::bad_alloc, and no call comes.
+  // Calls `done` later, once. 0, or EAGAIN when as many lookups are under way as may be. May throw
+  // std::bad_alloc, and no call comes.
   int Start(keelbase::internal::EventLoop& loop, const std::string& host, std::uint16_t port,
             Done done);
   void Cancel();

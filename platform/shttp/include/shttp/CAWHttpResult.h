@@ -12,6 +12,7 @@ namespace shttp {
 //   -EPROTONOSUPPORT   the url's scheme is neither http nor https
 //   -EAFNOSUPPORT      the url's host is an IPv6 address
 //   -EADDRNOTAVAIL     the host name does not resolve
+//   -EMFILE, -ENFILE   no descriptor is free for the name or the connection
 //   -EADDRINUSE        no port of this machine is free for the connection
 //   -EAGAIN            too many names are being looked up
 //   -ECONNREFUSED, -EHOSTUNREACH, -ENETUNREACH …   the connect failed
