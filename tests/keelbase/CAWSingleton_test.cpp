@@ -139,6 +139,26 @@ TEST(CAWCleanUpBase, LinksAreDeletedInReverse) {
   EXPECT_NE(OutputOf("links").find("[two][-second][one]"), std::string::npos);
 }
 
+class OwnerOfALink final : public CAWCleanUpBase {
+ public:
+  explicit OwnerOfALink(Link* owned) : owned_(owned) {}
+  ~OwnerOfALink() override { delete owned_; }
+
+ private:
+  Link* owned_;
+};
+
+TEST(CAWCleanUpBase, ALinkMayDeleteAnEarlierOneAtItsEnd) {
+  if (ChildTest::Role() == "owner") {
+    new Link("first");
+    new OwnerOfALink(new Link("owned"));
+    std::exit(0);
+  }
+  const std::string output = OutputOf("owner");
+  EXPECT_EQ(CountOf(output, "[owned]"), 1U) << output;
+  EXPECT_NE(output.find("[owned][first]"), std::string::npos) << output;
+}
+
 TEST(CAWCleanUpBase, ThreadsEndInTheChainAndMayUseOlderSingletonsToTheLast) {
   if (ChildTest::Role() == "threads") {
     CAWSingletonT<First>::Instance();

@@ -1,7 +1,6 @@
 // CAWSingleton.cpp - the clean-up chain, see CAWSingleton.h.
 #include "keelbase/CAWSingleton.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <vector>
 
@@ -37,14 +36,21 @@ class CleanUpChain {
  private:
   // Links that are added while the chain runs (a destructor that asks for a singleton) stay.
   void Run() {
-    std::vector<CAWCleanUpBase*> links;
     {
       const internal::MutexLock lock(mutex_);
       hasRun_ = true;
-      links.swap(links_);
     }
     internal::StopThreads();
-    std::for_each(links.rbegin(), links.rend(), [](CAWCleanUpBase* link) { delete link; });
+    while (CAWCleanUpBase* link = TakeLast()) delete link;
+  }
+
+  // One at a time: the end of a link may delete an earlier one.
+  CAWCleanUpBase* TakeLast() {
+    const internal::MutexLock lock(mutex_);
+    if (links_.empty()) return nullptr;
+    CAWCleanUpBase* link = links_.back();
+    links_.pop_back();
+    return link;
   }
 
   internal::Mutex mutex_;

@@ -10,8 +10,9 @@ namespace keelbase {
 
 // A link of the clean-up chain: whatever derives from it is deleted at process exit, in the reverse
 // order of construction. The chain begins by stopping the threads that the thread manager has
-// started, so no callback of theirs meets what is gone. Made by `new` only. One made after the
-// chain has run is never deleted; its owner keeps it reachable.
+// started, so no callback of theirs meets what is gone. Made by `new` only, and may be deleted
+// earlier, also by the end of another link. One made after the chain has run is never deleted; its
+// owner keeps it reachable.
 class KEELBASE_API CAWCleanUpBase {
  public:
   static bool HasRun();  // the chain has begun to run
