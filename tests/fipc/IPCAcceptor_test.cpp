@@ -22,6 +22,7 @@
 
 #include "ChildTest.h"
 #include "DescriptorShortage.h"
+#include "ExitingChild.h"
 #include "ProcessorTime.h"
 #include "ProofScale.h"
 #include "RealIpc.h"
@@ -290,6 +291,20 @@ TEST(IPCAcceptor, DirectoryMayGoWhileItListens) {
   EXPECT_EQ(server.GetAcceptor()->StopListen(), AW_OK);
   EXPECT_EQ(Listen(*server.GetAcceptor(), server.sink, below + "/1_2"),
             static_cast<AWResult>(ENOENT));
+}
+
+TEST(IPCAcceptor, AForkedChildThatExitsLeavesItListening) {
+  const TempDir dir;
+  for (const bool stops : {false, true}) {
+    Server server(Endpoint(dir));
+    EXPECT_TRUE(ExitInChild([&] {
+      if (stops) server.GetAcceptor()->StopListen();
+      server.GetAcceptor() = nullptr;
+    }));
+    PlainSocket client = PlainSocket::Stream();
+    EXPECT_EQ(client.Connect(Endpoint(dir)), 0);
+    EXPECT_TRUE(Await([&] { return server.sink.count == 1; }));
+  }
 }
 
 // --- another process holds the directory ---

@@ -14,11 +14,13 @@
 #include <vector>
 
 #include "ChildTest.h"
+#include "ForkedChild.h"
 
 namespace keelbase {
 namespace {
 
 using zarn::test::ChildTest;
+using zarn::test::ForkedChild;
 
 void Say(const char* text) { std::fprintf(stderr, "[%s]", text); }
 
@@ -157,6 +159,21 @@ TEST(CAWCleanUpBase, ALinkMayDeleteAnEarlierOneAtItsEnd) {
   const std::string output = OutputOf("owner");
   EXPECT_EQ(CountOf(output, "[owned]"), 1U) << output;
   EXPECT_NE(output.find("[owned][first]"), std::string::npos) << output;
+}
+
+TEST(CAWCleanUpBase, AForkedChildDeletesItsOwnLinksOnly) {
+  if (ChildTest::Role() == "parent") {
+    new Link("parent's");
+    const bool succeeded = ForkedChild([] {
+                             new Link("child's");
+                             std::exit(0);
+                             return true;
+                           }).Succeeded();
+    std::exit(succeeded ? 0 : 1);
+  }
+  const std::string output = OutputOf("parent");
+  EXPECT_NE(output.find("[child's][parent's]"), std::string::npos) << output;
+  EXPECT_EQ(CountOf(output, "[parent's]"), 1U) << output;
 }
 
 TEST(CAWCleanUpBase, ThreadsEndInTheChainAndMayUseOlderSingletonsToTheLast) {

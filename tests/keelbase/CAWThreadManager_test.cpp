@@ -20,6 +20,7 @@
 
 #include "ChildTest.h"
 #include "DescriptorShortage.h"
+#include "ExitingChild.h"
 #include "ThreadShortage.h"
 #include "TraceLines.h"
 #include "keelbase/internal/EventLoop.h"
@@ -29,6 +30,7 @@ namespace keelbase {
 namespace {
 
 using zarn::test::ChildTest;
+using zarn::test::ExitInChild;
 
 CAWThreadManager& Manager() { return *CAWThreadManager::Instance(); }
 
@@ -291,6 +293,34 @@ TEST(CAWThreadManager, WhatWasGatheredInTheTurnThatEndsTheProcessIsWritten) {
     EXPECT_EQ(child.Wait(), 0) << role;
     EXPECT_NE(child.GetErrors().find("[written]"), std::string::npos) << role << child.GetErrors();
   }
+}
+
+TEST(CAWThreadManager, WhatWasGatheredIsNotWrittenByAForkedChildToo) {
+  if (ChildTest::Role() == "adopted") {
+    SayingTurnEnd gathered;
+    Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    CAWThread* main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    main->Post([&] {
+      main->GetLoop().AtTurnEnd(gathered);
+      EXPECT_TRUE(ExitInChild([] {}));
+      main->Stop();
+    });
+    main->Run();
+    std::exit(::testing::Test::HasFailure() ? 1 : 0);
+  }
+  ChildTest child("adopted");
+  EXPECT_EQ(child.Wait(), 0);
+  const std::string output = child.GetErrors();
+  EXPECT_NE(output.find("[written]"), std::string::npos) << output;
+  EXPECT_EQ(output.find("[written]"), output.rfind("[written]")) << output;
+}
+
+TEST(CAWThreadManager, AForkedChildThatExitsWaitsForNoThreadOfItsParent) {
+  InNewProcess([] {
+    CAWThread* task = Manager().GetThread(CAWThreadManager::TT_TASK);
+    EXPECT_TRUE(ExitInChild([task] { task->Call([] {}); }));
+    EXPECT_EQ(task->Call([] { return 1; }), 1);
+  });
 }
 
 class SayingLinger final : public internal::LingerTask {

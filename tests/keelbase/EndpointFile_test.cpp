@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "ForkedChild.h"
 #include "TempRoot.h"
 
 namespace keelbase::internal {
@@ -41,6 +42,21 @@ TEST(EndpointFile, RemovesWhatItMadeOnly) {
   first.reset();
   EXPECT_TRUE(std::filesystem::is_socket(path));
   second.Remove();
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(EndpointFile, IsNotRemovedByAForkedChild) {
+  const TempDir dir;
+  const std::string path = dir.GetPath() + "/1_2";
+  EndpointFile file;
+  FileDescriptor listening;
+  ASSERT_EQ(file.Listen(EndpointPath(path), listening), 0);
+  EXPECT_TRUE(zarn::test::ForkedChild([&] {
+                file.Remove();
+                return true;
+              }).Succeeded());
+  EXPECT_TRUE(std::filesystem::is_socket(path));
+  file.Remove();
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "DescriptorShortage.h"
+#include "ExitingChild.h"
 #include "RealTcp.h"
 #include "RealTls.h"
 #include "TempRoot.h"
@@ -581,6 +582,28 @@ TEST_P(CAWSSLManagerTest, TransportThatNobodyTakesIsClosed) {
   server.sink.transports[0]->OpenWithSink(&sink);
   EXPECT_TRUE(Await([&] { return sink.ended; }));
   EXPECT_EQ(sink.reason, 0);
+}
+
+TEST_P(CAWSSLManagerTest, AForkedChildThatExitsTouchesNoConnectionOfItsParent) {
+  TlsServerFixture server(Authority().Issue(), MakeAcceptor());
+  server.Listen();
+  ASSERT_EQ(Connect(server), 0);
+  TlsTransportSink sink;
+  server.sink.transports[0]->OpenWithSink(&sink);
+  std::string sent;
+  for (std::size_t size = 16 * 1024 - 1; size < 100'000; size += 16 * 1024) {  // of whole records
+    const std::string text = Pattern(size);
+    CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
+    client.transports[0]->SendData(block, nullptr);
+    sent.append(text, 0, size - block.GetChainedLength());
+    EXPECT_TRUE(ExitInChild([&] {
+      client.transports[0]->Disconnect(0);
+      client.transports.clear();
+    }));
+    ASSERT_TRUE(Await([&] { return sink.received.size() == sent.size(); }));
+  }
+  EXPECT_TRUE(sink.received == sent);
+  EXPECT_FALSE(sink.ended);
 }
 
 // --- peers that are silent or talk nonsense ---

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "ChildTest.h"
+#include "ExitingChild.h"
 #include "Transports.h"
 
 namespace zarn::test {
@@ -269,6 +270,23 @@ TYPED_TEST(TransportEnds, NothingComesAfterTheLastReferenceWasDroppedOnAnotherTh
   EXPECT_EQ(c.ReceiveAll(), "taken");
   EXPECT_EQ(c.sink.receives, 0);
   EXPECT_FALSE(c.sink.ended);
+}
+
+TYPED_TEST(TransportEnds, AForkedChildThatExitsTouchesNoConnectionOfItsParent) {
+  for (const bool disconnects : {false, true}) {
+    TypeParam c;
+    c.Open();
+    EXPECT_EQ(c.Send("taken"), AW_OK);
+    EXPECT_TRUE(ExitInChild([&] {
+      if (disconnects) c.transport->Disconnect(0);
+      c.transport = nullptr;
+    }));
+    c.peer.Send("still heard");
+    EXPECT_TRUE(Await([&] { return c.sink.received == "still heard"; }));
+    EXPECT_FALSE(c.peer.HasEnded());
+    c.transport = nullptr;
+    EXPECT_EQ(c.ReceiveAll(), "taken");
+  }
 }
 
 #ifndef NDEBUG

@@ -1,7 +1,11 @@
 // CAWSingleton.cpp - the clean-up chain, see CAWSingleton.h.
 #include "keelbase/CAWSingleton.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <vector>
 
 #include "StopThreads.h"
@@ -19,13 +23,13 @@ class CleanUpChain {
     if (hasRun_) return;  // its owner keeps it
     if (!armed_) std::atexit([] { Instance().Run(); });
     armed_ = true;
-    links_.push_back(link);
+    links_.push_back({link, ::getpid()});
   }
 
   // What is deleted earlier, or was never made whole.
   void Remove(const CAWCleanUpBase* link) {
     const internal::MutexLock lock(mutex_);
-    std::erase(links_, link);
+    std::erase_if(links_, [link](const Made& made) { return made.link == link; });
   }
 
   bool HasRun() {
@@ -34,6 +38,11 @@ class CleanUpChain {
   }
 
  private:
+  struct Made {
+    CAWCleanUpBase* link;
+    pid_t process;
+  };
+
   // Links that are added while the chain runs (a destructor that asks for a singleton) stay.
   void Run() {
     {
@@ -44,17 +53,21 @@ class CleanUpChain {
     while (CAWCleanUpBase* link = TakeLast()) delete link;
   }
 
-  // One at a time: the end of a link may delete an earlier one.
+  // One at a time: the end of a link may delete an earlier one. Those that a forked child has from
+  // its parent are the parent's to delete.
   CAWCleanUpBase* TakeLast() {
     const internal::MutexLock lock(mutex_);
-    if (links_.empty()) return nullptr;
-    CAWCleanUpBase* link = links_.back();
-    links_.pop_back();
+    const auto last =
+        std::find_if(links_.rbegin(), links_.rend(),
+                     [own = ::getpid()](const Made& made) { return made.process == own; });
+    if (last == links_.rend()) return nullptr;
+    CAWCleanUpBase* link = last->link;
+    links_.erase(std::next(last).base());
     return link;
   }
 
   internal::Mutex mutex_;
-  std::vector<CAWCleanUpBase*> links_ AW_GUARDED_BY(mutex_);
+  std::vector<Made> links_ AW_GUARDED_BY(mutex_);
   bool armed_ AW_GUARDED_BY(mutex_) = false;
   bool hasRun_ AW_GUARDED_BY(mutex_) = false;
 };

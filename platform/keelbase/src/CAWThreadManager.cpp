@@ -2,6 +2,7 @@
 #include "keelbase/CAWThreadManager.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -29,13 +30,14 @@ struct Slot {
   const char* name;
   std::atomic<CAWThread*> thread{nullptr};
   std::thread started;  // not joinable: the thread was adopted
+  pid_t process = 0;    // that has the thread
 };
 
 struct Slots {
-  std::array<Slot, 3> all{Slot{"zarn-main", {}, {}}, Slot{"zarn-network", {}, {}},
-                          Slot{"zarn-task", {}, {}}};
-  internal::Mutex mutex;  // guards making a thread
-  bool cleanUpArmed AW_GUARDED_BY(mutex) = false;
+  std::array<Slot, 3> all{Slot{"zarn-main", {}, {}, {}}, Slot{"zarn-network", {}, {}, {}},
+                          Slot{"zarn-task", {}, {}, {}}};
+  internal::Mutex mutex;                          // guards making a thread
+  pid_t cleanUpArmedIn AW_GUARDED_BY(mutex) = 0;  // that process
 
   Slot* Find(int type) {
     if (type < CAWThreadManager::TT_MAIN || type > CAWThreadManager::TT_TASK) return nullptr;
@@ -44,6 +46,15 @@ struct Slots {
 };
 
 Slots& TheSlots() { return internal::Immortal<Slots>(); }
+
+// But for those that a forked child has from its parent.
+template <class Act>
+void ForEachThread(Act&& act) {
+  for (Slot& slot : TheSlots().all) {
+    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+    if (thread != nullptr && slot.process == ::getpid()) act(slot, thread->GetLoop());
+  }
+}
 
 // Serves what lingers on a loop's thread. Stays alive until the loop has run or dropped it.
 class FinishThere final : public internal::LoopTask {
@@ -82,10 +93,7 @@ class FinishThere final : public internal::LoopTask {
 class ThreadCleanUp final : public CAWCleanUpBase {
  public:
   ~ThreadCleanUp() override {
-    for (Slot& slot : TheSlots().all) {
-      CAWThread* thread = slot.thread.load(std::memory_order_acquire);
-      if (thread != nullptr) FinishLingers(*thread);
-    }
+    ForEachThread([](Slot&, internal::EventLoop& loop) { FinishLingers(loop); });
   }
 
   static CAWThread* Make(Slot& slot);
@@ -93,8 +101,7 @@ class ThreadCleanUp final : public CAWCleanUpBase {
   static void Arm() { new ThreadCleanUp; }
 
  private:
-  static void FinishLingers(CAWThread& thread) {
-    internal::EventLoop& loop = thread.GetLoop();
+  static void FinishLingers(internal::EventLoop& loop) {
     if (loop.IsRunning()) {
       auto served = FinishThere::Post(loop);
       const auto told = served.wait_for(std::chrono::seconds(3));
@@ -105,14 +112,6 @@ class ThreadCleanUp final : public CAWCleanUpBase {
 };
 
 namespace {
-
-template <class Act>
-void ForEachThread(Act&& act) {
-  for (Slot& slot : TheSlots().all) {
-    if (CAWThread* thread = slot.thread.load(std::memory_order_acquire))
-      act(slot, thread->GetLoop());
-  }
-}
 
 // What this thread was doing on them is over, and so is what waited for it to return.
 void EndLoopsThatExitWasCalledOn() {
@@ -132,11 +131,20 @@ void EndLoopsThatExitWasCalledOn() {
   });
 }
 
+// What a forked child has of its parent's: neither may be waited for nor touch what both share.
+void LeaveThreadsOfParent() {
+  for (Slot& slot : TheSlots().all) {
+    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
+    if (thread != nullptr && slot.process != ::getpid()) thread->GetLoop().LeaveToParent();
+  }
+}
+
 }  // namespace
 
 // Threads that are waited for may themselves wait for a loop that nobody will serve any more: those
 // loops end first.
 void internal::StopThreads() {
+  LeaveThreadsOfParent();
   { const MutexLock wait(TheSlots().mutex); }  // for one that is just being started
   EndLoopsThatExitWasCalledOn();
   ForEachThread([](Slot& slot, EventLoop& loop) {
@@ -153,6 +161,7 @@ void internal::StopThreads() {
 
 CAWThread* ThreadCleanUp::Make(Slot& slot) {
   auto* thread = new CAWThread(slot.name);  // lives for ever, like the manager
+  slot.process = ::getpid();
   if (thread->GetLoop().IsUsable()) return thread;
   delete thread;
   return nullptr;
@@ -183,9 +192,9 @@ CAWThreadManager* CAWThreadManager::Instance() {
 namespace {
 
 void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
-  if (slots.cleanUpArmed) return;
+  if (slots.cleanUpArmedIn == ::getpid()) return;
   ThreadCleanUp::Arm();
-  slots.cleanUpArmed = true;
+  slots.cleanUpArmedIn = ::getpid();
 }
 
 // Who overlooks the result has a program that ends at once, or does nothing: the line says why.

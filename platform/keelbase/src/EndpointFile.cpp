@@ -71,6 +71,7 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
   path_ = std::move(file);
   device_ = status.st_dev;
   inode_ = status.st_ino;
+  process_ = ::getpid();
   listening = std::move(socket);
   return 0;
 }
@@ -79,7 +80,8 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
 void EndpointFile::Remove() {
   if (path_.empty()) return;
   struct stat status {};
-  if (::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_)
+  if (process_ == ::getpid() && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
+      status.st_ino == inode_)
     ::unlink(path_.c_str());
   path_.clear();
 }

@@ -429,6 +429,12 @@ void EventLoop::End() {
   holds_ = 1;  // what has called this from inside the loop goes on no more
 }
 
+void EventLoop::LeaveToParent() {
+  leftToParent_.store(true, std::memory_order_relaxed);
+  running_.store(false, std::memory_order_relaxed);
+  epoll_.Reset();
+}
+
 // --- descriptors ---
 
 namespace {

@@ -29,7 +29,7 @@ AWResult SSLTransport::SendData(CAWMessageBlock& data, CAWSSLTransportParameter*
 
 AWResult SSLTransport::Disconnect(long /*reason*/) {
   sink_ = nullptr;
-  stream_->Disconnect();
+  if (!GetLoop().IsLeftToParent()) stream_->Disconnect();
   return AW_OK;
 }
 

@@ -12,7 +12,7 @@ namespace keelbase {
 // order of construction. The chain begins by stopping the threads that the thread manager has
 // started, so no callback of theirs meets what is gone. Made by `new` only, and may be deleted
 // earlier, also by the end of another link. One made after the chain has run is never deleted; its
-// owner keeps it reachable.
+// owner keeps it reachable. A forked child that calls exit() deletes those only that it has made.
 class KEELBASE_API CAWCleanUpBase {
  public:
   static bool HasRun();  // the chain has begun to run

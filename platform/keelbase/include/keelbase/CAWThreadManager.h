@@ -19,7 +19,12 @@ namespace keelbase {
 // function that runs in place on an adopted loop that does not run is waited for three seconds, and
 // that loop is then left alone. The main thread exists only once a thread has adopted that type.
 //
-// A fork()ed child has none of these threads: fork before first use, or exec at once.
+// A fork()ed child has none of these threads: fork before first use, or exec at once, and _exit()
+// when that fails. In a child that calls exit() instead the clean-up chain leaves alone what the
+// parent has: nothing is written, no thread is awaited, and connections and endpoints that objects
+// of static storage let go of from then on stay open in the parent. What is let go of before, by
+// exit handlers and static objects that are younger than the first use of the chain, is closed for
+// the parent too, but for the files of its endpoints.
 class KEELBASE_API CAWThreadManager {
  public:
   enum ThreadType { TT_MAIN = 1, TT_NETWORK = 2, TT_TASK = 3 };

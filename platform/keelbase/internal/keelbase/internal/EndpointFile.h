@@ -29,13 +29,15 @@ class KEELBASE_API EndpointFile {
   // directory, ask again later; else an errno value, and nothing was changed.
   int Listen(const EndpointPath& path, FileDescriptor& listening);
 
-  // Removes the file if it is still the one that Listen made.
+  // Removes the file if it is still the one that Listen made. Nothing in a forked child: its parent
+  // still listens.
   void Remove();
 
  private:
   std::string path_;  // empty: no file
   dev_t device_ = 0;
   ino_t inode_ = 0;
+  pid_t process_ = 0;  // that has made it
   bool takesDescriptors_ = false;
 };
 

@@ -25,7 +25,7 @@ class EngineTransport : public LoopObject<Interface>, private StreamSocketSink {
   AWResult SendData(CAWMessageBlock& data, Parameter*) final { return engine_->Send(data); }
   AWResult Disconnect(long /*reason*/) final {
     sink_ = nullptr;
-    engine_->Disconnect();
+    if (!this->GetLoop().IsLeftToParent()) engine_->Disconnect();
     return AW_OK;
   }
 

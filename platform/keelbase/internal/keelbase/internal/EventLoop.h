@@ -133,6 +133,11 @@ class KEELBASE_API EventLoop {
   // loop or works on it for too long. From here on others may act in place, also when exit() was
   // called inside a callback of the loop: it never returns, and nobody waits for it any more.
   void End();
+  // A forked child that ends has no use for its parent's loop, whose descriptors both share: from
+  // here on nothing is watched any more, what is handed over stays as it is, and calls run in
+  // place. Takes no lock: a thread that the child does not have may hold it.
+  void LeaveToParent();
+  bool IsLeftToParent() const { return leftToParent_.load(std::memory_order_relaxed); }
   // Takes over what a thread holds that waits in a Call for the function that has called exit(), on
   // a loop that is held here: it never goes on. False when it does not hold this loop.
   bool InheritFrom(const EventLoop& served);
@@ -223,6 +228,7 @@ class KEELBASE_API EventLoop {
   std::atomic<bool> running_{false};
   std::atomic<bool> stop_{false};
   std::atomic<std::uint32_t> spin_{0};
+  std::atomic<bool> leftToParent_{false};
 
   // What those who post write to stands apart from what the loop's thread uses for each event.
   alignas(kCacheLine) Mutex mutex_;
