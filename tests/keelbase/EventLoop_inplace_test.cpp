@@ -145,9 +145,10 @@ TEST(EventLoop, NewRunTakesWorkAlthoughWhoeverWasInPlaceHasEndedTheLoopMeanwhile
   });
 }
 
-class Note final : public LoopTask {
+class LetterTask final : public LoopTask {
  public:
-  Note(std::string& log, char name, bool outlasts) : log_(log), name_(name), outlasts_(outlasts) {}
+  LetterTask(std::string& log, char name, bool outlasts)
+      : log_(log), name_(name), outlasts_(outlasts) {}
 
  private:
   void OnLoopTask() override { log_ += name_; }
@@ -163,7 +164,7 @@ TEST(EventLoop, WhatWaitsForTheNextRunIsNotDoneByWhoeverWorksInPlace) {
   WithLoop([](EventLoop& loop) {
     EndLoop(loop);
     std::string log;
-    Note first(log, '1', false), kept(log, 'k', true), second(log, '2', false),
+    LetterTask first(log, '1', false), kept(log, 'k', true), second(log, '2', false),
         last(log, 'l', true);
     loop.Call([&] {
       std::thread([&] {
