@@ -208,6 +208,8 @@ class LocalServer final : public ServerLink {
     if (reason == EPERM)
       return fmt::format("'{}' can be written to by others: make it private with 'chmod 700 {}'",
                          directory, directory);
+    if (reason == EWOULDBLOCK)
+      return fmt::format("another process keeps the directory '{}' locked", directory);
     return fmt::format("'{}': {}", shown, keelbase::DescribeResult(reason));
   }
 

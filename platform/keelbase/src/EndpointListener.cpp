@@ -13,6 +13,9 @@ namespace keelbase::internal {
 
 namespace {
 constexpr std::chrono::milliseconds kLockPause{5};
+
+// Setting up an endpoint takes a moment; whoever may read the directory can hold it for ever.
+constexpr std::chrono::seconds kLockTime{10};
 }  // namespace
 
 EndpointListener::EndpointListener(EventLoop& loop, OnAccepted accepted, OnFailed failed)
@@ -24,6 +27,7 @@ int EndpointListener::Start(const std::string& path) {
     path_ = path;
     error = Listen();
     if (error == EWOULDBLOCK) {
+      giveUp_ = Clock::Now() + kLockTime;
       retry_.Start(kLockPause, 0, [this] { Retry(); });
       return 0;
     }
@@ -58,7 +62,7 @@ int EndpointListener::Listen() {
 
 void EndpointListener::Retry() {
   const int error = Listen();
-  if (error == EWOULDBLOCK) return;
+  if (error == EWOULDBLOCK && Clock::Now() < giveUp_) return;
   retry_.Cancel();
   if (error == 0) return;
   Stop();

@@ -43,7 +43,8 @@ class IAWIPCAcceptorConnectorSink {
   // sink that wants it takes a reference, else it is closed after this call. Otherwise transport is
   // null and reason an errno value (ECONNREFUSED, ENOENT: nobody listens; EACCES: a peer of another
   // user; EMFILE: no descriptors) or an AWResult. An acceptor reports a reason when listening had
-  // to wait for another process and then failed; it has stopped by then.
+  // to wait for another process and then failed, EWOULDBLOCK when that one has kept the directory
+  // locked for 10 seconds; it has stopped by then.
   virtual void OnIPCConnectIndication(long reason, IAWIPCTransport* transport,
                                       IAWIPCAcceptorConnectorId* id) = 0;
   virtual ~IAWIPCAcceptorConnectorSink() = default;

@@ -52,7 +52,8 @@ class IAWShmIPCAcceptorConnectorSink {
   // another version; EPROTO: what listens there is no acceptor of ours; ETIMEDOUT: it does not
   // answer; EMFILE: no descriptors; EFBIG: the limit of file sizes is below the rings) or an
   // AWResult (10001: no system directory). An acceptor reports a reason when listening had to wait
-  // for another process and then failed; it has stopped by then.
+  // for another process and then failed, EWOULDBLOCK when that one has kept the directory locked
+  // for 10 seconds; it has stopped by then.
   virtual void OnShmIPCConnectIndication(long reason, IAWShmIPCTransport* transport,
                                          IAWShmIPCAcceptorConnectorId* id) = 0;
   virtual ~IAWShmIPCAcceptorConnectorSink() = default;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "keelbase/CAWTransport.h"
+#include "keelbase/internal/Clock.h"
 #include "keelbase/internal/EndpointFile.h"
 #include "keelbase/internal/StreamListener.h"
 
@@ -18,7 +19,8 @@ class KEELBASE_API EndpointListener {
   // the listener.
   using OnAccepted = std::function<void(FileDescriptor, const CAWPeerCredentials&)>;
   // Start answered 0 because another process was just setting up an endpoint in that directory, and
-  // then it failed; the listener has stopped. May destroy it.
+  // then it failed, or the directory was still held after 10 seconds (EWOULDBLOCK); the listener
+  // has stopped. May destroy it.
   using OnFailed = std::function<void(int error)>;
 
   EndpointListener(EventLoop& loop, OnAccepted accepted, OnFailed failed);
@@ -44,6 +46,7 @@ class KEELBASE_API EndpointListener {
   EndpointFile file_;
   std::optional<StreamListener> listener_;
   Timer retry_;  // while another process holds the directory
+  Clock::Point giveUp_;
 };
 
 }  // namespace keelbase::internal
