@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <string>
 
 #include "LoopThread.h"
 #include "ShmBaseFixture.h"
@@ -68,6 +71,15 @@ TEST(EventLoopFailingCalls, ADescriptorIsServedAlsoWhereTheFineWaitIsForbidden) 
 
 // --- a listener's file ---
 
+// What a listener that was killed leaves behind.
+void MakeStale(const std::string& path) {
+  const internal::FileDescriptor killed(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(killed.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+}
+
 TEST(EndpointFileFailingCalls, AFileThatCannotBeListenedAtIsNotLeftBehind) {
   const zarn::test::TempDir dir;
   const internal::EndpointPath path(dir.GetPath() + "/1_2");
@@ -79,6 +91,21 @@ TEST(EndpointFileFailingCalls, AFileThatCannotBeListenedAtIsNotLeftBehind) {
   }
   EXPECT_FALSE(std::filesystem::exists(dir.GetPath() + "/1_2"));
   EXPECT_FALSE(static_cast<bool>(listening));
+  EXPECT_EQ(file.Listen(path, listening), 0);
+}
+
+TEST(EndpointFileFailingCalls, AShortageThatHidesWhetherAFileIsServedIsToldAsSuch) {
+  const zarn::test::TempDir dir;
+  const internal::EndpointPath path(dir.GetPath() + "/1_2");
+  MakeStale(dir.GetPath() + "/1_2");
+  internal::EndpointFile file;
+  internal::FileDescriptor listening;
+  {
+    const FailingCalls failing("socket", EMFILE, FailingCalls::kAll, 1);
+    EXPECT_EQ(file.Listen(path, listening), EMFILE);
+    EXPECT_EQ(failing.GetFailed(), 1);
+  }
+  EXPECT_TRUE(std::filesystem::is_socket(dir.GetPath() + "/1_2"));
   EXPECT_EQ(file.Listen(path, listening), 0);
 }
 

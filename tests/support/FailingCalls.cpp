@@ -70,6 +70,9 @@ ssize_t recvmsg(int socket, msghdr* message, int flags) {
 ssize_t send(int socket, const void* bytes, std::size_t length, int flags) {
   return Call("send", SYS_sendto, socket, bytes, length, flags, nullptr, 0);
 }
+int socket(int domain, int type, int protocol) noexcept {
+  return static_cast<int>(Call("socket", SYS_socket, domain, type, protocol));
+}
 int accept4(int socket, sockaddr* address, socklen_t* size, int flags) {
   return static_cast<int>(Call("accept4", SYS_accept4, socket, address, size, flags));
 }

@@ -27,13 +27,13 @@ int LockDirectory(const std::string& path, FileDescriptor& directory) {
   return ::flock(directory.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
 }
 
-// Asks with a socket of another type: a bound socket answers that the type is wrong, and its owner
-// notices nothing.
-bool IsServed(const EndpointAddress& address) {
+// 0 when nobody serves it. Asks with a socket of another type: a bound socket answers that the type
+// is wrong, and its owner notices nothing.
+int CheckUnserved(const EndpointAddress& address) {
   const FileDescriptor probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!probe) return true;  // cannot tell, so leave it alone
-  if (::connect(probe.Get(), address.Get(), address.Size()) == 0) return true;
-  return errno != ECONNREFUSED;
+  if (!probe) return errno;
+  if (::connect(probe.Get(), address.Get(), address.Size()) == 0) return EADDRINUSE;
+  return errno == ECONNREFUSED ? 0 : EADDRINUSE;
 }
 
 // Removes what a listener of ours left behind when it died; everything else is in somebody's use.
@@ -41,8 +41,8 @@ int RemoveStale(int directory, const std::string& name, const EndpointAddress& a
   struct stat status {};
   if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
     return errno == ENOENT ? 0 : errno;
-  if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid() || IsServed(address))
-    return EADDRINUSE;
+  if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid()) return EADDRINUSE;
+  if (const int error = CheckUnserved(address); error != 0) return error;
   return ::unlinkat(directory, name.c_str(), 0) == 0 ? 0 : errno;
 }
 
