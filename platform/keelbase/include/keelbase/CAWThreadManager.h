@@ -20,11 +20,11 @@ namespace keelbase {
 // that loop is then left alone. The main thread exists only once a thread has adopted that type.
 //
 // A fork()ed child has none of these threads: fork before first use, or exec at once, and _exit()
-// when that fails. In a child that calls exit() instead the clean-up chain leaves alone what the
-// parent has: nothing is written, no thread is awaited, and connections and endpoints that objects
-// of static storage let go of from then on stay open in the parent. What is let go of before, by
-// exit handlers and static objects that are younger than the first use of the chain, is closed for
-// the parent too, but for the files of its endpoints.
+// when that fails. Should a child call exit(), its clean-up chain leaves alone what its parent has:
+// nothing is written, no thread is awaited, and the connections and endpoints that static objects
+// let go of after that stay as they are. What exit handlers and static objects let go of before,
+// since they are younger than the process's first platform thread or singleton, is closed for the
+// parent too, but for the files of its endpoints.
 class KEELBASE_API CAWThreadManager {
  public:
   enum ThreadType { TT_MAIN = 1, TT_NETWORK = 2, TT_TASK = 3 };
