@@ -30,7 +30,7 @@ bool Timer::IsActive() const { return loop_.Timers().Contains(*this); }
 
 void TimerQueue::Add(Timer& timer, Clock::Point due) {
   const MutexLock lock(mutex_);
-  Insert(timer, due);
+  if (!timer.ending_) Insert(timer, due);
 }
 
 void TimerQueue::Insert(Timer& timer, Clock::Point due) {
@@ -42,8 +42,9 @@ void TimerQueue::Remove(Timer& timer, bool onLoopThread) {
   MutexLock lock(mutex_);
   Forget(timer);
   if (onLoopThread) return;
+  timer.ending_ = true;
   while (firing_ == &timer) lock.Wait(fired_);
-  Forget(timer);  // the call may have started it again
+  timer.ending_ = false;
 }
 
 void TimerQueue::Forget(Timer& timer) {

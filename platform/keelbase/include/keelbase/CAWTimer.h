@@ -27,8 +27,9 @@ class KEELBASE_API CAWTimerWrapperIDSink {
 // Threads: fires on the thread that scheduled it when that is a platform thread, else on the
 // network thread. One timer object is used by one thread at a time. Cancelling or destroying it
 // inside its own callback is allowed. Elsewhere both wait for a callback that is just running on
-// another thread; once they have returned, none runs and none comes. So a callback must not wait
-// for a thread that ends the process with exit(), when a static object cancels this timer.
+// another thread; once they have returned, none runs and none comes. Should that callback schedule
+// the timer again meanwhile, this has no effect. A callback must not wait for a thread that ends
+// the process with exit(), when a static object cancels this timer.
 class KEELBASE_API CAWTimerWrapperID {
  public:
   CAWTimerWrapperID();

@@ -32,7 +32,9 @@ class KEELBASE_API Timer {
   // started.
   void Start(std::chrono::microseconds interval, std::uint32_t count, Function function) noexcept;
 
-  // On another thread than the loop's it waits for a call that is just running.
+  // On another thread than the loop's it waits for a call that is just running. Meanwhile a Start
+  // does nothing: the next call could begin before whoever waits has woken, and so could each one
+  // after it.
   void Cancel();
 
   bool IsActive() const;
@@ -46,6 +48,7 @@ class KEELBASE_API Timer {
   Function function_;
   TimersByDue::node_type idle_;  // empty while the queue has it, at place_
   TimersByDue::iterator place_;
+  bool ending_ = false;  // somebody waits in Cancel()
 };
 
 // Ordered by due time. Firing happens on the loop's thread; everything else on any.
