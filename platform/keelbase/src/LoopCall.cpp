@@ -1,5 +1,16 @@
 // LoopCall.cpp - work that other threads have for a loop: done on its thread, and once the loop has
 // stopped in place, by one thread at a time.
+//
+//                closed_  refusing_  running_  holder_     Post     Call elsewhere  Run, own thread
+// not yet run    no       no         no        0           kept     waits for Run   yes
+// runs           no       no         yes       its thread  run      waits           10001
+// stopped        yes      no         no        0           kept     in place        yes
+// used in place  yes      either     no        a thread    as else  waits           waits
+// ended          yes      yes        no        0           refused  in place        yes
+//
+// holds_ counts how often the holder has entered. Before the first run the loop's own thread works
+// in place, too. A loop that exit() was called on ends with running_ set: it does not run again.
+// leftAlone_: at exit one that was used in place did not become free in time.
 #include <chrono>
 #include <condition_variable>
 #include <exception>
