@@ -93,17 +93,30 @@ TEST(IPCAcceptor, LettingGoStops) {
   for (const bool elsewhere : {false, true}) {
     auto acceptor = MakeAcceptor();
     ASSERT_EQ(Listen(*acceptor, sink, Endpoint(dir)), AW_OK);
-    std::atomic<bool> done{false};
-    std::thread dropper([&] {
-      if (elsewhere) acceptor = nullptr;
-      done = true;
-    });
-    EXPECT_TRUE(Await([&] { return done.load(); }));
-    dropper.join();
+    if (elsewhere) {
+      std::thread([&] { acceptor = nullptr; }).join();
+      RunReady();
+    }
     acceptor = nullptr;
     EXPECT_FALSE(fs::exists(Endpoint(dir)));
   }
-  RunReady();
+}
+
+TEST(IPCAcceptor, ThreadThatLetGoOfItMayListenThereAtOnce) {
+  const TempDir dir;
+  IndicationSink sink;
+  auto acceptor = MakeAcceptor();
+  ASSERT_EQ(Listen(*acceptor, sink, Endpoint(dir)), AW_OK);
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    acceptor = nullptr;
+    acceptor = MakeAcceptor();
+    EXPECT_EQ(Listen(*acceptor, sink, Endpoint(dir)), AW_OK);
+    done = true;
+  });
+  EXPECT_TRUE(Await([&] { return done.load(); }));
+  other.join();
+  EXPECT_TRUE(IsServed(Endpoint(dir)));
 }
 
 TEST(IPCAcceptor, StopRemovesOnlyItsOwnFile) {

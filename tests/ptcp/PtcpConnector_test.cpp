@@ -1,6 +1,5 @@
 // PtcpConnector_test.cpp - connecting: how it ends, when that is told, and how it is given up. Real
 // loopback sockets; time is moved by hand where a test waits for a limit.
-#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <limits>
@@ -168,13 +167,7 @@ TEST_F(PtcpConnectorTest, LettingGoCancelsOnAnyThread) {
     EXPECT_EQ(Begin(silent.Address()), AW_OK);
     zarn::test::RunReady();
     if (elsewhere) {
-      std::atomic<bool> gone{false};
-      std::thread thread([&] {
-        connector = nullptr;
-        gone = true;
-      });
-      EXPECT_TRUE(WaitFor([&] { return gone.load(); }));
-      thread.join();
+      std::thread([&] { connector = nullptr; }).join();
     } else {
       connector = nullptr;
     }

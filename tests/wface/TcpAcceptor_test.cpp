@@ -1,7 +1,9 @@
 // TcpAcceptor_test.cpp - listening, accepting, stopping.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "DescriptorShortage.h"
@@ -104,6 +106,22 @@ TEST(TcpAcceptor, MayBeStoppedAndLetGoInsideItsIndication) {
   EXPECT_TRUE(Await([&] { return sink.count == 1; }));
   Turn();
   EXPECT_EQ(sink.count, 1);
+}
+
+TEST(TcpAcceptor, ThreadThatLetGoOfItMayListenThereAtOnce) {
+  auto acceptor = MakeAcceptor();
+  IndicationSink sink;
+  ASSERT_EQ(acceptor->StartListen(&sink, Loopback(), 0), AW_OK);
+  const CAWInetAddr address = acceptor->GetLocalAddr();
+  std::atomic<bool> done{false};
+  std::thread other([&] {
+    acceptor = nullptr;
+    acceptor = MakeAcceptor();
+    EXPECT_EQ(acceptor->StartListen(&sink, address, 0), AW_OK);
+    done = true;
+  });
+  EXPECT_TRUE(Await([&] { return done.load(); }));
+  other.join();
 }
 
 TEST(TcpAcceptor, ConnectionThatNobodyTookIsClosed) {

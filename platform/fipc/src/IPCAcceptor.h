@@ -20,7 +20,6 @@ class IPCAcceptor final : public keelbase::internal::LoopObject<IAWIPCAcceptor> 
   keelbase::AWResult StopListen() override;
 
  private:
-  void OnLastReference() override { StopListen(); }
   void OnAccepted(FileDescriptor socket, const keelbase::CAWPeerCredentials& credentials);
   void OnFailed(int error);
   keelbase::CAWIPCAddr PeerAddress(int socket) const;

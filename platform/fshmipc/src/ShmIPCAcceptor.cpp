@@ -131,7 +131,8 @@ void ShmIPCAcceptor::OnFailed(int error) {
 // One that cannot be welcomed at once has gone, or there is no memory: this one connection is
 // closed; the next may find some again.
 void ShmIPCAcceptor::OnAccepted(FileDescriptor socket, const CAWPeerCredentials& credentials) {
-  if (SendWelcome(socket.Get()) != 0) return;
+  const auto alive = Hold();
+  if (!alive || SendWelcome(socket.Get()) != 0) return;
   try {
     Guest& guest = guests_.emplace_back(*this, std::move(socket), credentials);
     if (const int error = guest.Wait(); error != 0) {

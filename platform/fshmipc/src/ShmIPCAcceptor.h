@@ -26,7 +26,6 @@ class ShmIPCAcceptor final : public keelbase::internal::LoopObject<IAWShmIPCAcce
   // A connection that has not greeted yet.
   class Guest;
 
-  void OnLastReference() override { StopListen(); }
   void OnAccepted(FileDescriptor socket, const keelbase::CAWPeerCredentials& credentials);
   void OnFailed(int error);
   void OnGreeted(Guest& guest, int error, const Greeting& greeting, const FileDescriptor& memory);

@@ -94,6 +94,8 @@ void PtcpAcceptor::Stop() {
 
 // Without memory this packet was not seen; the client sends it again.
 void PtcpAcceptor::OnStranger(const Path& from, Bytes datagram, Time now) {
+  const auto alive = Hold();
+  if (!alive) return;
   const auto initial = ReadInitial(datagram);
   if (!initial) return;
   try {

@@ -14,7 +14,7 @@ namespace ptcp {
 class PtcpAcceptor final : public keelbase::internal::LoopObject<IAWPseudoTCPAcceptor> {
  public:
   explicit PtcpAcceptor(keelbase::internal::EventLoop& loop);
-  ~PtcpAcceptor() override = default;
+  ~PtcpAcceptor() override { Stop(); }
 
   keelbase::AWResult StartListen(IAWPseudoTCPAcceptorConnectorSink* sink,
                                  const keelbase::CAWInetAddr& addr, int backlog) override;
@@ -32,7 +32,6 @@ class PtcpAcceptor final : public keelbase::internal::LoopObject<IAWPseudoTCPAcc
     bool proved;  // its peer's address
   };
 
-  void OnLastReference() override { StopListen(); }
   int Listen(const keelbase::CAWInetAddr& addr);
   void Stop();
   void OnStranger(const Path& from, Bytes datagram, Time now);

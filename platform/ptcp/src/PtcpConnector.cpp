@@ -40,16 +40,20 @@ AWResult PtcpConnector::AsyncConnect(IAWPseudoTCPAcceptorConnectorSink* sink,
 }
 
 AWResult PtcpConnector::CancelConnect() {
-  GetLoop().Call([this] {
-    timer_.Cancel();
-    sink_ = nullptr;
-    if (const auto engine = std::exchange(engine_, nullptr)) engine->Abort();
-    port_ = nullptr;
-  });
+  GetLoop().Call([this] { Stop(); });
   return AW_OK;
 }
 
+void PtcpConnector::Stop() {
+  timer_.Cancel();
+  sink_ = nullptr;
+  if (const auto engine = std::exchange(engine_, nullptr)) engine->Abort();
+  port_ = nullptr;
+}
+
 void PtcpConnector::Begin() {
+  const auto alive = Hold();
+  if (!alive) return;  // no peer is asked for nobody
   try {
     if (const int error = StartConnect(); error != 0) return Finish(error);
     if (!deadline_) return;

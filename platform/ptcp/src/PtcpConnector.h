@@ -12,7 +12,7 @@ namespace ptcp {
 class PtcpConnector final : public keelbase::internal::LoopObject<IAWPseudoTCPConnector> {
  public:
   explicit PtcpConnector(keelbase::internal::EventLoop& loop) : LoopObject(loop), timer_(loop) {}
-  ~PtcpConnector() override = default;
+  ~PtcpConnector() override { Stop(); }
 
   keelbase::AWResult AsyncConnect(IAWPseudoTCPAcceptorConnectorSink* sink,
                                   const keelbase::CAWInetAddr& peer,
@@ -21,10 +21,10 @@ class PtcpConnector final : public keelbase::internal::LoopObject<IAWPseudoTCPCo
   keelbase::AWResult CancelConnect() override;
 
  private:
-  void OnLastReference() override { CancelConnect(); }
   void Begin();
   int StartConnect();
   void Finish(int error);
+  void Stop();
 
   IAWPseudoTCPAcceptorConnectorSink* sink_ = nullptr;  // null: no connect under way
   keelbase::CAWInetAddr peer_;

@@ -20,7 +20,6 @@ class TcpAcceptor final : public keelbase::internal::LoopObject<IAWAcceptor> {
   keelbase::CAWInetAddr GetLocalAddr() const override;
 
  private:
-  void OnLastReference() override { StopListen(); }
   int Listen(const keelbase::CAWInetAddr& addr, int backlog);
   void OnAccepted(keelbase::internal::FileDescriptor socket);
 

@@ -66,6 +66,8 @@ AWResult TcpConnector::CancelConnect() {
 }
 
 void TcpConnector::Begin() {
+  const auto alive = Hold();
+  if (!alive) return;  // no peer is asked for nobody
   int error = StartConnect();
   if (error != EINPROGRESS) return Finish(error);
   if (!deadline_) return;

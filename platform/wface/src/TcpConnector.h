@@ -15,7 +15,7 @@ class TcpConnector final : public keelbase::internal::LoopObject<IAWConnector>,
                            private keelbase::internal::Watcher {
  public:
   explicit TcpConnector(keelbase::internal::EventLoop& loop) : LoopObject(loop), timer_(loop) {}
-  ~TcpConnector() override = default;
+  ~TcpConnector() override { Unwatch(); }
 
   keelbase::AWResult AsyncConnect(IAWAcceptorConnectorSink* sink, const keelbase::CAWInetAddr& peer,
                                   const keelbase::CAWTimeValue* timeout,
@@ -23,7 +23,6 @@ class TcpConnector final : public keelbase::internal::LoopObject<IAWConnector>,
   keelbase::AWResult CancelConnect() override;
 
  private:
-  void OnLastReference() override { CancelConnect(); }
   void OnReady(std::uint32_t events) override;
 
   void Begin();

@@ -24,6 +24,7 @@ class KEELBASE_API EndpointListener {
   using OnFailed = std::function<void(int error)>;
 
   EndpointListener(EventLoop& loop, OnAccepted accepted, OnFailed failed);
+  ~EndpointListener() { Stop(); }
   EndpointListener(const EndpointListener&) = delete;
   EndpointListener& operator=(const EndpointListener&) = delete;
 

@@ -62,7 +62,8 @@ class LoopObject : public Interface {
   explicit LoopObject(EventLoop& loop) : loop_(loop), destroyThere_(this) {}
   ~LoopObject() override = default;
 
-  // The last reference is gone; on the thread that dropped it. After this no callback may come.
+  // The last reference is gone; on the thread that dropped it, which the loop may be waiting for:
+  // it must wait for nobody. What only the loop may undo is left to the destructor.
   virtual void OnLastReference() {}
 
  private:

@@ -33,7 +33,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
   TlsAcceptor(keelbase::internal::EventLoop& loop,
               keelbase::CAWAutoPtr<typename Below::Acceptor> below)
       : LoopObject(loop), below_(std::move(below)) {}
-  ~TlsAcceptor() override = default;
+  ~TlsAcceptor() override { Stop(); }
 
   keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override try {
     return server_.SetPrivateKey(text);
@@ -70,11 +70,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     return result;
   }
   keelbase::AWResult StopListen() override {
-    GetLoop().Call([this] {
-      sink_ = nullptr;
-      below_->StopListen();
-      while (shaking_.Begin() != shaking_.End()) shaking_.GiveUp(shaking_.Begin())->Disconnect();
-    });
+    GetLoop().Call([this] { Stop(); });
     return keelbase::AW_OK;
   }
   keelbase::CAWInetAddr GetLocalAddr() override {
@@ -86,7 +82,11 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
   }
 
  private:
-  void OnLastReference() override { StopListen(); }
+  void Stop() {
+    sink_ = nullptr;
+    below_->StopListen();
+    while (shaking_.Begin() != shaking_.End()) shaking_.GiveUp(shaking_.Begin())->Disconnect();
+  }
 
   void OnConnectIndication(long /*reason*/, Transport* transport,
                            typename Below::Id* /*id*/) override {

@@ -44,18 +44,12 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
     return keelbase::AW_OK;
   }
   keelbase::AWResult Cancel(long /*reason*/) final {
-    failure_.Cancel();
-    below_->CancelConnect();
-    this->GetLoop().Call([this] {
-      sink_ = nullptr;
-      if (const auto stream = std::move(stream_)) stream->Disconnect();
-      ssl_ = nullptr;
-    });
+    this->GetLoop().Call([this] { Stop(); });
     return keelbase::AW_OK;
   }
 
  protected:
-  ~TlsConnector() override = default;
+  ~TlsConnector() override { Stop(); }
 
   // `verify`: as SetVerifyMode says, else nothing is checked.
   keelbase::AWResult Start(IAWSSLConnectionSink* sink, const keelbase::CAWInetAddr& peer,
@@ -80,7 +74,13 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
   }
 
  private:
-  void OnLastReference() final { Cancel(0); }
+  void Stop() {
+    failure_.Cancel();
+    below_->CancelConnect();
+    sink_ = nullptr;
+    if (const auto stream = std::move(stream_)) stream->Disconnect();
+    ssl_ = nullptr;
+  }
 
   void OnConnectIndication(long reason, Transport* transport, typename Below::Id* /*id*/) final {
     const auto alive = this->Hold();
