@@ -47,8 +47,7 @@ void CZARNShmIPCStreamBase::OnShmIPCConnectIndication(long reason,
     reason = static_cast<long>(SetTransportHandle(connected));
     if (reason == 0) {
       closed_ = false;
-      OnConnected(0);
-      return;
+      return StreamSteps::TellConnected(*this);
     }
     StreamSteps::EndConnection(*this, 0);
   }

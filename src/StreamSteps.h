@@ -2,7 +2,9 @@
 #pragma once
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
+#include <new>
 #include <utility>
 
 #include "BlockLoop.h"
@@ -47,7 +49,24 @@ struct StreamSteps {
     const AWResult attached = stream.SetTransportHandle(connected);
     if (attached != keelbase::AW_OK) return CloseAndReport(stream, attached);
     stream.closed_ = false;
-    stream.OnConnected(0);
+    TellConnected(stream);
+  }
+
+  template <class Stream>
+  static void TellConnected(Stream& stream) {
+    if (!StartOwner(stream)) CloseAndReport(stream, ENOMEM);
+  }
+
+  // False: the owner found no memory for his start, and the stream is at that connection still.
+  template <class Stream>
+  static bool StartOwner(Stream& stream) {
+    const detail::Generation::Watch watch(stream.generation_);
+    try {
+      stream.OnConnected(0);
+      return true;
+    } catch (const std::bad_alloc&) {
+      return watch.IsDestroyed() || watch.HasChanged();
+    }
   }
 
   // SetTransportHandle, `operation`.

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -184,6 +185,50 @@ TYPED_TEST(StreamConnect, OwnerMayCloseInsideOnConnected) {
   EXPECT_EQ(transport->disconnects, std::vector<long>{7});
   EXPECT_EQ(transport->GetReferences(), 1U);
   EXPECT_EQ(this->manager.Last().GetReferences(), TypeParam::kCloseCancels ? 1U : 2U);
+}
+
+// A stream whose owner has no memory for what he does first.
+TYPED_TEST(StreamConnect, ConnectionOfAnOwnerWithoutMemoryInOnConnectedEnds) {
+  this->stream->onConnected = [&] {
+    this->Send("hal");
+    throw std::bad_alloc();
+  };
+  auto transport = this->ConnectFully();
+  EXPECT_TRUE(this->stream->IsClosed());
+  EXPECT_EQ(transport->disconnects, std::vector<long>{0});
+  EXPECT_EQ(transport->GetReferences(), 1U);
+  EXPECT_EQ(this->stream->upcalls,
+            (Strings{"OnConnected(0)", "OnPeerDisconnect(" + std::to_string(ENOMEM) + ")"}));
+}
+
+TYPED_TEST(StreamConnect, OwnerWithoutMemoryInOnConnectedIsNotToldOfAnEndOfItsOwnDoing) {
+  this->stream->onConnected = [&] {
+    this->stream->Close(7);
+    throw std::bad_alloc();
+  };
+  auto transport = this->ConnectFully();
+  EXPECT_EQ(transport->disconnects, std::vector<long>{7});
+  EXPECT_EQ(this->stream->upcalls, Strings{"OnConnected(0)"});
+}
+
+TYPED_TEST(StreamConnect, OwnerWithoutMemoryInOnConnectedKeepsAConnectionThatItPutInPlace) {
+  typename TestFixture::Transport other;
+  this->stream->onConnected = [&] {
+    other = this->Attach();
+    throw std::bad_alloc();
+  };
+  this->ConnectFully();
+  EXPECT_TRUE(other->disconnects.empty());
+  EXPECT_EQ(this->stream->upcalls, Strings{"OnConnected(0)"});
+}
+
+TYPED_TEST(StreamConnect, OwnerWithoutMemoryInOnConnectedMayHaveDeletedTheStream) {
+  this->stream->onConnected = [&] {
+    this->stream.reset();
+    throw std::bad_alloc();
+  };
+  auto transport = this->ConnectFully();
+  EXPECT_EQ(transport->disconnects, std::vector<long>{0});
 }
 
 // --- SetTransportHandle ---

@@ -42,7 +42,8 @@ namespace zarn::utils {
 // Inside any upcall (HandleMessage, OnConnected, OnPeerDisconnect) the stream may be used, closed,
 // connected anew or deleted. The bytes given to a handler stay valid until it returns, whatever it
 // does, and once it has closed or replaced the connection nothing more is delivered from the old
-// one. No upcall is made from inside Connect, SendMsg, SetTransportHandle or Close.
+// one. No upcall is made from inside Connect, SendMsg, SetTransportHandle or Close. When a handler
+// or OnConnected lets std::bad_alloc pass, the connection ends: OnPeerDisconnect(ENOMEM).
 //
 // Limits: the send queue grows without bound while the peer does not read; watch
 // GetSendQueueLength(). The receive buffer grows with the largest frame; see SetReceiveLimit.
