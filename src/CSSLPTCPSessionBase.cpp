@@ -19,7 +19,8 @@ CSSLPTCPSessionBase::CSSLPTCPSessionBase() = default;
 
 CSSLPTCPSessionBase::~CSSLPTCPSessionBase() {
   metrics_.Leave();
-  if (connector_ || transport_) thread_.Check("CSSLPTCPSessionBase::~CSSLPTCPSessionBase");
+  if (!closed_ && (connector_ || transport_))
+    thread_.Check("CSSLPTCPSessionBase::~CSSLPTCPSessionBase");
   StreamSteps::DropConnector(*this);
   StreamSteps::EndConnection(*this, 0);
 }

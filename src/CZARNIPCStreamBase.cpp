@@ -17,8 +17,7 @@ using End = ReceivePass::End;
 CZARNIPCStreamBase::CZARNIPCStreamBase() = default;
 
 CZARNIPCStreamBase::~CZARNIPCStreamBase() {
-  metrics_.Leave();
-  if (connector_ || transport_) thread_.Check("CZARNIPCStreamBase::~CZARNIPCStreamBase");
+  StreamSteps::BeginDestruction(*this, "CZARNIPCStreamBase::~CZARNIPCStreamBase");
   StreamSteps::DropConnector(*this);
   StreamSteps::EndConnection(*this, 0);
 }

@@ -24,8 +24,7 @@ constexpr int kVerify = 1;
 CZARNSSLTCPSessionBase::CZARNSSLTCPSessionBase() = default;
 
 CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase() {
-  metrics_.Leave();
-  if (connector_ || transport_) thread_.Check("CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase");
+  StreamSteps::BeginDestruction(*this, "CZARNSSLTCPSessionBase::~CZARNSSLTCPSessionBase");
   StreamSteps::EndConnection(*this, 0);
   connector_ = nullptr;  // letting go of it cancels
 }

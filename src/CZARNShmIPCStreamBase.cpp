@@ -18,8 +18,7 @@ using End = ReceivePass::End;
 CZARNShmIPCStreamBase::CZARNShmIPCStreamBase() = default;
 
 CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase() {
-  metrics_.Leave();
-  if (connector_ || transport_) thread_.Check("CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase");
+  StreamSteps::BeginDestruction(*this, "CZARNShmIPCStreamBase::~CZARNShmIPCStreamBase");
   StreamSteps::DropConnector(*this);
   StreamSteps::EndConnection(*this, 0);
 }

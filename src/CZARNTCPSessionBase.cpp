@@ -24,8 +24,7 @@ constexpr keelbase::CAWTimeValue kConnectTimeout(3, 0);
 CZARNTCPSessionBase::CZARNTCPSessionBase() = default;
 
 CZARNTCPSessionBase::~CZARNTCPSessionBase() {
-  metrics_.Leave();
-  if (connector_ || transport_) thread_.Check("CZARNTCPSessionBase::~CZARNTCPSessionBase");
+  StreamSteps::BeginDestruction(*this, "CZARNTCPSessionBase::~CZARNTCPSessionBase");
   StreamSteps::EndConnection(*this, 0);
   connector_ = nullptr;  // letting go of it cancels
 }

@@ -103,6 +103,15 @@ struct StreamSteps {
 
   // --- ending ---
 
+  // What a destructor begins with. A closed stream may be destroyed on any thread: its connector
+  // has nothing to tell any more, and to let go of it waits for nobody, while cancelling may.
+  template <class Stream>
+  static void BeginDestruction(Stream& stream, const char* operation) {
+    stream.metrics_.Leave();
+    if (stream.closed_) stream.connector_ = nullptr;
+    if (stream.connector_ || stream.transport_) stream.thread_.Check(operation);
+  }
+
   template <class Stream>
   static void DropTransport(Stream& stream, long reason) {
     const auto transport = std::move(stream.transport_);

@@ -421,6 +421,21 @@ TYPED_TEST(StreamDeathTest, ConnectFromAnotherThreadStopsADebugBuild) {
 }
 #endif
 
+// Debug builds check that it is left to them. To cancel may be to wait for the stream's thread.
+TYPED_TEST(StreamConnect, StreamWhoseConnectHasFailedMayBeDestroyedOnAnotherThread) {
+  this->Connect();
+  this->manager.Last().Complete(ECONNREFUSED, nullptr);
+  std::thread([&] { this->stream.reset(); }).join();
+  EXPECT_EQ(this->manager.Last().cancels, TypeParam::kCloseCancels ? 0 : 1);
+  EXPECT_EQ(this->manager.Last().GetReferences(), 1U);
+}
+
+TYPED_TEST(StreamConnect, StreamWhoseConnectionHasEndedMayBeDestroyedOnAnotherThread) {
+  this->ConnectFully()->End(0);
+  std::thread([&] { this->stream.reset(); }).join();
+  EXPECT_EQ(this->manager.Last().GetReferences(), 1U);
+}
+
 TYPED_TEST(StreamConnect, StreamBelongsToTheThreadOfItsFirstConnectNotOfItsConstruction) {
   std::unique_ptr<typename TypeParam::Stream> made;
   std::thread([&] { made = std::make_unique<typename TypeParam::Stream>(); }).join();

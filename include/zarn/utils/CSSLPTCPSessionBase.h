@@ -57,7 +57,7 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   void OnSSLDataSend(sslutils::IAWSSLTransport* transport) override;
 
   // Ends a connect and a connection, without upcall. On the session's thread, unless there is
-  // neither.
+  // neither; after a Connect it waits for that thread then.
   ~CSSLPTCPSessionBase() override;
 
   void OnSSLConnected(long reason, sslutils::IAWSSLTransport* transport) override;
