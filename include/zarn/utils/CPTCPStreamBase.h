@@ -70,7 +70,7 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
 
   // Ends the connection; what SendMessage has accepted still goes out, as far as the peer takes it
   // within the transport's linger time (2 seconds). No upcall follows. On the stream's thread,
-  // unless it has no connection.
+  // unless it has had no connection or Disconnect has ended it; an end by the peer is not enough.
   ~CPTCPStreamBase() override;
 
   // Sends the chain's unread bytes, in order with all that was sent before; what the transport does

@@ -36,7 +36,8 @@ namespace zarn::utils {
 //
 // Threads, ownership, use inside upcalls: as CZARNIPCStreamBase. Init is called on a platform
 // thread, the network thread as a rule: connection and timer call back there. The destructor ends
-// the connection and the attempts.
+// the connection and the attempts. Once Init has been called it runs on that thread always (see
+// CAWThread::Call), also while the channel is closed: the timer of the next attempt may fire.
 //
 // Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
 // more; the connection stays until the peer ends it or the owner calls OnClose. The same when more

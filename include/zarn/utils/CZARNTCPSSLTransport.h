@@ -60,8 +60,8 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   void OnSSLDisconnect(long reason, sslutils::IAWSSLTransport* transport) override;
   void OnSSLDataSend(sslutils::IAWSSLTransport* transport) override;
 
-  // Ends the connection like Disconnect(0). On the stream's thread, unless it is closed or has had
-  // no connection.
+  // Ends the connection like Disconnect(0). On the stream's thread, unless it has had no connection
+  // or Disconnect has ended it; an end by the peer is not enough.
   ~CZARNTCPSSLTransport() override;
 
   // Sends the chain's unread bytes, in order with all that was sent before; what the transport does

@@ -63,8 +63,8 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   // Disconnect.
   void OnDisconnect(long reason, wface::IAWTransport* transport) override;
 
-  // Ends the connection like Disconnect(0). On the stream's thread, unless it is closed or has had
-  // no connection.
+  // Ends the connection like Disconnect(0). On the stream's thread, unless it has had no connection
+  // or Disconnect has ended it; an end by the peer is not enough.
   ~CZARNTCPTransport() override;
 
   // Sends the chain's unread bytes, in order with all that was sent before, and advances its read
