@@ -65,6 +65,7 @@ AWResult CPTCPStreamBase::SendMessage(CAWMessageBlock& data,
   thread_.Check("CPTCPStreamBase::SendMessage");
   if (!transport_) return AW_ERROR_FAILURE;
   const std::size_t length = data.GetChainedLength();
+  const bool isCounted = &data == sendQueue_.GetBlock();  // as the messages that wait in it
   AWResult result = AW_OK;
   if (!sendQueue_.IsEmpty()) {
     result = SendBehindOthers(data, parameter);
@@ -81,7 +82,7 @@ AWResult CPTCPStreamBase::SendMessage(CAWMessageBlock& data,
   }
   if (result != AW_OK) return result;
   StreamSteps::NoteQueueLength(*this);
-  StreamSteps::CountSent(*this, length);
+  if (!isCounted) StreamSteps::CountSent(*this, length);
   return AW_OK;
 }
 

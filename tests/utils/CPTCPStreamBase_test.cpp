@@ -216,6 +216,14 @@ TEST_F(CPTCPStreamBaseTest, WhatWaitsIsOfferedTwiceAndTheQueueIsEmptyThen) {
   EXPECT_EQ(stream->GetSendQueueLength(), 0U);
 }
 
+TEST_F(CPTCPStreamBaseTest, WhatIsOfferedTwiceIsCountedOnce) {
+  Queue("one;");
+  Queue("two;");
+  transport->ReadyToSend();
+  EXPECT_EQ(stream->GetCounters().messagesSent, 2U);
+  EXPECT_EQ(stream->GetCounters().bytesSent, 8U);
+}
+
 TEST_F(CPTCPStreamBaseTest, WhatTheTransportDoesNotTakeThenIsDropped) {
   for (const std::size_t taken :
        {std::size_t{0}, std::size_t{3}, std::size_t{8}, std::size_t{11}}) {
