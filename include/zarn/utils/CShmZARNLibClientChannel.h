@@ -30,7 +30,8 @@ namespace zarn::utils {
 //
 // A subclass that overrides OnConnected, OnPeerDisconnect, OnClose, OnRcvBufferOverFlow or Close
 // calls this class's version first: it keeps the state and the timer. OnConnectFailure is called
-// for every attempt that fails, so about once a second while the peer is away, and does nothing.
+// for every attempt that fails within its second, so about once a second while the peer is away,
+// and does nothing.
 //
 // A message is delivered whole, in order and at most once; what was under way when a connection
 // ended may be lost. Nothing is exchanged on connecting: no greeting, no registration.
@@ -42,7 +43,10 @@ namespace zarn::utils {
 //
 // Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
 // more; the connection stays until the peer ends it or the owner calls OnClose. The same when more
-// than 1 MiB stands unconsumed. Each connection takes 4 MiB of memory (AW_OPT_RING_SIZE).
+// than 1 MiB stands unconsumed. The next attempt takes the place of one that is still under way,
+// which is not told. Two turns of the peer's loop go into an attempt: one whose turns take longer
+// than about half a second is not reached. Each connection takes 4 MiB of memory
+// (AW_OPT_RING_SIZE).
 class ZARNUTILS_API CShmZARNLibClientChannel : public CZARNShmIPCStreamBase,
                                                public keelbase::CAWTimerWrapperIDSink {
  public:

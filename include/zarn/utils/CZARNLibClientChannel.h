@@ -29,7 +29,7 @@ namespace zarn::utils {
 //
 // A subclass that overrides OnConnected, OnPeerDisconnect, OnRcvBufferOverFlow or Close calls this
 // class's version first: it keeps the state and the timer. OnPeerDisconnect is called for every
-// attempt that fails, so about once a second while the peer is away.
+// attempt that fails within its second, so about once a second while the peer is away.
 //
 // A message is delivered whole, in order and at most once; what was under way when a connection
 // ended may be lost. Nothing is exchanged on connecting: no greeting, no registration.
@@ -41,7 +41,8 @@ namespace zarn::utils {
 //
 // Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
 // more; the connection stays until the peer ends it or the owner calls OnClose. The same when more
-// than 1 MiB stands unconsumed.
+// than 1 MiB stands unconsumed. The next attempt takes the place of one that is still under way,
+// which is not told: that of a peer whose queue of those who wait to be accepted is full.
 class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
                                             public keelbase::CAWTimerWrapperIDSink {
  public:
