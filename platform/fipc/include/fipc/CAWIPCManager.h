@@ -20,8 +20,8 @@ namespace fipc {
 // a time; callbacks come on that platform thread, else on the network thread. References may be
 // dropped on any thread. Releasing the last reference cancels or stops: no indication comes after
 // it, and one that is just running on another thread is waited for, and nobody else. An acceptor
-// that is released on another thread than that of its callbacks gives its endpoint up a moment later;
-// StopListen waits for that.
+// that is released on another thread than that of its callbacks gives its endpoint up a moment
+// later; StopListen waits for that.
 class FIPC_API IAWIPCAcceptorConnectorId {
  public:
   virtual std::uint32_t AddReference() = 0;
