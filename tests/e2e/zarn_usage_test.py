@@ -217,14 +217,14 @@ class Root(ToolTest):
     def test_unset_or_empty_root_is_one_line_that_says_what_to_do(self):
         env = dict(self.env)
         del env["ZARN_ROOT"]
-        pattern = r"ZARN_ROOT is not set: .*export ZARN_ROOT=.*install -d"
+        pattern = r"ZARN_ROOT is not set: .*export ZARN_ROOT=.*umask 077; mkdir -p DIR/system"
         self.assert_root_refused(pattern, env)
         self.assert_root_refused(pattern, dict(env, ZARN_ROOT=""))
 
     def test_root_without_system_directory_names_it(self):
         (self.root / "system").rmdir()
         path = re.escape(str(self.root / "system"))
-        self.assert_root_refused(rf"'{path}' does not exist: make it with 'install -d", self.env)
+        self.assert_root_refused(rf"'{path}' does not exist: make it with '\(umask 077; mkdir -p {path}\)'", self.env)
 
     def test_system_that_is_a_file_is_refused(self):
         (self.root / "system").rmdir()

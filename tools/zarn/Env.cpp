@@ -49,7 +49,7 @@ Finding ExamineMissing(const Directory& directory, int error) {
   if (error != ENOENT) return {"wrong", std::strerror(error)};
   switch (directory.need) {
     case Directory::needed:
-      return {"wrong", "missing: make it with 'install -d -m 700'"};
+      return {"wrong", "missing: make it with '(umask 077; mkdir -p)'"};
     case Directory::madeOnDemand:
       return {"missing", "made when it is needed"};
     case Directory::optional:

@@ -11,7 +11,6 @@ namespace zarn::tool {
 namespace {
 
 constexpr const char* kMetacharacters = "\\^$.[]|()?*+{}";
-constexpr std::size_t kNone = std::string_view::npos;
 
 // The longest text that is in everything that the expression matches; found only in simple ones.
 std::string FindNeededText(std::string_view expression) {
@@ -22,7 +21,8 @@ std::string FindNeededText(std::string_view expression) {
     std::string_view text = expression.substr(0, end);
     const std::size_t behind =
         std::min(expression.find_first_not_of("*?+", end), expression.size());
-    const bool optional = expression.substr(end, behind - end).find_first_of("*?") != kNone;
+    const bool optional =
+        expression.substr(end, behind - end).find_first_of("*?") != std::string_view::npos;
     if (optional && !text.empty()) text.remove_suffix(1);
     if (text.size() > longest.size()) longest = text;
     expression.remove_prefix(std::max(behind, std::min(end + 1, expression.size())));

@@ -17,7 +17,7 @@ std::string CheckRoot() {
   const std::string root = keelbase::VOS_GetEnv("ZARN_ROOT");
   if (root.empty())
     return "ZARN_ROOT is not set: name the install root with 'export ZARN_ROOT=DIR', and make it "
-           "with 'install -d -m 700 DIR DIR/system'";
+           "with '(umask 077; mkdir -p DIR/system)'";
   const std::string system = root + "/system";
   struct stat status {};
   const std::string shownRoot = Escape(root);
@@ -25,9 +25,9 @@ std::string CheckRoot() {
   const bool found = ::stat(system.c_str(), &status) == 0;
   if (!found && errno == ENOENT)
     return fmt::format(
-        "ZARN_ROOT is '{}', but '{}' does not exist: make it with 'install -d -m 700 {} {}', or "
+        "ZARN_ROOT is '{}', but '{}' does not exist: make it with '(umask 077; mkdir -p {})', or "
         "correct ZARN_ROOT",
-        shownRoot, shown, shownRoot, shown);
+        shownRoot, shown, shown);
   if (found && !S_ISDIR(status.st_mode))
     return fmt::format("ZARN_ROOT is '{}', but '{}' is not a directory: correct ZARN_ROOT",
                        shownRoot, shown);
