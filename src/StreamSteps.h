@@ -104,7 +104,8 @@ struct StreamSteps {
   // --- ending ---
 
   // What a destructor begins with. A closed stream may be destroyed on any thread: its connector
-  // has nothing to tell any more, and to let go of it waits for nobody, while cancelling may.
+  // has nothing to tell any more, and to let go of it waits for a callback at most, while
+  // cancelling may wait for its thread.
   template <class Stream>
   static void BeginDestruction(Stream& stream, const char* operation) {
     stream.metrics_.Leave();

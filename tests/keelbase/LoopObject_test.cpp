@@ -161,6 +161,80 @@ TEST(LoopObject, IsLetGoElsewhereOnlyWhenTheCallbackThatRunsHasEnded) {
   }
 }
 
+TEST(LoopObject, IsLetGoElsewhereOnlyWhenTheOuterOfTwoCallbacksHasEnded) {
+  for (int round = 0; round < 1000; ++round) {
+    WithLoop([](EventLoop& loop) {
+      Life life;
+      CAWAutoPtr<Object> object(new Object(loop, life));
+      std::atomic<bool> begun{false};
+      std::atomic<bool> ended{false};
+      bool endedBefore = false;
+      std::thread other;
+      loop.Call([&] {
+        Object& seen = *object;
+        const auto alive = seen.Hold();
+        other = std::thread([&] {
+          begun = true;
+          object = nullptr;
+          endedBefore = ended;
+        });
+        while (!begun) std::this_thread::yield();
+        for (int i = 0; i < 2000; ++i) const auto again = seen.Hold();
+        ended = true;
+      });
+      other.join();
+      EXPECT_TRUE(endedBefore);
+    });
+  }
+}
+
+// The callback waits for that thread.
+TEST(LoopObject, IsLetGoAtOnceOnAThreadThatRunsALoop) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    EventLoop other("other");
+    std::thread runs([&] {
+      other.BindToCurrentThread();
+      other.Run();
+    });
+    loop.Call([&] {
+      const auto alive = object->Hold();
+      other.Call([&] { object = nullptr; });
+      EXPECT_EQ(life.destroyed, 0);
+    });
+    EXPECT_EQ(life.destroyed, 1);
+    other.Stop();
+    runs.join();
+  });
+}
+
+TEST(LoopObject, IsLetGoElsewhereThoughACallbackHasEndedTheLoop) {
+  WithLoop([](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    loop.Call([&] {
+      const auto alive = object->Hold();
+      std::thread waits([&] { object = nullptr; });
+      loop.End();
+      waits.join();
+      EXPECT_EQ(life.destroyed, 0);
+    });
+    EXPECT_EQ(life.destroyed, 1);
+  });
+}
+
+TEST(LoopObject, IsLetGoInAForkedChildThoughItsParentHadACallback) {
+  Life life;
+  WithLoop([&life](EventLoop& loop) {
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    const auto alive = object->Hold();
+    loop.LeaveToParent();
+    std::thread([&] { object = nullptr; }).join();
+    EXPECT_EQ(life.letGo, 0) << "the callback has it";
+  });
+}
+
 TEST(LoopObject, GoesOnWhenACallbackRefersToItWhileTheLastReferenceIsDropped) {
   for (int round = 0; round < 100; ++round) {
     WithLoop([](EventLoop& loop) {

@@ -189,6 +189,21 @@ TEST(TimerQueue, MayBeCancelledInItsOwnCallback) {
   });
 }
 
+// The parent's thread, in whose callback the child was made, is not there to end it.
+TEST(TimerQueue, IsCancelledInAForkedChildThoughItsParentHadACallback) {
+  WithTime([](EventLoop& loop, auto advance) {
+    int fired = 0;
+    Timer timer(loop);
+    timer.Start(milliseconds(10), 1, [&] {
+      ++fired;
+      loop.LeaveToParent();
+      std::thread([&] { timer.Cancel(); }).join();
+    });
+    advance(milliseconds(10));
+    EXPECT_EQ(fired, 1);
+  });
+}
+
 TEST(TimerQueue, MayBeDestroyedInItsOwnCallback) {
   WithTime([](EventLoop& loop, auto advance) {
     int fired = 0;

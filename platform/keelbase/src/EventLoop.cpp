@@ -427,10 +427,13 @@ void EventLoop::End() {
   timers_.ForgetFiring();
   const MutexLock lock(mutex_);
   holds_ = 1;  // what has called this from inside the loop goes on no more
+  callbacksOver_ = true;
+  callbackEnded_.notify_all();
 }
 
 void EventLoop::LeaveToParent() {
   leftToParent_.store(true, std::memory_order_relaxed);
+  callbacksOver_ = true;
   running_.store(false, std::memory_order_relaxed);
   epoll_.Reset();
 }

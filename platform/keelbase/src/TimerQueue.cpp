@@ -15,6 +15,7 @@ Timer::Timer(EventLoop& loop) : loop_(loop) {
 
 void Timer::Start(std::chrono::microseconds interval, std::uint32_t count,
                   Function function) noexcept {
+  if (loop_.IsLeftToParent()) return;
   Cancel();
   interval_ = std::clamp(interval, std::chrono::microseconds(count == 1 ? 0 : 1), Clock::kLongest);
   left_ = count;
@@ -24,7 +25,10 @@ void Timer::Start(std::chrono::microseconds interval, std::uint32_t count,
 }
 
 // Its own callback, which must not be waited for, may act in place on another loop just now.
-void Timer::Cancel() { loop_.Timers().Remove(*this, loop_.IsCurrent() || loop_.IsHeldHere()); }
+void Timer::Cancel() {
+  if (loop_.IsLeftToParent()) return;
+  loop_.Timers().Remove(*this, loop_.IsCurrent() || loop_.IsHeldHere());
+}
 
 bool Timer::IsActive() const { return loop_.Timers().Contains(*this); }
 

@@ -18,10 +18,11 @@ namespace fipc {
 //
 // Threads: used on the thread that made it when that is a platform thread, else from one thread at
 // a time; callbacks come on that platform thread, else on the network thread. References may be
-// dropped on any thread. Releasing the last reference cancels or stops: no indication comes after
-// it, and one that is just running on another thread is waited for, and nobody else. An acceptor
-// that is released on another thread than that of its callbacks gives its endpoint up a moment
-// later; StopListen waits for that.
+// dropped on any thread. Releasing the last reference cancels or stops: no indication begins after
+// it. One that is just running is waited for, and nobody else, unless the releasing thread runs a
+// loop: for that the callback could be waiting, so it may end a moment later. An acceptor that is
+// released on another thread than that of its callbacks gives its endpoint up a moment later;
+// StopListen waits for that.
 class FIPC_API IAWIPCAcceptorConnectorId {
  public:
   virtual std::uint32_t AddReference() = 0;

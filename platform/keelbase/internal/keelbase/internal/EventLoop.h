@@ -86,7 +86,6 @@ class KEELBASE_API EventLoop {
   void BindToCurrentThread();
   bool IsCurrent() const { return current_ == this; }
   static EventLoop* Current() { return current_; }
-  static const void* ThreadMark() { return &current_; }  // another one for each thread
   bool IsHeldHere() const;  // this thread runs it or works on it in place
   std::uint64_t GetThreadNumber() const { return thread_.load(std::memory_order_relaxed); }
   void CheckCurrent(const char* operation) const;  // debug builds stop on a wrong thread
@@ -115,12 +114,17 @@ class KEELBASE_API EventLoop {
   // At once on the loop's thread, else as PostTask; once the loop has stopped in place, or by
   // whoever works there just then. Waits for nobody.
   void HandOver(LoopTask& task);
-  // For an object's release on a thread that does not hold the loop: waits until `ended()`, which
-  // is asked again at each TellCallbackEnded().
+  // Whether this thread may wait for a callback of the loop: one that runs a loop may not, since
+  // the callback may be waiting for it in a Call; and when the callbacks are over none ever ends.
+  bool CanAwaitCallbacks() const {
+    return (current_ == nullptr || !current_->IsHeldHere()) && !callbacksOver_;
+  }
+  // For an object's release: waits until `ended()`, which is asked again at each
+  // TellCallbackEnded(), or the callbacks are over.
   template <class Condition>
   void AwaitCallback(Condition ended) {
     MutexLock lock(mutex_);
-    while (!ended()) lock.Wait(callbackEnded_);
+    while (!ended() && !callbacksOver_) lock.Wait(callbackEnded_);
   }
   void TellCallbackEnded() {
     const MutexLock lock(mutex_);
@@ -134,8 +138,9 @@ class KEELBASE_API EventLoop {
   // called inside a callback of the loop: it never returns, and nobody waits for it any more.
   void End();
   // A forked child that ends has no use for its parent's loop, whose descriptors both share: from
-  // here on nothing is watched any more, what is handed over stays as it is, and calls run in
-  // place. Takes no lock: a thread that the child does not have may hold it.
+  // here on nothing is watched any more, what is handed over stays as it is, timers neither start
+  // nor end, and calls run in place. Takes no lock: a thread that the child does not have may hold
+  // it.
   void LeaveToParent();
   bool IsLeftToParent() const { return leftToParent_.load(std::memory_order_relaxed); }
   // Takes over what a thread holds that waits in a Call for the function that has called exit(), on
@@ -229,6 +234,7 @@ class KEELBASE_API EventLoop {
   std::atomic<bool> stop_{false};
   std::atomic<std::uint32_t> spin_{0};
   std::atomic<bool> leftToParent_{false};
+  std::atomic<bool> callbacksOver_{false};  // one that has begun does not end any more
 
   // What those who post write to stands apart from what the loop's thread uses for each event.
   alignas(kCacheLine) Mutex mutex_;

@@ -11,8 +11,8 @@ namespace keelbase::internal {
 
 // Implements the counting half of Interface. References may be dropped on any thread; the object is
 // destroyed on its loop's thread, or once that has stopped in place, while nobody else works there.
-// Whoever drops the last one somewhere else waits for a callback of the object that is running, so
-// that none is left behind.
+// A thread that runs no loop, and has nobody who waits for it, waits in its last release for a
+// callback of the object that is running, so that none is left behind.
 template <class Interface>
 class LoopObject : public Interface {
  public:
@@ -22,7 +22,7 @@ class LoopObject : public Interface {
   std::uint32_t ReleaseReference() final {
     std::uint64_t state = state_.load(std::memory_order_acquire);
     do {
-      if (Users(state) == 1 && Holders(state) != 0 && !IsCalledBackHere())
+      while (Users(state) == 1 && Holders(state) != 0 && loop_.CanAwaitCallbacks())
         state = AwaitCallback(state);
     } while (!state_.compare_exchange_weak(state, state - kUser, std::memory_order_acq_rel));
     if (Users(state) == 1 && Holders(state) == 0) Destroy();
@@ -51,7 +51,6 @@ class LoopObject : public Interface {
   Held Hold() {
     std::uint64_t state = state_.load(std::memory_order_relaxed);
     while (HasListener(state)) {
-      calledBackOn_.store(EventLoop::ThreadMark(), std::memory_order_relaxed);
       if (state_.compare_exchange_weak(state, state + kHolder, std::memory_order_release))
         return Held(this);
     }
@@ -88,14 +87,8 @@ class LoopObject : public Interface {
     return Users(state) != 0 && ((state & kAwaited) == 0 || Holders(state) != 0);
   }
 
-  // Whoever ends the process on behalf of a thread that it has stopped stands for that one.
-  bool IsCalledBackHere() const {
-    return calledBackOn_.load(std::memory_order_relaxed) == EventLoop::ThreadMark() ||
-           loop_.IsHeldHere();
-  }
-
-  // With the last reference in hand, so that the object stays. The state as it is then: the
-  // callback may have added a reference.
+  // With the last reference in hand, so that the object stays. The state as it is then, to be
+  // looked at again: a reference may have been added, another callback may have begun.
   std::uint64_t AwaitCallback(std::uint64_t state) {
     if (!state_.compare_exchange_strong(state, state | kAwaited)) return state;
     loop_.AwaitCallback([this] {
@@ -129,7 +122,6 @@ class LoopObject : public Interface {
   EventLoop& loop_;
   DestroyThere destroyThere_;
   std::atomic<std::uint64_t> state_{0};
-  std::atomic<const void*> calledBackOn_{nullptr};  // the thread, while callbacks run
   std::atomic<bool> destroying_{false};
 };
 
