@@ -356,7 +356,7 @@ void PtcpConnection::Ended(int error, Time now) {
   if (!silent) {
     CloseError told;
     ngtcp2::SetLibraryError(told, error);
-    SendClose(&told, now);
+    SendClose(told, now);
   }
   Fail(noMemory_ ? ENOMEM : ReasonOf(error));
 }
@@ -366,17 +366,17 @@ void PtcpConnection::Close(bool inOrder, Time now) {
   if (conn_ == nullptr) return Fail(ECONNABORTED);  // it never began
   CloseError told;
   ngtcp2::SetApplicationError(told, inOrder ? kClosedInOrder : kGivenUp);
-  SendClose(&told, now);
+  SendClose(told, now);
   Fail(inOrder ? 0 : ECONNABORTED);
 }
 
-void PtcpConnection::SendClose(const void* error, Time now) {
+void PtcpConnection::SendClose(const CloseError& error, Time now) {
   std::array<std::uint8_t, kLargestDatagram> packet;
   std::size_t room = packet.size();
   if (server_ && !established_)  // the address is not proved
     room = static_cast<std::size_t>(std::min<std::uint64_t>(room, UnprovedRoom()));
-  const ngtcp2_ssize length = ngtcp2_conn_write_connection_close(
-      conn_, nullptr, nullptr, packet.data(), room, static_cast<const CloseError*>(error), now);
+  const ngtcp2_ssize length =
+      ngtcp2_conn_write_connection_close(conn_, nullptr, nullptr, packet.data(), room, &error, now);
   if (length > 0) CountAndSend(Bytes(packet).first(static_cast<std::size_t>(length)));
 }
 

@@ -105,7 +105,7 @@ class PtcpConnection {
   void OnStreamData(std::int64_t stream, Bytes data, bool last);
   void OpenStream();
   void Ended(int error, Time now);
-  void SendClose(const void* closeError, Time now);
+  void SendClose(const ngtcp2::CloseError& error, Time now);
   struct Offer;
   Offer MakeOffer(bool room);
   bool WriteOne(Time now, std::uint64_t room, std::size_t& total);

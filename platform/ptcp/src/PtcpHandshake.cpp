@@ -93,11 +93,10 @@ bool PtcpHandshake::InstallReceiveKey() {
 
 // `content`, then the transport parameters with their length, when wanted. ngtcp2 refers to it
 // until the peer has acknowledged it.
-bool PtcpHandshake::SendMessage(std::uint32_t level, Bytes content, bool withParams) {
-  const auto place = static_cast<ngtcp2::Level>(level);
-  auto& message = ours_[place == ngtcp2::kInitialLevel ? 0 : 1];
+bool PtcpHandshake::SendMessage(ngtcp2::Level level, Bytes content, bool withParams) {
+  auto& message = ours_[level == ngtcp2::kInitialLevel ? 0 : 1];
   message.clear();
-  if (!server_ && place == ngtcp2::kInitialLevel) message = Join(kMagic);
+  if (!server_ && level == ngtcp2::kInitialLevel) message = Join(kMagic);
   message.insert(message.end(), content.begin(), content.end());
   if (withParams) {
     std::array<std::uint8_t, kLargestMessage / 2> params;
@@ -108,14 +107,13 @@ bool PtcpHandshake::SendMessage(std::uint32_t level, Bytes content, bool withPar
     message.push_back(static_cast<std::uint8_t>(length & 255));
     message.insert(message.end(), params.begin(), params.begin() + length);
   }
-  return ngtcp2_conn_submit_crypto_data(conn_, place, message.data(), message.size()) == 0;
+  return ngtcp2_conn_submit_crypto_data(conn_, level, message.data(), message.size()) == 0;
 }
 
 // Bytes of the handshake, in order. Each of the peer's messages is awaited once; more is an error.
-bool PtcpHandshake::OnMessage(std::uint32_t level, Bytes data) {
-  const bool initial = static_cast<ngtcp2::Level>(level) == ngtcp2::kInitialLevel;
-  if (!initial && static_cast<ngtcp2::Level>(level) != ngtcp2::kHandshakeLevel) return false;
-  if (step_ != (initial ? 0 : 1)) return false;
+bool PtcpHandshake::OnMessage(ngtcp2::Level level, Bytes data) {
+  if (level != awaited_) return false;
+  const bool initial = level == ngtcp2::kInitialLevel;
   auto& message = theirs_[initial ? 0 : 1];
   if (message.size() + data.size() > kLargestMessage) return false;
   message.insert(message.end(), data.begin(), data.end());
@@ -127,7 +125,7 @@ bool PtcpHandshake::OnInitialHello() {
   if (!server_) {
     if (message.size() < serverRandom_.size()) return true;
     if (message.size() > serverRandom_.size()) return false;
-    step_ = 1;
+    awaited_ = ngtcp2::kHandshakeLevel;
     std::copy(message.begin(), message.end(), serverRandom_.begin());
     return InstallHandshakeKeys();
   }
@@ -139,7 +137,7 @@ bool PtcpHandshake::OnInitialHello() {
   Bytes params;
   const Parsed parsed = FindParams(message, begin, params);
   if (parsed != Parsed::whole) return parsed == Parsed::more;
-  step_ = 1;
+  awaited_ = ngtcp2::kHandshakeLevel;
   std::copy_n(message.begin() + kMagic.size(), clientRandom_.size(), clientRandom_.begin());
   return ngtcp2::DecodeParams(conn_, params) == 0 &&
          SendMessage(ngtcp2::kInitialLevel, serverRandom_, false) && InstallHandshakeKeys() &&
@@ -150,13 +148,13 @@ bool PtcpHandshake::OnHandshakeHello() {
   const auto& message = theirs_[1];
   if (server_) {
     if (message.size() != kFinish.size() || message[0] != kFinish[0]) return false;
-    step_ = 2;
+    awaited_.reset();
     if (!InstallReceiveKey()) return false;
   } else {
     Bytes params;
     const Parsed parsed = FindParams(message, 0, params);
     if (parsed != Parsed::whole) return parsed == Parsed::more;
-    step_ = 2;
+    awaited_.reset();
     if (ngtcp2::DecodeParams(conn_, params) != 0 ||
         !SendMessage(ngtcp2::kHandshakeLevel, kFinish, false) || !InstallReceiveKey() ||
         !InstallSendKey())

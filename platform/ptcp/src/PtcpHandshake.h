@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "ConnectionId.h"
@@ -28,7 +29,7 @@ class PtcpHandshake {
   // `id` is what the client's packets are addressed to.
   bool InstallInitialKeys(const ConnectionId& id);
   // Bytes of the peer's messages, in order.
-  bool OnMessage(std::uint32_t level, Bytes data);
+  bool OnMessage(ngtcp2::Level level, Bytes data);
 
   const PacketKey& SendKey() const { return sendKey_; }
   const PacketKey& ReceiveKey() const { return receiveKey_; }
@@ -38,7 +39,7 @@ class PtcpHandshake {
   bool InstallHandshakeKeys();
   bool InstallSendKey();
   bool InstallReceiveKey();
-  bool SendMessage(std::uint32_t level, Bytes content, bool withParams);
+  bool SendMessage(ngtcp2::Level level, Bytes content, bool withParams);
   bool OnInitialHello();
   bool OnHandshakeHello();
 
@@ -50,8 +51,9 @@ class PtcpHandshake {
   PacketKey receiveKey_;
   RandomBits clientRandom_{};
   RandomBits serverRandom_{};
-  int step_ = 0;                                     // how many of the peer's messages were read
-  std::array<std::vector<std::uint8_t>, 2> theirs_;  // what came of each
+  // The level of the peer's next message; none: it has said all.
+  std::optional<ngtcp2::Level> awaited_ = ngtcp2::kInitialLevel;
+  std::array<std::vector<std::uint8_t>, 2> theirs_;  // what came of the peer's messages
   std::array<std::vector<std::uint8_t>, 2> ours_;    // must stay until acknowledged
 };
 
