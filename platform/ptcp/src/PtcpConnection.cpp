@@ -309,7 +309,10 @@ bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) 
   const ngtcp2_ssize length =
       ngtcp2_conn_writev_stream(conn_, nullptr, nullptr, packet.data(), largestPacket_, &taken,
                                 offer.flags, offer.stream, offer.pieces.data(), offer.count, now);
-  if (length == NGTCP2_ERR_STREAM_DATA_BLOCKED) return blocked_ = true;
+  if (length == NGTCP2_ERR_STREAM_DATA_BLOCKED) {
+    blocked_ = true;
+    return true;
+  }
   if (length < 0) {
     Ended(static_cast<int>(length), now);
     return false;
@@ -344,11 +347,10 @@ bool PtcpConnection::MayHaveSent(Bytes packet) const {
 void PtcpConnection::Ended(int error, Time now) {
   if (error == NGTCP2_ERR_DRAINING) {
     const CloseError told = ngtcp2::ReceivedError(conn_);
-    const bool inOrder =
-        told.type == ngtcp2::kApplicationClose && told.error_code == kClosedInOrder;
-    const bool refused =
-        told.type == ngtcp2::kTransportClose && told.error_code == NGTCP2_CONNECTION_REFUSED;
-    return Fail(inOrder ? 0 : refused ? ECONNREFUSED : ECONNRESET);
+    if (told.type == ngtcp2::kApplicationClose && told.error_code == kClosedInOrder) return Fail(0);
+    if (told.type == ngtcp2::kTransportClose && told.error_code == NGTCP2_CONNECTION_REFUSED)
+      return Fail(ECONNREFUSED);
+    return Fail(ECONNRESET);
   }
   const bool silent = error == NGTCP2_ERR_DROP_CONN || error == NGTCP2_ERR_RETRY ||
                       error == NGTCP2_ERR_IDLE_CLOSE || error == NGTCP2_ERR_CLOSING ||
