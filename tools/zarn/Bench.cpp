@@ -30,10 +30,10 @@ struct BenchOptions {
 
 struct Row {
   std::uint32_t size = 0;
-  std::unique_ptr<Latency> round_trips = std::make_unique<Latency>();
-  double round_trips_per_second = 0;
+  std::unique_ptr<Latency> roundTrips = std::make_unique<Latency>();
+  double roundTripsPerSecond = 0;
   std::uint32_t window = 0;  // messages under way at once in the second measurement
-  double messages_per_second = 0;
+  double messagesPerSecond = 0;
   bool complete = false;
 };
 
@@ -115,7 +115,7 @@ bool Bench::SendOne() {
 void Bench::Received(const Message& message) {
   if (message.type != options_.type || message.tag != number_ || underWay_ == 0) return;
   const auto now = Clock::now();
-  if (!IsPipelined()) rows_.back().round_trips->Add(now - lastAnswer_);
+  if (!IsPipelined()) rows_.back().roundTrips->Add(now - lastAnswer_);
   lastAnswer_ = now;
   ++answers_;
   --underWay_;
@@ -131,12 +131,12 @@ void Bench::EndMeasurement() {
   const double seconds = std::chrono::duration<double>(lastAnswer_ - startedAt_).count();
   const double rate = static_cast<double>(answers_) / seconds;
   if (!IsPipelined()) {
-    row.round_trips_per_second = rate;
+    row.roundTripsPerSecond = rate;
     const std::size_t fitting = kMostInFlight / std::max<std::size_t>(row.size, 1);
     row.window = std::min(options_.window, static_cast<std::uint32_t>(fitting));
     return StartMeasurement(row.window);
   }
-  row.messages_per_second = rate;
+  row.messagesPerSecond = rate;
   row.complete = true;
   PrintRow(row);
   StartRow();
@@ -179,18 +179,18 @@ int Bench::Summarise(int code) {
 }
 
 double MegabytesPerSecond(const Row& row) {
-  return row.messages_per_second * static_cast<double>(row.size) / 1e6;
+  return row.messagesPerSecond * static_cast<double>(row.size) / 1e6;
 }
 
 void Bench::PrintRow(const Row& row) {
   Json::Value object;
   object["event"] = "result";
   object["size"] = row.size;
-  object["round_trips"] = Json::UInt64(row.round_trips->GetCount());
-  object["round_trips_per_s"] = row.round_trips_per_second;
-  AddRoundTrips(object, *row.round_trips);
+  object["round_trips"] = Json::UInt64(row.roundTrips->GetCount());
+  object["round_trips_per_s"] = row.roundTripsPerSecond;
+  AddRoundTrips(object, *row.roundTrips);
   object["window"] = row.window;
-  object["messages_per_s"] = row.messages_per_second;
+  object["messages_per_s"] = row.messagesPerSecond;
   object["mb_per_s"] = MegabytesPerSecond(row);
   GetOutput().Object(object);
 }
@@ -202,12 +202,12 @@ void Bench::PrintTable() {
   output.Text("{:>8} | {:>8} {:>8} {:>8} {:>8} {:>8} {:>8} | {:>6} {:>10} {:>8}", "bytes", "p50",
               "p90", "p99", "p99.9", "max", "per s", "window", "messages/s", "MB/s");
   for (const Row& row : rows_) {
-    const Latency& latency = *row.round_trips;
+    const Latency& latency = *row.roundTrips;
     output.Text(
         "{:>8} | {:>8.1f} {:>8.1f} {:>8.1f} {:>8.1f} {:>8.1f} {:>8.0f} | {:>6} {:>10.0f} {:>8.1f}",
         row.size, latency.GetPercentile(50), latency.GetPercentile(90), latency.GetPercentile(99),
-        latency.GetPercentile(99.9), latency.GetMax(), row.round_trips_per_second, row.window,
-        row.messages_per_second, MegabytesPerSecond(row));
+        latency.GetPercentile(99.9), latency.GetMax(), row.roundTripsPerSecond, row.window,
+        row.messagesPerSecond, MegabytesPerSecond(row));
   }
   output.Text("messages/s and MB/s are those of one way; the other way carries as much at once");
 }
