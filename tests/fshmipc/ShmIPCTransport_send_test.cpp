@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "ChildTest.h"
+#include "OpenDescriptors.h"
 #include "RealShmIpc.h"
 #include "keelbase/CAWHash.h"
 #include "keelbase/internal/TimerQueue.h"
@@ -82,11 +83,14 @@ TEST(ShmIPCTransportSend, BothMayLingerForEachOther) {
   ShmPair p;
   FillAndLinger(p.client);
   FillAndLinger(p.server);
+  const auto connected = CountOpenDescriptors();
+  HandClock clock;
   p.client.transport->Disconnect(0);
   p.server.transport->Disconnect(0);  // neither reads any more: they end with their time
-  HandClock clock;
-  clock.Advance(std::chrono::milliseconds(2100));
-  Turn();
+  clock.Advance(std::chrono::milliseconds(1999));
+  EXPECT_EQ(CountOpenDescriptors(), connected);
+  clock.Advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(CountOpenDescriptors(), connected - 2);
 }
 
 // --- closing and ending the process ---

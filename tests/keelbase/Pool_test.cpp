@@ -9,6 +9,7 @@
 #include <memory>
 #include <numeric>
 #include <set>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -49,13 +50,22 @@ TEST(Pool, NothingIsHandedOutTwice) {
 TEST(Pool, FreeingNothingIsFine) { PoolFree(nullptr, 64); }
 
 TEST(Pool, MemoryMayBeFreedOnAnotherThread) {
-  std::vector<void*> taken;
-  for (int i = 0; i < 1000; ++i) taken.push_back(PoolAllocate(100));
+  constexpr std::size_t kSize = 100;
+  std::vector<void*> given;
+  for (int i = 0; i < 1000; ++i) given.push_back(PoolAllocate(kSize));
+  std::set<void*> taken;
   std::thread([&] {
-    for (void* memory : taken) PoolFree(memory, 100);
-    for (void*& memory : taken) memory = PoolAllocate(100);
+    for (void* memory : given) PoolFree(memory, kSize);
+    for (int i = 0; i < 1000; ++i) EXPECT_TRUE(taken.insert(PoolAllocate(kSize)).second);
   }).join();
-  for (void* memory : taken) PoolFree(memory, 100);
+  int number = 0;
+  for (void* memory : taken) std::memset(memory, number++ % 251, kSize);
+  number = 0;
+  for (void* memory : taken) {
+    EXPECT_EQ(std::string(static_cast<char*>(memory), kSize),
+              std::string(kSize, static_cast<char>(number++ % 251)));
+    PoolFree(memory, kSize);
+  }
 }
 
 struct FreesAtThreadEnd {

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Exhaustion.h"
+#include "LogTest.h"
 #include "NetworkThread.h"
 #include "TempRoot.h"
 #include "zarn/utils/CZARNAppsManager.h"
@@ -19,7 +20,6 @@
 #include "zarn/utils/CZARNMetrics.h"
 #include "zarn/utils/CZARNShareMemory.h"
 #include "zarn/utils/CZARNSqliteDB.h"
-#include "zarn/utils/ZARNLoggerImp.h"
 #include "zarn/utils/zarnutils.h"
 
 namespace zarn::test {
@@ -312,13 +312,22 @@ TEST(MetricsAllocations, ASnapshotWithoutMemorySaysThatItIsIncomplete) {
   }
 }
 
-TEST(LoggerAllocations, ALineThatFindsNoMemoryDoesNoHarm) {
-  const TempDir dir;
-  utils::ZARNLoggerImp logger;
-  logger.Init((dir.GetPath() + "/log").c_str(), nullptr);
+// With %n a line is put together in strings.
+TEST(LoggerAllocations, ALineThatFindsNoMemoryIsLeftOutAndTheNextIsWhole) {
+  const FixedTime time;
+  FileLogger file;
   const std::string text(10000, 't');
-  for (EachAllocation each; each.Next();)
-    each.Try([&] { logger.Print("level", "function", "%s", text.c_str()); });
+  int before = 0;
+  const auto print = [&] { file.logger.Print("level", "function", "%n%s", &before, text.c_str()); };
+  print();
+  const std::string line = file.Take();
+  EXPECT_NE(line.find(text + "\n"), std::string::npos);
+  for (EachAllocation each; each.Next();) {
+    each.Try(print);
+    EXPECT_EQ(file.Take(), each.HasFailed() ? "" : line) << each.GetNumber();
+    print();
+    EXPECT_EQ(file.Take(), line) << each.GetNumber();
+  }
 }
 
 }  // namespace
