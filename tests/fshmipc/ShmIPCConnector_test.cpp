@@ -5,14 +5,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 
 #include "DescriptorShortage.h"
+#include "OpenDescriptors.h"
 #include "RawPeer.h"
 #include "TraceLines.h"
 #include "VirtualSlot.h"
@@ -42,8 +41,7 @@ long Reason() {
 
 // Open descriptors and mapped connections of this process.
 struct Held {
-  std::ptrdiff_t descriptors = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
-                                             std::filesystem::directory_iterator());
+  std::ptrdiff_t descriptors = CountOpenDescriptors();
   int mappings = CountMappings();
 
   static int CountMappings() {
@@ -330,6 +328,7 @@ constexpr Stage kStages[] = {Stage::asked, Stage::connected, Stage::welcomed, St
 
 void GiveUpAt(Stage stage, const std::function<void(CAWAutoPtr<IAWShmIPCConnector>&)>& giveUp) {
   ForeignServer server;
+  HandClock clock;
   const Held before;
   auto connector = MakeShmConnector();
   auto sink = std::make_unique<ShmIndicationSink>();
@@ -340,8 +339,8 @@ void GiveUpAt(Stage stage, const std::function<void(CAWAutoPtr<IAWShmIPCConnecto
   if (stage == Stage::answered) peer.Send(Answer(kLayoutVersion, 0));
   giveUp(connector);
   EXPECT_EQ(sink->count, 0);
-  sink.reset();                                               // an indication would touch it
-  std::this_thread::sleep_for(std::chrono::milliseconds(2));  // more than the pause before a try
+  sink.reset();                                  // an indication would touch it
+  clock.Advance(std::chrono::milliseconds(10));  // the pause between two tries
   Turn();
   if (stage != Stage::asked) {
     std::string received;
