@@ -290,7 +290,7 @@ TEST(IPCConnector, ConnectsByAPathLongerThanASocketAddress) {
   EXPECT_EQ(ReasonOf(deep + "/5_6"), ENOENT);
 }
 
-TEST(IPCConnector, SlotsOfConnectorAcceptorAndSink) {
+TEST(IPCConnector, VirtualFunctionsOfConnectorAcceptorAndSinkKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&IAWIPCAcceptorConnectorSink::OnIPCConnectIndication), 0);
   EXPECT_EQ(VirtualSlot(&IAWIPCAcceptorConnectorId::AddReference), 0);
   EXPECT_EQ(VirtualSlot(&IAWIPCAcceptorConnectorId::ReleaseReference), 1);

@@ -118,7 +118,7 @@ TEST(IPCTransport, ProcessThatClosesAndEndsLosesNothing) {
   }
 }
 
-TEST(IPCTransport, SlotsOfTransportAndSink) {
+TEST(IPCTransport, VirtualFunctionsOfTransportAndSinkKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&IAWIPCTransportSink::OnReceive), 0);
   EXPECT_EQ(VirtualSlot(&IAWIPCTransportSink::OnSend), 1);
   EXPECT_EQ(VirtualSlot(&IAWIPCTransportSink::OnDisconnect), 2);

@@ -49,7 +49,7 @@ TEST(CAWShmIPCManager, AddressesAreValues) {
   EXPECT_NE(CAWShmIPCAddr(1, 2), CAWShmIPCAddr(2, 1));
 }
 
-TEST(CAWShmIPCManager, Slots) {
+TEST(CAWShmIPCManager, VirtualFunctionsKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&CAWShmIPCManager::SetSystemPath), 0);
   EXPECT_EQ(VirtualSlot(&CAWShmIPCManager::CreateConnector), 1);
   EXPECT_EQ(VirtualSlot(&CAWShmIPCManager::CreateAcceptor), 2);

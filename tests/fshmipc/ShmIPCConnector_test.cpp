@@ -449,7 +449,7 @@ TEST(ShmIPCConnector, ConnectionsComeAndGoWithoutALeak) {
   EXPECT_EQ(Held(), before);
 }
 
-TEST(ShmIPCConnector, SlotsOfConnectorAcceptorAndSink) {
+TEST(ShmIPCConnector, VirtualFunctionsOfConnectorAcceptorAndSinkKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&IAWShmIPCConnector::AddReference), 0);
   EXPECT_EQ(VirtualSlot(&IAWShmIPCConnector::ReleaseReference), 1);
   EXPECT_EQ(VirtualSlot(&IAWShmIPCConnector::SetOption), 2);

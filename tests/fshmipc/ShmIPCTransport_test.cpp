@@ -118,7 +118,7 @@ TEST(ShmIPCTransport, AddressesAndTheRingSizeAreNoOptions) {
   }
 }
 
-TEST(ShmIPCTransport, SlotsOfTransportAndSink) {
+TEST(ShmIPCTransport, VirtualFunctionsOfTransportAndSinkKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&IAWShmIPCTransportSink::OnReceive), 0);
   EXPECT_EQ(VirtualSlot(&IAWShmIPCTransportSink::OnSend), 1);
   EXPECT_EQ(VirtualSlot(&IAWShmIPCTransportSink::OnDisconnect), 2);

@@ -78,7 +78,7 @@ TEST(CAWEventQueue, EventsMayAskForMoreAlignmentThanThePoolGives) {
   }
 }
 
-TEST(CAWEventQueue, SlotsOfTheEvent) {
+TEST(CAWEventQueue, VirtualFunctionsOfTheEventKeepTheirSlots) {
   EXPECT_EQ(zarn::test::VirtualSlot(&IAWEvent::OnEventFire), 0);
   EXPECT_EQ(zarn::test::VirtualSlot(&IAWEvent::OnDestorySelf), 1);
 }

@@ -147,7 +147,7 @@ TEST(CAWTimer, MayBeScheduledAgainInItsOwnCallback) {
   TaskThread()->Call([&] { timer.Cancel(); });
 }
 
-TEST(CAWTimer, SlotsOfTheSink) {
+TEST(CAWTimer, VirtualFunctionOfTheSinkKeepsItsSlot) {
   EXPECT_EQ(zarn::test::VirtualSlot(&CAWTimerWrapperIDSink::OnTimer), 0);
 }
 

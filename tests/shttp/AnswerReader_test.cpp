@@ -89,18 +89,18 @@ std::string Chunked(const std::string& chunks, const std::string& more = "") {
 
 // --- how long it is ---
 
-TEST(AnswerLength, ByContentLength) {
+TEST(AnswerLength, ContentLengthSaysWhereItEnds) {
   EXPECT_EQ(ReadAnyhow(WithLength("hello")), Good(200, "hello"));
   EXPECT_EQ(ReadAnyhow(WithLength("")), Good(200, ""));
   EXPECT_EQ(ReadAnyhow("HTTP/1.1 404 \r\nContent-Length: 2\r\n\r\nno"), Good(404, "no"));
 }
 
-TEST(AnswerLength, ByTheEndOfTheConnection) {
+TEST(AnswerLength, WithoutALengthItEndsWithTheConnection) {
   EXPECT_EQ(ReadAnyhow("HTTP/1.0 200 OK\r\n\r\nhello"), Good(200, "hello", false));
   EXPECT_EQ(ReadAnyhow("HTTP/1.1 200 OK\r\n\r\n"), Good(200, "", false));
 }
 
-TEST(AnswerLength, ByChunks) {
+TEST(AnswerLength, ChunksEndWithTheEmptyOne) {
   EXPECT_EQ(ReadAnyhow(Chunked("5\r\nhello\r\n0\r\n\r\n")), Good(200, "hello"));
   EXPECT_EQ(ReadAnyhow(Chunked("5;x=y;z=\"q\"\r\nhello\r\nA\r\n, you over\r\n00\r\n\r\n")),
             Good(200, "hello, you over"));

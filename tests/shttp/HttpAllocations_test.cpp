@@ -124,34 +124,34 @@ class HttpAllocations : public ::testing::Test {
   std::string password;
 };
 
-TEST_F(HttpAllocations, ARequestToAnAddress) { ExpectOneResultEachTime(200); }
+TEST_F(HttpAllocations, ARequestToAnAddressHasOneResult) { ExpectOneResultEachTime(200); }
 
-TEST_F(HttpAllocations, ARequestToAName) {
+TEST_F(HttpAllocations, ARequestToANameHasOneResult) {
   url = server.GetUrl("localhost", "/");
   ExpectOneResultEachTime(200);
 }
 
-TEST_F(HttpAllocations, ARequestWithAPassword) {
+TEST_F(HttpAllocations, ARequestWithAPasswordHasOneResult) {
   password = "a password that is longer than a short text";
   ExpectOneResultEachTime(200);
 }
 
-TEST_F(HttpAllocations, ARequestThatTheSystemTakesInParts) {
+TEST_F(HttpAllocations, ARequestThatTheSystemTakesInPartsHasOneResult) {
   user.body = std::string(4 << 20, 'b') + '!';
   ExpectOneResultEachTime(200);
 }
 
-TEST_F(HttpAllocations, ARequestThatNobodyListensTo) {
+TEST_F(HttpAllocations, ARequestThatNobodyListensToHasOneResult) {
   server.StopListen();
   ExpectOneResultEachTime(-ECONNREFUSED);
 }
 
-TEST_F(HttpAllocations, ARequestWithARefusedSetting) {
+TEST_F(HttpAllocations, ARequestWithARefusedSettingHasOneResult) {
   user.setting = "Host: this.is.the.library's.own.business";
   ExpectOneResultEachTime(-EINVAL);
 }
 
-TEST_F(HttpAllocations, ARequestWithARefusedUrl) {
+TEST_F(HttpAllocations, ARequestWithARefusedUrlHasOneResult) {
   url = "http://a b/";
   ExpectOneResultEachTime(-EINVAL);
 }

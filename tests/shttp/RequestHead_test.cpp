@@ -34,7 +34,7 @@ bool Has(const std::string& head, const std::string& line) {
 
 // --- settings ---
 
-TEST(SettingText, GoodOnes) {
+TEST(SettingText, GoodOnesAreTaken) {
   const std::vector<std::tuple<std::string, std::string, Fields>> table = {
       {"", "POST", {}},
       {"GET", "GET", {}},

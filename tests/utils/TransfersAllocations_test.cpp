@@ -268,7 +268,10 @@ class StreamTransfersAllocations : public TransfersAllocations<Over> {};
 using Streams = ::testing::Types<IpcLink, ShmLink, TcpLink, TlsLink>;
 TYPED_TEST_SUITE(StreamTransfersAllocations, Streams, LinkNames);
 
-TYPED_TEST(StreamTransfersAllocations, SoItIsWhenMemoryNeverComesBack) { this->Try(true); }
+TYPED_TEST(StreamTransfersAllocations,
+           WhatArrivesIsTheBeginningOfWhatWasTakenAlsoWhenMemoryNeverComesBack) {
+  this->Try(true);
+}
 
 }  // namespace
 }  // namespace zarn::test

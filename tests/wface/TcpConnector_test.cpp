@@ -350,7 +350,7 @@ TEST(TcpConnector, LackOfDescriptorsIsAnErrorAndPasses) {
   EXPECT_EQ(ReasonOf(server.Address()), 0);
 }
 
-TEST(TcpConnector, SlotsOfSinkAndId) {
+TEST(TcpConnector, VirtualFunctionsOfSinkAndIdKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&IAWAcceptorConnectorSink::OnConnectIndication), 0);
   EXPECT_EQ(VirtualSlot(&IAWAcceptorConnectorId::AddReference), 0);
   EXPECT_EQ(VirtualSlot(&IAWAcceptorConnectorId::ReleaseReference), 1);

@@ -99,7 +99,7 @@ TEST(TcpTransport, ResetIsNoOrderlyEnd) {
   EXPECT_EQ(c.sink.reason, ECONNRESET);
 }
 
-TEST(TcpTransport, SlotsOfTransportAndSink) {
+TEST(TcpTransport, VirtualFunctionsOfTransportAndSinkKeepTheirSlots) {
   EXPECT_EQ(VirtualSlot(&IAWTransportSink::OnReceive), 0);
   EXPECT_EQ(VirtualSlot(&IAWTransportSink::OnSend), 1);
   EXPECT_EQ(VirtualSlot(&IAWTransportSink::OnDisconnect), 2);
