@@ -163,7 +163,7 @@ void Serve::Watch() {
   lostEndpoint_ = !problem.empty();
 }
 
-// To zarn stat. A server without an install root, which TCP does not need, does without.
+// To zarn stat. A server without an install root, which ports do not need, does without.
 void Serve::ShowMetrics() {
   if (!CheckRoot().empty()) return;
   const auto result = static_cast<long>(utils::ZARNEnableMetrics());
