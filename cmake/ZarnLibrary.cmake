@@ -23,8 +23,8 @@ function(zarn_set_warnings target)
 endfunction()
 
 # zarn_library(NAME name DESCRIPTION text INCLUDE_DIR dir
-#              [SOURCE_DIR dir] [EXPORT_NAME name] [PUBLIC_DEPS ...] [PUBLIC_PACKAGES ...]
-#              [PRIVATE_DEPS ...] [HEADER_ONLY])
+#              SOURCE_DIR dir [EXPORT_NAME name] [PUBLIC_DEPS ...] [PUBLIC_PACKAGES ...]
+#              [PRIVATE_DEPS ...])
 #
 # Declares a library with its public headers (*.h below INCLUDE_DIR) and its sources (SOURCE_DIR/*.cpp;
 # private headers lie beside them), its installation and its pkg-config file. PUBLIC_DEPS are
@@ -35,7 +35,7 @@ endfunction()
 # A program links one kind or the other, never both: each singleton must exist once.
 function(zarn_library)
   cmake_parse_arguments(
-    arg "HEADER_ONLY" "NAME;DESCRIPTION;INCLUDE_DIR;SOURCE_DIR;EXPORT_NAME"
+    arg "" "NAME;DESCRIPTION;INCLUDE_DIR;SOURCE_DIR;EXPORT_NAME"
     "PUBLIC_DEPS;PUBLIC_PACKAGES;PRIVATE_DEPS" ${ARGN})
   if(NOT arg_EXPORT_NAME)
     set(arg_EXPORT_NAME ${arg_NAME})
@@ -43,17 +43,35 @@ function(zarn_library)
   cmake_path(ABSOLUTE_PATH arg_INCLUDE_DIR OUTPUT_VARIABLE include_dir)
   list(TRANSFORM arg_PUBLIC_PACKAGES PREPEND PkgConfig:: OUTPUT_VARIABLE packages)
 
-  if(arg_HEADER_ONLY)
-    add_library(${arg_NAME} INTERFACE)
-    zarn_add_usage(${arg_NAME} INTERFACE ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
-    add_library(${arg_NAME}_static INTERFACE)
-    list(TRANSFORM arg_PUBLIC_DEPS APPEND _static OUTPUT_VARIABLE static_deps)
-    zarn_add_usage(${arg_NAME}_static INTERFACE ${include_dir} ${static_deps} ${packages})
-  else()
-    zarn_add_compiled_library()
-  endif()
-  add_library(zarn::${arg_EXPORT_NAME} ALIAS ${arg_NAME})
+  file(GLOB sources CONFIGURE_DEPENDS ${arg_SOURCE_DIR}/*.cpp)
+  add_library(${arg_NAME}_objects OBJECT ${sources})
+  zarn_add_usage(${arg_NAME}_objects PUBLIC ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
+  target_link_libraries(${arg_NAME}_objects PRIVATE ${arg_PRIVATE_DEPS})
+  target_include_directories(${arg_NAME}_objects PRIVATE ${arg_SOURCE_DIR})
+  zarn_compile_as_library(${arg_NAME}_objects)
 
+  add_library(${arg_NAME} SHARED $<TARGET_OBJECTS:${arg_NAME}_objects>)
+  zarn_add_usage(${arg_NAME} PUBLIC ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
+  target_link_libraries(${arg_NAME} PRIVATE ${arg_PRIVATE_DEPS})
+  set_target_properties(
+    ${arg_NAME}
+    PROPERTIES LINKER_LANGUAGE CXX
+               VERSION ${PROJECT_VERSION}
+               SOVERSION ${PROJECT_VERSION_MAJOR}
+               INSTALL_RPATH "$ORIGIN")
+  target_link_options(${arg_NAME} PRIVATE -Wl,-Bsymbolic-functions)
+  # The run-time of a sanitizer is found only when the program starts.
+  if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    target_link_options(${arg_NAME} PRIVATE -Wl,--no-undefined)
+  endif()
+
+  add_library(${arg_NAME}_static STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:${arg_NAME}_objects>)
+  list(TRANSFORM arg_PUBLIC_DEPS APPEND _static OUTPUT_VARIABLE static_deps)
+  zarn_add_usage(${arg_NAME}_static PUBLIC ${include_dir} ${static_deps} ${packages})
+  target_link_libraries(${arg_NAME}_static PRIVATE ${arg_PRIVATE_DEPS})
+  set_target_properties(${arg_NAME}_static PROPERTIES LINKER_LANGUAGE CXX)
+
+  add_library(zarn::${arg_EXPORT_NAME} ALIAS ${arg_NAME})
   set_target_properties(${arg_NAME} PROPERTIES EXPORT_NAME ${arg_EXPORT_NAME})
   install(TARGETS ${arg_NAME} EXPORT zarnutilsTargets)
   install(
@@ -76,49 +94,23 @@ function(zarn_add_usage target scope include_dir)
   target_link_libraries(${target} ${scope} ${ARGN})
 endfunction()
 
-# The rest of zarn_library() for a library that has sources.
-macro(zarn_add_compiled_library)
-  file(GLOB sources CONFIGURE_DEPENDS ${arg_SOURCE_DIR}/*.cpp)
-  add_library(${arg_NAME}_objects OBJECT ${sources})
-  zarn_add_usage(${arg_NAME}_objects PUBLIC ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
-  target_link_libraries(${arg_NAME}_objects PRIVATE ${arg_PRIVATE_DEPS})
-  target_include_directories(${arg_NAME}_objects PRIVATE ${arg_SOURCE_DIR})
-  target_compile_definitions(${arg_NAME}_objects PRIVATE ZARN_VERSION="${PROJECT_VERSION}")
+# How the objects of a library are compiled.
+function(zarn_compile_as_library target)
+  target_compile_definitions(${target} PRIVATE ZARN_VERSION="${PROJECT_VERSION}")
   set_target_properties(
-    ${arg_NAME}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
-                                   VISIBILITY_INLINES_HIDDEN ON
-                                   UNITY_BUILD ${ZARN_BATCHES} UNITY_BUILD_BATCH_SIZE 16)
+    ${target} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
+                         VISIBILITY_INLINES_HIDDEN ON
+                         UNITY_BUILD ${ZARN_BATCHES} UNITY_BUILD_BATCH_SIZE 16)
   # The record of the ABI (tests/abi) is made of the types, all of them and not only line numbers.
   target_compile_options(
-    ${arg_NAME}_objects
+    ${target}
     PRIVATE $<$<AND:$<CONFIG:RelWithDebInfo>,$<CXX_COMPILER_ID:GNU>>:-g2 -femit-class-debug-always>)
   # A message passes some dozens of our own functions: calls go straight to them. Nobody can put
   # another function in place of one of these by defining it in a program.
-  target_compile_options(${arg_NAME}_objects PRIVATE -fno-semantic-interposition -fno-plt)
-  target_compile_options(${arg_NAME}_objects PRIVATE ${ZARN_LIBRARY_OPTIONS})
-  zarn_set_warnings(${arg_NAME}_objects)
-
-  add_library(${arg_NAME} SHARED $<TARGET_OBJECTS:${arg_NAME}_objects>)
-  zarn_add_usage(${arg_NAME} PUBLIC ${include_dir} ${arg_PUBLIC_DEPS} ${packages})
-  target_link_libraries(${arg_NAME} PRIVATE ${arg_PRIVATE_DEPS})
-  set_target_properties(
-    ${arg_NAME}
-    PROPERTIES LINKER_LANGUAGE CXX
-               VERSION ${PROJECT_VERSION}
-               SOVERSION ${PROJECT_VERSION_MAJOR}
-               INSTALL_RPATH "$ORIGIN")
-  target_link_options(${arg_NAME} PRIVATE -Wl,-Bsymbolic-functions)
-  # The run-time of a sanitizer is found only when the program starts.
-  if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
-    target_link_options(${arg_NAME} PRIVATE -Wl,--no-undefined)
-  endif()
-
-  add_library(${arg_NAME}_static STATIC EXCLUDE_FROM_ALL $<TARGET_OBJECTS:${arg_NAME}_objects>)
-  list(TRANSFORM arg_PUBLIC_DEPS APPEND _static OUTPUT_VARIABLE static_deps)
-  zarn_add_usage(${arg_NAME}_static PUBLIC ${include_dir} ${static_deps} ${packages})
-  target_link_libraries(${arg_NAME}_static PRIVATE ${arg_PRIVATE_DEPS})
-  set_target_properties(${arg_NAME}_static PROPERTIES LINKER_LANGUAGE CXX)
-endmacro()
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition -fno-plt)
+  target_compile_options(${target} PRIVATE ${ZARN_LIBRARY_OPTIONS})
+  zarn_set_warnings(${target})
+endfunction()
 
 # Writes NAME.pc, which finds its prefix from where it lies, and installs it.
 macro(zarn_install_pkgconfig)
@@ -128,10 +120,6 @@ macro(zarn_install_pkgconfig)
   file(RELATIVE_PATH pc_libdir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
   file(RELATIVE_PATH pc_includedir ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
   string(JOIN " " pc_requires ${arg_PUBLIC_DEPS} ${arg_PUBLIC_PACKAGES})
-  set(pc_libs "-L\${libdir} -l${arg_NAME}")
-  if(arg_HEADER_ONLY)
-    set(pc_libs "")
-  endif()
   configure_file(${PROJECT_SOURCE_DIR}/cmake/library.pc.in ${arg_NAME}.pc @ONLY)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${arg_NAME}.pc
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
