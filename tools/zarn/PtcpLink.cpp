@@ -1,9 +1,6 @@
 // PtcpLink.cpp - see PtcpLink.h.
 #include "PtcpLink.h"
 
-#include <functional>
-#include <utility>
-
 #include "PtcpSession.h"
 #include "SessionLink.h"
 
@@ -11,46 +8,23 @@ namespace zarn::tool {
 
 namespace {
 
-struct OverPtcp {
+struct Ptcp {
   static constexpr const char* kScheme = "ptcp";
   using Session = PtcpSession;
   using Transport = ptcp::IAWPseudoTCPTransport;
   using TransportParameter = ptcp::CAWPseudoTCPTransportParameter;
+  using Acceptor = ptcp::IAWPseudoTCPAcceptor;
+  using ConnectSink = ptcp::IAWPseudoTCPAcceptorConnectorSink;
+  using Id = ptcp::IAWPseudoTCPAcceptorConnectorId;
 
-  static std::string Prepare(Session&, const Endpoint&) { return {}; }
-  static std::string GetSubject(Transport&) { return {}; }
-  static bool IsFinal(long /*reason*/) { return false; }
-
-  class Listener final : private ptcp::IAWPseudoTCPAcceptorConnectorSink {
-   public:
-    Listener(std::function<void(Transport*)> accepted, const std::function<void(long)>& /*refused*/)
-        : accepted_(std::move(accepted)) {}
-
-    static std::string Prepare(const Endpoint&) { return {}; }
-
-    keelbase::AWResult Start(const keelbase::CAWInetAddr& address) {
-      const keelbase::AWResult made =
-          ptcp::CAWPseudoTCPManager::Instance()->CreateAcceptor(acceptor_);
-      return made == keelbase::AW_OK ? acceptor_->StartListen(this, address, 0) : made;
-    }
-    void Stop() {
-      if (acceptor_) acceptor_->StopListen();
-      acceptor_ = nullptr;
-    }
-
-   private:
-    void OnConnectIndication(long reason, Transport* transport,
-                             ptcp::IAWPseudoTCPAcceptorConnectorId* /*id*/) override {
-      if (reason == 0) accepted_(transport);
-    }
-
-    const std::function<void(Transport*)> accepted_;
-    keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPAcceptor> acceptor_;
-  };
+  static keelbase::AWResult MakeAcceptor(keelbase::CAWAutoPtr<Acceptor>& out) {
+    return ptcp::CAWPseudoTCPManager::Instance()->CreateAcceptor(out);
+  }
 };
 
 }  // namespace
 
-constinit const Scheme kPtcpScheme = MakeSessionScheme<OverPtcp>("ptcp://host:port likewise");
+constinit const Scheme kPtcpScheme =
+    MakeSessionScheme<OverPlain<Ptcp>>("ptcp://host:port likewise");
 
 }  // namespace zarn::tool

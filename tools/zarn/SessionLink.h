@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -275,6 +276,43 @@ class SessionServer final : public ServerLink {
   typename Over::Listener listener_;
   std::unordered_map<Peer*, std::unique_ptr<Peer>> peers_;
   std::uint64_t accepted_ = 0;
+};
+
+// An `Over` without security: the library's own transport, as it is.
+template <class Library>
+struct OverPlain : Library {
+  using typename Library::Session;
+  using typename Library::Transport;
+
+  static std::string Prepare(Session&, const Endpoint&) { return {}; }
+  static std::string GetSubject(Transport&) { return {}; }
+  static bool IsFinal(long /*reason*/) { return false; }
+
+  class Listener final : private Library::ConnectSink {
+   public:
+    Listener(std::function<void(Transport*)> accepted, const std::function<void(long)>& /*refused*/)
+        : accepted_(std::move(accepted)) {}
+
+    static std::string Prepare(const Endpoint&) { return {}; }
+
+    keelbase::AWResult Start(const keelbase::CAWInetAddr& address) {
+      const keelbase::AWResult made = Library::MakeAcceptor(acceptor_);
+      return made == keelbase::AW_OK ? acceptor_->StartListen(this, address, 0) : made;
+    }
+    void Stop() {
+      if (acceptor_) acceptor_->StopListen();
+      acceptor_ = nullptr;
+    }
+
+   private:
+    void OnConnectIndication(long reason, Transport* transport,
+                             typename Library::Id* /*id*/) override {
+      if (reason == 0) accepted_(transport);
+    }
+
+    const std::function<void(Transport*)> accepted_;
+    keelbase::CAWAutoPtr<typename Library::Acceptor> acceptor_;
+  };
 };
 
 template <class Over>
