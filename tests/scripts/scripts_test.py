@@ -59,7 +59,7 @@ class Arguments(InTree):
         self.worked = self.tree / "worked"
         for name in WORKERS:
             self.write_program(name, f"echo {name} >>{self.worked}; exit 1")
-        self.names = sorted(path.name for path in (self.tree / "scripts").iterdir())
+        self.names = sorted(path.name for path in (self.tree / "scripts").iterdir() if not path.suffix)
 
     def run_idle(self, script, *arguments, **options):
         """Status, output and errors of a script that must do nothing."""
@@ -97,6 +97,41 @@ class Arguments(InTree):
         status, _, errors = self.run_idle("scripts/coverage", "--lines", "src")
         self.assertEqual((status, errors),
                          (1, "coverage: nothing is counted yet: run scripts/coverage\n"))
+
+
+class Builds(InTree):
+    """What the compiler says goes to a log, and is shown when the build fails."""
+
+    SCRIPTS = (["abi"], ["bench"], ["coverage"], ["demo"], ["docs"], ["fuzz"], ["soak", "1"],
+               ["soak", "--proofs"], ["test"])
+
+    def setUp(self):
+        super().setUp()
+        self.write_program("dpkg-query", "echo installed")
+
+    def build(self, *command):
+        """Status and output of a script whose build fails."""
+        process = self.start(f"scripts/{command[0]}", *command[1:])
+        output, errors = process.communicate(timeout=LIMIT)
+        self.assertNotIn("noise", errors)
+        return process.returncode, output
+
+    def test_one_that_fails_shows_its_errors_and_ends_the_script(self):
+        self.write_program("cmake", """case "$*" in *--build*) echo 'x.cpp:1: error: no such thing'
+            for i in $(seq 100); do echo noise; done; exit 1 ;; esac""")
+        for command in self.SCRIPTS:
+            with self.subTest(command=command):
+                status, output = self.build(*command)
+                self.assertEqual(status, 1)
+                self.assertIn("x.cpp:1: error: no such thing\n", output)
+                self.assertLess(output.count("noise"), 50)
+
+    def test_one_that_fails_without_a_word_shows_its_last_lines(self):
+        self.write_program("cmake", "seq 100; exit 1")
+        status, output = self.build("abi")
+        self.assertEqual(status, 1)
+        self.assertTrue(output.endswith("\n99\n100\n"), output)
+        self.assertNotIn("\n50\n", output)
 
 
 class Setup(InTree):
