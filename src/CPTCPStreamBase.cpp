@@ -64,45 +64,51 @@ AWResult CPTCPStreamBase::SendMessage(CAWMessageBlock& data,
                                       CAWPseudoTCPTransportParameter* parameter) {
   thread_.Check("CPTCPStreamBase::SendMessage");
   if (!transport_) return AW_ERROR_FAILURE;
+  if (&data == sendQueue_.GetBlock()) return SendQueueTwice(parameter);
   const std::size_t length = data.GetChainedLength();
-  const bool isCounted = &data == sendQueue_.GetBlock();  // as the messages that wait in it
-  AWResult result = AW_OK;
-  if (!sendQueue_.IsEmpty()) {
-    result = SendBehindOthers(data, parameter);
-  } else {
-    result = transport_->SendData(data, parameter);
-    if (result == AW_ERROR_PARTIAL_DATA) {
-      if (sendQueue_.Append(data) != AW_OK) {
-        Disconnect(AW_ERROR_FAILURE);  // what came next would be taken for the rest of this message
-        return AW_ERROR_FAILURE;
-      }
-      data.AdvanceChainedReadPtr(data.GetChainedLength());
-      result = AW_OK;
-    }
-  }
+  const AWResult result =
+      sendQueue_.IsEmpty() ? SendAtOnce(data, parameter) : SendBehindOthers(data, parameter);
   if (result != AW_OK) return result;
   StreamSteps::NoteQueueLength(*this);
-  if (!isCounted) StreamSteps::CountSent(*this, length);
+  StreamSteps::CountSent(*this, length);
   return AW_OK;
 }
 
-// `data` may be the queue itself. Then it grows by its own bytes, and advancing over the message,
-// which is always done, advances over all that waits.
+AWResult CPTCPStreamBase::SendAtOnce(CAWMessageBlock& data,
+                                     CAWPseudoTCPTransportParameter* parameter) {
+  const AWResult result = transport_->SendData(data, parameter);
+  if (result != AW_ERROR_PARTIAL_DATA) return result;
+  if (sendQueue_.Append(data) != AW_OK) {
+    Disconnect(AW_ERROR_FAILURE);  // what came next would be taken for the rest of this message
+    return AW_ERROR_FAILURE;
+  }
+  data.AdvanceChainedReadPtr(data.GetChainedLength());
+  return AW_OK;
+}
+
 AWResult CPTCPStreamBase::SendBehindOthers(CAWMessageBlock& data,
                                            CAWPseudoTCPTransportParameter* parameter) {
-  const bool isQueue = &data == sendQueue_.GetBlock();
-  const bool isAdded = sendQueue_.Append(data) == AW_OK;
-  if (!isAdded && !isQueue) return AW_ERROR_FAILURE;
+  if (sendQueue_.Append(data) != AW_OK) return AW_ERROR_FAILURE;
+  const AWResult result = OfferQueue(parameter);
+  if (result == AW_OK) data.AdvanceChainedReadPtr(data.GetChainedLength());
+  return result;
+}
+
+// The message is the queue itself: it goes behind itself, and what is not taken then is dropped.
+AWResult CPTCPStreamBase::SendQueueTwice(CAWPseudoTCPTransportParameter* parameter) {
+  const bool isDoubled = sendQueue_.Append(*sendQueue_.GetBlock()) == AW_OK;
+  const AWResult result = OfferQueue(parameter);
+  if (result != AW_OK) return result;
+  if (isDoubled) sendQueue_.Clear();  // else, for want of memory, it was offered once and is kept
+  StreamSteps::NoteQueueLength(*this);
+  return AW_OK;
+}
+
+// 0 also when only a part was taken.
+AWResult CPTCPStreamBase::OfferQueue(CAWPseudoTCPTransportParameter* parameter) {
   const AWResult result = sendQueue_.Offer(
       [&](CAWMessageBlock& block) { return transport_->SendData(block, parameter); });
-  if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return result;
-  if (!isAdded) return AW_OK;  // offered once for want of memory; the rest waits on
-  if (isQueue) {
-    sendQueue_.Clear();
-  } else {
-    data.AdvanceChainedReadPtr(data.GetChainedLength());
-  }
-  return AW_OK;
+  return result == AW_ERROR_PARTIAL_DATA ? AW_OK : result;
 }
 
 // What waits is offered twice; see the class comment.

@@ -145,8 +145,12 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   friend struct StreamSteps;
   static constexpr const char* kMetricsTransport = "ptcp";
 
+  keelbase::AWResult SendAtOnce(keelbase::CAWMessageBlock& data,
+                                ptcp::CAWPseudoTCPTransportParameter* parameter);
   keelbase::AWResult SendBehindOthers(keelbase::CAWMessageBlock& data,
                                       ptcp::CAWPseudoTCPTransportParameter* parameter);
+  keelbase::AWResult SendQueueTwice(ptcp::CAWPseudoTCPTransportParameter* parameter);
+  keelbase::AWResult OfferQueue(ptcp::CAWPseudoTCPTransportParameter* parameter);
 
   keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPTransport> transport_;
   detail::ReceiveAccumulator received_;
