@@ -17,8 +17,7 @@ using ptcp::IAWPseudoTCPTransport;
 CPTCPStreamBase::CPTCPStreamBase() = default;
 
 CPTCPStreamBase::~CPTCPStreamBase() {
-  metrics_.Leave();
-  if (transport_) thread_.Check("CPTCPStreamBase::~CPTCPStreamBase");
+  StreamSteps::BeginDestruction(*this, "CPTCPStreamBase::~CPTCPStreamBase");
   StreamSteps::EndConnection(*this, 0);
 }
 

@@ -16,8 +16,7 @@ using End = ReceivePass::End;
 CZARNTCPSSLTransport::CZARNTCPSSLTransport() = default;
 
 CZARNTCPSSLTransport::~CZARNTCPSSLTransport() {
-  metrics_.Leave();
-  if (transport_) thread_.Check("CZARNTCPSSLTransport::~CZARNTCPSSLTransport");
+  StreamSteps::BeginDestruction(*this, "CZARNTCPSSLTransport::~CZARNTCPSSLTransport");
   StreamSteps::EndConnection(*this, 0);
 }
 
@@ -93,10 +92,10 @@ AWResult CZARNTCPSSLTransport::SendSSLMessage(CAWMessageBlock& data) {
   const bool waited = !sendQueue_.IsEmpty();
   if (waited && sendQueue_.Append(data) != AW_OK) return AW_ERROR_FAILURE;
   sslutils::CAWSSLTransportParameter parameter;
-  const AWResult result = waited ? sendQueue_.Offer([this](CAWMessageBlock& block) {
+  const auto offer = [this](CAWMessageBlock& block) {
     return transport_->SendData(block, nullptr);
-  })
-                                 : transport_->SendData(data, &parameter);
+  };
+  const AWResult result = waited ? sendQueue_.Offer(offer) : transport_->SendData(data, &parameter);
   if (result != AW_OK && result != AW_ERROR_PARTIAL_DATA) return AW_ERROR_FAILURE;
   if (!waited && result == AW_ERROR_PARTIAL_DATA && sendQueue_.Append(data) != AW_OK) {
     Disconnect(0);  // whatever came next would be taken for the rest of this message

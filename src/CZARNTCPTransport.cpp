@@ -14,8 +14,7 @@ using keelbase::CAWMessageBlock;
 CZARNTCPTransport::CZARNTCPTransport() = default;
 
 CZARNTCPTransport::~CZARNTCPTransport() {
-  metrics_.Leave();
-  if (transport_) thread_.Check("CZARNTCPTransport::~CZARNTCPTransport");
+  StreamSteps::BeginDestruction(*this, "CZARNTCPTransport::~CZARNTCPTransport");
   StreamSteps::EndConnection(*this, 0);
 }
 

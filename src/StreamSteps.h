@@ -109,8 +109,11 @@ struct StreamSteps {
   template <class Stream>
   static void BeginDestruction(Stream& stream, const char* operation) {
     stream.metrics_.Leave();
-    if (stream.closed_) stream.connector_ = nullptr;
-    if (stream.connector_ || stream.transport_) stream.thread_.Check(operation);
+    if constexpr (requires { stream.connector_; }) {
+      if (stream.closed_) stream.connector_ = nullptr;
+      if (stream.connector_) stream.thread_.Check(operation);
+    }
+    if (stream.transport_) stream.thread_.Check(operation);
   }
 
   template <class Stream>
