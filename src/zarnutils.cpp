@@ -32,6 +32,7 @@ constexpr const char* kLoaderPathVariable = "LD_LIBRARY_PATH";
 constexpr const char* kEndpointDirectory = "/zarn/ipc/";  // below the system directory
 constexpr int kUnixSockets = 1;                           // the kind of transport asked for
 
+// No code reads these; debuggers show them.
 [[maybe_unused]] bool iszarninit = false;
 [[maybe_unused]] CAWString gzarnpath;
 

@@ -106,7 +106,7 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
   keelbase::CAWString body_;
   long result_ = 0;
   std::function<void(const keelbase::CAWString&, long)> callback_;
-  [[maybe_unused]] bool connected_ = false;
+  [[maybe_unused]] bool connected_ = false;  // no code reads it; debuggers show it
   std::atomic<bool> underWay_{false};        // callbacks of a request may come
   std::unique_ptr<CRestfulRcvEvent> event_;  // for the answer, which needs no memory then
 };

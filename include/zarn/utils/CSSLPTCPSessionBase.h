@@ -137,8 +137,8 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
 
   // --- accessors ---
 
-  // Kept for subclasses and owners; nothing enforces them. Bytes, 32768 by default; a larger
-  // receive buffer size is stored as 32768.
+  // Only stored: nothing reads or enforces them. Bytes, 32768 by default; a larger receive buffer
+  // size is stored as 32768.
   void SetSendBufferSize(std::uint32_t size) { sendBufferSize_ = size; }
   void SetRcvBufferSize(std::uint32_t size) {
     receiveBufferSize_ = size < kDefaultBufferSize ? size : kDefaultBufferSize;
@@ -184,6 +184,7 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   keelbase::CAWAutoPtr<sslptcp::IAWSSLPTCPConnector> connector_;
   detail::SendQueue sendQueue_;
   detail::ReceiveAccumulator received_;
+  // No code reads what is [[maybe_unused]]; debuggers show it.
   [[maybe_unused]] bool transportAttached_ = false;
   bool connectIssued_ = false;
   [[maybe_unused]] std::uint32_t sendBufferSize_ = kDefaultBufferSize;

@@ -137,7 +137,8 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
 
   // --- accessors ---
 
-  // Kept for subclasses and owners; nothing enforces them. Bytes, 32768 by default.
+  // Only stored: nothing reads or enforces them. Bytes, 32768 by default. The two flags are
+  // always false.
   void SetSendBufferSize(std::uint32_t size) { sendBufferSize_ = size; }
   void SetRcvBufferSize(std::uint32_t size) { receiveBufferSize_ = size; }
   bool IsSendOverBuffer() const { return sendOverBuffer_; }
@@ -177,6 +178,7 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   keelbase::CAWAutoPtr<fipc::IAWIPCConnector> connector_;
   detail::SendQueue sendQueue_;
   detail::ReceiveAccumulator received_;
+  // No code reads what is [[maybe_unused]]; debuggers show it.
   [[maybe_unused]] bool transportAttached_ = false;
   [[maybe_unused]] bool connectIssued_ = false;
   [[maybe_unused]] std::uint32_t sendBufferSize_ = 32768;

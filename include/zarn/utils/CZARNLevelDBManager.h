@@ -91,7 +91,7 @@ class ZARNUTILS_API CZARNLevelDBManager {
 
   std::atomic<leveldb::DB*> database_{nullptr};
   bool syncWrites_;
-  [[maybe_unused]] unsigned int reserved_;
+  [[maybe_unused]] unsigned int reserved_;  // no code reads it; debuggers show it
   bool compression_;
   bool createIfMissing_;
 };

@@ -125,8 +125,8 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
 
   // --- accessors ---
 
-  // Kept for subclasses and owners; nothing enforces them. Bytes, 32768 by default; a larger
-  // receive buffer size is stored as 32768.
+  // Only stored: nothing reads or enforces them. Bytes, 32768 by default; a larger receive buffer
+  // size is stored as 32768.
   void SetSendBufferSize(std::uint32_t size) { sendBufferSize_ = size; }
   void SetRcvBufferSize(std::uint32_t size) {
     receiveBufferSize_ = size < kDefaultBufferSize ? size : kDefaultBufferSize;
@@ -168,6 +168,7 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   keelbase::CAWAutoPtr<fshmipc::IAWShmIPCConnector> connector_;
   detail::SendQueue sendQueue_;
   detail::ReceiveAccumulator received_;
+  // No code reads what is [[maybe_unused]]; debuggers show it.
   [[maybe_unused]] bool transportAttached_ = false;
   [[maybe_unused]] bool connectIssued_ = false;
   [[maybe_unused]] std::uint32_t sendBufferSize_ = kDefaultBufferSize;

@@ -116,7 +116,7 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
 
   // --- accessors ---
 
-  // Kept for subclasses and owners; nothing enforces them. Bytes, 1048576 by default.
+  // Only stored: nothing reads or enforces them. Bytes, 1048576 by default.
   void SetSendBufferSize(std::uint32_t size) { sendBufferSize_ = size; }
   void SetRcvBufferSize(std::uint32_t size) { receiveBufferSize_ = size; }
 
@@ -151,6 +151,7 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   keelbase::CAWAutoPtr<wface::IAWTransport> transport_;
   detail::ReceiveAccumulator received_;
   detail::SendQueue sendQueue_;
+  // No code reads what is [[maybe_unused]]; debuggers show it.
   [[maybe_unused]] std::uint32_t sendBufferSize_ = 1048576;
   [[maybe_unused]] std::uint32_t receiveBufferSize_ = 1048576;
   keelbase::CAWInetAddr peerAddr_;

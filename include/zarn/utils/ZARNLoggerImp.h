@@ -44,7 +44,7 @@ class ZARNUTILS_API ZARNLoggerImp : public ZARNLogger {
   std::atomic<std::FILE*> debugStream_{nullptr};
   std::atomic<std::FILE*> logStream_{nullptr};
   std::atomic<bool> debugEnabled_{false};
-  [[maybe_unused]] std::atomic<bool> stdoutEnabled_{false};
+  [[maybe_unused]] std::atomic<bool> stdoutEnabled_{false};  // no code reads it; debuggers show it
   std::atomic<unsigned char> functionWidth_{0};
   std::atomic<unsigned char> filenameWidth_{0};
 };
