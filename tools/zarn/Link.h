@@ -64,8 +64,8 @@ class ServerPeer {
   virtual std::uint64_t GetBytes() const = 0;
   virtual keelbase::AWResult Send(const Message& message) = 0;
   virtual std::size_t GetQueueLength() const = 0;  // bytes that wait for the peer
-  virtual void
-  Drop() = 0;  // inside OnMessage: ends it at once, drops what waits; OnPeerGone follows
+  // Inside OnMessage: ends it at once, drops what waits; OnPeerGone follows.
+  virtual void Drop() = 0;
 
  protected:
   ~ServerPeer() = default;

@@ -3,7 +3,8 @@
 // `Over` says over what:
 //   kScheme                               of urls
 //   Client                                a client channel with GetTransportQueue()
-//   Server, Transport                     an accepted channel, and what it is made from
+//   Server                                an accepted channel
+//   Transport, TransportParameter         what it is made from, and what its events bring
 //   Listener(accepted, failed)            with Start(Pair) and Stop()
 //   DescribePeer(server)                  what the peer claims to be called, any bytes
 //   Prepare()                             before anything else, a result code

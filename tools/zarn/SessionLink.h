@@ -1,13 +1,13 @@
 // SessionLink.h - links over sessions of the network, which carry the frame of the channels.
 //
 // `Over` says over what:
-//   kScheme                               of urls
-//   Session, Transport                    a session class and what it is made from
-//   Listener(accepted, refused)           with Prepare(endpoint), Start(address) and Stop()
-//   Prepare(session, endpoint)            before the session connects; this and that of the
-//   listener
-//                                         say what is wrong, else nothing
+//   kScheme                                 of urls
+//   Session                                 a session class
+//   Transport, TransportParameter           what it is made from, and what its events bring
+//   Listener(accepted, refused)             with Prepare(endpoint), Start(address) and Stop()
+//   Prepare(session, endpoint)              before the session connects
 //   GetSubject(transport), IsFinal(reason)  see Link.h
+// Both Prepare say what is wrong, else nothing.
 #pragma once
 
 #include <fmt/format.h>

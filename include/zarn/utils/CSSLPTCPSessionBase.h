@@ -113,8 +113,7 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   // --- more operations ---
 
   // What the next Connect shows a server that asks for a certificate; for the texts see
-  // sslutils/CAWSSLManager.h. Copied. 0; 10001
-  // without memory.
+  // sslutils/CAWSSLManager.h. Copied. 0; 10001 without memory.
   keelbase::AWResult PrivateKey(const keelbase::CAWString& text);
   keelbase::AWResult Certificate(const keelbase::CAWString& text);
 

@@ -37,8 +37,7 @@ class ZARNUTILS_API CTORVThread {
   void OnMessage(keelbase::CAWMessageBlock& mb, const unsigned short& number, void* context);
   void OnUnInit();
 
-  // --- any thread: post to the task thread. 0 says that it waits there, not that it will arrive
-  // ---
+  // --- any thread: post to the task thread; 0: it waits there ---
   unsigned long NotifyInitOk();
   unsigned long NotifyUnInit();
   unsigned long PostTORVMessage(keelbase::CAWMessageBlock& mb, const unsigned short& number,

@@ -75,8 +75,8 @@ AWResult CAWShmBase::Attach(std::size_t size) {
 AWResult CAWShmBase::Close(int mode) {
   if (mode != 1) return AW_ERROR_FAILURE;
   if (header_ == nullptr) return AW_OK;
-  MemUnlock();  // a lock that goes away while it is held would stay on its thread's list of robust
-                // locks
+  // A lock that goes away while it is held would stay on its thread's list of robust locks.
+  MemUnlock();
   ::munmap(header_, kShmHeaderSize + size_);
   header_ = nullptr;
   address_ = nullptr;

@@ -17,8 +17,7 @@ inline constexpr AWResult AW_ERROR_FAILURE = 10001;          // general failure
 inline constexpr AWResult AW_ERROR_NOT_INITIALIZED = 10002;  // no transport attached
 inline constexpr AWResult AW_ERROR_NOT_FOUND = 10011;
 inline constexpr AWResult AW_ERROR_NOT_AVAILABLE = 10012;
-inline constexpr AWResult AW_ERROR_PARTIAL_DATA =
-    10013;  // a send was taken in part, OnSend follows
+inline constexpr AWResult AW_ERROR_PARTIAL_DATA = 10013;  // a send taken in part, OnSend follows
 
 // A text for people: of a code above, or of an errno value ("Connection refused"). Any thread.
 KEELBASE_API CAWString DescribeResult(long reason);

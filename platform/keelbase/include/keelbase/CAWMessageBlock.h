@@ -63,8 +63,8 @@ class KEELBASE_API CAWMessageBlock {
   // copied first. Null for borrowed bytes and when that copy finds no memory.
   char* GetWritePtr();
 
-  AWResult Write(const char* data,
-                 std::size_t length);            // 0; 10001 when it does not fit or no memory
+  // 0; 10001 when it does not fit or no memory.
+  AWResult Write(const char* data, std::size_t length);
   AWResult AdvanceReadPtr(std::size_t length);   // 0; 10001 beyond what is written
   AWResult AdvanceWritePtr(std::size_t length);  // 0; 10001 beyond the space
 

@@ -20,10 +20,9 @@ enum CAWTransportOption : int {
   // Get, CAWTransportCounters.
   AW_OPT_COUNTERS = 111,
 
-  // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken, and
-  // waits for the peer's end where its bytes are unread and something was sent. Default 2000; 0
-  // drops at once whatever the
-  // system does not take at once.
+  // Set, std::uint32_t, milliseconds: how long Disconnect goes on writing what was taken, and waits
+  // for the peer's end where its bytes are unread and something was sent. Default 2000; 0 drops at
+  // once whatever the system does not take at once.
   AW_OPT_LINGER = 112,
 
   // Set, CAWMessageBlock (a chain): bytes to write after all that was taken, during the linger that
@@ -33,8 +32,7 @@ enum CAWTransportOption : int {
 
   // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535 (what
   // is outside counts as the nearest of these). Default 65535. For a receiver that holds the start
-  // of a frame: the less comes behind its end,
-  // the less of the next frame has to be moved.
+  // of a frame: the less comes behind its end, the less of the next frame has to be moved.
   AW_OPT_READ_SIZE = 115,
 
   // Get, CAWPeerCredentials, where the system knows them (local transports).

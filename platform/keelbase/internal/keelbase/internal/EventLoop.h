@@ -33,8 +33,8 @@ namespace keelbase::internal {
 // Somebody who watches a descriptor. All calls come on the loop's thread. Must outlive its watch.
 class Watcher {
  public:
-  virtual void OnReady(
-      std::uint32_t events) = 0;  // EPOLLIN, EPOLLOUT, EPOLLRDHUP, EPOLLHUP, EPOLLERR
+  // EPOLLIN, EPOLLOUT, EPOLLRDHUP, EPOLLHUP, EPOLLERR.
+  virtual void OnReady(std::uint32_t events) = 0;
 
   // The loop spins: look for input without having been told. True when there was some.
   virtual bool OnSpin() { return false; }
