@@ -12,7 +12,7 @@ namespace keelbase {
 KEELBASE_API CAWString VOS_GetEnv(const CAWString& name);
 
 // Sets or replaces it, for this process and its later children. 0; 10001 for a name that is empty
-// or holds '='.
+// or holds '=', or without memory. Not while another thread reads or sets a variable.
 KEELBASE_API AWResult VOS_SetEnv(const CAWString& name, const CAWString& value);
 
 // The absolute path without symbolic links, "." and ".."; empty when something of it does not exist

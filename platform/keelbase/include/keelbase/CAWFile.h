@@ -7,6 +7,7 @@
 
 namespace keelbase {
 
+// Any thread.
 class KEELBASE_API CAWFile {
  public:
   // Makes every missing directory that `path` names up to its last '/', mode 0700. What follows

@@ -92,6 +92,7 @@ class KEELBASE_API CAWMessageBlock {
 
   void Append(CAWMessageBlock* chain);  // takes it over, behind the last block; null does nothing
 
+  // 0; 10001 beyond the chain, and nothing is advanced.
   AWResult AdvanceChainedReadPtr(std::size_t length);
 
   // Copies up to `length` unread bytes to `out` without advancing; returns how many.

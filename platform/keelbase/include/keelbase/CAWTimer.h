@@ -28,8 +28,9 @@ class KEELBASE_API CAWTimerWrapperIDSink {
 // network thread. One timer object is used by one thread at a time. Cancelling or destroying it
 // inside its own callback is allowed. Elsewhere both wait for a callback that is just running on
 // another thread; once they have returned, none runs and none comes. Should that callback schedule
-// the timer again meanwhile, this has no effect. A callback must not wait for a thread that ends
-// the process with exit(), when a static object cancels this timer.
+// the timer again meanwhile, this has no effect. When a static object cancels the timer, exit()
+// waits for a callback that is running: that callback must not wait for the thread that has called
+// exit().
 class KEELBASE_API CAWTimerWrapperID {
  public:
   CAWTimerWrapperID();

@@ -39,13 +39,14 @@ enum CAWTransportOption : int {
   AW_OPT_PEER_CREDENTIALS = 114,
 };
 
-// What a transport has done since it was made. Bytes are those that the system took or gave.
+// What a transport has done since it was made. Bytes are those that the system took or gave
+// (pseudo-TCP and TLS count otherwise, see there).
 struct CAWTransportCounters {
   std::uint64_t blocksSent = 0;      // SendData calls that took anything
   std::uint64_t blocksReceived = 0;  // receive events
   std::uint64_t bytesSent = 0;
   std::uint64_t bytesReceived = 0;
-  std::uint64_t systemCallsSent = 0;  // writes, for the gathering rule: far fewer than blocks
+  std::uint64_t systemCallsSent = 0;  // writes: far fewer than blocks, as small ones are gathered
   std::uint64_t partialSends = 0;     // answers of 10013
   std::uint64_t queuedBytes = 0;      // taken from the caller, not yet by the system
   std::uint64_t queuedHighMark = 0;
