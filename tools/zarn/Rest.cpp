@@ -223,7 +223,7 @@ void AddContent(CLI::App& command, RestOptions& options) {
       ->group(kExactlyOne);
 }
 
-// Who names authorities counts on a verified server, so an http:// url is a slip.
+// Whoever names authorities counts on a verified server, so an http:// url is a slip.
 void AddAuthorities(CLI::App& command, RestOptions& options) {
   const CLI::Option* authorities =
       command

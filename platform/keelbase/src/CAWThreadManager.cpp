@@ -197,7 +197,7 @@ void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
   slots.cleanUpArmedIn = ::getpid();
 }
 
-// Who overlooks the result has a program that ends at once, or does nothing: the line says why.
+// Whoever overlooks the result has a program that ends at once, or does nothing: the line says why.
 AWResult RefuseToAdopt(const char* why) {
   char line[128];
   CAWTextFormator text(line, sizeof line);

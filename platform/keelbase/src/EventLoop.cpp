@@ -23,7 +23,7 @@ thread_local EventLoop* EventLoop::current_ = nullptr;
 
 namespace {
 
-// Of so many looks while spinning all but one ask only those who are likely to speak next.
+// While spinning only every fourth look asks epoll; the others ask who is likely to speak next.
 constexpr unsigned kLooksAtLikely = 4;
 
 // While a connection always has input, every so many reads of it are followed by a whole turn.
@@ -40,8 +40,8 @@ constexpr std::size_t kSpareEvents = 64;
 constexpr std::int64_t kNsPerMs = 1000000;
 constexpr std::int64_t kNsPerSecond = 1000 * kNsPerMs;
 
-// To the nanosecond, since paced senders wake many times in a millisecond; to the millisecond above
-// on systems that cannot or, as filters of system calls do, forbid it with an error of their own.
+// epoll_pwait2 waits to the nanosecond, which paced senders need. Where the kernel lacks it or a
+// filter forbids it, the wait is rounded up to a millisecond.
 int WaitForEvents(int epoll, epoll_event* events, int size, std::int64_t timeoutNs) {
   if (timeoutNs <= 0) return ::epoll_wait(epoll, events, size, timeoutNs < 0 ? -1 : 0);
   const timespec limit{timeoutNs / kNsPerSecond, timeoutNs % kNsPerSecond};
@@ -115,7 +115,7 @@ AWResult EventLoop::Run(Afterwards posts) {
       worked = Spin();
       if (worked) continue;
     } else if (worked && !pollers_.IsEmpty()) {
-      // Who has just brought work may bring more: another look is cheaper than being woken for it.
+      // Whoever has just brought work may bring more: a look is cheaper than being woken for it.
       worked = Turn(0);
       continue;
     }
@@ -233,8 +233,8 @@ bool EventLoop::Spin() {
   return false;
 }
 
-// Who has posted an event is likely to post more. Being woken costs both sides several times this
-// wait, and looking meanwhile would take the queue away from those who post.
+// Whoever has posted an event is likely to post more. Being woken costs both sides several times
+// this wait, and looking meanwhile would take the queue away from those who post.
 void EventLoop::WaitBriefly() const {
   if (hasPosted_.load(std::memory_order_relaxed)) return;
   const auto end = std::chrono::steady_clock::now() + kBriefWait;
@@ -370,7 +370,7 @@ bool EventLoop::RunTimers() {
   return any;
 }
 
-// Who waits for a call to be done goes on in place; the rest is there when the loop runs again.
+// Whoever waits for a call to be done goes on in place; the rest is there when the loop runs again.
 void EventLoop::HoldPosted() {
   {
     const MutexLock lock(mutex_);

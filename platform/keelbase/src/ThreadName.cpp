@@ -42,7 +42,7 @@ void StopForWrongThread(const char* what, std::uint64_t owner, std::uint64_t cal
 
 }  // namespace internal
 
-// Who works on a stopped loop in place stands for its thread.
+// Whoever works on a stopped loop in place stands for its thread.
 std::uint64_t CAWEnsureSingleThread::CurrentThread() {
   const internal::EventLoop* loop = internal::EventLoop::Current();
   const std::uint64_t number = loop != nullptr ? loop->GetThreadNumber() : 0;

@@ -111,8 +111,8 @@ class KEELBASE_API EventLoop {
   // Runs after what has been posted before. False when the loop does not run any more and the task
   // does not wait for the next time.
   bool PostTask(LoopTask& task);
-  // At once on the loop's thread, else as PostTask; once the loop has stopped in place, or by
-  // whoever works there just then. Waits for nobody.
+  // At once on the loop's thread, else as PostTask. Once the loop has stopped: at once, in place,
+  // or by whoever works there just then. Waits for nobody.
   void HandOver(LoopTask& task);
   // Whether this thread may wait for a callback of the loop: one that runs a loop may not, since
   // the callback may be waiting for it in a Call; and when the callbacks are over none ever ends.
@@ -240,7 +240,7 @@ class KEELBASE_API EventLoop {
   alignas(kCacheLine) Mutex mutex_;
   std::vector<IAWEvent*> posted_ AW_GUARDED_BY(mutex_);
   LoopTask* tasks_ AW_GUARDED_BY(mutex_) = nullptr;  // the last one first
-  bool closed_ AW_GUARDED_BY(mutex_) = false;        // it has run: who calls acts in place
+  bool closed_ AW_GUARDED_BY(mutex_) = false;        // it has run: whoever calls acts in place
   bool refusing_ AW_GUARDED_BY(mutex_) = false;      // and does not run again
   bool sleeping_ AW_GUARDED_BY(mutex_) = false;
   unsigned holds_ AW_GUARDED_BY(mutex_) = 0;
