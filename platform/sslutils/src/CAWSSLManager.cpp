@@ -2,7 +2,6 @@
 #include "sslutils/CAWSSLManager.h"
 
 #include <atomic>
-#include <new>
 
 #include "OverTcp.h"
 #include "keelbase/internal/Immortal.h"
@@ -33,10 +32,8 @@ class SSLManager final : public IAWSSLManager {
     const AWResult made = wface::CAWConnectionManager::Instance()->CreateAcceptor(kPlainTcp, tcp);
     return made == keelbase::AW_OK ? MakeOnLoop<SSLAcceptor>(out, tcp) : made;
   }
-  AWResult SetTrustedCertificates(const keelbase::CAWString& text) override try {
+  AWResult SetTrustedCertificates(const keelbase::CAWString& text) override {
     return internal::SetTrusted(text);
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
   }
 };
 

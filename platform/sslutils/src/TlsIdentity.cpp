@@ -5,7 +5,7 @@
 #include <openssl/sha.h>
 
 #include <array>
-#include <utility>
+#include <new>
 
 #include "OpenSslPointers.h"
 #include "PemText.h"
@@ -14,6 +14,7 @@
 
 namespace sslutils::internal {
 
+using keelbase::AW_ERROR_FAILURE;
 using keelbase::AW_OK;
 using keelbase::AWResult;
 
@@ -46,21 +47,25 @@ std::unique_ptr<STACK_OF(X509), StackFree> Above(const Certificates& chain) {
 TlsIdentity::TlsIdentity() : parts_(std::make_unique<Parts>()) { StartOpenSsl(); }
 TlsIdentity::~TlsIdentity() = default;
 
-AWResult TlsIdentity::SetPrivateKey(const std::string& text) {
+AWResult TlsIdentity::SetPrivateKey(const std::string& text) try {
   Parts& parts = *parts_;
   parts.key = nullptr;
   parts.keyResult = ReadPem(text, parts.keyPem);
   if (parts.keyResult == AW_OK) parts.keyResult = ParseKey(parts.keyPem, parts.key);
   return parts.keyResult;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
-AWResult TlsIdentity::SetCertificate(const std::string& text) {
+AWResult TlsIdentity::SetCertificate(const std::string& text) try {
   Parts& parts = *parts_;
   parts.chain.clear();
   parts.chainResult = ReadPem(text, parts.chainPem);
   if (parts.chainResult == AW_OK)
     parts.chainResult = ParseCertificates(parts.chainPem, parts.chain);
   return parts.chainResult;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult TlsIdentity::Check() const {

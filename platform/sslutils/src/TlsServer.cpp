@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <utility>
 
 #include "PemText.h"
@@ -14,6 +15,7 @@
 
 namespace sslutils::internal {
 
+using keelbase::AW_ERROR_FAILURE;
 using keelbase::AW_OK;
 using keelbase::AWResult;
 
@@ -77,7 +79,7 @@ bool AskForCertificates(SSL_CTX* context, const Certificates& authorities, bool 
 TlsServer::TlsServer() : authorities_(std::make_unique<Authorities>()) {}
 TlsServer::~TlsServer() { SSL_CTX_free(context_); }
 
-AWResult TlsServer::SetClientAuthorities(const std::string& text, bool required) {
+AWResult TlsServer::SetClientAuthorities(const std::string& text, bool required) try {
   Authorities& authorities = *authorities_;
   authorities = {};
   authorities.required = required;
@@ -87,6 +89,8 @@ AWResult TlsServer::SetClientAuthorities(const std::string& text, bool required)
   if (authorities.result == AW_OK)
     authorities.result = ParseCertificates(pem, authorities.certificates);
   return authorities.result;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult TlsServer::Prepare() {

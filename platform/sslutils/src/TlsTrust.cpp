@@ -4,12 +4,14 @@
 #include <openssl/err.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "PemText.h"
 
 namespace sslutils::internal {
 
+using keelbase::AW_ERROR_FAILURE;
 using keelbase::AW_OK;
 using keelbase::AWResult;
 using keelbase::internal::MutexLock;
@@ -66,7 +68,7 @@ AWResult MakeStore(const Certificates& added, StorePtr& out) {
 
 }  // namespace
 
-AWResult TlsTrust::Set(const std::string& text) {
+AWResult TlsTrust::Set(const std::string& text) try {
   Certificates added;
   if (!text.empty()) {
     std::string pem;
@@ -79,6 +81,8 @@ AWResult TlsTrust::Set(const std::string& text) {
   store_ = nullptr;
   ++generation_;
   return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult TlsTrust::Get(Snapshot& out) {

@@ -35,21 +35,15 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
       : LoopObject(loop), below_(std::move(below)) {}
   ~TlsAcceptor() override { Stop(); }
 
-  keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override try {
+  keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) override {
     return server_.SetPrivateKey(text);
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
   }
-  keelbase::AWResult SetCertificate(const keelbase::CAWString& text) override try {
+  keelbase::AWResult SetCertificate(const keelbase::CAWString& text) override {
     return server_.SetCertificate(text);
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
   }
   keelbase::AWResult SetClientAuthorities(const keelbase::CAWString& authorities,
-                                          bool required) override try {
+                                          bool required) override {
     return server_.SetClientAuthorities(authorities, required);
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
   }
 
   keelbase::AWResult StartListen(IAWSSLConnectionSink* sink, const keelbase::CAWInetAddr& addr,

@@ -28,15 +28,11 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
                keelbase::CAWAutoPtr<typename Below::Connector> below)
       : keelbase::internal::LoopObject<Interface>(loop), below_(std::move(below)), failure_(loop) {}
 
-  keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) final try {
+  keelbase::AWResult SetPrivateKey(const keelbase::CAWString& text) final {
     return settings_.identity.SetPrivateKey(text);
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
   }
-  keelbase::AWResult SetCertificate(const keelbase::CAWString& text) final try {
+  keelbase::AWResult SetCertificate(const keelbase::CAWString& text) final {
     return settings_.identity.SetCertificate(text);
-  } catch (const std::bad_alloc&) {
-    return keelbase::AW_ERROR_FAILURE;
   }
   keelbase::AWResult SetVerifyMode(int mode) final {
     if (mode < AW_SSL_VERIFY_FULL || mode > AW_SSL_VERIFY_NONE) return keelbase::AW_ERROR_FAILURE;
