@@ -10,6 +10,7 @@
 #include <optional>
 #include <utility>
 
+#include "keelbase/internal/Immortal.h"
 #include "keelbase/internal/Mutex.h"
 #include "keelbase/internal/RepeatLimiter.h"
 
@@ -76,9 +77,7 @@ void AppendNumber(CAWTextFormator& out, Number value, int base = 10) {
 }  // namespace
 
 IAWTraceManager* IAWTraceManager::Instance() {
-  static auto* const instance =
-      new TraceManager;  // never destroyed: the last destructors may trace
-  return instance;
+  return &internal::Immortal<TraceManager>();  // the last destructors may trace
 }
 
 CAWTextFormator::CAWTextFormator(char* buffer, std::size_t size) : buffer_(buffer), size_(size) {
