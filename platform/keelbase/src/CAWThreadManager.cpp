@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -15,7 +14,7 @@
 #include <thread>
 #include <utility>
 
-#include "StopThreads.h"
+#include "ThreadSlots.h"
 #include "keelbase/CAWSingleton.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/Immortal.h"
@@ -26,35 +25,10 @@ namespace keelbase {
 
 namespace {
 
-struct Slot {
-  const char* name;
-  std::atomic<CAWThread*> thread{nullptr};
-  std::thread started;  // not joinable: the thread was adopted
-  pid_t process = 0;    // that has the thread
-};
-
-struct Slots {
-  std::array<Slot, 3> all{Slot{"zarn-main", {}, {}, {}}, Slot{"zarn-network", {}, {}, {}},
-                          Slot{"zarn-task", {}, {}, {}}};
-  internal::Mutex mutex;                          // guards making a thread
-  pid_t cleanUpArmedIn AW_GUARDED_BY(mutex) = 0;  // that process
-
-  Slot* Find(int type) {
-    if (type < CAWThreadManager::TT_MAIN || type > CAWThreadManager::TT_TASK) return nullptr;
-    return &all[static_cast<std::size_t>(type - 1)];
-  }
-};
-
-Slots& TheSlots() { return internal::Immortal<Slots>(); }
-
-// But for those that a forked child has from its parent.
-template <class Act>
-void ForEachThread(Act&& act) {
-  for (Slot& slot : TheSlots().all) {
-    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
-    if (thread != nullptr && slot.process == ::getpid()) act(slot, thread->GetLoop());
-  }
-}
+using internal::TheThreadSlots;
+using internal::ThreadMaker;
+using internal::ThreadSlot;
+using internal::ThreadSlots;
 
 // Serves what lingers on a loop's thread. Stays alive until the loop has run or dropped it.
 class FinishThere final : public internal::LoopTask {
@@ -87,18 +61,12 @@ class FinishThere final : public internal::LoopTask {
   std::shared_ptr<FinishThere> self_;
 };
 
-}  // namespace
-
 // Lets what was sent be written, also on threads that were adopted.
 class ThreadCleanUp final : public CAWCleanUpBase {
  public:
   ~ThreadCleanUp() override {
-    ForEachThread([](Slot&, internal::EventLoop& loop) { FinishLingers(loop); });
+    internal::ForEachThread([](ThreadSlot&, internal::EventLoop& loop) { FinishLingers(loop); });
   }
-
-  static CAWThread* Make(Slot& slot);
-  static CAWThread* MakeStarted(Slot& slot);
-  static void Arm() { new ThreadCleanUp; }
 
  private:
   static void FinishLingers(internal::EventLoop& loop) {
@@ -111,77 +79,36 @@ class ThreadCleanUp final : public CAWCleanUpBase {
   }
 };
 
-namespace {
-
-// What this thread was doing on them is over, and so is what waited for it to return.
-void EndLoopsThatExitWasCalledOn() {
-  bool inherited = true;
-  while (std::exchange(inherited, false)) {
-    ForEachThread([&](Slot&, internal::EventLoop& served) {
-      if (!served.IsHeldHere()) return;
-      ForEachThread([&](Slot&, internal::EventLoop& loop) {
-        if (loop.InheritFrom(served)) inherited = true;
-      });
-    });
-  }
-  ForEachThread([](Slot& slot, internal::EventLoop& loop) {
-    if (!loop.IsHeldHere()) return;
-    if (slot.started.joinable()) slot.started.detach();
-    loop.End();
-  });
-}
-
-// What a forked child has of its parent's: neither may be waited for nor touch what both share.
-void LeaveThreadsOfParent() {
-  for (Slot& slot : TheSlots().all) {
-    CAWThread* thread = slot.thread.load(std::memory_order_acquire);
-    if (thread != nullptr && slot.process != ::getpid()) thread->GetLoop().LeaveToParent();
-  }
-}
-
 }  // namespace
 
-// Threads that are waited for may themselves wait for a loop that nobody will serve any more: those
-// loops end first.
-void internal::StopThreads() {
-  LeaveThreadsOfParent();
-  { const MutexLock wait(TheSlots().mutex); }  // for one that is just being started
-  EndLoopsThatExitWasCalledOn();
-  ForEachThread([](Slot& slot, EventLoop& loop) {
-    if (slot.started.joinable()) {
-      loop.Stop();
-    } else {
-      loop.End();
-    }
-  });
-  ForEachThread([](Slot& slot, EventLoop&) {
-    if (slot.started.joinable()) slot.started.join();
-  });
-}
-
-CAWThread* ThreadCleanUp::Make(Slot& slot) {
-  auto* thread = new CAWThread(slot.name);  // lives for ever, like the manager
-  slot.process = ::getpid();
-  if (thread->GetLoop().IsUsable()) return thread;
-  delete thread;
-  return nullptr;
-}
-
-CAWThread* ThreadCleanUp::MakeStarted(Slot& slot) {
-  CAWThread* thread = Make(slot);
-  if (thread == nullptr) return nullptr;
-  try {
-    slot.started = std::thread([&loop = thread->GetLoop(), name = slot.name] {
-      ::pthread_setname_np(::pthread_self(), name);
-      loop.BindToCurrentThread();
-      loop.Run(internal::EventLoop::Afterwards::destroyed);
-    });
-  } catch (const std::exception&) {
+class internal::ThreadMaker {
+ public:
+  // Null when the system gives no descriptors.
+  static CAWThread* Make(ThreadSlot& slot) {
+    auto* thread = new CAWThread(slot.name);  // lives for ever, like the manager
+    slot.process = ::getpid();
+    if (thread->GetLoop().IsUsable()) return thread;
     delete thread;
     return nullptr;
   }
-  return thread;
-}
+
+  // Null also when the system gives no thread.
+  static CAWThread* MakeStarted(ThreadSlot& slot) {
+    CAWThread* thread = Make(slot);
+    if (thread == nullptr) return nullptr;
+    try {
+      slot.started = std::thread([&loop = thread->GetLoop(), name = slot.name] {
+        ::pthread_setname_np(::pthread_self(), name);
+        loop.BindToCurrentThread();
+        loop.Run(EventLoop::Afterwards::destroyed);
+      });
+    } catch (const std::exception&) {
+      delete thread;
+      return nullptr;
+    }
+    return thread;
+  }
+};
 
 CAWThreadManager* CAWThreadManager::Instance() {
   alignas(CAWThreadManager) static std::byte place[sizeof(CAWThreadManager)];  // as in Immortal.h
@@ -191,9 +118,9 @@ CAWThreadManager* CAWThreadManager::Instance() {
 
 namespace {
 
-void ArmCleanUp(Slots& slots) AW_REQUIRES(slots.mutex) {
+void ArmCleanUp(ThreadSlots& slots) AW_REQUIRES(slots.mutex) {
   if (slots.cleanUpArmedIn == ::getpid()) return;
-  ThreadCleanUp::Arm();
+  new ThreadCleanUp;
   slots.cleanUpArmedIn = ::getpid();
 }
 
@@ -207,13 +134,13 @@ AWResult RefuseToAdopt(const char* why) {
 }
 
 // Null when the system gives no thread, no descriptors or no memory.
-CAWThread* StartThread(Slots& slots, Slot& slot) try {
+CAWThread* StartThread(ThreadSlots& slots, ThreadSlot& slot) try {
   const internal::MutexLock lock(slots.mutex);
   CAWThread* thread = slot.thread.load(std::memory_order_acquire);
   if (thread != nullptr) return thread;
   if (CAWCleanUpBase::HasRun()) return nullptr;
   ArmCleanUp(slots);
-  thread = ThreadCleanUp::MakeStarted(slot);
+  thread = ThreadMaker::MakeStarted(slot);
   slot.thread.store(thread, std::memory_order_release);
   return thread;
 } catch (const std::bad_alloc&) {
@@ -223,8 +150,8 @@ CAWThread* StartThread(Slots& slots, Slot& slot) try {
 }  // namespace
 
 CAWThread* CAWThreadManager::GetThread(int type) {
-  Slots& slots = TheSlots();
-  Slot* slot = slots.Find(type);
+  ThreadSlots& slots = TheThreadSlots();
+  ThreadSlot* slot = slots.Find(type);
   if (slot == nullptr) return nullptr;
   CAWThread* thread = slot->thread.load(std::memory_order_acquire);
   if (thread != nullptr || type == TT_MAIN) return thread;
@@ -232,8 +159,8 @@ CAWThread* CAWThreadManager::GetThread(int type) {
 }
 
 AWResult CAWThreadManager::AdoptCurrentThread(int type) try {
-  Slots& slots = TheSlots();
-  Slot* slot = slots.Find(type);
+  ThreadSlots& slots = TheThreadSlots();
+  ThreadSlot* slot = slots.Find(type);
   if (slot == nullptr) return RefuseToAdopt("there is no such type of thread");
   if (internal::EventLoop::Current() != nullptr)
     return RefuseToAdopt("this is a platform thread already");
@@ -241,7 +168,7 @@ AWResult CAWThreadManager::AdoptCurrentThread(int type) try {
   if (slot->thread.load(std::memory_order_relaxed) != nullptr)
     return RefuseToAdopt("that type has its thread; adopt before anything is made that needs it");
   ArmCleanUp(slots);
-  CAWThread* thread = ThreadCleanUp::Make(*slot);
+  CAWThread* thread = ThreadMaker::Make(*slot);
   if (thread == nullptr) return AW_ERROR_FAILURE;
   thread->adopted_ = true;
   thread->GetLoop().BindToCurrentThread();
@@ -254,7 +181,7 @@ AWResult CAWThreadManager::AdoptCurrentThread(int type) try {
 CAWThread* CAWThreadManager::GetCurrent() {
   const internal::EventLoop* loop = internal::EventLoop::Current();
   if (loop == nullptr) return nullptr;
-  for (Slot& slot : TheSlots().all) {
+  for (ThreadSlot& slot : TheThreadSlots().all) {
     CAWThread* thread = slot.thread.load(std::memory_order_acquire);
     if (thread != nullptr && &thread->GetLoop() == loop) return thread;
   }

@@ -17,6 +17,10 @@
 
 namespace keelbase {
 
+namespace internal {
+class ThreadMaker;
+}
+
 // A thread with an event loop. Made by CAWThreadManager, which either starts it or adopts a thread
 // that the process already has; never destroyed.
 //
@@ -88,7 +92,7 @@ class KEELBASE_API CAWThread {
 
  private:
   friend class CAWThreadManager;
-  friend class ThreadCleanUp;
+  friend class internal::ThreadMaker;
   CAWThread(const char* name);
   ~CAWThread();
   void RunThere(const std::function<void()>& function);
