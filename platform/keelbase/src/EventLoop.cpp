@@ -1,4 +1,5 @@
-// EventLoop.cpp - see EventLoop.h.
+// EventLoop.cpp - see EventLoop.h. Who may work on a loop, and calls from other threads, are in
+// EventLoopHold.cpp.
 #include "keelbase/internal/EventLoop.h"
 
 #include <sched.h>

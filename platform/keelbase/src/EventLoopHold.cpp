@@ -1,5 +1,5 @@
-// LoopCall.cpp - work that other threads have for a loop: done on its thread, and once the loop has
-// stopped, in place, by one thread at a time.
+// EventLoopHold.cpp - who may work on an EventLoop, and what other threads have for it: done on its
+// thread, and once the loop has stopped, in place, by one thread at a time.
 //
 //                closed_  refusing_  running_  holder_     Post     Call elsewhere  Run, own thread
 // not yet run    no       no         no        0           kept     waits for Run   yes
