@@ -17,8 +17,8 @@
 #include "keelbase/CAWThreadManager.h"
 #include "keelbase/internal/LoopObject.h"
 #include "keelbase/internal/ManualClock.h"
+#include "keelbase/internal/TellOwner.h"
 #include "keelbase/internal/TimerQueue.h"
-#include "keelbase/internal/TraceError.h"
 
 namespace keelbase::internal {
 namespace {

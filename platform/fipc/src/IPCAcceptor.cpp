@@ -6,7 +6,7 @@
 
 #include "ClientName.h"
 #include "IPCTransport.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace fipc {
 

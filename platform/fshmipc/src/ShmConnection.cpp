@@ -12,7 +12,7 @@
 
 #include "keelbase/internal/Chains.h"
 #include "keelbase/internal/Processor.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace fshmipc {
 

@@ -10,6 +10,7 @@
 #include "ShmIPCTransport.h"
 #include "keelbase/CAWFile.h"
 #include "keelbase/internal/PassedDescriptors.h"
+#include "keelbase/internal/TellOwner.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace fshmipc {

@@ -9,7 +9,7 @@
 #include "ShmEndpoint.h"
 #include "ShmGreeting.h"
 #include "ShmIPCTransport.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace fshmipc {
 

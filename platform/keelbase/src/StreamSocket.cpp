@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "keelbase/internal/Chains.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace keelbase::internal {
 

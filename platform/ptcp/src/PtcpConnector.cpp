@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "PtcpTransport.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace ptcp {
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "keelbase/internal/Chains.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 #include "ptcp/CAWPseudoTCPTransport.h"
 
 namespace ptcp {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "HttpChannel.h"
+#include "keelbase/internal/TellOwner.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace shttp {

@@ -13,7 +13,7 @@
 #include "TlsReason.h"
 #include "keelbase/internal/BufferPool.h"
 #include "keelbase/internal/Chains.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace sslutils::internal {
 

@@ -9,6 +9,7 @@
 
 #include "TcpSocket.h"
 #include "TcpTransport.h"
+#include "keelbase/internal/TellOwner.h"
 #include "keelbase/internal/TraceError.h"
 
 namespace wface {

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "TcpTransport.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 
 namespace wface {
 

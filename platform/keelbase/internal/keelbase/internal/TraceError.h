@@ -2,7 +2,6 @@
 // not well enough.
 #pragma once
 
-#include <cerrno>
 #include <cstring>
 #include <new>
 #include <string_view>
@@ -30,17 +29,6 @@ inline void TraceError(std::string_view what, int error) noexcept {
   else
     text << error;
   TraceLine(text.View());
-}
-
-// Calls an owner who is told of a connection for the first or last time. When he finds no memory
-// for that, the connection is his only as far as he took it: what he did not take is closed.
-template <class Upcall>
-void TellOwner(Upcall&& upcall) {
-  try {
-    upcall();
-  } catch (const std::bad_alloc&) {
-    TraceError("the owner of a connection could not take what he was told", ENOMEM);
-  }
 }
 
 }  // namespace keelbase::internal

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "keelbase/internal/LoopObject.h"
-#include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/TellOwner.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
