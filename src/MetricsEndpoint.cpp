@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <utility>

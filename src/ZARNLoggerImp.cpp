@@ -1,7 +1,6 @@
 // ZARNLoggerImp.cpp - see ZARNLogger.h and ZARNLoggerImp.h.
 #include "zarn/utils/ZARNLoggerImp.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>

@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <new>
 #include <utility>

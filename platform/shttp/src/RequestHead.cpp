@@ -10,7 +10,6 @@
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/rfc7230.hpp>
 #include <boost/beast/http/serializer.hpp>
-#include <optional>
 
 namespace shttp {
 

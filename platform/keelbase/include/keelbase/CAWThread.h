@@ -1,12 +1,9 @@
 // CAWThread.h - a platform thread: a loop that serves events, timers and transports.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <type_traits>
 #include <utility>

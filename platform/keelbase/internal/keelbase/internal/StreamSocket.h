@@ -1,7 +1,6 @@
 // StreamSocket.h - one connected stream socket of a loop: local IPC and TCP stand on it.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>

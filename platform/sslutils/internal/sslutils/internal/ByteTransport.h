@@ -1,8 +1,6 @@
 // ByteTransport.h - what TLS needs of the transport below it.
 #pragma once
 
-#include <utility>
-
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWMessageBlock.h"
