@@ -12,14 +12,12 @@
 #define AW_CAPABILITY(name) AW_THREAD_ANNOTATION(capability(name))
 #define AW_SCOPED_CAPABILITY AW_THREAD_ANNOTATION(scoped_lockable)
 
-// On members: touched (or, for a pointer, its target touched) only with the lock held.
+// On members: touched only with the lock held.
 #define AW_GUARDED_BY(lock) AW_THREAD_ANNOTATION(guarded_by(lock))
-#define AW_PT_GUARDED_BY(lock) AW_THREAD_ANNOTATION(pt_guarded_by(lock))
 
-// On functions: called with the lock held; called without it; takes it; takes it when the result
-// converts to the first argument; gives it back; not looked at.
+// On functions: called with the lock held; takes it; takes it when the result converts to the first
+// argument; gives it back; not looked at.
 #define AW_REQUIRES(...) AW_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-#define AW_EXCLUDES(...) AW_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define AW_ACQUIRE(...) AW_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define AW_TRY_ACQUIRE(...) AW_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define AW_RELEASE(...) AW_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
