@@ -3,8 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <condition_variable>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 namespace keelbase::internal {
@@ -16,57 +17,69 @@ struct Shared {
   int value AW_GUARDED_BY(mutex) = 0;
 };
 
-bool CanLock(Mutex& mutex) {
-  if (!mutex.TryLock()) return false;
-  mutex.Unlock();
-  return true;
-}
-
-bool CanLockElsewhere(Mutex& mutex) {
-  bool can = false;
-  std::thread([&] { can = CanLock(mutex); }).join();
-  return can;
-}
-
-TEST(Mutex, ExcludesOtherThreads) {
+// Several threads call `work(inside)`, which calls `inside` with the lock held. How often did one
+// meet another there?
+template <class Work>
+int CountMeetings(Work work) {
   constexpr int kThreads = 4;
-  constexpr int kRounds = 10000;
-  Shared shared;
+  constexpr int kRounds = 1000;
+  std::atomic<int> present{0};
+  std::atomic<int> meetings{0};
+  const auto inside = [&] {
+    if (present.fetch_add(1) != 0) ++meetings;
+    std::this_thread::yield();
+    present.fetch_sub(1);
+  };
   std::vector<std::thread> threads;
   threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        MutexLock lock(shared.mutex);
-        ++shared.value;
-      }
+      for (int round = 0; round < kRounds; ++round) work(inside);
     });
   }
   for (std::thread& thread : threads) thread.join();
-  MutexLock lock(shared.mutex);
-  EXPECT_EQ(shared.value, kThreads * kRounds);
+  return meetings;
 }
 
-TEST(MutexLock, HoldsForItsScope) {
+// Waits until it could.
+void LockElsewhere(Mutex& mutex) {
+  std::thread([&] { MutexLock lock(mutex); }).join();
+}
+
+TEST(MutexLock, ExcludesOtherThreadsForItsScope) {
   Mutex mutex;
-  {
+  const int meetings = CountMeetings([&](auto& inside) {
     MutexLock lock(mutex);
-    EXPECT_FALSE(CanLockElsewhere(mutex));
-  }
-  EXPECT_TRUE(CanLockElsewhere(mutex));
+    inside();
+  });
+  EXPECT_EQ(meetings, 0);
 }
 
-TEST(MutexLock, CanBeOpenedForAStretch) {
+TEST(MutexLock, ExcludesOtherThreadsAgainAfterAStretchThatWasOpen) {
   Mutex mutex;
-  {
+  const int meetings = CountMeetings([&](auto& inside) {
     MutexLock lock(mutex);
     lock.Unlock();
-    EXPECT_TRUE(CanLockElsewhere(mutex));
     lock.Lock();
-    EXPECT_FALSE(CanLockElsewhere(mutex));
+    inside();
+  });
+  EXPECT_EQ(meetings, 0);
+}
+
+TEST(MutexLock, LetsOthersInWhileItIsOpenAndAfterItsScope) {
+  Mutex mutex;
+  {
+    MutexLock lock(mutex);
+    lock.Unlock();
+    LockElsewhere(mutex);
+    lock.Lock();
+  }
+  LockElsewhere(mutex);
+  {
+    MutexLock lock(mutex);
     lock.Unlock();
   }
-  EXPECT_TRUE(CanLockElsewhere(mutex));
+  LockElsewhere(mutex);
 }
 
 TEST(MutexLock, WaitLetsOthersInAndComesBackWithTheLock) {

@@ -16,7 +16,6 @@ class AW_CAPABILITY("mutex") Mutex {
   Mutex& operator=(const Mutex&) = delete;
 
   void Lock() AW_ACQUIRE() { mutex_.lock(); }
-  bool TryLock() AW_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
   void Unlock() AW_RELEASE() { mutex_.unlock(); }
 
  private:
