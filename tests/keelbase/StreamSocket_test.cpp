@@ -190,7 +190,8 @@ TEST(StreamSocket, LingersThatNobodyReadsEndInTime) {
     Pair pair(loop);
     Sink sink;
     pair.socket->Open(&sink);
-    pair.socket->SetLinger(50);
+    const std::uint32_t lingerMs = 50;
+    pair.socket->SetOption(AW_OPT_LINGER, &lingerMs);
     const std::string text(3000000, 'x');
     CAWMessageBlock chain(text.data(), text.size(), CAWMessageBlock::borrow);
     pair.socket->AddLingerData(chain);
@@ -306,7 +307,8 @@ TEST(StreamSocket, PeerThatSendsForEverIsListenedToForTheLingerTimeOnly) {
     Pair pair(loop);
     Sink sink;
     pair.socket->Open(&sink);
-    pair.socket->SetLinger(50);
+    const std::uint32_t lingerMs = 50;
+    pair.socket->SetOption(AW_OPT_LINGER, &lingerMs);
     EXPECT_EQ(pair.Send("answer"), AW_OK);
     EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
     pair.socket->Disconnect();

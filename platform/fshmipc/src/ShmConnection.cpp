@@ -53,16 +53,6 @@ ShmConnection::ShmConnection(keelbase::internal::EventLoop& loop, FileDescriptor
       writer_(side == Side::connector ? segment_.ConnectorRing() : segment_.AcceptorRing()),
       reader_(side == Side::connector ? segment_.AcceptorRing() : segment_.ConnectorRing()) {}
 
-// Letting go of an open connection closes it, and that may take a while.
-void ShmConnection::OnLastReference() {
-  if (state_ == State::closed) {
-    delete this;
-    return;
-  }
-  const CAWAutoPtr<ShmConnection> alive(this);
-  Disconnect();
-}
-
 AWResult ShmConnection::Open(keelbase::internal::StreamSocketSink* sink) {
   loop_.CheckCurrent("a transport's OpenWithSink");
   if (sink == nullptr || state_ != State::fresh) return AW_ERROR_FAILURE;
@@ -164,7 +154,7 @@ bool ShmConnection::ReadOnce() {
 std::size_t ShmConnection::CopyOut(std::size_t available, CAWMessageBlock& block) {
   const bool more = available >= kPublishSize;
   for (unsigned looks = 0;; ++looks) {
-    const std::size_t length = std::min(available, readSize_ - block.GetLength());
+    const std::size_t length = std::min(available, options_.readSize - block.GetLength());
     if (length == 0) {
       keelbase::internal::Pause();
     } else {
@@ -172,7 +162,7 @@ std::size_t ShmConnection::CopyOut(std::size_t available, CAWMessageBlock& block
       block.AdvanceWritePtr(length);
       available -= length;
     }
-    if (!more || looks == kLooksForRest || block.GetLength() == readSize_) return available;
+    if (!more || looks == kLooksForRest || block.GetLength() == options_.readSize) return available;
     const bool writing = reader_.IsWriting();
     available = reader_.Available();
     if (available == 0 && !writing) return 0;
@@ -224,7 +214,7 @@ void ShmConnection::End(long reason) {
 
 AWResult ShmConnection::Send(CAWMessageBlock& chain) {
   loop_.CheckCurrent("a transport's SendData");
-  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   if (state_ == State::ended || writer_.IsBroken()) return AW_ERROR_FAILURE;
   const std::size_t written = Write(chain);
   if (written != 0) {
@@ -323,24 +313,24 @@ void ShmConnection::WakePeer() {
 
 void ShmConnection::Disconnect() {
   loop_.CheckCurrent("a transport's Disconnect");
-  if (state_ == State::lingering || state_ == State::closed) return;
+  if (IsDisconnected()) return;
   const CAWAutoPtr<ShmConnection> alive(this);
   const bool gone = state_ == State::ended;
   sink_ = nullptr;
   StopPolling();
   state_ = State::lingering;
   DrainSocket();  // the socket must have room for the byte that tells of room in the ring
-  if (gone || WriteLingerData() || lingerMs_ == 0) return CloseNow();
+  if (gone || WriteLingerData() || options_.lingerMs == 0) return CloseNow();
   BeginLinger();
 }
 
 void ShmConnection::BeginLinger() {
   self_ = this;
-  lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
+  lingerEnd_ = Clock::Now() + std::chrono::milliseconds(options_.lingerMs);
   try {
     loop_.BeginLinger(*this);
     lingerTimer_ = std::make_unique<Timer>(loop_);
-    lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
+    lingerTimer_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] { CloseNow(); });
   } catch (const std::bad_alloc&) {
     return CloseNow();
   }
@@ -351,7 +341,7 @@ void ShmConnection::BeginLinger() {
 }
 
 AWResult ShmConnection::AddLingerData(const CAWMessageBlock& chain) {
-  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   return AppendCopy(lingerData_, chain);
 }
 
@@ -407,23 +397,8 @@ AWResult ShmConnection::GetOption(int code, void* value) const {
 }
 
 AWResult ShmConnection::SetOption(int code, const void* value) {
-  if (value == nullptr) return AW_ERROR_FAILURE;
-  switch (code) {
-    case keelbase::AW_OPT_STOP_READING:
-      StopReading(*static_cast<const bool*>(value));
-      return AW_OK;
-    case keelbase::AW_OPT_READ_SIZE:
-      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1,
-                                          keelbase::internal::kReadSize);
-      return AW_OK;
-    case keelbase::AW_OPT_LINGER:
-      lingerMs_ = *static_cast<const std::uint32_t*>(value);
-      return AW_OK;
-    case keelbase::AW_OPT_LINGER_DATA:
-      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
-    default:
-      return AW_ERROR_FAILURE;
-  }
+  const auto result = keelbase::internal::SetCommonOption(*this, options_, code, value);
+  return result.value_or(AW_ERROR_FAILURE);
 }
 
 }  // namespace fshmipc

@@ -10,6 +10,7 @@
 #include "ShmSegment.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
+#include "keelbase/internal/Engines.h"
 #include "keelbase/internal/LoopCounted.h"
 #include "keelbase/internal/StreamSocket.h"
 
@@ -35,13 +36,19 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
   keelbase::AWResult Open(keelbase::internal::StreamSocketSink* sink);
   keelbase::AWResult Send(keelbase::CAWMessageBlock& chain);
   void Disconnect();
+  void StopReading(bool stop);
+  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   keelbase::AWResult GetOption(int code, void* value) const;
   keelbase::AWResult SetOption(int code, const void* value);
 
  private:
   enum class State { fresh, open, ended, lingering, closed };
 
-  void OnLastReference() override;
+  bool IsDisconnected() const { return state_ == State::lingering || state_ == State::closed; }
+
+  void OnLastReference() override {
+    keelbase::internal::DisconnectOrDelete(*this, state_ == State::closed);
+  }
   void OnReady(std::uint32_t events) override;
   bool Poll() override;
   bool Arm() override;
@@ -59,7 +66,6 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
   bool ReadOnce();
   std::size_t CopyOut(std::size_t available, keelbase::CAWMessageBlock& block);
   void ReadRest(int failure);
-  void StopReading(bool stop);
   bool TellRoom();
   void End(long reason);
 
@@ -72,7 +78,6 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
   void WakePeer();
   void Failed(int error);
   void Leave();
-  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   bool WriteLingerData();
   void BeginLinger();
   void CloseNow();
@@ -91,9 +96,8 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
   bool dirty_ = false;       // OnTurnEnd is due
   std::uint32_t asks_ = 0;   // to be woken, since what came was read off
   int failure_ = 0;          // why we cannot go on
-  std::size_t readSize_ = keelbase::internal::kReadSize;
 
-  std::uint32_t lingerMs_ = 2000;
+  keelbase::internal::EngineOptions options_;
   keelbase::internal::Clock::Point lingerEnd_{};
   keelbase::CAWMessageBlock* lingerData_ = nullptr;  // owned
   std::unique_ptr<keelbase::internal::Timer> lingerTimer_;

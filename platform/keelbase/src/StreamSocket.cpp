@@ -69,16 +69,6 @@ StreamSocket::StreamSocket(EventLoop& loop, FileDescriptor descriptor)
 
 StreamSocket::~StreamSocket() { CloseNow(); }
 
-// Letting go of an open socket closes it, and that may take a while.
-void StreamSocket::OnLastReference() {
-  if (state_ == State::closed) {
-    delete this;
-    return;
-  }
-  const CAWAutoPtr<StreamSocket> alive(this);
-  Disconnect();
-}
-
 AWResult StreamSocket::Open(StreamSocketSink* sink) {
   loop_.CheckCurrent("a transport's OpenWithSink");
   if (sink == nullptr || state_ != State::fresh) return AW_ERROR_FAILURE;
@@ -114,7 +104,7 @@ void StreamSocket::Unwatch() {
 void StreamSocket::OnReady(std::uint32_t events) {
   const CAWAutoPtr<StreamSocket> alive(this);
   const bool over = (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
-  if (state_ >= State::lingering) return WriteLingering();
+  if (IsDisconnected()) return WriteLingering();
   if (blocked_ && (over || (events & EPOLLOUT) != 0)) WriteAgain();
   if (state_ != State::open) return;
   if (reading_ && (over || (events & EPOLLIN) != 0)) {
@@ -148,7 +138,7 @@ bool StreamSocket::ReadOnce() {
   }
   ssize_t count;
   do {
-    count = ::recv(descriptor_.Get(), block->GetWritePtr(), readSize_, MSG_DONTWAIT);
+    count = ::recv(descriptor_.Get(), block->GetWritePtr(), options_.readSize, MSG_DONTWAIT);
   } while (count < 0 && errno == EINTR);
   if (count > 0) {
     block->AdvanceWritePtr(static_cast<std::size_t>(count));
@@ -212,7 +202,7 @@ void StreamSocket::StopReading(bool stop) {
 
 AWResult StreamSocket::Send(CAWMessageBlock& chain) {
   loop_.CheckCurrent("a transport's SendData");
-  if (state_ >= State::lingering) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   if (writeError_ != 0) return static_cast<AWResult>(writeError_);
   if (state_ == State::ended) return AW_ERROR_FAILURE;
 
@@ -312,18 +302,18 @@ void StreamSocket::GiveGather() {
 
 void StreamSocket::Disconnect() {
   loop_.CheckCurrent("a transport's Disconnect");
-  if (state_ >= State::lingering) return;
+  if (IsDisconnected()) return;
   const CAWAutoPtr<StreamSocket> alive(this);
   sink_ = nullptr;
   state_ = State::lingering;
   if (!blocked_) WriteLingerData();
-  if (lingerMs_ == 0 || !GoOnClosing()) return CloseNow();
+  if (options_.lingerMs == 0 || !GoOnClosing()) return CloseNow();
   self_ = this;
-  lingerEnd_ = Clock::Now() + std::chrono::milliseconds(lingerMs_);
+  lingerEnd_ = Clock::Now() + std::chrono::milliseconds(options_.lingerMs);
   try {
     loop_.BeginLinger(*this);
     lingerTimer_ = std::make_unique<Timer>(loop_);
-    lingerTimer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] { CloseNow(); });
+    lingerTimer_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] { CloseNow(); });
   } catch (const std::bad_alloc&) {
     return CloseNow();
   }
@@ -332,7 +322,7 @@ void StreamSocket::Disconnect() {
 }
 
 AWResult StreamSocket::AddLingerData(const CAWMessageBlock& chain) {
-  if (state_ >= State::lingering) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   return AppendCopy(lingerData_, chain);
 }
 
@@ -407,25 +397,10 @@ AWResult StreamSocket::GetOption(int code, void* value) const {
 }
 
 AWResult StreamSocket::SetOption(int code, const void* value) {
-  if (value == nullptr) return AW_ERROR_FAILURE;
-  switch (code) {
-    case AW_OPT_STOP_READING:
-      StopReading(*static_cast<const bool*>(value));
-      return AW_OK;
-    case AW_OPT_READ_SIZE:
-      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1, kReadSize);
-      return AW_OK;
-    case AW_OPT_LINGER:
-      SetLinger(*static_cast<const std::uint32_t*>(value));
-      return AW_OK;
-    case AW_OPT_AWAIT_END:
-      awaitsEnd_ = *static_cast<const bool*>(value);
-      return AW_OK;
-    case AW_OPT_LINGER_DATA:
-      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
-    default:
-      return AW_ERROR_FAILURE;
-  }
+  if (const auto result = SetCommonOption(*this, options_, code, value)) return *result;
+  if (code != AW_OPT_AWAIT_END) return AW_ERROR_FAILURE;
+  awaitsEnd_ = *static_cast<const bool*>(value);
+  return AW_OK;
 }
 
 }  // namespace keelbase::internal

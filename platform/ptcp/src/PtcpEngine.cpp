@@ -35,18 +35,7 @@ PtcpEngine::PtcpEngine(keelbase::internal::EventLoop& loop, const CAWAutoPtr<Udp
       path_(path),
       connection_(*this, port->IsInside(path.peer)),
       timer_(loop),
-      readSize_(keelbase::internal::kReadSize),
       queueLimit_(kQueueLimit) {}
-
-// Letting go of an open connection closes it, and that may take a while.
-void PtcpEngine::OnReferenceDestory() {
-  if (state_ == State::closed) {
-    delete this;
-    return;
-  }
-  const CAWAutoPtr<PtcpEngine> alive(this);
-  Disconnect();
-}
 
 bool PtcpEngine::AddId(const ConnectionId& id) {
   ids_.reserve(ids_.size() + 1);
@@ -204,7 +193,7 @@ void PtcpEngine::ServeOpen() {
 void PtcpEngine::ReadOnce() {
   try {
     CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
-    const std::size_t length = connection_.Read(block.GetWritePtr(), readSize_);
+    const std::size_t length = connection_.Read(block.GetWritePtr(), options_.readSize);
     block.AdvanceWritePtr(length);
     WantTurnEnd();  // the peer may be waiting for the room that this makes
     ++counters_.blocksReceived;
@@ -213,6 +202,11 @@ void PtcpEngine::ReadOnce() {
   } catch (const std::bad_alloc&) {
     End(ENOMEM);
   }
+}
+
+void PtcpEngine::StopReading(bool stop) {
+  reading_ = !stop;
+  if (reading_) WantTurnEnd();
 }
 
 void PtcpEngine::TellRoom() {
@@ -241,7 +235,7 @@ void PtcpEngine::End(long reason) {
 
 AWResult PtcpEngine::Send(CAWMessageBlock& chain) {
   loop_.CheckCurrent("a transport's SendData");
-  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   if (connection_.IsDead() && connection_.Reason() != 0)
     return static_cast<AWResult>(connection_.Reason());
   if (state_ == State::ended || connection_.IsDead()) return AW_ERROR_FAILURE;
@@ -277,7 +271,7 @@ void PtcpEngine::CopyIn(const CAWMessageBlock& chain, std::size_t length) {
 
 void PtcpEngine::Disconnect() {
   loop_.CheckCurrent("a transport's Disconnect");
-  if (state_ == State::lingering || state_ == State::closed) return;
+  if (IsDisconnected()) return;
   if (state_ == State::handshake) return Abort();
   const CAWAutoPtr<PtcpEngine> alive(this);
   const bool gone = state_ == State::ended || connection_.IsDead();
@@ -292,7 +286,7 @@ void PtcpEngine::Disconnect() {
     port_->FlushBatch();
     return CloseNow();
   }
-  lingerEnd_ = Now() + Time{lingerMs_} * 1000000;
+  lingerEnd_ = Now() + Time{options_.lingerMs} * 1000000;
   self_ = this;
   connection_.Finish();
   Flush();
@@ -316,7 +310,7 @@ void PtcpEngine::OnLinger() {
 }
 
 AWResult PtcpEngine::AddLingerData(const CAWMessageBlock& chain) {
-  if (state_ == State::lingering || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   return keelbase::internal::AppendCopy(lingerData_, chain);
 }
 
@@ -358,28 +352,12 @@ AWResult PtcpEngine::GetOption(int code, void* value) const {
 }
 
 AWResult PtcpEngine::SetOption(int code, const void* value) {
-  if (value == nullptr) return AW_ERROR_FAILURE;
-  switch (code) {
-    case keelbase::AW_OPT_STOP_READING:
-      reading_ = !*static_cast<const bool*>(value);
-      if (reading_) WantTurnEnd();
-      return AW_OK;
-    case keelbase::AW_OPT_READ_SIZE:
-      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1,
-                                          keelbase::internal::kReadSize);
-      return AW_OK;
-    case keelbase::AW_OPT_LINGER:
-      lingerMs_ = *static_cast<const std::uint32_t*>(value);
-      return AW_OK;
-    case keelbase::AW_OPT_LINGER_DATA:
-      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
-    case AW_OPT_SEND_QUEUE_LIMIT:
-      if (*static_cast<const std::uint32_t*>(value) == 0) return AW_ERROR_FAILURE;
-      queueLimit_ = *static_cast<const std::uint32_t*>(value);
-      return AW_OK;
-    default:
-      return AW_ERROR_FAILURE;
-  }
+  const auto result = keelbase::internal::SetCommonOption(*this, options_, code, value);
+  if (result) return *result;
+  const auto limit = static_cast<const std::uint32_t*>(value);
+  if (code != AW_OPT_SEND_QUEUE_LIMIT || *limit == 0) return AW_ERROR_FAILURE;
+  queueLimit_ = *limit;
+  return AW_OK;
 }
 
 }  // namespace ptcp

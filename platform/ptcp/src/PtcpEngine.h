@@ -12,6 +12,7 @@
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
+#include "keelbase/internal/Engines.h"
 #include "keelbase/internal/StreamSocket.h"
 
 namespace ptcp {
@@ -30,7 +31,9 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   PtcpEngine(keelbase::internal::EventLoop& loop, const keelbase::CAWAutoPtr<UdpPort>& port,
              const Path& path);
   ~PtcpEngine() override { CloseNow(); }
-  void OnReferenceDestory() override;
+  void OnReferenceDestory() override {
+    keelbase::internal::DisconnectOrDelete(*this, state_ == State::closed);
+  }
 
   // One of the two begins. Nothing is told to `done` when it fails: false, without memory or for a
   // first packet that makes no sense.
@@ -43,6 +46,8 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   keelbase::AWResult Open(keelbase::internal::StreamSocketSink* sink);
   keelbase::AWResult Send(keelbase::CAWMessageBlock& chain);
   void Disconnect();
+  void StopReading(bool stop);
+  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   keelbase::AWResult GetOption(int code, void* value) const;
   keelbase::AWResult SetOption(int code, const void* value);
 
@@ -50,6 +55,8 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
 
  private:
   enum class State { handshake, fresh, open, ended, lingering, closed };
+
+  bool IsDisconnected() const { return state_ == State::lingering || state_ == State::closed; }
 
   void SendDatagram(Bytes datagram) override { port_->Send(path_, datagram); }
   bool AddId(const ConnectionId& id) override;
@@ -82,7 +89,6 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   void ReadOnce();
   void TellRoom();
   void End(long reason);
-  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   void CopyIn(const keelbase::CAWMessageBlock& chain, std::size_t length);
   void LeavePort();
   void CloseNow();
@@ -103,9 +109,8 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   keelbase::internal::Timer timer_;
   Time timerDue_ = kNever;  // kNever: not started
 
-  std::size_t readSize_;
+  keelbase::internal::EngineOptions options_;
   std::size_t queueLimit_;
-  std::uint32_t lingerMs_ = 2000;
   Time lingerEnd_ = kNever;
   keelbase::CAWMessageBlock* lingerData_ = nullptr;  // owned
   keelbase::CAWAutoPtr<PtcpEngine> self_;            // held while lingering

@@ -43,23 +43,12 @@ TlsStream::TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTr
     : loop_(loop),
       lower_(std::move(lower)),
       ssl_(std::move(ssl)),
-      readSize_(kReadSize),
       writer_(ssl_.get(), *lower_, counters_) {
   BIO* const bio = TlsBio::Make(*this);
   SSL_set_bio(ssl_.get(), bio, bio);
 }
 
 TlsStream::~TlsStream() = default;
-
-// Letting go of a connection ends it in order, and that may take a while.
-void TlsStream::OnReferenceDestory() {
-  if (state_ == State::closed) {
-    delete this;
-    return;
-  }
-  const CAWAutoPtr<TlsStream> alive(this);
-  Disconnect();
-}
 
 // --- handshake ---
 
@@ -237,11 +226,11 @@ void TlsStream::Pump() {
 // with for now, or for good.
 bool TlsStream::FillBlock(CAWMessageBlock& block) {
   int error = SSL_ERROR_NONE;
-  while (error == SSL_ERROR_NONE && block.GetLength() < readSize_) {
+  while (error == SSL_ERROR_NONE && block.GetLength() < options_.readSize) {
     std::size_t count = 0;
     ERR_clear_error();
     const int result =
-        SSL_read_ex(ssl_.get(), block.GetWritePtr(), readSize_ - block.GetLength(), &count);
+        SSL_read_ex(ssl_.get(), block.GetWritePtr(), options_.readSize - block.GetLength(), &count);
     if (result == 1) {
       block.AdvanceWritePtr(count);
     } else {
@@ -307,7 +296,7 @@ void TlsStream::WriteBelow(const char* data, std::size_t length) {
 
 AWResult TlsStream::Send(CAWMessageBlock& chain) {
   loop_.CheckCurrent("a transport's SendData");
-  if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   if (writer_.GetError() != 0) return static_cast<AWResult>(writer_.GetError());
   if (state_ == State::ended) return AW_ERROR_FAILURE;
   std::size_t taken = 0;
@@ -381,22 +370,8 @@ AWResult TlsStream::GetOption(int code, void* value) const {
 }
 
 AWResult TlsStream::SetOption(int code, void* value) {
-  if (value == nullptr) return AW_ERROR_FAILURE;
-  switch (code) {
-    case keelbase::AW_OPT_STOP_READING:
-      StopReading(*static_cast<const bool*>(value));
-      return AW_OK;
-    case keelbase::AW_OPT_READ_SIZE:
-      readSize_ = std::clamp<std::size_t>(*static_cast<const std::uint32_t*>(value), 1, kReadSize);
-      return AW_OK;
-    case keelbase::AW_OPT_LINGER:
-      lingerMs_ = *static_cast<const std::uint32_t*>(value);
-      return AW_OK;
-    case keelbase::AW_OPT_LINGER_DATA:
-      return AddLingerData(*static_cast<const CAWMessageBlock*>(value));
-    default:
-      return lower_->SetOption(code, value);
-  }
+  const auto result = keelbase::internal::SetCommonOption(*this, options_, code, value);
+  return result ? *result : lower_->SetOption(code, value);
 }
 
 }  // namespace sslutils::internal

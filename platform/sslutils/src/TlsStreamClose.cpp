@@ -20,7 +20,7 @@ using keelbase::internal::Clock;
 
 void TlsStream::Disconnect() {
   loop_.CheckCurrent("a transport's Disconnect");
-  if (state_ == State::closing || state_ == State::closed) return;
+  if (IsDisconnected()) return;
   const CAWAutoPtr<TlsStream> alive(this);
   const bool established = state_ != State::fresh && state_ != State::shaking;
   sink_ = nullptr;
@@ -31,9 +31,9 @@ void TlsStream::Disconnect() {
   if (lowerEnded_) return LeaveToLower();
   try {
     WriteLast();
-    if (lingerMs_ == 0) return CloseNow();
+    if (options_.lingerMs == 0) return CloseNow();
     timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
-    timer_->Start(std::chrono::milliseconds(lingerMs_), 1, [this] {
+    timer_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] {
       const CAWAutoPtr<TlsStream> last(this);
       CloseNow(0);
     });
@@ -78,7 +78,7 @@ void TlsStream::Drain() {
 
 // Nobody will tell of room any more: the transport below is given all that is left.
 void TlsStream::LeaveToLower() {
-  if (lingerMs_ != 0 && endReason_ == 0) {
+  if (options_.lingerMs != 0 && endReason_ == 0) {
     writer_.ExpectNoRoom();
     WriteLast();
   }
@@ -86,9 +86,9 @@ void TlsStream::LeaveToLower() {
 }
 
 std::uint32_t TlsStream::LingerLeft() const {
-  if (!self_) return lingerMs_;  // it has not begun
+  if (!self_) return options_.lingerMs;  // it has not begun
   using std::chrono::milliseconds;
-  const auto end = lingerBegin_ + milliseconds(lingerMs_);
+  const auto end = lingerBegin_ + milliseconds(options_.lingerMs);
   const auto left = std::chrono::ceil<milliseconds>(end - Clock::Now());
   return static_cast<std::uint32_t>(std::max(left, milliseconds(0)).count());
 }
@@ -109,7 +109,7 @@ void TlsStream::CloseNow(std::uint32_t lingerMs) {
 }
 
 AWResult TlsStream::AddLingerData(const CAWMessageBlock& chain) {
-  if (state_ == State::closing || state_ == State::closed) return AW_ERROR_NOT_INITIALIZED;
+  if (IsDisconnected()) return AW_ERROR_NOT_INITIALIZED;
   try {
     lingerData_.Append(chain.DuplicateChained());
   } catch (const std::bad_alloc&) {

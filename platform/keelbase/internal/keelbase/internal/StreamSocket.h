@@ -9,6 +9,7 @@
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWTransport.h"
 #include "keelbase/internal/BufferPool.h"
+#include "keelbase/internal/Engines.h"
 #include "keelbase/internal/EventLoop.h"
 #include "keelbase/internal/FileDescriptor.h"
 #include "keelbase/internal/LoopCounted.h"
@@ -53,7 +54,6 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   void Disconnect();
 
   void StopReading(bool stop);
-  void SetLinger(std::uint32_t milliseconds) { lingerMs_ = milliseconds; }
   AWResult AddLingerData(const CAWMessageBlock& chain);
   CAWTransportCounters GetCounters() const;
 
@@ -70,7 +70,11 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   // peer's input is dropped until its end; closed is the end of all.
   enum class State { fresh, open, ended, lingering, draining, closed };
 
-  void OnLastReference() override;
+  bool IsDisconnected() const {
+    return state_ == State::lingering || state_ == State::draining || state_ == State::closed;
+  }
+
+  void OnLastReference() override { DisconnectOrDelete(*this, state_ == State::closed); }
   void OnReady(std::uint32_t events) override;
   bool OnSpin() override;
   void OnTurnEnd() override;
@@ -121,9 +125,7 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   std::size_t gatherBegin_ = 0;
   std::size_t gatherEnd_ = 0;
 
-  std::size_t readSize_ = kReadSize;
-
-  std::uint32_t lingerMs_ = 2000;
+  EngineOptions options_;
   bool awaitsEnd_ = false;
   Clock::Point lingerEnd_{};
   std::size_t dropped_ = 0;                // bytes that came behind our end

@@ -11,6 +11,7 @@
 #include "keelbase/CAWMessageBlock.h"
 #include "keelbase/CAWReferenceControl.h"
 #include "keelbase/CAWTransport.h"
+#include "keelbase/internal/Engines.h"
 #include "keelbase/internal/EventLoop.h"
 #include "sslutils/CAWDefines.h"
 #include "sslutils/CAWSSLTransport.h"
@@ -39,7 +40,9 @@ class SSLUTILS_API TlsStream final
   // `ssl` knows its role and all that it is to check.
   TlsStream(keelbase::internal::EventLoop& loop, std::unique_ptr<ByteTransport> lower, SslPtr ssl);
   ~TlsStream() override;
-  void OnReferenceDestory() override;
+  void OnReferenceDestory() override {
+    keelbase::internal::DisconnectOrDelete(*this, state_ == State::closed);
+  }
 
   // Shakes hands. `done` comes once, with 0 or a reason, never from in here and never after
   // Disconnect; it may open, disconnect or drop the stream.
@@ -50,11 +53,15 @@ class SSLUTILS_API TlsStream final
   keelbase::AWResult Open(ByteSink* sink);
   keelbase::AWResult Send(keelbase::CAWMessageBlock& chain);
   void Disconnect();
+  void StopReading(bool stop);
+  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   keelbase::AWResult GetOption(int code, void* value) const;
   keelbase::AWResult SetOption(int code, void* value);
 
  private:
   enum class State { fresh, shaking, ready, open, ended, closing, closed };
+
+  bool IsDisconnected() const { return state_ == State::closing || state_ == State::closed; }
 
   // Events of the transport below.
   void OnBytes(keelbase::CAWMessageBlock& block) override;
@@ -89,7 +96,6 @@ class SSLUTILS_API TlsStream final
   void EndNextTurn();
   bool MayRead() const;
   bool AnswersWait() const;
-  void StopReading(bool stop);
   // What OpenSSL does not take would only be kept here.
   bool WantsBytes() const { return (reading_ || writer_.WaitsForPeer()) && !AnswersWait(); }
   void ReadLower(bool read);
@@ -97,7 +103,6 @@ class SSLUTILS_API TlsStream final
   void GoOnWriting();
   void Written();
   void WantTurnEnd();
-  keelbase::AWResult AddLingerData(const keelbase::CAWMessageBlock& chain);
   CAWSSLInfo GetInfo() const;
   keelbase::CAWTransportCounters GetCounters() const;
 
@@ -126,14 +131,13 @@ class SSLUTILS_API TlsStream final
   bool pumping_ = false;
   long endReason_ = 0;        // of the transport below
   std::size_t turnRead_ = 0;  // since what waited for the end is read
-  std::size_t readSize_;
 
   keelbase::CAWTransportCounters counters_;
   TlsWriter writer_;
   bool roomWanted_ = false;  // 10013 was answered
   bool dirty_ = false;       // OnTurnEnd is due
 
-  std::uint32_t lingerMs_ = 2000;
+  keelbase::internal::EngineOptions options_;
   OwnedChain lingerData_;  // plain until there is room below
   keelbase::internal::Clock::Point lingerBegin_{};
   std::unique_ptr<keelbase::internal::Timer> timer_;  // of handshake, end, linger
