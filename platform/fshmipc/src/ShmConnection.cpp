@@ -349,7 +349,7 @@ AWResult ShmConnection::AddLingerData(const CAWMessageBlock& chain) {
 bool ShmConnection::WriteLingerData() {
   while (lingerData_ != nullptr) {
     lingerData_->AdvanceChainedReadPtr(Write(*lingerData_));
-    lingerData_ = lingerData_->ReclaimGarbage();
+    keelbase::internal::DropRead(lingerData_);
     if (writer_.Unpublished() != 0) Publish();
     if (lingerData_ == nullptr || writer_.IsBroken()) break;
     if (writer_.WaitForRoom()) return false;
@@ -382,7 +382,7 @@ void ShmConnection::CloseNow() {
   Leave();
   socket_.Reset();
   segment_.Unmap();
-  if (lingerData_ != nullptr) std::exchange(lingerData_, nullptr)->DestroyChained();
+  lingerData_.reset();
   lingerTimer_.reset();
   if (self_) loop_.EndLinger(*this);
   const CAWAutoPtr<ShmConnection> last(std::move(self_));

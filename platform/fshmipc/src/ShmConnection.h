@@ -99,7 +99,7 @@ class ShmConnection final : public keelbase::internal::LoopCounted,
 
   keelbase::internal::EngineOptions options_;
   keelbase::internal::Clock::Point lingerEnd_{};
-  keelbase::CAWMessageBlock* lingerData_ = nullptr;  // owned
+  std::unique_ptr<keelbase::CAWMessageBlock> lingerData_;
   std::unique_ptr<keelbase::internal::Timer> lingerTimer_;
   keelbase::CAWAutoPtr<ShmConnection> self_;  // held while lingering
 

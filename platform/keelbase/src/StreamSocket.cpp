@@ -364,8 +364,8 @@ bool StreamSocket::DropInput() {
 }
 
 void StreamSocket::WriteLingerData() {
-  WriteOut(lingerData_);
-  if (lingerData_ != nullptr) lingerData_ = lingerData_->ReclaimGarbage();
+  WriteOut(lingerData_.get());
+  DropRead(lingerData_);
 }
 
 void StreamSocket::CloseNow() {
@@ -376,7 +376,7 @@ void StreamSocket::CloseNow() {
   Unwatch();
   descriptor_.Reset();
   GiveGather();
-  if (lingerData_ != nullptr) std::exchange(lingerData_, nullptr)->DestroyChained();
+  lingerData_.reset();
   lingerTimer_.reset();
   if (self_) loop_.EndLinger(*this);
   const CAWAutoPtr<StreamSocket> last(std::move(self_));

@@ -331,7 +331,7 @@ void PtcpEngine::CloseNow() {
   connection_.Fail(ECONNABORTED);
   LeavePort();
   if (std::exchange(dirty_, false)) loop_.DropTurnEnd(*this);
-  if (lingerData_ != nullptr) std::exchange(lingerData_, nullptr)->DestroyChained();
+  lingerData_.reset();
   const CAWAutoPtr<PtcpEngine> last(std::move(self_));
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "ClockAndRandom.h"
@@ -112,8 +113,8 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   keelbase::internal::EngineOptions options_;
   std::size_t queueLimit_;
   Time lingerEnd_ = kNever;
-  keelbase::CAWMessageBlock* lingerData_ = nullptr;  // owned
-  keelbase::CAWAutoPtr<PtcpEngine> self_;            // held while lingering
+  std::unique_ptr<keelbase::CAWMessageBlock> lingerData_;
+  keelbase::CAWAutoPtr<PtcpEngine> self_;  // held while lingering
 
   keelbase::CAWTransportCounters counters_;
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <new>
 
 #include "keelbase/CAWError.h"
@@ -21,19 +22,22 @@ inline std::size_t LengthUpTo(const CAWMessageBlock& chain, std::size_t enough) 
 inline bool HasBytes(const CAWMessageBlock& chain) { return LengthUpTo(chain, 1) != 0; }
 
 // Appends a copy of `more` to `chain`, which may be null. AW_OK; AW_ERROR_FAILURE without memory.
-inline AWResult AppendCopy(CAWMessageBlock*& chain, const CAWMessageBlock& more) {
-  CAWMessageBlock* copy = nullptr;
-  try {
-    copy = more.DuplicateChained();
-  } catch (const std::bad_alloc&) {
-    return AW_ERROR_FAILURE;
-  }
+inline AWResult AppendCopy(std::unique_ptr<CAWMessageBlock>& chain,
+                           const CAWMessageBlock& more) try {
+  CAWMessageBlock* copy = more.DuplicateChained();
   if (chain == nullptr) {
-    chain = copy;
+    chain.reset(copy);
   } else {
     chain->Append(copy);
   }
   return AW_OK;
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
+}
+
+// Frees the blocks at the front that are fully read.
+inline void DropRead(std::unique_ptr<CAWMessageBlock>& chain) {
+  if (chain != nullptr) chain.reset(chain.release()->ReclaimGarbage());
 }
 
 }  // namespace keelbase::internal

@@ -128,8 +128,8 @@ class KEELBASE_API StreamSocket final : public LoopCounted,
   EngineOptions options_;
   bool awaitsEnd_ = false;
   Clock::Point lingerEnd_{};
-  std::size_t dropped_ = 0;                // bytes that came behind our end
-  CAWMessageBlock* lingerData_ = nullptr;  // owned
+  std::size_t dropped_ = 0;  // bytes that came behind our end
+  std::unique_ptr<CAWMessageBlock> lingerData_;
   std::unique_ptr<Timer> lingerTimer_;
   CAWAutoPtr<StreamSocket> self_;  // held while lingering
 

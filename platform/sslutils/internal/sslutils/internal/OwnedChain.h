@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "keelbase/CAWMessageBlock.h"
+#include "keelbase/internal/Chains.h"
 
 namespace sslutils::internal {
 
@@ -55,7 +56,7 @@ class OwnedChain {
   // After `count` bytes were read from the front.
   void DropRead(std::size_t count) {
     length_ -= count;
-    if (!IsEmpty()) first_.reset(first_.release()->ReclaimGarbage());
+    keelbase::internal::DropRead(first_);
   }
 
   void Clear() {
