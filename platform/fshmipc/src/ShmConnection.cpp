@@ -13,6 +13,7 @@
 #include "keelbase/internal/Chains.h"
 #include "keelbase/internal/Processor.h"
 #include "keelbase/internal/TellOwner.h"
+#include "keelbase/internal/Uninterrupted.h"
 
 namespace fshmipc {
 
@@ -28,6 +29,7 @@ using keelbase::internal::Clock;
 using keelbase::internal::HasBytes;
 using keelbase::internal::LengthUpTo;
 using keelbase::internal::Timer;
+using keelbase::internal::Uninterrupted;
 
 namespace {
 
@@ -301,10 +303,8 @@ void ShmConnection::WakePeerUnlessHere() {
 // what it has left.
 void ShmConnection::WakePeer() {
   ++counters_.systemCallsSent;
-  ssize_t sent;
-  do {
-    sent = ::send(socket_.Get(), "", 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-  } while (sent < 0 && errno == EINTR);
+  const ssize_t sent =
+      Uninterrupted([this] { return ::send(socket_.Get(), "", 1, MSG_NOSIGNAL | MSG_DONTWAIT); });
   if (sent >= 0 || errno == EAGAIN || errno == EPIPE || errno == ECONNRESET) return;
   Failed(errno);
 }

@@ -10,7 +10,11 @@
 #include <cstring>
 #include <utility>
 
+#include "keelbase/internal/Uninterrupted.h"
+
 namespace fshmipc {
+
+using keelbase::internal::Uninterrupted;
 
 namespace {
 
@@ -41,20 +45,16 @@ FileDescriptor TakeDescriptor(msghdr& header, std::size_t& count) {
 }
 
 int SendAll(int socket, const msghdr& header, std::size_t length) {
-  ssize_t sent;
-  do {
-    sent = ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
-  } while (sent < 0 && errno == EINTR);
+  const ssize_t sent =
+      Uninterrupted([&] { return ::sendmsg(socket, &header, MSG_NOSIGNAL | MSG_DONTWAIT); });
   if (sent < 0) return errno;
   return static_cast<std::size_t>(sent) == length ? 0 : EPROTO;
 }
 
 // How much came; below 0: an errno value, negative. The end of the connection is ECONNRESET.
 ssize_t Receive(int socket, msghdr& header) {
-  ssize_t length;
-  do {
-    length = ::recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-  } while (length < 0 && errno == EINTR);
+  const ssize_t length =
+      Uninterrupted([&] { return ::recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
   if (length == 0) return -ECONNRESET;
   return length < 0 ? -errno : length;
 }

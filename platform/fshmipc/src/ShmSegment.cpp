@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
@@ -12,6 +11,8 @@
 #include <cerrno>
 #include <new>
 #include <utility>
+
+#include "keelbase/internal/FileRoom.h"
 
 namespace fshmipc {
 
@@ -29,20 +30,6 @@ constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
 constexpr std::size_t kStatBlock = 512;  // stat(2) counts in these
 
 std::size_t SizeFor(std::size_t ringSize) { return kControlSize + 2 * ringSize; }
-
-// Past the process's limit on file sizes the kernel answers with a signal that ends the process.
-bool IsAboveLimit(std::size_t size) {
-  rlimit limit{};
-  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur;
-}
-
-int Reserve(int file, std::size_t size) {
-  int result;
-  do {
-    result = ::fallocate(file, 0, 0, static_cast<off_t>(size));
-  } while (result != 0 && errno == EINTR);
-  return result == 0 ? 0 : errno;
-}
 
 // Ordinary memory, of the right size and all of it reserved, that nobody can take away under us.
 // Huge pages are refused: they can run out at a touch. We only look: a call that changes the file
@@ -74,11 +61,11 @@ ShmSegment& ShmSegment::operator=(ShmSegment&& other) noexcept {
 
 int ShmSegment::Create(std::uint32_t ringSize, FileDescriptor& file) {
   const std::size_t size = SizeFor(ringSize);
-  if (IsAboveLimit(size)) return EFBIG;
+  if (keelbase::internal::IsAboveFileLimit(size)) return EFBIG;
   FileDescriptor made(::memfd_create("zarn-shmipc", MFD_CLOEXEC | MFD_ALLOW_SEALING));
   if (!made) return errno;
   if (::ftruncate(made.Get(), static_cast<off_t>(size)) != 0) return errno;
-  if (const int error = Reserve(made.Get(), size); error != 0) return error;
+  if (const int error = keelbase::internal::ReserveRoom(made.Get(), size); error != 0) return error;
   if (::fcntl(made.Get(), F_ADD_SEALS, kSeals) != 0) return errno;
   if (const int error = Map(made, ringSize); error != 0) return error;
   file = std::move(made);

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +11,8 @@
 #include <cstddef>
 #include <cstring>
 #include <thread>
+
+#include "keelbase/internal/FileRoom.h"
 
 namespace keelbase::internal {
 namespace {
@@ -37,12 +38,6 @@ bool InitialiseLock(pthread_mutex_t& lock) {
                     ::pthread_mutex_init(&lock, &attributes) == 0;
   ::pthread_mutexattr_destroy(&attributes);
   return made;
-}
-
-// Past the process's limit on file sizes the kernel answers with a signal that ends the process.
-bool IsAboveLimit(std::size_t fileSize) {
-  rlimit limit{};
-  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && fileSize > limit.rlim_cur;
 }
 
 }  // namespace
@@ -123,7 +118,7 @@ AWResult ShmFile::Make(std::size_t size) {
 
 AWResult ShmFile::Fill(std::size_t size) {
   const std::size_t fileSize = kShmHeaderSize + size;
-  if (IsAboveLimit(fileSize)) return Fail("no room: the process's limit on file sizes");
+  if (IsAboveFileLimit(fileSize)) return Fail("no room: the process's limit on file sizes");
   if (::ftruncate(file_.Get(), 0) != 0 || ::fchmod(file_.Get(), 0600) != 0) {
     return Fail("cannot be changed");
   }
@@ -153,11 +148,8 @@ AWResult ShmFile::Check(const ShmHeader& header, std::size_t fileSize, std::size
   }
   if (header.size < size) return Fail("is smaller than asked for");
   // A copy of a segment may have holes. File systems that cannot reserve are taken as they are.
-  int reserved = 0;
-  do {
-    reserved = ::fallocate(file_.Get(), 0, 0, static_cast<off_t>(fileSize));
-  } while (reserved != 0 && errno == EINTR);
-  if (reserved != 0 && errno != EOPNOTSUPP) return Fail("no room");
+  const int error = ReserveRoom(file_.Get(), fileSize);
+  if (error != 0 && error != EOPNOTSUPP) return Fail("no room");
   memorySize_ = header.size;
   char bootId[sizeof(header.bootId)];
   ReadBootId(bootId);

@@ -13,6 +13,7 @@
 
 #include "keelbase/internal/Chains.h"
 #include "keelbase/internal/TellOwner.h"
+#include "keelbase/internal/Uninterrupted.h"
 
 namespace keelbase::internal {
 
@@ -47,11 +48,7 @@ class Pieces {
     msghdr message{};
     message.msg_iov = pieces_.data();
     message.msg_iovlen = count_;
-    ssize_t written;
-    do {
-      written = ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    } while (written < 0 && errno == EINTR);
-    return written;
+    return Uninterrupted([&] { return ::sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
   }
 
  private:
@@ -136,10 +133,9 @@ bool StreamSocket::ReadOnce() {
     End(ENOMEM);
     return false;
   }
-  ssize_t count;
-  do {
-    count = ::recv(descriptor_.Get(), block->GetWritePtr(), options_.readSize, MSG_DONTWAIT);
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count = Uninterrupted([&] {
+    return ::recv(descriptor_.Get(), block->GetWritePtr(), options_.readSize, MSG_DONTWAIT);
+  });
   if (count > 0) {
     block->AdvanceWritePtr(static_cast<std::size_t>(count));
     Deliver(*block);

@@ -10,6 +10,7 @@
 
 #include "keelbase/internal/Clock.h"
 #include "keelbase/internal/TraceError.h"
+#include "keelbase/internal/Uninterrupted.h"
 
 namespace ptcp {
 
@@ -22,10 +23,8 @@ Time Now() {
 // Fails on no kernel that has it for so few bytes; whoever sees zeroes has no connection, no more.
 void FillWithRandom(std::uint8_t* out, std::size_t length) {
   std::memset(out, 0, length);
-  ssize_t count;
-  do {
-    count = ::getrandom(out, length, 0);
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count =
+      keelbase::internal::Uninterrupted([&] { return ::getrandom(out, length, 0); });
   if (count < 0) keelbase::internal::TraceError("no random numbers", errno);
 }
 
