@@ -8,6 +8,7 @@
 #include "ClientName.h"
 #include "IPCTransport.h"
 #include "keelbase/internal/TellOwner.h"
+#include "keelbase/internal/TryMake.h"
 
 namespace fipc {
 
@@ -66,11 +67,8 @@ void IPCConnector::OnDialled(int error, FileDescriptor socket,
   if (!alive) return;
   CAWAutoPtr<IAWIPCTransport> transport;
   if (error == 0) {
-    try {
-      transport = new IPCTransport(GetLoop(), std::move(socket), local_, peer_, credentials);
-    } catch (const std::bad_alloc&) {
-      error = ENOMEM;
-    }
+    error = keelbase::internal::TryMake<IPCTransport>(transport, GetLoop(), std::move(socket),
+                                                      local_, peer_, credentials);
   }
   keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
     sink->OnIPCConnectIndication(error, transport.Get(), this);

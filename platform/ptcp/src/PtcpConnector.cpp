@@ -9,6 +9,7 @@
 
 #include "PtcpTransport.h"
 #include "keelbase/internal/TellOwner.h"
+#include "keelbase/internal/TryMake.h"
 
 namespace ptcp {
 
@@ -79,11 +80,8 @@ void PtcpConnector::Finish(int error) {
   CAWAutoPtr<IAWPseudoTCPTransport> transport;
   const CAWAutoPtr<PtcpEngine> engine = std::exchange(engine_, nullptr);
   if (error == 0) {
-    try {
-      transport = new PtcpTransport(GetLoop(), engine.Get(), port_->GetLocalAddr());
-    } catch (const std::bad_alloc&) {
-      error = ENOMEM;
-    }
+    error = keelbase::internal::TryMake<PtcpTransport>(transport, GetLoop(), engine.Get(),
+                                                       port_->GetLocalAddr());
   }
   if (error != 0 && engine) engine->Abort();
   port_ = nullptr;

@@ -1,9 +1,9 @@
 // TcpTransport.cpp - see TcpTransport.h.
 #include "TcpTransport.h"
 
-#include <cerrno>
-#include <new>
 #include <utility>
+
+#include "keelbase/internal/TryMake.h"
 
 namespace wface {
 
@@ -41,12 +41,7 @@ AWResult TcpTransport::SetOption(int code, void* value) {
 
 int MakeTransport(keelbase::internal::EventLoop& loop, FileDescriptor socket, const TcpEnds& ends,
                   keelbase::CAWAutoPtr<IAWTransport>& out) {
-  try {
-    out = new TcpTransport(loop, std::move(socket), ends);
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  }
-  return 0;
+  return keelbase::internal::TryMake<TcpTransport>(out, loop, std::move(socket), ends);
 }
 
 }  // namespace wface

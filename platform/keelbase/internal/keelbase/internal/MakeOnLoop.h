@@ -1,13 +1,13 @@
 // MakeOnLoop.h - how a manager makes its connectors and acceptors.
 #pragma once
 
-#include <new>
 #include <utility>
 
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWThread.h"
 #include "keelbase/CAWThreadManager.h"
+#include "keelbase/internal/TryMake.h"
 
 namespace keelbase::internal {
 
@@ -18,12 +18,8 @@ AWResult MakeOnLoop(CAWAutoPtr<Interface>& out, Arguments&&... arguments) {
   out = nullptr;
   CAWThread* thread = CAWThreadManager::Instance()->GetCurrentOrNetwork();
   if (thread == nullptr) return AW_ERROR_FAILURE;
-  try {
-    out = new Object(thread->GetLoop(), std::forward<Arguments>(arguments)...);
-  } catch (const std::bad_alloc&) {
-    return AW_ERROR_FAILURE;
-  }
-  return AW_OK;
+  const int error = TryMake<Object>(out, thread->GetLoop(), std::forward<Arguments>(arguments)...);
+  return error == 0 ? AW_OK : AW_ERROR_FAILURE;
 }
 
 }  // namespace keelbase::internal

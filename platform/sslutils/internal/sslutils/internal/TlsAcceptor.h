@@ -12,6 +12,7 @@
 
 #include "keelbase/internal/LoopObject.h"
 #include "keelbase/internal/TellOwner.h"
+#include "keelbase/internal/TryMake.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
@@ -119,13 +120,8 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     if (!alive) return;
     const auto stream = shaking_.GiveUp(place);
     keelbase::CAWAutoPtr<IAWSSLTransport> transport;
-    if (reason == 0) {
-      try {
-        transport = new SSLTransport(GetLoop(), stream);
-      } catch (const std::bad_alloc&) {
-        reason = ENOMEM;
-      }
-    }
+    if (reason == 0)
+      reason = keelbase::internal::TryMake<SSLTransport>(transport, GetLoop(), stream);
     Tell(reason, transport.Get());
   }
 

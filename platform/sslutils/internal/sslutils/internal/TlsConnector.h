@@ -8,6 +8,7 @@
 
 #include "keelbase/internal/LoopObject.h"
 #include "keelbase/internal/TellOwner.h"
+#include "keelbase/internal/TryMake.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/internal/ByteTransport.h"
 #include "sslutils/internal/HandshakeLimit.h"
@@ -101,13 +102,8 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
     if (!alive) return;
     const auto stream = std::move(stream_);
     keelbase::CAWAutoPtr<IAWSSLTransport> transport;
-    if (reason == 0) {
-      try {
-        transport = new SSLTransport(this->GetLoop(), stream);
-      } catch (const std::bad_alloc&) {
-        reason = ENOMEM;
-      }
-    }
+    if (reason == 0)
+      reason = keelbase::internal::TryMake<SSLTransport>(transport, this->GetLoop(), stream);
     Indicate(reason, transport.Get());
   }
 
