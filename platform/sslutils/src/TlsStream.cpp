@@ -30,8 +30,8 @@ using keelbase::internal::kReadSize;
 
 namespace {
 
-// Of what had waited for the end of the connection: a request for new keys is short, and costs as
-// much as a record.
+// Encrypted bytes that one turn decrypts once the connection below has ended: the peer may have
+// left thousands of key updates, each a few bytes that cost as much as a full record.
 constexpr std::size_t kMostATurn = kRecordSize;
 
 }  // namespace
@@ -55,8 +55,8 @@ TlsStream::~TlsStream() = default;
 void TlsStream::Start(std::chrono::milliseconds limit, Done done) {
   done_ = std::move(done);
   state_ = State::shaking;
-  timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
-  timer_->Start(limit, 1, [this] {
+  timeLimit_ = std::make_unique<keelbase::internal::Timer>(loop_);
+  timeLimit_->Start(limit, 1, [this] {
     const CAWAutoPtr<TlsStream> alive(this);
     Established(AW_SSL_ERROR_HANDSHAKE_TIME);
   });
@@ -82,7 +82,7 @@ void TlsStream::ShakeHands() {
 
 void TlsStream::Established(long reason) {
   if (state_ != State::shaking) return;
-  timer_.reset();
+  timeLimit_.reset();
   const Done done = std::move(done_);
   if (reason == 0) {
     state_ = State::ready;
@@ -148,7 +148,7 @@ void TlsStream::OnEnd(long reason) {
 
 // What came before the end is delivered first, also to an owner who had stopped reading.
 void TlsStream::EndOfLower() {
-  if (timer_ != nullptr) return;  // goes on in the next turn
+  if (endTurn_ != nullptr) return;
   turnRead_ = 0;
   Pump();
   if (state_ == State::open && turnRead_ >= kMostATurn) return EndNextTurn();
@@ -158,13 +158,13 @@ void TlsStream::EndOfLower() {
 
 void TlsStream::EndNextTurn() {
   try {
-    timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
+    endTurn_ = std::make_unique<keelbase::internal::Timer>(loop_);
   } catch (const std::bad_alloc&) {
     return End(ENOMEM);
   }
-  timer_->Start(std::chrono::milliseconds(0), 1, [this] {
+  endTurn_->Start(std::chrono::milliseconds(0), 1, [this] {
     const CAWAutoPtr<TlsStream> alive(this);
-    timer_.reset();
+    endTurn_.reset();
     EndOfLower();
   });
 }
@@ -218,7 +218,7 @@ void TlsStream::Pump() {
   }
   pumping_ = false;
   if (state_ != State::open) return;
-  Written();  // reading may have brought about answers
+  AfterWriting();  // reading may have brought about answers
   if (writer_.WaitsForPeer()) GoOnWriting();
 }
 
@@ -309,7 +309,7 @@ AWResult TlsStream::Send(CAWMessageBlock& chain) {
     }
   }
   if (taken != 0 && writer_.Gathered() != 0) WantTurnEnd();
-  Written();
+  AfterWriting();
   if (taken != 0) ++counters_.blocksSent;
   counters_.bytesSent += taken;
   if (all) return AW_OK;
@@ -321,7 +321,7 @@ AWResult TlsStream::Send(CAWMessageBlock& chain) {
 
 // What OpenSSL must read before it writes is read also for an owner who has stopped. That writing
 // has failed is told at the turn's end, never from inside a call of the owner.
-void TlsStream::Written() {
+void TlsStream::AfterWriting() {
   if (state_ == State::open) ReadLower(WantsBytes());
   if (writer_.HasFailed() && !lowerEnded_) WantTurnEnd();
 }
@@ -329,7 +329,7 @@ void TlsStream::Written() {
 void TlsStream::GoOnWriting() {
   writer_.WritePending();
   writer_.Flush();
-  Written();
+  AfterWriting();
   if (!writer_.IsBlocked() && roomWanted_) TellRoom();
 }
 

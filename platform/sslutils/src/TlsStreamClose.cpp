@@ -25,15 +25,16 @@ void TlsStream::Disconnect() {
   const bool established = state_ != State::fresh && state_ != State::shaking;
   sink_ = nullptr;
   done_ = nullptr;
-  timer_.reset();
+  endTurn_.reset();
+  timeLimit_.reset();
   state_ = State::closing;
   if (!established || writer_.GetError() != 0) return CloseNow();
   if (lowerEnded_) return LeaveToLower();
   try {
     WriteLast();
     if (options_.lingerMs == 0) return CloseNow();
-    timer_ = std::make_unique<keelbase::internal::Timer>(loop_);
-    timer_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] {
+    timeLimit_ = std::make_unique<keelbase::internal::Timer>(loop_);
+    timeLimit_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] {
       const CAWAutoPtr<TlsStream> last(this);
       CloseNow(0);
     });
@@ -103,7 +104,8 @@ void TlsStream::CloseNow(std::uint32_t lingerMs) {
   writer_.LeaveToLower();
   lower_->Disconnect();
   for (auto* chain : {&kept_, &lingerData_}) chain->Clear();
-  timer_.reset();
+  endTurn_.reset();
+  timeLimit_.reset();
   if (self_) loop_.EndLinger(*this);
   const CAWAutoPtr<TlsStream> last(std::move(self_));
 }

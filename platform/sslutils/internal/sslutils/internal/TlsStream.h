@@ -59,6 +59,10 @@ class SSLUTILS_API TlsStream final
   keelbase::AWResult SetOption(int code, void* value);
 
  private:
+  // Start leads from fresh to shaking, a handshake that succeeds to ready, Open to open and the
+  // peer's orderly end to ended. A failure leads to closed; one of a ready stream waits for Open.
+  // From all these Disconnect leads to closing, while what was taken is written and the peer's end
+  // is awaited; closed is the end of all.
   enum class State { fresh, shaking, ready, open, ended, closing, closed };
 
   bool IsDisconnected() const { return state_ == State::closing || state_ == State::closed; }
@@ -70,7 +74,8 @@ class SSLUTILS_API TlsStream final
 
   void OnTurnEnd() override;
 
-  // The last seconds of a process: the transport below lingers in its own way.
+  // At exit this deadline is always past, so that Lingers::Finish calls AbandonLinger at once: the
+  // transport below does the lingering.
   int LingerDescriptor() const override { return -1; }
   keelbase::internal::Clock::Point LingerDeadline() const override { return lingerBegin_; }
   void WriteLingering() override {}
@@ -101,7 +106,7 @@ class SSLUTILS_API TlsStream final
   void ReadLower(bool read);
 
   void GoOnWriting();
-  void Written();
+  void AfterWriting();
   void WantTurnEnd();
   CAWSSLInfo GetInfo() const;
   keelbase::CAWTransportCounters GetCounters() const;
@@ -129,8 +134,9 @@ class SSLUTILS_API TlsStream final
   bool lowerEnded_ = false;
   bool peerEnded_ = false;  // close_notify has come
   bool pumping_ = false;
-  long endReason_ = 0;        // of the transport below
-  std::size_t turnRead_ = 0;  // since what waited for the end is read
+  long endReason_ = 0;                                  // of the transport below
+  std::unique_ptr<keelbase::internal::Timer> endTurn_;  // EndOfLower goes on in the next turn
+  std::size_t turnRead_ = 0;                            // since EndOfLower began
 
   keelbase::CAWTransportCounters counters_;
   TlsWriter writer_;
@@ -140,8 +146,8 @@ class SSLUTILS_API TlsStream final
   keelbase::internal::EngineOptions options_;
   OwnedChain lingerData_;  // plain until there is room below
   keelbase::internal::Clock::Point lingerBegin_{};
-  std::unique_ptr<keelbase::internal::Timer> timer_;  // of handshake, end, linger
-  keelbase::CAWAutoPtr<TlsStream> self_;              // held while lingering
+  std::unique_ptr<keelbase::internal::Timer> timeLimit_;  // of handshake or linger
+  keelbase::CAWAutoPtr<TlsStream> self_;                  // held while lingering
 };
 
 }  // namespace sslutils::internal
