@@ -332,10 +332,9 @@ void StreamSocket::WriteLingering() {
   UpdateWatch();
 }
 
-// A close with unread input makes TCP drop what is still on its way to the peer, and so does input
-// that comes after it. So, if anything was ever sent (nobody tells whether it has arrived), the
-// peer is told the end, and what it sends is dropped until it ends too. Without unread input only
-// who asks for it waits: most peers are silent then. False: nothing is left to do.
+// False: nothing is left to wait for. Closed with unread input, TCP would drop what is on its way
+// to the peer. So, if we ever sent anything, we tell our end, drop what comes, and wait for the
+// peer's. Without unread input only owners with AW_OPT_AWAIT_END wait: most peers are silent then.
 bool StreamSocket::GoOnClosing() {
   if (writeError_ != 0) return false;
   if (state_ == State::draining) return DropInput();

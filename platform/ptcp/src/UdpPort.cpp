@@ -55,7 +55,7 @@ std::size_t UdpPort::IdHash::operator()(const ConnectionId& id) const {
 }
 
 UdpPort::UdpPort(EventLoop& loop)
-    : loop_(loop), resetKey_(RandomKey()), users_(0, IdHash{RandomSeed()}), readPause_(loop) {}
+    : loop_(loop), resetKey_(RandomKey()), usersById_(0, IdHash{RandomSeed()}), readPause_(loop) {}
 
 UdpPort::~UdpPort() {
   if (listed_) {
@@ -96,12 +96,12 @@ bool UdpPort::IsInside(const CAWInetAddr& peer) const {
 // --- users ---
 
 bool UdpPort::AddId(const ConnectionId& id, PortUser& user) {
-  usersOf_.emplace(user.GetPath().peer, &user);
-  return users_.emplace(id, &user).second;
+  usersByPeer_.emplace(user.GetPath().peer, &user);
+  return usersById_.emplace(id, &user).second;
 }
 
 void UdpPort::Remove(PortUser& user) {
-  usersOf_.erase({user.GetPath().peer, &user});
+  usersByPeer_.erase({user.GetPath().peer, &user});
   Forget(touched_, user);
   Forget(waiting_, user);
   EndLinger(user);
@@ -129,19 +129,19 @@ bool UdpPort::ReadOneError() {
   UdpSocket::NetworkError told;
   if (const int error = socket_.ReadError(room, told); error != 0) return ReadFailed(error);
   if (told.error == 0) return true;
-  for (auto one = usersOf_.lower_bound({told.peer, nullptr});
-       one != usersOf_.end() && one->first == told.peer; ++one) {
+  for (auto one = usersByPeer_.lower_bound({told.peer, nullptr});
+       one != usersByPeer_.end() && one->first == told.peer; ++one) {
     PortUser& user = *one->second;
     if (!user.MayHaveSent(told.quoted)) continue;
     user.OnPortError(told.error);
-    Touched(user);
+    NoteTouched(user);
     break;
   }
   return true;
 }
 
 // Without memory it looks after itself when its timer is due.
-void UdpPort::Touched(PortUser& user) {
+void UdpPort::NoteTouched(PortUser& user) {
   if (std::find(touched_.begin(), touched_.end(), &user) != touched_.end()) return;
   try {
     touched_.push_back(&user);
@@ -202,8 +202,8 @@ void UdpPort::ResumeReading() {
 void UdpPort::Dispatch(const Path& from, Bytes datagram, Time now) {
   const auto id = DestinationOf(datagram);
   if (!id) return;
-  const auto found = users_.find(*id);
-  if (found == users_.end()) return OnUnknown(from, *id, datagram, now);
+  const auto found = usersById_.find(*id);
+  if (found == usersById_.end()) return OnUnknown(from, *id, datagram, now);
   PortUser* const user = found->second;
   if (!(user->GetPath().peer == from.peer)) return;
   if (touched_.empty() || touched_.back() != user) touched_.push_back(user);

@@ -67,7 +67,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool HasListener() const { return stranger_ != nullptr; }
 
   bool AddId(const ConnectionId& id, PortUser& user);
-  void RemoveId(const ConnectionId& id) { users_.erase(id); }
+  void RemoveId(const ConnectionId& id) { usersById_.erase(id); }
   void Remove(PortUser& user);  // its ids are gone; no call comes to it any more
   Tag ResetToken(const ConnectionId& id) const { return resetKey_.Sign({id.View()}); }
 
@@ -98,7 +98,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
 
   void ReadErrors();
   bool ReadOneError();
-  void Touched(PortUser& user);
+  void NoteTouched(PortUser& user);
   void ReadDatagrams();
   bool ReadOnce(Time now);
   bool ReadFailed(int error);
@@ -116,8 +116,8 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool listed_ = false;  // can be found
   OnStranger stranger_;
   PacketKey resetKey_;
-  std::unordered_map<ConnectionId, PortUser*, IdHash> users_;
-  std::set<std::pair<keelbase::CAWInetAddr, PortUser*>> usersOf_;  // a peer
+  std::unordered_map<ConnectionId, PortUser*, IdHash> usersById_;
+  std::set<std::pair<keelbase::CAWInetAddr, PortUser*>> usersByPeer_;
   // Who got something in this batch. Some stand there twice, those who have gone are null; EndBatch
   // tells each who is left once.
   std::vector<PortUser*> touched_;
