@@ -107,11 +107,20 @@ bool IsNumbered(const std::string& name, const char* suffix) {
   return end != 0 && end != std::string::npos && name.compare(end, std::string::npos, suffix) == 0;
 }
 
+Status Require(bool isRegular, const std::string& name) {
+  return isRegular ? Status() : Status::IOError(name, "is no regular file");
+}
+
 // A pipe would keep LevelDB waiting, and a device such as /dev/zero has no end.
-Status CheckIsRegular(const std::string& name) {
+Status CheckToRead(const std::string& name) {
   struct stat status {};
-  const bool other = ::stat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
-  return other ? Status::IOError(name, "is no regular file") : Status();
+  return Require(::stat(name.c_str(), &status) != 0 || S_ISREG(status.st_mode), name);
+}
+
+// Through a link LevelDB would write over whatever that leads to.
+Status CheckToWrite(const std::string& name) {
+  struct stat status {};
+  return Require(::lstat(name.c_str(), &status) != 0 || S_ISREG(status.st_mode), name);
 }
 
 // LevelDB does not export its own.
@@ -194,7 +203,7 @@ bool LevelDBEnvironment::HoldsEntries(const std::string& directory) {
 Status LevelDBEnvironment::NewSequentialFile(const std::string& name,
                                              leveldb::SequentialFile** result) {
   *result = nullptr;
-  Status status = CheckIsRegular(name);
+  Status status = CheckToRead(name);
   if (status.ok()) status = EnvWrapper::NewSequentialFile(name, result);
   if (!status.ok()) return failure_.Set(status);
   std::unique_ptr<leveldb::SequentialFile> file(std::exchange(*result, nullptr));
@@ -205,7 +214,7 @@ Status LevelDBEnvironment::NewSequentialFile(const std::string& name,
 Status LevelDBEnvironment::NewRandomAccessFile(const std::string& name,
                                                leveldb::RandomAccessFile** result) {
   *result = nullptr;
-  const Status status = CheckIsRegular(name);
+  const Status status = CheckToRead(name);
   return status.ok() ? EnvWrapper::NewRandomAccessFile(name, result) : status;
 }
 
@@ -213,7 +222,9 @@ Status LevelDBEnvironment::NewWritableFile(const std::string& name,
                                            leveldb::WritableFile** result) {
   *result = nullptr;
   if (failure_.IsSet()) return failure_.Refuse(name);
-  Status status = EnvWrapper::NewWritableFile(name, result);
+  Status status = CheckToWrite(name);
+  if (!status.ok()) return failure_.Set(status);
+  status = EnvWrapper::NewWritableFile(name, result);
   if (!status.ok()) return status;
   std::unique_ptr<leveldb::WritableFile> file(std::exchange(*result, nullptr));
   if (name.ends_with(".log")) status = SyncDirectoryOf(name);
@@ -232,8 +243,17 @@ Status LevelDBEnvironment::RemoveFile(const std::string& name) {
   return failure_.IsSet() ? failure_.Refuse(name) : EnvWrapper::RemoveFile(name);
 }
 
+Status LevelDBEnvironment::LockFile(const std::string& name, leveldb::FileLock** lock) {
+  *lock = nullptr;
+  const Status status = CheckToWrite(name);
+  return status.ok() ? EnvWrapper::LockFile(name, lock) : failure_.Set(status);
+}
+
+// Without one LevelDB works just as well.
 Status LevelDBEnvironment::NewLogger(const std::string& name, leveldb::Logger** result) {
-  Status status = EnvWrapper::NewLogger(name, result);
+  *result = nullptr;
+  Status status = CheckToWrite(name);
+  if (status.ok()) status = EnvWrapper::NewLogger(name, result);
   if (status.ok()) failure_.SetLogger(*result);
   return status;
 }

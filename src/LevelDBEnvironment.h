@@ -55,6 +55,7 @@ class LevelDBEnvironment final : public leveldb::EnvWrapper {
   leveldb::Status NewWritableFile(const std::string& name, leveldb::WritableFile** result) override;
   leveldb::Status RenameFile(const std::string& from, const std::string& to) override;
   leveldb::Status RemoveFile(const std::string& name) override;
+  leveldb::Status LockFile(const std::string& name, leveldb::FileLock** lock) override;
   leveldb::Status NewLogger(const std::string& name, leveldb::Logger** result) override;
 
  private:

@@ -409,6 +409,72 @@ TEST_F(CZARNLevelDBManagerTest, APipeInPlaceOfAFileIsNotRead) {
   EXPECT_TRUE(Elsewhere(isWhole));
 }
 
+class CZARNLevelDBManagerPlaces : public CZARNLevelDBManagerTest {
+ protected:
+  // Opens a new store in which `make` has put something at a name that is about to be written.
+  // Answers how many of them were not opened.
+  int OpenWith(const std::function<void(const std::string& place)>& make) const {
+    int refused = 0;
+    for (const char* name :
+         {"000004.log", "000004.ldb", "000004.dbtmp", "MANIFEST-000004", "000005.log", "000005.ldb",
+          "000005.dbtmp", "MANIFEST-000005", "000006.log", "000006.ldb", "LOCK"}) {
+      std::filesystem::remove_all(path_);
+      EXPECT_TRUE(
+          Elsewhere([](CZARNLevelDBManager& store) { return Insert(store, "k", "v") == 0; }));
+      std::filesystem::remove(path_ + "/" + name);
+      make(path_ + "/" + name);
+      if (!Elsewhere([](CZARNLevelDBManager& store) { return ValueOf(store, "k") == "v"; }))
+        ++refused;
+    }
+    return refused;
+  }
+};
+
+TEST_F(CZARNLevelDBManagerPlaces, NothingIsWrittenThroughALink) {
+  const std::string victim = dir_.GetPath() + "/victim";
+  std::ofstream(victim) << "precious";
+  const auto link = [&](const std::string& place) {
+    std::filesystem::create_symlink(victim, place);
+  };
+  EXPECT_GE(OpenWith(link), 3);
+  EXPECT_EQ(ContentOf(victim), "precious");
+}
+
+TEST_F(CZARNLevelDBManagerPlaces, NoFileIsMadeThroughALink) {
+  const std::string elsewhere = dir_.GetPath() + "/elsewhere";
+  const auto link = [&](const std::string& place) {
+    std::filesystem::create_symlink(elsewhere, place);
+  };
+  EXPECT_GE(OpenWith(link), 3);
+  EXPECT_FALSE(std::filesystem::exists(elsewhere));
+}
+
+// To open one waits for somebody who reads it.
+TEST_F(CZARNLevelDBManagerPlaces, NoPipeIsWrittenTo) {
+  const auto pipe = [](const std::string& place) {
+    EXPECT_EQ(::mkfifo(place.c_str(), 0600), 0) << place;
+  };
+  EXPECT_GE(OpenWith(pipe), 3);
+}
+
+// LevelDB moves the one of the run before out of the way, where it can.
+TEST_F(CZARNLevelDBManagerPlaces, NoLogIsWrittenThroughALinkAndTheStoreIsOpened) {
+  const std::string victim = dir_.GetPath() + "/victim";
+  std::ofstream(victim) << "precious";
+  std::filesystem::create_directories(path_ + "/LOG.old");
+  std::filesystem::create_symlink(victim, path_ + "/LOG");
+  EXPECT_TRUE(Elsewhere([](CZARNLevelDBManager& store) { return Insert(store, "k", "v") == 0; }));
+  EXPECT_EQ(ContentOf(victim), "precious");
+}
+
+TEST_F(CZARNLevelDBManagerTest, AStoreBehindALinkIsMadeAndOpenedAgain) {
+  std::filesystem::create_directory(dir_.GetPath() + "/real");
+  std::filesystem::create_directory_symlink("real", path_);
+  EXPECT_TRUE(Elsewhere([](CZARNLevelDBManager& store) { return Insert(store, "k", "v") == 0; }));
+  ASSERT_EQ(store_.Open(path_.c_str()), 0);
+  EXPECT_EQ(ValueOf(store_, "k"), "v");
+}
+
 // --- no thread, no room, no permission ---
 
 // Who can start no thread is another user than root.

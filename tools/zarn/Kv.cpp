@@ -37,7 +37,7 @@ struct KvOptions {
 
 // Who has the store open; 0 when nobody has.
 pid_t FindHolder(const std::string& path) {
-  const Descriptor lockFile(::open((path + "/LOCK").c_str(), O_RDWR | O_CLOEXEC));
+  const Descriptor lockFile(::open((path + "/LOCK").c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
