@@ -7,6 +7,8 @@
 #include <memory>
 #include <new>
 
+#include "SuperJournal.h"
+
 namespace zarn::utils {
 
 using keelbase::AW_ERROR_FAILURE;
@@ -47,6 +49,10 @@ AWResult CZARNSqliteDB::InitDB(const CAWString& path) try {
   CloseDB();
   if (path.find('\0') != CAWString::npos) return AW_ERROR_FAILURE;
   if (sqlite3_open(path.c_str(), &handle_) != SQLITE_OK) return AW_ERROR_FAILURE;
+  if (NamesSuperJournal(handle_)) {
+    CloseDB();
+    return AW_ERROR_FAILURE;
+  }
   return ToResult(Execute(handle_, kCreateTable));
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;

@@ -7,6 +7,7 @@ import pty
 import random
 import signal
 import sqlite3
+import struct
 import subprocess
 import tempfile
 import time
@@ -242,6 +243,18 @@ class Files(Db):
         result = self.run_without(">/dev/full", *self.db, "ls")
         self.assertEqual((result.returncode, result.stderr),
                          (1, "zarn: standard output: No space left on device\n"), "it ends before the damage")
+
+    def test_a_journal_that_names_another_file_is_told_and_that_file_stays(self):
+        self.run_ok(*self.db, "set", "k", "v")
+        victim = self.root / "victim"
+        victim.write_text("precious")
+        name = os.fsencode(victim)
+        (self.root / "store.db-journal").write_bytes(
+            bytes(512) + name + struct.pack(">II", len(name), sum(name)) + bytes.fromhex("d9d505f920a163d7"))
+        for verb in (("ls",), ("get", "k"), ("export",), ("set", "k", "w"), ("rm", "k"), ("import", os.devnull)):
+            self.fails(1, f"^zarn: '{self.path}': cannot be opened: its journal names another file, which SQLite "
+                          "would delete$", *self.db, *verb)
+            self.assertEqual(victim.read_text(), "precious", verb)
 
     def test_names_in_a_damaged_store_are_shown_escaped(self):
         connection = sqlite3.connect(self.path)

@@ -219,6 +219,50 @@ TEST_F(CZARNSqliteDBTest, FileThatIsNoStoreIsLeftAsItIs) {
 
 // --- what is printed ---
 
+// As the one of a killed transaction over several files; that file is deleted with the journal.
+void WriteJournalThatNames(const std::string& file, const CAWString& store) {
+  const auto put = [](std::ostream& out, std::size_t number) {
+    for (int shift = 24; shift >= 0; shift -= 8) out.put(static_cast<char>(number >> shift));
+  };
+  std::size_t sum = 0;
+  for (const char byte : file) sum += static_cast<std::size_t>(byte);
+  std::ofstream journal(store + "-journal", std::ios::binary);
+  journal << std::string(512, 'x') << file;
+  put(journal, file.size());
+  put(journal, sum);
+  journal << "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+}
+
+TEST_F(CZARNSqliteDBTest, AJournalThatNamesAnotherFileIsRefusedAndThatFileStays) {
+  const CAWString victim = dir_.GetPath() + "/victim";
+  std::ofstream(victim) << "precious";
+  db_.InitDB(path_);
+  db_.SetPersistentData("k", "v");
+  db_.CloseDB();
+  WriteJournalThatNames(victim, path_);
+  const CAWString link = dir_.GetPath() + "/link";
+  std::filesystem::create_symlink(path_, link);
+  for (const CAWString& path : {path_, link}) {
+    EXPECT_EQ(db_.InitDB(path), AW_ERROR_FAILURE);
+    EXPECT_EQ(db_.GetPersistentData("k"), "");
+    EXPECT_TRUE(std::filesystem::exists(victim)) << path;
+  }
+  std::filesystem::remove(path_ + "-journal");
+  db_.InitDB(path_);
+  EXPECT_EQ(db_.GetPersistentData("k"), "v");
+}
+
+TEST_F(CZARNSqliteDBTest, AJournalThatNamesNothingIsUndoneOrPassedOver) {
+  db_.InitDB(path_);
+  db_.SetPersistentData("k", "v");
+  for (const std::size_t size : {0, 7, 15, 16, 600}) {
+    db_.CloseDB();
+    std::ofstream(path_ + "-journal") << std::string(size, '\0');
+    db_.InitDB(path_);
+    EXPECT_EQ(db_.GetPersistentData("k"), "v") << size;
+  }
+}
+
 TEST_F(CZARNSqliteDBTest, OnlyUpdateAndReadAllPrintErrors) {
   db_.InitDB(path_);
   testing::internal::CaptureStderr();

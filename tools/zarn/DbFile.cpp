@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "Escape.h"
+#include "SuperJournal.h"
 
 namespace zarn::tool {
 
@@ -56,6 +57,10 @@ DbFile::State DbFile::Examine() {
   // Writable where that is possible: what a killed writer left has to be undone first.
   if (sqlite3_open_v2(path_.c_str(), &handle_, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
     Fail();
+    return State::unreadable;
+  }
+  if (utils::NamesSuperJournal(handle_)) {
+    reason_ = "its journal names another file, which SQLite would delete";
     return State::unreadable;
   }
   sqlite3_busy_timeout(handle_, kBusyWaitMs);
