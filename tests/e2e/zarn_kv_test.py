@@ -123,6 +123,17 @@ class Kv(ToolTest):
             self.assertRegex(result.stdout, r"\bl\b")
             self.assertRegex(result.stderr, rf"^zarn: '{self.path}': not all of it can be read: Corruption: .*\n$")
 
+    def test_a_value_that_was_altered_in_its_table_is_told_and_not_shown(self):
+        self.run_ok(*self.kv, "put", "k", "needle")
+        self.run_ok(*self.kv, "put", "l", "v")  # the first entry moves to a table
+        self.damage("*.ldb", b"needle", b"noodle")
+        for options in ((), ("--json",), ("--file", str(self.root / "out"))):
+            result = self.run_tool(*self.kv, "get", "k", *options)
+            self.assertEqual((result.returncode, result.stdout), (1, ""), result)
+            self.assertRegex(result.stderr, rf"^zarn: '{self.path}': key 'k' cannot be read: Corruption: .*\n$")
+        self.assertFalse((self.root / "out").exists())
+        self.assertEqual(self.run_ok(*self.kv, "get", "l"), "v\n")
+
     def test_a_table_that_is_cut_is_told(self):
         self.run_ok(*self.kv, "put", "k", "v")
         self.assertEqual(self.run_ok(*self.kv, "dump"), "k\tv\n")

@@ -86,12 +86,14 @@ bool OpenKv(const std::string& path, CZARNLevelDBManager& store, bool make) {
   return false;
 }
 
-// The library's own class does not say what it leaves out. Damage that LevelDB sees in the log is a
-// failure here: opened all the same, the store would lose for good what stands there.
-std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path,
+enum class Damage { leftOut, refused };  // what LevelDB sees of it in the log
+
+// The library's own class does not say what it leaves out, nor look whether a value is as it was
+// written.
+std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path, Damage damage,
                                           utils::LevelDBEnvironment& environment) {
   leveldb::Options options;
-  options.paranoid_checks = true;
+  options.paranoid_checks = damage == Damage::refused;
   options.env = &environment;
   leveldb::DB* store = nullptr;
   if (environment.GetDirectory() < 0 || !leveldb::DB::Open(options, path, &store).ok())
@@ -99,11 +101,25 @@ std::unique_ptr<leveldb::DB> OpenKvToRead(const std::string& path,
   return std::unique_ptr<leveldb::DB>(store);
 }
 
-bool FindInKv(CZARNLevelDBManager& store, const KvOptions& options, std::string& key,
-              std::string& value) {
-  if (store.DBLookup(key.data(), key.size(), &value) == 0) return true;
-  Complain("'{}': no key '{}', or it cannot be read", Escape(options.path), Escape(key));
-  return false;
+leveldb::ReadOptions VerifiedReads() {
+  leveldb::ReadOptions options;
+  options.verify_checksums = true;
+  return options;
+}
+
+bool ReadFromKv(const std::string& path, const std::string& key, std::string& value) {
+  if (!StartThread(path) || !IsKvThere(path)) return false;
+  utils::LevelDBEnvironment environment(path, true);
+  const auto store = OpenKvToRead(path, Damage::leftOut, environment);
+  if (store == nullptr) return false;
+  const leveldb::Status status = store->Get(VerifiedReads(), key, &value);
+  if (status.IsNotFound()) {
+    Complain("'{}': no key '{}'", Escape(path), Escape(key));
+  } else if (!status.ok()) {
+    Complain("'{}': key '{}' cannot be read: {}", Escape(path), Escape(key),
+             Escape(status.ToString()));
+  }
+  return status.ok();
 }
 
 int Written(const KvOptions& options, int result) {
@@ -113,11 +129,10 @@ int Written(const KvOptions& options, int result) {
 }
 
 int RunKvGet(const KvOptions& options) {
-  auto key = GetKey(options.key);
+  const auto key = GetKey(options.key);
   if (!key) return kUsage;
-  CZARNLevelDBManager store(true, 0, true, false);
   std::string value;
-  if (!OpenKv(options.path, store, false) || !FindInKv(store, options, *key, value)) return kFailed;
+  if (!ReadFromKv(options.path, *key, value)) return kFailed;
   if (options.show.NamesFile() && !IsOutside(options.path, options.show.file)) return kFailed;
   Output output(options.json);
   return ShowValue(output, options.show, *key, value) && output.Flush() ? kDone : kFailed;
@@ -138,19 +153,23 @@ int RunKvRm(const KvOptions& options) {
   if (!key) return kUsage;
   CZARNLevelDBManager store(true, 0, true, false);
   std::string value;
-  if (!OpenKv(options.path, store, false) || !FindInKv(store, options, *key, value)) return kFailed;
+  if (!OpenKv(options.path, store, false)) return kFailed;
+  if (store.DBLookup(key->data(), key->size(), &value) != 0) {
+    Complain("'{}': no key '{}', or it cannot be read", Escape(options.path), Escape(*key));
+    return kFailed;
+  }
   return Written(options, store.DBRemove(key->data(), key->size()));
 }
 
+// Damage in the log is a failure: opened all the same, the store would lose for good what stands
+// there.
 int RunKvDump(const KvOptions& options) {
   if (!StartThread(options.path) || !IsKvThere(options.path)) return kFailed;
   utils::LevelDBEnvironment environment(options.path, true);
-  const auto store = OpenKvToRead(options.path, environment);
+  const auto store = OpenKvToRead(options.path, Damage::refused, environment);
   if (store == nullptr) return kFailed;
   Output output(options.json);
-  leveldb::ReadOptions whole;
-  whole.verify_checksums = true;
-  const std::unique_ptr<leveldb::Iterator> at(store->NewIterator(whole));
+  const std::unique_ptr<leveldb::Iterator> at(store->NewIterator(VerifiedReads()));
   for (at->SeekToFirst(); at->Valid() && output.GetError() == 0; at->Next())
     ShowEntry(output, options.show.hex, {at->key().data(), at->key().size()},
               {at->value().data(), at->value().size()});
