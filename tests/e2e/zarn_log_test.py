@@ -90,10 +90,28 @@ class Filters(LogTest):
             self.assert_shown([1], "--grep", pattern)
         self.assert_shown([], "--grep", "^started")
 
+    def test_a_long_line_gets_the_answer_that_a_short_one_gets(self):
+        end = b"one two) three four\0five \xff six a)b end"
+        start = line(0).encode().rstrip(b"\n")
+        lines = b"".join(start + b" " + b"pad " * count + end + b"\n" for count in (2, 5000))
+        path = self.logs / "long.log"
+        path.write_bytes(lines)
+        for pattern, found in {
+                "t.*r": True, "z.*|six": True, "six|z.*": True, "z.*|zz": False, "pad.*(z|two)": True,
+                "pad.*(z|q)": False, "Q+|a)b": True, "(Q+|a))b": True, "(two)[)] .*e": True, "four.+five": False,
+                "four[^x]+five": True, "five.*six": True, "six.*end": True, "six.*end$": True, "six.*b$": False,
+                "^2024.*one": True, "four.*^five": False, "^one.*": False, "(z*|^)one": True, "[^z]+end": True,
+                "[^x]+x [a^]+": True, "(p.d )\\1+one": True, "(pad ){2}.*one": True, "three *four": True,
+                "x*": True, "zx*": False, "pad+()": True, "z+(|x)": False, "[*]": False, "e[+n]d": True}.items():
+            result = subprocess.run([TOOL, "log", str(path), "--grep", pattern], env=self.env, check=True,
+                                    capture_output=True, timeout=PATIENCE)
+            self.assertTrue(result.stdout == (lines if found else b""), pattern)
+
     def test_wrong_expression_is_wrong_usage(self):
         result = self.run_tool("log", self.path, "--grep", "a(")
         self.assertEqual(result.returncode, 2)
-        self.assertIn("Unmatched (", result.stderr)
+        self.assertIn("'a(': Unmatched (", result.stderr)
+        self.assertIn("'a*(': Unmatched (", self.run_tool("log", self.path, "--grep", "a*(").stderr)
         self.assert_shown([], "--grep", "a(", "-F")
 
     def test_a_pattern_of_several_lines_is_wrong_usage(self):

@@ -11,6 +11,7 @@ namespace zarn::tool {
 namespace {
 
 constexpr const char* kMetacharacters = "\\^$.[]|()?*+{}";
+constexpr std::size_t kLongLine = 1024;
 
 // The longest text that is in everything that the expression matches; found only in simple ones.
 std::string FindNeededText(std::string_view expression) {
@@ -30,6 +31,19 @@ std::string FindNeededText(std::string_view expression) {
   return std::string(longest);
 }
 
+// Whether "^[^\n]*(expression)" matches the same lines: that takes time by the length of a line,
+// where an expression with a repetition, tried at each place, takes it by the square. It takes more
+// for short lines, and with counts between braces memory without end. A back-reference would mean
+// another group, and a parenthesis that closes nothing stands for itself.
+bool MayBeTriedOnce(std::string_view expression, const regex_t& compiled) {
+  const auto has = [&](const char* any) {
+    return expression.find_first_of(any) != std::string_view::npos;
+  };
+  const auto closing = std::count(expression.begin(), expression.end(), ')');
+  return has("*+") && !has("{") && (compiled.re_nsub == 0 || !has("\\")) &&
+         closing == static_cast<std::ptrdiff_t>(compiled.re_nsub);
+}
+
 bool EqualsAnyCase(std::string_view one, std::string_view other) {
   return one.size() == other.size() && ::strncasecmp(one.data(), other.data(), one.size()) == 0;
 }
@@ -40,22 +54,29 @@ std::string LogPattern::Set(const std::string& pattern, bool fixed) {
   if (pattern.find('\n') != std::string::npos) return "no line has a newline in it";
   text_ = fixed ? pattern : FindNeededText(pattern);
   if (fixed || pattern.find_first_of(kMetacharacters) == std::string::npos) return {};
-  regex_t compiled;
-  const int error = ::regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NEWLINE | REG_NOSUB);
-  if (error != 0) {
+  if (const int error = Compile(pattern, expression_); error != 0) {
     char reason[128];
-    ::regerror(error, &compiled, reason, sizeof reason);
+    ::regerror(error, nullptr, reason, sizeof reason);
     return reason;
   }
-  expression_.reset(new regex_t(compiled));
+  if (MayBeTriedOnce(pattern, *expression_)) Compile("^[^\n]*(" + pattern + ")", triedOnce_);
   return {};
+}
+
+int LogPattern::Compile(const std::string& pattern, Expression& expression) {
+  regex_t compiled;
+  const int error = ::regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NEWLINE | REG_NOSUB);
+  if (error == 0) expression.reset(new regex_t(compiled));
+  return error;
 }
 
 bool LogPattern::Matches(std::string_view line) const {
   if (expression_ == nullptr) return true;
+  const bool once = line.size() > kLongLine && triedOnce_ != nullptr;
   regmatch_t range{};  // in: where to look
   range.rm_eo = static_cast<regoff_t>(line.size());
-  return ::regexec(expression_.get(), line.data(), 1, &range, REG_STARTEND) == 0;
+  return ::regexec(once ? triedOnce_.get() : expression_.get(), line.data(), 1, &range,
+                   REG_STARTEND) == 0;
 }
 
 bool LogFilter::Passes(const LogLine& line) const {

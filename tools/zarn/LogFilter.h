@@ -31,8 +31,13 @@ class LogPattern {
       delete expression;
     }
   };
+  using Expression = std::unique_ptr<regex_t, Free>;
+
+  static int Compile(const std::string& pattern, Expression& expression);  // 0 or a code of regcomp
+
   std::string text_;
-  std::unique_ptr<regex_t, Free> expression_;  // null: the text is all
+  Expression expression_;  // null: the text is all
+  Expression triedOnce_;   // for long lines, which it matches as well; null: there is none
 };
 
 struct LogFilter {
