@@ -5,6 +5,7 @@ import json
 import os
 import pty
 import random
+import re
 import signal
 import sqlite3
 import struct
@@ -142,6 +143,16 @@ class Files(Db):
         self.run_ok(*self.db, "set", "k", "v")
         self.fails(1, "no key 'l'", *self.db, "get", "l")
         self.fails(1, "no key 'l'", *self.db, "rm", "l")
+
+    def test_a_name_that_means_something_else_to_sqlite_is_that_of_a_file(self):
+        for name in (":memory:", ":", "file:a.db", "file:b?mode=memory", "file::memory:"):
+            self.fails(1, f"^zarn: '{re.escape(name)}': there is no store$", "db", name, "ls", cwd=self.root)
+            self.run_ok("db", name, "set", "k", name, cwd=self.root)
+            self.assertTrue((self.root / name).is_file(), name)
+            self.assertEqual(self.run_ok("db", name, "ls", cwd=self.root), f"k\t{name}\n")
+            self.run_ok("db", name, "rm", "k", cwd=self.root)
+            self.run_ok("db", name, "import", cwd=self.root, input=ROW.decode())
+            self.assertEqual(self.run_ok("db", name, "export", cwd=self.root), ROW.decode())
 
     def test_a_store_that_was_there_before_is_no_failure_and_what_is_none_is(self):
         self.run_ok(*self.db, "set", "k", "v")

@@ -182,7 +182,8 @@ bool OpenToWrite(const std::string& path, utils::CZARNSqliteDB& db) {
     return false;
   }
   // For a store that is there the library answers with a failure too.
-  if (db.InitDB(path) == keelbase::AW_OK || file.GetState() == DbFile::State::usable) return true;
+  if (db.InitDB(NameForSqlite(path)) == keelbase::AW_OK || file.GetState() == DbFile::State::usable)
+    return true;
   ComplainNotWritten(path);
   return false;
 }

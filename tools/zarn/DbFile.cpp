@@ -39,6 +39,10 @@ bool HasMemory(sqlite3* handle) { return sqlite3_errcode(handle) != SQLITE_NOMEM
 
 }  // namespace
 
+std::string NameForSqlite(const std::string& path) {
+  return path.starts_with(':') || path.starts_with("file:") ? "./" + path : path;
+}
+
 DbFile::DbFile(const std::string& path) : path_(path), state_(Examine()) {}
 
 DbFile::~DbFile() { sqlite3_close(handle_); }
@@ -55,7 +59,8 @@ DbFile::State DbFile::Examine() {
     return errno == ENOENT ? State::missing : State::unreadable;
   }
   // Writable where that is possible: what a killed writer left has to be undone first.
-  if (sqlite3_open_v2(path_.c_str(), &handle_, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
+  if (sqlite3_open_v2(NameForSqlite(path_).c_str(), &handle_, SQLITE_OPEN_READWRITE, nullptr) !=
+      SQLITE_OK) {
     Fail();
     return State::unreadable;
   }

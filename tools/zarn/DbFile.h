@@ -12,6 +12,9 @@ struct sqlite3;
 
 namespace zarn::tool {
 
+// The name under which SQLite finds that file: a few have a meaning of their own to it.
+std::string NameForSqlite(const std::string& path);
+
 class DbFile {
  public:
   enum class State {

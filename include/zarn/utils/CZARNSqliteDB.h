@@ -45,8 +45,8 @@ class ZARNUTILS_API CZARNSqliteDB {
   // new. 10001: the table was there already, and everything works; or the file cannot be used, and
   // every operation but GetAllData will say so; or another process was using it, and the table may
   // be missing: then the first write fails, and InitDB is to be called again. `path` is handed to
-  // SQLite, to which "" and ":memory:" are stores that nobody else sees; one with a NUL byte is
-  // answered with 10001.
+  // SQLite, to which "" and ":memory:" are stores that nobody else sees, and what begins with
+  // "file:" is a URI, whose file may be another one; one with a NUL byte is answered with 10001.
   keelbase::AWResult InitDB(const keelbase::CAWString& path);
   keelbase::AWResult CloseDB();  // 0, also when closed
 
