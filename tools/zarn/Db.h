@@ -13,6 +13,9 @@ namespace zarn::tool {
 // Why the store cannot hold it as a key or a value; empty when it can.
 std::string WhyRefused(const char* what, std::string_view bytes);
 
+// As the library's class takes it: what it is given stands between quotes in its statements.
+std::string DoubleQuotes(std::string_view bytes);
+
 // A store that is there; null after a complaint. For those who only read it.
 std::unique_ptr<DbFile> OpenToRead(const std::string& path);
 

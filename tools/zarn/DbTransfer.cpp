@@ -126,7 +126,8 @@ class Importer {
       return kUsage;
     }
     if (batchRows_ == 0) begun_ = db_.Begin() == 0;
-    if (!begun_ || db_.SetPersistentData(row.key, row.value) != keelbase::AW_OK) {
+    if (!begun_ ||
+        db_.SetPersistentData(DoubleQuotes(row.key), DoubleQuotes(row.value)) != keelbase::AW_OK) {
       NotWritten(row.key);
       return kFailed;
     }
