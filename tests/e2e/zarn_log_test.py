@@ -450,6 +450,23 @@ class Follow(LogTest):
             self.assert_line(running, line(second))
         self.assertEqual(running.end(), 0)
 
+    def test_file_that_comes_after_a_directory_in_its_place_is_shown_once(self):
+        path = self.write("a.log", line(0), line(1), line(2)[:50])
+        running = self.follow(path)
+        self.assert_line(running, line(0))
+        self.assert_line(running, line(1))
+        os.rename(path, path + ".1")
+        os.mkdir(path)
+        self.assert_line(running, "? " + line(2)[:50])
+        self.assertIn("Is a directory", running.line("stderr"))
+        os.rmdir(path)
+        os.rename(self.write("new", line(3), line(4)), path)
+        self.assert_line(running, line(3))
+        self.assert_line(running, line(4))
+        self.write("a.log", line(5), mode="a")
+        self.assert_line(running, line(5))
+        self.assertEqual(running.end(), 1)
+
     def test_file_that_comes_later_is_waited_for(self):
         running = self.follow(str(self.logs / "later.log"))
         self.assertIn("later.log': No such file or directory; waiting for it", running.line("stderr"))

@@ -164,7 +164,7 @@ void LogReader::ShowRestarts() {
     const bool readOn = change == LogFile::Change::replaced;
     while (!stopped_ && (readOn ? file.Next(source->next, true) : file.TakeRest(source->next)))
       PrintNext(*source);
-    if (file.Reopen() == 0) printer_.PrintRestart(file.GetPath());
+    if (file.Open() == 0) printer_.PrintRestart(file.GetPath());
   }
 }
 

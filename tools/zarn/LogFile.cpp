@@ -43,20 +43,15 @@ int LogFile::Open() {
   if (fd < 0) return errno;
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;
-  ::fstat(fd_, &opened_);
-  if (!S_ISDIR(opened_.st_mode) && !IsOutput(opened_)) return 0;
-  ::close(std::exchange(fd_, -1));
-  return S_ISDIR(opened_.st_mode) ? EISDIR : EDEADLK;
-}
-
-int LogFile::Reopen() {
-  if (const int error = Open(); error != 0) return error;
   read_ = 0;
   begin_ = complete_ = end_ = headAt_ = 0;
   headTime_ = kNoTime;
   headPasses_ = !filter_.AsksForFields();
   start_.clear();
-  return 0;
+  ::fstat(fd_, &opened_);
+  if (!S_ISDIR(opened_.st_mode) && !IsOutput(opened_)) return 0;
+  ::close(std::exchange(fd_, -1));
+  return S_ISDIR(opened_.st_mode) ? EISDIR : EDEADLK;
 }
 
 bool LogFile::Next(LogRecord& record, bool withUnfinished) {

@@ -36,7 +36,9 @@ class LogFile {
   const std::string& GetPath() const { return path_; }
   bool IsOpen() const { return fd_ >= 0; }
 
-  int Open();  // 0 or an errno value; EDEADLK: it is standard output as well
+  // To be read from its start. 0 or an errno value; EDEADLK: it is standard output as well. What
+  // was open stays so when nothing else can be opened.
+  int Open();
   // False when there is no more for now. What stands behind the last newline is a line only when
   // asked for.
   bool Next(LogRecord& record, bool withUnfinished);
@@ -48,7 +50,6 @@ class LogFile {
   Change FindChange();
   // What stands behind the last newline, without reading on.
   bool TakeRest(LogRecord& record);
-  int Reopen();  // as Open, from the start
 
  private:
   bool FindLine(std::size_t& begin, std::size_t& end);
