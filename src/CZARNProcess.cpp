@@ -13,7 +13,8 @@ using keelbase::CAWString;
 
 namespace {
 
-constexpr int kReadableLevels = 1000;  // Json::Reader throws at more
+// Styled text has a tab for each level before each value, so it grows by their product.
+constexpr int kKeptLevels = 64;
 
 // Null when there is no such member; never adds one.
 const Json::Value* FindMember(const Json::Value& object, std::string_view key) {
@@ -91,7 +92,7 @@ void CZARNProcess::FromJson(Json::Value& in) {
 }
 
 void CZARNProcess::ReadParameters(const Json::Value& parameters) {
-  if (NestsDeeperThan(parameters, kReadableLevels)) return;
+  if (NestsDeeperThan(parameters, kKeptLevels)) return;
   jsonParam_ = parameters.toStyledString();
   if (!parameters.isObject()) return;
   ReadText(parameters, "Version", version_);
