@@ -189,7 +189,7 @@ TEST(LoopObject, IsLetGoElsewhereOnlyWhenTheOuterOfTwoCallbacksHasEnded) {
 }
 
 // The callback waits for that thread.
-TEST(LoopObject, IsLetGoAtOnceOnAThreadThatRunsALoop) {
+TEST(LoopObject, IsLetGoAtOnceOnAThreadThatHasALoop) {
   WithLoop([](EventLoop& loop) {
     Life life;
     CAWAutoPtr<Object> object(new Object(loop, life));

@@ -44,7 +44,7 @@ class IAWShmIPCTransportSink {
 // Threads: all operations are called on the thread of the connector or acceptor that made it, but
 // for AddReference and ReleaseReference, which any thread may call. Ownership: counted
 // (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last reference is a
-// Disconnect; a thread that runs no loop waits for a callback that is just running.
+// Disconnect; a thread that has no loop waits for a callback that is just running.
 class FSHMIPC_API IAWShmIPCTransport {
  public:
   virtual std::uint32_t AddReference() = 0;

@@ -58,7 +58,7 @@ inline constexpr int AW_OPT_UNACKNOWLEDGED = 132;
 // Threads: all operations are called on the thread of the connector or acceptor that made it, but
 // for AddReference and ReleaseReference, which any thread may call. Ownership: counted
 // (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last reference is a
-// Disconnect; a thread that runs no loop waits for a callback that is just running.
+// Disconnect; a thread that has no loop waits for a callback that is just running.
 class PTCP_API IAWPseudoTCPTransport {
  public:
   virtual std::uint32_t AddReference() = 0;

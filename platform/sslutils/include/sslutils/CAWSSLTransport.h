@@ -53,7 +53,7 @@ class IAWSSLTransportSink {
 // Threads: all operations are called on the thread of the connector or acceptor that made it, but
 // for AddReference and ReleaseReference, which any thread may call. Ownership: counted
 // (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last reference is a
-// Disconnect; a thread that runs no loop waits for a callback that is just running. Limits: besides
+// Disconnect; a thread that has no loop waits for a callback that is just running. Limits: besides
 // the buffers of the transport below up to 32 KiB wait to be sent (64 KiB for a peer that asks for
 // new keys and reads no answers), and what one receive event below has brought (64 KiB) to be
 // decrypted while nothing is read.

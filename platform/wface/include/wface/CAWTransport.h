@@ -51,7 +51,7 @@ inline constexpr int AW_OPT_SILENCE_LIMIT = 130;
 // Threads: all operations are called on the thread of the connector or acceptor that made it, but
 // for AddReference and ReleaseReference, which any thread may call. Ownership: counted
 // (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last reference is a
-// Disconnect; a thread that runs no loop waits for a callback that is just running.
+// Disconnect; a thread that has no loop waits for a callback that is just running.
 class WFACE_API IAWTransport {
  public:
   virtual std::uint32_t AddReference() = 0;

@@ -113,11 +113,9 @@ class KEELBASE_API EventLoop {
   // At once on the loop's thread, else as PostTask. Once the loop has stopped: at once, in place,
   // or by whoever works there just then. Waits for nobody.
   void HandOver(LoopTask& task);
-  // Whether this thread may wait for a callback of the loop: one that runs a loop may not, since
-  // the callback may be waiting for it in a Call; and when the callbacks are over none ever ends.
-  bool CanAwaitCallbacks() const {
-    return (current_ == nullptr || !current_->IsHeldHere()) && !callbacksOver_;
-  }
+  // Whether this thread may wait for a callback of the loop: one that has a loop itself may not,
+  // since the callback may be waiting for it in a Call; and once callbacks are over none ends.
+  bool CanAwaitCallbacks() const { return current_ == nullptr && !callbacksOver_; }
   // For an object's release: waits until `ended()`, which is asked again at each
   // TellCallbackEnded(), or the callbacks are over.
   template <class Condition>

@@ -11,8 +11,8 @@ namespace keelbase::internal {
 
 // Implements the counting half of Interface. References may be dropped on any thread; the object is
 // destroyed on its loop's thread; once the loop has stopped, in place, by one thread at a time.
-// A thread that runs no loop waits in its last release for a callback of the object that is
-// running, so that none is left behind; one that runs a loop might be waited for itself.
+// A thread that has no loop waits in its last release for a callback of the object that is
+// running, so that none is left behind; one that has a loop might be waited for itself.
 template <class Interface>
 class LoopObject : public Interface {
  public:
