@@ -1,11 +1,13 @@
 // PtcpConnector_test.cpp - connecting: how it ends, when that is told, and how it is given up. Real
 // loopback sockets; time is moved by hand where a test waits for a limit.
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <limits>
 #include <memory>
 
 #include "DescriptorShortage.h"
+#include "ExitingChild.h"
 #include "RealPtcp.h"
 #include "UdpSocket.h"
 
@@ -25,6 +27,15 @@ class SilentPort {
     EXPECT_EQ(socket_.Open(&any, nullptr), 0);
   }
   CAWInetAddr Address() const { return socket_.GetLocalAddr(); }
+
+  // How many datagrams there are, which are gone then.
+  int Take() {
+    std::array<char, 65536> room;
+    UdpSocket::Received received;
+    int count = 0;
+    while (socket_.Read(room, received) == 0) ++count;
+    return count;
+  }
 
  private:
   UdpSocket socket_;
@@ -150,6 +161,17 @@ TEST_F(PtcpConnectorTest, CancelledConnectIsNeverIndicatedAtWhateverStage) {
     clock.Advance(std::chrono::seconds(20));
     EXPECT_EQ(connected.indications, 0);
   }
+}
+
+TEST_F(PtcpConnectorTest, AForkedChildThatExitsTellsThePeerNothing) {
+  SilentPort silent;
+  ASSERT_EQ(Begin(silent.Address()), AW_OK);
+  EXPECT_TRUE(WaitFor([&] { return silent.Take() != 0; }));
+  EXPECT_TRUE(zarn::test::ExitInChild([this] {
+    connector->CancelConnect();
+    connector = nullptr;
+  }));
+  EXPECT_EQ(silent.Take(), 0);
 }
 
 TEST_F(PtcpConnectorTest, CancelAfterTheEndTouchesNothing) {

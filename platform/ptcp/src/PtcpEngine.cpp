@@ -71,8 +71,10 @@ void PtcpEngine::Abort() {
   const CAWAutoPtr<PtcpEngine> alive(this);
   if (state_ != State::handshake) return;
   handshake_ = nullptr;
-  connection_.Close(false, Now());
-  port_->FlushBatch();
+  if (!loop_.IsLeftToParent()) {
+    connection_.Close(false, Now());
+    port_->FlushBatch();
+  }
   CloseNow();
 }
 
