@@ -353,7 +353,7 @@ TEST(CAWThreadManager, WhatLingersIsWrittenAlsoWhenTheLoopStopsWhileTheProcessEn
         network->GetLoop().BeginLinger(linger);
         inside.set_value(network);
         while (!exiting) std::this_thread::yield();
-        for (int i = 0; i < 100000; ++i) std::this_thread::yield();
+        for (int i = 0; i < 1000; ++i) std::this_thread::yield();
       });
       network->Run();
       for (;;) ::pause();
