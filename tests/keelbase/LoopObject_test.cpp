@@ -133,57 +133,47 @@ TEST(LoopObject, LivesUntilTheEndOfACallbackInWhichItIsLetGo) {
   });
 }
 
+// Another thread lets go of the object while `callback` runs on the loop, and waits for its end.
+template <class Callback>
+void ExpectReleaseWaitsFor(Callback callback) {
+  WithLoop([&](EventLoop& loop) {
+    Life life;
+    CAWAutoPtr<Object> object(new Object(loop, life));
+    std::atomic<bool> begun{false};
+    std::atomic<bool> ended{false};
+    bool endedBefore = false;
+    std::thread other;
+    loop.Call([&] {
+      Object& seen = *object;
+      const auto alive = seen.Hold();
+      other = std::thread([&] {
+        begun = true;
+        object = nullptr;
+        endedBefore = ended;
+      });
+      while (!begun) std::this_thread::yield();
+      callback(seen);
+      ended = true;
+    });
+    other.join();
+    EXPECT_TRUE(endedBefore);
+    loop.RunReady();
+    EXPECT_EQ(life.destroyed, 1);
+  });
+}
+
 TEST(LoopObject, IsLetGoElsewhereOnlyWhenTheCallbackThatRunsHasEnded) {
   for (int round = 0; round < 100; ++round) {
-    WithLoop([](EventLoop& loop) {
-      Life life;
-      CAWAutoPtr<Object> object(new Object(loop, life));
-      std::atomic<bool> begun{false};
-      std::atomic<bool> ended{false};
-      bool endedBefore = false;
-      std::thread other;
-      loop.Call([&] {
-        const auto alive = object->Hold();
-        other = std::thread([&] {
-          begun = true;
-          object = nullptr;
-          endedBefore = ended;
-        });
-        while (!begun) std::this_thread::yield();
-        for (int i = 0; i < 100; ++i) std::this_thread::yield();
-        ended = true;
-      });
-      other.join();
-      EXPECT_TRUE(endedBefore);
-      loop.RunReady();
-      EXPECT_EQ(life.destroyed, 1);
+    ExpectReleaseWaitsFor([](Object&) {
+      for (int i = 0; i < 100; ++i) std::this_thread::yield();
     });
   }
 }
 
 TEST(LoopObject, IsLetGoElsewhereOnlyWhenTheOuterOfTwoCallbacksHasEnded) {
   for (int round = 0; round < 1000; ++round) {
-    WithLoop([](EventLoop& loop) {
-      Life life;
-      CAWAutoPtr<Object> object(new Object(loop, life));
-      std::atomic<bool> begun{false};
-      std::atomic<bool> ended{false};
-      bool endedBefore = false;
-      std::thread other;
-      loop.Call([&] {
-        Object& seen = *object;
-        const auto alive = seen.Hold();
-        other = std::thread([&] {
-          begun = true;
-          object = nullptr;
-          endedBefore = ended;
-        });
-        while (!begun) std::this_thread::yield();
-        for (int i = 0; i < 2000; ++i) const auto again = seen.Hold();
-        ended = true;
-      });
-      other.join();
-      EXPECT_TRUE(endedBefore);
+    ExpectReleaseWaitsFor([](Object& object) {
+      for (int i = 0; i < 2000; ++i) const auto again = object.Hold();
     });
   }
 }
