@@ -147,6 +147,26 @@ TEST(PtcpConnection, AReceiverThatDoesNotReadStopsTheSenderAtTheWindow) {
   }));
 }
 
+TEST(PtcpConnection, APathThatReordersThousandsOfPacketsCostsNoConnection) {
+  PathTraits traits;
+  traits.delay = 50 * kMillisecond;
+  SimulatedPair pair(4, traits);
+  ASSERT_TRUE(pair.Establish());
+  traits.jitter = kMillisecond;  // in which nearly a whole window is sent
+  pair.SetTraits(traits);
+  constexpr std::size_t kBytes = 40'000'000;
+  std::string text(kBytes, 'r');
+  pair.client->Send(text.data(), text.size());
+  pair.client->Flush(pair.now);
+  std::size_t read = 0;
+  EXPECT_TRUE(pair.StepUntil([&] {
+    read += pair.server->Read(text.data(), text.size());
+    pair.server->Flush(pair.now);
+    return read == kBytes || pair.server->IsDead();
+  }));
+  EXPECT_EQ(read, kBytes) << pair.server->Reason();
+}
+
 // The packets of a connection that have grown as far as the path lets them through.
 class GrownPackets : public ::testing::Test {
  protected:

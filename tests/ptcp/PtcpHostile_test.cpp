@@ -72,6 +72,19 @@ TEST_F(PtcpHostileClient, MoreThanTheWindowIsRefused) {
   ExpectRefused();
 }
 
+TEST_F(PtcpHostileClient, WhatWouldLeaveTooManyGapsIsAsGoodAsLost) {
+  constexpr std::size_t kBytes = 4000;
+  const auto sendAt = [&](std::size_t offset) {
+    Send({0x0e, 0, static_cast<std::uint8_t>(0x40 | offset >> 8),
+          static_cast<std::uint8_t>(offset & 255), 1, 1});
+  };
+  for (std::size_t offset = 1; offset < kBytes; offset += 2) sendAt(offset);
+  ASSERT_FALSE(pair.server->IsDead());
+  for (std::size_t offset = 0; offset < kBytes; ++offset) sendAt(offset);
+  EXPECT_FALSE(pair.server->IsDead());
+  EXPECT_EQ(pair.server->Readable(), kBytes - 1);  // without the one that opens the stream
+}
+
 TEST_F(PtcpHostileClient, AcknowledgementOfWhatWasNeverSentIsRefused) {
   Send({0x02, 0x52, 0x34, 0, 0, 0});
   ExpectRefused();

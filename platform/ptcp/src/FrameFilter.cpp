@@ -47,6 +47,7 @@ class Reader {
 
   bool IsAtEnd() const { return rest_.empty(); }
   bool IsGood() const { return good_; }
+  std::size_t Left() const { return rest_.size(); }
   std::uint64_t Number() {
     if (rest_.empty()) return Missing();
     const std::size_t length = std::size_t{1} << (rest_[0] >> 6);
@@ -66,7 +67,6 @@ class Reader {
       rest_ = rest_.subspan(static_cast<std::size_t>(length));
     }
   }
-  void SkipAll() { rest_ = {}; }
 
  private:
   std::uint64_t Missing() {
@@ -87,14 +87,18 @@ void SkipAcknowledgement(Reader& reader, bool withCounts) {
   if (withCounts) reader.Numbers(3);
 }
 
-void SkipStream(Reader& reader, std::uint64_t type) {
+bool IsStream(std::uint64_t type) { return type >= kFirstStream && type <= kLastStream; }
+
+struct Stretch {
+  std::uint64_t begin;
+  std::uint64_t length;
+};
+Stretch ReadStream(Reader& reader, std::uint64_t type) {
   reader.Number();
-  if ((type & kHasOffset) != 0) reader.Number();
-  if ((type & kHasLength) != 0) {
-    reader.Skip(reader.Number());
-  } else {
-    reader.SkipAll();
-  }
+  const std::uint64_t begin = (type & kHasOffset) != 0 ? reader.Number() : 0;
+  const std::uint64_t length = (type & kHasLength) != 0 ? reader.Number() : reader.Left();
+  reader.Skip(length);
+  return {begin, length};
 }
 
 // None of ours ever withdraws ids that the other side uses.
@@ -106,10 +110,9 @@ bool IsPlainNewId(Reader& reader) {
   return plain;
 }
 
-bool SkipFrame(Reader& reader) {
-  const std::uint64_t type = reader.Number();
-  if (type >= kFirstStream && type <= kLastStream) {
-    SkipStream(reader, type);
+bool SkipFrame(Reader& reader, std::uint64_t type) {
+  if (IsStream(type)) {
+    ReadStream(reader, type);
     return true;
   }
   switch (type) {
@@ -163,9 +166,23 @@ bool SkipFrame(Reader& reader) {
 bool AreOurFrames(Bytes frames) {
   Reader reader(frames);
   while (!reader.IsAtEnd()) {
-    if (!SkipFrame(reader) || !reader.IsGood()) return false;
+    if (!SkipFrame(reader, reader.Number()) || !reader.IsGood()) return false;
   }
   return true;
+}
+
+void ForEachStretch(Bytes frames,
+                    const std::function<void(std::uint64_t begin, std::uint64_t end)>& visit) {
+  Reader reader(frames);
+  while (!reader.IsAtEnd()) {
+    const std::uint64_t type = reader.Number();
+    if (!IsStream(type)) {
+      SkipFrame(reader, type);
+      continue;
+    }
+    const Stretch stretch = ReadStream(reader, type);
+    if (stretch.length != 0) visit(stretch.begin, stretch.begin + stretch.length);
+  }
 }
 
 }  // namespace ptcp

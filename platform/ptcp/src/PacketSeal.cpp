@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 
 #include "FrameFilter.h"
 
@@ -31,9 +32,10 @@ ngtcp2_crypto_aead TagOnly() {
   return aead;
 }
 
-ngtcp2_crypto_ctx Context() {
+ngtcp2_crypto_ctx Context(StreamGaps* gaps) {
   ngtcp2_crypto_ctx context{};
   context.aead = TagOnly();
+  context.aead.native_handle = gaps;
   context.max_encryption = UINT64_MAX;
   context.max_decryption_failure = UINT64_MAX;
   return context;
@@ -43,6 +45,22 @@ namespace {
 
 Tag SignPacket(const ngtcp2_crypto_aead_ctx* context, Bytes header, Bytes nonce, Bytes payload) {
   return static_cast<const PacketKey*>(context->native_handle)->Sign({header, nonce, payload});
+}
+
+std::uint64_t PacketNumberOf(Bytes nonce) {
+  std::uint64_t number = 0;
+  for (const std::uint8_t byte : nonce) number = number << 8 | byte;
+  return number;
+}
+
+// Without memory the packet is lost.
+bool LeavesFewGaps(const ngtcp2_crypto_aead& aead, Bytes nonce, Bytes frames) {
+  auto* const gaps = static_cast<StreamGaps*>(aead.native_handle);
+  try {
+    return gaps == nullptr || gaps->Accept(PacketNumberOf(nonce), frames);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
 }
 
 }  // namespace
@@ -59,15 +77,18 @@ int Seal(std::uint8_t* dest, const ngtcp2_crypto_aead*, const ngtcp2_crypto_aead
 
 // The nonce is the whole packet number, of which only the end is on the wire: a late duplicate is
 // decoded as a packet of the future, and the tag is what gives it away.
-int Unseal(std::uint8_t* dest, const ngtcp2_crypto_aead*, const ngtcp2_crypto_aead_ctx* context,
-           const std::uint8_t* sealed, std::size_t length, const std::uint8_t* nonce,
-           std::size_t nonceLength, const std::uint8_t* header, std::size_t headerLength) {
+int Unseal(std::uint8_t* dest, const ngtcp2_crypto_aead* aead,
+           const ngtcp2_crypto_aead_ctx* context, const std::uint8_t* sealed, std::size_t length,
+           const std::uint8_t* nonce, std::size_t nonceLength, const std::uint8_t* header,
+           std::size_t headerLength) {
   if (length < kTagSize) return NGTCP2_ERR_DECRYPT;
   length -= kTagSize;
   const Tag tag =
       SignPacket(context, {header, headerLength}, {nonce, nonceLength}, {sealed, length});
   if (std::memcmp(tag.data(), sealed + length, tag.size()) != 0) return NGTCP2_ERR_DECRYPT;
-  if (!AreOurFrames({sealed, length})) return NGTCP2_ERR_DECRYPT;
+  const Bytes frames(sealed, length);
+  if (!AreOurFrames(frames) || !LeavesFewGaps(*aead, {nonce, nonceLength}, frames))
+    return NGTCP2_ERR_DECRYPT;
   if (length != 0 && dest != sealed) std::memmove(dest, sealed, length);
   return 0;
 }

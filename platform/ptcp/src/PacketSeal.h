@@ -7,6 +7,7 @@
 
 #include "Ngtcp2.h"
 #include "PacketKey.h"
+#include "StreamGaps.h"
 
 namespace ptcp {
 
@@ -18,7 +19,8 @@ inline constexpr std::array<std::uint8_t, kNonceSize>
 ngtcp2_crypto_aead_ctx Aead(const PacketKey& key);
 ngtcp2_crypto_cipher_ctx HeaderCipher(const PacketKey& key);
 ngtcp2_crypto_aead TagOnly();
-ngtcp2_crypto_ctx Context();
+// `gaps` sees what comes of the stream, and must stay.
+ngtcp2_crypto_ctx Context(StreamGaps* gaps = nullptr);
 
 // Of the first packets, by the id that the client has made up for the server (or was given by a
 // Retry). It also says which way, so that no packet can be sent back to its sender.

@@ -138,7 +138,7 @@ bool PtcpConnection::MakeClient(Time now) {
   if (ngtcp2_conn_client_new(&conn_, &destination, &source, &AnyPath(), NGTCP2_PROTO_VER_V1,
                              &CallbackTable(), &settings, &params, nullptr, this) != 0)
     return false;
-  handshake_.Begin(conn_, false, bits);
+  handshake_.Begin(conn_, false, bits, gaps_);
   const ngtcp2_crypto_aead tagOnly = TagOnly();
   const ngtcp2_crypto_aead_ctx retry = Aead(RetryKey());
   ngtcp2_conn_set_retry_aead(conn_, &tagOnly, &retry);
@@ -168,7 +168,7 @@ bool PtcpConnection::MakeServer(const InitialHeader& initial, const ConnectionId
   if (ngtcp2_conn_server_new(&conn_, &destination, &source, &AnyPath(), NGTCP2_PROTO_VER_V1,
                              &CallbackTable(), &settings, &params, nullptr, this) != 0)
     return false;
-  handshake_.Begin(conn_, true, bits);
+  handshake_.Begin(conn_, true, bits, gaps_);
   return true;
 }
 

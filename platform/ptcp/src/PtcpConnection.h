@@ -11,6 +11,7 @@
 #include "LonePackets.h"
 #include "PacketKey.h"
 #include "PtcpHandshake.h"
+#include "StreamGaps.h"
 
 namespace ptcp {
 
@@ -127,6 +128,7 @@ class PtcpConnection {
   bool violated_ = false;  // the peer did what a side of ours does not
   bool noMemory_ = false;
   PtcpHandshake handshake_;
+  StreamGaps gaps_;
 
   // Until the peer's address is proved, this bounds what is sent to it.
   std::uint64_t datagramBytesIn_ = 0;

@@ -35,9 +35,11 @@ Parsed FindParams(const std::vector<std::uint8_t>& message, std::size_t at, Byte
 
 }  // namespace
 
-void PtcpHandshake::Begin(ngtcp2_conn* conn, bool server, const RandomBits& ours) {
+void PtcpHandshake::Begin(ngtcp2_conn* conn, bool server, const RandomBits& ours,
+                          StreamGaps& gaps) {
   conn_ = conn;
   server_ = server;
+  gaps_ = &gaps;
   (server ? serverRandom_ : clientRandom_) = ours;
 }
 
@@ -65,7 +67,7 @@ bool PtcpHandshake::InstallHandshakeKeys() {
   const auto bits = Join(clientRandom_, serverRandom_);
   sendKey_ = PacketKey(Join(bits, server_ ? fromServer : fromClient));
   receiveKey_ = PacketKey(Join(bits, server_ ? fromClient : fromServer));
-  const ngtcp2_crypto_ctx context = Context();
+  const ngtcp2_crypto_ctx context = Context(gaps_);
   ngtcp2_conn_set_crypto_ctx(conn_, &context);
   const auto receive = Aead(receiveKey_);
   const auto send = Aead(sendKey_);

@@ -10,6 +10,7 @@
 #include "ConnectionId.h"
 #include "Ngtcp2.h"
 #include "PacketKey.h"
+#include "StreamGaps.h"
 
 namespace ptcp {
 
@@ -23,7 +24,8 @@ using RandomBits = std::array<std::uint8_t, 16>;
 // throw std::bad_alloc; the connection is over then.
 class PtcpHandshake {
  public:
-  void Begin(ngtcp2_conn* conn, bool server, const RandomBits& ours);
+  // `gaps` is told what comes of the stream.
+  void Begin(ngtcp2_conn* conn, bool server, const RandomBits& ours, StreamGaps& gaps);
 
   bool SendClientHello();
   // `id` is what the client's packets are addressed to.
@@ -45,6 +47,7 @@ class PtcpHandshake {
 
   ngtcp2_conn* conn_ = nullptr;
   bool server_ = false;
+  StreamGaps* gaps_ = nullptr;
   PacketKey initialSendKey_;
   PacketKey initialReceiveKey_;
   PacketKey sendKey_;
