@@ -215,6 +215,22 @@ TEST_F(PtcpAcceptorTest, PacketOfAConnectionThatIsGoneIsAnsweredWithAReset) {
   EXPECT_EQ(answer.data[0] & 0xC0, 0x40);
 }
 
+TEST_F(PtcpAcceptorTest, AResetIsNotAnswered) {
+  Listen();
+  UdpSocket stranger;
+  ASSERT_EQ(stranger.Open(nullptr, &address), 0);
+  const std::vector<std::uint8_t> lost(60, 0x40);
+  EXPECT_EQ(stranger.Write({address, {}}, lost, 0), 0);
+  std::array<char, 2048> room;
+  UdpSocket::Received answer;
+  ASSERT_TRUE(WaitFor([&] { return stranger.Read(room, answer) == 0; }));
+  EXPECT_EQ(stranger.Write({address, {}}, answer.data, 0), 0);
+  EXPECT_EQ(stranger.Write({address, {}}, lost, 0), 0);
+  ASSERT_TRUE(WaitFor([&] { return stranger.Read(room, answer) == 0; }));
+  EXPECT_EQ(answer.data.size(), kResetSize);
+  EXPECT_EQ(stranger.Read(room, answer), EAGAIN);
+}
+
 TEST_F(PtcpAcceptorTest, WhoIsHalfOpenAtTheStopIsNotAcceptedAnyMore) {
   Listen();
   SlowClient halfOpen(4, address);

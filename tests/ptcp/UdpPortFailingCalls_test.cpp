@@ -79,9 +79,9 @@ struct Exchange {
     return std::string(1, '\x43') + std::string(24, 'i') + text;
   }
   void Send(const std::string& text) { port->Send(user.path, AsBytes(text)); }
-  void Come(const std::string& text) {
+  void Come(const std::string& text) { ComeAsItIs(Packet(text)); }
+  void ComeAsItIs(const std::string& packet) {
     const CAWInetAddr& to = port->GetLocalAddr();
-    const std::string packet = Packet(text);
     EXPECT_EQ(
         ::sendto(peer.GetHandle(), packet.data(), packet.size(), 0, to.GetPtr(), to.GetSize()),
         static_cast<ssize_t>(packet.size()));
@@ -323,6 +323,43 @@ TEST(UdpPortFailingCalls, AnErrorOfTheNetworkIsNotToldToOneThatIsGone) {
     exchange.port->Remove(exchange.user);
     for (int turns = 0; turns < 10; ++turns) loop.RunReady();
     EXPECT_EQ(exchange.user.lastError, 0);
+  });
+}
+
+// --- resets ---
+
+TEST(UdpPortFailingCalls, AResetComesToTheConnectionsOfItsSenderWhateverItHasForAnId) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    User another;
+    another.path.peer = CAWInetAddr("127.0.0.1", 1);
+    EXPECT_TRUE(exchange.port->AddId(ConnectionId(std::array<std::uint8_t, 8>{1}), another));
+    const std::string reset = std::string(1, '\x43') + std::string(kResetSize - 1, 'r');
+    exchange.ComeAsItIs(reset);
+    EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return exchange.user.batches != 0; }));
+    EXPECT_EQ(exchange.user.got, Texts{reset});
+    EXPECT_TRUE(another.got.empty());
+    EXPECT_TRUE(exchange.Arrived().empty());
+    exchange.port->Remove(another);
+  });
+}
+
+TEST(UdpPortFailingCalls, AResetIsOfferedToAFewOfManyConnectionsOfItsSender) {
+  zarn::test::WithLoop([](EventLoop& loop) {
+    Exchange exchange(loop);
+    std::array<User, 100> others;
+    for (std::uint8_t i = 0; i < others.size(); ++i) {
+      others[i].path.peer = exchange.user.path.peer;
+      EXPECT_TRUE(exchange.port->AddId(ConnectionId(std::array<std::uint8_t, 8>{i}), others[i]));
+    }
+    const auto count = [&others] {
+      return std::count_if(others.begin(), others.end(),
+                           [](const User& one) { return !one.got.empty(); });
+    };
+    exchange.ComeAsItIs(std::string(kResetSize, '\x43'));
+    EXPECT_TRUE(zarn::test::TurnUntil(loop, [&] { return count() != 0; }));
+    EXPECT_LE(count(), 16);
+    for (User& one : others) exchange.port->Remove(one);
   });
 }
 

@@ -74,11 +74,8 @@ std::vector<std::uint8_t> MakeRefusal(const InitialHeader& initial) {
 std::vector<std::uint8_t> MakeReset(
     Bytes datagram, const Tag& token,
     const std::function<void(std::uint8_t*, std::size_t)>& fillRandom) {
-  if (datagram.empty()) return {};
-  constexpr std::size_t kLargestReset = 43;  // as a packet of ours could be
-  std::vector<std::uint8_t> packet(std::min(datagram.size() - 1, kLargestReset));
-  constexpr std::size_t kLeastRandom = 5;
-  if (packet.size() < kLeastRandom + token.size()) return {};
+  if (datagram.size() <= kResetSize) return {};
+  std::vector<std::uint8_t> packet(kResetSize);
   std::vector<std::uint8_t> random(packet.size() - token.size());
   fillRandom(random.data(), random.size());
   const ngtcp2_ssize length = ngtcp2_pkt_write_stateless_reset(

@@ -40,7 +40,12 @@ std::vector<std::uint8_t> MakeRetry(const InitialHeader& initial, const Connecti
 // What tells the client that nobody listens; much shorter than its packet is.
 std::vector<std::uint8_t> MakeRefusal(const InitialHeader& initial);
 
-// What tells the sender of `datagram` that nobody knows its connection; shorter than that is.
+// Each packet of a connection has more: a reset is shorter than what it answers, so that two that
+// have forgotten each other do not go on answering.
+inline constexpr std::size_t kResetSize = 5 + kTagSize;
+
+// What tells the sender of `datagram` that nobody knows its connection. It bears random bytes where
+// others have their id. Empty when that is as short as a reset.
 std::vector<std::uint8_t> MakeReset(
     Bytes datagram, const Tag& token,
     const std::function<void(std::uint8_t*, std::size_t)>& fillRandom);

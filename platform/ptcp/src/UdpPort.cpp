@@ -29,6 +29,7 @@ namespace {
 constexpr std::size_t kMaxSegments = 64;      // of one write
 constexpr std::size_t kMaxBatch = 64 * 1000;  // below what one UDP write may have
 constexpr int kReadsPerTurn = 64;
+constexpr int kMostAsked = 16;     // whether a reset is theirs
 constexpr int kMostFailures = 64;  // in a row: then reading fails for good, as it seems
 constexpr std::chrono::milliseconds kReadPause{100};
 
@@ -217,10 +218,22 @@ void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram
     if (listed_) Refuse(from, datagram);
     return;
   }
+  if (datagram.size() == kResetSize) return OfferReset(from, datagram, now);
   // A function's own type would be exported with the library's symbols.
   const auto fill = [](std::uint8_t* out, std::size_t length) { FillWithRandom(out, length); };
   const auto reset = MakeReset(datagram, ResetToken(id), fill);
   if (!reset.empty()) Send(from, reset);
+}
+
+// They know whose token it bears. A connector of ours has a port of its own, so there is one; who
+// opens many connections from one port makes us ask a few of them.
+void UdpPort::OfferReset(const Path& from, Bytes datagram, Time now) {
+  int left = kMostAsked;
+  for (auto one = usersByPeer_.lower_bound({from.peer, nullptr});
+       one != usersByPeer_.end() && one->first == from.peer && left > 0; ++one, --left) {
+    NoteTouched(*one->second);
+    one->second->OnDatagram(datagram, now);
+  }
 }
 
 // The listener has stopped, and connections of it keep the port open.

@@ -105,6 +105,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   void ResumeReading();
   void Dispatch(const Path& from, Bytes datagram, Time now);
   void OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram, Time now);
+  void OfferReset(const Path& from, Bytes datagram, Time now);
   void Refuse(const Path& from, Bytes datagram);
   void EndBatch();
   void BecomeFree();
