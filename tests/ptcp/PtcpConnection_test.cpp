@@ -110,6 +110,16 @@ TEST(PtcpConnection, AHandshakeThatNobodyAnswersEndsAfterTenSeconds) {
   EXPECT_EQ(pair.now, 11 * kSecond);
 }
 
+TEST(PtcpConnection, AFirstPacketThatIsLostIsSentAgainSoon) {
+  PathTraits dead;
+  dead.drop = 1;
+  SimulatedPair pair(21, dead);
+  int packets = 0;
+  pair.watch = [&](Bytes, bool) { ++packets; };
+  ASSERT_TRUE(pair.Start());
+  EXPECT_TRUE(pair.StepUntil([&] { return packets > 1; }, kSecond / 2));
+}
+
 TEST(PtcpConnection, TheServerSendsNoMoreThanThreeTimesWhatCameFromAnUnprovedAddress) {
   SimulatedPair pair(8, {});
   std::vector<Datagram> first;

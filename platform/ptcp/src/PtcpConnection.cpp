@@ -31,6 +31,9 @@ constexpr std::size_t kMostUnacknowledged = 2 * kWindow;
 constexpr ngtcp2_duration kIdleLimit = 10 * NGTCP2_SECONDS;
 constexpr ngtcp2_duration kHandshakeLimit = 10 * NGTCP2_SECONDS;
 
+// Makes the first probe timeout 0.3 s.
+constexpr ngtcp2_duration kInitialRtt = 100 * NGTCP2_MILLISECONDS;
+
 // So long, and so many probe timeouts, may pass without an acknowledgement of new bytes.
 constexpr ngtcp2_duration kNoProgress = 2 * NGTCP2_SECONDS;
 constexpr int kNoProgressTimeouts = 3;
@@ -85,6 +88,7 @@ void PtcpConnection::Configure(ngtcp2_settings& settings, ngtcp2_transport_param
   settings.max_tx_udp_payload_size = inside_ ? kLargestInside : kLargestDatagram;
   settings.no_tx_udp_payload_size_shaping = inside_ ? 1 : 0;
   settings.no_pmtud = inside_ ? 1 : 0;
+  settings.initial_rtt = kInitialRtt;
   settings.handshake_timeout = kHandshakeLimit;
   settings.rand_ctx.native_handle = &host_;
   ngtcp2_transport_params_default(&params);
