@@ -100,6 +100,25 @@ TEST(PtcpConnection, AnIdleConnectionStaysAliveAtTheCostOfFewPackets) {
   EXPECT_LE(packets, 100);
 }
 
+TEST(PtcpConnection, AFewBytesOfAnOutageArriveSoonAfterIt) {
+  for (Time outage = 2 * kSecond; outage <= 9 * kSecond; outage += kSecond / 2) {
+    PathTraits traits;
+    traits.delay = 5 * kMillisecond;
+    SimulatedPair pair(20, traits);
+    ASSERT_TRUE(pair.Establish());
+    pair.StepUntil([] { return false; }, kSecond);
+    traits.drop = 1;
+    pair.SetTraits(traits);
+    pair.client->Send("hello", 5);
+    pair.client->Flush(pair.now);
+    pair.StepUntil([] { return false; }, outage);
+    traits.drop = 0;
+    pair.SetTraits(traits);
+    EXPECT_TRUE(pair.StepUntil([&] { return pair.server->Readable() == 5; }, 2 * kSecond))
+        << outage / kMillisecond;
+  }
+}
+
 TEST(PtcpConnection, AHandshakeThatNobodyAnswersEndsAfterTenSeconds) {
   PathTraits dead;
   dead.drop = 1;

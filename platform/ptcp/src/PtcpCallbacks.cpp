@@ -7,12 +7,6 @@
 
 namespace ptcp {
 
-namespace {
-
-constexpr ngtcp2_duration kKeepAlive = 3 * NGTCP2_SECONDS;
-
-}  // namespace
-
 // Nothing may be thrown through a C library.
 struct PtcpConnection::Callbacks {
   static PtcpConnection& Self(void* user) { return *static_cast<PtcpConnection*>(user); }
@@ -45,9 +39,8 @@ struct PtcpConnection::Callbacks {
       return self.handshake_.OnMessage(level, {data, length});
     });
   }
-  static int HandshakeDone(ngtcp2_conn* conn, void* user) {
+  static int HandshakeDone(ngtcp2_conn*, void* user) {
     Self(user).established_ = true;
-    ngtcp2_conn_set_keep_alive_timeout(conn, kKeepAlive);
     return 0;
   }
   static int StreamData(ngtcp2_conn*, std::uint32_t flags, std::int64_t stream, std::uint64_t,

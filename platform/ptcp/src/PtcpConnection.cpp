@@ -29,6 +29,9 @@ constexpr std::size_t kWindow = std::size_t{8} << 20;
 // from what it has read on, and its acknowledgements may be behind that by no more than another.
 constexpr std::size_t kMostUnacknowledged = 2 * kWindow;
 constexpr ngtcp2_duration kIdleLimit = 10 * NGTCP2_SECONDS;
+constexpr ngtcp2_duration kKeepAlive = 3 * NGTCP2_SECONDS;
+constexpr ngtcp2_duration kKeepAliveWaiting = NGTCP2_SECONDS;
+constexpr int kKeepAliveTimeouts = 2;  // probe timeouts
 constexpr ngtcp2_duration kHandshakeLimit = 10 * NGTCP2_SECONDS;
 
 // Makes the first probe timeout 0.3 s.
@@ -246,10 +249,20 @@ void PtcpConnection::Flush(Time now) {
   }
   if (dead_) return;
   if (violated_) return Ended(NGTCP2_ERR_PROTO, now);
+  if (established_) SetKeepAlive();
   ngtcp2_conn_update_pkt_tx_time(conn_, now);
   // A peer can bring about a timer that is due and stays due, whatever is done.
   const bool stuck = total == 0 && ngtcp2_conn_get_expiry(conn_) <= now;
   notBefore_ = stuck ? now + kLeastPause : 0;
+}
+
+// The probe timeout doubles for as long as nothing is answered, and with it the time until it is
+// noticed that the path carries packets again. The answer to a sign of life tells that sooner.
+void PtcpConnection::SetKeepAlive() {
+  const bool waiting = sent_ != out_.Begin();
+  ngtcp2_conn_set_keep_alive_timeout(
+      conn_, waiting ? std::max(kKeepAliveWaiting, kKeepAliveTimeouts * ngtcp2_conn_get_pto(conn_))
+                     : kKeepAlive);
 }
 
 // A path that has become narrower swallows what is longer and lets everything else through, also

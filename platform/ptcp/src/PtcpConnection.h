@@ -111,6 +111,7 @@ class PtcpConnection {
   Offer MakeOffer(bool room);
   bool WriteOne(Time now, std::uint64_t room, std::size_t& total);
   void NoticeNarrowPath(Time now);
+  void SetKeepAlive();
   std::uint64_t UpdateFairWindow(Time now);
   void CountAndSend(Bytes datagram);
   std::uint64_t UnprovedRoom() const {
