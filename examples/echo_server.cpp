@@ -53,14 +53,14 @@ class EchoServer : public fipc::IAWIPCAcceptorConnectorSink {
                        std::size_t size) override {
       SendZARNMessage(type, tag, data, size);
       // A client that asks and never reads the answers would fill our memory.
-      if (GetSendQueueLength() > kMostQueuedBytes) Close(0);
+      if (GetSendQueueLength() > kMaxQueuedBytes) Close(0);
     }
 
     // The last thing that the channel does, so it may go.
     void OnPeerDisconnect(long) override { server_.clients_.erase(this); }
 
    private:
-    static constexpr std::size_t kMostQueuedBytes = 64 * 1024 * 1024;
+    static constexpr std::size_t kMaxQueuedBytes = 64 * 1024 * 1024;
     EchoServer& server_;
   };
 

@@ -87,12 +87,14 @@ class Asker : public zarn::utils::ITORVSink {
 
 // Ends the program if `text` is no number whose square can be told.
 long Number(const char* text) {
-  constexpr long kMost = 3037000499;
+  constexpr long kMaxNumber = 3037000499;
   long number = 0;
   const char* const end = text + std::strlen(text);
   const auto [last, error] = std::from_chars(text, end, number);
-  if (error == std::errc() && last == end && number >= -kMost && number <= kMost) return number;
-  std::fprintf(stderr, "modules: '%s' is not a number from -%ld to %ld\n", text, kMost, kMost);
+  if (error == std::errc() && last == end && number >= -kMaxNumber && number <= kMaxNumber)
+    return number;
+  std::fprintf(stderr, "modules: '%s' is not a number from -%ld to %ld\n", text, kMaxNumber,
+               kMaxNumber);
   std::exit(2);
 }
 

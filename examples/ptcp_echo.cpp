@@ -33,9 +33,9 @@ class Lines : public zarn::utils::CPTCPStreamBase {
  public:
   std::uint16_t HandleMessage(CAWMessageBlock& data) override {
     const std::string bytes = data.FlattenChained();
-    const std::size_t end = bytes.rfind('\n', kMostTaken - 1);
+    const std::size_t end = bytes.rfind('\n', kMaxTaken - 1);
     if (end == std::string::npos) {
-      if (bytes.size() >= kMostTaken) Disconnect(0);  // no line may be as long
+      if (bytes.size() >= kMaxTaken) Disconnect(0);  // no line may be as long
       return 0;
     }
     OnLines(bytes.substr(0, end + 1));
@@ -52,7 +52,7 @@ class Lines : public zarn::utils::CPTCPStreamBase {
   }
 
  private:
-  static constexpr std::size_t kMostTaken = 65535;
+  static constexpr std::size_t kMaxTaken = 65535;
 
   virtual void OnLines(const std::string& lines) = 0;
 };

@@ -57,22 +57,22 @@ class EchoServer : public wface::IAWAcceptorConnectorSink {
 
     std::uint16_t HandleMessage(CAWMessageBlock& data) override {
       const std::string bytes = data.FlattenChained();
-      const std::size_t end = bytes.rfind('\n', kMostTaken - 1);
+      const std::size_t end = bytes.rfind('\n', kMaxTaken - 1);
       if (end == std::string::npos) {
-        if (bytes.size() >= kMostTaken) Disconnect(0);  // no line may be as long
+        if (bytes.size() >= kMaxTaken) Disconnect(0);  // no line may be as long
         return 0;
       }
       CAWMessageBlock answer(bytes.data(), end + 1, CAWMessageBlock::borrow);
       SendMsg(answer, nullptr);
-      if (GetSendQueueLength() > kMostWaiting) Disconnect(0);  // it asks, but does not read
+      if (GetSendQueueLength() > kMaxWaiting) Disconnect(0);  // it asks, but does not read
       return static_cast<std::uint16_t>(end + 1);
     }
     // Deletes the client, which the stream allows in this place.
     void OnPeerDisconnect(long) override { server_.clients_.erase(this); }
 
    private:
-    static constexpr std::size_t kMostTaken = 65535;
-    static constexpr std::size_t kMostWaiting = std::size_t{16} << 20;
+    static constexpr std::size_t kMaxTaken = 65535;
+    static constexpr std::size_t kMaxWaiting = std::size_t{16} << 20;
 
     EchoServer& server_;
   };

@@ -22,8 +22,8 @@ using keelbase::CAWMessageBlock;
 using Message = std::tuple<std::uint16_t, std::uint32_t, std::string>;
 using Messages = std::vector<Message>;
 
-constexpr std::size_t kLongestPayload = 65523;
-constexpr std::size_t kMostBytes = 256 * 1024;
+constexpr std::size_t kMaxPayload = 65523;
+constexpr std::size_t kMaxBytes = 256 * 1024;
 
 void Check(bool condition) {
   if (!condition) std::abort();
@@ -48,14 +48,14 @@ std::string MakeBytes(FuzzedDataProvider& input) {
       continue;
     }
     const bool isLong = input.ConsumeIntegralInRange(0, 7) == 0;
-    const auto size = input.ConsumeIntegralInRange<std::size_t>(0, isLong ? kLongestPayload : 200);
+    const auto size = input.ConsumeIntegralInRange<std::size_t>(0, isLong ? kMaxPayload : 200);
     Put(bytes, input.ConsumeIntegral<std::uint16_t>(), 2);
     Put(bytes, size + 12, 2);
     Put(bytes, input.ConsumeIntegral<std::uint32_t>(), 4);
     Put(bytes, size, 4);
     bytes.append(size, static_cast<char>(items));
   }
-  bytes.resize(std::min(bytes.size(), kMostBytes));
+  bytes.resize(std::min(bytes.size(), kMaxBytes));
   return bytes;
 }
 

@@ -21,7 +21,7 @@ namespace {
 using namespace ptcp;
 using namespace ptcp::test;
 
-constexpr std::size_t kMostHalfOpen = 4;
+constexpr std::size_t kMaxHalfOpen = 4;
 
 void Check(bool condition) {
   if (!condition) std::abort();
@@ -124,7 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Stranger stranger;
   keelbase::CAWAutoPtr<PtcpAcceptor> acceptor(new PtcpAcceptor(Network().GetLoop()));
   Check(acceptor->StartListen(&nobody, keelbase::CAWInetAddr("127.0.0.1", 0),
-                              static_cast<int>(kMostHalfOpen)) == keelbase::AW_OK);
+                              static_cast<int>(kMaxHalfOpen)) == keelbase::AW_OK);
   zarn::test::FuzzInput input(data, size);
   std::size_t in = 0;
   std::size_t out = 0;
@@ -142,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       answers.push_back(std::move(answer));
     }
     Check(mayBeProved != 0 || out <= 3 * in);
-    Check(acceptor->TEST_HalfOpen() <= kMostHalfOpen + std::min(mayBeProved, kMostHalfOpen));
+    Check(acceptor->TEST_HalfOpen() <= kMaxHalfOpen + std::min(mayBeProved, kMaxHalfOpen));
   }
   acceptor->StopListen();
   acceptor = nullptr;

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr std::size_t kMostSteps = 2000;
+constexpr std::size_t kMaxSteps = 2000;
 
 void Check(bool condition) {
   if (!condition) std::abort();
@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Shared shared(std::size_t{1} << input.ConsumeIntegralInRange(0, 12));
   fshmipc::RingWriter writer(shared.Get());
   fshmipc::RingReader reader(shared.Get());
-  for (std::size_t step = 0; step < kMostSteps && input.remaining_bytes() != 0; ++step) {
+  for (std::size_t step = 0; step < kMaxSteps && input.remaining_bytes() != 0; ++step) {
     switch (input.ConsumeIntegralInRange(0, 7)) {
       case 0:
         WriteSome(input, shared, writer);

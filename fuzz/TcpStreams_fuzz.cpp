@@ -22,7 +22,7 @@ namespace {
 using keelbase::CAWMessageBlock;
 using zarn::test::FakeTcpTransport;
 
-constexpr std::size_t kMostBytes = 30000;  // an answer of 16 bits can still be too long
+constexpr std::size_t kMaxBytes = 30000;  // an answer of 16 bits can still be too long
 
 void Check(bool condition) {
   if (!condition) std::abort();
@@ -166,7 +166,7 @@ class Run {
   explicit Run(FuzzedDataProvider& input) : input_(input) { Attach(); }
 
   void Go() {
-    while (input_.remaining_bytes() != 0 && given_ < kMostBytes) {
+    while (input_.remaining_bytes() != 0 && given_ < kMaxBytes) {
       switch (input_.ConsumeIntegralInRange(0, 7)) {
         case 0:
           Check(stream_.SendBytes(input_.ConsumeRandomLengthString(5000)) == !stream_.IsClose());

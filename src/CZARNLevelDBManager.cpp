@@ -23,10 +23,10 @@ constexpr std::size_t kOpenMemory = 1 << 20;  // bytes; LevelDB takes less to se
 
 // Bytes of a key and of a value. LevelDB counts in 32 bits and would take what is longer for a
 // shorter one with other entries behind it.
-constexpr unsigned long kMostBytes = 1UL << 30;
+constexpr unsigned long kMaxBytes = 1UL << 30;
 
 bool IsTooLong(unsigned long keyLen, unsigned long valueLen = 0) {
-  return keyLen > kMostBytes || valueLen > kMostBytes;
+  return keyLen > kMaxBytes || valueLen > kMaxBytes;
 }
 
 leveldb::WriteOptions WriteOptionsWith(bool sync) {

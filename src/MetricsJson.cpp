@@ -33,7 +33,7 @@ void AddStream(std::string& text, CZARNStreamMetrics& stream) {
 
 // Written by hand: a tree of values for thousands of streams would keep the loop for long.
 std::string ToJson(CZARNMetrics metrics) {
-  const std::size_t shown = std::min(metrics.streams.size(), kMostStreamsShown);
+  const std::size_t shown = std::min(metrics.streams.size(), kMaxStreamsShown);
   std::string text;
   text.reserve(200 + shown * kTypicalLength);
   text += "{\"format\":1,\"pid\":" + std::to_string(::getpid());

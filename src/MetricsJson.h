@@ -8,7 +8,7 @@
 namespace zarn::utils {
 
 // What stands in one answer at most; the rest is counted and left out.
-inline constexpr std::size_t kMostStreamsShown = 4096;
+inline constexpr std::size_t kMaxStreamsShown = 4096;
 
 // JSON objects in ASCII, one a line: about the process, then for each stream. docs/metrics.md has
 // their form.

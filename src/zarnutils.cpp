@@ -214,8 +214,8 @@ AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b, const keelbase::CAW
 
 AWResult CreateMemory(keelbase::CAWAutoPtr<CZARNShareMemory>& out, const CAWString& name,
                       std::size_t size) try {
-  constexpr std::size_t kLargest = std::numeric_limits<unsigned int>::max();
-  if (size == 0 || size > kLargest || name.empty()) return AW_ERROR_FAILURE;
+  constexpr std::size_t kMaxSize = std::numeric_limits<unsigned int>::max();
+  if (size == 0 || size > kMaxSize || name.empty()) return AW_ERROR_FAILURE;
   auto memory = std::make_unique<CZARNShareMemory>(name, static_cast<unsigned int>(size));
   if (memory->createshm() != 0) return AW_ERROR_FAILURE;
   out = memory.release();

@@ -185,7 +185,7 @@ Kind Outgoing::Look() {
 
 Incoming::Incoming(const Options& options, Tally& tally)
     : size_(options.size),
-      expected_(options.read ? options.size - kSmallestMessage : 0, kFiller),
+      expected_(options.read ? options.size - kMinMessage : 0, kFiller),
       tally_(tally) {}
 
 void Incoming::FailOrder(std::size_t length, std::uint64_t sequence) const {
@@ -194,7 +194,7 @@ void Incoming::FailOrder(std::size_t length, std::uint64_t sequence) const {
 }
 
 void Incoming::Compare(const char* message) const {
-  if (std::memcmp(message + kSmallestMessage, expected_.data(), expected_.size()) != 0)
+  if (std::memcmp(message + kMinMessage, expected_.data(), expected_.size()) != 0)
     Fail("message " + std::to_string(sequence_) + " came changed");
 }
 
@@ -229,7 +229,7 @@ void RoundTrips::Pause() const {
 }
 
 void RoundTrips::Take(const char* answer, std::size_t length) {
-  const Kind kind = length < kSmallestMessage ? Kind::kPlain : GetStamp(answer).kind;
+  const Kind kind = length < kMinMessage ? Kind::kPlain : GetStamp(answer).kind;
   incoming_.Take(answer, length);
   const double now = Now();
   measuring_ |= kind == Kind::kBegin;
@@ -304,7 +304,7 @@ Arguments Parse(int argc, char** argv) {
     setter->second(argv[i]);
   }
   const bool modeKnown = options.mode == "oneway" || options.mode == "pingpong";
-  if (!modeKnown || options.size < kSmallestMessage || options.size > kBatchSize - kHeaderSize ||
+  if (!modeKnown || options.size < kMinMessage || options.size > kBatchSize - kHeaderSize ||
       options.active < 1 || options.active > options.clients)
     Usage(argv[0]);
   return arguments;

@@ -99,7 +99,7 @@ class Control {
 // --- messages: sequence number, kind, and filling up to the size ---
 
 enum class Kind : std::uint8_t { kPlain, kBegin, kLast };
-inline constexpr std::size_t kSmallestMessage = 9;
+inline constexpr std::size_t kMinMessage = 9;
 
 struct Stamp {
   std::uint64_t sequence = 0;

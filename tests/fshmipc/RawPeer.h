@@ -45,7 +45,7 @@ class ForeignServer {
 // A connector that is not ours, connected to a transport of the library.
 class RawPeer {
  public:
-  explicit RawPeer(std::uint32_t ringSize = zarn::test::kLeastShmRing)
+  explicit RawPeer(std::uint32_t ringSize = zarn::test::kMinShmRing)
       : socket(zarn::test::PlainSocket::Stream()) {
     EXPECT_EQ(socket.Connect(system_.GetEndpoint()), 0);
     zarn::test::Turn();

@@ -29,7 +29,7 @@ namespace {
 using namespace zarn::test;
 using keelbase::CAWThreadManager;
 
-constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kMaxPosition = std::numeric_limits<std::uint64_t>::max();
 
 keelbase::CAWThread& Network() {
   return *CAWThreadManager::Instance()->GetThread(CAWThreadManager::TT_NETWORK);
@@ -107,7 +107,7 @@ struct EndSink final : keelbase::internal::StreamSocketSink {
 TEST(ShmConnection, ThatCannotBeWatchedIsOpenedAndThenEndsWithTheReason) {
   ShmSegment segment;
   keelbase::internal::FileDescriptor memory;
-  ASSERT_EQ(segment.Create(kLeastShmRing, memory), 0);
+  ASSERT_EQ(segment.Create(kMinShmRing, memory), 0);
   const keelbase::CAWAutoPtr<ShmConnection> connection(new ShmConnection(
       Network().GetLoop(), {}, std::move(segment), ShmConnection::Side::connector));
   EndSink sink;
@@ -121,7 +121,7 @@ TEST(ShmConnection, ThatCannotBeWatchedIsOpenedAndThenEndsWithTheReason) {
 // --- positions that make no sense ---
 
 TEST(ShmConnection, ReaderOfNonsenseDisconnects) {
-  for (const std::uint64_t lie : {std::uint64_t{kLeastShmRing + 1}, kMost, kMost / 2}) {
+  for (const std::uint64_t lie : {std::uint64_t{kMinShmRing + 1}, kMaxPosition, kMaxPosition / 2}) {
     RawPeer peer;
     peer.end.Open();
     peer.Out().head = lie;
@@ -136,7 +136,7 @@ TEST(ShmConnection, NonsenseIsFoundByASleepingConnectionWhenItIsWoken) {
   RawPeer peer;
   peer.end.Open();
   RunUntilAsleep(peer);
-  peer.Out().head = kMost;
+  peer.Out().head = kMaxPosition;
   peer.Wake();
   EXPECT_TRUE(RunUntil([&] { return peer.end.sink.ended; }));
   EXPECT_EQ(peer.end.sink.reason, EPROTO);
@@ -144,7 +144,7 @@ TEST(ShmConnection, NonsenseIsFoundByASleepingConnectionWhenItIsWoken) {
 
 TEST(ShmConnection, WriterToNonsenseDisconnects) {
   for (const std::uint64_t lie :
-       {std::uint64_t{kLeastShmRing + 1}, kMost - kLeastShmRing, kMost / 2}) {
+       {std::uint64_t{kMinShmRing + 1}, kMaxPosition - kMinShmRing, kMaxPosition / 2}) {
     RawPeer peer;
     peer.end.Open();
     peer.In().tail = lie;
@@ -158,8 +158,8 @@ TEST(ShmConnection, WriterToNonsenseDisconnects) {
 
 TEST(ShmConnection, NonsenseFromBeforeTheOpenEndsItAfterwards) {
   RawPeer peer;
-  peer.Out().head = kMost;
-  peer.In().tail = kMost / 2;
+  peer.Out().head = kMaxPosition;
+  peer.In().tail = kMaxPosition / 2;
   peer.end.Send(Pattern(70000));
   EXPECT_EQ(peer.end.transport->OpenWithSink(&peer.end.sink), AW_OK);
   EXPECT_FALSE(peer.end.sink.ended);
@@ -172,7 +172,7 @@ TEST(ShmConnection, NonsenseWhileSomeoneWaitsForRoomEndsIt) {
   peer.end.Open();
   peer.end.Fill();
   RunUntil([&] { return peer.In().writerWaits != 0; });
-  peer.In().tail = kMost / 2;
+  peer.In().tail = kMaxPosition / 2;
   peer.Wake();
   EXPECT_TRUE(RunUntil([&] { return peer.end.sink.ended; }));
   EXPECT_EQ(peer.end.sink.reason, EPROTO);
@@ -184,7 +184,7 @@ TEST(ShmConnection, NonsenseWhileItLingersEndsTheLinger) {
   peer.end.Open();
   peer.end.Fill();
   AddLingerData(peer, Pattern(100000));
-  peer.In().tail = kMost / 2;
+  peer.In().tail = kMaxPosition / 2;
   peer.end.transport->Disconnect(0);
   peer.Wake();
   EXPECT_TRUE(RunUntil(
@@ -199,7 +199,7 @@ TEST(ShmConnection, PeerThatDiesLeavingNonsenseIsANonsense) {
   RawPeer peer;
   peer.end.Open();
   peer.end.Set(keelbase::AW_OPT_STOP_READING, true);
-  peer.Out().head = kMost;
+  peer.Out().head = kMaxPosition;
   peer.socket.Close();
   EXPECT_TRUE(Await([&] { return peer.end.sink.ended; }));
   EXPECT_EQ(peer.end.sink.reason, EPROTO);
@@ -208,8 +208,8 @@ TEST(ShmConnection, PeerThatDiesLeavingNonsenseIsANonsense) {
 TEST(ShmConnection, ClaimedBytesThatNobodyWroteAreReadFromTheRing) {
   RawPeer peer;
   peer.end.Open();
-  peer.Out().head = kLeastShmRing;
-  EXPECT_TRUE(Await([&] { return peer.end.sink.received.size() == kLeastShmRing; }));
+  peer.Out().head = kMinShmRing;
+  EXPECT_TRUE(Await([&] { return peer.end.sink.received.size() == kMinShmRing; }));
   EXPECT_FALSE(peer.end.sink.ended);
 }
 
@@ -234,7 +234,7 @@ TEST(ShmConnection, PeerThatEmptiesThePagesOfItsMemoryDoesNoHarm) {
   peer.end.Send("x");
   RunReady();
   char* const begin = reinterpret_cast<char*>(&peer.Out());
-  EXPECT_EQ(::madvise(begin, 4096 + 2 * kLeastShmRing, MADV_REMOVE), 0);
+  EXPECT_EQ(::madvise(begin, 4096 + 2 * kMinShmRing, MADV_REMOVE), 0);
   peer.end.Send(Pattern(1000));
   for (int i = 0; i < 20; ++i) RunReady();
   EXPECT_EQ(peer.In().head, 1001U);
@@ -264,7 +264,7 @@ TEST(ShmConnection, PeerThatOnlyShutsItsSocketDownHasEnded) {
 TEST(ShmConnection, PeerThatWritesOnAfterItsEndIsReadForOneRingOnly) {
   RawPeer peer;
   RingWriter writer(peer.segment.ConnectorRing());
-  const std::string text = Pattern(kLeastShmRing);
+  const std::string text = Pattern(kMinShmRing);
   writer.Write(text.data(), text.size());
   writer.Publish();
   peer.end.Set(keelbase::AW_OPT_READ_SIZE, std::uint32_t{1000});
@@ -463,7 +463,7 @@ TEST(ShmConnection, WriterThatWaitsForRoomIsWokenEachTime) {
   RawPeer peer;
   peer.end.Open();
   RingReader reader(peer.segment.AcceptorRing());
-  std::string bytes(kLeastShmRing, '\0');
+  std::string bytes(kMinShmRing, '\0');
   for (int i = 0; i < 300; ++i) {
     peer.end.Fill();
     ASSERT_TRUE(RunUntil([&] { return peer.In().writerWaits != 0; })) << i;
@@ -506,11 +506,11 @@ TEST(ShmConnection, PeerThatHasStoppedCostsNoProcessorTime) {
     peer.end.Open();
     peer.end.Fill();
     EXPECT_LT(SecondsUsedWhileIdle(), 0.1) << "with a full ring";
-    peer.In().tail = kLeastShmRing / 2 - 1;  // not enough room yet
+    peer.In().tail = kMinShmRing / 2 - 1;  // not enough room yet
     peer.Wake();
     EXPECT_LT(SecondsUsedWhileIdle(), 0.1) << "with some room";
     peer.end.Set(keelbase::AW_OPT_STOP_READING, true);
-    peer.Out().head = kLeastShmRing;
+    peer.Out().head = kMinShmRing;
     peer.Wake();
     EXPECT_LT(SecondsUsedWhileIdle(), 0.1) << "with bytes that are not read";
   }
@@ -550,8 +550,8 @@ void Scribble(RawPeer& peer, std::mt19937_64& random) {
 // Each way one byte goes, from where the library's end is: only that end knows by now.
 void ExpectItWorks(RawPeer& peer) {
   const auto counters = peer.end.Counters();
-  const auto in = counters.bytesSent & (kLeastShmRing - 1);
-  const auto out = counters.bytesReceived & (kLeastShmRing - 1);
+  const auto in = counters.bytesSent & (kMinShmRing - 1);
+  const auto out = counters.bytesReceived & (kMinShmRing - 1);
   peer.In().tail = counters.bytesSent;
   peer.In().readerSleeps = 1;
   EXPECT_EQ(peer.end.Send("s"), AW_OK);

@@ -61,14 +61,14 @@ class Client {
 
 FileDescriptor GoodMemory(ShmSegment& segment) {
   FileDescriptor memory;
-  EXPECT_EQ(segment.Create(kLeastShmRing, memory), 0);
+  EXPECT_EQ(segment.Create(kMinShmRing, memory), 0);
   return memory;
 }
 
 bool IsServed(const ShmSystem& system) {
   Client client(system);
   ShmSegment segment;
-  return client.GreetWith(GoodMemory(segment), kLeastShmRing) == 0;
+  return client.GreetWith(GoodMemory(segment), kMinShmRing) == 0;
 }
 
 // --- starting and stopping ---
@@ -96,7 +96,7 @@ TEST(ShmIPCAcceptor, MisuseIsRefused) {
   EXPECT_EQ(server.acceptor->StartListen(nullptr, kShmServer), AW_ERROR_FAILURE);
   EXPECT_EQ(server.acceptor->StartListen(&server.sink, kShmClient), AW_ERROR_FAILURE);
   bool flag = true;
-  std::uint32_t size = kLeastShmRing;
+  std::uint32_t size = kMinShmRing;
   EXPECT_EQ(server.acceptor->SetOption(AW_OPT_ALLOW_ANY_USER, nullptr), AW_ERROR_FAILURE);
   EXPECT_EQ(server.acceptor->SetOption(AW_OPT_ALLOW_ANY_USER, &flag), AW_OK);
   EXPECT_EQ(server.acceptor->SetOption(AW_OPT_RING_SIZE, &size), AW_ERROR_FAILURE);
@@ -219,7 +219,7 @@ TEST(ShmIPCAcceptor, PeerThatGreetsBeforeItIsWelcomedIsServed) {
   ASSERT_EQ(client.Connect(system.GetEndpoint()), 0);
   ShmSegment segment;
   const FileDescriptor memory = GoodMemory(segment);
-  ASSERT_EQ(SendGreeting(client.Get(), kShmClient, kLeastShmRing, memory.Get()), 0);
+  ASSERT_EQ(SendGreeting(client.Get(), kShmClient, kMinShmRing, memory.Get()), 0);
   EXPECT_TRUE(Await([&] { return server.sink.count == 1; }));
   EXPECT_EQ(ReceiveWelcome(client.Get()), 0);
   EXPECT_EQ(ReceiveAnswer(client.Get()), 0);
@@ -239,7 +239,7 @@ TEST(ShmIPCAcceptor, SilentPeerIsDismissedAfterItsTime) {
   EXPECT_TRUE(silent.IsEnded());
   EXPECT_FALSE(late.IsEnded());
   ShmSegment segment;
-  EXPECT_EQ(late.GreetWith(GoodMemory(segment), kLeastShmRing), 0);
+  EXPECT_EQ(late.GreetWith(GoodMemory(segment), kMinShmRing), 0);
   clock.Advance(std::chrono::milliseconds(5000));
   EXPECT_FALSE(late.IsEnded());  // who has greeted may be silent
   EXPECT_EQ(server.sink.count, 1);
@@ -264,7 +264,7 @@ TEST(ShmIPCAcceptor, ForeignGreetingIsAnsweredWithTheReasonAndClosed) {
   const ShmSystem system;
   ShmServer server;
   const std::size_t before = OpenDescriptors();
-  const Greeting right{0x4d48535a, kLayoutVersion, 3, 4, 0, kLeastShmRing};
+  const Greeting right{0x4d48535a, kLayoutVersion, 3, 4, 0, kMinShmRing};
   const auto answer = [&](const Greeting& greeting, std::size_t length, std::size_t descriptors) {
     Client client(system);
     EXPECT_TRUE(SendWithDescriptors(client.Get(), &greeting, length,
@@ -292,15 +292,15 @@ TEST(ShmIPCAcceptor, MemoryThatIsNotAsAgreedIsRefused) {
   const ShmSystem system;
   ShmServer server;
   ShmSegment segment;
-  for (const std::uint32_t claimed : {0U, 1U, 4096U, 2 * kLeastShmRing, 0x80000000U, ~0U}) {
+  for (const std::uint32_t claimed : {0U, 1U, 4096U, 2 * kMinShmRing, 0x80000000U, ~0U}) {
     Client client(system);
     EXPECT_EQ(client.GreetWith(GoodMemory(segment), claimed), EPROTO) << claimed;
     EXPECT_TRUE(client.IsEnded());
   }
   Client unsealed(system);
   const FileDescriptor memory(::memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-  ASSERT_EQ(::ftruncate(memory.Get(), 4096 + 2 * kLeastShmRing), 0);
-  EXPECT_EQ(unsealed.GreetWith(memory, kLeastShmRing), EPROTO);
+  ASSERT_EQ(::ftruncate(memory.Get(), 4096 + 2 * kMinShmRing), 0);
+  EXPECT_EQ(unsealed.GreetWith(memory, kMinShmRing), EPROTO);
   EXPECT_EQ(server.sink.count, 0);
 }
 
@@ -310,7 +310,7 @@ TEST(ShmIPCAcceptor, PeerThatIsGoneWhenItIsAnsweredIsNoConnection) {
   ShmSegment segment;
   Client client(system);
   const FileDescriptor memory = GoodMemory(segment);
-  ASSERT_EQ(SendGreeting(client.Get(), kShmClient, kLeastShmRing, memory.Get()), 0);
+  ASSERT_EQ(SendGreeting(client.Get(), kShmClient, kMinShmRing, memory.Get()), 0);
   client.Close();
   Turn();
   EXPECT_EQ(server.sink.count, 0);
@@ -324,7 +324,7 @@ TEST(ShmIPCAcceptor, LackOfDescriptorsForTheMemoryRefusesThatOneOnly) {
   const FileDescriptor memory = GoodMemory(segment);
   {
     const DescriptorShortage shortage;
-    EXPECT_EQ(client.GreetWith(memory, kLeastShmRing), EMFILE);
+    EXPECT_EQ(client.GreetWith(memory, kMinShmRing), EMFILE);
   }
   EXPECT_TRUE(client.IsEnded());
   EXPECT_TRUE(IsServed(system));
@@ -338,7 +338,7 @@ TEST(ShmIPCAcceptor, StopDismissesThoseWhoHaveNotGreeted) {
     Client two(system);
     ShmSegment segment;
     const FileDescriptor memory = GoodMemory(segment);
-    ASSERT_EQ(SendGreeting(two.Get(), kShmClient, kLeastShmRing, memory.Get()), 0);
+    ASSERT_EQ(SendGreeting(two.Get(), kShmClient, kMinShmRing, memory.Get()), 0);
     if (letGo)
       server.acceptor = nullptr;
     else
@@ -369,7 +369,7 @@ TEST(ShmIPCAcceptor, MayBeStoppedLetGoOrMovedInsideItsIndicationWhileOthersWait)
     Client one(system);
     Client two(system);
     for (const Client* client : {&one, &two})
-      ASSERT_EQ(SendGreeting(client->Get(), kShmClient, kLeastShmRing, memory.Get()), 0);
+      ASSERT_EQ(SendGreeting(client->Get(), kShmClient, kMinShmRing, memory.Get()), 0);
     EXPECT_TRUE(Await([&] { return server.sink.count == 1; }));
     EXPECT_TRUE(silent.IsEnded());
     EXPECT_EQ(server.sink.count, 1);
@@ -384,7 +384,7 @@ TEST(ShmIPCAcceptor, ConnectionThatNobodyTookIsClosed) {
   server.sink.keep = false;
   Client client(system);
   ShmSegment segment;
-  EXPECT_EQ(client.GreetWith(GoodMemory(segment), kLeastShmRing), 0);
+  EXPECT_EQ(client.GreetWith(GoodMemory(segment), kMinShmRing), 0);
   EXPECT_TRUE(client.IsEnded());
   EXPECT_TRUE(RingReader(segment.AcceptorRing()).HasEnded());
 }
@@ -394,7 +394,7 @@ TEST(ShmIPCAcceptor, ManyComeAtOnce) {
   ShmServer server;
   std::vector<CAWAutoPtr<IAWShmIPCConnector>> connectors;
   ShmIndicationSink sink;
-  std::uint32_t size = kLeastShmRing;
+  std::uint32_t size = kMinShmRing;
   for (int i = 0; i < 50; ++i) {
     connectors.push_back(MakeShmConnector());
     connectors.back()->SetOption(AW_OPT_RING_SIZE, &size);

@@ -26,11 +26,11 @@ TEST(ShmIPCTransportSend, FullRingTakesPartAndTellsOfRoomOnce) {
   const std::string text = Pattern(100000);
   CAWMessageBlock block(text.data(), text.size(), CAWMessageBlock::borrow);
   EXPECT_EQ(p.client.transport->SendData(block, nullptr), AW_ERROR_PARTIAL_DATA);
-  EXPECT_EQ(block.GetLength(), text.size() - kLeastShmRing);
-  EXPECT_EQ(block.GetReadPtr(), text.data() + kLeastShmRing);
-  EXPECT_EQ(p.client.Counters().bytesSent, kLeastShmRing);
+  EXPECT_EQ(block.GetLength(), text.size() - kMinShmRing);
+  EXPECT_EQ(block.GetReadPtr(), text.data() + kMinShmRing);
+  EXPECT_EQ(p.client.Counters().bytesSent, kMinShmRing);
   EXPECT_EQ(p.client.transport->SendData(block, nullptr), AW_ERROR_PARTIAL_DATA);
-  EXPECT_EQ(block.GetLength(), text.size() - kLeastShmRing);  // nothing of it this time
+  EXPECT_EQ(block.GetLength(), text.size() - kMinShmRing);  // nothing of it this time
   Turn();
   EXPECT_EQ(p.client.sink.sends, 0);
   p.server.Open();
@@ -51,7 +51,7 @@ TEST(ShmIPCTransportSend, RoomIsToldWhenHalfTheRingIsFree) {
   p.client.sink.onSend = [&](IAWShmIPCTransport*) { freeAtRoom = p.server.sink.received.size(); };
   p.client.Fill();
   EXPECT_TRUE(Await([&] { return p.client.sink.sends == 1; }));
-  EXPECT_GE(freeAtRoom, kLeastShmRing / 2);
+  EXPECT_GE(freeAtRoom, kMinShmRing / 2);
 }
 
 // --- closing with bytes on their way ---
@@ -211,7 +211,7 @@ TEST(ShmIPCTransportSend, TwoThreadsExchangeWholeMessages) {
     ShmIndicationSink connected;
     task->Call([&] {
       connector = MakeShmConnector();
-      std::uint32_t size = kLeastShmRing;
+      std::uint32_t size = kMinShmRing;
       EXPECT_EQ(connector->SetOption(AW_OPT_RING_SIZE, &size), AW_OK);
       EXPECT_EQ(connector->AsyncConnect(&connected, kShmServer, 0, nullptr), AW_OK);
     });

@@ -20,7 +20,7 @@ namespace fshmipc {
 namespace {
 
 constexpr std::size_t kSize = 16;
-constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
+constexpr std::uint64_t kMaxNumber = std::numeric_limits<std::uint64_t>::max();
 
 // A ring and both of its ends.
 struct RingPair {
@@ -28,7 +28,7 @@ struct RingPair {
       : memory(size), writer(memory.Get()), reader(memory.Get()) {}
 
   std::size_t Write(const std::string& text) { return writer.Write(text.data(), text.size()); }
-  std::string Read(std::size_t most = kLargest) {
+  std::string Read(std::size_t most = kMaxNumber) {
     std::string text(std::min(most, reader.Available()), '\0');
     reader.Read(text.data(), text.size());
     return text;
@@ -122,8 +122,8 @@ TEST(ShmRing, EndIsSeenByTheReader) {
 // --- a lying reader ---
 
 TEST(ShmRing, ReaderThatClaimsTheImpossibleBreaksTheWriter) {
-  for (const std::uint64_t lie : {std::uint64_t{11}, std::uint64_t{10 + kSize}, kLargest - 6,
-                                  kLargest / 2, kLargest - kSize, std::uint64_t{1} << 32}) {
+  for (const std::uint64_t lie : {std::uint64_t{11}, std::uint64_t{10 + kSize}, kMaxNumber - 6,
+                                  kMaxNumber / 2, kMaxNumber - kSize, std::uint64_t{1} << 32}) {
     RingPair ring;
     ring.Write("0123456789");
     ring.writer.Publish();
@@ -150,7 +150,7 @@ TEST(ShmRing, WriterStaysBroken) {
   RingPair ring;
   ring.Write("0123456789abcdef");
   ring.writer.Publish();
-  ring.memory.Control().tail = kLargest;
+  ring.memory.Control().tail = kMaxNumber;
   EXPECT_EQ(ring.Write("x"), 0U);
   ring.memory.Control().tail = 0;
   ring.Write("x");
@@ -174,7 +174,7 @@ TEST(ShmRing, ReaderThatFallsBackWithinTheRingOnlyLosesRoom) {
 
 TEST(ShmRing, WriterThatClaimsTheImpossibleBreaksTheReader) {
   for (const std::uint64_t lie : {std::uint64_t{10 + kSize + 1}, std::uint64_t{9}, std::uint64_t{0},
-                                  kLargest, kLargest / 2, std::uint64_t{1} << 32}) {
+                                  kMaxNumber, kMaxNumber / 2, std::uint64_t{1} << 32}) {
     RingPair ring;
     ring.Write("0123456789");
     ring.writer.Publish();

@@ -22,7 +22,7 @@ namespace {
 TEST(Pool, MemoryIsAlignedAndAsLargeAsAsked) {
   std::vector<std::size_t> sizes(1200);
   std::iota(sizes.begin(), sizes.end(), 0);
-  for (std::size_t power = 2048; power <= 2 * kLargestPooled; power *= 2) {
+  for (std::size_t power = 2048; power <= 2 * kMaxPooled; power *= 2) {
     for (std::size_t size = power - 80; size <= power + 80; ++size) sizes.push_back(size);
   }
   std::vector<std::pair<void*, std::size_t>> taken;

@@ -67,9 +67,9 @@ TEST_F(PtcpFailingCalls, DatagramsAreLongOnlyWhenTheLoopbackDeviceIsKnownToTakeT
     }
     return size;
   };
-  EXPECT_EQ(sizeOfFirst(), kLargestInside);
+  EXPECT_EQ(sizeOfFirst(), kMaxDatagramInside);
   const FailingCalls unknown("ioctl", ENODEV);
-  EXPECT_LE(sizeOfFirst(), kLargestDatagram);
+  EXPECT_LE(sizeOfFirst(), kMaxDatagram);
 }
 
 // The ports are full at one turn's end, and then lose everything.

@@ -164,16 +164,16 @@ class PtcpHostileReceiver : public PtcpHostileClient {
 };
 
 TEST_F(PtcpHostileReceiver, HoleInItsAcknowledgementsDoesNotMakeUsKeepAllThatIsSent) {
-  constexpr std::size_t kMostKept = std::size_t{16} << 20;
+  constexpr std::size_t kMaxKept = std::size_t{16} << 20;
   hole = 65536;
   toOffer = 65536 * 512;
   const auto& server = *pair.server;
-  const auto isFull = [&] { return server.Unacknowledged() - server.Unsent() >= kMostKept; };
+  const auto isFull = [&] { return server.Unacknowledged() - server.Unsent() >= kMaxKept; };
   for (int rounds = 0; rounds < 30000 && !isFull(); ++rounds) Round();
   for (int rounds = 0; rounds < 1000; ++rounds) Round();
   ASSERT_FALSE(server.IsDead());
   EXPECT_GE(server.Unsent(), kQueue);
-  EXPECT_LE(server.Unacknowledged(), kMostKept + kQueue + 3 * 65536);
+  EXPECT_LE(server.Unacknowledged(), kMaxKept + kQueue + 3 * 65536);
   EXPECT_LT(offered, toOffer);
   leavesHole = false;
   for (int rounds = 0; rounds < 30000 && !server.IsAllAcknowledged(); ++rounds) Round();

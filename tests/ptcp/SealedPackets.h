@@ -40,8 +40,8 @@ enum class LongType : std::uint8_t { initial = 0xC3, handshake = 0xE3 };
 
 inline Datagram SealLong(LongType type, const ConnectionId& to, const ConnectionId& from,
                          std::uint32_t number, Datagram payload, const PacketKey& key) {
-  constexpr std::size_t kAtLeast = 1200;
-  if (type == LongType::initial && payload.size() < kAtLeast) payload.resize(kAtLeast);
+  constexpr std::size_t kMinInitial = 1200;
+  if (type == LongType::initial && payload.size() < kMinInitial) payload.resize(kMinInitial);
   Datagram header = {static_cast<std::uint8_t>(type), 0, 0, 0, 1};
   header.push_back(static_cast<std::uint8_t>(to.size));
   Append(header, to.View());

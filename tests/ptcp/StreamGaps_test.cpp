@@ -36,7 +36,7 @@ class StreamGapsTest : public ::testing::Test {
     for (std::uint32_t i = 0; i < count; ++i) ASSERT_TRUE(Accept(Stretch(2 * i + 1, 1))) << i;
   }
   bool Accept(const Frames& frames) { return gaps.Accept(1, frames); }
-  static constexpr auto kMost = static_cast<std::uint32_t>(StreamGaps::kMost);
+  static constexpr auto kMaxGaps = static_cast<std::uint32_t>(StreamGaps::kMaxGaps);
   StreamGaps gaps;
 };
 
@@ -71,32 +71,32 @@ TEST_F(StreamGapsTest, AStretchThatFillsGapsClosesThem) {
 }
 
 TEST_F(StreamGapsTest, OneTooManyIsNotLetThroughUntilThereIsRoomAgain) {
-  MakeGaps(kMost);
-  const Frames more = Stretch(2 * kMost + 1, 1);
+  MakeGaps(kMaxGaps);
+  const Frames more = Stretch(2 * kMaxGaps + 1, 1);
   EXPECT_FALSE(Accept(more));
   EXPECT_FALSE(Accept(more));
-  EXPECT_EQ(gaps.Count(), StreamGaps::kMost);
+  EXPECT_EQ(gaps.Count(), StreamGaps::kMaxGaps);
   EXPECT_TRUE(Accept(Stretch(0, 1)));
   EXPECT_TRUE(Accept(more));
 }
 
 TEST_F(StreamGapsTest, WhatLeavesNoGapIsAlwaysLetThrough) {
-  MakeGaps(kMost);
+  MakeGaps(kMaxGaps);
   EXPECT_TRUE(Accept(Stretch(1, 1)));
-  EXPECT_TRUE(Accept(Stretch(2 * kMost, 1)));  // behind the last
+  EXPECT_TRUE(Accept(Stretch(2 * kMaxGaps, 1)));  // behind the last
   EXPECT_TRUE(Accept(Stretch(0, 1)));
 }
 
 TEST_F(StreamGapsTest, APacketIsNotedWholeOrNotAtAll) {
-  MakeGaps(kMost - 1);
+  MakeGaps(kMaxGaps - 1);
   Frames two = Stretch(0, 1);
   AppendStretch(two, 10000, 1);
   AppendStretch(two, 20000, 1);
   EXPECT_FALSE(Accept(two));
-  EXPECT_EQ(gaps.Count(), StreamGaps::kMost - 1);
+  EXPECT_EQ(gaps.Count(), StreamGaps::kMaxGaps - 1);
   EXPECT_TRUE(Accept(Stretch(0, 1)));
   EXPECT_TRUE(Accept(two));
-  EXPECT_EQ(gaps.Count(), StreamGaps::kMost);
+  EXPECT_EQ(gaps.Count(), StreamGaps::kMaxGaps);
 }
 
 TEST_F(StreamGapsTest, StretchesAreFoundAmongAllOtherFrames) {
@@ -117,8 +117,8 @@ TEST_F(StreamGapsTest, APacketThatComesTooLateIsNotLetThrough) {
 }
 
 TEST_F(StreamGapsTest, APacketThatIsNotLetThroughMakesNoOtherTooLate) {
-  MakeGaps(kMost);
-  EXPECT_FALSE(gaps.Accept(10 * StreamGaps::kLatest, Stretch(10 * kMost, 1)));
+  MakeGaps(kMaxGaps);
+  EXPECT_FALSE(gaps.Accept(10 * StreamGaps::kLatest, Stretch(10 * kMaxGaps, 1)));
   EXPECT_TRUE(Accept(Stretch(0, 1)));
 }
 

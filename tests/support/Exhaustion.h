@@ -43,13 +43,13 @@ class EmptyBuffers {
  public:
   explicit EmptyBuffers(keelbase::internal::EventLoop& loop)
       : readBlock_(loop.Buffers().TakeReadBlock().DuplicateChained()) {
-    gathers_.reserve(kMost);
-    for (std::size_t fresh = 0; fresh == 0 && gathers_.size() < kMost;)
+    gathers_.reserve(kMaxGathers);
+    for (std::size_t fresh = 0; fresh == 0 && gathers_.size() < kMaxGathers;)
       fresh = AllocationsOf([&] { gathers_.push_back(loop.Buffers().TakeGather()); });
   }
 
  private:
-  static constexpr std::size_t kMost = 64;
+  static constexpr std::size_t kMaxGathers = 64;
   using Gather = keelbase::internal::BufferPool::GatherBuffer;
 
   const std::unique_ptr<keelbase::CAWMessageBlock> readBlock_;  // who shares it keeps it in use

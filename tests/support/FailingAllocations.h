@@ -46,7 +46,7 @@ class EachAllocation {
 
   bool Next() {
     number_ += number_ == 0 ? 1 : stride_;
-    return hasFailed_ && number_ <= kMost;
+    return hasFailed_ && number_ <= kMaxNumber;
   }
 
   template <class Work>
@@ -60,7 +60,7 @@ class EachAllocation {
   std::size_t GetNumber() const { return number_; }  // of the one that fails
 
  private:
-  static constexpr std::size_t kMost = 5000;
+  static constexpr std::size_t kMaxNumber = 5000;
 
   const bool andAllLater_;
   const std::size_t stride_;

@@ -82,12 +82,12 @@ class ShmServer {
 
 using ShmEnd = TransportEnd<ShmTransportSink>;
 
-inline constexpr std::uint32_t kLeastShmRing = 64 * 1024;
+inline constexpr std::uint32_t kMinShmRing = 64 * 1024;
 
 // Both ends of a connection, not opened yet.
 class ShmPair {
  public:
-  explicit ShmPair(std::uint32_t ringSize = kLeastShmRing) {
+  explicit ShmPair(std::uint32_t ringSize = kMinShmRing) {
     const auto connector = MakeShmConnector();
     ShmIndicationSink connected;
     EXPECT_EQ(connector->SetOption(fshmipc::AW_OPT_RING_SIZE, &ringSize), AW_OK);

@@ -72,10 +72,10 @@ TEST(ParseMetrics, ReadsWhatTheLibraryWrites) {
 
 TEST(ParseMetrics, TellsWhatWasLeftOut) {
   utils::CZARNMetrics many;
-  many.streams.resize(utils::kMostStreamsShown + 3);
+  many.streams.resize(utils::kMaxStreamsShown + 3);
   ProcessMetrics process;
   ASSERT_EQ(ParseMetrics(utils::ToJson(many), process), "");
-  EXPECT_EQ(process.metrics.streams.size(), utils::kMostStreamsShown);
+  EXPECT_EQ(process.metrics.streams.size(), utils::kMaxStreamsShown);
   EXPECT_EQ(process.omitted, 3U);
 }
 

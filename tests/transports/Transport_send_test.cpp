@@ -218,8 +218,8 @@ TYPED_TEST(TransportSend, NothingIsLostOrReorderedWhateverTheSizes) {
     std::string got;
     EXPECT_TRUE(Await([&] {
       for (auto i = random() % 30; room && i > 0 && at < all.size(); --i) {
-        static constexpr std::size_t kLargest[] = {10, 300, 4096, 5000, 20000, 70000, 400000};
-        const std::size_t size = std::min(all.size() - at, 1 + random() % kLargest[random() % 7]);
+        static constexpr std::size_t kMaxSizes[] = {10, 300, 4096, 5000, 20000, 70000, 400000};
+        const std::size_t size = std::min(all.size() - at, 1 + random() % kMaxSizes[random() % 7]);
         CAWMessageBlock head(all.data() + at, size / 3, CAWMessageBlock::borrow);
         CAWMessageBlock tail(all.data() + at + size / 3, size - size / 3, CAWMessageBlock::borrow);
         const CAWMessageBlock::LinkForCall link(head, tail);

@@ -31,7 +31,7 @@ struct OverShm : EndWithPeer<ShmTransportSink, ShmPeer> {
 
   OverShm() : EndWithPeer{{}, ShmPeer(kRingSize, !kAccepted)} { transport = peer.TakeOtherEnd(); }
 };
-struct OverShmConnected : OverShm<kLeastShmRing, false> {
+struct OverShmConnected : OverShm<kMinShmRing, false> {
   static constexpr const char* kName = "ShmIpcConnected";
 };
 struct OverShmAccepted : OverShm<256 * 1024, true> {

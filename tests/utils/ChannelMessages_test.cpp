@@ -121,9 +121,9 @@ TYPED_TEST(ChannelMessages, PayloadOf65524BytesAnswers10001AndSendsNothing) {
 }
 
 TYPED_TEST(ChannelMessages, LengthNearTheEndOfItsTypeIsRefusedWithoutWrapping) {
-  constexpr std::size_t kLargest = std::numeric_limits<std::size_t>::max();
+  constexpr std::size_t kMaxLength = std::numeric_limits<std::size_t>::max();
   char byte = 'x';
-  for (const std::size_t length : {kLargest, kLargest - 11, kLargest - 12, kLargest / 2,
+  for (const std::size_t length : {kMaxLength, kMaxLength - 11, kMaxLength - 12, kMaxLength / 2,
                                    std::size_t{1} << 32, (std::size_t{1} << 32) - 12}) {
     EXPECT_EQ(this->Channel().SendZARNMessage(1, 2, &byte, length), AW_ERROR_FAILURE) << length;
   }

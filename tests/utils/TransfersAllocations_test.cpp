@@ -24,7 +24,7 @@ using keelbase::AW_ERROR_PARTIAL_DATA;
 // Each byte tells its place, so that one that is lost on the way is noticed.
 class Numbered {
  public:
-  static constexpr std::size_t kLongest = 65536;  // of what is read at one place
+  static constexpr std::size_t kMaxPiece = 65536;  // of what is read at one place
 
   const char* At(std::size_t place) const { return bytes_.data() + place % kPeriod; }
   bool AreHere(const CAWMessageBlock& data, std::size_t place) const {
@@ -39,7 +39,7 @@ class Numbered {
   static constexpr std::size_t kPeriod = 65521;
 
   const std::string bytes_ = [] {
-    std::string bytes(kPeriod + kLongest, '\0');
+    std::string bytes(kPeriod + kMaxPiece, '\0');
     std::uint32_t state = 1;
     for (std::size_t i = 0; i < bytes.size(); ++i) {
       state = state * 1664525 + 1013904223;

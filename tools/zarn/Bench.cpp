@@ -16,8 +16,8 @@ namespace zarn::tool {
 
 namespace {
 
-constexpr std::size_t kMostInFlight = std::size_t{4} << 20;  // bytes, whatever the window is
-constexpr double kWatchInterval = 0.1;                       // seconds
+constexpr std::size_t kMaxInFlight = std::size_t{4} << 20;  // bytes, whatever the window is
+constexpr double kWatchInterval = 0.1;                      // seconds
 
 struct BenchOptions {
   ClientOptions client;
@@ -132,7 +132,7 @@ void Bench::EndMeasurement() {
   const double rate = static_cast<double>(answers_) / seconds;
   if (!IsPipelined()) {
     row.roundTripsPerSecond = rate;
-    const std::size_t fitting = kMostInFlight / std::max<std::size_t>(row.size, 1);
+    const std::size_t fitting = kMaxInFlight / std::max<std::size_t>(row.size, 1);
     row.window = std::min(options_.window, static_cast<std::uint32_t>(fitting));
     return StartMeasurement(row.window);
   }

@@ -28,10 +28,10 @@ std::size_t PrintableLength(std::string_view bytes) {
     if ((at(i) & 0xc0U) != 0x80) return 0;
     code = code << 6 | (at(i) & 0x3fU);
   }
-  constexpr unsigned kLeast[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control codes
+  constexpr unsigned kMinCodes[] = {0, 0, 0xa0, 0x800, 0x10000};  // 0x80 to 0x9f are control codes
   const bool surrogate = code >= 0xd800 && code <= 0xdfff;
   const bool lineEnd = code == 0x2028 || code == 0x2029;
-  if (code < kLeast[length] || code > 0x10ffff || surrogate || lineEnd) return 0;
+  if (code < kMinCodes[length] || code > 0x10ffff || surrogate || lineEnd) return 0;
   return ChangesDirection(code) ? 0 : length;
 }
 

@@ -15,7 +15,7 @@
 namespace zarn::tool {
 
 namespace {
-constexpr std::size_t kMostHeld = std::size_t{1} << 20;
+constexpr std::size_t kMaxHeld = std::size_t{1} << 20;
 }  // namespace
 
 LineReader::LineReader(std::size_t longest, std::function<void()> notify)
@@ -111,7 +111,7 @@ void LineReader::EndLine() {
   bool first = false;
   {
     std::unique_lock lock(mutex_);
-    room_.wait(lock, [this] { return stopped_ || held_ < kMostHeld; });
+    room_.wait(lock, [this] { return stopped_ || held_ < kMaxHeld; });
     if (stopped_) return;
     held_ += sizeof(Line) + line.text.size();
     lines_.push_back(std::move(line));

@@ -16,8 +16,8 @@ namespace zarn::tool {
 namespace {
 
 constexpr std::size_t kPieceSize = 256 * 1024;
-constexpr std::size_t kLongestLine = 16 * 1024 * 1024;  // a longer one comes in pieces
-constexpr std::size_t kStartSize = 64;                  // enough for the time of the first line
+constexpr std::size_t kMaxLine = 16 * 1024 * 1024;  // a longer one comes in pieces
+constexpr std::size_t kStartSize = 64;              // enough for the time of the first line
 
 // Read, it would never end.
 bool IsOutput(const struct stat& file) {
@@ -150,7 +150,7 @@ bool LogFile::Fill() {
     end_ -= begin_;
     begin_ = complete_ = headAt_ = 0;
   }
-  if (end_ >= kLongestLine) {
+  if (end_ >= kMaxLine) {
     complete_ = end_;
     return true;
   }

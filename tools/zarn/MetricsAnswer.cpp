@@ -16,7 +16,7 @@ namespace zarn::tool {
 namespace {
 
 // Far more than any stream needs: its names are the paths of sockets at most.
-constexpr std::size_t kLongestMetricsLine = 16384;
+constexpr std::size_t kMaxMetricsLine = 16384;
 
 Json::CharReaderBuilder MakeMetricsReader() {
   Json::CharReaderBuilder builder;
@@ -35,7 +35,7 @@ Json::Value TakeObject(std::string_view& text) {
   static const Json::CharReaderBuilder builder = MakeMetricsReader();
   const std::size_t end = text.find('\n');
   if (end == std::string_view::npos) throw WrongMetrics("it ends in the middle");
-  if (end > kLongestMetricsLine) throw WrongMetrics("a line is too long");
+  if (end > kMaxMetricsLine) throw WrongMetrics("a line is too long");
   const std::string_view line = text.substr(0, end);
   text.remove_prefix(end + 1);
   Json::Value object;
@@ -84,7 +84,7 @@ std::string ParseMetrics(std::string_view text, ProcessMetrics& process) try {
   process.omitted = GetCount(head, "omitted");
   process.metrics.isComplete = GetMember(head, "complete", &Json::Value::isBool).asBool();
   const std::uint64_t streams = GetCount(head, "streams");
-  if (streams > utils::kMostStreamsShown) return "it has too many streams";
+  if (streams > utils::kMaxStreamsShown) return "it has too many streams";
   process.metrics.streams.clear();
   for (std::uint64_t i = 0; i < streams; ++i)
     process.metrics.streams.push_back(ReadStream(TakeObject(text)));

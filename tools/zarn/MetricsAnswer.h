@@ -12,7 +12,7 @@
 
 namespace zarn::tool {
 
-inline constexpr std::size_t kLongestAnswer = std::size_t{32} << 20;  // bytes
+inline constexpr std::size_t kMaxAnswer = std::size_t{32} << 20;  // bytes
 
 struct ProcessMetrics {
   pid_t process = 0;          // whom we asked, whatever he says

@@ -54,7 +54,7 @@ std::string ReadMetrics(int fd, MetricsClock::time_point deadline, std::string& 
     const ssize_t count = ::recv(fd, part, sizeof part, MSG_DONTWAIT);
     if (count == 0) return {};
     if (count > 0) answer.append(part, static_cast<std::size_t>(count));
-    if (answer.size() > kLongestAnswer) return "its answer is too long";
+    if (answer.size() > kMaxAnswer) return "its answer is too long";
     if (count < 0 && errno != EAGAIN && errno != EINTR) return std::strerror(errno);
     if (count < 0 && !WaitForMetrics(fd, deadline)) return "it does not answer";
     if (MetricsClock::now() >= deadline) return "it does not answer";

@@ -13,8 +13,8 @@ namespace zarn::tool {
 
 namespace {
 
-constexpr std::size_t kMostOutstanding = 65536;  // the oldest counts as lost beyond that
-constexpr double kAwayInterval = 1;              // seconds between two tries while the peer is away
+constexpr std::size_t kMaxOutstanding = 65536;  // the oldest counts as lost beyond that
+constexpr double kAwayInterval = 1;             // seconds between two tries while the peer is away
 
 struct PingOptions {
   ClientOptions client;
@@ -120,7 +120,7 @@ void Ping::Next() {
 
 void Ping::SendProbe() {
   if (AllSent()) return next_.Cancel();
-  if (probes_.size() == kMostOutstanding) Lose(0);
+  if (probes_.size() == kMaxOutstanding) Lose(0);
   const auto sequence = static_cast<std::uint32_t>(first_ + probes_.size());
   probes_.push_back({Clock::now(), false});
   ++sent_;

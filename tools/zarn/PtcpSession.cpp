@@ -94,10 +94,10 @@ void PtcpSession::OnSend(IAWPseudoTCPTransport* /*transport*/,
 // The longest frame has as many bytes as one answer can tell, so what is offered ends there. A
 // handler that closes the session is answered as those of other sessions are.
 std::uint16_t PtcpSession::TakeFrames(const CAWMessageBlock& data) {
-  constexpr std::size_t kMost = 65535;
+  constexpr std::size_t kMaxLength = 65535;
   const std::string joined = data.GetNext() == nullptr ? std::string() : data.FlattenChained();
   const char* const bytes = data.GetNext() == nullptr ? data.GetReadPtr() : joined.data();
-  const std::size_t length = std::min(data.GetChainedLength(), kMost);
+  const std::size_t length = std::min(data.GetChainedLength(), kMaxLength);
   const std::uint64_t generation = generation_;
   std::size_t done = 0;
   while (done < length) {

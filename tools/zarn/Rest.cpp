@@ -30,7 +30,7 @@ constexpr const char* kUrlMark = "/zarn/tcpchannel";
 constexpr std::string_view kPlainHttp = "http://";
 constexpr const char* kPasswordVariable = "ZARN_REST_PASSWORD";
 constexpr double kForEver = 1e6;
-constexpr long kLeastErrorStatus = 400;
+constexpr long kMinErrorStatus = 400;
 
 struct RestOptions {
   std::string url;
@@ -140,7 +140,7 @@ void Rest::Answered(const std::string& body, long result) {
   const bool text = IsUtf8(body);
   object[text ? "body" : "body_hex"] = text ? body : ToHex(body);
   output_.Object(object);
-  loop_.Finish(result < kLeastErrorStatus ? kDone : kFailed);
+  loop_.Finish(result < kMinErrorStatus ? kDone : kFailed);
 }
 
 // As it is, but for a terminal, which would take control bytes for commands.

@@ -13,9 +13,9 @@ namespace zarn::tool {
 
 namespace {
 
-constexpr std::size_t kLongest = 65523;                    // payload of one message
-constexpr std::size_t kMostQueued = std::size_t{1} << 20;  // of what the peer has not taken yet
-constexpr double kDrainPause = 0.002;                      // seconds between looks at the queue
+constexpr std::size_t kMaxPayload = 65523;                // payload of one message
+constexpr std::size_t kMaxQueued = std::size_t{1} << 20;  // of what the peer has not taken yet
+constexpr double kDrainPause = 0.002;                     // seconds between looks at the queue
 
 struct SendOptions {
   ClientOptions client;
@@ -72,18 +72,18 @@ void Send::Begin() {
     if (SendOne(*message_)) AllSent();
     return;
   }
-  reader_ =
-      std::make_unique<LineReader>(kLongest, [this] { GetLoop().Post([this] { SendLines(); }); });
+  reader_ = std::make_unique<LineReader>(kMaxPayload,
+                                         [this] { GetLoop().Post([this] { SendLines(); }); });
 }
 
 // Stops while much is queued; the link says when there is room again.
 void Send::SendLines() {
   if (reader_ == nullptr || allSent_) return;
-  while (IsUp() && GetLink().GetQueueLength() < kMostQueued) {
+  while (IsUp() && GetLink().GetQueueLength() < kMaxQueued) {
     const std::optional<Line> line = reader_->Take();
     if (!line) break;
     if (line->tooLong) {
-      Complain("line {} is longer than {} bytes and was not sent", line->number, kLongest);
+      Complain("line {} is longer than {} bytes and was not sent", line->number, kMaxPayload);
       ++skipped_;
     } else if (!SendOne(line->text)) {
       return;
@@ -177,13 +177,13 @@ int RunSend(const SendOptions& options, bool hasData, bool hasFile) {
   std::optional<std::string> message;
   if (hasData) message = options.data;
   if (hasFile) {
-    message = ReadBytes(options.file, kLongest + 1);
+    message = ReadBytes(options.file, kMaxPayload + 1);
     if (!message) return kFailed;
   }
-  if (message && message->size() > kLongest) {
+  if (message && message->size() > kMaxPayload) {
     const std::string size = hasFile ? "more" : fmt::format("{}", message->size());
     Complain("{} has {} bytes; a message holds {} at most",
-             hasFile ? "'" + Escape(options.file) + "'" : "the data", size, kLongest);
+             hasFile ? "'" + Escape(options.file) + "'" : "the data", size, kMaxPayload);
     return kFailed;
   }
   return Send(options, std::move(message)).Run();

@@ -163,8 +163,8 @@ bool IsUtf8(std::string_view bytes) {
       if ((byteAt(at) & 0xc0U) != 0x80) return false;
       code = code << 6 | (byteAt(at) & 0x3fU);
     }
-    constexpr unsigned kLeastOf[] = {0, 0x80, 0x800, 0x10000};
-    if (code < kLeastOf[more] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff))
+    constexpr unsigned kMinCodes[] = {0, 0x80, 0x800, 0x10000};
+    if (code < kMinCodes[more] || code > 0x10ffff || (code >= 0xd800 && code <= 0xdfff))
       return false;
   }
   return true;

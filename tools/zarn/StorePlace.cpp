@@ -22,9 +22,9 @@ bool IsOfStore(const std::filesystem::path& store, const std::filesystem::path& 
 }  // namespace
 
 std::string FollowLinks(std::filesystem::path path) {
-  constexpr int kMostLinks = 40;  // as many as the kernel follows
+  constexpr int kMaxLinks = 40;  // as many as the kernel follows
   std::error_code error;
-  for (int links = 0; links < kMostLinks && std::filesystem::is_symlink(path, error); ++links)
+  for (int links = 0; links < kMaxLinks && std::filesystem::is_symlink(path, error); ++links)
     path = path.parent_path() / std::filesystem::read_symlink(path, error);
   return path.string();
 }

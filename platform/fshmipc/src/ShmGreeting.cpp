@@ -19,8 +19,8 @@ using keelbase::internal::Uninterrupted;
 namespace {
 
 constexpr std::uint32_t kMagic = 0x4d48535a;  // "ZSHM"
-constexpr int kMostErrno = 4095;
-constexpr std::size_t kMostDescriptors = 8;  // what is beyond is closed by the system
+constexpr int kMaxErrno = 4095;
+constexpr std::size_t kMaxDescriptors = 8;  // what is beyond is closed by the system
 
 template <class Message>
 bool IsOurs(const Message& message, ssize_t length) {
@@ -112,7 +112,7 @@ int SendGreeting(int socket, const CAWShmIPCAddr& local, std::uint32_t ringSize,
 int ReceiveGreeting(int socket, Greeting& greeting, FileDescriptor& memory) {
   greeting = {};
   iovec piece{&greeting, sizeof greeting};
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(kMostDescriptors * sizeof(int))> control{};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(kMaxDescriptors * sizeof(int))> control{};
   msghdr header{};
   header.msg_iov = &piece;
   header.msg_iovlen = 1;
@@ -139,7 +139,7 @@ int SendAnswer(int socket, int result) {
 int ReceiveAnswer(int socket) {
   GreetingAnswer answer;
   if (const int error = ReceivePlain(socket, answer); error != 0) return error;
-  if (answer.result > kMostErrno) return EPROTO;
+  if (answer.result > kMaxErrno) return EPROTO;
   // To our caller EAGAIN says that nothing has come; an acceptor means memory that it cannot lock.
   return answer.result == EAGAIN ? ENOMEM : static_cast<int>(answer.result);
 }

@@ -21,8 +21,8 @@ namespace {
 constexpr std::size_t kControlSize = 4096;
 static_assert(2 * sizeof(RingControl) <= kControlSize);
 
-constexpr std::uint32_t kLeastRing = 64 * 1024;
-constexpr std::uint32_t kMostRing = 256 * 1024 * 1024;
+constexpr std::uint32_t kMinRing = 64 * 1024;
+constexpr std::uint32_t kMaxRing = 256 * 1024 * 1024;
 
 // Neither smaller, so that the mapping stays whole, nor larger, nor otherwise.
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL;
@@ -47,7 +47,7 @@ bool IsSealedMemory(int file, std::size_t size) {
 }  // namespace
 
 bool IsRingSize(std::uint32_t size) {
-  return size >= kLeastRing && size <= kMostRing && std::has_single_bit(size);
+  return size >= kMinRing && size <= kMaxRing && std::has_single_bit(size);
 }
 
 ShmSegment::ShmSegment(ShmSegment&& other) noexcept

@@ -27,8 +27,8 @@ struct BlockBytes {
   char* End() { return Begin() + size; }
 
   static BlockBytes* Make(std::size_t size, std::size_t headroom) {
-    constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() - sizeof(BlockBytes);
-    if (headroom > kMost || size > kMost - headroom) throw std::bad_alloc();
+    constexpr std::size_t kMaxSize = std::numeric_limits<std::size_t>::max() - sizeof(BlockBytes);
+    if (headroom > kMaxSize || size > kMaxSize - headroom) throw std::bad_alloc();
     return new (PoolAllocate(sizeof(BlockBytes) + headroom + size)) BlockBytes(size, headroom);
   }
 

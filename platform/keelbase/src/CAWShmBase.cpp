@@ -32,11 +32,11 @@ ShmHeader& AsHeader(void* mapping) { return *static_cast<ShmHeader*>(mapping); }
 }  // namespace
 
 AWResult CAWShmBase::Create(const CAWString& path, std::size_t size, int flags) {
-  constexpr std::size_t kLargest =
+  constexpr std::size_t kMaxSize =
       static_cast<std::size_t>(std::numeric_limits<std::int64_t>::max()) - kShmHeaderSize;
   const char* misuse = nullptr;
   if (header_ != nullptr) misuse = "attached already";
-  if (size == 0 || size > kLargest) misuse = "not a possible size";
+  if (size == 0 || size > kMaxSize) misuse = "not a possible size";
   if (flags != 0) misuse = "unknown flags";
   if (misuse != nullptr) {
     Complain(misuse, path);

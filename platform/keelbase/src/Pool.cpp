@@ -31,8 +31,8 @@ constexpr bool kPooled = true;
 // Small classes are 64 bytes apart; large ones are powers of two from 1 KiB on, with room for a
 // header.
 constexpr std::size_t kStep = 64;
-constexpr std::size_t kLargestSmall = 512;  // bytes
-constexpr std::size_t kSmallClasses = kLargestSmall / kStep;
+constexpr std::size_t kMaxSmall = 512;  // bytes
+constexpr std::size_t kSmallClasses = kMaxSmall / kStep;
 constexpr std::size_t kLargeClasses = 8;
 constexpr std::size_t kClasses = kSmallClasses + kLargeClasses;
 
@@ -40,23 +40,23 @@ constexpr std::size_t SizeOf(std::size_t index) {
   if (index < kSmallClasses) return (index + 1) * kStep;
   return (std::size_t{1024} << (index - kSmallClasses)) + kStep;
 }
-static_assert(SizeOf(kClasses - 1) == kLargestPooled);
+static_assert(SizeOf(kClasses - 1) == kMaxPooled);
 
 constexpr std::size_t ClassOf(std::size_t size) {
-  if (size <= kLargestSmall) return size == 0 ? 0 : (size - 1) / kStep;
+  if (size <= kMaxSmall) return size == 0 ? 0 : (size - 1) / kStep;
   const std::size_t body = size <= kStep + 1024 ? 1024 : size - kStep;
   return kSmallClasses + static_cast<std::size_t>(std::bit_width((body - 1) / 1024));
 }
-static_assert(ClassOf(kLargestSmall + 1) == kSmallClasses && ClassOf(SizeOf(9)) == 9 &&
-              ClassOf(SizeOf(9) + 1) == 10 && ClassOf(kLargestPooled) == kClasses - 1);
+static_assert(ClassOf(kMaxSmall + 1) == kSmallClasses && ClassOf(SizeOf(9)) == 9 &&
+              ClassOf(SizeOf(9) + 1) == 10 && ClassOf(kMaxPooled) == kClasses - 1);
 
 // So much free memory of a class moves from thread to thread at once.
 constexpr std::size_t BatchOf(std::size_t index) { return index < kSmallClasses ? 128 : 2; }
-constexpr std::size_t kLargestBatch = BatchOf(0);
+constexpr std::size_t kMaxBatch = BatchOf(0);
 
 // What waits to be taken over by another thread, in bytes of each small class. Large memory stays
 // with its thread.
-constexpr std::size_t kMostExchanged = 2 * 1024 * 1024;
+constexpr std::size_t kMaxExchanged = 2 * 1024 * 1024;
 constexpr bool IsExchanged(std::size_t index) { return index < kSmallClasses; }
 
 // Another thread may have written what is handed out: it is fetched so many pieces ahead.
@@ -79,7 +79,7 @@ void DeletePiece(void* piece) noexcept { ::operator delete (piece, std::align_va
 struct Batch {
   Batch* next = nullptr;
   std::size_t count = 0;
-  std::array<void*, kLargestBatch> pieces;
+  std::array<void*, kMaxBatch> pieces;
 
   void DeletePieces() {
     while (count != 0) DeletePiece(pieces[--count]);
@@ -93,7 +93,7 @@ class Exchange {
   Batch* EmptyForFull(std::size_t index, Batch* full) {
     Shelf& shelf = shelves_[index];
     const MutexLock lock(shelf.mutex);
-    if ((shelf.fullCount + 1) * BatchOf(index) * SizeOf(index) > kMostExchanged) return nullptr;
+    if ((shelf.fullCount + 1) * BatchOf(index) * SizeOf(index) > kMaxExchanged) return nullptr;
     Batch* empty = Pop(shelf.empty);
     if (empty == nullptr) empty = new (std::nothrow) Batch;
     if (empty == nullptr) return nullptr;
@@ -167,7 +167,7 @@ void WatchThreadEnd() {
   freeLists.watched = true;
 }
 
-constexpr bool IsPooled(std::size_t size) { return kPooled && size <= kLargestPooled; }
+constexpr bool IsPooled(std::size_t size) { return kPooled && size <= kMaxPooled; }
 
 bool Prepare(FreeLists::Pair& pair) {
   if (pair.active != nullptr) return true;

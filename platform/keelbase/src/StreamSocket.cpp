@@ -26,10 +26,10 @@ constexpr std::size_t kDirectSize = 32 * 1024;
 constexpr std::size_t kMaxPieces = 64;  // of one sendmsg
 
 // More than most have on their way to us when we tell our end; a flood must not cost more.
-constexpr std::size_t kMostDropped = std::size_t{16} << 20;
+constexpr std::size_t kMaxDropped = std::size_t{16} << 20;
 
 // So much is read behind the end of a connection whatever the system says to be there.
-constexpr std::size_t kLeastRest = std::size_t{16} << 20;
+constexpr std::size_t kMinRest = std::size_t{16} << 20;
 
 class Pieces {
  public:
@@ -155,7 +155,7 @@ void StreamSocket::ReadRest() {
   int waiting = 0;
   ::ioctl(descriptor_.Get(), FIONREAD, &waiting);
   const std::uint64_t most =
-      counters_.bytesReceived + std::max(static_cast<std::size_t>(waiting), kLeastRest);
+      counters_.bytesReceived + std::max(static_cast<std::size_t>(waiting), kMinRest);
   while (state_ == State::open && counters_.bytesReceived < most && ReadOnce()) {
   }
   End(writeError_);
@@ -355,7 +355,7 @@ bool StreamSocket::DropInput() {
   const ssize_t count = ::recv(descriptor_.Get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
   if (count < 0) return IsWouldBlock(errno) || errno == EINTR;
   dropped_ += static_cast<std::size_t>(count);
-  return count != 0 && dropped_ <= kMostDropped;
+  return count != 0 && dropped_ <= kMaxDropped;
 }
 
 void StreamSocket::WriteLingerData() {

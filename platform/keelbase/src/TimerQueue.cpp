@@ -17,7 +17,7 @@ void Timer::Start(std::chrono::microseconds interval, std::uint32_t count,
                   Function function) noexcept {
   if (loop_.IsLeftToParent()) return;
   Cancel();
-  interval_ = std::clamp(interval, std::chrono::microseconds(count == 1 ? 0 : 1), Clock::kLongest);
+  interval_ = std::clamp(interval, std::chrono::microseconds(count == 1 ? 0 : 1), Clock::kMaxWait);
   left_ = count;
   function_ = std::move(function);
   loop_.Timers().Add(*this, Clock::Now() + interval_);

@@ -15,8 +15,8 @@ constexpr double kCubic = 0.4;    // packets / s³
 constexpr double kLinear = 0.53;  // packets a round trip
 constexpr double kFree = 0.25;    // of the window, a round trip, while nobody fills the path
 constexpr double kUsed = 0.75;    // of the window: what is not used need not grow
-constexpr double kMost = 1e12;
-constexpr double kLeastPackets = 10;
+constexpr double kMaxWindow = 1e12;
+constexpr double kMinPackets = 10;
 constexpr int kRateSamples = 10;
 
 double Seconds(std::uint64_t nanoseconds) { return static_cast<double>(nanoseconds) * 1e-9; }
@@ -63,7 +63,7 @@ void FairWindow::Reduce(const Seen& seen, std::uint64_t now) {
   // Below the last peak: somebody has come, who gets room sooner.
   peak_ = before < peak_ ? before * (1 + kReduction) / 2 : before;
   const double carried = static_cast<double>(Carried(seen)) / packet;
-  const double reduced = std::max({before * kReduction, carried, kLeastPackets});
+  const double reduced = std::max({before * kReduction, carried, kMinPackets});
   linear_ = reduced;
   untilPeak_ = std::cbrt(std::max(peak_ - reduced, 0.0) / kCubic);
   reducedAt_ = grownAt_ = now;
@@ -81,7 +81,7 @@ void FairWindow::Grow(const Seen& seen, std::uint64_t now) {
   double grown = std::max(linear_, peak_ + kCubic * since * since * since) * packet;
   if (IsPathFree(seen) && static_cast<double>(seen.inFlight) > kUsed * window)
     grown = std::max(grown, window * (1 + kFree * std::min(rounds, 1.0)));
-  window_ = static_cast<std::uint64_t>(std::clamp(grown, window, kMost));
+  window_ = static_cast<std::uint64_t>(std::clamp(grown, window, kMaxWindow));
 }
 
 }  // namespace ptcp

@@ -27,7 +27,7 @@ namespace {
 constexpr std::size_t kWindow = std::size_t{8} << 20;
 // What is sent may lie behind a byte that is not acknowledged. A peer of ours grants one window
 // from what it has read on, and its acknowledgements may be behind that by no more than another.
-constexpr std::size_t kMostUnacknowledged = 2 * kWindow;
+constexpr std::size_t kMaxUnacknowledged = 2 * kWindow;
 constexpr ngtcp2_duration kIdleLimit = 10 * NGTCP2_SECONDS;
 constexpr ngtcp2_duration kKeepAlive = 3 * NGTCP2_SECONDS;
 constexpr ngtcp2_duration kKeepAliveWaiting = NGTCP2_SECONDS;
@@ -41,7 +41,7 @@ constexpr ngtcp2_duration kInitialRtt = 100 * NGTCP2_MILLISECONDS;
 constexpr ngtcp2_duration kNoProgress = 2 * NGTCP2_SECONDS;
 constexpr int kNoProgressTimeouts = 3;
 
-constexpr Time kLeastPause = NGTCP2_MILLISECONDS;  // between two looks that change nothing
+constexpr Time kMinPause = NGTCP2_MILLISECONDS;  // between two looks that change nothing
 
 constexpr char kPreface = 1;
 
@@ -88,7 +88,7 @@ void PtcpConnection::Configure(ngtcp2_settings& settings, ngtcp2_transport_param
   ngtcp2_settings_default(&settings);
   settings.initial_ts = now;
   settings.cc_algo = ngtcp2::kCongestionControl;
-  settings.max_tx_udp_payload_size = inside_ ? kLargestInside : kLargestDatagram;
+  settings.max_tx_udp_payload_size = inside_ ? kMaxDatagramInside : kMaxDatagram;
   settings.no_tx_udp_payload_size_shaping = inside_ ? 1 : 0;
   settings.no_pmtud = inside_ ? 1 : 0;
   settings.initial_rtt = kInitialRtt;
@@ -253,7 +253,7 @@ void PtcpConnection::Flush(Time now) {
   ngtcp2_conn_update_pkt_tx_time(conn_, now);
   // A peer can bring about a timer that is due and stays due, whatever is done.
   const bool stuck = total == 0 && ngtcp2_conn_get_expiry(conn_) <= now;
-  notBefore_ = stuck ? now + kLeastPause : 0;
+  notBefore_ = stuck ? now + kMinPause : 0;
 }
 
 // The probe timeout doubles for as long as nothing is answered, and with it the time until it is
@@ -285,7 +285,7 @@ std::uint64_t PtcpConnection::UpdateFairWindow(Time now) {
   FairWindow::Seen seen{};
   seen.inFlight = path.inFlight;
   seen.delivered = datagramBytesOut_ - std::min(path.inFlight, datagramBytesOut_);
-  seen.packet = kLargestDatagram;
+  seen.packet = kMaxDatagram;
   seen.leastRtt = path.leastRtt;
   seen.rtt = path.rtt;
   seen.rttVariation = path.rttVariation;
@@ -306,7 +306,7 @@ struct PtcpConnection::Offer {
 PtcpConnection::Offer PtcpConnection::MakeOffer(bool room) {
   Offer offer;
   const bool mayWrite = stream_ >= 0 && established_ && !blocked_ && !finishSent_ && room &&
-                        sent_ - out_.Begin() < kMostUnacknowledged;
+                        sent_ - out_.Begin() < kMaxUnacknowledged;
   if (!mayWrite || (Unsent() == 0 && !finishing_)) return offer;
   offer.stream = stream_;
   for (std::uint64_t at = sent_; at != out_.End() && offer.count < offer.pieces.size();) {
@@ -320,7 +320,7 @@ PtcpConnection::Offer PtcpConnection::MakeOffer(bool room) {
 
 // False when there is nothing more to send for now. What is sent again needs no room.
 bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) {
-  std::array<std::uint8_t, kLargestInside> packet;
+  std::array<std::uint8_t, kMaxDatagramInside> packet;
   const Offer offer = MakeOffer(total < room);
   ngtcp2_ssize taken = -1;
   const ngtcp2_ssize length =
@@ -390,7 +390,7 @@ void PtcpConnection::Close(bool inOrder, Time now) {
 }
 
 void PtcpConnection::SendClose(const CloseError& error, Time now) {
-  std::array<std::uint8_t, kLargestDatagram> packet;
+  std::array<std::uint8_t, kMaxDatagram> packet;
   std::size_t room = packet.size();
   if (server_ && !established_)  // the address is not proved
     room = static_cast<std::size_t>(std::min<std::uint64_t>(room, UnprovedRoom()));

@@ -19,8 +19,8 @@ namespace ptcp {
 // than an Ethernet frame does. Inside a machine the path is known, and cutting bytes up is most of
 // the work.
 inline constexpr std::size_t kSmallDatagram = 1200;
-inline constexpr std::size_t kLargestDatagram = 1472;
-inline constexpr std::size_t kLargestInside = 16000;  // four of them fit in one write
+inline constexpr std::size_t kMaxDatagram = 1472;
+inline constexpr std::size_t kMaxDatagramInside = 16000;  // four of them fit in one write
 
 // Nanoseconds on any clock that never goes back.
 using Time = std::uint64_t;
@@ -135,7 +135,7 @@ class PtcpConnection {
   std::uint64_t datagramBytesIn_ = 0;
   std::uint64_t datagramBytesOut_ = 0;
 
-  std::size_t largestPacket_ = kLargestInside;
+  std::size_t largestPacket_ = kMaxDatagramInside;
   std::uint64_t progressedTo_ = 0;  // stream offset
   Time progressed_ = 0;             // when that was acknowledged, or bytes were sent behind it
   Time notBefore_ = 0;              // no timer is due earlier

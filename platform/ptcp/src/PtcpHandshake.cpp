@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::array<std::uint8_t, 4> kMagic = {'z', 'p', 't', 1};
 constexpr std::array<std::uint8_t, 1> kFinish = {1};
-constexpr std::size_t kLargestMessage = 1024;
+constexpr std::size_t kMaxMessage = 1024;
 
 template <class... Parts>
 std::vector<std::uint8_t> Join(const Parts&... parts) {
@@ -101,7 +101,7 @@ bool PtcpHandshake::SendMessage(ngtcp2::Level level, Bytes content, bool withPar
   if (!server_ && level == ngtcp2::kInitialLevel) message = Join(kMagic);
   message.insert(message.end(), content.begin(), content.end());
   if (withParams) {
-    std::array<std::uint8_t, kLargestMessage / 2> params;
+    std::array<std::uint8_t, kMaxMessage / 2> params;
     const ngtcp2_ssize length =
         ngtcp2_conn_encode_local_transport_params(conn_, params.data(), params.size());
     if (length < 0) return false;
@@ -117,7 +117,7 @@ bool PtcpHandshake::OnMessage(ngtcp2::Level level, Bytes data) {
   if (level != awaited_) return false;
   const bool initial = level == ngtcp2::kInitialLevel;
   auto& message = theirs_[initial ? 0 : 1];
-  if (message.size() + data.size() > kLargestMessage) return false;
+  if (message.size() + data.size() > kMaxMessage) return false;
   message.insert(message.end(), data.begin(), data.end());
   return initial ? OnInitialHello() : OnHandshakeHello();
 }

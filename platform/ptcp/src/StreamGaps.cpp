@@ -16,7 +16,7 @@ bool StreamGaps::Accept(std::uint64_t packetNumber, Bytes frames) {
   ForEachStretch(frames, [&](std::uint64_t begin, std::uint64_t end) {
     if (!TouchesAnother(begin, end)) ++alone;
   });
-  if (alone != 0 && Count() + alone > kMost) return false;
+  if (alone != 0 && Count() + alone > kMaxGaps) return false;
   newest_ = std::max(newest_, packetNumber);
   ForEachStretch(frames, [this](std::uint64_t begin, std::uint64_t end) { Add(begin, end); });
   return true;

@@ -17,7 +17,7 @@ namespace ptcp {
 // before the last 256 gaps in the packet numbers; here none is let through that can be so late.
 class StreamGaps {
  public:
-  static constexpr std::size_t kMost = 900;
+  static constexpr std::size_t kMaxGaps = 900;
   static constexpr std::uint64_t kLatest = 500;  // packets behind the newest one
 
   // Notes what `frames` of the packet bear of the stream; AreOurFrames has passed them. False:

@@ -29,8 +29,8 @@ namespace {
 constexpr std::size_t kMaxSegments = 64;      // of one write
 constexpr std::size_t kMaxBatch = 64 * 1000;  // below what one UDP write may have
 constexpr int kReadsPerTurn = 64;
-constexpr int kMostAsked = 16;     // whether a reset is theirs
-constexpr int kMostFailures = 64;  // in a row: then reading fails for good, as it seems
+constexpr int kMaxAsked = 16;     // whether a reset is theirs
+constexpr int kMaxFailures = 64;  // in a row: then reading fails for good, as it seems
 constexpr std::chrono::milliseconds kReadPause{100};
 
 // The ports that a listener can find again while connections of an earlier one use them.
@@ -91,7 +91,7 @@ bool UdpPort::IsInside(const CAWInetAddr& peer) const {
   sockaddr_in address{};
   std::memcpy(&address, peer.GetPtr(), sizeof address);
   const bool loopback = ntohl(address.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
-  return loopback && socket_.LongestInside() >= kLargestInside;
+  return loopback && socket_.LongestInside() >= kMaxDatagramInside;
 }
 
 // --- users ---
@@ -187,8 +187,8 @@ bool UdpPort::ReadFailed(int error) {
     readFailures_ = 0;
     return false;
   }
-  if (++readFailures_ < kMostFailures) return true;
-  if (readFailures_ == kMostFailures)
+  if (++readFailures_ < kMaxFailures) return true;
+  if (readFailures_ == kMaxFailures)
     keelbase::internal::TraceError("no datagram can be received for now", error);
   loop_.Unwatch(socket_.Get(), *this);
   readPause_.Start(kReadPause, 1, [this] { ResumeReading(); });
@@ -228,7 +228,7 @@ void UdpPort::OnUnknown(const Path& from, const ConnectionId& id, Bytes datagram
 // They know whose token it bears. A connector of ours has a port of its own, so there is one; who
 // opens many connections from one port makes us ask a few of them.
 void UdpPort::OfferReset(const Path& from, Bytes datagram, Time now) {
-  int left = kMostAsked;
+  int left = kMaxAsked;
   for (auto one = usersByPeer_.lower_bound({from.peer, nullptr});
        one != usersByPeer_.end() && one->first == from.peer && left > 0; ++one, --left) {
     NoteTouched(*one->second);

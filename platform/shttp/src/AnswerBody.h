@@ -35,7 +35,7 @@ class AnswerBody {
   std::pair<char*, std::size_t> GetRoom() {
     if (tail_ == nullptr || tail_->GetSpace() == 0) {
       auto block = std::make_unique<keelbase::CAWMessageBlock>(nextBlock_);
-      nextBlock_ = std::min(2 * nextBlock_, kLargestBlock);
+      nextBlock_ = std::min(2 * nextBlock_, kMaxBlock);
       keelbase::CAWMessageBlock* const next = block.get();
       if (tail_ == nullptr) {
         head_ = std::move(block);
@@ -56,10 +56,10 @@ class AnswerBody {
 
  private:
   // The largest come from no pool, which would keep them.
-  static constexpr std::size_t kSmallestBlock = std::size_t{16} << 10;
-  static constexpr std::size_t kLargestBlock = std::size_t{256} << 10;
+  static constexpr std::size_t kMinBlock = std::size_t{16} << 10;
+  static constexpr std::size_t kMaxBlock = std::size_t{256} << 10;
 
-  std::size_t nextBlock_ = kSmallestBlock;
+  std::size_t nextBlock_ = kMinBlock;
   std::unique_ptr<keelbase::CAWMessageBlock> head_;
   keelbase::CAWMessageBlock* tail_ = nullptr;
   std::size_t left_;

@@ -23,12 +23,12 @@ namespace {
 constexpr std::size_t kFieldMarks = 4;  // ": " and the line's end
 // The parser stops a debug build when it is to go on with less than this, the shortest end of an
 // answer in chunks: "0\r\n\r\n".
-constexpr std::size_t kLeastLine = 5;
+constexpr std::size_t kMinLine = 5;
 // Of the header of a chunk. That of the last one is read anew with each piece of what follows.
-constexpr std::size_t kMostChunkLine = 1024;
+constexpr std::size_t kMaxChunkLine = 1024;
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kLinesEnd = "\r\n\r\n";
-constexpr int kLeastStatus = 100;
+constexpr int kMinStatus = 100;
 constexpr int kSwitchingProtocols = 101;
 
 enum class Coding { none, gzip, unknown };
@@ -40,13 +40,13 @@ enum class Coding { none, gzip, unknown };
 // that follows, each time anew.
 int CheckOpenChunk(std::string_view chunk, std::size_t searched) {
   const std::size_t start = chunk.substr(0, 2) == kLineEnd ? 2 : 0;  // behind the chunk before
-  const std::string_view most = chunk.substr(0, kMostChunkLine + kLineEnd.size());
-  if (most.size() > kMostChunkLine + 1 && most.find(kLineEnd, start) == std::string_view::npos)
+  const std::string_view most = chunk.substr(0, kMaxChunkLine + kLineEnd.size());
+  if (most.size() > kMaxChunkLine + 1 && most.find(kLineEnd, start) == std::string_view::npos)
     return EMSGSIZE;
   const std::size_t digit = chunk.find_first_not_of('0', start);
   const bool last = digit == std::string_view::npos ||
                     std::isxdigit(static_cast<unsigned char>(chunk[digit])) == 0;
-  const std::size_t from = std::max(start, searched - std::min(searched, kLeastLine));
+  const std::size_t from = std::max(start, searched - std::min(searched, kMinLine));
   const bool over = chunk.find(last ? kLinesEnd : kLineEnd, from) != std::string_view::npos;
   return over ? EPROTO : 0;
 }
@@ -69,8 +69,8 @@ struct AnswerReader::Gathered {
 class AnswerReader::Parser final : public http::basic_parser<false> {
  public:
   explicit Parser(Gathered& gathered) : gathered_(gathered) {
-    constexpr std::size_t kMost = std::numeric_limits<std::uint32_t>::max();
-    header_limit(static_cast<std::uint32_t>(std::min(gathered.headerLeft, kMost - 1) + 1));
+    constexpr std::size_t kMaxLimit = std::numeric_limits<std::uint32_t>::max();
+    header_limit(static_cast<std::uint32_t>(std::min(gathered.headerLeft, kMaxLimit - 1) + 1));
     body_limit(std::numeric_limits<std::uint64_t>::max());
   }
 
@@ -104,7 +104,7 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
   void on_request_impl(http::verb, string_view, string_view, int, error_code&) override {}
   void on_response_impl(int status, string_view reason, int, error_code& code) override {
     status_ = status;
-    if (status < kLeastStatus || status == kSwitchingProtocols) return Fail(EPROTO, code);
+    if (status < kMinStatus || status == kSwitchingProtocols) return Fail(EPROTO, code);
     CountHeader(reason.size() + kFieldMarks, code);
   }
   void on_field_impl(http::field field, string_view name, string_view value,
@@ -141,7 +141,7 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
   }
   void on_chunk_header_impl(std::uint64_t, string_view extension, error_code& code) override {
     const char* const end = extension.data() + extension.size();
-    if (static_cast<std::size_t>(end - start_) > kMostChunkLine) Fail(EMSGSIZE, code);
+    if (static_cast<std::size_t>(end - start_) > kMaxChunkLine) Fail(EMSGSIZE, code);
   }
   std::size_t on_chunk_body_impl(std::uint64_t, string_view bytes, error_code& code) override {
     return on_body_impl(bytes, code);
@@ -175,7 +175,7 @@ int AnswerReader::Add(std::string_view bytes) {
   std::size_t searched = unparsed.size();
   if (joined) {
     bytes = unparsed.append(bytes);
-    if (parser_->is_header_done() && bytes.size() < kLeastLine) return 0;
+    if (parser_->is_header_done() && bytes.size() < kMinLine) return 0;
   }
   while (!bytes.empty() && !IsWhole()) {
     if (parser_->is_done()) ExpectAnswer();

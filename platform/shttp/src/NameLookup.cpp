@@ -19,13 +19,13 @@ using keelbase::CAWInetAddr;
 
 namespace {
 
-constexpr int kMostAtOnce = 64;  // a thread each
+constexpr int kMaxAtOnce = 64;  // a thread each
 std::atomic<int> underWay{0};
 
 // Gives the place back however the lookup ends.
 class Place {
  public:
-  Place() : isFree_(underWay.fetch_add(1) < kMostAtOnce) {}
+  Place() : isFree_(underWay.fetch_add(1) < kMaxAtOnce) {}
   ~Place() { underWay.fetch_sub(1); }
   Place(const Place&) = delete;
   Place& operator=(const Place&) = delete;

@@ -18,9 +18,9 @@ namespace http = boost::beast::http;
 
 namespace {
 
-constexpr std::size_t kLongestSetting = std::size_t{32} << 10;
-constexpr std::size_t kLongestCredential = std::size_t{4} << 10;
-constexpr std::size_t kLongestMethod = 32;
+constexpr std::size_t kMaxSetting = std::size_t{32} << 10;
+constexpr std::size_t kMaxCredential = std::size_t{4} << 10;
+constexpr std::size_t kMaxMethodLength = 32;
 
 // What describes the connection or the length of the body is said here and nowhere else.
 constexpr http::field kOurs[] = {http::field::host, http::field::content_length,
@@ -38,7 +38,7 @@ std::string_view TrimBlanks(std::string_view text) {
 
 // CONNECT would make a tunnel of the connection.
 bool IsMethod(std::string_view text) {
-  return !text.empty() && text.size() <= kLongestMethod && text != "CONNECT" &&
+  return !text.empty() && text.size() <= kMaxMethodLength && text != "CONNECT" &&
          std::all_of(text.begin(), text.end(),
                      [](char c) { return (c >= 'A' && c <= 'Z') || c == '-' || c == '_'; });
 }
@@ -106,7 +106,7 @@ std::size_t ParseSetting(std::string_view text, Setting& out) {
     const std::size_t end = std::min(text.find('\n', at), text.size());
     const std::string_view line = text.substr(at, end - at);
     at = end + 1;
-    if (end > kLongestSetting || HasControl(line)) return number;
+    if (end > kMaxSetting || HasControl(line)) return number;
     if (number == 1 && IsMethod(line)) {
       setting.method = line;
     } else if (!AddField(line, setting)) {
@@ -118,8 +118,8 @@ std::size_t ParseSetting(std::string_view text, Setting& out) {
 }
 
 bool AreGood(const Credentials& credentials) {
-  return credentials.user.size() <= kLongestCredential &&
-         credentials.password.size() <= kLongestCredential && !HasControl(credentials.user) &&
+  return credentials.user.size() <= kMaxCredential &&
+         credentials.password.size() <= kMaxCredential && !HasControl(credentials.user) &&
          !HasControl(credentials.password) && credentials.user.find(':') == std::string::npos;
 }
 

@@ -13,8 +13,8 @@ namespace shttp {
 
 namespace {
 
-constexpr std::size_t kLongest = 8192;
-constexpr std::size_t kLongestHost = 253;
+constexpr std::size_t kMaxLength = 8192;
+constexpr std::size_t kMaxHostLength = 253;
 constexpr std::size_t kPortDigits = 5;
 
 struct Scheme {
@@ -42,7 +42,7 @@ bool IsHostCharacter(char c) {
 }
 
 bool IsHost(std::string_view text) {
-  return !text.empty() && text.size() <= kLongestHost &&
+  return !text.empty() && text.size() <= kMaxHostLength &&
          std::all_of(text.begin(), text.end(), IsHostCharacter) && text.front() != '.' &&
          text.find("..") == std::string_view::npos;
 }
@@ -76,7 +76,7 @@ int ParseAuthority(std::string_view text, std::uint16_t standardPort, Url& out) 
 }  // namespace
 
 int ParseUrl(std::string_view text, Url& out) {
-  if (text.size() > kLongest || !std::all_of(text.begin(), text.end(), IsVisible)) return EINVAL;
+  if (text.size() > kMaxLength || !std::all_of(text.begin(), text.end(), IsVisible)) return EINVAL;
   const std::size_t colon = text.find("://");
   if (colon == std::string_view::npos) return EINVAL;
   const Scheme* scheme = FindScheme(text.substr(0, colon));

@@ -20,7 +20,7 @@ using keelbase::AWResult;
 
 namespace {
 
-constexpr std::size_t kLargestFile = 1024 * 1024;
+constexpr std::size_t kMaxFileSize = 1024 * 1024;
 
 AWResult LastError() { return static_cast<AWResult>(errno); }
 
@@ -33,8 +33,8 @@ AWResult ReadFile(const std::string& path, std::string& out) {
   if (::fstat(file.Get(), &status) != 0) return LastError();
   if (S_ISDIR(status.st_mode)) return EISDIR;
   if (!S_ISREG(status.st_mode)) return EINVAL;
-  if (static_cast<std::size_t>(status.st_size) > kLargestFile) return EFBIG;
-  std::string content(kLargestFile + 1, '\0');
+  if (static_cast<std::size_t>(status.st_size) > kMaxFileSize) return EFBIG;
+  std::string content(kMaxFileSize + 1, '\0');
   std::size_t length = 0;
   while (length < content.size()) {
     const ssize_t count = ::read(file.Get(), content.data() + length, content.size() - length);
@@ -43,7 +43,7 @@ AWResult ReadFile(const std::string& path, std::string& out) {
     if (count == 0) break;
     length += static_cast<std::size_t>(count);
   }
-  if (length > kLargestFile) return EFBIG;
+  if (length > kMaxFileSize) return EFBIG;
   content.resize(length);
   out = std::move(content);
   return AW_OK;
@@ -62,7 +62,7 @@ int RefusePassword(char*, int, int, void* asked) {
 
 AWResult ReadPem(const std::string& text, std::string& out) {
   if (text.find("-----BEGIN") == std::string::npos) return ReadFile(text, out);
-  if (text.size() > kLargestFile) return EFBIG;
+  if (text.size() > kMaxFileSize) return EFBIG;
   out = text;
   return AW_OK;
 }

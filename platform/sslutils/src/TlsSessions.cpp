@@ -28,9 +28,9 @@ void TlsSessions::Add(const std::string& key, SessionPtr session) {
     index_[key] = entries_.begin();
   }
   auto& sessions = entries_.front().sessions;
-  if (sessions.size() == kMostForKey) sessions.erase(sessions.begin());
+  if (sessions.size() == kMaxPerKey) sessions.erase(sessions.begin());
   sessions.push_back(std::move(session));
-  if (entries_.size() <= kMostKeys) return;
+  if (entries_.size() <= kMaxKeys) return;
   index_.erase(entries_.back().key);
   entries_.pop_back();
 }

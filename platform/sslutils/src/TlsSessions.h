@@ -23,8 +23,8 @@ class TlsSessions {
   SessionPtr Take(const std::string& key);
 
  private:
-  static constexpr std::size_t kMostKeys = 1024;
-  static constexpr std::size_t kMostForKey = 4;
+  static constexpr std::size_t kMaxKeys = 1024;
+  static constexpr std::size_t kMaxPerKey = 4;
   struct Entry {
     std::string key;
     std::vector<SessionPtr> sessions;  // the newest last

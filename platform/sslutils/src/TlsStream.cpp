@@ -32,7 +32,7 @@ namespace {
 
 // Encrypted bytes that one turn decrypts once the connection below has ended: the peer may have
 // left thousands of key updates, each a few bytes that cost as much as a full record.
-constexpr std::size_t kMostATurn = kRecordSize;
+constexpr std::size_t kMaxPerTurn = kRecordSize;
 
 }  // namespace
 
@@ -151,7 +151,7 @@ void TlsStream::EndOfLower() {
   if (endTurn_ != nullptr) return;
   turnRead_ = 0;
   Pump();
-  if (state_ == State::open && turnRead_ >= kMostATurn) return EndNextTurn();
+  if (state_ == State::open && turnRead_ >= kMaxPerTurn) return EndNextTurn();
   if (writer_.GetError() != 0) return End(writer_.GetError());
   End(endReason_ != 0 ? endReason_ : AW_SSL_ERROR_CUT);
 }
@@ -183,7 +183,7 @@ void TlsStream::OnTurnEnd() {
 // --- receiving ---
 
 std::size_t TlsStream::ReadBelow(char* data, std::size_t length) {
-  if (AnswersWait() || (lowerEnded_ && turnRead_ >= kMostATurn)) return 0;
+  if (AnswersWait() || (lowerEnded_ && turnRead_ >= kMaxPerTurn)) return 0;
   std::size_t count = 0;
   if (!kept_.IsEmpty()) {
     count = kept_.Read(data, length);

@@ -24,7 +24,7 @@ namespace {
 static_assert(kRecordSize == SSL3_RT_MAX_PLAIN_LENGTH);
 
 // Of what waits for room below.
-constexpr std::size_t kMostRest = 2 * kRecordSize;
+constexpr std::size_t kMaxRest = 2 * kRecordSize;
 
 }  // namespace
 
@@ -162,7 +162,7 @@ void TlsWriter::LeaveToLower() {
 
 bool TlsWriter::IsFull() const {
   const bool willGoOut = !ended_ && error_ == 0;
-  return willGoOut && rest_.GetLength() >= kMostRest;
+  return willGoOut && rest_.GetLength() >= kMaxRest;
 }
 
 std::uint64_t TlsWriter::Queued() const {

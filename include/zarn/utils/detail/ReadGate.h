@@ -24,7 +24,7 @@ class ReadGate {
   bool IsStopped() const { return stopped_; }
   void Reset() {  // for a new transport, which reads
     stopped_ = shut_ = false;
-    readSize_ = kLongestRead;
+    readSize_ = kMaxRead;
   }
 
   // Tells the transport (null: there is none) if it is to do something else than before.
@@ -44,18 +44,18 @@ class ReadGate {
   }
 
  private:
-  static constexpr std::uint32_t kLongestRead = 65535;
+  static constexpr std::uint32_t kMaxRead = 65535;
 
   std::uint32_t ReadSizeBehind(std::size_t unconsumed) const {
-    const bool worthwhile = unconsumed > shortLength_ && unconsumed < kLongestRead - shortLength_;
-    return worthwhile ? kLongestRead - static_cast<std::uint32_t>(unconsumed) : kLongestRead;
+    const bool worthwhile = unconsumed > shortLength_ && unconsumed < kMaxRead - shortLength_;
+    return worthwhile ? kMaxRead - static_cast<std::uint32_t>(unconsumed) : kMaxRead;
   }
 
   std::uint32_t shortLength_;
   std::size_t limit_ = 0;
   bool stopped_ = false;
   bool shut_ = false;
-  std::uint32_t readSize_ = kLongestRead;
+  std::uint32_t readSize_ = kMaxRead;
 };
 
 }  // namespace zarn::utils::detail

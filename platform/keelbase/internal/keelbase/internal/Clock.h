@@ -15,10 +15,10 @@ class KEELBASE_API Clock {
   static Point Now();
 
   // Can be added to any time of this clock, and never passes.
-  static constexpr std::chrono::microseconds kLongest = std::chrono::hours(100 * 365 * 24);
+  static constexpr std::chrono::microseconds kMaxWait = std::chrono::hours(100 * 365 * 24);
   // The end of a wait that begins now; one below 0 is over at once.
   static Point After(std::chrono::microseconds wait) {
-    return Now() + std::clamp(wait, std::chrono::microseconds(0), kLongest);
+    return Now() + std::clamp(wait, std::chrono::microseconds(0), kMaxWait);
   }
 
  private:

@@ -7,11 +7,11 @@
 
 namespace keelbase::internal {
 
-// Memory of at least `size` bytes. Up to kLargestPooled bytes it comes from a free list of the
+// Memory of at least `size` bytes. Up to kMaxPooled bytes it comes from a free list of the
 // calling thread, beyond that from the heap. May be freed on any thread. Throws std::bad_alloc.
 KEELBASE_API void* PoolAllocate(std::size_t size);
 KEELBASE_API void PoolFree(void* memory, std::size_t size) noexcept;
 
-inline constexpr std::size_t kLargestPooled = 128 * 1024 + 64;
+inline constexpr std::size_t kMaxPooled = 128 * 1024 + 64;
 
 }  // namespace keelbase::internal

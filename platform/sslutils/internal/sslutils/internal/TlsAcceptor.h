@@ -53,7 +53,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     keelbase::AWResult result = keelbase::AW_ERROR_FAILURE;
     GetLoop().Call([&] {
       if (sink_ != nullptr) return;
-      shaking_.SetLimit(static_cast<std::size_t>(std::max(backlog, kLeastPlaces)), MostPlaces());
+      shaking_.SetLimit(static_cast<std::size_t>(std::max(backlog, kMinPlaces)), MostPlaces());
       try {
         result = server_.Prepare();
         if (result == keelbase::AW_OK) result = below_->StartListen(this, addr, backlog);
@@ -129,7 +129,7 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     keelbase::internal::TellOwner([&] { sink_->OnSSLConnected(reason, transport); });
   }
 
-  static constexpr int kLeastPlaces = 256;  // bursts of honest clients fit in
+  static constexpr int kMinPlaces = 256;  // bursts of honest clients fit in
 
   // Without a descriptor for the newcomer nobody would end the oldest.
   static std::size_t MostPlaces() {
