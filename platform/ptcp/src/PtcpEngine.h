@@ -66,6 +66,11 @@ class PtcpEngine final : public keelbase::CAWReferenceControlT<keelbase::CAWMute
   void FillRandom(std::uint8_t* out, std::size_t length) override { FillWithRandom(out, length); }
 
   void OnDatagram(Bytes datagram, Time now) override { connection_.Receive(datagram, now); }
+  // What comes before the peer's address is proved counts for how much may be sent there: bytes
+  // without the connection's id must not.
+  void OnReset(Bytes datagram, Time now) override {
+    if (connection_.IsEstablished()) connection_.Receive(datagram, now);
+  }
   void OnBatchEnd() override;
   bool MayHaveSent(Bytes packet) const override { return connection_.MayHaveSent(packet); }
   void OnPortError(int error) override;

@@ -22,7 +22,7 @@ class StreamGaps {
 
   // Notes what `frames` of the packet bear of the stream; AreOurFrames has passed them. False:
   // nothing was noted, the packet is too late or there would be too many gaps. Throws
-  // std::bad_alloc.
+  // std::bad_alloc, and a part of it may be noted then.
   bool Accept(std::uint64_t packetNumber, Bytes frames);
 
   std::size_t Count() const { return stretches_.size() - 1; }

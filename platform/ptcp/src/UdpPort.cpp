@@ -232,7 +232,7 @@ void UdpPort::OfferReset(const Path& from, Bytes datagram, Time now) {
   for (auto one = usersByPeer_.lower_bound({from.peer, nullptr});
        one != usersByPeer_.end() && one->first == from.peer && left > 0; ++one, --left) {
     NoteTouched(*one->second);
-    one->second->OnDatagram(datagram, now);
+    one->second->OnReset(datagram, now);
   }
 }
 

@@ -27,8 +27,9 @@ class PortUser {
  public:
   virtual const Path& GetPath() const = 0;
   virtual void OnDatagram(Bytes datagram, Time now) = 0;
-  virtual void OnBatchEnd() = 0;                     // after one or more OnDatagram
-  virtual bool MayHaveSent(Bytes packet) const = 0;  // the beginning of one
+  virtual void OnReset(Bytes datagram, Time now) = 0;  // it may end a connection of that peer
+  virtual void OnBatchEnd() = 0;                       // after one or more of these
+  virtual bool MayHaveSent(Bytes packet) const = 0;    // the beginning of one
   virtual void OnPortError(int error) = 0;  // the network says that its packets do not arrive
   virtual void OnPortFree() = 0;            // after WaitUntilFree(), once
   virtual Time LingerDue() const = 0;
