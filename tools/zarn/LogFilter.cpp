@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* kMetacharacters = "\\^$.[]|()?*+{}";
 constexpr std::size_t kLongLine = 1024;
+constexpr std::ptrdiff_t kMaxAnyBytes = 8;  // '.', or what begins with "[^"
 
 // The longest text that is in everything that the expression matches; found only in simple ones.
 std::string FindNeededText(std::string_view expression) {
@@ -33,14 +34,19 @@ std::string FindNeededText(std::string_view expression) {
 
 // Whether "^[^\n]*(expression)" matches the same lines: that takes time by the length of a line,
 // where an expression with a repetition, tried at each place, takes it by the square. It takes more
-// for short lines, and with counts between braces memory without end. A back-reference would mean
-// another group, and a parenthesis that closes nothing stands for itself.
+// for short lines, and memory without end where what matches any byte is counted, between braces or
+// one by one. A back-reference would mean another group, and a parenthesis that closes nothing
+// stands for itself.
 bool MayBeTriedOnce(std::string_view expression, const regex_t& compiled) {
   const auto has = [&](const char* any) {
     return expression.find_first_of(any) != std::string_view::npos;
   };
-  const auto closing = std::count(expression.begin(), expression.end(), ')');
-  return has("*+") && !has("{") && (compiled.re_nsub == 0 || !has("\\")) &&
+  const auto count = [&](char one) {
+    return std::count(expression.begin(), expression.end(), one);
+  };
+  const auto closing = count(')');
+  return has("*+") && !has("{") && count('.') + count('^') <= kMaxAnyBytes &&
+         (compiled.re_nsub == 0 || !has("\\")) &&
          closing == static_cast<std::ptrdiff_t>(compiled.re_nsub);
 }
 
