@@ -19,10 +19,11 @@ namespace fipc {
 // Threads: used on the thread that made it when that is a platform thread, else from one thread at
 // a time; callbacks come on that platform thread, else on the network thread. References may be
 // dropped on any thread. Releasing the last reference cancels or stops: no indication begins after
-// it. One that is just running is waited for, and nobody else, unless the releasing thread has a
-// loop: for that the callback could be waiting, so it may end a moment later. An acceptor that is
-// released on another thread than that of its callbacks gives its endpoint up a moment later;
-// StopListen waits for that.
+// it. One that is just running is waited for, and nobody else. A thread that has a loop does not
+// wait, since the callback may be waiting for it: one may still begin or end a moment later; to be
+// sure, let go in a Call on the thread of the callbacks. An acceptor that is released on another
+// thread than that of its callbacks gives its endpoint up a moment later; StopListen waits for
+// that.
 class FIPC_API IAWIPCAcceptorConnectorId {
  public:
   virtual std::uint32_t AddReference() = 0;
