@@ -36,7 +36,9 @@ class SlowClient {
     EXPECT_TRUE(connection.Connect(Now()));
   }
   void Send() { connection.Flush(Now()); }
-  void SendAgain() { EXPECT_EQ(socket_.Write(path_, last_, 0), 0); }  // the last datagram
+  void SendAgain() { SendAsItIs(last_); }  // the last datagram
+  void SendAsItIs(const Datagram& datagram) { EXPECT_EQ(socket_.Write(path_, datagram, 0), 0); }
+  std::size_t LastSize() const { return last_.size(); }
   // What the acceptor has sent until now; the connection is given it.
   std::vector<Datagram> Receive() {
     std::vector<Datagram> all;
@@ -229,6 +231,20 @@ TEST_F(PtcpAcceptorTest, AResetIsNotAnswered) {
   ASSERT_TRUE(WaitFor([&] { return stranger.Read(room, answer) == 0; }));
   EXPECT_EQ(answer.data.size(), kResetSize);
   EXPECT_EQ(stranger.Read(room, answer), EAGAIN);
+}
+
+TEST_F(PtcpAcceptorTest, WhatMayBeAResetLetsAHalfOpenConnectionSendNoMore) {
+  zarn::test::HandClock clock;
+  Listen();
+  SlowClient halfOpen(5, address);
+  halfOpen.Send();
+  std::size_t came = halfOpen.Await().size();
+  for (int i = 0; i < 1000; ++i) halfOpen.SendAsItIs(Datagram(kResetSize, 0x40));
+  for (int tenths = 0; tenths < 120; ++tenths) {
+    clock.Advance(std::chrono::milliseconds(100));
+    for (const Datagram& one : halfOpen.Receive()) came += one.size();
+  }
+  EXPECT_LE(came, 3 * halfOpen.LastSize());
 }
 
 TEST_F(PtcpAcceptorTest, WhoIsHalfOpenAtTheStopIsNotAcceptedAnyMore) {
