@@ -474,6 +474,18 @@ TEST(ShmConnection, WriterThatWaitsForRoomIsWokenEachTime) {
   }
 }
 
+TEST(ShmConnection, WriterThatBeginsToWaitWhileItsBytesAreHandledIsWoken) {
+  RawPeer peer;
+  peer.end.Open();
+  peer.end.sink.onReceive = [&peer](auto*) { peer.Out().writerWaits = 1; };
+  RingWriter writer(peer.segment.ConnectorRing());
+  writer.Write("x", 1);
+  writer.Publish();
+  EXPECT_TRUE(Await([&] { return peer.end.sink.received == "x"; }));
+  EXPECT_EQ(peer.Out().writerWaits, 0U);
+  EXPECT_EQ(peer.socket.Receive().size(), 1U);
+}
+
 TEST(ShmConnection, WakeUpsWithoutReasonCostNothingLater) {
   RawPeer peer;
   peer.end.Open();

@@ -316,7 +316,19 @@ TEST(ShmRing, WaitingWriterIsToldOnceWhenHalfIsFree) {
   ring.Read(1);
   EXPECT_TRUE(ring.reader.ShallTellRoom(8));
   EXPECT_FALSE(ring.reader.ShallTellRoom(8));
+  EXPECT_FALSE(ring.reader.ShallTellRoomForSure(8));
   EXPECT_TRUE(ring.writer.HasRoom());
+}
+
+TEST(ShmRing, WriterThatBeginsToWaitAfterTheFirstLookIsFoundByTheSecond) {
+  RingPair ring;
+  ring.Write("0123456789abcdef");
+  ring.writer.Publish();
+  ring.Read(7);
+  EXPECT_FALSE(ring.reader.ShallTellRoom(9));
+  EXPECT_TRUE(ring.writer.WaitForRoom());
+  EXPECT_FALSE(ring.reader.ShallTellRoomForSure(9));
+  EXPECT_TRUE(ring.reader.ShallTellRoomForSure(8));
 }
 
 TEST(ShmRing, WriterThatDoesNotWaitIsNotTold) {
@@ -362,7 +374,7 @@ void ReadFully(RingReader& reader, std::string& text, Wake& wakeReader, Wake& wa
     if (length != 0) {
       reader.Read(text.data() + at, length);
       at += length;
-      if (reader.ShallTellRoom(available - length)) wakeWriter.release();
+      if (reader.ShallTellRoomForSure(available - length)) wakeWriter.release();
     } else if (reader.Sleep()) {
       ASSERT_TRUE(WaitFor(wakeReader));
       reader.Awake();
