@@ -28,6 +28,10 @@ namespace {
 // While spinning only every fourth look asks epoll; the others ask who is likely to speak next.
 constexpr unsigned kLooksAtLikely = 4;
 
+// Before Spin reads the clock or pauses, which each take longer than an answer over shared memory
+// may.
+constexpr unsigned kQuickLooks = 16;
+
 // While a connection always has input, every so many reads of it are followed by a whole turn.
 constexpr std::uint32_t kServedPerTurn = 16;
 
@@ -207,12 +211,17 @@ bool EventLoop::ServeLikely() {
   return true;
 }
 
-// Looks for work without sleeping. A microsecond of pause first, since an answer may be that near,
-// and for that time only those are asked who are likely to bring it; then the processor is offered
-// to others between looks, since the peer may need this very one.
+// Looks for work without sleeping. Where that is in memory, a few times as fast as can be; then a
+// microsecond of pause first, since an answer may be that near, and for that time only those are
+// asked who are likely to bring it; then the processor is offered to others between looks, since
+// the peer may need this very one.
 bool EventLoop::Spin() {
   using std::chrono::microseconds;
-  if (ServeLikely()) return true;
+  for (unsigned looks = 0; looks < kQuickLooks; ++looks) {
+    if (ServeLikely()) return true;
+    if (pollers_.IsEmpty()) break;
+    FinishLoads();
+  }
   const auto start = std::chrono::steady_clock::now();
   const auto end = start + microseconds(spin_.load(std::memory_order_relaxed));
   auto now = start;
