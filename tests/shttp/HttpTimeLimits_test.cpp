@@ -3,8 +3,10 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "HttpUser.h"
 
@@ -52,6 +54,33 @@ TEST_F(HttpClient, TimeOfTheAnswerBeginsWhenTheRequestIsSent) {
   clock.Advance(std::chrono::seconds(59));
   Answer(kAnswer);
   EXPECT_EQ(user.result, 200);
+}
+
+struct Silence {
+  std::uint32_t sendMs;
+  std::uint32_t answerMs;
+  std::uint32_t limit;
+};
+
+TEST_F(HttpClient, SilenceOfAServerEndsNoConnectionBeforeTheLimitsDo) {
+  for (const Silence& silence : {Silence{30000, 60000, 60000}, Silence{70000, 60000, 70000},
+                                 Silence{50, 200, 3000}, Silence{1000000000, 0, 86400000}}) {
+    CAWHttpLimits limits;
+    limits.sendMs = silence.sendMs;
+    limits.answerMs = silence.answerMs;
+    client->SetLimits(limits);
+    user = User();
+    transport = new FakeTcpTransport;
+    Send();
+    EXPECT_EQ(transport->silenceLimits, std::vector<std::uint32_t>{silence.limit});
+  }
+}
+
+TEST_F(HttpClient, SilenceOfAServerBehindTlsEndsNoConnectionBeforeTheLimitsDo) {
+  const CAWAutoPtr<FakeTlsTransport> secure(new FakeTlsTransport);
+  Open("https://127.0.0.1/");
+  tls.Last().Complete(0, secure.Get());
+  EXPECT_EQ(secure->silenceLimits, std::vector<std::uint32_t>{60000});
 }
 
 TEST_F(HttpClient, LimitsOfTheManagerAreThoseOfClientsMadeLater) {

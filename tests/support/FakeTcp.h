@@ -1,6 +1,7 @@
 // FakeTcp.h - the scripted stand-ins for TCP, see FakeTransport.h.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <vector>
 
@@ -63,6 +64,7 @@ class FakeTcpTransport final : public ScriptedTransport<Tcp> {
   explicit FakeTcpTransport(CallLog* log = nullptr) : ScriptedTransport(log) {}
 
   std::vector<int> optionsRead;  // the codes, in order
+  std::vector<std::uint32_t> silenceLimits;
 
   keelbase::AWResult GetOption(int code, void* value) override {
     optionsRead.push_back(code);
@@ -70,6 +72,11 @@ class FakeTcpTransport final : public ScriptedTransport<Tcp> {
       return keelbase::AW_ERROR_FAILURE;
     *static_cast<keelbase::CAWInetAddr*>(value) =
         code == keelbase::AW_OPT_PEER_ADDRESS ? peer : local;
+    return keelbase::AW_OK;
+  }
+  keelbase::AWResult SetOption(int code, void* value) override {
+    if (code != wface::AW_OPT_SILENCE_LIMIT) return ScriptedTransport::SetOption(code, value);
+    silenceLimits.push_back(*static_cast<std::uint32_t*>(value));
     return keelbase::AW_OK;
   }
 };

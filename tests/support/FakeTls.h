@@ -1,6 +1,7 @@
 // FakeTls.h - the scripted stand-ins for TLS, see FakeTransport.h.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "sslptcp/CAWSSLPTCPManager.h"
 #include "sslutils/CAWSSLManager.h"
 #include "sslutils/CAWSSLTransport.h"
+#include "wface/CAWTransport.h"
 
 namespace zarn::test {
 
@@ -28,7 +30,8 @@ class FakeTlsTransport final : public ScriptedTransport<Tls> {
  public:
   explicit FakeTlsTransport(CallLog* log = nullptr) : ScriptedTransport(log) {}
 
-  std::vector<int> optionsRead;                // the codes, in order
+  std::vector<int> optionsRead;  // the codes, in order
+  std::vector<std::uint32_t> silenceLimits;
   std::vector<Tls::Parameter> parametersSeen;  // of the sends that had one, as they were
 
   void Receive(keelbase::CAWMessageBlock& block) {
@@ -61,6 +64,11 @@ class FakeTlsTransport final : public ScriptedTransport<Tls> {
       return keelbase::AW_ERROR_FAILURE;
     *static_cast<keelbase::CAWInetAddr*>(value) =
         code == keelbase::AW_OPT_PEER_ADDRESS ? peer : local;
+    return keelbase::AW_OK;
+  }
+  keelbase::AWResult SetOption(int code, void* value) override {
+    if (code != wface::AW_OPT_SILENCE_LIMIT) return ScriptedTransport::SetOption(code, value);
+    silenceLimits.push_back(*static_cast<std::uint32_t*>(value));
     return keelbase::AW_OK;
   }
 

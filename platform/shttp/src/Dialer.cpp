@@ -32,6 +32,7 @@ class TransportStream : public ByteStream, protected TransportSink {
   }
   AWResult Send(CAWMessageBlock& chain) override { return transport_->SendData(chain, nullptr); }
   AWResult GetOption(int code, void* value) override { return transport_->GetOption(code, value); }
+  AWResult SetOption(int code, void* value) override { return transport_->SetOption(code, value); }
 
  protected:
   Sink* sink_ = nullptr;

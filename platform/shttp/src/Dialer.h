@@ -23,6 +23,7 @@ class ByteStream {
   virtual keelbase::AWResult Open(Sink* sink) = 0;
   virtual keelbase::AWResult Send(keelbase::CAWMessageBlock& chain) = 0;
   virtual keelbase::AWResult GetOption(int code, void* value) = 0;
+  virtual keelbase::AWResult SetOption(int code, void* value) = 0;
 };
 
 // All on the loop's thread.

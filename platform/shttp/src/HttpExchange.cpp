@@ -1,6 +1,7 @@
 // HttpExchange.cpp - see HttpExchange.h.
 #include "HttpExchange.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <new>
 #include <string>
@@ -32,6 +33,15 @@ long ResultOfEnd(long reason) {
   const bool ofTransport = reason >= static_cast<long>(AW_ERROR_FAILURE) &&
                            reason <= static_cast<long>(AW_ERROR_PARTIAL_DATA);
   return ofTransport || reason == EPIPE ? -ECONNRESET : -reason;
+}
+
+// A server that is busy may take nothing for a while: the system is not to give it up before the
+// request's own limits do.
+void AllowSilence(ByteStream& stream, const CAWHttpLimits& limits) {
+  constexpr std::uint32_t kMinMs = 3000;
+  constexpr std::uint32_t kMaxMs = 24 * 3600 * 1000;
+  std::uint32_t silenceMs = std::clamp(std::max(limits.sendMs, limits.answerMs), kMinMs, kMaxMs);
+  stream.SetOption(wface::AW_OPT_SILENCE_LIMIT, &silenceMs);
 }
 
 // A connection that has failed tells that itself, after what had come before: an answer may be
@@ -114,6 +124,7 @@ void HttpExchange::Connected(long reason, std::unique_ptr<ByteStream> stream) {
   timer_.Cancel();
   dialer_.Stop();
   stream_ = std::move(stream);
+  if (stream_ != nullptr) AllowSilence(*stream_, order_.limits);
   if (reason != 0) result_ = -reason;
   handle_ = channel_.get();
   const CAWAutoPtr<HttpChannel> channel(channel_.release());

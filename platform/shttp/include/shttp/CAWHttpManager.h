@@ -16,7 +16,7 @@ namespace shttp {
 // How long the steps of a request may take, each as a whole, and how much an answer may hold. Short
 // times fail requests to slow servers; long ones keep callers waiting for dead ones. A large body
 // limit is what a hostile server can make this process hold for each request. Whatever is set, a
-// folded header field may have 4 KiB.
+// folded header field may have 4 KiB, and a connection may show no life for a day at most.
 struct CAWHttpLimits {
   std::uint32_t connectMs = 10000;  // the name, TCP and TLS, which has 10 s at most
   std::uint32_t sendMs = 30000;     // until the system has taken the request
