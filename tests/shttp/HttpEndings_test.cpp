@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "HttpUser.h"
+#include "LoopThread.h"
 
 namespace zarn::test {
 namespace {
@@ -96,6 +97,20 @@ TEST_F(HttpClient, EverythingMayBeLetGoInsideOnReceive) {
   transport->Receive(std::string(kAnswer));
   EXPECT_EQ(dying, nullptr);
   EXPECT_EQ(transport->GetReferences(), 1U);
+}
+
+TEST_F(HttpClient, ChannelThatIsLetGoInsideOnReceiveTellsNoMore) {
+  user.onReceive = [this] { user.channel = nullptr; };
+  Send();
+  Answer(kAnswer);
+  EXPECT_EQ(user.calls, (Calls{"connect 0", "receive"}));
+}
+
+TEST_F(HttpClient, ChannelThatAThreadWithALoopLetsGoDuringOnReceiveTellsNoMore) {
+  user.onReceive = [this] { WithLoop([this](auto&) { user.channel = nullptr; }); };
+  Send();
+  Answer(kAnswer);
+  EXPECT_EQ(user.calls, (Calls{"connect 0", "receive"}));
 }
 
 TEST_F(HttpClient, EverythingMayBeLetGoInsideOnConnect) {

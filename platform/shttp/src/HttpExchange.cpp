@@ -270,7 +270,8 @@ void HttpExchange::Deliver(std::unique_ptr<CAWMessageBlock> body) {
   if (!channel) return;
   CAWMessageBlock nothing(nullptr, 0, CAWMessageBlock::borrow);
   TellOwner([&] { sink_->OnReceive(body != nullptr ? *body : nothing, handle_, nullptr); });
-  if (IsOver()) return;
+  const auto stillInUse = handle_->Hold();  // not when the last user has let go meanwhile
+  if (IsOver() || !stillInUse) return;
   if (auto* sink = std::exchange(sink_, nullptr))
     TellOwner([&] { sink->OnDisconnect(0, handle_); });
 }

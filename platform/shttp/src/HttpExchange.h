@@ -46,7 +46,7 @@ class HttpExchange final : public keelbase::internal::LoopObject<Counted>,
   ~HttpExchange() override;
 
   bool Start();   // any thread; false: the loop has ended, and no callback comes
-  void Cancel();  // any thread: no callback begins from now on
+  void Cancel();  // any thread; on the loop's no callback begins from now on
 
   // --- the channel's ---
   keelbase::AWResult Listen(wface::IAWTransportSink* sink);

@@ -26,9 +26,12 @@ namespace shttp {
 // block for a failure. OnDisconnect(0) follows unless OnReceive has disconnected. The block is the
 // sink's to take apart; OnSend never comes.
 //
-// Threads: as IAWTransport, on the network thread; Disconnect may be called on any.
+// Threads: as IAWTransport, on the network thread; Disconnect may be called on any. On another
+// thread it waits for nobody, nor does the last release by a thread that has a loop: a callback may
+// still begin or end a moment later; to be sure, do it in a Call on the network thread.
 // Ownership: counted (CAWAutoPtr). It stays alive through its own callbacks. Letting go of the last
-// reference is a Disconnect.
+// reference is a Disconnect; a thread that has no loop waits for a callback that is just running,
+// and none begins after that.
 class SHTTP_API IAWChannelHttpClient : public wface::IAWTransport {
  public:
   // What to ask for: lines, separated by '\n'. The first may be the method, in capital letters; it

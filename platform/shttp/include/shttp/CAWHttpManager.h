@@ -31,8 +31,9 @@ struct CAWHttpLimits {
 //
 // Threads: callbacks come on the network thread. Operations are called by one thread at a time,
 // any; none blocks. References may be dropped on any thread. Ownership: counted. Letting go of the
-// last reference ends a request that is under way, without callbacks; a callback that is just
-// running on another thread is not waited for.
+// last reference ends a request that is under way and waits for nobody: on the network thread no
+// callback comes after that; on another one may still begin or end a moment later. To be sure, let
+// go in a Call on the network thread.
 class SHTTP_API IAWHttpClient {
  public:
   virtual std::uint32_t AddReference() = 0;
@@ -48,7 +49,7 @@ class SHTTP_API IAWHttpClient {
   virtual keelbase::AWResult SetLimits(const CAWHttpLimits& limits) = 0;
 
   // Connects to `url`'s server; one OnConnect follows, never from inside, for a bad url too. A
-  // request that is under way is ended first, without callbacks. The sink must live until then, or
+  // request that is under way is ended first, as by letting go. The sink must live until then, or
   // until the client is let go. `reserved` is 0. 0; 10001 for a null sink and without memory, and
   // nothing follows.
   virtual keelbase::AWResult Open(const keelbase::CAWString& url, IAWChannelSink* sink,
