@@ -317,7 +317,27 @@ TEST(AnswerLimit, HeaderLinesCountTogetherAlsoThoseOfInterimAnswersAndTrailers) 
             EMSGSIZE);
   EXPECT_EQ(ReadAnyhow("HTTP/1.1 200 " + std::string(1001, 'r') + "\r\n\r\n", limits).error,
             EMSGSIZE);
-  EXPECT_EQ(ReadAnyhow(Chunked("1;" + std::string(1001, 'e')), limits).error, EMSGSIZE);
+}
+
+TEST(AnswerLimit, HeaderCountsAsItIsSentHoweverItIsCut) {
+  const std::string header = "HTTP/1.1 200 OK\r\nX:   y   \r\nContent-Length: 5\r\n\r\n";
+  CAWHttpLimits limits;
+  limits.headerBytes = header.size();
+  EXPECT_EQ(ReadAnyhow(header + "hello", limits), Good(200, "hello"));
+  --limits.headerBytes;
+  EXPECT_EQ(ReadAnyhow(header + "hello", limits).error, EMSGSIZE);
+}
+
+TEST(AnswerLimit, HeaderOfAChunkIsNoHeaderLineHoweverItIsCut) {
+  const std::string extension = ";" + std::string(1020, 'e') + "\r\n";
+  const std::string chunks = "5" + extension + "hello\r\n1" + extension + "!\r\n0" + extension;
+  for (const std::string trailer : {"", "Checked: yes\r\n"}) {
+    CAWHttpLimits limits;
+    limits.headerBytes = Chunked(trailer).size();
+    EXPECT_EQ(ReadAnyhow(Chunked(chunks + trailer + "\r\n"), limits), Good(200, "hello!"));
+    --limits.headerBytes;
+    EXPECT_EQ(ReadAnyhow(Chunked(chunks + trailer + "\r\n"), limits).error, EMSGSIZE);
+  }
 }
 
 TEST(AnswerLimit, HeaderOfAChunkHasAKibibyte) {

@@ -20,7 +20,7 @@ using beast::string_view;
 
 namespace {
 
-constexpr std::size_t kFieldMarks = 4;  // ": " and the line's end
+constexpr std::size_t kFieldMarks = 4;  // ": " and the line's end, of a trailer
 // The parser stops a debug build when it is to go on with less than this, the shortest end of an
 // answer in chunks: "0\r\n\r\n".
 constexpr std::size_t kMinLine = 5;
@@ -79,7 +79,10 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
   // Takes one part of an answer at most: its header, a chunk's header, some of a body.
   std::size_t Put(std::string_view bytes, error_code& code) {
     start_ = bytes.data();
-    return put({bytes.data(), bytes.size()}, code);
+    const bool header = !is_header_done();
+    const std::size_t used = put({bytes.data(), bytes.size()}, code);
+    if (header && ErrorOf(code) == 0) CountHeader(used, code);
+    return used;
   }
 
   // An errno value for what stopped the parser; 0 when it just waits for more.
@@ -102,17 +105,16 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
   }
 
   void on_request_impl(http::verb, string_view, string_view, int, error_code&) override {}
-  void on_response_impl(int status, string_view reason, int, error_code& code) override {
+  void on_response_impl(int status, string_view, int, error_code& code) override {
     status_ = status;
-    if (status < kMinStatus || status == kSwitchingProtocols) return Fail(EPROTO, code);
-    CountHeader(reason.size() + kFieldMarks, code);
+    if (status < kMinStatus || status == kSwitchingProtocols) Fail(EPROTO, code);
   }
   void on_field_impl(http::field field, string_view name, string_view value,
                      error_code& code) override {
     if (field == http::field::transfer_encoding && !beast::iequals(value, "chunked"))
       return Fail(ENOTSUP, code);
     if (field == http::field::content_encoding) NoteCoding(value);
-    CountHeader(name.size() + value.size() + kFieldMarks, code);
+    if (is_header_done()) CountHeader(name.size() + value.size() + kFieldMarks, code);
   }
   void NoteCoding(string_view value) {
     if (beast::iequals(value, "identity")) return;
@@ -187,10 +189,12 @@ int AnswerReader::Add(std::string_view bytes) {
     if (code == http::error::need_more) break;
   }
   if (IsWhole()) return 0;
+  std::size_t lines = bytes.size();  // without that of a chunk, which has a limit of its own
   if (parser_->is_header_done()) {
     if (const int error = CheckOpenChunk(bytes, searched); error != 0) return error;
+    lines -= std::min(lines, kMaxChunkLine + kLinesEnd.size());
   }
-  if (bytes.size() > gathered_->headerLeft) return EMSGSIZE;
+  if (lines > gathered_->headerLeft) return EMSGSIZE;
   if (joined) {
     unparsed.erase(0, unparsed.size() - bytes.size());
   } else {
