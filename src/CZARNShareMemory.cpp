@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <new>
 #include <string_view>
@@ -24,6 +25,13 @@ constexpr const char* kFilePrefix = "/zarn_shm_";
 constexpr std::string_view kNotInNames("/\0", 2);
 constexpr int kNoRoot = -1;
 
+// Ends at the first way that works or finds nothing: what is there then, another process has made.
+void Remove(const CAWString& path) {
+  if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
+  if (std::remove(path.c_str()) == 0 || errno == ENOENT) return;  // an empty directory too
+  CAWFile::DeleteFile(path);
+}
+
 }  // namespace
 
 CZARNShareMemory::CZARNShareMemory(const CAWString& name, unsigned int size)
@@ -31,9 +39,7 @@ CZARNShareMemory::CZARNShareMemory(const CAWString& name, unsigned int size)
 
 CZARNShareMemory::~CZARNShareMemory() {
   segment_.Close(1);
-  ::unlink(path_.c_str());
-  std::remove(path_.c_str());  // an empty directory too
-  CAWFile::DeleteFile(path_);
+  Remove(path_);
 }
 
 AWResult CZARNShareMemory::MemLock() { return segment_.MemLock(); }

@@ -172,6 +172,14 @@ TEST_F(CZARNShareMemoryTest, DirectoryInThePlaceOfTheFileIsRefused) {
   EXPECT_TRUE(fs::exists(PathOf("cfg") + "/file"));
 }
 
+TEST_F(CZARNShareMemoryTest, EmptyDirectoryInThePlaceOfTheFileIsRefusedAndRemoved) {
+  fs::create_directories(PathOf("cfg"));
+  Memory memory = Make("cfg", 100);
+  EXPECT_EQ(memory->createshm(), 10001);
+  memory = nullptr;
+  EXPECT_FALSE(fs::exists(PathOf("cfg")));
+}
+
 TEST_F(CZARNShareMemoryTest, AnotherProcessSeesTheSameBytesAndItsLockHolds) {
   Memory memory = Make("cfg", 100);
   ASSERT_EQ(memory->createshm(), 0);
