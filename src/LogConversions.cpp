@@ -2,6 +2,7 @@
 #include "LogConversions.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <set>
@@ -38,9 +39,22 @@ void TakeSize(const char*& at, Conversion& conversion) {
   conversion.starPositions[conversion.stars++] = TakePosition(at);
 }
 
-// One at most: "hl" is an unknown conversion 'l' to the C library. The newer ones are "w8", "wf16".
+// Whether "w8" and "wf16" are length modifiers. To a C library without them, such as glibc before
+// 2.38, 'w' is an unknown conversion, which takes no argument.
+bool HasWidthsInBits() {
+  static const bool has = [] {
+    char pattern[] = "%w8d";  // no literal: the compiler may not know it
+    char text[sizeof pattern];
+    std::snprintf(text, sizeof text, pattern, 5);
+    return std::strcmp(text, "5") == 0;
+  }();
+  return has;
+}
+
+// One at most: "hl" is an unknown conversion 'l' to the C library.
 void TakeLengthModifier(const char*& at) {
   if (*at == '\0' || std::strchr("hlLqzZtjw", *at) == nullptr) return;
+  if (*at == 'w' && !HasWidthsInBits()) return;
   const char modifier = *at++;
   if ((modifier == 'h' || modifier == 'l') && *at == modifier) ++at;
   if (modifier != 'w') return;
