@@ -2,6 +2,7 @@
 #include "keelbase/CAWTrace.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <climits>
@@ -84,6 +85,32 @@ TEST_F(IAWTraceManagerTest, SinkThatThrowsDoesNotReachTheCallerAndIsCalledAgain)
   EXPECT_NO_THROW(manager_->Trace(0, "first"));
   EXPECT_NO_THROW(manager_->Trace(0, "second"));
   EXPECT_EQ(calls, 2);
+}
+
+TEST_F(IAWTraceManagerTest, ThreadThatIsCancelledInTheSinkEndsAndLeavesTheTraceAsAfterAnyLine) {
+  std::vector<std::string> lines;
+  const auto second = [&](std::uint32_t, std::string_view text) {
+    lines.push_back("second:" + std::string(text));
+  };
+  manager_->SetSink([&](std::uint32_t, std::string_view text) {
+    lines.push_back("first:" + std::string(text));
+    manager_->SetSink(second);
+    ::pthread_testcancel();
+  });
+  struct TraceAtEnd {
+    IAWTraceManager* manager;
+    ~TraceAtEnd() { manager->Trace(0, "its end"); }
+  };
+  std::thread cancelled([&] {
+    const TraceAtEnd end{manager_};
+    ::pthread_cancel(::pthread_self());
+    manager_->Trace(0, "cancelled");
+    lines.emplace_back("went on");
+  });
+  cancelled.join();
+  manager_->Trace(0, "another thread");
+  EXPECT_EQ(lines, (std::vector<std::string>{"first:cancelled", "second:its end",
+                                             "second:another thread"}));
 }
 
 TEST_F(IAWTraceManagerTest, DefaultSinkWritesOnlyErrorsToStandardError) {

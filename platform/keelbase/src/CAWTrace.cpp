@@ -1,6 +1,7 @@
 // CAWTrace.cpp - the trace facility, its default sink, and lines built in place.
 #include "keelbase/CAWTrace.h"
 
+#include <cxxabi.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -28,14 +29,16 @@ class TraceManager final : public IAWTraceManager {
  public:
   void Trace(std::uint32_t level, std::string_view text) override {
     if (tracing_) return;  // a sink that traces would wait for itself
+    const internal::MutexLock lock(mutex_);
     tracing_ = true;
-    {
-      const internal::MutexLock lock(mutex_);
+    try {
       Tell(level, text);
-      if (next_) sink_ = std::move(*next_);
-      next_.reset();
+    } catch (const abi::__forced_unwind&) {  // the thread is cancelled, which may not be stopped
+      EndLine();
+      throw;
+    } catch (...) {  // nothing that a sink throws may reach whoever traces
     }
-    tracing_ = false;
+    EndLine();
   }
 
   void SetSink(Sink sink) override {
@@ -45,16 +48,18 @@ class TraceManager final : public IAWTraceManager {
   }
 
  private:
-  // Nothing that a sink throws may reach whoever traces.
   void Tell(std::uint32_t level, std::string_view text) AW_REQUIRES(mutex_) {
-    try {
-      if (sink_) {
-        sink_(level, text);
-      } else if (level == 0) {
-        limiter_.Offer(text, internal::RepeatLimiter::Clock::now(), WriteLine);
-      }
-    } catch (...) {
+    if (sink_) {
+      sink_(level, text);
+    } else if (level == 0) {
+      limiter_.Offer(text, internal::RepeatLimiter::Clock::now(), WriteLine);
     }
+  }
+
+  void EndLine() AW_REQUIRES(mutex_) {
+    if (next_) sink_ = std::move(*next_);
+    next_.reset();
+    tracing_ = false;
   }
 
   // Inside the sink, under the lock of whoever traces.
