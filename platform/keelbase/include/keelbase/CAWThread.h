@@ -19,7 +19,8 @@ class ThreadMaker;
 }
 
 // A thread with an event loop. Made by CAWThreadManager, which either starts it or adopts a thread
-// that the process already has; never destroyed.
+// that the process already has; never destroyed. It must not be cancelled (pthread_cancel) while it
+// serves its loop: what that does would stay half done, so the process stops.
 //
 // Everything that belongs to a loop (transports, connectors, acceptors, streams, timers) is used on
 // that loop's thread. Post and Call are the way in from any other thread:
