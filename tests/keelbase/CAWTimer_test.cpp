@@ -9,6 +9,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include "ChildTest.h"
@@ -73,6 +74,24 @@ TEST(CAWTimer, MovesToTheThreadThatSchedulesItNext) {
   EXPECT_EQ(timer.Schedule(&never, CAWTimeValue(3600)), AW_OK);
   TaskThread()->Call([&] { EXPECT_EQ(timer.Schedule(&sink, CAWTimeValue(0, 1), 1), AW_OK); });
   EXPECT_TRUE(Get(where));
+  timer.Cancel();
+}
+
+TEST(CAWTimer, CallbackThatRunsWhileItMovesToAnotherThreadDoesNotScheduleItAgain) {
+  std::promise<void> running;
+  std::promise<bool> where;
+  CAWTimerWrapperID timer;
+  Sink never([](CAWTimerWrapperID*) { ADD_FAILURE() << "was replaced"; });
+  Sink last([&](CAWTimerWrapperID*) { where.set_value(TaskThread()->IsCurrent()); });
+  Sink first([&](CAWTimerWrapperID* fired) {
+    running.set_value();
+    while (fired->IsScheduled()) std::this_thread::yield();
+    fired->Schedule(&never, CAWTimeValue(3600));
+  });
+  TaskThread()->Call([&] { timer.Schedule(&first, CAWTimeValue(0, 100)); });
+  Get(running);
+  EXPECT_EQ(timer.Schedule(&last, CAWTimeValue(0, 100), 1), AW_OK);
+  EXPECT_FALSE(Get(where));
   timer.Cancel();
 }
 

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <new>
+#include <utility>
 
 #include "keelbase/CAWThreadManager.h"
 #include "keelbase/internal/EventLoop.h"
@@ -19,8 +20,11 @@ AWResult CAWTimerWrapperID::Schedule(CAWTimerWrapperIDSink* sink, const CAWTimeV
   CAWThread* thread = CAWThreadManager::Instance()->GetCurrentOrNetwork();
   if (thread == nullptr) return AW_ERROR_FAILURE;
   try {
-    if (timer_ == nullptr || &timer_->GetLoop() != &thread->GetLoop())
-      timer_ = std::make_unique<internal::Timer>(thread->GetLoop());
+    if (timer_ == nullptr || &timer_->GetLoop() != &thread->GetLoop()) {
+      auto timer = std::make_unique<internal::Timer>(thread->GetLoop());
+      Cancel();  // a callback that is just running still finds the old one, which it cannot start
+      timer_ = std::move(timer);
+    }
     timer_->Start(interval.ToDuration(), count, [this, sink] { sink->OnTimer(this); });
   } catch (const std::bad_alloc&) {
     return AW_ERROR_FAILURE;

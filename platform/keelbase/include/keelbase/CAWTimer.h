@@ -27,10 +27,10 @@ class KEELBASE_API CAWTimerWrapperIDSink {
 // Threads: fires on the thread that scheduled it when that is a platform thread, else on the
 // network thread. One timer object is used by one thread at a time. Cancelling or destroying it
 // inside its own callback is allowed. Elsewhere both wait for a callback that is just running on
-// another thread; once they have returned, none runs and none comes. Should that callback schedule
-// the timer again meanwhile, this has no effect. When a static object cancels the timer, exit()
-// waits for a callback that is running: that callback must not wait for the thread that has called
-// exit().
+// another thread, and so does scheduling it again; once they have returned, none of the earlier
+// schedule runs and none comes. Should that callback schedule the timer again meanwhile, this has
+// no effect. When a static object cancels the timer, exit() waits for a callback that is running:
+// that callback must not wait for the thread that has called exit().
 class KEELBASE_API CAWTimerWrapperID {
  public:
   CAWTimerWrapperID();
