@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -60,16 +61,31 @@ TEST_F(RepeatLimiterTest, AnyLaterTextBringsTheCountOfAnEarlierOne) {
   EXPECT_EQ(Offer("c"), Lines{"c"});
 }
 
-TEST_F(RepeatLimiterTest, CountIsToldWhenManyOtherTextsPushATextOut) {
-  Offer("a", 6);
-  Lines lines;
-  for (std::size_t i = 0; i < RepeatLimiter::kTexts; ++i) {
-    now_ += milliseconds(1);
-    for (const std::string& line : Offer("other " + std::to_string(i))) lines.push_back(line);
-  }
-  EXPECT_EQ(lines.size(), RepeatLimiter::kTexts + 1);
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "a (1 more times)"), 1);
-  EXPECT_EQ(Offer("a"), Lines{"a"});
+TEST_F(RepeatLimiterTest, TextsThatFindNoPlaceShareFiveLinesASecond) {
+  constexpr int kOthers = 50;
+  const auto offerAll = [this] {
+    Lines lines;
+    for (int i = 0; i < int{RepeatLimiter::kTexts} + kOthers; ++i) {
+      for (const std::string& line : Offer(std::to_string(i))) lines.push_back(line);
+    }
+    return lines;
+  };
+  EXPECT_EQ(offerAll().size(), RepeatLimiter::kTexts + 5);
+  for (int i = 0; i < 99; ++i) offerAll();
+  now_ += milliseconds(1000);
+  const Lines lines = Offer("0");
+  EXPECT_EQ(lines.size(), RepeatLimiter::kTexts + 2);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "0 (95 more times)"), 1);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "other texts (4995 more times)"), 1);
+}
+
+TEST_F(RepeatLimiterTest, TextThatFoundNoPlaceHasOneOnceASecondIsOver) {
+  for (std::size_t i = 0; i < RepeatLimiter::kTexts; ++i) Offer(std::to_string(i));
+  Offer("a", 5);
+  EXPECT_EQ(Offer("b"), Lines());
+  now_ += milliseconds(1000);
+  EXPECT_EQ(Offer("c", 100), (Lines{"other texts (1 more times)", "c", "c", "c", "c", "c"}));
+  EXPECT_EQ(Offer("b", 100), Lines(5, "b"));
 }
 
 }  // namespace

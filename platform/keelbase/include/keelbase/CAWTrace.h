@@ -24,9 +24,10 @@ class KEELBASE_API IAWTraceManager {
 
   // Replaces the sink; an empty function restores the default one, which writes level 0 to standard
   // error and limits the rate of repeats: of one text at most five lines a second, the rest counted
-  // in one line. The sink runs on the thread that traces, one call at a time, while the operation
-  // that traces may hold a lock: it must not trace itself, nor call what other threads are in, nor
-  // end the process with exit(). It may replace itself, which happens when it returns.
+  // in one line; what is beyond 16 texts in a second counts as one text, "other texts". The sink
+  // runs on the thread that traces, one call at a time, while the operation that traces may hold a
+  // lock: it must not trace itself, nor call what other threads are in, nor end the process with
+  // exit(). It may replace itself, which happens when it returns.
   virtual void SetSink(Sink sink) = 0;
 
  protected:

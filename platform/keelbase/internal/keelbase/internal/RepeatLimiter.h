@@ -11,9 +11,9 @@
 namespace keelbase::internal {
 
 // Of one text at most kLinesPerWindow pass in a window, which begins with its first line. The rest
-// is counted, and the count is told when the text is next offered, when another text is offered
-// after the window's end, or when the text is forgotten: the kTexts latest ones are remembered. Not
-// thread-safe. The clock is the caller's.
+// is counted, and the count is told when any text is offered after the window's end. Texts that
+// come while kTexts others have their windows share one, so that any number of them writes no more.
+// Not thread-safe. The clock is the caller's.
 class RepeatLimiter {
  public:
   using Clock = std::chrono::steady_clock;
@@ -25,10 +25,11 @@ class RepeatLimiter {
   template <class Write>
   void Offer(std::string_view text, Clock::time_point now, Write&& write) {
     for (Entry& entry : entries_) {
-      if (now - entry.begin >= kWindow) TellCount(entry, write);
+      if (entry.IsOver(now)) TellCount(entry, write);
     }
-    Entry& entry = Find(text, write);
-    if (entry.lines == 0 || now - entry.begin >= kWindow) {
+    if (others_.IsOver(now)) TellCount(others_, write);
+    Entry& entry = Find(text, now);
+    if (entry.IsOver(now)) {
       entry.begin = now;
       entry.lines = 0;
     }
@@ -46,17 +47,18 @@ class RepeatLimiter {
     Clock::time_point begin{};
     std::uint32_t lines = 0;  // passed in this window; 0: the entry is free
     std::uint64_t held = 0;   // held back and not told yet
+
+    bool IsOver(Clock::time_point now) const { return lines == 0 || now - begin >= kWindow; }
   };
 
-  template <class Write>
-  Entry& Find(std::string_view text, Write& write) {
+  Entry& Find(std::string_view text, Clock::time_point now) {
     for (Entry& entry : entries_) {
       if (entry.lines != 0 && entry.text == text) return entry;
     }
     Entry& oldest =
         *std::min_element(entries_.begin(), entries_.end(),
                           [](const Entry& a, const Entry& b) { return a.begin < b.begin; });
-    TellCount(oldest, write);
+    if (!oldest.IsOver(now)) return others_;
     oldest.lines = 0;
     oldest.text.assign(text);
     return oldest;
@@ -71,6 +73,7 @@ class RepeatLimiter {
   }
 
   std::array<Entry, kTexts> entries_;
+  Entry others_{"other texts", {}, 0, 0};
 };
 
 }  // namespace keelbase::internal
