@@ -183,6 +183,33 @@ TEST(CAWMessageBlock, OwnCopyHasTheSameSpace) {
   EXPECT_EQ(Text(*copy), "456789");
 }
 
+TEST(CAWMessageBlock, OwnCopyGetsAllItsSpaceAndHeadroomBackByReset) {
+  const std::string text(70, 'a');
+  CAWMessageBlock block(100, 16);
+  EXPECT_EQ(block.Write(text.data(), text.size()), AW_OK);
+  Owned copy(block.DuplicateChained());
+  EXPECT_EQ(block.AdvanceReadPtr(70), AW_OK);
+  EXPECT_EQ(block.Write("own", 3), AW_OK);
+  EXPECT_EQ(Text(block), "own");
+  EXPECT_EQ(block.Reset(), AW_OK);
+  EXPECT_EQ(block.GetSpace(), 100U);
+  EXPECT_EQ(block.Write(text.data(), text.size()), AW_OK);
+  EXPECT_EQ(block.Prepend("sixteen bytes ..", 16), AW_OK);
+  EXPECT_EQ(Text(block), "sixteen bytes .." + text);
+}
+
+TEST(CAWMessageBlock, OwnCopyHasTheHeadroomThatIsLeft) {
+  CAWMessageBlock block(5, 6);
+  EXPECT_EQ(block.Write("body", 4), AW_OK);
+  EXPECT_EQ(block.Prepend("head", 4), AW_OK);
+  const Owned copy(block.DuplicateChained());
+  EXPECT_EQ(copy->Write("!", 1), AW_OK);
+  EXPECT_EQ(copy->Prepend("abc", 3), AW_ERROR_FAILURE);
+  EXPECT_EQ(copy->Prepend("ab", 2), AW_OK);
+  EXPECT_EQ(Text(*copy), "abheadbody!");
+  EXPECT_EQ(Text(block), "headbody");
+}
+
 TEST(CAWMessageBlock, SenderMayReuseItsBlockAtOnce) {
   CAWMessageBlock block(16);
   std::vector<Owned> sent;
@@ -255,6 +282,16 @@ TEST(CAWMessageBlock, BytesThatWereReadAreNoHeadroom) {
   EXPECT_EQ(block.AdvanceReadPtr(4), AW_OK);
   EXPECT_EQ(block.Prepend("XXXX", 4), AW_ERROR_FAILURE);
   EXPECT_EQ(Text(*keeper), "readrest");
+}
+
+TEST(CAWMessageBlock, BytesThatWereReadAreNoHeadroomOfAnOwnCopy) {
+  CAWMessageBlock block(9, 8);
+  EXPECT_EQ(block.Write("readrest", 8), AW_OK);
+  const Owned keeper(block.DuplicateChained());
+  EXPECT_EQ(block.AdvanceReadPtr(4), AW_OK);
+  EXPECT_EQ(block.Write("!", 1), AW_OK);
+  EXPECT_EQ(block.Prepend("XXXX", 4), AW_ERROR_FAILURE);
+  EXPECT_EQ(Text(block), "rest!");
 }
 
 TEST(CAWMessageBlock, ResetGivesSpaceAndHeadroomBack) {

@@ -88,20 +88,22 @@ bool CAWMessageBlock::IsShared() const {
   return bytes_ != nullptr && bytes_->owners.load(std::memory_order_acquire) > 1;
 }
 
-// Moves the window to a copy of the bytes, with the same space behind it.
+// Moves the window to a copy of the bytes, to the same place in as much room.
 bool CAWMessageBlock::MakeOwn() noexcept {
-  const std::size_t length = GetLength();
   BlockBytes* own = nullptr;
   try {
-    own = BlockBytes::Make(length + GetSpace(), 0);
+    own = BlockBytes::Make(bytes_->size - bytes_->headroom, bytes_->headroom);
   } catch (const std::bad_alloc&) {
     return false;
   }
-  std::memcpy(own->Begin(), read_, length);
+  const std::size_t length = GetLength();
+  char* const read = own->Begin() + (read_ - bytes_->Begin());
+  std::memcpy(read, read_, length);
+  if (read < own->lowest) own->lowest = read;
   bytes_->DropOwner();
   bytes_ = own;
-  read_ = own->Begin();
-  write_ = read_ + length;
+  read_ = read;
+  write_ = read + length;
   return true;
 }
 
