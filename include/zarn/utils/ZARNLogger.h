@@ -109,7 +109,8 @@ class LogName {
 #define ZARN_LOG_INFO(...) ZARN_LOG("INFO", __VA_ARGS__)
 
 // ZARN_DEBUG(format, ...): one debug line, with file, line and function. The arguments are not
-// evaluated while debug output is off.
+// evaluated while debug output is off; but they are while another ZARNLoggerImp of the process has
+// its own on.
 #define ZARN_DEBUG(...)                                                                       \
   (__builtin_expect(                                                                          \
        ::zarn::utils::detail::loggersWithDebug.load(::std::memory_order_relaxed) != 0, false) \
