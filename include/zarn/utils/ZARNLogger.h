@@ -21,8 +21,10 @@ namespace zarn::utils {
 //
 // Any thread may print at any time: a line is written by one call of the system, and is in the file
 // when the call returns, whole, so that not even SIGKILL takes it back. Errors of writing are
-// ignored: the line is lost, or part of it, and the next one begins in a row of its own. The
-// caller's errno stays as it is, and %m prints it. Printing is a cancellation point.
+// ignored: the line is lost, or part of it, and the next one begins in a row of its own. (But at
+// the process's limit on file sizes the system sends SIGXFSZ, which ends a program that does not
+// ignore it.) The caller's errno stays as it is, and %m prints it. Printing is a cancellation
+// point.
 //
 // One process per file: two that open the same one write over each other's lines.
 //
