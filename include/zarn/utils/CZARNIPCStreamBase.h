@@ -103,9 +103,10 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
 
   // The connection has ended or a connect has failed, and the stream is closed. Not called when
   // Close, Connect or SetTransportHandle ended it, but for a Close inside HandleMessage. The stream
-  // is not touched after this call. `reason` is 0 when the peer closed in order and when this side
-  // gave up in HandleMessage; 10001 for no memory, or a new connection that could not be taken;
-  // else what the platform said, an errno value as a rule (ECONNREFUSED, ENOENT, ECONNRESET): see
+  // is not touched after this call. `reason` is 0 when the peer closed, or its process died with
+  // nothing unread (who must know which lets the peer say goodbye), and when this side gave up in
+  // HandleMessage; 10001 for no memory, or a new connection that could not be taken; else what the
+  // platform said, an errno value as a rule (ECONNREFUSED, ENOENT, ECONNRESET): see
   // keelbase::DescribeResult.
   virtual void OnPeerDisconnect(long reason) = 0;
 

@@ -88,9 +88,10 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
 
   // The connection has ended, and the stream is closed. Not called when Disconnect or
   // SetTransportHandle ended it, but for a Disconnect inside HandleMessage. The stream is not
-  // touched after this call. `reason` is 0 when the peer closed in order and when this side gave up
-  // in HandleMessage; 10001 for no memory; else what the platform said, an errno value as a rule:
-  // see keelbase::DescribeResult.
+  // touched after this call. `reason` is 0 when the peer closed, or its process died with nothing
+  // unread (who must know which lets the peer say goodbye), and when this side gave up in
+  // HandleMessage; 10001 for no memory; else what the platform said, an errno value as a rule: see
+  // keelbase::DescribeResult.
   virtual void OnPeerDisconnect(long reason) = 0;
 
   // --- more operations ---

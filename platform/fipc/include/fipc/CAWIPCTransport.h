@@ -29,9 +29,10 @@ class IAWIPCTransportSink {
                          CAWIPCTransportParameter* parameter) = 0;
   // There is room again after SendData answered 10013.
   virtual void OnSend(IAWIPCTransport* transport, CAWIPCTransportParameter* parameter) = 0;
-  // The connection has ended; nothing comes after this. 0: the peer closed in order; else an errno
-  // value (ECONNRESET: it ended without reading all and had sent nothing or no more time to linger)
-  // or an AWResult.
+  // The connection has ended; nothing comes after this. 0: the peer closed, or its process died
+  // with nothing unread; who must know which lets the peer say goodbye. Else an errno value
+  // (ECONNRESET: it ended without reading all and had sent nothing or no more time to linger) or an
+  // AWResult.
   virtual void OnDisconnect(long reason, IAWIPCTransport* transport) = 0;
   virtual ~IAWIPCTransportSink() = default;
 };

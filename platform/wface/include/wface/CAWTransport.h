@@ -29,9 +29,11 @@ class IAWTransportSink {
                          CAWTransportParameter* parameter) = 0;
   // There is room again after SendData answered 10013.
   virtual void OnSend(IAWTransport* transport, CAWTransportParameter* parameter) = 0;
-  // The connection has ended; nothing comes after this. 0: the peer closed in order; else an errno
-  // value (ECONNRESET: it died, or ended without reading all and had sent nothing or no more time
-  // to linger; ETIMEDOUT: nothing was heard from it, see AW_OPT_SILENCE_LIMIT) or an AWResult.
+  // The connection has ended; nothing comes after this. 0: the peer closed, or its process died
+  // with nothing unread; who must know which lets the peer say goodbye. Else an errno value
+  // (ECONNRESET: it ended without reading all and had sent nothing or no more time to linger, or
+  // its machine started anew; ETIMEDOUT: nothing was heard from it, see AW_OPT_SILENCE_LIMIT) or an
+  // AWResult.
   virtual void OnDisconnect(long reason, IAWTransport* transport) = 0;
   virtual ~IAWTransportSink() = default;
 };
