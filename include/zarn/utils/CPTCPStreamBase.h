@@ -61,6 +61,9 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   // as it is.
   void OnReceive(keelbase::CAWMessageBlock& data, ptcp::IAWPseudoTCPTransport* transport,
                  ptcp::CAWPseudoTCPTransportParameter* parameter) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSend(ptcp::IAWPseudoTCPTransport* transport,
               ptcp::CAWPseudoTCPTransportParameter* parameter) override;
 
@@ -129,7 +132,8 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   const keelbase::CAWInetAddr* GetPeerAddr() const { return &peerAddr_; }
   const keelbase::CAWInetAddr* GetLocalAddr() const { return &localAddr_; }
 
-  // Bytes that SendMessage accepted and the transport has not taken yet.
+  // Bytes that SendMessage accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }

@@ -54,6 +54,9 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   void OnSSLDataReceive(keelbase::CAWMessageBlock& data,
                         sslutils::IAWSSLTransport* transport) override;
   void OnSSLDisconnect(long reason, sslutils::IAWSSLTransport* transport) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSSLDataSend(sslutils::IAWSSLTransport* transport) override;
 
   // Ends a connect and a connection, without upcall. On the session's thread, unless there is
@@ -154,7 +157,8 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   const keelbase::CAWInetAddr* GetPeerAddr() const { return &peerAddr_; }
   const keelbase::CAWInetAddr* GetLocalAddr() const { return &localAddr_; }
 
-  // Bytes that SendMessage accepted and the transport has not taken yet.
+  // Bytes that SendMessage accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }

@@ -59,7 +59,11 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   // Bytes of a transport that is not the current one are ignored.
   void OnReceive(keelbase::CAWMessageBlock& data, fipc::IAWIPCTransport* transport,
                  fipc::CAWIPCTransportParameter* parameter) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSend(fipc::IAWIPCTransport* transport, fipc::CAWIPCTransportParameter* parameter) override;
+
   void OnDisconnect(long reason, fipc::IAWIPCTransport* transport) override;
 
   // Ends a connect and a connection like Close(0), without upcall. On the stream's thread, unless
@@ -152,7 +156,8 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   const keelbase::CAWIPCAddr& GetPeerAddr() const { return peerAddr_; }
   const keelbase::CAWIPCAddr& GetLocalAddr() const { return localAddr_; }
 
-  // Bytes that SendMsg accepted and the transport has not taken yet.
+  // Bytes that SendMsg accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }

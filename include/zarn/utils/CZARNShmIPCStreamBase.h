@@ -51,8 +51,12 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   // Takes the bytes of any transport.
   void OnReceive(keelbase::CAWMessageBlock& data, fshmipc::IAWShmIPCTransport* transport,
                  fshmipc::CAWShmIPCTransportParameter* parameter) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSend(fshmipc::IAWShmIPCTransport* transport,
               fshmipc::CAWShmIPCTransportParameter* parameter) override;
+
   void OnDisconnect(long reason, fshmipc::IAWShmIPCTransport* transport) override;
 
   // Ends a connect and a connection like Close(0), without upcall. On the stream's thread, unless
@@ -139,7 +143,8 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   const fshmipc::CAWShmIPCAddr& GetPeerAddr() const { return peerAddr_; }
   const fshmipc::CAWShmIPCAddr& GetLocalAddr() const { return localAddr_; }
 
-  // Bytes that SendMsg accepted and the transport has not taken yet.
+  // Bytes that SendMsg accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }

@@ -58,6 +58,9 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   // Also called when this side ends the connection from inside the receive path. Drops what was
   // received and queued, and calls OnPeerDisconnect.
   void OnSSLDisconnect(long reason, sslutils::IAWSSLTransport* transport) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSSLDataSend(sslutils::IAWSSLTransport* transport) override;
 
   // Ends the connection like Disconnect(0). On the stream's thread, unless it has had no connection
@@ -126,7 +129,8 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   const keelbase::CAWInetAddr* GetPeerAddr() const { return &peerAddr_; }
   const keelbase::CAWInetAddr* GetLocalAddr() const { return &localAddr_; }
 
-  // Bytes that SendSSLMessage accepted and the transport has not taken yet.
+  // Bytes that SendSSLMessage accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }

@@ -62,7 +62,11 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
   // The block is left as it is.
   void OnReceive(keelbase::CAWMessageBlock& data, wface::IAWTransport* transport,
                  wface::CAWTransportParameter* parameter) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSend(wface::IAWTransport* transport, wface::CAWTransportParameter* parameter) override;
+
   void OnDisconnect(long reason, wface::IAWTransport* transport) override;
 
   // Ends a connect and a connection like Close(0), without upcall. On the session's thread, unless
@@ -159,7 +163,8 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
   const keelbase::CAWInetAddr* GetPeerAddr() const { return &peerAddr_; }
   const keelbase::CAWInetAddr* GetLocalAddr() const { return &localAddr_; }
 
-  // Bytes that SendMsg accepted and the transport has not taken yet.
+  // Bytes that SendMsg accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }

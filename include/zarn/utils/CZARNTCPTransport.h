@@ -57,6 +57,9 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   // as it is.
   void OnReceive(keelbase::CAWMessageBlock& data, wface::IAWTransport* transport,
                  wface::CAWTransportParameter* parameter) override;
+
+  // There is room again for what waits in the send queue, and this sends of it. A sender that holds
+  // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSend(wface::IAWTransport* transport, wface::CAWTransportParameter* parameter) override;
 
   // The transport stays until Disconnect or SetTransportHandle, what was received and queued until
@@ -132,7 +135,8 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   const keelbase::CAWInetAddr* GetPeerAddr() const { return &peerAddr_; }
   const keelbase::CAWInetAddr* GetLocalAddr() const { return &localAddr_; }
 
-  // Bytes that SendMsg accepted and the transport has not taken yet.
+  // Bytes that SendMsg accepted and the transport has not taken yet. What was given to
+  // CAWThread::Post and has not run is not among them.
   std::size_t GetSendQueueLength() const { return sendQueue_.GetLength(); }
 
   const CZARNStreamCounters& GetCounters() const { return counters_; }
