@@ -31,7 +31,7 @@ namespace zarn::utils {
 // A subclass that overrides OnConnected, OnPeerDisconnect, OnClose, OnRcvBufferOverFlow or Close
 // calls this class's version first: it keeps the state and the timer. OnConnectFailure is called
 // for every attempt that fails within its second, so about once a second while the peer is away,
-// and does nothing.
+// and does nothing; OnPeerDisconnect for a connection that has ended only.
 //
 // A message is delivered whole, in order and at most once; what was under way when a connection
 // ended may be lost. Nothing is exchanged on connecting: no greeting, no registration.

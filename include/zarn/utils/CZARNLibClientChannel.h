@@ -29,7 +29,9 @@ namespace zarn::utils {
 //
 // A subclass that overrides OnConnected, OnPeerDisconnect, OnRcvBufferOverFlow or Close calls this
 // class's version first: it keeps the state and the timer. OnPeerDisconnect is called for every
-// attempt that fails within its second, so about once a second while the peer is away.
+// attempt that fails within its second, so about once a second while the peer is away. Asked before
+// this class's version, IsConnected() is true there for a connection that was lost, and false for
+// an attempt that failed (and for a connection that was closed inside OnZARNMessage).
 //
 // A message is delivered whole, in order and at most once; what was under way when a connection
 // ended may be lost. Nothing is exchanged on connecting: no greeting, no registration.
