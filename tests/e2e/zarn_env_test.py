@@ -30,7 +30,9 @@ class Env(ToolTest):
 
     def test_missing_system_is_wrong(self):
         (self.root / "system").rmdir()
-        self.assertEqual(self.directories(1)["system"]["state"], "wrong")
+        found = self.directories(1)["system"]
+        self.assertEqual((found["state"], found["detail"]),
+                         ("wrong", f"missing: make it with '(umask 077; mkdir -p {self.root}/system)'"))
 
     def test_too_open_is_wrong(self):
         self.make_ipc()

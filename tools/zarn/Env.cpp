@@ -45,11 +45,12 @@ struct Finding {
   std::string detail;  // what is wrong and what to do, or what a missing one means
 };
 
-Finding ExamineMissing(const Directory& directory, int error) {
+Finding ExamineMissing(const Directory& directory, const std::string& path, int error) {
   if (error != ENOENT) return {"wrong", std::strerror(error)};
   switch (directory.need) {
     case Directory::needed:
-      return {"wrong", "missing: make it with '(umask 077; mkdir -p)'"};
+      return {"wrong",
+              fmt::format("missing: make it with '(umask 077; mkdir -p {})'", Escape(path))};
     case Directory::madeOnDemand:
       return {"missing", "made when it is needed"};
     case Directory::optional:
@@ -61,7 +62,7 @@ Finding ExamineMissing(const Directory& directory, int error) {
 // What others may change they can redirect, so nobody else may write to what endpoints live in.
 Finding Examine(const Directory& directory, const std::string& path) {
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0) return ExamineMissing(directory, errno);
+  if (::stat(path.c_str(), &status) != 0) return ExamineMissing(directory, path, errno);
   if (!S_ISDIR(status.st_mode)) return {"wrong", "not a directory"};
   std::vector<std::string> problems;
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
