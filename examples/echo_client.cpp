@@ -32,7 +32,8 @@ class EchoClient : public zarn::utils::CZARNLibClientChannel {
   // Also called for each attempt that fails, so about once a second while the peer is away.
   void OnPeerDisconnect(long reason) override {
     CZARNLibClientChannel::OnPeerDisconnect(reason);
-    std::printf("not connected: %s\n", keelbase::DescribeResult(reason).c_str());
+    const std::string why = reason == 0 ? "the peer has closed" : keelbase::DescribeResult(reason);
+    std::printf("not connected: %s\n", why.c_str());
     std::fflush(stdout);
   }
 

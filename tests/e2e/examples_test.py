@@ -50,6 +50,19 @@ class Examples(unittest.TestCase):
         self.assertEqual((server.returncode, output, errors), (0, "stopped\n", ""))
         self.assertEqual(os.listdir(os.path.join(self.root, "system/zarn/ipc")), [])
 
+    def test_client_whose_server_closes_says_so(self):
+        endpoints = os.path.join(self.root, "system/zarn/ipc")
+        os.makedirs(endpoints, 0o700)
+        with socket.socket(socket.AF_UNIX) as server:
+            server.bind(os.path.join(endpoints, "1_2"))
+            server.listen()
+            client = self.start("echo_client", "3", "4", "1", "2", "hello")
+            with server.accept()[0] as connection:
+                frame = connection.recv(17, socket.MSG_WAITALL)
+            self.assertEqual(frame[12:], b"hello")
+            self.assertEqual(client.stdout.readline(), "connected\n")
+            self.assertEqual(client.stdout.readline(), "not connected: the peer has closed\n")
+
     def test_shared_memory_carries_the_same_messages(self):
         server = self.start("shm_echo", "serve", "1", "2")
         self.assertEqual(server.stdout.readline(), "listening\n")

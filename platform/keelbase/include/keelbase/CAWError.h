@@ -19,7 +19,9 @@ inline constexpr AWResult AW_ERROR_NOT_FOUND = 10011;
 inline constexpr AWResult AW_ERROR_NOT_AVAILABLE = 10012;
 inline constexpr AWResult AW_ERROR_PARTIAL_DATA = 10013;  // a send taken in part, OnSend follows
 
-// A text for people: of a code above, or of an errno value ("Connection refused"). Any thread.
+// A text for people: of a code above, or of an errno value ("Connection refused"). Of 0 it is
+// "Success": as the reason of a disconnect 0 says that the peer has closed, so ask for it first.
+// Any thread.
 KEELBASE_API CAWString DescribeResult(long reason);
 
 }  // namespace keelbase
