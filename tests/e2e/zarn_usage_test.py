@@ -59,12 +59,22 @@ class Usage(ToolTest):
             self.assert_wrong_usage(subcommand)
 
     def test_wrong_subcommand_is_named(self):
-        for arguments in (["pnig"], ["--jsno"], ["ipc://1_2"], ["db", "x", "pnig"], ["kv", "x", "pnig"],
-                          ["shm", "pnig"]):
+        for arguments in (["pnig"], ["ipc://1_2"], ["db", "x", "pnig"], ["kv", "x", "pnig"], ["shm", "pnig"]):
             result = self.run_tool(*arguments)
             self.assertEqual(result.returncode, 2)
-            self.assertIn(f"'{arguments[-1]}' is not a subcommand", result.stderr)
+            self.assertIn(f"zarn: '{arguments[-1]}' is not a subcommand\n", result.stderr)
+        for arguments in (["--versoin"], ["db", "x", "--jsno"]):
+            self.assertIn(f"zarn: unknown option '{arguments[-1]}'\n", self.run_tool(*arguments).stderr)
         self.assertIn("A subcommand is required", self.run_tool("db", "x").stderr)
+
+    def test_wrong_usage_ends_with_the_help_of_the_subcommand(self):
+        for help_of, *arguments in (("zarn", "pnig"), ("zarn",), ("zarn send", "send", "1_2", "--data", "x"),
+                                    ("zarn send", "send", "ipc://1_2"), ("zarn ls", "ls", "--jsno"),
+                                    ("zarn send", "send", "ipc://1_2", "--data="), ("zarn db", "db", "x", "pnig"),
+                                    ("zarn db FILE set", "db", "x", "set"), ("zarn db FILE set", "db", "x", "set", "--hex=")):
+            lines = self.run_tool(*arguments).stderr.splitlines()
+            self.assertEqual(lines[1:], [f"zarn: see '{help_of} --help'"], arguments)
+            self.assertTrue(lines[0].startswith("zarn: "), arguments)
 
     def test_urls_that_are_none_are_wrong_usage(self):
         urls = ("1_2", "ipc:1_2", "ipc://", "ipc://1", "ipc://1_", "ipc://_2", "ipc://1_65536",
@@ -91,7 +101,7 @@ class Usage(ToolTest):
             result = self.run_tool(*arguments, option, value)
             self.assertEqual((result.returncode, result.stdout), (2, ""), option)
             self.assertEqual(result.stderr.splitlines()[0],
-                             f"{option}: '{value}' is not a number of seconds from {least} to {most}")
+                             f"zarn: {option}: '{value}' is not a number of seconds from {least} to {most}")
 
     def test_what_is_wrong_is_shown_escaped(self):
         for raw, shown in (("a\nb", "a\\nb"), ("\x1b[2J", "\\x1b[2J"), (b"\xff\xc3(", "\\xff\\xc3("),
@@ -103,8 +113,7 @@ class Usage(ToolTest):
                     ("db", "s.db", "set", "k", "--hex", "--hex: '{}' is not pairs of hex digits")):
                 result = self.run_tool(*arguments, raw)
                 self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
-                self.assertEqual(result.stderr, first_line.format(shown) +
-                                 "\nRun with --help for more information.\n")
+                self.assertEqual(result.stderr.splitlines()[0], "zarn: " + first_line.format(shown))
 
     def test_help_shows_no_default_that_would_be_refused(self):
         shown = self.run_tool("stat", "--help").stdout
@@ -123,8 +132,8 @@ class Usage(ToolTest):
             with self.subTest(arguments):
                 result = self.run_tool(arguments[0], "ipc://1_2", *arguments[1:])
                 self.assertEqual((result.returncode, result.stdout), (2, ""))
-                self.assertRegex(result.stderr, f"^-.*: '{re.escape(arguments[-1])}' is not a number"
-                                 "|^--sizes: '0x40' is not a number")
+                self.assertRegex(result.stderr, f"^zarn: -.*: '{re.escape(arguments[-1])}' is not a number"
+                                 "|^zarn: --sizes: '0x40' is not a number")
         self.serve("--echo", "--max-queue", "18446744073709551615")
         self.assertEqual(self.run_events("ping", "ipc://1_2", "-c", "010", "-i", "0")[-1]["sent"], 10)
         sizes = [event["size"] for event in self.run_events(
@@ -141,13 +150,13 @@ class Usage(ToolTest):
                                  ("--file", "kv", "s", "put", "k"), ("--file", "kv", "s", "get", "k")):
             result = self.run_tool(*arguments, name, "", cwd=self.root)
             self.assertEqual((result.returncode, result.stdout), (2, ""), (arguments, name))
-            self.assertTrue(result.stderr.startswith(f"{name}: must not be empty\n"), result.stderr)
+            self.assertTrue(result.stderr.startswith(f"zarn: {name}: must not be empty\n"), result.stderr)
         for name, *arguments in (("FILE", "log", ""), ("FILE", "db", "", "set", "k", "v"),
                                  ("DIR", "kv", "", "put", "k", "v"), ("TO", "db", "s.db", "export", ""),
                                  ("FROM", "db", "s.db", "import", "")):
             result = self.run_tool(*arguments, cwd=self.root)
             self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
-            self.assertTrue(result.stderr.startswith(f"{name}: must not be empty\n"), result.stderr)
+            self.assertTrue(result.stderr.startswith(f"zarn: {name}: must not be empty\n"), result.stderr)
         self.assertEqual(os.listdir(self.root), ["system"], "nothing was made")
 
     def test_what_follows_an_option_without_its_value_is_not_taken_for_it(self):
@@ -163,7 +172,7 @@ class Usage(ToolTest):
                                     "--setting=", "--json")):
             result = self.run_tool(*arguments, cwd=self.root)
             self.assertEqual((result.returncode, result.stdout), (2, ""), arguments)
-            self.assertTrue(result.stderr.startswith(f"{option}: has no value after '='\n"), result.stderr)
+            self.assertTrue(result.stderr.startswith(f"zarn: {option}: has no value after '='\n"), result.stderr)
         self.assertEqual(sorted(os.listdir(self.root)), ["s", "system"])
         self.assertEqual(self.run_tool("kv", "s", "put", "--", "KEY=", "--file=", cwd=self.root).returncode, 0)
         self.assertEqual(self.run_tool("kv", "s", "get", "KEY=", cwd=self.root).stdout, "--file=\n")
@@ -192,7 +201,7 @@ class Usage(ToolTest):
                 result = self.run_tool(*command, *given)
                 self.assertEqual((result.returncode, result.stdout), (2, ""))
                 self.assertEqual(result.stderr.splitlines()[0],
-                                 f"Exactly 1 option from {wanted} is required{told}")
+                                 f"zarn: Exactly 1 option from {wanted} is required{told}")
         self.assert_wrong_usage("send", "ipc://1_2", "nodash")
 
     def test_an_empty_argument_too_many_is_wrong_usage_wherever_it_stands(self):

@@ -71,21 +71,6 @@ bool ParseAll(const std::string& text, Number& number) {
   return result.ec == std::errc() && result.ptr == end;
 }
 
-// After "--file=" the parser would take the next argument for the value.
-void RefuseCutOptions(const CLI::App& app, int argc, char** argv) {
-  const CLI::App* command = &app;
-  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
-    std::string name = argv[i];
-    const auto named = command->get_subcommands(
-        [&](const CLI::App* each) { return !name.empty() && each->get_name() == name; });
-    if (!named.empty()) command = named.front();
-    if (!name.starts_with("--") || !name.ends_with('=')) continue;
-    name.pop_back();
-    if (command->get_option_no_throw(name) != nullptr)
-      throw CLI::ValidationError(name, "has no value after '='");
-  }
-}
-
 // What stands before a subcommand on the command line: 'zarn db FILE set'.
 std::string PathOf(const CLI::App& command) {
   const CLI::App* parent = command.get_parent();
@@ -103,25 +88,50 @@ class HelpFormatter : public CLI::Formatter {
   }
 };
 
+// An argument that is wrong may hold anything.
+int RefuseUsage(const CLI::App& command, const std::string& problem) {
+  Complain("{}", Escape(problem));
+  Complain("see '{} --help'", PathOf(command));
+  return kUsage;
+}
+
+// After "--file=" the parser would take the next argument for the value. Gives the exit code.
+int RefuseCutOptions(const CLI::App& app, int argc, char** argv) {
+  const CLI::App* command = &app;
+  for (int i = 1; i < argc && std::string_view(argv[i]) != "--"; ++i) {
+    std::string name = argv[i];
+    const auto named = command->get_subcommands(
+        [&](const CLI::App* each) { return !name.empty() && each->get_name() == name; });
+    if (!named.empty()) command = named.front();
+    if (!name.starts_with("--") || !name.ends_with('=')) continue;
+    name.pop_back();
+    if (command->get_option_no_throw(name) != nullptr)
+      return RefuseUsage(*command, name + ": has no value after '='");
+  }
+  return kDone;
+}
+
 // Where a subcommand is missing, what stands in its place.
 std::string NameWrongSubcommand(const CLI::App& app, const CLI::Error& error) {
   const std::vector<std::string> words = app.remaining(true);
   const std::string missing = CLI::RequiredError::Subcommand(1).what();
   if (words.empty() || error.what() != missing) return error.what();
+  if (words.front().starts_with('-')) return fmt::format("unknown option '{}'", words.front());
   return fmt::format("'{}' is not a subcommand", words.front());
 }
 
-// An argument that is wrong may hold anything.
-std::string DescribeFailure(const CLI::App* app, const CLI::Error& error) {
-  const std::string text = Escape(NameWrongSubcommand(*app, error));
-  return CLI::FailureMessage::simple(app,
-                                     CLI::Error(error.get_name(), text, error.get_exit_code()));
+// The subcommand that the parser has come to.
+const CLI::App& GetChosen(const CLI::App& app) {
+  const std::vector<CLI::App*> chosen = app.get_subcommands();
+  return chosen.empty() ? app : GetChosen(*chosen.back());
 }
 
 // Prints the help or the version that was asked for, or what is wrong.
 int Explain(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() != 0)
+    return RefuseUsage(GetChosen(app), NameWrongSubcommand(app, error));
   std::ostringstream asked;
-  if (app.exit(error, asked) != 0) return kUsage;
+  app.exit(error, asked);
   std::string text = asked.str();
   text.pop_back();  // the output ends the line
   Output output(false);
@@ -142,7 +152,6 @@ int RunCommandLine(int argc, char** argv) {
       "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
-  app.failure_message(DescribeFailure);
   app.formatter(std::make_shared<HelpFormatter>());
 
   Action action;
@@ -158,8 +167,8 @@ int RunCommandLine(int argc, char** argv) {
   AddKv(app, action);
   AddShm(app, action);
   AddRest(app, action);
+  if (const int code = RefuseCutOptions(app, argc, argv); code != kDone) return code;
   try {
-    RefuseCutOptions(app, argc, argv);
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return Explain(app, error);
