@@ -2,9 +2,11 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <csignal>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -15,8 +17,8 @@ namespace zarn::tool {
 
 namespace {
 
-constexpr const char* kExitCodes =
-    "Exit codes: 0 done, 1 failed, 2 wrong usage, 3 peer not reachable within --timeout.";
+constexpr const char* kExitCodes = "Exit codes: 0 done, 1 failed, 2 wrong usage";
+constexpr const char* kUnreachableCode = ", 3 peer not reachable within --timeout";
 
 constexpr double kMaxSeconds = 1e6;
 
@@ -81,8 +83,33 @@ std::string PathOf(const CLI::App& command) {
   return path + " " + command.get_name();
 }
 
+std::string NameOf(const CLI::Option& option) {
+  return option.get_name() == kDash ? "-" : option.get_name();
+}
+
+// As "; needs --key"; nothing when there are no others.
+std::string NameOthers(const char* relation, const std::set<CLI::Option*>& others,
+                       const char* between) {
+  std::set<std::string> names;
+  for (const CLI::Option* other : others) names.insert(other->get_name());
+  if (names.empty()) return {};
+  return fmt::format("; {} {}", relation, fmt::join(names, between));
+}
+
 class HelpFormatter : public CLI::Formatter {
  public:
+  std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+    return isPositional ? NameOf(*option) : CLI::Formatter::make_option_name(option, false);
+  }
+  // What the parser adds of other options stands in the description.
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const std::string text = CLI::Formatter::make_option_opts(option);
+    return text.substr(0, std::min(text.find(" Needs:"), text.find(" Excludes:")));
+  }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    return option->get_description() + NameOthers("needs", option->get_needs(), " and ") +
+           NameOthers("not with", option->get_excludes(), " or ");
+  }
   std::string make_usage(const CLI::App* app, std::string /*name*/) const override {
     return CLI::Formatter::make_usage(app, PathOf(*app));
   }
@@ -149,7 +176,8 @@ int RunCommandLine(int argc, char** argv) {
                   "shared memory, both below the install root, which the environment "
                   "variable ZARN_ROOT names; tcp://host:7000 is a port over TCP, tls://host:7443 "
                   "one over TLS; ptcp:// and ptls:// are the same over pseudo-TCP.\n") +
-      "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes);
+      "'zarn SUBCOMMAND --help' shows its options and an example.\n" + kExitCodes +
+      kUnreachableCode + ".");
   app.set_version_flag("--version", "zarn " ZARN_VERSION);
   app.require_subcommand(1);
   app.formatter(std::make_shared<HelpFormatter>());
@@ -239,7 +267,11 @@ CLI::Validator IsNumber(std::uint64_t least, std::uint64_t most) {
             text = std::to_string(number);  // zeros before it would make it octal
             return std::string();
           },
-          most == kUnlimited ? "" : fmt::format("INT in [{} - {}]", least, most)};
+          ""};
+}
+
+std::string WithRange(const std::string& description, std::uint64_t least, std::uint64_t most) {
+  return most == kUnlimited ? description : fmt::format("{}, {} to {}", description, least, most);
 }
 
 CLI::Option& AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
@@ -263,15 +295,17 @@ void RequireOne(const CLI::App& command) {
   std::vector<std::string> names;
   std::size_t given = 0;
   for (const CLI::Option* option : command.get_options()) {
-    if (option->get_group() != kExactlyOne) continue;
-    names.push_back(option->get_name());
+    if (!option->get_group().starts_with(kExactlyOne)) continue;
+    names.push_back(NameOf(*option));
     if (option->count() != 0) ++given;
   }
   if (given != 1) throw CLI::RequiredError::Option(1, 1, given, CLI::detail::join(names));
 }
 
 void SetExamples(CLI::App& command, const std::string& examples) {
-  command.footer("Example:\n" + examples + "\n" + kExitCodes);
+  const bool waits = command.get_option_no_throw("--timeout") != nullptr;
+  command.footer("Example:\n" + examples + "\n" + kExitCodes + (waits ? kUnreachableCode : "") +
+                 ".");
 }
 
 void AddClientOptions(CLI::App& command, ClientOptions& options) {

@@ -43,21 +43,26 @@ CLI::Validator IsNotEmpty();
 // Whole numbers, decimal also with zeros before them.
 constexpr std::uint64_t kUnlimited = UINT64_MAX;
 CLI::Validator IsNumber(std::uint64_t least, std::uint64_t most);
+std::string WithRange(const std::string& description, std::uint64_t least, std::uint64_t most);
 // `value` is a number, or a vector of them.
 template <class Value>
 CLI::Option& AddNumber(CLI::App& command, const std::string& name, Value& value,
                        std::uint64_t least, std::uint64_t most, const std::string& description) {
-  return *command.add_option(name, value, description)
+  return *command.add_option(name, value, WithRange(description, least, most))
               ->transform(IsNumber(least, most))
               ->type_name("N")
               ->capture_default_str();
 }
 CLI::Option& AddSeconds(CLI::App& command, const std::string& name, double& value, double least,
                         double most, const std::string& description);
-// Of the options in this group exactly one must be given, which RequireOne looks at when all has
-// been parsed. The parser's own option groups take an empty argument for the name of a subcommand,
-// theirs.
+// Of the options in a group that begins so exactly one must be given, which RequireOne looks at
+// when all has been parsed. The parser's own option groups take an empty argument for the name of a
+// subcommand, theirs.
 constexpr const char* kExactlyOne = "Exactly one of these";
+constexpr const char* kExactlyOneOrDash = "Exactly one of these, or '-'";
+constexpr const char* kExactlyOneOrValue = "Exactly one of these, or VALUE";
+// The name for the parser, which takes no other, of an argument that can only be '-'.
+constexpr const char* kDash = "DASH";
 void RequireOne(const CLI::App& command);
 void SetExamples(CLI::App& command, const std::string& examples);
 

@@ -199,30 +199,29 @@ void AddSend(CLI::App& app, Action& action) {
   AddNumber(command, "--tag", options->tag, 0, 4294967295, "tag of the messages");
   auto* data = command.add_option("--data", options->data, "send this text")
                    ->type_name("TEXT")
-                   ->group(kExactlyOne);
+                   ->group(kExactlyOneOrDash);
   auto* file =
       command
           .add_option("--file", options->file, "send what the file holds; '-' is standard input")
           ->check(IsNotEmpty())
           ->type_name("FILE")
-          ->group(kExactlyOne);
-  command.add_option("lines", options->lines, "'-': send each line of standard input as a message")
-      ->check(CLI::Validator(
-          [](const std::string& text) {
-            return text == "-" ? std::string()
-                               : "what is sent stands in --data TEXT or --file FILE, or is '-' for "
-                                 "the lines of standard input; '" +
-                                     text + "' is none of these";
-          },
-          ""))
-      ->group(kExactlyOne);
+          ->group(kExactlyOneOrDash);
+  auto* lines =
+      command.add_option(kDash, options->lines, "send each line of standard input as a message")
+          ->type_name("")
+          ->group(kExactlyOneOrDash);
   AddNumber(command, "--replies", options->replies, 0, kUnlimited,
             "wait for that many answers and print them");
   command.add_flag("--full", options->full, "print long answers in full");
   SetExamples(command,
               "  zarn send ipc://1_2 --type 7 --data hello --replies 1\n"
               "  tail -f some.log | zarn send ipc://1_2 --as 3_4 --type 7 -");
-  command.callback([options, data, file, &command, &action] {
+  command.callback([options, data, file, lines, &command, &action] {
+    if (lines->count() != 0 && options->lines != "-")
+      throw CLI::ValidationError(
+          "what is sent stands in --data TEXT or --file FILE, or is '-' for the lines of standard "
+          "input; '" +
+          options->lines + "' is none of these");
     RequireOne(command);
     action = [options, hasData = data->count() != 0, hasFile = file->count() != 0] {
       return RunSend(*options, hasData, hasFile);

@@ -205,7 +205,7 @@ void AddServe(CLI::App& app, Action& action) {
   AddServerSecurity(command, options->endpoint);
   command.add_flag("--echo", options->echo, "send each message back to its sender");
   AddNumber(command, "--max-queue", options->maxQueue, 0, kUnlimited,
-            "with --echo: drop a client for which more than that waits")
+            "drop a client for which more than that waits")
       .type_name("BYTES")
       ->needs("--echo");
   command.add_flag("--full", options->full, "print long messages in full");

@@ -62,16 +62,16 @@ void AddKey(CLI::App& command, KeyOptions& key) {
 
 void AddValue(CLI::App& command, ValueOptions& value) {
   command.add_option("VALUE", value.text, "the value, a text, unless --hex or --file gives it")
-      ->group(kExactlyOne);
+      ->group(kExactlyOneOrValue);
   command.add_option("--hex", value.hex, "the value as hex digits, two for each byte")
       ->type_name("HEX")
       ->check(IsHex())
-      ->group(kExactlyOne);
+      ->group(kExactlyOneOrValue);
   command
       .add_option("--file", value.file, "the value is what the file holds; '-' is standard input")
       ->check(IsNotEmpty())
       ->type_name("FILE")
-      ->group(kExactlyOne);
+      ->group(kExactlyOneOrValue);
   command.parse_complete_callback([&command] { RequireOne(command); });
 }
 
