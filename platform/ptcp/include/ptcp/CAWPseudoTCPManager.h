@@ -16,9 +16,10 @@ namespace ptcp {
 //
 // Threads: used on the thread that made it when that is a platform thread, else from one thread at
 // a time; callbacks come on that platform thread, else on the network thread. References may be
-// dropped on any thread. Releasing the last reference cancels or stops: no indication begins after
-// it. One that is just running is waited for, and nobody else. A thread that has a loop does not
-// wait, since the callback may be waiting for it: one may still begin or end a moment later; to be
+// dropped on any thread. Releasing the last reference cancels or stops. On the thread of the
+// callbacks, and on a thread without a loop, no indication begins after it, and the latter waits
+// for one that is just running, and for nothing else. Another thread with a loop does not wait,
+// since the callback may be waiting for it: there one may still begin or end a moment later; to be
 // sure, let go in a Call on the thread of the callbacks. An acceptor that is released on another
 // thread than that of its callbacks gives its port up a moment later; StopListen waits for that.
 class PTCP_API IAWPseudoTCPAcceptorConnectorId {
