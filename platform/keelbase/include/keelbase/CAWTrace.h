@@ -25,9 +25,11 @@ class KEELBASE_API IAWTraceManager {
   // Replaces the sink; an empty function restores the default one, which writes level 0 to standard
   // error and limits the rate of repeats: of one text at most five lines a second, the rest counted
   // in one line; what is beyond 16 texts in a second counts as one text, "other texts". The sink
-  // runs on the thread that traces, one call at a time, while the operation that traces may hold a
-  // lock: it must not trace itself, nor call what other threads are in, nor end the process with
-  // exit(). It may replace itself, which happens when it returns.
+  // runs on the thread that traces, one call at a time, while the operation that traces may hold
+  // locks of the libraries: it must not wait for another thread, call what may be busy with such an
+  // operation (streams, managers, stores), nor end the process with exit(). It may write to a file
+  // and to the log (ZARNLogger), and replace itself, which happens when it returns. What it traces
+  // itself is dropped.
   virtual void SetSink(Sink sink) = 0;
 
  protected:
