@@ -226,6 +226,12 @@ class Merge(LogTest):
                          [("one       | ", "a"), ("two_debug | ", "c"), ("two_debug | ", "d"),
                           ("one       | ", "b"), ("two_debug | ", "e")])
 
+    def test_a_dash_is_standard_input(self):
+        other = self.write("other.log", line(1, text="from a file"))
+        result = self.run_tool("log", "--no-name", "-", other, input=line(0) + line(2))
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertEqual(result.stdout, line(0) + line(1, text="from a file") + line(2))
+
     def test_files_of_one_name_bear_their_paths(self):
         (self.logs / "x").mkdir()
         first = self.write("a.log", line(0))
@@ -503,7 +509,7 @@ class Follow(LogTest):
         self.assertEqual(running.end(), 0)
 
     def test_standard_input_that_says_nothing_does_not_keep_it(self):
-        running = self.start("log", "--follow", "/dev/stdin", stdin=subprocess.PIPE)
+        running = self.start("log", "--follow", "-", stdin=subprocess.PIPE)
         for second in (0, 1):
             running.process.stdin.write(line(second).encode())
             running.process.stdin.flush()

@@ -259,6 +259,8 @@ void AddFilterOptions(CLI::App& command, const std::shared_ptr<LogOptions>& opti
 }
 
 void FinishOptions(LogOptions& options) {
+  std::replace(options.paths.begin(), options.paths.end(), std::string("-"),
+               std::string("/dev/stdin"));
   const Micros now = GetNow();
   options.filter.since = ParseTimeOption(options.since, now);
   options.filter.until = ParseTimeOption(options.until, now);
@@ -272,8 +274,10 @@ void AddLog(CLI::App& app, Action& action) {
   CLI::App& command =
       *app.add_subcommand("log", "show lines of log files, several files merged by time");
   command
-      .add_option("FILE", options->paths,
-                  "log files; all *.log of the logs directory of the root unless given")
+      .add_option(
+          "FILE", options->paths,
+          "log files, '-' for standard input; all *.log of the logs directory of the root unless "
+          "given")
       ->check(IsNotEmpty());
   command.add_flag("-f,--follow", options->follow,
                    "go on with lines to come, also of files that are begun anew or come later");
