@@ -383,6 +383,15 @@ class Stat(ToolTest):
                          (1, f"zarn: '{self.stat}': Device or resource busy\n"))
         self.assertEqual(os.listdir(self.stat), ["4711"])
 
+    def test_a_process_that_is_not_there_is_told_from_one_that_shows_nothing(self):
+        gone = subprocess.Popen(["true"])
+        gone.wait()
+        for process, why in ((gone.pid, "there is no such process"),
+                             (os.getpid(), "it does not show its metrics (it must call ZARNEnableMetrics)")):
+            result = self.run_tool("stat", str(process))
+            self.assertEqual((result.returncode, result.stdout, result.stderr),
+                             (3, "", f"zarn: process {process}: {why}\n"))
+
     def test_one_who_cannot_be_reached_is_3_and_nonsense_is_2(self):
         for target in ("1", "1_2"):
             self.assertEqual(self.run_tool("stat", target).returncode, 3)

@@ -9,11 +9,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "Descriptor.h"
 #include "Interruption.h"
 #include "MetricsAnswer.h"
+#include "Root.h"
 
 namespace zarn::tool {
 
@@ -48,6 +50,11 @@ int ConnectToMetrics(int fd, const std::string& path) {
   return ::connect(fd, name, sizeof address) == 0 ? 0 : errno;
 }
 
+const char* WhyNobodyAnswers(pid_t process) {
+  if (::kill(process, 0) != 0 && errno == ESRCH) return "there is no such process";
+  return "it does not show its metrics (it must call ZARNEnableMetrics)";
+}
+
 std::string ReadMetrics(int fd, MetricsClock::time_point deadline, std::string& answer) {
   char part[65536];
   for (;;) {
@@ -64,14 +71,13 @@ std::string ReadMetrics(int fd, MetricsClock::time_point deadline, std::string& 
 }  // namespace
 
 // One who asks too often is turned away without a word, and asks again.
-std::string AskForMetrics(const std::string& path, MetricsClock::time_point deadline,
-                          std::string& answer) {
+std::string AskForMetrics(pid_t process, MetricsClock::time_point deadline, std::string& answer) {
+  const std::string path = GetEndpointDirectory("stat") + "/" + std::to_string(process);
   for (;;) {
     const Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!fd) return std::strerror(errno);
     const int error = ConnectToMetrics(fd.Get(), path);
-    if (error == ECONNREFUSED || error == ENOENT)
-      return "it does not show its metrics (it must call ZARNEnableMetrics)";
+    if (error == ECONNREFUSED || error == ENOENT) return WhyNobodyAnswers(process);
     if (error != 0 && error != EAGAIN) return std::strerror(error);
     answer.clear();
     if (error == 0) {

@@ -90,9 +90,8 @@ int AskOne(const StatOptions& options, ProcessMetrics& asked) {
           ? steady_clock::time_point::max()
           : steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(
                                       std::chrono::duration<double>(options.timeout));
-  const std::string path = GetEndpointDirectory("stat") + "/" + std::to_string(asked.process);
   std::string answer;
-  std::string problem = AskForMetrics(path, deadline, answer);
+  std::string problem = AskForMetrics(asked.process, deadline, answer);
   int code = kUnreachable;
   if (problem.empty()) {
     problem = ParseMetrics(answer, asked);
