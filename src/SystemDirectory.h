@@ -5,8 +5,7 @@
 
 namespace zarn::utils {
 
-// GetZARNRootSystem(). When it is empty a trace line says why: the callers answer 10001, which does
-// not.
+// GetZARNRootSystem(). When that is empty a trace line says why, since the callers' 10001 does not.
 keelbase::CAWString DemandSystemDirectory();
 
 }  // namespace zarn::utils

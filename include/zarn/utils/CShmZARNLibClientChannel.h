@@ -43,9 +43,9 @@ namespace zarn::utils {
 //
 // Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
 // more; the connection stays until the peer ends it or the owner calls OnClose. The same when more
-// than 1 MiB stands unconsumed. The next attempt takes the place of one that is still under way,
-// which is not told. Two turns of the peer's loop go into an attempt: one whose turns take longer
-// than about half a second is not reached. Each connection takes 4 MiB of memory
+// than 1 MiB stands unconsumed. An attempt that has not ended within its second is replaced by the
+// next one, without an upcall. It takes two turns of the peer's loop, so a peer whose turns take
+// longer than about half a second is not reached. Each connection takes 4 MiB of memory
 // (AW_OPT_RING_SIZE).
 class ZARNUTILS_API CShmZARNLibClientChannel : public CZARNShmIPCStreamBase,
                                                public keelbase::CAWTimerWrapperIDSink {

@@ -43,8 +43,8 @@ namespace zarn::utils {
 //
 // Limits: a peer that sends a malformed frame costs a few trace lines and is not read from any
 // more; the connection stays until the peer ends it or the owner calls OnClose. The same when more
-// than 1 MiB stands unconsumed. The next attempt takes the place of one that is still under way,
-// which is not told: that of a peer whose queue of those who wait to be accepted is full.
+// than 1 MiB stands unconsumed. An attempt that has not ended within its second (the peer's accept
+// queue is full) is replaced by the next one, without an upcall.
 class ZARNUTILS_API CZARNLibClientChannel : public CZARNIPCStreamBase,
                                             public keelbase::CAWTimerWrapperIDSink {
  public:

@@ -12,7 +12,7 @@ namespace ptcp {
 // ngtcp2, whose assertions can be reached by ids that are withdrawn in an order of a peer's choice.
 bool AreOurFrames(Bytes frames);
 
-// What `frames`, which are such, bear of the stream: all stretches that are not empty.
+// Visits the stretches of the stream, but for empty ones, in frames that AreOurFrames has passed.
 void ForEachStretch(Bytes frames,
                     const std::function<void(std::uint64_t begin, std::uint64_t end)>& visit);
 

@@ -349,7 +349,7 @@ void PtcpConnection::CountAndSend(Bytes datagram) {
   host_.SendDatagram(datagram);
 }
 
-// The id of the peer's end follows the first byte of short packets, and version and length of long.
+// In short packets the peer's id follows the first byte, in long ones the version and its length.
 bool PtcpConnection::MayHaveSent(Bytes packet) const {
   if (dead_ || packet.empty()) return false;
   const ngtcp2_cid& id = *ngtcp2_conn_get_dcid(conn_);

@@ -88,8 +88,7 @@ class PtcpConnection {
   void Close(bool inOrder, Time now);
   void Fail(int reason);  // without telling anybody
 
-  // Whether what `packet` begins with is what the peer's address and ids make our packets begin
-  // with.
+  // Whether `packet`, or the start of one, is addressed to the peer's id, as all of ours are.
   bool MayHaveSent(Bytes packet) const;
 
   // The keys of our packets.

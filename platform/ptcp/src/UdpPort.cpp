@@ -161,7 +161,7 @@ bool UdpPort::ReadOnce(Time now) {
   try {
     keelbase::CAWMessageBlock& block = loop_.Buffers().TakeReadBlock();
     UdpSocket::Received received;
-    // An error that waited for us has been taken by that; there may be datagrams behind it.
+    // The error may be a report on a datagram that we sent; there may be datagrams behind it.
     if (const int error =
             socket_.Read({block.GetWritePtr(), keelbase::internal::kReadSize}, received);
         error != 0)

@@ -150,8 +150,8 @@ int UdpSocket::ReadError(std::span<char> room, NetworkError& error) const {
   return 0;
 }
 
-// What the network says of any earlier datagram, whoever that was for, comes back instead of
-// sending this one, and is gone then. Only these two are never such a message.
+// The network's report on an earlier datagram, to whatever peer, may be the result of this call,
+// which then has sent nothing: another try does. EAGAIN and ENOBUFS are never such a report.
 int UdpSocket::Write(const Path& path, Bytes data, std::size_t segment) {
   sockaddr_in to{};
   std::memcpy(&to, path.peer.GetPtr(), sizeof to);

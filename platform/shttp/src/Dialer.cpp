@@ -85,7 +85,7 @@ std::string WithoutLastDot(const std::string& host) {
   return host.back() == '.' ? host.substr(0, host.size() - 1) : host;
 }
 
-// The system says of a machine without a free port what is said of names here.
+// EADDRNOTAVAIL stands for a name that is not found here; the system means a lack of free ports.
 long ReasonOf(long reason) { return reason == EADDRNOTAVAIL ? EADDRINUSE : reason; }
 
 int ErrorOf(AWResult result) {

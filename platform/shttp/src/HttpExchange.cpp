@@ -224,8 +224,8 @@ void HttpExchange::OnBytes(CAWMessageBlock& chain) {
   if (reader_->IsWhole()) Finish(reader_->GetStatus());
 }
 
-// Linux tells of a reset that comes behind the peer's end by EPIPE: what the peer had to say is
-// whole then. Over TLS only the peer's own word says so.
+// Linux reports a reset that follows the peer's end as EPIPE: all that the peer sent has arrived
+// then. Over TLS only the peer's closing alert proves that.
 void HttpExchange::OnEnd(long reason) {
   const bool peerEnded = reason == 0 || (reason == EPIPE && !url_.tls);
   if (!peerEnded) return Finish(ResultOfEnd(reason));

@@ -17,7 +17,7 @@ namespace shttp {
 
 class HttpChannel;
 
-// What LoopObject makes a counted object of.
+// The reference count, as an interface: LoopObject implements it.
 class Counted {
  public:
   virtual std::uint32_t AddReference() = 0;

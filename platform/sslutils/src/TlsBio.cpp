@@ -25,7 +25,7 @@ BIO_METHOD* TlsBio::Method() {
   return method;
 }
 
-// Without a number of its own, which nobody asks for.
+// It needs no type number of its own: nobody looks for a BIO by its type.
 BIO_METHOD* TlsBio::MakeMethod() {
   BIO_METHOD* const made = BIO_meth_new(BIO_TYPE_SOURCE_SINK, "transport");
   if (made == nullptr) return nullptr;

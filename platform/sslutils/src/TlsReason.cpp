@@ -49,7 +49,7 @@ unsigned long TakeError() {
   return taken;
 }
 
-// 0 for what tells nothing more than that it has failed.
+// 0 for an error that tells no more than that something has failed.
 long ReasonOfError(unsigned long error) {
   if (IsNoMemory(error)) return ENOMEM;
   if (ERR_GET_LIB(error) != ERR_LIB_SSL) return 0;
@@ -76,7 +76,7 @@ long ReasonOfError(unsigned long error) {
   }
 }
 
-// An alert of the peer is a byte, which OpenSSL counts from here on.
+// OpenSSL's code for an alert of the peer is that offset plus the byte of the alert.
 bool IsAlert(unsigned long error) {
   const int alert = ERR_GET_REASON(error) - SSL_AD_REASON_OFFSET;
   return ERR_GET_LIB(error) == ERR_LIB_SSL && alert >= 0 && alert <= 255;

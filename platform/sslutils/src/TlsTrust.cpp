@@ -58,8 +58,8 @@ AWResult MakeStore(const Certificates& added, StorePtr& out) {
       result = ENOMEM;
   }
   ERR_clear_error();
-  // Whoever gives a certificate means that one, whether or not it has signed itself. A system's are
-  // taken as OpenSSL takes them, unless some are given: a store knows one rule for all.
+  // A certificate that was given is trusted although another one may have signed it. The flag holds
+  // for the whole store, so then also for the system's certificates.
   if (result == AW_OK && !added.empty())
     X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
   if (result == AW_OK) out = std::move(store);

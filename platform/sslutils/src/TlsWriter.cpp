@@ -23,7 +23,7 @@ namespace {
 
 static_assert(kRecordSize == SSL3_RT_MAX_PLAIN_LENGTH);
 
-// Of what waits for room below.
+// While so many encrypted bytes wait for room below, the writer is full.
 constexpr std::size_t kMaxRest = 2 * kRecordSize;
 
 }  // namespace
@@ -109,12 +109,10 @@ void TlsWriter::WriteEnd() {
 
 // --- records ---
 
-// Takes all, always: OpenSSL would have to be given the same record again, and ends the connection
-// when the peer asks for new keys in between. When writing has failed, what comes is dropped, and
-// what the peer has sent can still be read: OpenSSL reads nothing behind a request for new keys
-// that it cannot answer. What comes behind bytes that are lost is not written: the peer must see
-// that they are missing. Nothing follows our end, as OpenSSL's answers would to a peer that goes
-// on.
+// Never refuses a record: OpenSSL would want to write the same one again, and would end the
+// connection if the peer asked for new keys in between. What comes after a failure is dropped: the
+// peer must see that bytes are missing, but OpenSSL reads on only as long as its answers are taken.
+// After our end its answers to a peer that goes on are dropped too.
 void TlsWriter::WriteBelow(const char* data, std::size_t length, bool keep) {
   if (error_ != 0 || ended_) return;
   CAWMessageBlock block(data, length, CAWMessageBlock::borrow);
@@ -131,7 +129,8 @@ void TlsWriter::WriteBelow(const char* data, std::size_t length, bool keep) {
 bool TlsWriter::SendBelow(CAWMessageBlock& chain) {
   const AWResult result = lower_.Send(chain);
   if (result == AW_OK || result == AW_ERROR_PARTIAL_DATA) return true;
-  // That it has ended the transport below tells; that it finds no memory it does not.
+  // AW_ERROR_FAILURE is a lack of memory, of which only this call tells. Any other error is the end
+  // of the transport below, which tells that itself.
   if (result == AW_ERROR_FAILURE) {
     Fail(static_cast<long>(result));
   } else if (error_ == 0) {
@@ -172,7 +171,7 @@ std::uint64_t TlsWriter::Queued() const {
   return Gathered() + pending + rest_.GetLength() + lower.queuedBytes;
 }
 
-// Where much comes together, but not for each message.
+// Called where much may have come together: asking below costs too much for each message.
 void TlsWriter::NoteQueued() {
   counters_.queuedHighMark = std::max(counters_.queuedHighMark, Queued());
 }

@@ -90,7 +90,7 @@ int TcpConnector::StartConnect() {
   return AwaitConnect();
 }
 
-// On the same machine the peer has answered before connect returns, though that does not say so.
+// On the same machine the connection is there already, although connect has said EINPROGRESS.
 int TcpConnector::AwaitConnect() {
   if (GetEnds(socket_.Get(), ends_) == 0) return 0;
   const int refused = GetLoop().Watch(socket_.Get(), EPOLLOUT, *this);
