@@ -86,7 +86,7 @@ void CSSLPTCPSessionBase::OnSSLDisconnect(long reason, sslutils::IAWSSLTransport
 // --- receiving ---
 
 void CSSLPTCPSessionBase::OnSSLDataReceive(CAWMessageBlock& data, sslutils::IAWSSLTransport*) {
-  StreamSteps::ReceiveDuplicate(*this, data);
+  StreamSteps::ReceiveAndLeave(*this, data);
 }
 
 AWResult CSSLPTCPSessionBase::OnReceiveDirect(CAWMessageBlock& data) {

@@ -72,7 +72,7 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
                                    fipc::CAWIPCTransportParameter*) {
   if (transport != transport_.Get()) return;
   if (StreamSteps::IsPastStop(*this)) return;
-  const End end = OfferReceived(*this, StreamSteps::PartsOf(*this), data).end;
+  const End end = OfferAndAdvance(*this, StreamSteps::PartsOf(*this), data).end;
   if (end == End::kDestroyed || end == End::kReplaced) return;
   if (end != End::kNeedMore) {
     StreamSteps::DropConnector(*this);

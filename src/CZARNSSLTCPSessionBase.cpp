@@ -88,7 +88,7 @@ void CZARNSSLTCPSessionBase::OnSSLDisconnect(long reason, sslutils::IAWSSLTransp
 // --- receiving ---
 
 void CZARNSSLTCPSessionBase::OnSSLDataReceive(CAWMessageBlock& data, sslutils::IAWSSLTransport*) {
-  StreamSteps::ReceiveDuplicate(*this, data);
+  StreamSteps::ReceiveAndLeave(*this, data);
 }
 
 AWResult CZARNSSLTCPSessionBase::OnReceiveDirect(CAWMessageBlock& data) {

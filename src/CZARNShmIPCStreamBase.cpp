@@ -79,7 +79,7 @@ void CZARNShmIPCStreamBase::OnDisconnect(long reason, fshmipc::IAWShmIPCTranspor
 void CZARNShmIPCStreamBase::OnReceive(CAWMessageBlock& data, fshmipc::IAWShmIPCTransport*,
                                       fshmipc::CAWShmIPCTransportParameter*) {
   if (StreamSteps::IsPastStop(*this)) return;
-  const End end = OfferReceived(*this, StreamSteps::PartsOf(*this), data).end;
+  const End end = OfferAndAdvance(*this, StreamSteps::PartsOf(*this), data).end;
   switch (end) {
     case End::kDestroyed:
     case End::kReplaced:

@@ -73,7 +73,7 @@ void CZARNTCPSessionBase::OnDisconnect(long reason, wface::IAWTransport*) {
 
 void CZARNTCPSessionBase::OnReceive(CAWMessageBlock& data, wface::IAWTransport*,
                                     wface::CAWTransportParameter*) {
-  StreamSteps::ReceiveDuplicate(*this, data);
+  StreamSteps::ReceiveAndLeave(*this, data);
 }
 
 AWResult CZARNTCPSessionBase::OnReceiveDirect(CAWMessageBlock& data) {

@@ -89,8 +89,8 @@ ReceivePass OfferInPlace(Stream& stream, const ReceiveParts& parts,
 // another connection by then. The caller keeps the bytes of `data` while the handler runs, whatever
 // that does to the stream.
 template <class Stream>
-ReceivePass OfferDuplicate(Stream& stream, const ReceiveParts& parts,
-                           const keelbase::CAWMessageBlock& data) {
+ReceivePass OfferAndLeave(Stream& stream, const ReceiveParts& parts,
+                          const keelbase::CAWMessageBlock& data) {
   ReceivePass pass;
   const std::size_t length = data.GetChainedLength();
   if (length == 0) return pass;
@@ -115,10 +115,10 @@ ReceivePass OfferDuplicate(Stream& stream, const ReceiveParts& parts,
 
 // The same, and advances `data` over all of its bytes.
 template <class Stream>
-ReceivePass OfferReceived(Stream& stream, const ReceiveParts& parts,
-                          keelbase::CAWMessageBlock& data) {
+ReceivePass OfferAndAdvance(Stream& stream, const ReceiveParts& parts,
+                            keelbase::CAWMessageBlock& data) {
   const std::size_t length = data.GetChainedLength();
-  const ReceivePass pass = OfferDuplicate(stream, parts, data);
+  const ReceivePass pass = OfferAndLeave(stream, parts, data);
   if (pass.end != ReceivePass::End::kNoMemory) data.AdvanceChainedReadPtr(length);
   return pass;
 }

@@ -178,9 +178,9 @@ struct StreamSteps {
 
   // A receive event of the sessions, which leaves `data` as it is.
   template <class Stream>
-  static void ReceiveDuplicate(Stream& stream, const Block& data) {
+  static void ReceiveAndLeave(Stream& stream, const Block& data) {
     if (IsPastStop(stream)) return;
-    const End end = OfferDuplicate(stream, PartsOf(stream), data).end;
+    const End end = OfferAndLeave(stream, PartsOf(stream), data).end;
     if (end == End::kDestroyed || end == End::kReplaced) return;
     if (end == End::kNoMemory) return CloseAndReport(stream, keelbase::AW_ERROR_FAILURE);
     if (end != End::kNeedMore && stream.closed_) return CloseAndReport(stream, 0);
