@@ -54,7 +54,8 @@ void SendQueue::Link(std::unique_ptr<CAWMessageBlock> chain) {
   } else {
     tail_->Append(chain.release());
   }
-  for (tail_ = first; tail_->GetNext() != nullptr;) tail_ = tail_->GetNext();
+  tail_ = first;
+  while (tail_->GetNext() != nullptr) tail_ = tail_->GetNext();
 }
 
 // Cuts the chain behind the piece and returns the rest, which may be null.

@@ -171,7 +171,7 @@ AWResult CreateIPCServer(keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor>& out) {
   return manager->CreateAcceptor(kUnixSockets, out);
 }
 
-// --- shared memory ---
+// --- IPC over shared memory ---
 
 AWResult CreateShmIPCClient(keelbase::CAWAutoPtr<fshmipc::IAWShmIPCConnector>& out) {
   return fshmipc::CAWShmIPCManager::Instance()->CreateConnector(out);
@@ -210,7 +210,7 @@ AWResult ZARNFromIPCAddr(std::uint16_t& a, std::uint16_t& b, const keelbase::CAW
   return AW_ERROR_FAILURE;
 }
 
-// --- shared memory ---
+// --- memory that processes share by name ---
 
 AWResult CreateMemory(keelbase::CAWAutoPtr<CZARNShareMemory>& out, const CAWString& name,
                       std::size_t size) try {

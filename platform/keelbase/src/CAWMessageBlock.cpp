@@ -201,7 +201,10 @@ CAWMessageBlock* CAWMessageBlock::DuplicateChained() const {
     for (const CAWMessageBlock* block = this; block != nullptr; block = block->next_) {
       if (block->GetLength() == 0) continue;
       CAWMessageBlock* copy = block->DuplicateOne();
-      (last == nullptr ? first : last->next_) = copy;
+      if (last == nullptr)
+        first = copy;
+      else
+        last->next_ = copy;
       last = copy;
     }
     return first != nullptr ? first : DuplicateOne();

@@ -154,7 +154,8 @@ void TlsWriter::Fail(long reason) {
 void TlsWriter::LeaveToLower() {
   if (!rest_.IsEmpty()) lower_.SetOption(keelbase::AW_OPT_LINGER_DATA, rest_.GetFirst());
   rest_.Clear();
-  for (auto* record : {&gather_, &pending_}) record->reset();
+  gather_.reset();
+  pending_.reset();
 }
 
 // --- how much waits ---
