@@ -11,7 +11,9 @@
 #include <map>
 #include <random>
 #include <tuple>
+#include <unordered_set>
 
+#include "CountedHash.h"
 #include "keelbase/CAWHash.h"
 
 namespace zarn::test {
@@ -26,8 +28,6 @@ using utils::ZARNAppKey;
 static_assert(offsetof(ZARNAppKey, datacenterid) == 0 && offsetof(ZARNAppKey, clusterid) == 4 &&
               offsetof(ZARNAppKey, nodeid) == 8 && offsetof(ZARNAppKey, jno) == 12 &&
               sizeof(ZARNAppKey) == 16);
-// The table keeps each entry's hash.
-static_assert(std::__cache_default<ZARNAppKey, CZARNAppKeyHashFun>::value);
 
 CZARNApp MakeApp(std::uint32_t node, std::uint16_t jno, std::uint16_t serviceno = 0) {
   CZARNApp app;
@@ -67,6 +67,13 @@ TEST(ZARNAppKey, EachFieldCounts) {
   ZARNAppKey other = key;
   ++other.jno;
   EXPECT_FALSE(other == key);
+}
+
+TEST(CZARNAppKeyHashFun, IsAskedOnceForAnEntryHoweverOftenTheTableGrows) {
+  using Counted = CountedHash<CZARNAppKeyHashFun>;
+  std::unordered_set<ZARNAppKey, Counted> keys;
+  for (std::uint32_t node = 0; node < 1000; ++node) keys.emplace(MakeApp(node, 1));
+  EXPECT_EQ(Counted::calls, 1000);
 }
 
 // --- adding ---

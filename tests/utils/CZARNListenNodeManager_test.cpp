@@ -10,9 +10,11 @@
 #include <map>
 #include <random>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "CountedHash.h"
 #include "TestData.h"
 
 namespace zarn::test {
@@ -26,9 +28,6 @@ using utils::CZARNListenNodeItem;
 using utils::CZARNListenNodeKey;
 using utils::CZARNListenNodeKeyHashFun;
 using utils::CZARNListenNodeManager;
-
-// The table keeps each entry's hash.
-static_assert(std::__cache_default<CZARNListenNodeKey, CZARNListenNodeKeyHashFun>::value);
 
 CZARNListenNodeItem MakeItem(std::uint32_t node, std::uint16_t serviceno = 1,
                              std::uint16_t port = 7000) {
@@ -47,6 +46,15 @@ std::string Print(const CZARNListenNodeManager& nodes) {
   ::testing::internal::CaptureStdout();
   CZARNListenNodeManager::PrintAllMap(nodes.GetMap());
   return ::testing::internal::GetCapturedStdout();
+}
+
+// --- hash ---
+
+TEST(CZARNListenNodeKeyHashFun, IsAskedOnceForAnEntryHoweverOftenTheTableGrows) {
+  using Counted = CountedHash<CZARNListenNodeKeyHashFun>;
+  std::unordered_set<CZARNListenNodeKey, Counted> keys;
+  for (std::uint32_t node = 0; node < 1000; ++node) keys.emplace(MakeItem(node));
+  EXPECT_EQ(Counted::calls, 1000);
 }
 
 // --- adding, finding, removing ---
