@@ -655,6 +655,27 @@ TEST_P(CAWSSLManagerTest, SilentClientsLeaveHalfOfTheDescriptorsFree) {
   EXPECT_EQ(server.sink.reasons, (std::vector<long>{ECONNABORTED, 0}));
 }
 
+TEST_P(CAWSSLManagerAndPlainTcp, RefusedClientsThatStayLeaveHalfOfTheDescriptorsFree) {
+  const HandClock clock;
+  TlsServerFixture server(Authority().Issue());
+  {
+    const DescriptorLimit limit(200);
+    server.Listen();
+  }
+  // No first message of a handshake, and more than one event reads.
+  const std::string bad = std::string("\x16\x03\x01\x00\x04\xff\x00\x00\x00", 9) + Pattern(200000);
+  const std::size_t before = OpenDescriptors();
+  std::vector<tcp::PlainTcp> clients;
+  for (int i = 0; i < 120; ++i) {
+    clients.emplace_back().Connect(server.address);
+    clients.back().Send(bad);
+    RunReady();
+  }
+  EXPECT_TRUE(Await([&] { return server.sink.reasons.size() == clients.size(); }));
+  EXPECT_EQ(server.sink.reasons, std::vector<long>(clients.size(), AW_SSL_ERROR_HANDSHAKE));
+  EXPECT_LE(OpenDescriptors(), before + clients.size() + 100);
+}
+
 TEST_P(CAWSSLManagerTest, LargerBacklogHasRoomForMoreHandshakes) {
   const HandClock clock;
   TlsServerFixture server(Authority().Issue(), MakeAcceptor());

@@ -75,6 +75,7 @@ struct TlsSide {
   CAWAutoPtr<TlsStream> stream;
   long established = -1;
   int dones = 0;
+  int closes = 0;
   std::function<void()> onDone;
 };
 
@@ -112,11 +113,12 @@ struct TlsPair {
     side.stream = new TlsStream(loop, std::make_unique<MemoryBytes>(side.end), std::move(ssl));
   }
   void Start(TlsSide& side) {
-    side.stream->Start(kLimit, [&side](long reason) {
+    const auto done = [&side](long reason) {
       side.established = reason;
       ++side.dones;
       if (side.onDone) side.onDone();
-    });
+    };
+    side.stream->Start(kLimit, done, [&side] { ++side.closes; });
   }
   void StartBoth() {
     Start(client);

@@ -28,6 +28,74 @@ void AskTwiceForNewKeys(SSL* ssl) {
   }
 }
 
+// The server has refused the handshake, and its alert is on its way.
+struct RefusedPair : TlsPair {
+  explicit RefusedPair(EventLoop& l) : TlsPair(l, TLS1_2_VERSION) {
+    Start(client);
+    Start(server_);
+    loop.RunReady();
+    server_.end.Arrive(std::exchange(client.end.sent, {}) + std::string(1000, '\0'));
+    EXPECT_EQ(server_.established, AW_SSL_ERROR_HANDSHAKE);
+    EXPECT_FALSE(server_.end.disconnected);
+    EXPECT_EQ(server_.closes, 0);
+  }
+};
+
+TEST(TlsStreamEnd, RefusedHandshakeAwaitsThePeersEndSoThatItsAlertIsNotLost) {
+  WithLoop([](EventLoop& loop) {
+    RefusedPair pair(loop);
+    TlsPair::Drop(pair.server_);
+    pair.server_.end.Arrive(std::string(1000, '\0'));
+    EXPECT_FALSE(pair.server_.end.disconnected);
+    pair.client.end.Arrive(pair.server_.end.sent);
+    EXPECT_EQ(pair.client.established, AW_SSL_ERROR_VERSION);
+    EXPECT_TRUE(pair.client.end.disconnected);
+    pair.server_.end.End(0);
+    EXPECT_TRUE(pair.server_.end.destroyed);
+    EXPECT_EQ(pair.server_.closes, 1);
+    EXPECT_EQ(pair.server_.dones, 1);
+  });
+}
+
+TEST(TlsStreamEnd, PeerThatStaysAfterItsHandshakeWasRefusedIsGivenUpAfterTheLinger) {
+  WithLoop([](EventLoop& loop) {
+    keelbase::internal::ManualClock clock;
+    RefusedPair pair(loop);
+    clock.Advance(std::chrono::milliseconds(1999));
+    pair.loop.RunReady();
+    EXPECT_FALSE(pair.server_.end.disconnected);
+    clock.Advance(std::chrono::milliseconds(2));
+    pair.loop.RunReady();
+    EXPECT_TRUE(pair.server_.end.disconnected);
+    EXPECT_EQ(pair.server_.end.lingerMs, 0U);
+    EXPECT_EQ(pair.server_.closes, 1);
+  });
+}
+
+TEST(TlsStreamEnd, EndOfTheProcessLeavesARefusedHandshakeToTheTransportBelow) {
+  WithLoop([](EventLoop& loop) {
+    RefusedPair pair(loop);
+    pair.loop.FinishLingers();
+    EXPECT_TRUE(pair.server_.end.disconnected);
+    EXPECT_FALSE(pair.server_.end.awaitsEnd);
+  });
+}
+
+TEST(TlsStreamEnd, DisconnectedHandshakeHoldsNothingAndTellsNothing) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Start(pair.client);
+    pair.Move();
+    RefusedPair refused(loop);
+    for (TlsSide* side : {&pair.client, &refused.server_}) {
+      side->stream->Disconnect();
+      EXPECT_TRUE(side->end.disconnected);
+      EXPECT_EQ(side->end.lingerMs, 0U);
+      EXPECT_EQ(side->closes, 0);
+    }
+  });
+}
+
 TEST_P(TlsStreamEnds, OrderlyEndIsReasonZeroAfterAllBytes) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop, GetParam());

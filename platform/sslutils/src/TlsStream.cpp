@@ -52,8 +52,9 @@ TlsStream::~TlsStream() = default;
 
 // --- handshake ---
 
-void TlsStream::Start(std::chrono::milliseconds limit, Done done) {
+void TlsStream::Start(std::chrono::milliseconds limit, Done done, Closed closed) {
   done_ = std::move(done);
+  closed_ = std::move(closed);
   state_ = State::shaking;
   timeLimit_ = std::make_unique<keelbase::internal::Timer>(loop_);
   timeLimit_->Start(limit, 1, [this] {
@@ -76,7 +77,7 @@ void TlsStream::ShakeHands() {
     case SSL_ERROR_ZERO_RETURN:
       return Established(AW_SSL_ERROR_REFUSED);
     default:
-      return Established(ReasonOfHandshakeFailure(ssl_.get()));
+      return Refuse(ReasonOfHandshakeFailure(ssl_.get()));
   }
 }
 
@@ -86,8 +87,9 @@ void TlsStream::Established(long reason) {
   const Done done = std::move(done_);
   if (reason == 0) {
     state_ = State::ready;
+    closed_ = nullptr;
   } else {
-    CloseNow();
+    CloseNow(0);
   }
   done(reason);
   if (state_ == State::ready) ReadLower(false);  // until somebody wants the bytes
@@ -137,6 +139,8 @@ void TlsStream::OnEnd(long reason) {
   switch (state_) {
     case State::shaking:
       return ShakeHands();
+    case State::refused:
+      return CloseNow(0);
     case State::open:
       return EndOfLower();
     case State::closing:

@@ -22,29 +22,53 @@ void TlsStream::Disconnect() {
   loop_.CheckCurrent("a transport's Disconnect");
   if (IsDisconnected()) return;
   const CAWAutoPtr<TlsStream> alive(this);
-  const bool established = state_ != State::fresh && state_ != State::shaking;
+  const bool unusable =
+      state_ == State::fresh || state_ == State::shaking || state_ == State::refused;
   sink_ = nullptr;
   done_ = nullptr;
+  closed_ = nullptr;
   endTurn_.reset();
   timeLimit_.reset();
   state_ = State::closing;
-  if (!established || writer_.GetError() != 0) return CloseNow();
+  if (unusable) return CloseNow(0);
+  if (writer_.GetError() != 0) return CloseNow();
   if (lowerEnded_) return LeaveToLower();
   try {
     WriteLast();
     if (options_.lingerMs == 0) return CloseNow();
-    timeLimit_ = std::make_unique<keelbase::internal::Timer>(loop_);
-    timeLimit_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] {
-      const CAWAutoPtr<TlsStream> last(this);
-      CloseNow(0);
-    });
-    self_ = this;
-    lingerBegin_ = Clock::Now();
-    loop_.BeginLinger(*this);
+    AwaitEnd();
     Drain();
   } catch (const std::bad_alloc&) {
     CloseNow();
   }
+}
+
+// Our alert, too, may be lost if bytes of the peer are unread. A peer that has sent one itself
+// needs none, and one that speaks no TLS may get none.
+void TlsStream::Refuse(long reason) {
+  const bool wrote = BIO_number_written(SSL_get_wbio(ssl_.get())) != 0;
+  const bool peerRefused = (SSL_get_shutdown(ssl_.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
+  if (!wrote || peerRefused || lowerEnded_ || writer_.GetError() != 0) return Established(reason);
+  const Done done = std::move(done_);
+  state_ = State::refused;
+  try {
+    AwaitEnd();
+  } catch (const std::bad_alloc&) {
+    CloseNow(0);
+  }
+  done(reason);
+}
+
+// For the linger time at most.
+void TlsStream::AwaitEnd() {
+  timeLimit_ = std::make_unique<keelbase::internal::Timer>(loop_);
+  timeLimit_->Start(std::chrono::milliseconds(options_.lingerMs), 1, [this] {
+    const CAWAutoPtr<TlsStream> last(this);
+    CloseNow(0);
+  });
+  self_ = this;
+  lingerBegin_ = Clock::Now();
+  loop_.BeginLinger(*this);
 }
 
 // Encrypts no more than there is room for below: that may be little of very much. In the middle of
@@ -108,6 +132,7 @@ void TlsStream::CloseNow(std::uint32_t lingerMs) {
   timeLimit_.reset();
   if (self_) loop_.EndLinger(*this);
   const CAWAutoPtr<TlsStream> last(std::move(self_));
+  if (const Closed closed = std::move(closed_)) closed();
 }
 
 AWResult TlsStream::AddLingerData(const CAWMessageBlock& chain) {

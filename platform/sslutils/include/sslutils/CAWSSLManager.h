@@ -97,7 +97,8 @@ class SSLUTILS_API IAWSSLAcceptor : public IAWSSLConnectorAcceptor {
   // accepted. Each handshake may take 10 seconds. At once there may be 256 from one address, or
   // `backlog` when that is more, and four times as many in all, but no more than half as many as
   // the process may have descriptors (RLIMIT_NOFILE) when it starts to listen; beyond that each
-  // newcomer ends the oldest of its address, or of all, which is indicated as ECONNABORTED. 0;
+  // newcomer ends the oldest of its address, or of all, which is indicated as ECONNABORTED. One
+  // that was refused, and indicated so, counts until its client has closed, 2 seconds at most. 0;
   // 10001 for a null sink or while listening; else a reason: AW_SSL_ERROR_OWN_CERTIFICATE_MISSING
   // and the like, EADDRINUSE, EACCES …
   virtual keelbase::AWResult StartListen(IAWSSLConnectionSink* sink,

@@ -105,23 +105,28 @@ class TlsAcceptor final : public keelbase::internal::LoopObject<IAWSSLAcceptor>,
     transport->GetOption(keelbase::AW_OPT_PEER_ADDRESS, &peer);
     const auto place = shaking_.Take(peer, stream);
     try {
-      stream->Start(kHandshakeLimit, [this, place](long reason) { OnEstablished(place, reason); });
+      stream->Start(
+          kHandshakeLimit, [this, place](long reason) { OnEstablished(place, reason); },
+          [this, place] { shaking_.GiveUp(place); });
     } catch (const std::bad_alloc&) {
       return shaking_.GiveUp(place)->Disconnect();
     }
     const auto surplus = shaking_.FindSurplus(place);
     if (surplus == shaking_.End()) return;
-    shaking_.GiveUp(surplus)->Disconnect();
-    Tell(ECONNABORTED, nullptr);
+    const auto oldest = shaking_.GiveUp(surplus);
+    const bool told = oldest->IsRefused();
+    oldest->Disconnect();
+    if (!told) Tell(ECONNABORTED, nullptr);
   }
 
+  // One that is refused keeps its place until it is closed, as long as it has a descriptor.
   void OnEstablished(typename Places::Place place, long reason) {
     const auto alive = this->Hold();
     if (!alive) return;
+    if (reason != 0) return Tell(reason, nullptr);
     const auto stream = shaking_.GiveUp(place);
     keelbase::CAWAutoPtr<IAWSSLTransport> transport;
-    if (reason == 0)
-      reason = keelbase::internal::TryMake<SSLTransport>(transport, GetLoop(), stream);
+    reason = keelbase::internal::TryMake<SSLTransport>(transport, GetLoop(), stream);
     Tell(reason, transport.Get());
   }
 

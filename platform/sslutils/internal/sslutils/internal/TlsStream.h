@@ -45,9 +45,13 @@ class SSLUTILS_API TlsStream final
   }
 
   // Shakes hands. `done` comes once, with 0 or a reason, never from in here and never after
-  // Disconnect; it may open, disconnect or drop the stream.
+  // Disconnect; it may open, disconnect or drop the stream. After a reason `closed` comes once the
+  // transport below is let go, unless Disconnect comes before.
   using Done = std::function<void(long reason)>;
-  void Start(std::chrono::milliseconds limit, Done done);
+  using Closed = std::function<void()>;
+  void Start(std::chrono::milliseconds limit, Done done, Closed closed = nullptr);
+  // It has failed, and the peer may still be reading why.
+  bool IsRefused() const { return state_ == State::refused; }
 
   // See IAWSSLTransport. For a stream whose handshake has succeeded.
   keelbase::AWResult Open(ByteSink* sink);
@@ -60,10 +64,11 @@ class SSLUTILS_API TlsStream final
 
  private:
   // Start leads from fresh to shaking, a handshake that succeeds to ready, Open to open and the
-  // peer's orderly end to ended. A failure leads to closed; one of a ready stream waits for Open.
-  // From all these Disconnect leads to closing, while what was taken is written and the peer's end
+  // peer's orderly end to ended. A handshake that we end leads to refused, while the peer's end is
+  // awaited. Any other failure leads to closed; one of a ready stream waits for Open. Once there
+  // was a handshake Disconnect leads to closing, while what was taken is written and the peer's end
   // is awaited; closed is the end of all.
-  enum class State { fresh, shaking, ready, open, ended, closing, closed };
+  enum class State { fresh, shaking, refused, ready, open, ended, closing, closed };
 
   bool IsDisconnected() const { return state_ == State::closing || state_ == State::closed; }
 
@@ -80,6 +85,7 @@ class SSLUTILS_API TlsStream final
   keelbase::internal::Clock::Point LingerDeadline() const override { return lingerBegin_; }
   void WriteLingering() override {}
   void AbandonLinger() override {
+    if (state_ == State::refused) return CloseNow();
     bool awaitEnd = true;  // what the peer still sends, such as tickets, must not reset it
     lower_->SetOption(keelbase::internal::AW_OPT_AWAIT_END, &awaitEnd);
     LeaveToLower();
@@ -92,6 +98,7 @@ class SSLUTILS_API TlsStream final
 
   void ShakeHands();
   void Established(long reason);
+  void Refuse(long reason);
   void Pump();
   bool FillBlock(keelbase::CAWMessageBlock& block);
   void Deliver(keelbase::CAWMessageBlock& block);
@@ -114,6 +121,7 @@ class SSLUTILS_API TlsStream final
   void WriteLast();
   void Drain();
   void LeaveToLower();
+  void AwaitEnd();
   void CloseNow() { CloseNow(LingerLeft()); }
   void CloseNow(std::uint32_t lingerMs);
   std::uint32_t LingerLeft() const;
@@ -124,6 +132,7 @@ class SSLUTILS_API TlsStream final
   State state_ = State::fresh;
   ByteSink* sink_ = nullptr;
   Done done_;
+  Closed closed_;  // null once established
 
   // Received and not decrypted yet: during an event the transport's own block, else a copy of what
   // had to be left.
