@@ -8,6 +8,7 @@
 #include "Exhaustion.h"
 #include "RealTls.h"
 #include "TlsAuthority.h"
+#include "sslutils/internal/TlsServer.h"
 
 namespace zarn::test {
 namespace {
@@ -43,6 +44,33 @@ template <class Side>
 void ExpectIdentityIsAnsweredWithACode(Side& side) {
   ExpectEachIsAnsweredWithACode([&] { return side.SetPrivateKey(TheTexts().own.key); });
   ExpectEachIsAnsweredWithACode([&] { return side.SetCertificate(TheTexts().own.certificate); });
+}
+
+// Whoever has not looked at the answer must not go on with less than was asked for.
+template <class Work>
+void ExpectTheListenRefusesWhatWasRefused(sslutils::internal::TlsServer& server, Work work) {
+  for (EachAllocation each; each.Next();) {
+    AWResult result = AW_OK;
+    {
+      const EmptyPool pool;
+      each.Try([&] { result = work(); });
+    }
+    EXPECT_EQ(server.Prepare(), result) << each.GetNumber();
+  }
+}
+
+TEST(TlsSettingsAllocations, WhatWasRefusedIsRefusedByTheListenToo) {
+  const Texts& texts = TheTexts();
+  sslutils::internal::TlsServer server;
+  ASSERT_EQ(server.SetPrivateKey(texts.own.key), AW_OK);
+  ASSERT_EQ(server.SetCertificate(texts.own.certificate), AW_OK);
+  ExpectTheListenRefusesWhatWasRefused(
+      server, [&] { return server.SetClientAuthorities(texts.authorities, true); });
+  ASSERT_EQ(server.SetClientAuthorities("", true), AW_OK);
+  ExpectTheListenRefusesWhatWasRefused(server, [&] { return server.SetPrivateKey(texts.own.key); });
+  ASSERT_EQ(server.SetPrivateKey(texts.own.key), AW_OK);
+  ExpectTheListenRefusesWhatWasRefused(
+      server, [&] { return server.SetCertificate(texts.own.certificate); });
 }
 
 TEST(TlsSettingsAllocations, AConnectorsIdentity) {

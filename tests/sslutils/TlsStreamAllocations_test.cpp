@@ -54,6 +54,23 @@ TEST(TlsStreamAllocations, RecordThatMustWaitAndCannotBeKeptEndsTheConnection) {
   });
 }
 
+TEST(TlsStreamAllocations, QuestionForWhatWasAgreedOnIsAnsweredWithACode) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.Open();
+    CAWSSLInfo info;
+    AWResult result = AW_OK;
+    {
+      const Exhaustion none;
+      result = pair.client.stream->GetOption(AW_OPT_SSL_INFO, &info);
+    }
+    EXPECT_EQ(result, AW_ERROR_FAILURE);
+    EXPECT_TRUE(info.protocol.empty());
+    EXPECT_EQ(pair.client.stream->GetOption(AW_OPT_SSL_INFO, &info), AW_OK);
+    EXPECT_EQ(info.protocol, "TLSv1.3");
+  });
+}
+
 TEST(TlsStreamAllocations, BytesForTheLingerThatCannotBeKeptAreRefused) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

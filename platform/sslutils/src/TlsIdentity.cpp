@@ -50,9 +50,10 @@ TlsIdentity::~TlsIdentity() = default;
 AWResult TlsIdentity::SetPrivateKey(const std::string& text) try {
   Parts& parts = *parts_;
   parts.key = nullptr;
-  parts.keyResult = ReadPem(text, parts.keyPem);
-  if (parts.keyResult == AW_OK) parts.keyResult = ParseKey(parts.keyPem, parts.key);
-  return parts.keyResult;
+  parts.keyResult = AW_ERROR_FAILURE;  // unless there is memory to find out
+  AWResult result = ReadPem(text, parts.keyPem);
+  if (result == AW_OK) result = ParseKey(parts.keyPem, parts.key);
+  return parts.keyResult = result;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }
@@ -60,10 +61,10 @@ AWResult TlsIdentity::SetPrivateKey(const std::string& text) try {
 AWResult TlsIdentity::SetCertificate(const std::string& text) try {
   Parts& parts = *parts_;
   parts.chain.clear();
-  parts.chainResult = ReadPem(text, parts.chainPem);
-  if (parts.chainResult == AW_OK)
-    parts.chainResult = ParseCertificates(parts.chainPem, parts.chain);
-  return parts.chainResult;
+  parts.chainResult = AW_ERROR_FAILURE;
+  AWResult result = ReadPem(text, parts.chainPem);
+  if (result == AW_OK) result = ParseCertificates(parts.chainPem, parts.chain);
+  return parts.chainResult = result;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }

@@ -84,11 +84,11 @@ AWResult TlsServer::SetClientAuthorities(const std::string& text, bool required)
   authorities = {};
   authorities.required = required;
   if (text.empty()) return AW_OK;
+  authorities.result = AW_ERROR_FAILURE;  // unless there is memory to find out
   std::string pem;
-  authorities.result = ReadPem(text, pem);
-  if (authorities.result == AW_OK)
-    authorities.result = ParseCertificates(pem, authorities.certificates);
-  return authorities.result;
+  AWResult result = ReadPem(text, pem);
+  if (result == AW_OK) result = ParseCertificates(pem, authorities.certificates);
+  return authorities.result = result;
 } catch (const std::bad_alloc&) {
   return AW_ERROR_FAILURE;
 }

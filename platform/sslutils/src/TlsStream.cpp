@@ -359,7 +359,7 @@ keelbase::CAWTransportCounters TlsStream::GetCounters() const {
   return counters;
 }
 
-AWResult TlsStream::GetOption(int code, void* value) const {
+AWResult TlsStream::GetOption(int code, void* value) const try {
   if (value == nullptr) return AW_ERROR_FAILURE;
   switch (code) {
     case AW_OPT_SSL_INFO:
@@ -371,6 +371,8 @@ AWResult TlsStream::GetOption(int code, void* value) const {
     default:
       return lower_->GetOption(code, value);
   }
+} catch (const std::bad_alloc&) {
+  return AW_ERROR_FAILURE;
 }
 
 AWResult TlsStream::SetOption(int code, void* value) {

@@ -82,7 +82,7 @@ class SSLUTILS_API IAWSSLTransport {
   // transport below (keelbase::CAWInetAddr). Counters are those of what the user sends and
   // receives, but systemCallsSent, which counts records. Any other code is the transport's below,
   // and knows nothing of what is not encrypted yet: queuedBytes tells that. 0; 10001 for a null
-  // pointer, and for a code that is unknown below, too.
+  // pointer, for a code that is unknown below, too, and without memory.
   virtual keelbase::AWResult GetOption(int code, void* value) = 0;
   virtual keelbase::AWResult SetOption(int code, void* value) = 0;
 
