@@ -292,6 +292,20 @@ TEST(TlsStream, BytesThatComeBeforeOpenWaitForIt) {
   });
 }
 
+TEST(TlsStream, RoomThatComesBeforeOpenIsToldOnceAfterIt) {
+  WithLoop([](EventLoop& loop) {
+    TlsPair pair(loop);
+    pair.StartBoth();
+    pair.client.end.room = 0;
+    EXPECT_EQ(TlsPair::Send(pair.client, Pattern(1 << 20)), AW_ERROR_PARTIAL_DATA);
+    pair.client.end.MakeRoom(1 << 20);
+    EXPECT_EQ(pair.client.stream->Open(&pair.client.sink), AW_OK);
+    EXPECT_EQ(pair.client.sink.rooms, 0);  // never from inside Open
+    pair.Move();
+    EXPECT_EQ(pair.client.sink.rooms, 1);
+  });
+}
+
 TEST(TlsStream, OpenTakesOneSinkOnce) {
   WithLoop([](EventLoop& loop) {
     TlsPair pair(loop);

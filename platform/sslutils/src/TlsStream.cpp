@@ -182,6 +182,7 @@ void TlsStream::OnTurnEnd() {
   if (writer_.HasFailed()) lowerEnded_ = true;
   if (lowerEnded_) return EndOfLower();
   Pump();
+  TellRoom();  // there may have been nobody to tell so far
 }
 
 // --- receiving ---
@@ -256,9 +257,10 @@ void TlsStream::Deliver(CAWMessageBlock& block) {
 }
 
 void TlsStream::TellRoom() {
+  if (!roomWanted_ || writer_.IsBlocked() || sink_ == nullptr) return;
   roomWanted_ = false;
   try {
-    if (sink_ != nullptr) sink_->OnRoom();
+    sink_->OnRoom();
   } catch (const std::bad_alloc&) {
     End(ENOMEM);
   }
@@ -334,7 +336,7 @@ void TlsStream::GoOnWriting() {
   writer_.WritePending();
   writer_.Flush();
   AfterWriting();
-  if (!writer_.IsBlocked() && roomWanted_) TellRoom();
+  TellRoom();
 }
 
 void TlsStream::WantTurnEnd() {
