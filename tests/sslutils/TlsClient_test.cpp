@@ -2,12 +2,19 @@
 #include "sslutils/internal/TlsClient.h"
 
 #include <gtest/gtest.h>
+#include <openssl/bio.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
 #include <cerrno>
 #include <fstream>
+#include <iomanip>
+#include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <utility>
 
 #include "DescriptorShortage.h"
 #include "TempRoot.h"
@@ -52,6 +59,46 @@ TEST(TlsClient, ShortageOfDescriptorsFailsOneConnectAndNoLaterOne) {
   EXPECT_EQ(ssl, nullptr);
   ASSERT_EQ(MakeClientSsl({}, ssl), AW_OK);
   EXPECT_EQ(CountTrusted(ssl), 1);
+}
+
+// The authority's file as a directory of OpenSSL's names it.
+std::string NameInDirectory(const std::string& pem) {
+  const std::unique_ptr<BIO, decltype(&BIO_free)> bio(
+      BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())), BIO_free);
+  const std::unique_ptr<X509, decltype(&X509_free)> certificate(
+      PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr), X509_free);
+  std::ostringstream name;
+  name << std::hex << std::setw(8) << std::setfill('0') << X509_subject_name_hash(certificate.get())
+       << ".0";
+  return name.str();
+}
+
+// The store has been made before there is a shortage.
+long ConnectWithTheSystemsAuthorities(EventLoop& loop, bool lacksDescriptors = false) {
+  TlsPair pair(loop);
+  EXPECT_EQ(SetTrusted(""), AW_OK);
+  TlsClientSettings settings;
+  settings.serverName = "localhost";
+  SslPtr ssl;
+  EXPECT_EQ(MakeClientSsl(settings, ssl), AW_OK);
+  pair.Make(pair.client, std::move(ssl));
+  std::optional<zarn::test::DescriptorShortage> shortage;
+  if (lacksDescriptors) shortage.emplace();
+  pair.StartBoth();
+  return pair.client.established;
+}
+
+TEST(TlsClient, ShortageOfDescriptorsWhileADirectoryIsReadIsNoUnknownAuthority) {
+  const zarn::test::TempDir dir;
+  const zarn::test::ScopedEnv directory("SSL_CERT_DIR", dir.GetPath());
+  const SystemFile none("/nowhere/at/all");
+  WithLoop([&](EventLoop& loop) {
+    EXPECT_EQ(ConnectWithTheSystemsAuthorities(loop), AW_SSL_ERROR_UNKNOWN_AUTHORITY);
+    const std::string pem = Authority().GetPem();
+    std::ofstream(dir.GetPath() + "/" + NameInDirectory(pem)) << pem;
+    EXPECT_EQ(ConnectWithTheSystemsAuthorities(loop, true), EMFILE);
+    EXPECT_EQ(ConnectWithTheSystemsAuthorities(loop), 0);
+  });
 }
 
 TEST(TlsClient, SystemWithoutAuthoritiesIsNoFailure) {

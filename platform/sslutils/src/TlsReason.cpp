@@ -37,21 +37,19 @@ long ReasonOfVerification(long result) {
   }
 }
 
-bool IsNoMemory(unsigned long error) { return ERR_GET_REASON(error) == ERR_R_MALLOC_FAILURE; }
-
-// The first of the queue, which is empty then; but wherever it stands that there was no memory,
+// The first of the queue, which is empty then; but wherever it stands that something was short,
 // since some of OpenSSL's functions call that an internal error first.
 unsigned long TakeError() {
   unsigned long taken = ERR_get_error();
   while (const unsigned long next = ERR_get_error()) {
-    if (IsNoMemory(next)) taken = next;
+    if (ShortageOf(next) != 0) taken = next;
   }
   return taken;
 }
 
 // 0 for an error that tells no more than that something has failed.
 long ReasonOfError(unsigned long error) {
-  if (IsNoMemory(error)) return ENOMEM;
+  if (const long shortage = ShortageOf(error); shortage != 0) return shortage;
   if (ERR_GET_LIB(error) != ERR_LIB_SSL) return 0;
   switch (ERR_GET_REASON(error)) {
     case SSL_R_UNSUPPORTED_PROTOCOL:
@@ -84,12 +82,24 @@ bool IsAlert(unsigned long error) {
 
 }  // namespace
 
+long ShortageOf(unsigned long error) {
+  const int reason = ERR_GET_REASON(error);
+  if (reason == ERR_R_MALLOC_FAILURE) return ENOMEM;
+  const bool named = reason == EMFILE || reason == ENFILE || reason == ENOMEM;
+  return ERR_GET_LIB(error) == ERR_LIB_SYS && named ? reason : 0;
+}
+
+// An authority may only not have been found because its file could not be opened.
 long ReasonOfHandshakeFailure(const SSL* ssl) {
   const unsigned long error = TakeError();
   const long known = ReasonOfError(error);
+  const long shortage = ShortageOf(error);
   const long verified = SSL_get_verify_result(ssl);
   const bool checked = SSL_get_verify_mode(ssl) != SSL_VERIFY_NONE;
-  if (verified != X509_V_OK && checked && known != ENOMEM) return ReasonOfVerification(verified);
+  if (verified != X509_V_OK && checked && shortage != ENOMEM) {
+    const long reason = ReasonOfVerification(verified);
+    return reason == AW_SSL_ERROR_UNKNOWN_AUTHORITY && shortage != 0 ? shortage : reason;
+  }
   if (known != 0) return known;
   return IsAlert(error) ? AW_SSL_ERROR_REFUSED : AW_SSL_ERROR_HANDSHAKE;
 }

@@ -11,6 +11,9 @@ namespace sslutils::internal {
 long ReasonOfHandshakeFailure(const SSL* ssl);
 long ReasonOfRecordFailure();
 
+// The resource that was short, of one of OpenSSL's errors: EMFILE, ENFILE or ENOMEM; else 0.
+long ShortageOf(unsigned long error);
+
 // Fills in what is known of the peer's certificate.
 void DescribePeerCertificate(SSL* ssl, CAWSSLInfo& info);
 

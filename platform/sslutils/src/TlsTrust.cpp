@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "PemText.h"
+#include "TlsReason.h"
 
 namespace sslutils::internal {
 
@@ -23,11 +24,7 @@ namespace {
 AWResult TakeShortage() {
   AWResult shortage = ERR_peek_error() == 0 ? ENOMEM : AW_OK;
   while (const unsigned long error = ERR_get_error()) {
-    const int reason = ERR_GET_REASON(error);
-    if (reason == ERR_R_MALLOC_FAILURE) shortage = ENOMEM;
-    if (ERR_GET_LIB(error) == ERR_LIB_SYS &&
-        (reason == EMFILE || reason == ENFILE || reason == ENOMEM))
-      shortage = static_cast<AWResult>(reason);
+    if (const long found = ShortageOf(error); found != 0) shortage = static_cast<AWResult>(found);
   }
   return shortage;
 }
