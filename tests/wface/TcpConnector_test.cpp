@@ -1,9 +1,13 @@
 // TcpConnector_test.cpp - connecting: how it ends, when that is told, and how it is given up.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
 #include <memory>
 #include <string>
@@ -59,6 +63,34 @@ class SilentListener {
   PlainListener listener_;
   std::vector<PlainTcp> fillers_;
 };
+
+// How long each socket of this process that waits for its peer's answer may wait for it, as far as
+// that was set: TCP_USER_TIMEOUT.
+std::vector<unsigned> LimitsOfConnectingSockets() {
+  std::vector<unsigned> limits;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    const int descriptor = std::stoi(entry.path().filename());
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (::getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) continue;
+    if (info.tcpi_state != TCP_SYN_SENT) continue;
+    unsigned limit = 0;
+    size = sizeof limit;
+    EXPECT_EQ(::getsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &limit, &size), 0);
+    limits.push_back(limit);
+  }
+  return limits;
+}
+
+TEST(TcpConnector, SilenceLimitIsOfConnectionsAndEndsNoConnect) {
+  const SilentListener listener;
+  const std::size_t others = LimitsOfConnectingSockets().size();
+  const auto connector = MakeConnector();
+  IndicationSink sink;
+  EXPECT_EQ(Connect(*connector, sink, listener.Address()), AW_OK);
+  Turn();
+  EXPECT_EQ(LimitsOfConnectingSockets(), std::vector<unsigned>(others + 1, 0U));
+}
 
 TEST(TcpConnector, ConnectsAndBothEndsKnowBothAddresses) {
   Server server;

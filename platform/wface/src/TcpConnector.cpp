@@ -85,7 +85,6 @@ int TcpConnector::StartConnect() {
   }
   const int error = ::connect(socket.Get(), peer_.GetPtr(), peer_.GetSize()) == 0 ? 0 : errno;
   if (error != 0 && error != EINPROGRESS) return error;
-  SetTcpDefaults(socket.Get());  // while the peer has something to do already
   socket_ = std::move(socket);
   return AwaitConnect();
 }
@@ -121,7 +120,10 @@ void TcpConnector::Finish(int error) {
     // TCP lets a socket connect to itself when the port it was given is the one it asks for and
     // nobody listens there.
     if (error == 0 && ends_.local == ends_.peer) error = ECONNREFUSED;
-    if (error == 0) error = MakeTransport(GetLoop(), std::move(socket), ends_, transport);
+    if (error == 0) {
+      SetTcpDefaults(socket.Get());  // not before: the silence limit would end the connect
+      error = MakeTransport(GetLoop(), std::move(socket), ends_, transport);
+    }
   }
   if (error == ENOTCONN) error = ECONNRESET;
   keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
