@@ -32,7 +32,8 @@ enum CAWTransportOption : int {
 
   // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535 (what
   // is outside counts as the nearest of these). Default 65535. For a receiver that holds the start
-  // of a frame: the less comes behind its end, the less of the next frame has to be moved.
+  // of a frame: the less comes behind its end, the less of the next frame has to be moved. The
+  // framed streams of zarn::utils set it as they go, whatever it was before.
   AW_OPT_READ_SIZE = 115,
 
   // Get, CAWPeerCredentials, where the system knows them (local transports).
