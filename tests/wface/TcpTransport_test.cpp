@@ -91,6 +91,19 @@ TEST(TcpTransport, NobodyKnowsWhoThePeerIs) {
   EXPECT_EQ(c.transport->GetOption(keelbase::AW_OPT_PEER_CREDENTIALS, &who), AW_ERROR_FAILURE);
 }
 
+TEST(TcpTransport, PeerThatHasClosedAndIsSentToIsToldAsABrokenPipe) {
+  Connection c;
+  c.Open();
+  c.peer.Send("all of it");
+  c.peer.Close();
+  const std::string large(64000, 'x');  // is written at once
+  EXPECT_EQ(c.Send(large), AW_OK);
+  EXPECT_EQ(c.Send(large), AWResult{EPIPE});
+  EXPECT_TRUE(Await([&] { return c.sink.ended; }));
+  EXPECT_EQ(c.sink.received, "all of it");
+  EXPECT_EQ(c.sink.reason, EPIPE);
+}
+
 TEST(TcpTransport, ResetIsNoOrderlyEnd) {
   Connection c;
   c.Open();

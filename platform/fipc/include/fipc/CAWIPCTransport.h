@@ -55,8 +55,9 @@ class FIPC_API IAWIPCTransport {
   // Sends the chain's unread bytes and advances its read pointers over what was taken; never
   // blocks. 0: everything taken. 10013: part or nothing taken, one OnSend follows when there is
   // room. Anything else: an error (10001, 10002 after Disconnect, or an errno value), nothing
-  // taken. Small sends are gathered and written at the end of the loop's turn. `parameter` may be
-  // null.
+  // taken. EPIPE, which may also be the reason of OnDisconnect: the peer had closed, and has not
+  // taken all that was sent to it. Small sends are gathered and written at the end of the loop's
+  // turn. `parameter` may be null.
   virtual keelbase::AWResult SendData(keelbase::CAWMessageBlock& data,
                                       CAWIPCTransportParameter* parameter) = 0;
 

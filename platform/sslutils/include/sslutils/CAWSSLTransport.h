@@ -40,8 +40,8 @@ class IAWSSLTransportSink {
   // Bytes arrived, decrypted and unchanged. They may be kept by duplicating the block.
   virtual void OnSSLDataReceive(keelbase::CAWMessageBlock& data, IAWSSLTransport* transport) = 0;
   // The connection has ended; nothing comes after this. 0: the peer has ended it in order, all that
-  // it sent has been delivered. AW_SSL_ERROR_CUT and ECONNRESET: it was cut. Else another reason of
-  // CAWSSLError.h.
+  // it sent has been delivered. AW_SSL_ERROR_CUT, ECONNRESET and EPIPE: it was cut. Else another
+  // reason of CAWSSLError.h.
   virtual void OnSSLDisconnect(long reason, IAWSSLTransport* transport) = 0;
   // There is room again after SendData answered 10013.
   virtual void OnSSLDataSend(IAWSSLTransport* transport) = 0;
