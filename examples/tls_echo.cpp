@@ -20,6 +20,7 @@
 #include <cstring>
 #include <future>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -95,7 +96,8 @@ class Asker : public Lines {
     return 0;
   }
   void OnPeerDisconnect(long reason) override { done_.set_value(reason); }
-  long WaitForAll() { return done_.get_future().get(); }  // 0, or why not
+  long WaitForEnd() { return done_.get_future().get(); }  // 0: the peer or this side has closed
+  int GetLeft() const { return left_; }
 
  private:
   void OnLine(const char*, std::size_t) override {
@@ -153,11 +155,14 @@ int Ask(keelbase::CAWThread& network, int argc, char** argv) {
   }
   const auto start = std::chrono::steady_clock::now();
   network.Call([&] { return asker->Connect(peer, nullptr); });
-  const long reason = asker->WaitForAll();
+  const long reason = asker->WaitForEnd();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  const int left = asker->GetLeft();
   network.Call([&] { asker.reset(); });  // where it lives
-  if (reason != 0) {
-    std::fprintf(stderr, "tls_echo: %s\n", sslutils::DescribeSSLResult(reason).c_str());
+  if (left != 0) {
+    const std::string why =
+        reason == 0 ? "the peer has closed" : sslutils::DescribeSSLResult(reason).c_str();
+    std::fprintf(stderr, "tls_echo: %d answers are missing: %s\n", left, why.c_str());
     return 1;
   }
   std::printf("%d answers in %.3f s\n", count, took.count());

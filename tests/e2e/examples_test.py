@@ -4,11 +4,13 @@ import os
 import shutil
 import signal
 import socket
+import ssl
 import subprocess
 import tempfile
 import threading
 import unittest
 
+from certificates import Authority
 from http_servers import ScriptServer, answer
 
 LIMIT = 20  # seconds that one step may take
@@ -173,6 +175,22 @@ class Examples(unittest.TestCase):
             _, errors = program.communicate(timeout=LIMIT)
             self.assertEqual(program.returncode, 1)
             self.assertTrue(errors.startswith(told), errors)
+
+    def test_tls_tells_how_many_answers_an_early_end_has_cost(self):
+        authority = Authority(self.root)
+        key, certificate = authority.issue("server")
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(certificate, key)
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            client = self.start("tls_echo", "ask", "127.0.0.1", str(server.getsockname()[1]),
+                                authority.certificate, "3")
+            with context.wrap_socket(server.accept()[0], server_side=True) as connection:
+                connection.sendall(connection.recv(6))
+                self.assertEqual(connection.recv(6), b"hello\n")
+                connection.unwrap().close()
+        output, errors = client.communicate(timeout=LIMIT)
+        self.assertEqual((client.returncode, output, errors), (
+            1, "", "tls_echo: 2 answers are missing: the peer has closed\n"))
 
     def test_modules_ask_and_answer_in_order(self):
         program = self.start("modules", "7", "12", "-3")
