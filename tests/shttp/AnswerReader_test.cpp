@@ -340,6 +340,16 @@ TEST(AnswerLimit, HeaderOfAChunkIsNoHeaderLineHoweverItIsCut) {
   }
 }
 
+TEST(AnswerLimit, TrailersCountAsTheyAreSentHoweverTheyAreCut) {
+  const std::string start = "0;last\r\n";
+  const std::string trailers = "X:" + std::string(3000, ' ') + "y\r\nZ:z\r\n";
+  CAWHttpLimits limits;
+  limits.headerBytes = Chunked(trailers).size();
+  EXPECT_EQ(ReadAnyhow(Chunked(start + trailers + "\r\n"), limits), Good(200, ""));
+  --limits.headerBytes;
+  EXPECT_EQ(ReadAnyhow(Chunked(start + trailers + "\r\n"), limits).error, EMSGSIZE);
+}
+
 TEST(AnswerLimit, HeaderOfAChunkHasAKibibyte) {
   const std::string chunk = "\r\nhello\r\n";
   const std::string fits = "5;" + std::string(1022, 'e');

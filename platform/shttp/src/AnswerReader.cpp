@@ -20,7 +20,6 @@ using beast::string_view;
 
 namespace {
 
-constexpr std::size_t kFieldMarks = 4;  // ": " and the line's end, of a trailer
 // The parser stops a debug build when it is to go on with less than this, the shortest end of an
 // answer in chunks: "0\r\n\r\n".
 constexpr std::size_t kMinLine = 5;
@@ -79,9 +78,10 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
   // Takes one part of an answer at most: its header, a chunk's header, some of a body.
   std::size_t Put(std::string_view bytes, error_code& code) {
     start_ = bytes.data();
-    const bool header = !is_header_done();
+    lines_ = is_header_done() ? nullptr : start_;
     const std::size_t used = put({bytes.data(), bytes.size()}, code);
-    if (header && ErrorOf(code) == 0) CountHeader(used, code);
+    if (lines_ != nullptr && ErrorOf(code) == 0)
+      CountHeader(static_cast<std::size_t>(start_ + used - lines_), code);
     return used;
   }
 
@@ -109,12 +109,10 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
     status_ = status;
     if (status < kMinStatus || status == kSwitchingProtocols) Fail(EPROTO, code);
   }
-  void on_field_impl(http::field field, string_view name, string_view value,
-                     error_code& code) override {
+  void on_field_impl(http::field field, string_view, string_view value, error_code& code) override {
     if (field == http::field::transfer_encoding && !beast::iequals(value, "chunked"))
       return Fail(ENOTSUP, code);
     if (field == http::field::content_encoding) NoteCoding(value);
-    if (is_header_done()) CountHeader(name.size() + value.size() + kFieldMarks, code);
   }
   void NoteCoding(string_view value) {
     if (beast::iequals(value, "identity")) return;
@@ -141,9 +139,11 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
          code);
     return bytes.size();
   }
-  void on_chunk_header_impl(std::uint64_t, string_view extension, error_code& code) override {
+  // Of the last chunk all is there, with the trailers and the empty line behind them.
+  void on_chunk_header_impl(std::uint64_t size, string_view extension, error_code& code) override {
     const char* const end = extension.data() + extension.size();
-    if (static_cast<std::size_t>(end - start_) > kMaxChunkLine) Fail(EMSGSIZE, code);
+    if (static_cast<std::size_t>(end - start_) > kMaxChunkLine) return Fail(EMSGSIZE, code);
+    if (size == 0) lines_ = end + kLinesEnd.size();  // so that the empty line does not count
   }
   std::size_t on_chunk_body_impl(std::uint64_t, string_view bytes, error_code& code) override {
     return on_body_impl(bytes, code);
@@ -154,6 +154,7 @@ class AnswerReader::Parser final : public http::basic_parser<false> {
 
   Gathered& gathered_;
   const char* start_ = nullptr;  // of the bytes that are being parsed
+  const char* lines_ = nullptr;  // where header lines begin among them, if there are any
   int status_ = 0;
   int error_ = 0;
   Coding coding_ = Coding::none;
