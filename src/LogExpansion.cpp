@@ -1,15 +1,12 @@
 // LogExpansion.cpp - see LogExpansion.h.
 #include "LogExpansion.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <stdio_ext.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -55,22 +52,6 @@ class Arguments {
   std::va_list args_;
 };
 
-// Lets no signal come to the thread as long as it lives.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t before_{};
-};
-
 // Holds a stream while one line goes to its file, past its buffer. Also lets go of it when the
 // thread is cancelled on the way.
 class LineOutput {
@@ -91,23 +72,12 @@ class LineOutput {
       ::fflush_unlocked(stream_);
       return;
     }
-    if (::__fpending(stream_) != 0 && !Flush()) torn_ = true;
+    if (::__fpending(stream_) != 0 && ::fflush_unlocked(stream_) != 0) torn_ = true;
     if (torn_) WriteAll("\n", 1);
     if (!torn_) WriteAll(line, size);
   }
 
  private:
-  // The C library drops what is in its buffer when a signal interrupts the write. So signals come
-  // while this waits for room, where they may also end the process.
-  bool Flush() {
-    const bool waits = (::fcntl(file_, F_GETFL) & O_NONBLOCK) == 0;
-    pollfd room{file_, POLLOUT, 0};
-    while (waits && ::poll(&room, 1, -1) < 0 && errno == EINTR) {
-    }
-    const SignalsBlocked blocked;
-    return ::fflush_unlocked(stream_) == 0;
-  }
-
   void WriteAll(const char* text, std::size_t size) {
     const bool before = torn_;
     torn_ = true;  // a cancelled thread does not learn how much was written

@@ -437,11 +437,6 @@ class PipeStream {
   PipeStream& operator=(const PipeStream&) = delete;
 
   std::FILE* Get() const { return stream_; }
-  // Past the buffer.
-  void Fill() const {
-    const std::string page(static_cast<std::size_t>(size_), '.');
-    EXPECT_EQ(::write(::fileno(stream_), page.data(), page.size()), size_);
-  }
   bool IsFull() const {
     int count = 0;
     return ::ioctl(reader_.Get(), FIONREAD, &count) == 0 && count == size_;
@@ -517,45 +512,6 @@ TEST_F(ZARNLoggerImpTest, SignalsTakeNothingFromALine) {
   }
   writer.join();
   EXPECT_TRUE(text + pipe.Read() == kOnOthersStream + message + "\n");
-}
-
-TEST_F(ZARNLoggerImpTest, SignalsTakeNothingFromWhatTheProgramHasPrintedBefore) {
-  const InterruptingSignal signal;
-  PipeStream pipe;
-  std::fputs("printed before\n", pipe.Get());
-  pipe.Fill();
-  std::thread writer([&] { PrintOn(pipe.Get(), "line"); });
-  while (pipe.IsFree()) std::this_thread::yield();
-  for (const int enough = signal.CountHandled() + 10; signal.CountHandled() < enough;)
-    ::pthread_kill(writer.native_handle(), SIGUSR1);
-  pipe.Read();
-  writer.join();
-  EXPECT_EQ(pipe.Read(), std::string("printed before\n") + kOnOthersStream + "line\n");
-}
-
-TEST_F(ZARNLoggerImpTest, SignalsTakeNothingFromMoreThanThereIsRoomFor) {
-  const InterruptingSignal signal;
-  std::string buffer(1U << 17, '\0');
-  PipeStream pipe;
-  std::setvbuf(pipe.Get(), buffer.data(), _IOFBF, buffer.size());
-  const std::string before(100000, 'x');
-  std::fputs(before.c_str(), pipe.Get());
-  std::atomic<bool> written{false};
-  std::thread writer([&] {
-    PrintOn(pipe.Get(), "line");
-    written = true;
-  });
-  std::string text;
-  while (!written) {
-    if (!pipe.IsFull()) continue;
-    for (int i = 0; i < 100; ++i) {
-      ::pthread_kill(writer.native_handle(), SIGUSR1);
-      std::this_thread::yield();
-    }
-    text += pipe.Read();
-  }
-  writer.join();
-  EXPECT_TRUE(text + pipe.Read() == before + kOnOthersStream + "line\n");
 }
 
 }  // namespace
