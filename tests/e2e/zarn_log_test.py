@@ -5,6 +5,7 @@ import os
 import pty
 import select
 import signal
+import socket
 import subprocess
 import time
 import unittest
@@ -231,6 +232,31 @@ class Merge(LogTest):
         result = self.run_tool("log", "--no-name", "-", other, input=line(0) + line(2))
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         self.assertEqual(result.stdout, line(0) + line(1, text="from a file") + line(2))
+
+    def test_standard_input_is_read_where_it_stands(self):
+        path = self.write("read.log", line(0) + line(1))
+        with open(path, encoding="utf-8") as read:
+            os.lseek(read.fileno(), len(line(0)), os.SEEK_SET)
+            result = self.run_tool("log", "-", stdin=read)
+        self.assertEqual((result.returncode, result.stdout), (0, line(1)))
+
+    def test_standard_input_may_be_a_socket(self):
+        ours, theirs = socket.socketpair()
+        with ours, theirs:
+            ours.sendall(line(0).encode())
+            ours.shutdown(socket.SHUT_WR)
+            result = self.run_tool("log", "-", stdin=theirs)
+        self.assertEqual((result.returncode, result.stdout), (0, line(0)))
+
+    def test_standard_input_that_is_closed_is_a_failure(self):
+        result = self.run_without("<&-", "log", "-")
+        self.assertEqual((result.returncode, result.stderr),
+                         (1, "zarn: '-': Bad file descriptor\n"))
+
+    def test_standard_input_is_followed_by_no_name_of_its_own(self):
+        result = self.run_tool("log", "--follow", "-")
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("--follow: is for files, not for '-'", result.stderr)
 
     def test_files_of_one_name_bear_their_paths(self):
         (self.logs / "x").mkdir()
@@ -509,7 +535,7 @@ class Follow(LogTest):
         self.assertEqual(running.end(), 0)
 
     def test_standard_input_that_says_nothing_does_not_keep_it(self):
-        running = self.start("log", "--follow", "-", stdin=subprocess.PIPE)
+        running = self.start("log", "--follow", "/dev/stdin", stdin=subprocess.PIPE)
         for second in (0, 1):
             running.process.stdin.write(line(second).encode())
             running.process.stdin.flush()

@@ -259,8 +259,10 @@ void AddFilterOptions(CLI::App& command, const std::shared_ptr<LogOptions>& opti
 }
 
 void FinishOptions(LogOptions& options) {
-  std::replace(options.paths.begin(), options.paths.end(), std::string("-"),
-               std::string("/dev/stdin"));
+  const auto& paths = options.paths;
+  if (options.follow &&
+      std::find(paths.begin(), paths.end(), LogFile::kStandardInput) != paths.end())
+    throw CLI::ValidationError("--follow", "is for files, not for '-'");
   const Micros now = GetNow();
   options.filter.since = ParseTimeOption(options.since, now);
   options.filter.until = ParseTimeOption(options.until, now);

@@ -39,7 +39,10 @@ LogFile::~LogFile() {
 }
 
 int LogFile::Open() {
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | (waits_ ? 0 : O_NONBLOCK));
+  // Opened anew, standard input would be read from its start, and a socket not at all.
+  const int fd = path_ == kStandardInput
+                     ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                     : ::open(path_.c_str(), O_RDONLY | O_CLOEXEC | (waits_ ? 0 : O_NONBLOCK));
   if (fd < 0) return errno;
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;

@@ -26,8 +26,10 @@ struct LogRecord {
 class LogFile {
  public:
   static constexpr Micros kNoTime = std::numeric_limits<Micros>::min();
+  static constexpr std::string_view kStandardInput = "-";
 
-  // With `waits` false a pipe that is empty, or that nobody writes to, has no more for now.
+  // kStandardInput is read where it stands, and waited for. With `waits` false a pipe that is
+  // empty, or that nobody writes to, has no more for now.
   LogFile(std::string path, const LogFilter& filter, bool waits);
   ~LogFile();
   LogFile(const LogFile&) = delete;
