@@ -486,6 +486,28 @@ TEST(ShmConnection, WriterThatBeginsToWaitWhileItsBytesAreHandledIsWoken) {
   EXPECT_EQ(peer.socket.Receive().size(), 1U);
 }
 
+TEST(ShmConnection, WriterThatHasFilledTheRingAgainMeanwhileIsNotWokenForTheRoomThatItHad) {
+  RawPeer peer;
+  peer.end.Open();
+  RingWriter writer(peer.segment.ConnectorRing());
+  const std::string bytes(kMinShmRing, 'x');
+  bool waits = false;
+  peer.end.sink.onReceive = [&](auto*) {
+    if (waits) return;
+    writer.Write(bytes.data(), bytes.size());
+    writer.Publish();
+    waits = writer.WaitForRoom();
+    EXPECT_TRUE(waits);
+    EXPECT_EQ(peer.socket.Receive(), "");
+    peer.end.transport->SetOption(keelbase::AW_OPT_STOP_READING, &waits);
+  };
+  writer.Write("x", 1);
+  writer.Publish();
+  EXPECT_TRUE(Await([&] { return waits; }));
+  EXPECT_EQ(peer.Out().writerWaits, 1U);
+  EXPECT_EQ(peer.socket.Receive(), "");
+}
+
 TEST(ShmConnection, WakeUpsWithoutReasonCostNothingLater) {
   RawPeer peer;
   peer.end.Open();

@@ -144,7 +144,7 @@ bool ShmConnection::ReadOnce() {
     ++counters_.blocksReceived;
     counters_.bytesReceived += block.GetLength();
     sink_->OnBytes(block);
-    if (state_ == State::open && reader_.ShallTellRoomForSure(unread)) WakePeer();
+    if (state_ == State::open && reader_.ShallTellRoomForSure()) WakePeer();
   } catch (const std::bad_alloc&) {
     End(ENOMEM);
   }

@@ -176,12 +176,13 @@ class RingReader {
            ring_.control->writerWaits.exchange(0, std::memory_order_seq_cst) != 0;
   }
 
-  // The same, and overlooks nobody. Takes as long as a dozen other steps: not for where the bytes
-  // are waited for.
-  bool ShallTellRoomForSure(std::size_t unread) {
+  // The same by what is unread now, and overlooks nobody. Takes as long as a dozen other steps: not
+  // for where the bytes are waited for.
+  bool ShallTellRoomForSure() {
     // Sequentially consistent, as what the writer does before it waits: one of us sees the other.
     ring_.control->tail.store(tail_, std::memory_order_seq_cst);
-    return ShallTellRoom(unread);
+    return ring_.control->writerWaits.load(std::memory_order_seq_cst) != 0 &&
+           ShallTellRoom(Available());
   }
 
   // Asks to be woken by the next Publish. False: there is something already.

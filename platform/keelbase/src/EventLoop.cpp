@@ -219,7 +219,7 @@ bool EventLoop::Spin() {
   using std::chrono::microseconds;
   for (unsigned looks = 0; looks < kQuickLooks; ++looks) {
     if (ServeLikely()) return true;
-    if (pollers_.IsEmpty()) break;
+    if (pollers_.IsEmpty() || hasPosted_.load(std::memory_order_acquire)) break;
     FinishLoads();
   }
   const auto start = std::chrono::steady_clock::now();
