@@ -34,6 +34,11 @@ class Env(ToolTest):
         self.assertEqual((found["state"], found["detail"]),
                          ("wrong", f"missing: make it with '(umask 077; mkdir -p {self.root}/system)'"))
 
+    def test_no_command_is_advised_that_a_shell_would_take_apart(self):
+        for name in ("a b", "a;b", "a$b", "a'b"):
+            result = self.run_tool("env", env=dict(self.env, ZARN_ROOT=str(self.root / name)))
+            self.assertIn("(missing: make it, so that nobody else may write to it)", result.stdout)
+
     def test_too_open_is_wrong(self):
         self.make_ipc()
         for mode in (0o720, 0o702):

@@ -49,8 +49,7 @@ Finding ExamineMissing(const Directory& directory, const std::string& path, int 
   if (error != ENOENT) return {"wrong", std::strerror(error)};
   switch (directory.need) {
     case Directory::needed:
-      return {"wrong",
-              fmt::format("missing: make it with '(umask 077; mkdir -p {})'", Escape(path))};
+      return {"wrong", "missing: " + HowToMake(path)};
     case Directory::madeOnDemand:
       return {"missing", "made when it is needed"};
     case Directory::optional:

@@ -24,10 +24,8 @@ std::string CheckRoot() {
   const std::string shown = Escape(system);
   const bool found = ::stat(system.c_str(), &status) == 0;
   if (!found && errno == ENOENT)
-    return fmt::format(
-        "ZARN_ROOT is '{}', but '{}' does not exist: make it with '(umask 077; mkdir -p {})', or "
-        "correct ZARN_ROOT",
-        shownRoot, shown, shown);
+    return fmt::format("ZARN_ROOT is '{}', but '{}' does not exist: {}, or correct ZARN_ROOT",
+                       shownRoot, shown, HowToMake(system));
   if (found && !S_ISDIR(status.st_mode))
     return fmt::format("ZARN_ROOT is '{}', but '{}' is not a directory: correct ZARN_ROOT",
                        shownRoot, shown);
@@ -36,6 +34,14 @@ std::string CheckRoot() {
     return fmt::format("ZARN_ROOT is '{}', but '{}' cannot be used: {}; correct ZARN_ROOT",
                        shownRoot, shown, std::strerror(errno));
   return {};
+}
+
+std::string HowToMake(const std::string& directory) {
+  constexpr std::string_view kPlain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._+:,@-";
+  if (directory.find_first_not_of(kPlain) != std::string::npos || directory.front() == '-')
+    return "make it, so that nobody else may write to it";
+  return fmt::format("make it with '(umask 077; mkdir -p {})'", directory);
 }
 
 std::string GetEndpointDirectory(std::string_view scheme) {
