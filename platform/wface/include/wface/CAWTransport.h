@@ -43,8 +43,9 @@ class IAWTransportSink {
 // connection asks the peer's system for a sign from a third of that time on, which costs one small
 // packet each way every third of it (TCP_KEEPIDLE 10 s, TCP_KEEPINTVL 5 s, TCP_KEEPCNT 4); sent
 // bytes that nobody acknowledges for that long end it too, and so does a peer that is alive but
-// takes no single byte of what waits for it all that time (TCP_USER_TIMEOUT 30 s). Short limits end
-// connections at each hiccup of a network, long ones keep the dead. 10001 for a value out of range.
+// takes nothing of what waits for it all that time, or so little that its system does not open its
+// window again (TCP_USER_TIMEOUT 30 s). Short limits end connections at each hiccup of a network,
+// long ones keep the dead. 10001 for a value out of range.
 inline constexpr int AW_OPT_SILENCE_LIMIT = 130;
 
 // One connection: a stream of bytes each way over TCP (IPv4), nothing added on the wire. Small
