@@ -34,9 +34,9 @@ README_PROGRAM = """
 keelbase::CAWThread* network;
 %s
 int main() {
-  auto* threads = keelbase::CAWThreadManager::Instance();
-  threads->AdoptCurrentThread(keelbase::CAWThreadManager::TT_NETWORK);
-  network = threads->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  const auto type = keelbase::CAWThreadManager::TT_NETWORK;
+  keelbase::CAWThreadManager::Instance()->AdoptCurrentThread(type);
+  ::network = keelbase::CAWThreadManager::Instance()->GetThread(type);
   Client client;
   %s
   network->Run();
