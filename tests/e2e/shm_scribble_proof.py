@@ -81,6 +81,8 @@ class Scribbles(ProgramTest):
             until(lambda: client.mappings() == 0, "a mapping is left")
         server = self.start_server("count", "shm")
         server.stats_until(lambda stats: stats["clients"] == CLIENTS)
+        for client in clients:  # only then it has closed what it handed over
+            client.stats_until(lambda stats: stats["connected"])
         descriptors = {client.descriptors() for client in clients}
         self.assertEqual(len(descriptors), 1, descriptors)  # each came by as many connections
 
