@@ -80,6 +80,7 @@ void ReadSome(FuzzedDataProvider& input, Shared& shared, fshmipc::RingReader& re
   if (length == 0) return;
   reader.Read(bytes.data(), length);
   reader.ShallTellRoom(available - length);
+  reader.ShallTellRoomForSure();
 }
 
 }  // namespace

@@ -169,15 +169,16 @@ class RingReader {
   }
 
   // After a Read that has left `unread` bytes. True: the writer waits for room, there is enough
-  // now, and it is to be told. One that begins to wait in this very moment may be overlooked.
+  // now, and it is to be told. One that begins to wait in this very moment may be overlooked: ask
+  // ShallTellRoomForSure later.
   bool ShallTellRoom(std::size_t unread) {
     if (unread > ring_.size / 2) return false;
     return ring_.control->writerWaits.load(std::memory_order_seq_cst) != 0 &&
            ring_.control->writerWaits.exchange(0, std::memory_order_seq_cst) != 0;
   }
 
-  // The same by what is unread now, and overlooks nobody. Takes as long as a dozen other steps: not
-  // for where the bytes are waited for.
+  // The same by what is unread now, and overlooks nobody. Costs a full barrier, so it is asked once
+  // the bytes have been handed on.
   bool ShallTellRoomForSure() {
     // Sequentially consistent, as what the writer does before it waits: one of us sees the other.
     ring_.control->tail.store(tail_, std::memory_order_seq_cst);

@@ -211,10 +211,10 @@ bool EventLoop::ServeLikely() {
   return true;
 }
 
-// Looks for work without sleeping. Where that is in memory, a few times as fast as can be; then a
-// microsecond of pause first, since an answer may be that near, and for that time only those are
-// asked who are likely to bring it; then the processor is offered to others between looks, since
-// the peer may need this very one.
+// Looks for work without sleeping: a few times without a pause where a look costs only a read of
+// memory; then for a microsecond with pauses, since an answer may be that near, and for that time
+// only those are asked who are likely to bring it; then the processor is offered to others between
+// looks, since the peer may need this very one.
 bool EventLoop::Spin() {
   using std::chrono::microseconds;
   for (unsigned looks = 0; looks < kQuickLooks; ++looks) {

@@ -54,9 +54,9 @@ class KEELBASE_API CAWThread {
   bool IsServing() const;
 
   // How long the loop looks for work before it sleeps, in microseconds; 0 (the default) sleeps at
-  // once. Looking costs one processor for that long after each piece of work: a microsecond of
-  // pause, then it yields between looks. 50 to 100 is plenty. Any thread; counts from the next turn
-  // of the loop.
+  // once. Looking costs one processor for that long after each piece of work: a few looks at shared
+  // memory without a pause, then a microsecond with pauses, then it yields between looks. 50 to 100
+  // is plenty. Any thread; counts from the next turn of the loop.
   void SetSpin(std::uint32_t microseconds);
 
   // Runs `function` on this thread, later; on an adopted thread that does not run, in its next
