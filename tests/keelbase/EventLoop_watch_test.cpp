@@ -11,6 +11,7 @@
 #include <future>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "ChildTest.h"
 #include "LoopThread.h"
@@ -100,6 +101,47 @@ TEST(EventLoop, SpinningForOneWatcherKeepsNobodyElseWaiting) {
     SpinWith(loop, watcher);
     stranger.join();
     EXPECT_TRUE(fired);
+  });
+}
+
+// As a connection that has no input any more, whose owner sends its last words elsewhere.
+class EndingWatcher final : public Watcher, public TurnEndTask {
+ public:
+  explicit EndingWatcher(EventLoop& loop) : loop_(loop) {}
+  void OnReady(std::uint32_t) override {}
+  bool OnSpin() override {
+    if (!std::exchange(ended_, true)) loop_.AtTurnEnd(*this);
+    return false;
+  }
+  void OnTurnEnd() override {
+    sent = true;
+    loop_.Stop();
+  }
+  bool sent = false;
+
+ private:
+  EventLoop& loop_;
+  bool ended_ = false;
+};
+
+TEST(EventLoop, WhatIsGatheredAtAnEndThatIsSeenWhileSpinningIsWrittenBeforeTheLoopSleeps) {
+  WithLoop([](EventLoop& loop) {
+    EndingWatcher watcher(loop);
+    SocketPair sockets;
+    ASSERT_EQ(loop.Watch(sockets.near.Get(), EPOLLIN | EPOLLET, watcher), 0);
+    ASSERT_EQ(::write(sockets.far.Get(), "x", 1), 1);
+    loop.RunReady();
+    bool slept = false;
+    Timer limit(loop);
+    limit.Start(std::chrono::seconds(10), 1, [&] {
+      slept = !watcher.sent;
+      loop.Stop();
+    });
+    loop.SetSpin(1);
+    loop.Run();
+    EXPECT_TRUE(watcher.sent);
+    EXPECT_FALSE(slept);
+    loop.Unwatch(sockets.near.Get(), watcher);
   });
 }
 

@@ -200,12 +200,14 @@ void EventLoop::FlushTurn() {
 
 // Asks those who are likely to have work and need no system call to say so, or a cheap one.
 bool EventLoop::ServeLikely() {
+  bool any = false;
   try {
-    if (!RunPollers() && (recent_ == nullptr || !recent_->OnSpin())) return false;
-    FlushTurn();
+    any = RunPollers() || (recent_ != nullptr && recent_->OnSpin());
+    FlushTurn();  // where there was no input as well: an end may have been told
   } catch (...) {
     StopForException(name_);
   }
+  if (!any) return false;
   // However much comes from these, the others have their turns.
   if (++likelyServed_ % kServedPerTurn == 0) Turn(0);
   return true;
