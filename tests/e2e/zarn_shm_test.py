@@ -4,7 +4,9 @@ import errno
 import getpass
 import mmap
 import os
+import pathlib
 import subprocess
+import tempfile
 import unittest
 
 from zarn_tool import TOOL, ToolTest
@@ -128,6 +130,18 @@ class Shm(ToolTest):
         for number in range(1, 5):  # of its two own entries, the file and the end
             self.fails(1, f"^zarn: '{self.directory}': Input/output error\n$", "shm", "ls",
                        env=self.failing("readdir", number, errno.EIO))
+
+    def test_a_time_that_no_calendar_reaches_is_told_in_seconds(self):
+        # Few file systems keep such a time; this one does.
+        with tempfile.TemporaryDirectory(dir="/dev/shm") as root:
+            self.env["ZARN_ROOT"] = root
+            segment = pathlib.Path(root, "system/zarn/shm/zarnshmm/zarn_shm_far")
+            segment.parent.mkdir(parents=True)
+            segment.write_bytes(bytes(16))
+            far = 9 * 10**17
+            subprocess.run(["touch", "-d", f"@{far}", segment], check=True)
+            self.assertIn(f"changed    @{far}\n", self.run_tool("shm", "info", "far").stdout)
+            self.assertEqual(self.run_events("shm", "info", "far")[0]["changed"], far)
 
     def test_names_that_lead_elsewhere_are_refused(self):
         for name in ("../x", "a/b", "/x", "..", "a..b", ""):

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <memory>
 
 #include "CommandLine.h"
@@ -25,8 +26,11 @@ struct ShmOptions {
   bool json = false;
 };
 
+// A file can have a time that no calendar reaches.
 std::string FormatTime(std::time_t time) {
-  return fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::localtime(time));
+  std::tm local{};
+  if (::localtime_r(&time, &local) == nullptr) return fmt::format("@{}", time);
+  return fmt::format("{:%Y-%m-%d %H:%M:%S}", local);
 }
 
 std::string DescribeProcesses(const ShmSegment& segment) {
