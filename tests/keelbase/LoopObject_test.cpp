@@ -62,6 +62,32 @@ class CalledBack final : public LoopObject<Interface> {
   Life& life_;
 };
 
+// Is called back when the turn ends.
+class Gathering final : public LoopObject<Interface>, private TurnEndTask {
+ public:
+  explicit Gathering(EventLoop& loop) : LoopObject(loop) { loop.AtTurnEnd(*this); }
+  int calls = 0;
+  int heard = 0;
+
+ private:
+  void OnTurnEnd() override {
+    ++calls;
+    if (Hold()) ++heard;
+  }
+};
+
+TEST(LoopObject, IsCalledBackNoMoreOnceTheProcessEnds) {
+  WithLoop([](EventLoop& loop) {
+    const CAWAutoPtr<Gathering> before(new Gathering(loop));
+    loop.RunReady();
+    EXPECT_EQ(before->heard, 1);
+    const CAWAutoPtr<Gathering> after(new Gathering(loop));
+    loop.End();
+    EXPECT_EQ(after->calls, 1);
+    EXPECT_EQ(after->heard, 0);
+  });
+}
+
 TEST(LoopObject, IsDestroyedInPlaceOnItsOwnThread) {
   WithLoop([](EventLoop& loop) {
     Life life;

@@ -1,6 +1,7 @@
 // Transport_ends_test.cpp - the end of a connection by its peer, and letting go of it, which all
 // transports do alike.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -287,6 +288,34 @@ TYPED_TEST(TransportEnds, AForkedChildThatExitsTouchesNoConnectionOfItsParent) {
     c.transport = nullptr;
     EXPECT_EQ(c.ReceiveAll(), "taken");
   }
+}
+
+// Its callbacks might take a lock that the one which calls exit() holds.
+TYPED_TEST(SocketTransportEnds, AProcessThatExitsInACallbackIsToldNothingMoreAndStillSends) {
+  if (ChildTest::Role() == "exits") {
+    static auto& ended = *new TypeParam;  // none is let go of at exit
+    static auto& live = *new TypeParam;
+    static auto& caller = *new TypeParam;
+    ended.sink.onReceive = ended.sink.onDisconnect = [](auto*) { ::_exit(1); };
+    caller.sink.onReceive = [](auto*) {
+      ended.peer.Close();
+      ended.Send("to nobody");
+      live.Send("accepted");
+      atLast.act = [] {
+        if (live.peer.Receive() != "accepted") ::_exit(2);
+      };
+      std::exit(7);
+    };
+    for (TypeParam* c : {&ended, &live, &caller}) c->Open();
+    bool stop = true;
+    ended.transport->SetOption(keelbase::AW_OPT_STOP_READING, &stop);
+    ended.peer.Send("unread");
+    caller.peer.Send("exit");
+    Await([] { return false; });
+    ::_exit(3);
+  }
+  ChildTest child("exits");
+  EXPECT_EQ(child.Wait(), 7) << child.GetErrors();
 }
 
 #ifndef NDEBUG

@@ -435,12 +435,12 @@ void EventLoop::End() {
   }
   const InPlace here(*this, TakeHoldAtExit());
   if (!here) return;
+  callbacksOver_ = true;  // also those that a failed write would bring about
   FlushTurn();
   DropPosted();
   timers_.ForgetFiring();
   const MutexLock lock(mutex_);
   holds_ = 1;  // what has called this from inside the loop goes on no more
-  callbacksOver_ = true;
   callbackEnded_.notify_all();
 }
 

@@ -116,6 +116,8 @@ class KEELBASE_API EventLoop {
   // Whether this thread may wait for a callback of the loop: one that has a loop itself may not,
   // since the callback may be waiting for it in a Call; and once callbacks are over none ends.
   bool CanAwaitCallbacks() const { return current_ == nullptr && !callbacksOver_; }
+  // The process ends: nobody is called back any more.
+  bool AreCallbacksOver() const { return callbacksOver_.load(std::memory_order_relaxed); }
   // For an object's release: waits until `ended()`, which is asked again at each
   // TellCallbackEnded(), or the callbacks are over.
   template <class Condition>
@@ -231,7 +233,8 @@ class KEELBASE_API EventLoop {
   std::atomic<bool> stop_{false};
   std::atomic<std::uint32_t> spin_{0};
   std::atomic<bool> leftToParent_{false};
-  std::atomic<bool> callbacksOver_{false};  // one that has begun does not end any more
+  // None begins, and one that has begun does not end any more.
+  std::atomic<bool> callbacksOver_{false};
 
   // What those who post write to stands apart from what the loop's thread uses for each event.
   alignas(kCacheLine) Mutex mutex_;

@@ -46,9 +46,10 @@ class LoopObject : public Interface {
     LoopObject* const object_;
   };
 
-  // What a callback of the loop begins with. False when the last reference is gone or about to go:
-  // there is nobody to tell, and the object must not be referred to again.
+  // What a callback of the loop begins with. False when the last reference is gone or about to go,
+  // or callbacks are over: there is nobody to tell, and the object must not be referred to again.
   Held Hold() {
+    if (loop_.AreCallbacksOver()) return Held(nullptr);
     std::uint64_t state = state_.load(std::memory_order_relaxed);
     while (HasListener(state)) {
       if (state_.compare_exchange_weak(state, state + kHolder, std::memory_order_release))
