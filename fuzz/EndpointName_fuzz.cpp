@@ -54,6 +54,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Check(!path.directory.empty());
   Check(path.name.empty() || IsPlainName(path.name));
   if (path.name.empty()) return 0;
+  Check(path.directory.find('\0') == std::string::npos);
   if (const auto made = fipc::MakeClientName(path.name)) {
     const auto back = fipc::ParseClientName(made->address, made->size);
     Check(back && *back == path.name);

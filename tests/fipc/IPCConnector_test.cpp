@@ -56,6 +56,7 @@ TEST(IPCConnector, EachFailureIsOneIndicationWithItsReason) {
   EXPECT_EQ(ReasonOf(""), EINVAL);
   EXPECT_EQ(ReasonOf(base + "/"), EINVAL);
   EXPECT_EQ(ReasonOf(base + "/.."), EINVAL);
+  EXPECT_EQ(ReasonOf(base + std::string("\0x/1_2", 6)), EINVAL);
   EXPECT_EQ(ReasonOf(base + "/" + std::string(300, 'x')), ENAMETOOLONG);
   PlainSocket dead = PlainSocket::Stream();
   ASSERT_EQ(dead.Bind(base + "/stale"), 0);

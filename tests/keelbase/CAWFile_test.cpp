@@ -80,6 +80,15 @@ TEST_F(CAWFileTest, NameThatIsTooLongIsAnError) {
   EXPECT_EQ(CAWFile::mkdir(In("") + CAWString(5000, 'a') + "/"), AW_ERROR_FAILURE);
 }
 
+TEST_F(CAWFileTest, PathWithANulByteIsAnErrorAndNothingIsMadeOrDeleted) {
+  const CAWString file = Touch("file");
+  EXPECT_EQ(CAWFile::DeleteFile(file + CAWString("\0.tmp", 5)), AW_ERROR_FAILURE);
+  EXPECT_TRUE(fs::exists(file));
+  EXPECT_EQ(CAWFile::mkdir(In("a") + CAWString("\0b/c/", 5)), AW_ERROR_FAILURE);
+  EXPECT_EQ(CAWFile::mkdir(In("a/b") + CAWString("\0", 1)), AW_ERROR_FAILURE);
+  EXPECT_FALSE(fs::exists(In("a")));
+}
+
 TEST_F(CAWFileTest, DeletesFileAndLinkButNotTheLinksTarget) {
   const CAWString file = Touch("file");
   fs::create_symlink(file, In("link"));

@@ -45,6 +45,19 @@ TEST(EndpointFile, RemovesWhatItMadeOnly) {
   EXPECT_FALSE(std::filesystem::exists(path));
 }
 
+TEST(EndpointFile, StaysWhereAPathWithANulByteMeansItsDirectory) {
+  const TempDir dir;
+  const std::string path = dir.GetPath() + "/1_2";
+  EndpointFile first;
+  FileDescriptor listening;
+  ASSERT_EQ(first.Listen(EndpointPath(path), listening), 0);
+  EndpointFile second;
+  FileDescriptor other;
+  const std::string cut = dir.GetPath() + std::string("\0x/1_2", 6);
+  EXPECT_EQ(second.Listen(EndpointPath(cut), other), EINVAL);
+  EXPECT_TRUE(std::filesystem::is_socket(path));
+}
+
 TEST(EndpointFile, IsNotRemovedByAForkedChild) {
   const TempDir dir;
   const std::string path = dir.GetPath() + "/1_2";

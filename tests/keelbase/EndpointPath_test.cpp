@@ -23,7 +23,8 @@ TEST(EndpointPath, IsSplitAtItsLastSlash) {
 TEST(EndpointPath, PathsWithoutAFileNameNameNoEndpoint) {
   for (const std::string& path :
        {std::string(), std::string("/"), std::string("/a/"), std::string("."), std::string(".."),
-        std::string("/a/."), std::string("/a/.."), std::string("/a/b\0c", 6)})
+        std::string("/a/."), std::string("/a/.."), std::string("/a/b\0c", 6),
+        std::string("/a\0b/c", 6)})
     EXPECT_EQ(EndpointPath(path).name, "") << path;
 }
 

@@ -10,6 +10,9 @@
 namespace keelbase {
 namespace {
 
+// The system would end the path there, and make or remove what the caller has not named.
+bool HasNul(const CAWString& path) { return path.find('\0') != CAWString::npos; }
+
 bool MakeOne(const CAWString& path) {
   if (::mkdir(path.c_str(), 0700) == 0) return true;
   struct stat status {};
@@ -19,7 +22,7 @@ bool MakeOne(const CAWString& path) {
 }  // namespace
 
 AWResult CAWFile::mkdir(const CAWString& path) try {
-  if (path.empty()) return AW_ERROR_FAILURE;
+  if (path.empty() || HasNul(path)) return AW_ERROR_FAILURE;
   for (std::size_t end = path.find('/'); end != CAWString::npos; end = path.find('/', end + 1)) {
     if (end == 0 || path[end - 1] == '/') continue;  // the root, and a doubled '/'
     if (!MakeOne(path.substr(0, end))) return AW_ERROR_FAILURE;
@@ -30,6 +33,7 @@ AWResult CAWFile::mkdir(const CAWString& path) try {
 }
 
 AWResult CAWFile::DeleteFile(const CAWString& path) {
+  if (HasNul(path)) return AW_ERROR_FAILURE;
   if (::unlink(path.c_str()) == 0) return AW_OK;
   return errno == ENOENT ? AW_ERROR_NOT_FOUND : AW_ERROR_FAILURE;
 }

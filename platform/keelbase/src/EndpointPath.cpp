@@ -33,7 +33,8 @@ EndpointPath::EndpointPath(std::string_view path) {
   const std::size_t slash = path.rfind('/');
   directory = slash == std::string_view::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
   name = slash == std::string_view::npos ? path : path.substr(slash + 1);
-  if (!IsEndpointName(name)) name.clear();
+  // The system would take such a directory for another one, which ends at the NUL.
+  if (!IsEndpointName(name) || directory.find('\0') != std::string::npos) name.clear();
 }
 
 int EndpointAddress::Resolve(const EndpointPath& path) {

@@ -46,9 +46,9 @@ class IAWIPCAcceptorConnectorSink {
   // A connect has ended or a connection was accepted. reason 0: `transport` is the connection; a
   // sink that wants it takes a reference, else it is closed after this call. Otherwise transport is
   // null and reason an errno value (ECONNREFUSED, ENOENT: nobody listens; EACCES: a peer of another
-  // user; EMFILE: no descriptors) or an AWResult. An acceptor reports a reason when listening had
-  // to wait for another process and then failed, EWOULDBLOCK when that one has kept the directory
-  // locked for 10 seconds; it has stopped by then.
+  // user; EINVAL: no path of an endpoint; EMFILE: no descriptors) or an AWResult. An acceptor
+  // reports a reason when listening had to wait for another process and then failed, EWOULDBLOCK
+  // when that one has kept the directory locked for 10 seconds; it has stopped by then.
   virtual void OnIPCConnectIndication(long reason, IAWIPCTransport* transport,
                                       IAWIPCAcceptorConnectorId* id) = 0;
   virtual ~IAWIPCAcceptorConnectorSink() = default;
@@ -75,8 +75,8 @@ class FIPC_API IAWIPCAcceptor : public IAWIPCAcceptorConnectorId {
   // else that is there is left alone. 0: listening, or waiting for another process that is just
   // setting up an endpoint in that directory (a failure is then indicated). Else an errno value:
   // EADDRINUSE (somebody listens there, or a foreign file is in the way), EPERM (others may write
-  // to the directory), ENOENT, ENOTDIR, ENAMETOOLONG, EMFILE …; 10001 for a null sink or while
-  // listening.
+  // to the directory), EINVAL (the path names no file, or has a NUL byte), ENOENT, ENOTDIR,
+  // ENAMETOOLONG, EMFILE …; 10001 for a null sink or while listening.
   virtual keelbase::AWResult StartListen(IAWIPCAcceptorConnectorSink* sink,
                                          const keelbase::CAWIPCAddr& addr) = 0;
 
