@@ -71,5 +71,18 @@ TYPED_TEST(AcceptorConnector, LettingGoOfAConnectorWaitsForNobody) {
   }
 }
 
+// Also while the callback of the connect before is just running.
+TYPED_TEST(AcceptorConnector, AThreadWithoutALoopConnectsAgainOnceTheConnectUnderWayHasEnded) {
+  this->connector = nullptr;
+  std::thread user([this] {
+    ASSERT_EQ(TypeParam::Make(this->connector), AW_OK);
+    this->Connect();
+    while (this->over.Connect(*this->connector, this->connected, *this->acceptor) != AW_OK) {
+    }
+  });
+  EXPECT_TRUE(Await([this] { return this->connected.told == 2; }));
+  user.join();
+}
+
 }  // namespace
 }  // namespace zarn::test

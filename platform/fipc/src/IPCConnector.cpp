@@ -70,7 +70,7 @@ void IPCConnector::OnDialled(int error, FileDescriptor socket,
     error = keelbase::internal::TryMake<IPCTransport>(transport, GetLoop(), std::move(socket),
                                                       local_, peer_, credentials);
   }
-  keelbase::internal::TellOwner([&, sink = std::exchange(sink_, nullptr)] {
+  keelbase::internal::TellOwner([&, sink = sink_.exchange(nullptr)] {
     sink->OnIPCConnectIndication(error, transport.Get(), this);
   });
 }

@@ -1,6 +1,8 @@
 // IPCConnector.h - connects to an endpoint file.
 #pragma once
 
+#include <atomic>
+
 #include "fipc/CAWIPCManager.h"
 #include "keelbase/internal/EndpointDialer.h"
 #include "keelbase/internal/LoopObject.h"
@@ -24,7 +26,8 @@ class IPCConnector final : public keelbase::internal::LoopObject<IAWIPCConnector
   void OnDialled(int error, keelbase::internal::FileDescriptor socket,
                  const keelbase::CAWPeerCredentials& credentials);
 
-  IAWIPCAcceptorConnectorSink* sink_ = nullptr;  // null: no connect under way
+  // Null: no connect under way. Set and asked by the user's thread, taken by the loop's.
+  std::atomic<IAWIPCAcceptorConnectorSink*> sink_{nullptr};
   keelbase::CAWIPCAddr peer_;
   keelbase::CAWIPCAddr local_;
   keelbase::internal::EndpointDialer dialer_;

@@ -2,6 +2,8 @@
 // offers it.
 #pragma once
 
+#include <atomic>
+
 #include "ShmSegment.h"
 #include "SystemPath.h"
 #include "fshmipc/CAWShmIPCManager.h"
@@ -36,7 +38,8 @@ class ShmIPCConnector final : public keelbase::internal::LoopObject<IAWShmIPCCon
   void Stop();
 
   const SystemPath& systemPath_;
-  IAWShmIPCAcceptorConnectorSink* sink_ = nullptr;  // null: no connect under way
+  // Null: no connect under way. Set and asked by the user's thread, taken by the loop's.
+  std::atomic<IAWShmIPCAcceptorConnectorSink*> sink_{nullptr};
   CAWShmIPCAddr peer_;
   CAWShmIPCAddr local_;
   std::uint32_t ringSize_ = kDefaultRingSize;

@@ -1,6 +1,7 @@
 // TlsConnector.h - connects by a transport of the platform, and shakes hands.
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -112,13 +113,14 @@ class TlsConnector : public keelbase::internal::LoopObject<Interface>, private B
     if (!alive) return;
     stream_ = nullptr;
     ssl_ = nullptr;
-    keelbase::internal::TellOwner([sink = std::exchange(sink_, nullptr), reason, transport] {
+    keelbase::internal::TellOwner([sink = sink_.exchange(nullptr), reason, transport] {
       sink->OnSSLConnected(reason, transport);
     });
   }
 
   const keelbase::CAWAutoPtr<typename Below::Connector> below_;
-  IAWSSLConnectionSink* sink_ = nullptr;  // null: no connect under way
+  // Null: no connect under way. Set and asked by the user's thread, taken by the loop's.
+  std::atomic<IAWSSLConnectionSink*> sink_{nullptr};
   int mode_ = AW_SSL_VERIFY_FULL;
   TlsClientSettings settings_;
   SslPtr ssl_;
