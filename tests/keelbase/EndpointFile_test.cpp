@@ -58,6 +58,34 @@ TEST(EndpointFile, StaysWhereAPathWithANulByteMeansItsDirectory) {
   EXPECT_TRUE(std::filesystem::is_socket(path));
 }
 
+TEST(EndpointFile, OfARelativePathIsRemovedFromAnotherWorkingDirectoryToo) {
+  const TempDir dir;
+  EXPECT_TRUE(zarn::test::ForkedChild([&] {
+                EndpointFile file;
+                FileDescriptor listening;
+                std::filesystem::current_path(dir.GetPath());
+                if (file.Listen(EndpointPath("1_2"), listening) != 0) return false;
+                std::filesystem::current_path("/");
+                file.Remove();
+                return true;
+              }).Succeeded());
+  EXPECT_FALSE(std::filesystem::exists(dir.GetPath() + "/1_2"));
+}
+
+TEST(EndpointFile, IsRemovedFromADirectoryThatWasRenamed) {
+  const TempDir dir;
+  const std::string before = dir.GetPath() + "/before";
+  const std::string after = dir.GetPath() + "/after";
+  std::filesystem::create_directory(before);
+  std::filesystem::permissions(before, std::filesystem::perms::owner_all);
+  EndpointFile file;
+  FileDescriptor listening;
+  ASSERT_EQ(file.Listen(EndpointPath(before + "/1_2"), listening), 0);
+  std::filesystem::rename(before, after);
+  file.Remove();
+  EXPECT_FALSE(std::filesystem::exists(after + "/1_2"));
+}
+
 TEST(EndpointFile, IsNotRemovedByAForkedChild) {
   const TempDir dir;
   const std::string path = dir.GetPath() + "/1_2";

@@ -54,7 +54,7 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
   if (!takesDescriptors_) RefuseDescriptors(socket.Get());
-  std::string file = path.directory + "/" + path.name;
+  std::string name = path.name;
   FileDescriptor directory;
   if (const int error = LockDirectory(path.directory, directory); error != 0) return error;
   if (const int error = RemoveStale(directory.Get(), path.name, address); error != 0) return error;
@@ -68,7 +68,9 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
     ::unlinkat(directory.Get(), path.name.c_str(), 0);
     return error;
   }
-  path_ = std::move(file);
+  ::flock(directory.Get(), LOCK_UN);
+  directory_ = std::move(directory);
+  name_ = std::move(name);
   device_ = status.st_dev;
   inode_ = status.st_ino;
   process_ = ::getpid();
@@ -78,12 +80,13 @@ int EndpointFile::Listen(const EndpointPath& path, FileDescriptor& listening) {
 
 // Nobody replaces the file of a live listener, so it is removed while ours still listens.
 void EndpointFile::Remove() {
-  if (path_.empty()) return;
+  if (!directory_) return;
   struct stat status {};
-  if (process_ == ::getpid() && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&
-      status.st_ino == inode_)
-    ::unlink(path_.c_str());
-  path_.clear();
+  if (process_ == ::getpid() &&
+      ::fstatat(directory_.Get(), name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+      status.st_dev == device_ && status.st_ino == inode_)
+    ::unlinkat(directory_.Get(), name_.c_str(), 0);
+  directory_.Reset();
 }
 
 }  // namespace keelbase::internal

@@ -76,12 +76,13 @@ class FIPC_API IAWIPCAcceptor : public IAWIPCAcceptorConnectorId {
   // setting up an endpoint in that directory (a failure is then indicated). Else an errno value:
   // EADDRINUSE (somebody listens there, or a foreign file is in the way), EPERM (others may write
   // to the directory), EINVAL (the path names no file, or has a NUL byte), ENOENT, ENOTDIR,
-  // ENAMETOOLONG, EMFILE …; 10001 for a null sink or while listening.
+  // ENAMETOOLONG, EMFILE …; 10001 for a null sink or while listening. Keeps two descriptors while
+  // it listens, of the socket and of the directory.
   virtual keelbase::AWResult StartListen(IAWIPCAcceptorConnectorSink* sink,
                                          const keelbase::CAWIPCAddr& addr) = 0;
 
-  // Stops and removes the endpoint file, if it is still this acceptor's. Accepted connections go
-  // on. Always 0.
+  // Stops and removes the endpoint file, if it is still this acceptor's, also when the path was
+  // relative and the working directory is another one now. Accepted connections go on. Always 0.
   virtual keelbase::AWResult StopListen() = 0;
 };
 

@@ -85,7 +85,8 @@ class FSHMIPC_API IAWShmIPCAcceptor : public IAWShmIPCAcceptorConnectorId {
   // waiting for another process that is just setting up an endpoint (a failure is then indicated).
   // Else an errno value: EADDRINUSE (somebody listens there, or a foreign file is in the way),
   // EPERM (others may write to the directory), ENOENT, EMFILE ...; 10001 for a null sink, while
-  // listening and without a system directory.
+  // listening and without a system directory. Keeps two descriptors while it listens, of the socket
+  // and of the directory.
   virtual keelbase::AWResult StartListen(IAWShmIPCAcceptorConnectorSink* sink,
                                          const CAWShmIPCAddr& addr) = 0;
 

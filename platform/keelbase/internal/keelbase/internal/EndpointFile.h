@@ -12,9 +12,10 @@ namespace keelbase::internal {
 // Owns the endpoint file of one listening socket.
 //
 // Whoever makes an endpoint holds flock on the directory meanwhile, so that two processes never
-// judge and replace the same file at once. Waiting for that lock is the caller's business. Removing
-// takes no lock: the file is still the one that was made (same inode) for as long as its socket is
-// open, since nobody replaces a served endpoint.
+// judge and replace the same file at once. Waiting for that lock is the caller's business. The
+// directory stays open, so that the file is found again whatever becomes of the working directory
+// and of names on the way. Removing takes no lock: the file is still the one that was made (same
+// inode) for as long as its socket is open, since nobody replaces a served endpoint.
 class KEELBASE_API EndpointFile {
  public:
   EndpointFile() = default;
@@ -34,7 +35,8 @@ class KEELBASE_API EndpointFile {
   void Remove();
 
  private:
-  std::string path_;  // empty: no file
+  FileDescriptor directory_;  // none: no file
+  std::string name_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
   pid_t process_ = 0;  // that has made it
