@@ -248,6 +248,25 @@ TEST(StreamSocket, CloseWithUnreadInputIsAnOrderlyEndAndLosesNothing) {
   });
 }
 
+TEST(StreamSocket, CloseAfterASendTakenInPartRestsWhileItAwaitsThePeersEnd) {
+  WithLoop([](EventLoop& loop) {
+    Pair pair(loop);
+    Sink sink;
+    pair.socket->Open(&sink);
+    const std::uint32_t lingerMs = 10000;
+    pair.socket->SetOption(AW_OPT_LINGER, &lingerMs);
+    EXPECT_EQ(::write(pair.peer.Get(), "unread", 6), 6);
+    EXPECT_EQ(pair.Send(std::string(4 << 20, 'x')), AW_ERROR_PARTIAL_DATA);
+    pair.socket->Disconnect();
+    while (!pair.Read().empty()) {
+    }
+    loop.RunReady();  // returns at once: that it could write again is of no use to it
+    EXPECT_EQ(::send(pair.peer.Get(), "more", 4, MSG_NOSIGNAL), 4);
+    pair.peer.Reset();
+    loop.FinishLingers();  // it ends with its peer
+  });
+}
+
 TEST(StreamSocket, WhoIsToAwaitThePeersEndDoesSoAlsoWithoutUnreadInput) {
   WithLoop([](EventLoop& loop) {
     Pair pair(loop);

@@ -341,6 +341,7 @@ bool StreamSocket::GoOnClosing() {
   if (HasOutput()) return true;
   if (counters_.bytesSent == 0 || !(awaitsEnd_ || HasInput())) return false;
   state_ = State::draining;
+  blocked_ = false;  // what a send could not write of its chain is its caller's
   return ::shutdown(descriptor_.Get(), SHUT_WR) == 0;
 }
 
