@@ -97,6 +97,17 @@ TEST(BufferPool, ReadBlockIsTheSameUntilItsBytesAreKept) {
   kept->DestroyChained();
 }
 
+TEST(BufferPool, ReadBlockComesBackWithoutWhatAReceiverHasChainedToIt) {
+  BufferPool pool;
+  CAWMessageBlock& block = pool.TakeReadBlock();
+  auto* more = new CAWMessageBlock(8);
+  EXPECT_EQ(more->Write("more", 4), AW_OK);
+  block.Append(more);
+  EXPECT_EQ(&pool.TakeReadBlock(), &block);
+  EXPECT_EQ(block.GetNext(), nullptr);
+  EXPECT_EQ(block.GetChainedLength(), 0U);
+}
+
 TEST(BufferPool, ReadBlockHasHeadroomForTheStartOfACutFrame) {
   BufferPool pool;
   const CAWString start(kGatherSize, 's');

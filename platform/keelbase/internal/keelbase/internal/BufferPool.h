@@ -30,10 +30,14 @@ class BufferPool {
   }
 
   // An empty block for one read, with headroom so that a receiver can put the start of a cut frame
-  // in front of what comes. The same one again unless somebody has kept its bytes.
+  // in front of what comes. The same one again, without what a receiver has chained to it, unless
+  // somebody has kept its bytes.
   CAWMessageBlock& TakeReadBlock() {
-    if (readBlock_ == nullptr || readBlock_->Reset() != AW_OK)
+    if (readBlock_ == nullptr || readBlock_->Reset() != AW_OK) {
       readBlock_ = std::make_unique<CAWMessageBlock>(kReadSize, kGatherSize);
+    } else if (readBlock_->GetNext() != nullptr) {
+      delete readBlock_->Disjoint(0);
+    }
     return *readBlock_;
   }
 
