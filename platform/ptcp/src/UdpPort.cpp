@@ -327,13 +327,7 @@ void UdpPort::BecomeFree() {
 
 void UdpPort::BeginLinger(PortUser& user) {
   lingering_.push_back(&user);
-  if (lingering_.size() != 1) return;
-  try {
-    loop_.BeginLinger(*this);
-  } catch (const std::bad_alloc&) {
-    lingering_.clear();
-    throw;
-  }
+  if (lingering_.size() == 1) loop_.BeginLinger(*this);
 }
 
 void UdpPort::EndLinger(PortUser& user) {

@@ -4,10 +4,10 @@
 #include <sys/epoll.h>
 
 #include <cstdint>
-#include <vector>
 
 #include "keelbase/CAWDefines.h"
 #include "keelbase/internal/Clock.h"
+#include "keelbase/internal/IntrusiveList.h"
 
 namespace keelbase::internal {
 
@@ -20,22 +20,27 @@ class LingerTask {
   virtual void WriteLingering() = 0;  // calls EndLinger when done
   virtual void AbandonLinger() = 0;   // at the deadline: calls EndLinger, or sets a later one
 
+  ListPlace<LingerTask> placeInLingers;  // the loop's own
+  bool isReady = false;                  // the same
+
  protected:
   ~LingerTask() = default;
 };
 
 class KEELBASE_API Lingers {
  public:
-  void Begin(LingerTask& task) { tasks_.push_back(&task); }
-  void End(LingerTask& task);
+  void Begin(LingerTask& task);  // not twice
+  void End(LingerTask& task);    // any time, also while others are served
 
   // Serves everybody, and nothing else, until done or out of time.
   void Finish();
 
  private:
-  bool Contains(const LingerTask& task) const;
+  void AwaitReady();
+  void ServeReady();
 
-  std::vector<LingerTask*> tasks_;
+  IntrusiveList<LingerTask, &LingerTask::placeInLingers> tasks_;
+  LingerTask* next_ = nullptr;  // to be looked at by ServeReady
 };
 
 }  // namespace keelbase::internal
