@@ -24,7 +24,9 @@ struct CAWIPCTransportParameter {
 // OnDisconnect; inside any callback it may drop the transport or delete itself.
 class IAWIPCTransportSink {
  public:
-  // Bytes arrived. They may be kept by duplicating the block; `parameter` may be null.
+  // Bytes arrived. They may be kept by duplicating the block, which keeps the whole buffer that
+  // they were read into, 128 KiB (8 KiB of them resident) for one byte: short pieces are better
+  // copied. `parameter` may be null.
   virtual void OnReceive(keelbase::CAWMessageBlock& data, IAWIPCTransport* transport,
                          CAWIPCTransportParameter* parameter) = 0;
   // There is room again after SendData answered 10013.

@@ -25,7 +25,9 @@ struct CAWShmIPCTransportParameter {
 class IAWShmIPCTransportSink {
  public:
   // Bytes arrived, copied out of the shared memory: the peer cannot change them any more. They may
-  // be kept by duplicating the block; `parameter` may be null.
+  // be kept by duplicating the block, which keeps the whole buffer that they were copied into,
+  // 128 KiB (8 KiB of them resident) for one byte: short pieces are better copied. `parameter` may
+  // be null.
   virtual void OnReceive(keelbase::CAWMessageBlock& data, IAWShmIPCTransport* transport,
                          CAWShmIPCTransportParameter* parameter) = 0;
   // There is room again after SendData answered 10013.

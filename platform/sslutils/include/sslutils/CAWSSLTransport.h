@@ -37,7 +37,9 @@ struct CAWSSLInfo {
 // OnSSLDisconnect; inside any callback it may drop the transport or delete itself.
 class IAWSSLTransportSink {
  public:
-  // Bytes arrived, decrypted and unchanged. They may be kept by duplicating the block.
+  // Bytes arrived, decrypted and unchanged. They may be kept by duplicating the block, which keeps
+  // the whole buffer that they were decrypted into, 128 KiB (8 KiB of them resident) for one byte:
+  // short pieces are better copied.
   virtual void OnSSLDataReceive(keelbase::CAWMessageBlock& data, IAWSSLTransport* transport) = 0;
   // The connection has ended; nothing comes after this. 0: the peer has ended it in order, all that
   // it sent has been delivered. AW_SSL_ERROR_CUT, ECONNRESET and EPIPE: it was cut. Else another
