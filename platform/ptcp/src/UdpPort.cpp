@@ -326,18 +326,22 @@ void UdpPort::BecomeFree() {
 // --- lingers ---
 
 void UdpPort::BeginLinger(PortUser& user) {
-  lingering_.push_back(&user);
-  if (lingering_.size() == 1) loop_.BeginLinger(*this);
+  if (lingering_.IsEmpty()) loop_.BeginLinger(*this);
+  lingering_.Append(user);
 }
 
 void UdpPort::EndLinger(PortUser& user) {
-  if (std::erase(lingering_, &user) != 0 && lingering_.empty()) loop_.EndLinger(*this);
+  if (!lingering_.Contains(user)) return;
+  if (nextLingering_ == &user) nextLingering_ = lingering_.After(user);
+  lingering_.Remove(user);
+  if (lingering_.IsEmpty()) loop_.EndLinger(*this);
 }
 
 // At the process's end no timers run: what is due of a connection is done at this deadline.
 Clock::Point UdpPort::LingerDeadline() const {
   Time due = kNever;
-  for (const PortUser* user : lingering_) due = std::min(due, user->LingerDue());
+  for (const PortUser* user = lingering_.First(); user != nullptr; user = lingering_.After(*user))
+    due = std::min(due, user->LingerDue());
   return Clock::Point(std::chrono::nanoseconds(static_cast<std::int64_t>(due)));
 }
 
@@ -351,10 +355,10 @@ void UdpPort::WriteLingering() {
 
 void UdpPort::ServeLingering() {
   const CAWAutoPtr<UdpPort> alive(this);
-  const std::vector<PortUser*> users = lingering_;
-  for (PortUser* user : users) {
-    const bool there = std::find(lingering_.begin(), lingering_.end(), user) != lingering_.end();
-    if (there) user->OnLinger();
+  for (nextLingering_ = lingering_.First(); nextLingering_ != nullptr;) {
+    PortUser& user = *nextLingering_;
+    nextLingering_ = lingering_.After(user);
+    user.OnLinger();
   }
 }
 

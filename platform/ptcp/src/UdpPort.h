@@ -19,6 +19,7 @@
 #include "keelbase/CAWReferenceControl.h"
 #include "keelbase/internal/BufferPool.h"
 #include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/IntrusiveList.h"
 
 namespace ptcp {
 
@@ -34,6 +35,8 @@ class PortUser {
   virtual void OnPortFree() = 0;            // after WaitUntilFree(), once
   virtual Time LingerDue() const = 0;
   virtual void OnLinger() = 0;
+
+  keelbase::internal::ListPlace<PortUser> placeInLingers;  // the port's own
 
  protected:
   ~PortUser() = default;
@@ -80,7 +83,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   bool IsBlocked() const { return blocked_; }
   void WaitUntilFree(PortUser& user) { waiting_.push_back(&user); }
 
-  void BeginLinger(PortUser& user);  // lets std::bad_alloc pass
+  void BeginLinger(PortUser& user);  // not twice
   void EndLinger(PortUser& user);
 
  private:
@@ -124,7 +127,8 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   // tells each who is left once.
   std::vector<PortUser*> touched_;
   std::vector<PortUser*> waiting_;
-  std::vector<PortUser*> lingering_;
+  keelbase::internal::IntrusiveList<PortUser, &PortUser::placeInLingers> lingering_;
+  PortUser* nextLingering_ = nullptr;  // to be served by ServeLingering
 
   std::unique_ptr<keelbase::internal::BufferPool::GatherBuffer> batch_;
   Path batchPath_;
