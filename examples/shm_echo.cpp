@@ -20,7 +20,8 @@
 #include <cstring>
 #include <future>
 #include <memory>
-#include <vector>
+#include <unordered_map>
+#include <utility>
 
 namespace {
 
@@ -33,22 +34,36 @@ class EchoServer : public fshmipc::IAWShmIPCAcceptorConnectorSink {
 
   void OnShmIPCConnectIndication(long reason, fshmipc::IAWShmIPCTransport* transport,
                                  fshmipc::IAWShmIPCAcceptorConnectorId*) override {
-    if (reason == 0) clients_.push_back(std::make_unique<Client>(transport));
+    if (reason != 0) return;
+    auto client = std::make_unique<Client>(*this, transport);
+    const Client* const key = client.get();
+    clients_.emplace(key, std::move(client));
   }
 
  private:
-  // Stays, closed, when its peer has gone: enough for an example.
+  // One connection. It removes itself when the peer has gone, or when it has closed itself.
   class Client : public zarn::utils::CShmZARNLibServerChannel {
    public:
-    using CShmZARNLibServerChannel::CShmZARNLibServerChannel;
+    Client(EchoServer& server, fshmipc::IAWShmIPCTransport* transport)
+        : CShmZARNLibServerChannel(transport), server_(server) {}
+
     void OnZARNMessage(std::uint16_t type, std::uint32_t tag, const char* data,
                        std::size_t size) override {
       SendZARNMessage(type, tag, data, size);
+      if (GetSendQueueLength() > kMaxWaiting) Close(0);  // it asks, but does not read
     }
+    // Each is the last thing that the channel does, so it may go.
+    void OnPeerDisconnect(long) override { server_.clients_.erase(this); }
+    void OnClose() override { server_.clients_.erase(this); }
+
+   private:
+    static constexpr std::size_t kMaxWaiting = std::size_t{16} << 20;
+
+    EchoServer& server_;
   };
 
   keelbase::CAWAutoPtr<fshmipc::IAWShmIPCAcceptor> acceptor_;
-  std::vector<std::unique_ptr<Client>> clients_;
+  std::unordered_map<const Client*, std::unique_ptr<Client>> clients_;
 };
 
 class Asker : public zarn::utils::CShmZARNLibClientChannel {

@@ -21,7 +21,8 @@
 #include <future>
 #include <memory>
 #include <string>
-#include <vector>
+#include <unordered_map>
+#include <utility>
 
 namespace {
 
@@ -37,16 +38,20 @@ class Lines : public zarn::utils::CZARNSSLTCPSessionBase {
  public:
   std::size_t HandleMessage(const char* data, std::size_t len) override {
     const void* end = std::memchr(data, '\n', len);
-    if (end == nullptr) return 0;
+    if (end == nullptr) {
+      if (len >= kMaxLine) Close(0);  // no line may be as long
+      return 0;
+    }
     const auto length = static_cast<std::size_t>(static_cast<const char*>(end) - data) + 1;
     OnLine(data, length);
     return length;
   }
   int OnConnected(long) override { return 0; }
-  void OnPeerDisconnect(long) override {}
   void OnRcvBufferOverFlow(std::uint32_t) override {}
 
  private:
+  static constexpr std::size_t kMaxLine = 65535;
+
   virtual void OnLine(const char* data, std::size_t length) = 0;
 };
 
@@ -73,18 +78,32 @@ class EchoServer : public sslutils::IAWSSLConnectionSink {
     transport->GetOption(sslutils::AW_OPT_SSL_INFO, &info);
     std::printf("%s, client '%s'\n", info.protocol.c_str(), info.peerSubject.c_str());
     keelbase::CAWAutoPtr<sslutils::IAWSSLTransport> accepted(transport);
-    clients_.push_back(std::make_unique<Client>());
-    clients_.back()->SetTransportHandle(accepted);
+    auto client = std::make_unique<Client>(*this);
+    if (client->SetTransportHandle(accepted) != 0) return;
+    Client* const key = client.get();
+    clients_.emplace(key, std::move(client));
   }
 
  private:
-  // Stays, closed, when its peer has gone: enough for an example.
   class Client : public Lines {
-    void OnLine(const char* data, std::size_t length) override { SendMsg(data, length); }
+   public:
+    explicit Client(EchoServer& server) : server_(server) {}
+
+    void OnLine(const char* data, std::size_t length) override {
+      SendMsg(data, length);
+      if (GetSendQueueLength() > kMaxWaiting) Close(0);  // it asks, but does not read
+    }
+    // Deletes the client, which the session allows in this place.
+    void OnPeerDisconnect(long) override { server_.clients_.erase(this); }
+
+   private:
+    static constexpr std::size_t kMaxWaiting = std::size_t{16} << 20;
+
+    EchoServer& server_;
   };
 
   keelbase::CAWAutoPtr<sslutils::IAWSSLAcceptor> acceptor_;
-  std::vector<std::unique_ptr<Client>> clients_;
+  std::unordered_map<Client*, std::unique_ptr<Client>> clients_;
 };
 
 class Asker : public Lines {

@@ -10,6 +10,7 @@ import tempfile
 import threading
 import unittest
 
+import programs
 from certificates import Authority
 from http_servers import ScriptServer, answer
 
@@ -175,6 +176,59 @@ class Examples(unittest.TestCase):
             _, errors = program.communicate(timeout=LIMIT)
             self.assertEqual(program.returncode, 1)
             self.assertTrue(errors.startswith(told), errors)
+
+    def serve_tls(self):
+        """The server and a function that connects a client to it."""
+        authority = Authority(self.root)
+        server = self.start("tls_echo", "serve", "0", *authority.issue("server"))
+        port = int(server.stdout.readline().split()[-1])
+        context = ssl.create_default_context(cafile=authority.certificate)
+
+        def connect():
+            plain = socket.create_connection(("127.0.0.1", port), LIMIT)
+            return context.wrap_socket(plain, server_hostname="127.0.0.1")
+        return server, connect
+
+    @staticmethod
+    def send_lines(connection, megabytes):
+        """As many as the server takes, so many at most."""
+        line = b"x" * 99 + b"\n"
+        try:
+            for _ in range(megabytes):
+                connection.sendall(line * 10_000)
+        except OSError:
+            pass  # it has ended the connection
+
+    def test_tls_ends_a_client_whose_line_does_not_end(self):
+        server, connect = self.serve_tls()
+        with connect() as client:
+            client.sendall(b"x" * 65535)
+            self.assertEqual(client.recv(1), b"")
+        self.assertIsNone(server.poll())
+
+    def test_tls_ends_a_client_that_does_not_read(self):
+        _, connect = self.serve_tls()
+        with connect() as client:
+            self.send_lines(client, 40)  # more than may wait and than sockets hold
+            answered = 0
+            try:
+                while answered < 40_000_000 and (answer := client.recv(1 << 16)):
+                    answered += len(answer)
+            except OSError:
+                pass
+            self.assertLess(answered, 40_000_000)
+
+    def test_tls_keeps_nothing_of_clients_that_have_gone(self):
+        server, connect = self.serve_tls()
+        before = programs.resident_bytes(server.pid)
+        for _ in range(20):
+            with connect() as client:
+                self.send_lines(client, 12)  # fewer than may wait
+        with connect() as client:
+            client.sendall(b"hello\n")
+            self.assertEqual(client.recv(6), b"hello\n")
+        if not programs.is_sanitized(server.pid):
+            self.assertLess(programs.resident_bytes(server.pid) - before, 32 << 20)
 
     def test_tls_tells_how_many_answers_an_early_end_has_cost(self):
         authority = Authority(self.root)

@@ -135,17 +135,14 @@ class Program:
         return (self.cpu_seconds() - before) / (time.monotonic() - start)
 
     def resident_bytes(self) -> int:
-        with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
-            return _kilobytes(file, "VmRSS:")
+        return resident_bytes(self.pid)
 
     def private_bytes(self) -> int:
         with open(f"/proc/{self.pid}/smaps_rollup", encoding="ascii") as file:
             return _kilobytes(file, "Private_Clean:", "Private_Dirty:")
 
     def is_sanitized(self) -> bool:
-        """Whether a sanitizer's memory stands beside the program's own."""
-        with open(f"/proc/{self.pid}/status", encoding="ascii") as file:
-            return _kilobytes(file, "VmSize:") > 1 << 40  # they reserve terabytes
+        return is_sanitized(self.pid)
 
     # --- end ---
 
@@ -189,6 +186,17 @@ class Program:
 
 def _kilobytes(lines, *names: str) -> int:
     return 1024 * sum(int(line.split()[1]) for line in lines if line.startswith(names))
+
+
+def resident_bytes(pid: int) -> int:
+    with open(f"/proc/{pid}/status", encoding="ascii") as file:
+        return _kilobytes(file, "VmRSS:")
+
+
+def is_sanitized(pid: int) -> bool:
+    """Whether a sanitizer's memory stands beside the process's own."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as file:
+        return _kilobytes(file, "VmSize:") > 1 << 40  # they reserve terabytes
 
 
 class InstallRoot:
