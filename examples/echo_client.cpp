@@ -25,7 +25,12 @@ class EchoClient : public zarn::utils::CZARNLibClientChannel {
   int OnConnected(long reason) override {
     CZARNLibClientChannel::OnConnected(reason);
     std::printf("connected\n");
-    SendZARNMessage(kText, 1, text_.data(), text_.size());
+    if (const auto result = SendZARNMessage(kText, 1, text_.data(), text_.size()); result != 0) {
+      std::fprintf(stderr, "echo_client: cannot send %zu bytes: %s\n", text_.size(),
+                   keelbase::DescribeResult(result).c_str());
+      hasFailed_ = true;
+      thread_.Stop();
+    }
     return 1;
   }
 
@@ -43,10 +48,13 @@ class EchoClient : public zarn::utils::CZARNLibClientChannel {
     thread_.Stop();
   }
 
+  bool HasFailed() const { return hasFailed_; }
+
  private:
   static constexpr std::uint16_t kText = 1;
   keelbase::CAWThread& thread_;
   std::string text_;
+  bool hasFailed_ = false;
 };
 
 // Ends the program if `text` is no number of an endpoint.
@@ -87,5 +95,5 @@ int main(int argc, char** argv) {
   }
   network->Run();
   client.Close(0);
-  return 0;
+  return client.HasFailed() ? 1 : 0;
 }

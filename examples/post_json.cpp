@@ -29,6 +29,10 @@ int main(int argc, char** argv) {
   using keelbase::CAWThreadManager;
   CAWThreadManager* manager = CAWThreadManager::Instance();
   if (manager->AdoptCurrentThread(CAWThreadManager::TT_MAIN) != 0) return 1;
+  if (manager->GetThread(CAWThreadManager::TT_NETWORK) == nullptr) {
+    std::fprintf(stderr, "post_json: the network thread cannot be started\n");
+    return 1;
+  }
   keelbase::CAWThread* mainThread = manager->GetThread(CAWThreadManager::TT_MAIN);
 
   long status = 0;

@@ -191,5 +191,9 @@ int main(int argc, char** argv) {
   }
   keelbase::CAWThread* network =
       keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  if (network == nullptr) {
+    std::fprintf(stderr, "ptcp_echo: the network thread cannot be started\n");
+    return 1;
+  }
   return serve ? Serve(*network, address) : Ask(*network, address, count);
 }

@@ -112,11 +112,16 @@ int Serve(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint) 
 int Ask(keelbase::CAWThread& network, const fshmipc::CAWShmIPCAddr& endpoint, int count) {
   auto asker = std::make_unique<Asker>(count);
   const auto start = std::chrono::steady_clock::now();
-  network.Call([&] { return asker->Init(3, 4, endpoint.GetFirst(), endpoint.GetSecond()); });
-  asker->WaitForAll();
+  const auto result =
+      network.Call([&] { return asker->Init(3, 4, endpoint.GetFirst(), endpoint.GetSecond()); });
+  if (result == 0) asker->WaitForAll();
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  std::printf("%d answers in %.3f s\n", count, took.count());
   network.Call([&] { asker.reset(); });  // where it lives
+  if (result != 0) {
+    std::fprintf(stderr, "shm_echo: %s\n", keelbase::DescribeResult(result).c_str());
+    return 1;
+  }
+  std::printf("%d answers in %.3f s\n", count, took.count());
   return 0;
 }
 
@@ -151,5 +156,9 @@ int main(int argc, char** argv) {
   }
   keelbase::CAWThread* network =
       keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  if (network == nullptr) {
+    std::fprintf(stderr, "shm_echo: the network thread cannot be started\n");
+    return 1;
+  }
   return serve ? Serve(*network, endpoint) : Ask(*network, endpoint, count);
 }

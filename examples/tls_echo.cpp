@@ -173,8 +173,8 @@ int Ask(keelbase::CAWThread& network, int argc, char** argv) {
     Tell(argv[7], asker->Certificate(argv[7]));
   }
   const auto start = std::chrono::steady_clock::now();
-  network.Call([&] { return asker->Connect(peer, nullptr); });
-  const long reason = asker->WaitForEnd();
+  const auto result = network.Call([&] { return asker->Connect(peer, nullptr); });
+  const long reason = result == 0 ? asker->WaitForEnd() : static_cast<long>(result);
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
   const int left = asker->GetLeft();
   network.Call([&] { asker.reset(); });  // where it lives
@@ -201,5 +201,9 @@ int main(int argc, char** argv) {
   }
   keelbase::CAWThread* network =
       keelbase::CAWThreadManager::Instance()->GetThread(keelbase::CAWThreadManager::TT_NETWORK);
+  if (network == nullptr) {
+    std::fprintf(stderr, "tls_echo: the network thread cannot be started\n");
+    return 1;
+  }
   return serve ? Serve(*network, argc, argv) : Ask(*network, argc, argv);
 }

@@ -1,5 +1,6 @@
 """The example programs do what their first lines say."""
 
+import errno
 import os
 import shutil
 import signal
@@ -10,6 +11,7 @@ import tempfile
 import threading
 import unittest
 
+import failing_calls
 import programs
 from certificates import Authority
 from http_servers import ScriptServer, answer
@@ -23,10 +25,10 @@ class Examples(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.root)
         os.mkdir(os.path.join(self.root, "system"))
 
-    def start(self, *command, root=None):
+    def start(self, *command, root=None, variables=None):
         program = subprocess.Popen(
             [os.path.join(os.environ["ZARN_BIN_DIR"], command[0]), *command[1:]],
-            env={**os.environ, "ZARN_ROOT": root or self.root}, text=True,
+            env={**os.environ, "ZARN_ROOT": root or self.root, **(variables or {})}, text=True,
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.end, program)
         return program
@@ -143,6 +145,28 @@ class Examples(unittest.TestCase):
             _, errors = program.communicate(timeout=LIMIT)
             self.assertEqual(program.returncode, 1)
             self.assertIn("ZARN_ROOT", errors)
+
+    def test_client_whose_text_is_too_long_says_so(self):
+        self.serve()
+        client = self.start("echo_client", "3", "4", "1", "2", "x" * 65524)
+        self.assertEqual(client.communicate(timeout=LIMIT), (
+            "connected\n", "echo_client: cannot send 65524 bytes: Failure\n"))
+        self.assertEqual(client.returncode, 1)
+
+    def test_missing_network_thread_is_told(self):
+        peer = ("ask", "127.0.0.1", "1")
+        for loops, *command in (
+                (0, "tcp_echo", *peer, "5"), (0, "ptcp_echo", *peer, "5"),
+                (0, "tls_echo", *peer, "authorities", "5"), (0, "shm_echo", "ask", "1", "2", "5"),
+                (1, "post_json", "http://127.0.0.1:1/zarn/tcpchannel", "{}")):
+            with self.subTest(command=command):
+                path = os.path.join(os.environ["ZARN_BIN_DIR"], command[0])
+                program = self.start(*command, variables=failing_calls.failing(
+                    path, "eventfd", loops + 1, errno.EMFILE, "ever"))
+                output, errors = program.communicate(timeout=LIMIT)
+                self.assertEqual((program.returncode, output), (1, ""))
+                self.assertEqual(errors.splitlines()[-1],
+                                 f"{command[0]}: the network thread cannot be started")
 
     def test_what_is_no_number_is_told(self):
         for wrong, most, *command in (
