@@ -102,12 +102,12 @@ std::uint16_t PtcpSession::TakeFrames(const CAWMessageBlock& data) {
   std::size_t done = 0;
   while (done < length) {
     const std::size_t taken = HandleMessage(bytes + done, length - done);
+    if (taken != 0) ++counters_.messagesReceived;
     if (generation_ != generation) {
       OnPeerDisconnect(0);
       return 0;
     }
     if (taken == 0) break;
-    ++counters_.messagesReceived;
     done += taken;
   }
   return static_cast<std::uint16_t>(done);
