@@ -2,6 +2,7 @@
 
 import errno
 import os
+import signal
 import subprocess
 import time
 import unittest
@@ -109,17 +110,31 @@ class Send(ToolTest):
         self.assertEqual(sender.process.wait(), 1)
         self.assertIn("the peer takes nothing", sender.errors())
 
+    def test_a_peer_that_stops_reading_while_lines_still_come_is_a_failure(self):
+        server = self.serve()
+        reading, writing = os.pipe()
+        sender = self.start("send", self.url, "-", "--timeout", "0.5", stdin=reading)
+        os.close(reading)
+        server.event("connected")
+        server.process.send_signal(signal.SIGSTOP)
+        endless = subprocess.Popen(["yes", "x" * 200], stdout=writing)
+        self.addCleanup(endless.wait)
+        self.addCleanup(endless.kill)
+        os.close(writing)
+        self.assertEqual(sender.process.wait(PATIENCE), 1)
+        self.assertIn("the peer takes nothing: ", sender.errors())
+
     def test_a_peer_that_reads_slowly_is_waited_for(self):
         listener = self.listen()
-        sender = self.start("send", self.url, "-", "--timeout", "3", stdin=subprocess.PIPE)
+        count = 60  # more than is queued before the sender waits for room
+        (self.root / "lines").write_bytes((b"x" * 60000 + b"\n") * count)
+        with open(self.root / "lines", "rb") as lines:
+            sender = self.start("send", self.url, "-", "--timeout", "3", stdin=lines)
         connection = self.accept(listener)
-        lines = (b"x" * 60000 + b"\n") * 15
-        sender.process.stdin.write(lines)
-        sender.process.stdin.close()
         for _ in range(4):  # longer than the timeout in all
             time.sleep(1)
             read_exactly(connection, 150000)
-        read_exactly(connection, 15 * 60012 - 600000)
+        read_exactly(connection, count * 60012 - 600000)
         self.assertEqual(connection.recv(1), b"")
         self.assertEqual(sender.process.wait(PATIENCE), 0)
 

@@ -47,7 +47,9 @@ class Send final : public ClientCommand {
 
   void SendLines();
   bool SendOne(std::string_view data);
+  bool IsFull() { return GetLink().GetQueueLength() >= kMaxQueued; }
   void AllSent();
+  void AwaitPeer();
   void CheckDone();
   void OutOfPatience();
   void BePatient() {
@@ -76,10 +78,13 @@ void Send::Begin() {
                                          [this] { GetLoop().Post([this] { SendLines(); }); });
 }
 
-// Stops while much is queued; the link says when there is room again.
+// Stops while much is queued; the link says when there is room again. The peer has to take
+// something meanwhile, but need not while it is the input that is waited for.
 void Send::SendLines() {
-  if (reader_ == nullptr || allSent_) return;
-  while (IsUp() && GetLink().GetQueueLength() < kMaxQueued) {
+  if (reader_ == nullptr || allSent_ || IsFull()) return;
+  drain_.Cancel();
+  patience_.Cancel();
+  while (IsUp() && !IsFull()) {
     const std::optional<Line> line = reader_->Take();
     if (!line) break;
     if (line->tooLong) {
@@ -89,7 +94,10 @@ void Send::SendLines() {
       return;
     }
   }
-  if (!reader_->IsAtEnd()) return;
+  if (!reader_->IsAtEnd()) {
+    if (IsFull()) AwaitPeer();
+    return;
+  }
   if (const int error = reader_->GetError(); error != 0) {
     Complain("standard input: {}", std::strerror(error));
     return Finish(kFailed);
@@ -111,6 +119,10 @@ bool Send::SendOne(std::string_view data) {
 
 void Send::AllSent() {
   allSent_ = true;
+  AwaitPeer();
+}
+
+void Send::AwaitPeer() {
   left_ = GetLink().GetUndelivered();
   drain_.Every(kDrainPause);
   BePatient();
@@ -122,7 +134,7 @@ void Send::CheckDone() {
   const std::uint64_t left = GetLink().GetUndelivered();
   if (left < left_) BePatient();
   left_ = left;
-  if (left != 0) return;
+  if (left != 0 || !allSent_) return;
   drain_.Cancel();
   if (replies_ >= options_.replies) Finish(kDone);
 }
