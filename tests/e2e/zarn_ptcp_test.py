@@ -1,6 +1,7 @@
 """zarn over ptcp://: what it exchanges, and how it notices that its peer is gone. TLS over it is in
 zarn_tls_test.py."""
 
+import contextlib
 import json
 import os
 import signal
@@ -10,6 +11,7 @@ import subprocess
 import time
 import unittest
 
+from udp_relay import UdpRelay
 from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame
 
 
@@ -79,6 +81,21 @@ class Exchange(PtcpTest):
     def test_a_name_stands_for_its_address(self):
         self.serve("--echo")
         self.run_events("ping", f"ptcp://localhost:{self.address[1]}", "-c", "1")
+
+    def test_a_client_that_takes_no_answer_is_dropped_and_all_its_messages_are_counted(self):
+        server = self.serve("--echo", "--max-queue", "0")
+        relay = UdpRelay(self.address, 1)
+        self.addCleanup(relay.close)
+        sender = self.start("send", f"ptcp://127.0.0.1:{relay.address[1]}", "-", stdin=subprocess.PIPE,
+                            bufsize=0)
+        server.event("connected")
+        relay.longest_answer = 200  # that is acknowledgements
+        with contextlib.suppress(BrokenPipeError):  # it has been dropped
+            sender.process.stdin.write((b"x" * 60000 + b"\n") * 50)
+        server.event("dropped")
+        gone = server.event("gone")
+        self.assertEqual(server.end(), 0)
+        self.assertEqual(gone["messages"], server.event("summary")["messages"])
 
 
 class ForeignClients(PtcpTest):

@@ -143,6 +143,18 @@ class Stat(ToolTest):
         self.assertEqual(client.end(), 0)
         self.assertEqual(shm.end(), 0)
 
+    def test_messages_over_pseudo_tcp_are_counted_one_by_one(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            url = f"ptcp://127.0.0.1:{probe.getsockname()[1]}"
+        server = self.serve(url=url)
+        client = self.start("send", url, "-", stdin=subprocess.PIPE)
+        client.process.stdin.write(b"line\n" * 1000)
+        client.process.stdin.flush()
+        for _ in range(1000):
+            server.event("message")
+        self.assertEqual(self.streams(str(server.process.pid))[0]["messages_received"], 1000)
+
     def test_table(self):
         server, _ = self.echo(2)
         lines = self.run_tool("stat").stdout.splitlines()

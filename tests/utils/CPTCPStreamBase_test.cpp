@@ -285,6 +285,15 @@ TEST_F(CPTCPStreamBaseTest, RoomGoesThroughTheVirtualSendMessageWithTheQueueAsTh
 
 // --- accessors, slots ---
 
+TEST_F(CPTCPStreamBaseTest, HandlerThatTakesSeveralFramesInOneCallCountsTheOthersItself) {
+  stream->onMessage = [&](CAWMessageBlock& data) {
+    stream->CountFurtherMessages(2);
+    return static_cast<std::uint16_t>(data.GetChainedLength());
+  };
+  transport->Receive("one;two;three;");
+  EXPECT_EQ(stream->GetCounters().messagesReceived, 3U);
+}
+
 TEST_F(CPTCPStreamBaseTest, BufferSizesStartAt1048576AndAreStoredAsTheyAre) {
   const auto setReceive = [&](std::uint32_t size) { stream->SetRcvBufferSize(size); };
   const StoredSize received(*stream, setReceive, 1048576);

@@ -78,6 +78,7 @@ class RecordingTcpTransport : public BlockRecorder<utils::CZARNTCPTransport> {
 class RecordingPtcpStream : public BlockRecorder<utils::CPTCPStreamBase> {
  public:
   using BlockRecorder::BlockRecorder;
+  using BlockRecorder::CountFurtherMessages;
 
   keelbase::AWResult SendMsg(const char* bytes, std::size_t length) {
     keelbase::CAWMessageBlock block(bytes, length, keelbase::CAWMessageBlock::borrow);

@@ -35,6 +35,7 @@ class PtcpSession::Stream final : public utils::CPTCPStreamBase {
   }
   std::uint16_t HandleMessage(CAWMessageBlock& data) override { return owner_.TakeFrames(data); }
   void OnPeerDisconnect(long reason) override { owner_.OnPeerDisconnect(reason); }
+  using CPTCPStreamBase::CountFurtherMessages;
 
  private:
   PtcpSession& owner_;
@@ -100,6 +101,7 @@ std::uint16_t PtcpSession::TakeFrames(const CAWMessageBlock& data) {
   const std::size_t length = std::min(data.GetChainedLength(), kMaxLength);
   const std::uint64_t generation = generation_;
   std::size_t done = 0;
+  std::uint64_t frames = 0;
   while (done < length) {
     const std::size_t taken = HandleMessage(bytes + done, length - done);
     if (taken != 0) ++counters_.messagesReceived;
@@ -108,8 +110,10 @@ std::uint16_t PtcpSession::TakeFrames(const CAWMessageBlock& data) {
       return 0;
     }
     if (taken == 0) break;
+    ++frames;
     done += taken;
   }
+  if (frames > 1) stream_->CountFurtherMessages(frames - 1);
   return static_cast<std::uint16_t>(done);
 }
 

@@ -46,7 +46,7 @@ namespace zarn::utils {
 // - When an event begins with nothing held back, brings several frames, and ends exactly with the
 //   last of them, then that last frame is handled, but also kept, and is offered a second time in
 //   front of the next event's bytes. A handler that consumes all whole frames of a block in one
-//   call, at most 65535 bytes, never sees that.
+//   call, at most 65535 bytes, never sees that; with CountFurtherMessages each of them is counted.
 //
 // Limits: frames of at most 65535 bytes. See SetReceiveLimit for the receive buffer.
 class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
@@ -143,6 +143,10 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   // whose end is still noticed. 0, the default, is no limit. One below the length of the longest
   // frame blocks the connection for good.
   void SetReceiveLimit(std::size_t bytes);
+
+  // For a handler that takes several frames in one call: counts those after the first, so that
+  // messagesReceived is right. Called inside HandleMessage.
+  void CountFurtherMessages(std::uint64_t count) { counters_.messagesReceived += count; }
 
  private:
   friend class detail::MetricsEntry;

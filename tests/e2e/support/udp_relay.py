@@ -24,6 +24,7 @@ class UdpRelay:
         self._order = 0
         self.carried = self.lost = 0
         self.silent = False  # set: all is lost
+        self.longest_answer = 65536  # longer datagrams from the server are lost
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run)
         self._thread.start()
@@ -65,7 +66,7 @@ class UdpRelay:
                     behind = self._behind[sender] = self._socket(("127.0.0.1", 0))
                     self._clients[behind] = sender
                 self._carry(self._behind[sender], self._server, data)
-            else:
+            elif len(data) <= self.longest_answer:
                 self._carry(self._front, self._clients[source], data)
 
     def _carry(self, by, to, data):
