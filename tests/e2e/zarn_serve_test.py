@@ -1,5 +1,6 @@
 """zarn serve, with clients of ours and plain sockets as clients."""
 
+import contextlib
 import errno
 import fcntl
 import os
@@ -9,10 +10,22 @@ import signal
 import socket
 import struct
 import subprocess
-import time
 import unittest
 
-from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame
+from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame, send_twice
+
+
+def threads_of(process):
+    return [int(name) for name in os.listdir(f"/proc/{process}/task")]
+
+
+def is_among(number, thread, kind):
+    """Whether a thread, which may be gone, has that signal in that mask of its status."""
+    with contextlib.suppress(OSError), open(f"/proc/{thread}/status", encoding="ascii") as status:
+        for line in status:
+            if line.startswith(kind + ":"):
+                return bool(int(line.split()[1], 16) >> number - 1 & 1)
+    return False
 
 
 class Serve(ToolTest):
@@ -158,21 +171,37 @@ class Serve(ToolTest):
         self.run_events("ping", self.url, "-c", "1")
         self.assertEqual(server.end(), 0)
 
-    def test_a_second_signal_ends_it_even_where_nobody_reads_its_output(self):
+    def serve_unread(self):
+        """A server that waits for its output to be read, and the end to read from."""
         reading, writing = os.pipe()
         self.addCleanup(os.close, reading)
-        self.addCleanup(os.close, writing)
-        with subprocess.Popen([TOOL, "serve", self.url, "--full"], env=self.env, stdout=writing) as server:
-            self.addCleanup(server.kill)
-            sender = self.start("send", self.url, "-", stdin=subprocess.PIPE)
-            sender.process.stdin.write((b"x" * 60000 + b"\n") * 3)
-            sender.process.stdin.flush()
-            end = time.monotonic() + PATIENCE
-            while select.select([], [writing], [], 0)[1]:
-                self.assertLess(time.monotonic(), end)
-            server.send_signal(signal.SIGINT)
-            server.send_signal(signal.SIGTERM)
-            self.assertEqual(server.wait(PATIENCE), 128 + signal.SIGTERM)
+        server = subprocess.Popen([TOOL, "serve", self.url, "--full"], env=self.env, stdout=writing)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.kill)
+        sender = self.start("send", self.url, "-", stdin=subprocess.PIPE)
+        sender.process.stdin.write((b"x" * 60000 + b"\n") * 3)
+        sender.process.stdin.flush()
+        self.wait_until(lambda: not select.select([], [writing], [], 0)[1])
+        os.close(writing)
+        return server, reading
+
+    def test_a_second_signal_ends_it_even_where_nobody_reads_its_output(self):
+        server, _ = self.serve_unread()
+        server.send_signal(signal.SIGINT)
+        server.send_signal(signal.SIGTERM)
+        self.assertEqual(server.wait(PATIENCE), 128 + signal.SIGTERM)
+
+    def test_a_signal_that_is_sent_twice_at_once_counts_as_one(self):
+        server, reading = self.serve_unread()
+        (taker,) = (thread for thread in threads_of(server.pid) if not is_among(signal.SIGTERM, thread, "SigBlk"))
+        send_twice(server, taker, signal.SIGTERM)
+        self.wait_until(lambda: server.poll() is not None or
+                        not any(is_among(signal.SIGTERM, taker, kind) for kind in ("SigPnd", "ShdPnd")))
+        output = b""
+        while part := os.read(reading, 65536):
+            output += part
+        self.assertEqual(server.wait(PATIENCE), 0)
+        self.assertIn(b"clients 1, messages 3,", output)
 
     def test_hangups_and_nothing_else_are_ignored_when_it_was_started_so(self):
         for ending in (signal.SIGINT, signal.SIGTERM):

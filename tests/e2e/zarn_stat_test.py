@@ -15,7 +15,7 @@ import threading
 import time
 import unittest
 
-from zarn_tool import PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame
+from zarn_tool import PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame, send_twice
 
 
 class Stat(ToolTest):
@@ -226,6 +226,13 @@ class Stat(ToolTest):
             while watch.event("stream")["messages_received"] != received:
                 pass
             self.assertEqual(watch.end(ending), 0)
+
+    def test_a_signal_that_is_sent_twice_at_once_ends_the_watch_as_one_does(self):
+        self.echo()
+        watch = self.start("stat", "--json", "--watch", "1000")
+        watch.event("stream")
+        send_twice(watch.process, watch.process.pid, signal.SIGTERM)
+        self.assertEqual(watch.process.wait(PATIENCE), 0)
 
     def test_watch_ends_when_its_output_cannot_be_written(self):
         self.echo()

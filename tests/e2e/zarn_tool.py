@@ -1,6 +1,7 @@
 """What the tests of the program zarn share: an install root of their own, the program as a process
 whose JSON lines are awaited, and a plain socket that speaks the frame."""
 
+import ctypes
 import json
 import os
 import queue
@@ -50,6 +51,16 @@ def ignore_endings():
     """For a process to come, as nohup and a shell script that runs it in the background do."""
     for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, signal.SIG_IGN)
+
+
+def send_twice(process, thread, number):
+    """At once, so that both come: two that wait for the process would merge, so one is for the thread."""
+    process.send_signal(signal.SIGSTOP)
+    os.waitpid(process.pid, os.WUNTRACED)
+    if ctypes.CDLL(None).tgkill(process.pid, thread, number) != 0:
+        raise AssertionError(f"no thread {thread}")
+    process.send_signal(number)
+    process.send_signal(signal.SIGCONT)
 
 
 def limit_memory():

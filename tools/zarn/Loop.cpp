@@ -24,6 +24,14 @@ sigset_t HandledSignals() {
   return signals;
 }
 
+EndingSignal TakeSignal() {
+  const sigset_t signals = HandledSignals();
+  siginfo_t info{};
+  while (::sigwaitinfo(&signals, &info) < 0) {
+  }
+  return EndingSignal(info);
+}
+
 keelbase::CAWThread* AdoptMainThread(int type) {
   auto* manager = CAWThreadManager::Instance();
   if (manager->AdoptCurrentThread(type) != keelbase::AW_OK) {
@@ -50,15 +58,13 @@ Loop::~Loop() {
 }
 
 void Loop::WaitForSignals() {
-  const sigset_t signals = HandledSignals();
-  for (bool again = false;; again = true) {
-    int signal = 0;
-    ::sigwait(&signals, &signal);
-    if (ended_) return;
-    if (again) ::_exit(128 + signal);
-    NoteInterruption();
-    thread_->Post([this] { interrupted_(); });
-  }
+  const EndingSignal first = TakeSignal();
+  if (ended_) return;
+  NoteInterruption();
+  thread_->Post([this] { interrupted_(); });
+  EndingSignal again = TakeSignal();
+  while (!ended_ && IsSentTwice(first, again)) again = TakeSignal();
+  if (!ended_) ::_exit(128 + again.number);
 }
 
 int Loop::Run() {

@@ -17,7 +17,7 @@ namespace zarn::tool {
 class Loop {
  public:
   // `interrupted` runs on the loop at the first of the signals that end the program
-  // (Interruption.h); a second one ends the process at once.
+  // (Interruption.h); a second one ends the process at once, unless it is the first sent twice.
   explicit Loop(std::function<void()> interrupted,
                 int type = keelbase::CAWThreadManager::TT_NETWORK);
   ~Loop();
