@@ -9,7 +9,7 @@ import signal
 import subprocess
 import unittest
 
-from zarn_tool import TOOL, ToolTest
+from zarn_tool import PATIENCE, TOOL, ToolTest, frame, read_frame
 
 SHORT = ("--seconds", "0.05")
 
@@ -60,6 +60,15 @@ class Bench(ToolTest):
         result = self.run_tool("bench", self.url, "--timeout", "0.3", *SHORT)
         self.assertEqual(result.returncode, 1)
         self.assertIn("no answer within 0.3 s: does the peer send everything back", result.stderr)
+
+    def test_a_peer_that_answers_with_less_is_a_failure(self):
+        listener = self.listen()
+        bench = self.start("bench", self.url, "--sizes", "1000", *SHORT)
+        connection = self.accept(listener)
+        type_, tag, payload = read_frame(connection)
+        connection.sendall(frame(type_, tag, payload[1:]))
+        self.assertEqual(bench.process.wait(PATIENCE), 1)
+        self.assertIn("answered 1000 bytes with 999: does the peer send everything back?", bench.errors())
 
     def test_sigint_prints_what_there_is(self):
         self.serve("--echo")

@@ -114,6 +114,11 @@ bool Bench::SendOne() {
 // After the end of the measurement what is under way still comes, and counts.
 void Bench::Received(const Message& message) {
   if (message.type != options_.type || message.tag != number_ || underWay_ == 0) return;
+  if (message.data.size() != payload_.size()) {
+    Complain("{}: answered {} bytes with {}: does the peer send everything back?", GetUrl(),
+             payload_.size(), message.data.size());
+    return Finish(kFailed);
+  }
   const auto now = Clock::now();
   if (!IsPipelined()) rows_.back().roundTrips->Add(now - lastAnswer_);
   lastAnswer_ = now;
