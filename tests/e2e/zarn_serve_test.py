@@ -1,6 +1,5 @@
 """zarn serve, with clients of ours and plain sockets as clients."""
 
-import contextlib
 import errno
 import fcntl
 import os
@@ -12,20 +11,11 @@ import struct
 import subprocess
 import unittest
 
-from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_endings, read_frame, send_twice
+from zarn_tool import LONGEST, PATIENCE, TOOL, ToolTest, frame, ignore_endings, is_among, read_frame, send_twice
 
 
 def threads_of(process):
     return [int(name) for name in os.listdir(f"/proc/{process}/task")]
-
-
-def is_among(number, thread, kind):
-    """Whether a thread, which may be gone, has that signal in that mask of its status."""
-    with contextlib.suppress(OSError), open(f"/proc/{thread}/status", encoding="ascii") as status:
-        for line in status:
-            if line.startswith(kind + ":"):
-                return bool(int(line.split()[1], 16) >> number - 1 & 1)
-    return False
 
 
 class Serve(ToolTest):

@@ -1,6 +1,7 @@
 """What the tests of the program zarn share: an install root of their own, the program as a process
 whose JSON lines are awaited, and a plain socket that speaks the frame."""
 
+import contextlib
 import ctypes
 import json
 import os
@@ -51,6 +52,15 @@ def ignore_endings():
     """For a process to come, as nohup and a shell script that runs it in the background do."""
     for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, signal.SIG_IGN)
+
+
+def is_among(number, thread, kind):
+    """Whether a thread, which may be gone, has that signal in that mask of its status."""
+    with contextlib.suppress(OSError), open(f"/proc/{thread}/status", encoding="ascii") as status:
+        for line in status:
+            if line.startswith(kind + ":"):
+                return bool(int(line.split()[1], 16) >> number - 1 & 1)
+    return False
 
 
 def send_twice(process, thread, number):

@@ -5,9 +5,10 @@ import json
 import os
 import re
 import shutil
+import signal
 import unittest
 
-from zarn_tool import ToolTest, limit_memory
+from zarn_tool import ToolTest, is_among, limit_memory
 
 SUBCOMMANDS = ("serve", "send", "ping", "bench", "ls", "stat", "env", "log")
 STORES = ("db", "kv", "shm")
@@ -75,6 +76,14 @@ class Usage(ToolTest):
             self.assert_wrong_usage(*arguments_of(subcommand), "--nonsense")
         for subcommand in WITH_URL:
             self.assert_wrong_usage(subcommand)
+
+    def test_interrupted_before_there_is_a_peer_it_is_a_failure_with_its_summary(self):
+        for subcommand in (("send", "--data", "x"), ("ping",), ("bench",)):
+            client = self.start(*subcommand, "ipc://1_2", "--json", "--timeout", "0")
+            self.wait_until(lambda process=client.process.pid: is_among(signal.SIGINT, process, "SigBlk"))
+            self.assertEqual(client.end(), 1, subcommand)
+            client.event("summary")
+            self.assertIn("interrupted", client.errors())
 
     def test_wrong_subcommand_is_named(self):
         for arguments in (["pnig"], ["ipc://1_2"], ["db", "x", "pnig"], ["kv", "x", "pnig"], ["shm", "pnig"]):

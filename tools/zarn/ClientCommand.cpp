@@ -6,7 +6,7 @@ namespace zarn::tool {
 ClientCommand::ClientCommand(const ClientOptions& options)
     : options_(options),
       output_(options.json),
-      loop_([this] { Interrupted(); }),
+      loop_([this] { Interrupt(); }),
       giveUp_([this] { GiveUp(); }) {
   output_.SetHooks([this] { loop_.Post([this] { output_.Flush(); }); },
                    [this] { loop_.Finish(kFailed); });
@@ -21,7 +21,7 @@ int ClientCommand::Run() {
   }
   if (options_.timeout > 0) giveUp_.Once(options_.timeout);
   int code = loop_.Run();
-  if (begun_) code = Summarise(code);
+  if (begun_ || interrupted_) code = Summarise(code);
   link_->Close();
   return output_.Flush() ? code : kFailed;
 }
@@ -60,6 +60,11 @@ void ClientCommand::OnRoom() {
 void ClientCommand::GiveUp() {
   Complain("{}: not reachable within {:g} s: {}", GetUrl(), options_.timeout, lastReason_);
   Finish(kUnreachable);
+}
+
+void ClientCommand::Interrupt() {
+  interrupted_ = true;
+  Interrupted();
 }
 
 double SecondsSince(std::chrono::steady_clock::time_point start) {

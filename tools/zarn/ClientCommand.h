@@ -13,7 +13,8 @@
 namespace zarn::tool {
 
 // Connects, runs the loop until the subclass calls Finish, and prints the summary. The peer must be
-// there within the timeout for the first time; what happens later is the subclass's business.
+// there within the timeout for the first time, else there is none; what happens later is the
+// subclass's business.
 class ClientCommand : private ClientSink {
  public:
   explicit ClientCommand(const ClientOptions& options);
@@ -32,7 +33,7 @@ class ClientCommand : private ClientSink {
   virtual void Received(const Message& message) = 0;
   virtual void Room() {}
   virtual void Interrupted() = 0;       // calls Finish; also before Begin
-  virtual int Summarise(int code) = 0;  // after Begin only; gives the exit code
+  virtual int Summarise(int code) = 0;  // after Begin or Interrupted; gives the exit code
 
   bool IsUp() const { return up_; }
   double GetTimeout() const { return options_.timeout; }
@@ -49,6 +50,7 @@ class ClientCommand : private ClientSink {
   void OnMessage(const Message& message) override;
   void OnRoom() override;
   void GiveUp();
+  void Interrupt();
 
   const ClientOptions options_;
   Output output_;
@@ -58,6 +60,7 @@ class ClientCommand : private ClientSink {
   std::string lastReason_ = "no answer to the connect";
   bool up_ = false;
   bool begun_ = false;
+  bool interrupted_ = false;
   bool heard_ = false;  // the peer has sent something
   Clock::time_point lostAt_;
 };

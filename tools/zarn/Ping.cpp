@@ -63,7 +63,7 @@ class Ping final : public ClientCommand {
   Timer next_;
   Timer expire_;
   Timer report_;
-  Clock::time_point startedAt_;
+  Clock::time_point startedAt_ = Clock::now();
 
   std::deque<Probe> probes_;  // sent, from the oldest on that is not settled
   std::uint64_t first_ = 0;   // sequence number of the front; the tag is its low 32 bits
@@ -272,8 +272,11 @@ int Ping::Summarise(int code) {
   object["seconds"] = seconds;
   AddRoundTrips(object, *all_);
   output.Object(object);
-  if (code == kDone && received == 0 && lost_ != 0)
-    Complain("no answer at all: does the peer send everything back, as zarn serve --echo?");
+  if (code == kDone && received == 0)
+    Complain("{}",
+             lost_ == 0
+                 ? "interrupted before there was an answer"
+                 : "no answer at all: does the peer send everything back, as zarn serve --echo?");
   return code == kDone && (received == 0 || altered_ != 0) ? kFailed : code;
 }
 
