@@ -287,6 +287,26 @@ class Listening(ToolTest):
         self.assertEqual(read_frame(client), (1, 1, b"on"))
         self.assertEqual(server.end(), 0)
 
+    def test_an_endpoint_that_is_taken_over_is_told_and_left_to_its_owner(self):
+        server = self.serve()
+        self.listen("9_9")
+        os.rename(self.ipc / "9_9", self.ipc / "1_2")
+        self.assertIn(f"1_2' has been taken over by process {os.getpid()} (",
+                      server.line_with(self.url, "stderr"))
+        self.assertEqual(server.end(), 0)
+        self.assertTrue((self.ipc / "1_2").is_socket())
+
+    def test_a_listener_that_had_to_wait_for_its_place_is_not_told_of_its_own_file(self):
+        self.make_ipc()
+        locked = os.open(self.ipc, os.O_RDONLY)
+        self.addCleanup(os.close, locked)
+        fcntl.flock(locked, fcntl.LOCK_EX)
+        server = self.serve("--echo")  # or will
+        fcntl.flock(locked, fcntl.LOCK_UN)
+        self.run_events("ping", self.url, "-c", "6", "-i", "0.4")  # longer than from one look to the next
+        self.assertEqual(server.end(), 0)
+        self.assertNotIn("taken over", server.errors())
+
     def test_a_reader_that_went_away_ends_it(self):
         reading, writing = os.pipe()
         server = subprocess.Popen([TOOL, "serve", self.url], env=self.env, stdout=writing)

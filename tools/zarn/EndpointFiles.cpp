@@ -143,6 +143,10 @@ bool IsSocketFile(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
+bool IsSameFile(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
 std::string GetUserName(uid_t user) {
   char buffer[4096];
   passwd entry{};
@@ -163,17 +167,18 @@ std::string GetProgramName(pid_t process) {
   return name;
 }
 
+pid_t FindOwner(const std::string& path) {
+  std::vector<EndpointFile> files(1);
+  if (::lstat(path.c_str(), &files[0].status) != 0) return 0;
+  files[0].state = EndpointState::listening;
+  FindOwners(files);
+  return files[0].process;
+}
+
 std::string DescribeOwner(const std::string& path) {
-  EndpointFile file;
-  file.path = path;
-  if (::lstat(path.c_str(), &file.status) == 0) {
-    file.state = EndpointState::listening;
-    std::vector<EndpointFile> files{file};
-    FindOwners(files);
-    file = files[0];
-  }
-  if (file.process == 0) return "another process";
-  return fmt::format("process {} ({})", file.process, Escape(GetProgramName(file.process)));
+  const pid_t process = FindOwner(path);
+  if (process == 0) return "another process";
+  return fmt::format("process {} ({})", process, Escape(GetProgramName(process)));
 }
 
 }  // namespace zarn::tool

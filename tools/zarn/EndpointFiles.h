@@ -42,10 +42,12 @@ int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files);
 int RemoveStale(const std::string& scheme, std::vector<EndpointFile>& files);
 
 bool IsSocketFile(const std::string& path);
+bool IsSameFile(const struct stat& one, const struct stat& other);
 
 std::string GetUserName(uid_t user);        // its number when it has none
 std::string GetProgramName(pid_t process);  // empty when it cannot be seen
 
+pid_t FindOwner(const std::string& path);  // who listens at that endpoint file; 0: unknown
 // "process 12 (zarn)", escaped, for a message about the endpoint file.
 std::string DescribeOwner(const std::string& path);
 

@@ -12,6 +12,8 @@
 #pragma once
 
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -185,7 +187,9 @@ class LocalServer final : public ServerLink {
     if (std::string problem = PrepareLink<Over>(); !problem.empty()) return problem;
     path_ = GetEndpointDirectory(Over::kScheme) + "/" + ToText(own_);
     const keelbase::AWResult result = listener_.Start(own_);
-    return result == keelbase::AW_OK ? std::string() : Explain(static_cast<long>(result));
+    if (result != keelbase::AW_OK) return Explain(static_cast<long>(result));
+    ::lstat(path_.c_str(), &file_);
+    return {};
   }
 
   void Stop() override {
@@ -194,9 +198,15 @@ class LocalServer final : public ServerLink {
     peers_.clear();
   }
 
+  // The file of a listener that had to wait for the directory is found here.
   std::string Check() override {
-    if (IsSocketFile(path_)) return {};
-    return fmt::format("'{}' has been removed: no new client can come", Escape(path_));
+    struct stat now {};
+    if (::lstat(path_.c_str(), &now) != 0 || !S_ISSOCK(now.st_mode))
+      return fmt::format("'{}' has been removed: no new client can come", Escape(path_));
+    if (!IsSameFile(now, file_) && FindOwner(path_) == ::getpid()) file_ = now;
+    if (IsSameFile(now, file_)) return {};
+    return fmt::format("'{}' has been taken over by {}: no new client can come", Escape(path_),
+                       DescribeOwner(path_));
   }
 
   std::string Explain(long reason) const override {
@@ -231,6 +241,7 @@ class LocalServer final : public ServerLink {
   Pair own_;
   ServerSink& sink_;
   std::string path_;
+  struct stat file_ {};  // what was made there
   typename Over::Listener listener_;
   std::unordered_map<Peer*, std::unique_ptr<Peer>> peers_;
   std::uint64_t accepted_ = 0;
