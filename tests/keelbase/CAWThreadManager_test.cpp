@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -23,7 +24,9 @@
 #include "ExitingChild.h"
 #include "ThreadShortage.h"
 #include "TraceLines.h"
+#include "keelbase/CAWAutoPtr.h"
 #include "keelbase/internal/EventLoop.h"
+#include "keelbase/internal/LoopObject.h"
 #include "keelbase/internal/TimerQueue.h"
 
 namespace keelbase {
@@ -365,6 +368,59 @@ TEST(CAWThreadManager, WhatLingersIsWrittenAlsoWhenTheLoopStopsWhileTheProcessEn
   ChildTest child("stopping");
   EXPECT_EQ(child.Wait(), 7);
   EXPECT_NE(child.GetErrors().find("[written]"), std::string::npos) << child.GetErrors();
+}
+
+class CalleeInterface {
+ public:
+  virtual std::uint32_t AddReference() = 0;
+  virtual std::uint32_t ReleaseReference() = 0;
+
+ protected:
+  virtual ~CalleeInterface() = default;
+};
+
+// What a transport asks before it calls its sink.
+class Callee final : public internal::LoopObject<CalleeInterface> {
+ public:
+  explicit Callee(CAWThread& thread) : LoopObject(thread.GetLoop()) {}
+  bool IsCalledBack() { return static_cast<bool>(Hold()); }
+};
+
+TEST(CAWThreadManager, NobodyIsCalledBackOnceItsThreadsHaveStopped) {
+  if (ChildTest::Role() == "ends") {
+    static CAWAutoPtr<Callee> callee;
+    std::atexit([] { ::_exit(callee->IsCalledBack() ? 1 : 0); });
+    callee = new Callee(*Manager().GetThread(CAWThreadManager::TT_NETWORK));
+    if (!callee->IsCalledBack()) ::_exit(2);
+    std::exit(3);
+  }
+  ChildTest child("ends");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
+}
+
+// So a static object may still say goodbye and wait for the answer.
+TEST(CAWThreadManager, WhoRunsAnAdoptedLoopAgainWhileTheProcessEndsIsCalledBack) {
+  if (ChildTest::Role() == "ends") {
+    static CAWThread* main = nullptr;
+    std::atexit([] {
+      const CAWAutoPtr<Callee> callee(new Callee(*main));
+      bool called = false;
+      internal::Timer timer(main->GetLoop());
+      timer.Start(std::chrono::microseconds(1), 1, [&] {
+        called = callee->IsCalledBack();
+        main->Stop();
+      });
+      const AWResult result = main->Run();
+      ::_exit(result == AW_OK && called ? 0 : 1);
+    });
+    Manager().AdoptCurrentThread(CAWThreadManager::TT_MAIN);
+    main = Manager().GetThread(CAWThreadManager::TT_MAIN);
+    main->Post([] { main->Stop(); });
+    main->Run();
+    std::exit(3);
+  }
+  ChildTest child("ends");
+  EXPECT_EQ(child.Wait(), 0) << child.GetErrors();
 }
 
 TEST(CAWThreadManager, NothingStartsOnceTheProcessEnds) {

@@ -116,6 +116,7 @@ void EventLoop::TakeHoldToRun() {
 void EventLoop::Reopen() {
   closed_ = false;
   refusing_ = false;
+  callbacksOver_ = IsLeftToParent();
 }
 
 void EventLoop::AddHold() {

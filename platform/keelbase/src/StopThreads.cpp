@@ -52,8 +52,10 @@ void StopThreads() {
       loop.End();
     }
   });
-  ForEachThread([](ThreadSlot& slot, EventLoop&) {
-    if (slot.started.joinable()) slot.started.join();
+  ForEachThread([](ThreadSlot& slot, EventLoop& loop) {
+    if (!slot.started.joinable()) return;
+    slot.started.join();
+    loop.End();
   });
 }
 

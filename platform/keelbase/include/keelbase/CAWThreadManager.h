@@ -14,14 +14,14 @@ namespace keelbase {
 // The network and the task thread start on first use. The clean-up chain at process exit first
 // stops them, after the callback in hand (at once where exit() was called in it), writes what was
 // sent until then as far as the system takes it, and destroys what is still posted. Nobody is
-// called back any more. Later it lets transports that were closed write out what they have taken,
-// and await what they would await otherwise, for their linger time at most (2 seconds unless
-// AW_OPT_LINGER says otherwise). A function that runs in place on an adopted loop that does not run
-// is waited for three seconds, and that loop is then left alone. An adopted thread must have left
-// Run() before main() returns, or exit() is called elsewhere than in its own callback: it is not
-// stopped, since what its program does behind Run() would then go on beside the end of the process,
-// and its callbacks come while static objects are destroyed. The main thread exists only once a
-// thread has adopted that type.
+// called back any more, but by a loop that its adopted thread runs again. Later it lets transports
+// that were closed write out what they have taken, and await what they would await otherwise, for
+// their linger time at most (2 seconds unless AW_OPT_LINGER says otherwise). A function that runs
+// in place on an adopted loop that does not run is waited for three seconds, and that loop is then
+// left alone. An adopted thread must have left Run() before main() returns, or exit() is called
+// elsewhere than in its own callback: it is not stopped, since what its program does behind Run()
+// would then go on beside the end of the process, and its callbacks come while static objects are
+// destroyed. The main thread exists only once a thread has adopted that type.
 //
 // A fork()ed child has none of these threads: fork before first use, or exec at once, and _exit()
 // when that fails. Should a child call exit(), its clean-up chain leaves alone what its parent has:
