@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "DescriptorShortage.h"
@@ -66,15 +67,19 @@ TEST(IPCConnector, EachFailureIsOneIndicationWithItsReason) {
   EXPECT_EQ(ReasonOf(base + "/directory"), ECONNREFUSED);
 }
 
-TEST(IPCConnector, OwnNameThatDoesNotFitIsAnIndicationToo) {
+TEST(IPCConnector, OwnNameThatCannotBeToldIsAnIndicationToo) {
   const TempDir dir;
   Server server(dir.GetPath() + "/1_2");
-  const auto connector = MakeConnector();
-  IndicationSink sink;
-  const CAWIPCAddr local(dir.GetPath() + "/" + std::string(200, '3'));
-  EXPECT_EQ(connector->AsyncConnect(&sink, CAWIPCAddr(dir.GetPath() + "/1_2"), 0, &local), AW_OK);
-  EXPECT_TRUE(Await([&] { return sink.count == 1; }));
-  EXPECT_EQ(sink.got[0].reason, ENAMETOOLONG);
+  const std::pair<std::string, long> names[] = {{"/" + std::string(200, '3'), ENAMETOOLONG},
+                                                {std::string("\0x/3_4", 6), EINVAL}};
+  for (const auto& [name, reason] : names) {
+    const auto connector = MakeConnector();
+    IndicationSink sink;
+    const CAWIPCAddr local(dir.GetPath() + name);
+    EXPECT_EQ(connector->AsyncConnect(&sink, CAWIPCAddr(dir.GetPath() + "/1_2"), 0, &local), AW_OK);
+    EXPECT_TRUE(Await([&] { return sink.count == 1; }));
+    EXPECT_EQ(sink.got[0].reason, reason);
+  }
 }
 
 TEST(IPCConnector, MisuseIsRefused) {

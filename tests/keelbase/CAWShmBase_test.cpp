@@ -103,6 +103,7 @@ TEST_F(CAWShmBaseTest, MisuseIsRefused) {
   ExpectRefused(SIZE_MAX, "size");
   CAWShmBase shm;
   EXPECT_EQ(shm.Create(path_, 10, 1), AW_ERROR_FAILURE);
+  EXPECT_EQ(shm.Create(path_ + std::string("\0x", 2), 10, 0), AW_ERROR_FAILURE);
   EXPECT_FALSE(fs::exists(path_));
   ASSERT_EQ(shm.Create(path_, 10, 0), AW_OK);
   void* const address = shm.GetAddress();

@@ -55,6 +55,7 @@ AWResult IPCConnector::CancelConnect() {
 // That is how the acceptor learns our address.
 int IPCConnector::BindOwnName(int socket) const {
   const EndpointPath local(local_.GetPath());
+  if (local_.GetPath().find('\0') != keelbase::CAWString::npos) return EINVAL;
   if (local.name.empty()) return 0;
   const auto name = MakeClientName(local.name);
   if (!name) return ENAMETOOLONG;

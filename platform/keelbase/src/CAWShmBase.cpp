@@ -38,6 +38,7 @@ AWResult CAWShmBase::Create(const CAWString& path, std::size_t size, int flags) 
   if (header_ != nullptr) misuse = "attached already";
   if (size == 0 || size > kMaxSize) misuse = "not a possible size";
   if (flags != 0) misuse = "unknown flags";
+  if (path.find('\0') != CAWString::npos) misuse = "a NUL byte in the path";
   if (misuse != nullptr) {
     Complain(misuse, path);
     return AW_ERROR_FAILURE;

@@ -30,10 +30,10 @@ class KEELBASE_API CAWShmBase {
   // while another process is just making it, ten seconds at most.
   //
   // 0; 10012 when that wait was in vain; else 10001, with a trace line that says why: a size of 0,
-  // no room, an existing segment that is smaller, a file that is not a segment or is damaged (it is
-  // left as it is), is not a regular one, belongs to another user, or is a symbolic link. What a
-  // process left half made when it died is made anew. 10001 also when the object is attached
-  // already; it stays so.
+  // a path with a NUL byte, no room, an existing segment that is smaller, a file that is not a
+  // segment or is damaged (it is left as it is), is not a regular one, belongs to another user, or
+  // is a symbolic link. What a process left half made when it died is made anew. 10001 also when
+  // the object is attached already; it stays so.
   AWResult Create(const CAWString& path, std::size_t size, int flags = 0);
 
   // Detaches; 1 is the only mode. Gives the lock back when the calling thread holds it; no other
