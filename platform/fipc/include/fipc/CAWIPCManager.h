@@ -57,9 +57,9 @@ class IAWIPCAcceptorConnectorSink {
 class FIPC_API IAWIPCConnector : public IAWIPCAcceptorConnectorId {
  public:
   // Connects to the endpoint at `peer`; `local` (null for none) is the address that the other side
-  // is told. Both are copied. Never blocks, never calls back from inside; exactly one indication
-  // follows unless cancelled. 0; 10001 for a null sink, while a connect is under way, or without
-  // memory. `parameter` is 0.
+  // is told. Both are copied. Never blocks on the peer, never calls back from inside; exactly one
+  // indication follows unless cancelled. 0; 10001 for a null sink, while a connect is under way, or
+  // without memory. `parameter` is 0.
   virtual keelbase::AWResult AsyncConnect(IAWIPCAcceptorConnectorSink* sink,
                                           const keelbase::CAWIPCAddr& peer, std::uint32_t parameter,
                                           const keelbase::CAWIPCAddr* local) = 0;

@@ -46,8 +46,8 @@ class PTCP_API IAWPseudoTCPConnector : public IAWPseudoTCPAcceptorConnectorId {
  public:
   // Connects to `peer`, from `local` when that is not null (port 0: any port). `timeout`, when not
   // null, counts from now and ends the connect with ETIMEDOUT; ten seconds do in any case. All are
-  // copied. Never blocks, never calls back from inside; exactly one indication follows unless
-  // cancelled. The address 0.0.0.0:0, which is what a name that does not resolve leaves, is
+  // copied. Never blocks on the peer, never calls back from inside; exactly one indication follows
+  // unless cancelled. The address 0.0.0.0:0, which is what a name that does not resolve leaves, is
   // indicated as EADDRNOTAVAIL. 0; 10001 for a null sink, while a connect is under way, or without
   // memory.
   virtual keelbase::AWResult AsyncConnect(IAWPseudoTCPAcceptorConnectorSink* sink,

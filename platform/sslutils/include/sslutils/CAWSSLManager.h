@@ -69,11 +69,11 @@ class SSLUTILS_API IAWSSLConnector : public IAWSSLConnectorAcceptor {
   // Connects to `peer` from `local` (null: from any address). verify 1: the peer is checked as
   // SetVerifyMode says; 0: as AW_SSL_VERIFY_NONE. `serverName` is the name that its certificate
   // must be for, and that it is told (a server may have several); null or empty: its IP address.
-  // All is copied. Never blocks, never calls back from inside; exactly one indication follows
-  // unless cancelled, also when nothing can even be tried. The handshake may take 10 seconds. An
-  // earlier session with the same peer is resumed when name, mode, trusted and own certificates are
-  // all the same, and were checked within the last hour. 0; 10001 for a null sink, another
-  // `verify`, and while a connect is under way.
+  // All is copied. Never blocks on the peer, never calls back from inside; exactly one indication
+  // follows unless cancelled, also when nothing can even be tried. The handshake may take 10
+  // seconds. An earlier session with the same peer is resumed when name, mode, trusted and own
+  // certificates are all the same, and were checked within the last hour. 0; 10001 for a null sink,
+  // another `verify`, and while a connect is under way.
   virtual keelbase::AWResult AsyncConnect(IAWSSLConnectionSink* sink,
                                           const keelbase::CAWInetAddr& peer, int verify,
                                           const char* serverName,

@@ -46,10 +46,10 @@ class WFACE_API IAWConnector : public IAWAcceptorConnectorId {
  public:
   // Connects to `peer`, from `local` when that is not null (port 0: any port). `timeout`, when not
   // null, counts from now and ends the connect with ETIMEDOUT; without one the system gives up in
-  // its own time, which is minutes. All are copied. Never blocks, never calls back from inside;
-  // exactly one indication follows unless cancelled. The address 0.0.0.0:0, which is what a name
-  // that does not resolve leaves, is indicated as EADDRNOTAVAIL. 0; 10001 for a null sink, while a
-  // connect is under way, or without memory.
+  // its own time, which is minutes. All are copied. Never blocks on the peer, never calls back from
+  // inside; exactly one indication follows unless cancelled. The address 0.0.0.0:0, which is what a
+  // name that does not resolve leaves, is indicated as EADDRNOTAVAIL. 0; 10001 for a null sink,
+  // while a connect is under way, or without memory.
   virtual keelbase::AWResult AsyncConnect(IAWAcceptorConnectorSink* sink,
                                           const keelbase::CAWInetAddr& peer,
                                           const keelbase::CAWTimeValue* timeout,
