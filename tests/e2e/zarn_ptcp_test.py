@@ -98,26 +98,14 @@ class Exchange(PtcpTest):
         self.assertEqual(gone["messages"], server.event("summary")["messages"])
 
 
-class ForeignClients(PtcpTest):
-    def connect(self):
+class MalformedFrames(PtcpTest):
+    def test_one_ends_that_connection_only(self):
+        server = self.serve("--echo")
         peer = subprocess.Popen([os.path.join(os.path.dirname(TOOL), "ptcp_peer"), "127.0.0.1",
                                  str(self.address[1])], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                 text=True, bufsize=1)
         self.addCleanup(peer.communicate, timeout=PATIENCE)
         self.assertEqual(json.loads(peer.stdout.readline())["event"], "connected")
-        return peer
-
-    def test_one_that_never_reads_is_dropped_and_all_its_messages_are_counted(self):
-        server = self.serve("--echo", "--max-queue", "0")
-        self.connect().stdin.write(f"flood 300 {frame(1, 1, b'x' * 60000).hex()}\n")
-        self.assertGreater(server.event("dropped")["waiting"], 0)
-        messages = server.event("gone")["messages"]
-        self.assertEqual(server.end(), 0)
-        self.assertEqual(server.event("summary")["messages"], messages)
-
-    def test_a_malformed_frame_ends_that_connection_only(self):
-        server = self.serve("--echo")
-        peer = self.connect()
         good, malformed = frame(1, 1, b"good"), struct.pack(">HHII", 1, 20, 2, 4) + bytes(8)
         peer.stdin.write(f"send {(good + malformed + good).hex()}\n")
         self.assertEqual(server.event("message")["text"], "good")

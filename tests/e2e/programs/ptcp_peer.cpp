@@ -2,7 +2,7 @@
 //   ptcp_peer ADDRESS PORT
 //
 // Events: connected or failed {reason}; received {bytes} (all so far); ended {reason}.
-// Commands: send HEX; flood COUNT HEX: reads nothing more, and sends that so many times over.
+// Command: send HEX.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -33,8 +33,10 @@ class Client final : public zarn::utils::CPTCPStreamBase,
     connector_->AsyncConnect(this, peer_, nullptr, nullptr);
   }
   void Command(const e2e::Words& words) {
-    if (words[0] == "send") Send(FromHex(words.at(1)));
-    if (words[0] == "flood") Flood(std::stoi(words.at(1)), FromHex(words.at(2)));
+    if (words[0] != "send") return;
+    const std::string bytes = FromHex(words.at(1));
+    CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
+    SendMessage(block, nullptr);
   }
   void Finish() {
     connector_ = nullptr;
@@ -42,17 +44,6 @@ class Client final : public zarn::utils::CPTCPStreamBase,
   }
 
  private:
-  void Send(const std::string& bytes) {
-    CAWMessageBlock block(bytes.data(), bytes.size(), CAWMessageBlock::borrow);
-    SendMessage(block, nullptr);
-  }
-  void Flood(int count, const std::string& frame) {
-    std::string bytes;
-    for (int i = 0; i < count; ++i) bytes += frame;
-    isReading_ = false;
-    SetReceiveLimit(1);
-    Send(bytes);  // taken whole, since nothing waits before it
-  }
   void OnConnectIndication(long reason, ptcp::IAWPseudoTCPTransport* transport,
                            ptcp::IAWPseudoTCPAcceptorConnectorId* /*id*/) override {
     Event(reason == 0 ? "connected" : "failed").With("reason", reason);
@@ -60,7 +51,6 @@ class Client final : public zarn::utils::CPTCPStreamBase,
     if (reason == 0) SetTransportHandle(connected);
   }
   std::uint16_t HandleMessage(CAWMessageBlock& data) override {
-    if (!isReading_) return 0;
     const auto length = static_cast<std::uint16_t>(data.GetChainedLength());
     received_ += length;
     Event("received").With("bytes", received_);
@@ -71,7 +61,6 @@ class Client final : public zarn::utils::CPTCPStreamBase,
   const keelbase::CAWInetAddr peer_;
   keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPConnector> connector_;
   std::size_t received_ = 0;
-  bool isReading_ = true;
 };
 
 }  // namespace
