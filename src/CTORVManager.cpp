@@ -4,8 +4,7 @@
 #include <memory>
 #include <new>
 
-#include "LockForCall.h"
-#include "TorvCalls.h"
+#include "TorvLock.h"
 #include "keelbase/CAWSingleton.h"
 
 namespace zarn::utils {
@@ -17,7 +16,7 @@ using keelbase::CAWMessageBlock;
 
 namespace {
 
-using Lock = LockForCall<keelbase::CAWMutexThread>;
+using Singleton = keelbase::CAWSingletonT<CTORVManager>;
 
 // The receivers of the manager that the clean-up chain has destroyed, kept where a leak checker
 // sees that they are no leak.
@@ -28,22 +27,25 @@ std::vector<CTORVThread*>& KeptReceivers() {
 
 }  // namespace
 
-constinit CallsInProgress torvCalls;
+constinit keelbase::CAWMutexThread torvMutex;
 
-CTORVManager* CTORVManager::Instance() { return keelbase::CAWSingletonT<CTORVManager>::Instance(); }
+bool IsTorvManager(const CTORVManager* manager) { return Singleton::IsInstance(manager); }
+
+CTORVManager* CTORVManager::Instance() { return Singleton::Instance(); }
 
 // Made here so that the destructor needs no memory.
 CTORVManager::CTORVManager() { KeptReceivers(); }
 
-// The chain destroys one manager; a later one stays to the end.
+// The chain destroys one manager; a later one stays to the end. The lock is had when the calls that
+// have found this one are through.
 CTORVManager::~CTORVManager() {
-  torvCalls.WaitForEarlierOnes();
+  const TorvLock lock;
   KeptReceivers().swap(receivers_);
 }
 
 AWResult CTORVManager::TORVInit(ITORVSink* sink, void* arg) {
   if (sink == nullptr) return AW_ERROR_FAILURE;
-  const Lock lock(lock_);
+  const TorvLock lock;
   try {
     auto receiver = std::make_unique<CTORVThread>(sink, arg);
     if (receiver->Init() != AW_OK) return AW_ERROR_FAILURE;
@@ -56,7 +58,7 @@ AWResult CTORVManager::TORVInit(ITORVSink* sink, void* arg) {
 }
 
 AWResult CTORVManager::TORVRegisterTno(ITORVSink* sink, unsigned short tno, void* context) {
-  const Lock lock(lock_);
+  const TorvLock lock;
   for (CTORVThread* receiver : receivers_) {
     if (receiver->GetSink() == sink) receiver->RegisterTno(tno, context);
   }
@@ -64,7 +66,7 @@ AWResult CTORVManager::TORVRegisterTno(ITORVSink* sink, unsigned short tno, void
 }
 
 AWResult CTORVManager::TORVUnRegisterTno(ITORVSink* sink, unsigned short tno) {
-  const Lock lock(lock_);
+  const TorvLock lock;
   for (CTORVThread* receiver : receivers_) {
     if (receiver->GetSink() == sink) receiver->UnRegisterTno(tno);
   }
@@ -72,14 +74,14 @@ AWResult CTORVManager::TORVUnRegisterTno(ITORVSink* sink, unsigned short tno) {
 }
 
 AWResult CTORVManager::SendTORVMessage(CAWMessageBlock& mb, unsigned short number) {
-  const Lock lock(lock_);
+  const TorvLock lock;
   for (CTORVThread* receiver : receivers_) receiver->PostTORVMessage(mb, number, nullptr);
   return AW_OK;
 }
 
 AWResult CTORVManager::SendTORVMessage(CAWMessageBlock& mb, unsigned short number,
                                        unsigned short tno) {
-  const Lock lock(lock_);
+  const TorvLock lock;
   for (CTORVThread* receiver : receivers_) {
     void* context = nullptr;
     if (receiver->GetTno(tno, context) == AW_OK) receiver->PostTORVMessage(mb, number, context);
@@ -88,13 +90,13 @@ AWResult CTORVManager::SendTORVMessage(CAWMessageBlock& mb, unsigned short numbe
 }
 
 AWResult CTORVManager::NotifyTORVInitEnd() {
-  const Lock lock(lock_);
+  const TorvLock lock;
   for (CTORVThread* receiver : receivers_) receiver->NotifyInitOk();
   return AW_OK;
 }
 
 AWResult CTORVManager::NotifyTORVUnInit() {
-  const Lock lock(lock_);
+  const TorvLock lock;
   for (CTORVThread* receiver : receivers_) receiver->NotifyUnInit();
   return AW_OK;
 }

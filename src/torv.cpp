@@ -3,7 +3,7 @@
 
 #include <new>
 
-#include "TorvCalls.h"
+#include "TorvLock.h"
 #include "zarn/utils/CTORVManager.h"
 
 namespace zarn::utils {
@@ -14,9 +14,12 @@ namespace {
 
 template <class Operation>
 AWResult WithManager(Operation operation) {
-  const CallsInProgress::Call call(torvCalls);
   try {
-    return operation(*CTORVManager::Instance());
+    for (;;) {
+      CTORVManager* manager = CTORVManager::Instance();
+      const TorvLock lock;
+      if (IsTorvManager(manager)) return operation(*manager);  // its end waits for the lock
+    }
   } catch (const std::bad_alloc&) {
     return keelbase::AW_ERROR_FAILURE;
   }

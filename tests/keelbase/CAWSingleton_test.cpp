@@ -78,6 +78,27 @@ TEST(CAWSingleton, IsOneObjectForAllThreads) {
   EXPECT_FALSE(CAWCleanUpBase::HasRun());
 }
 
+TEST(CAWSingleton, KnowsItsInstanceFromOtherObjects) {
+  struct Plain {};
+  const Plain other;
+  EXPECT_TRUE(CAWSingletonT<Plain>::IsInstance(CAWSingletonT<Plain>::Instance()));
+  EXPECT_FALSE(CAWSingletonT<Plain>::IsInstance(&other));
+  EXPECT_FALSE(CAWSingletonT<Plain>::IsInstance(nullptr));
+}
+
+class AskingAtItsEnd {
+ public:
+  ~AskingAtItsEnd() { Say(CAWSingletonT<AskingAtItsEnd>::IsInstance(this) ? "there" : "gone"); }
+};
+
+TEST(CAWSingleton, IsNoInstanceAnyMoreOnceItsEndHasBegun) {
+  if (ChildTest::Role() == "asking") {
+    CAWSingletonT<AskingAtItsEnd>::Instance();
+    std::exit(0);
+  }
+  EXPECT_NE(OutputOf("asking").find("[gone]"), std::string::npos);
+}
+
 TEST(CAWSingleton, SingletonsGoInTheReverseOrderOfTheirMaking) {
   if (ChildTest::Role() == "two") {
     CAWSingletonT<First>::Instance();

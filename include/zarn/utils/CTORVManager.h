@@ -5,7 +5,6 @@
 
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWMessageBlock.h"
-#include "keelbase/CAWMutex.h"
 #include "zarn/utils/CTORVThread.h"
 #include "zarn/utils/zarndefines.h"
 
@@ -63,7 +62,6 @@ class ZARNUTILS_API CTORVManager {
   CTORVManager& operator=(const CTORVManager&) = delete;
 
   std::vector<CTORVThread*> receivers_;  // in the order of their making
-  keelbase::CAWMutexThread lock_;        // guards the list and every receiver's numbers
 };
 
 }  // namespace zarn::utils

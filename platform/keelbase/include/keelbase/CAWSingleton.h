@@ -40,6 +40,12 @@ class CAWSingletonT : public CAWCleanUpBase {
     return &made->object_;
   }
 
+  // False for null and for one whose end has begun.
+  static bool IsInstance(const T* object) {
+    const CAWSingletonT* made = instance_.load(std::memory_order_acquire);
+    return made != nullptr && &made->object_ == object;
+  }
+
  private:
   CAWSingletonT() = default;
   ~CAWSingletonT() override { instance_.store(nullptr, std::memory_order_release); }
