@@ -122,16 +122,18 @@ AWResult CZARNSqliteDB::GetAllData(DataMap& map) try {
   return AW_ERROR_FAILURE;
 }
 
-// No exception may reach SQLite, which is C: an error of the statement takes its place.
+// No exception may reach SQLite, which is C: an error of the statement takes its place. Without
+// values it calls for a statement that has no rows, once `PRAGMA empty_result_callbacks` is on.
 int CZARNSqliteDB::callback(void* data, int /*columns*/, char** values, char** /*names*/) try {
-  if (data != nullptr) static_cast<CAWString*>(data)->assign(TextOf(values[0]));
+  if (data == nullptr || values == nullptr) return 0;
+  static_cast<CAWString*>(data)->assign(TextOf(values[0]));
   return 0;
 } catch (const std::bad_alloc&) {
   return 1;
 }
 
 int CZARNSqliteDB::selectcallback(void* data, int columns, char** values, char** /*names*/) try {
-  if (data == nullptr) return 0;
+  if (data == nullptr || values == nullptr) return 0;
   if (columns != 2) return -1;
   const char* key = TextOf(values[0]);
   // Both texts first: a key whose value finds no memory is not to be there.

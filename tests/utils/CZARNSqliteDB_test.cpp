@@ -334,6 +334,14 @@ TEST_F(CZARNSqliteDBTest, QuoteInTheKeyFailsOrRemovesTheWrongRows) {
   EXPECT_THAT(All(), IsEmpty());
 }
 
+// The statement asks for a call where there are no rows, on this connection from now on.
+TEST_F(CZARNSqliteDBTest, CallsForStatementsWithoutRowsReadAsEmpty) {
+  db_.InitDB(path_);
+  EXPECT_EQ(db_.GetPersistentData("x'; PRAGMA empty_result_callbacks=1; SELECT '"), "");
+  EXPECT_EQ(db_.GetPersistentData("absent"), "");
+  EXPECT_THAT(All(), IsEmpty());
+}
+
 TEST_F(CZARNSqliteDBTest, NulByteMakesEveryStatementFail) {
   db_.InitDB(path_);
   db_.SetPersistentData("k", "a");
@@ -371,6 +379,7 @@ TEST(CZARNSqliteDBCallbacks, TakeRowsWithNullsAndNoPlaceToPutThem) {
   CAWString value = "before";
   EXPECT_EQ(CZARNSqliteDB::callback(nullptr, 1, row.data(), nullptr), 0);
   EXPECT_EQ(CZARNSqliteDB::callback(&value, 1, row.data(), nullptr), 0);
+  EXPECT_EQ(CZARNSqliteDB::callback(&value, 1, nullptr, nullptr), 0);
   EXPECT_EQ(value, "k");
   EXPECT_EQ(CZARNSqliteDB::callback(&value, 1, nulls.data(), nullptr), 0);
   EXPECT_EQ(value, "");
@@ -379,6 +388,8 @@ TEST(CZARNSqliteDBCallbacks, TakeRowsWithNullsAndNoPlaceToPutThem) {
   EXPECT_EQ(CZARNSqliteDB::selectcallback(nullptr, 1, row.data(), nullptr), 0);
   EXPECT_EQ(CZARNSqliteDB::selectcallback(&map, 1, row.data(), nullptr), -1);
   EXPECT_EQ(CZARNSqliteDB::selectcallback(&map, 3, row.data(), nullptr), -1);
+  EXPECT_EQ(CZARNSqliteDB::selectcallback(&map, 0, nullptr, nullptr), 0);
+  EXPECT_EQ(CZARNSqliteDB::selectcallback(&map, 2, nullptr, nullptr), 0);
   EXPECT_EQ(CZARNSqliteDB::selectcallback(&map, 2, nulls.data(), nullptr), 0);
   EXPECT_EQ(CZARNSqliteDB::selectcallback(&map, 2, noKey.data(), nullptr), 0);
   EXPECT_THAT(map, IsEmpty());
