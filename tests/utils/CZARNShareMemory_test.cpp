@@ -259,8 +259,11 @@ TEST_F(CZARNShareMemoryTest, CreateMemoryReleasesWhatItReplaces) {
 TEST_F(CZARNShareMemoryTest, CreateMemoryThatFailsLeavesWhatIsThere) {
   constexpr std::size_t kTooLarge = std::size_t{std::numeric_limits<unsigned int>::max()} + 1;
   Memory memory;
+  Memory other;
   ASSERT_EQ(CreateMemory(memory, "a", 100), AW_OK);
   CZARNShareMemory* before = memory.Get();
+  EXPECT_EQ(CreateMemory(other, "a", 0), AW_ERROR_FAILURE);
+  EXPECT_FALSE(other);
   EXPECT_EQ(CreateMemory(memory, "b", 0), AW_ERROR_FAILURE);
   EXPECT_EQ(CreateMemory(memory, "", 100), AW_ERROR_FAILURE);
   EXPECT_EQ(CreateMemory(memory, "b", kTooLarge), AW_ERROR_FAILURE);
@@ -271,7 +274,14 @@ TEST_F(CZARNShareMemoryTest, CreateMemoryThatFailsLeavesWhatIsThere) {
     EXPECT_EQ(CreateMemory(memory, "b", 100), AW_ERROR_FAILURE);
   }
   EXPECT_EQ(memory.Get(), before);
+  EXPECT_TRUE(fs::exists(PathOf("a")));
   EXPECT_FALSE(fs::exists(PathOf("b")));
+}
+
+TEST_F(CZARNShareMemoryTest, CreateMemoryOfNoSizeMakesNoDirectory) {
+  Memory memory;
+  EXPECT_EQ(CreateMemory(memory, "a", 0), AW_ERROR_FAILURE);
+  EXPECT_TRUE(fs::is_empty(root_.GetPath() + "/system"));
 }
 
 TEST_F(CZARNShareMemoryTest, CreateMemoryOfASizeThatIsNotThereRemovesTheSmallerOne) {
