@@ -172,6 +172,31 @@ TEST(CZARNListenNodeManager, PrintIsThatOfTheFile) {
   EXPECT_EQ(Print(nodes), ReadTestData("listen_nodes.txt"));
 }
 
+TEST(CZARNListenNodeManager, PrintTellsTheKeyOfAnEntryFromItsItem) {
+  CZARNListenNodeKey key;
+  key.clusterid = 11;
+  key.datacenterid = 12;
+  key.serviceno = 13;
+  key.pno = 14;
+  key.nodeid = 15;
+  ::testing::internal::CaptureStdout();
+  CZARNListenNodeManager::PrintAllMap({{key, MakeItem(5)}});
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "ZARNListenNodeManager::PrintAllMap\n"
+            "key clusterid = 11\n"
+            "key datecenterid = 12\n"
+            "key serverno = 13\n"
+            "key jno = 14\n"
+            "key nodeid = 15\n"
+            "value clusterid = 7\n"
+            "value datacenterid = 2\n"
+            "value pno = 3\n"
+            "value serviceno = 1\n"
+            "value nodeid = 5\n"
+            "value listenprivateip = 10.0.0.5\n"
+            "value listenpublicip = 192.0.2.7\n");
+}
+
 TEST(CZARNListenNodeManager, PrintIsDecimalWhateverTheStreamIsSetTo) {
   CZARNListenNodeManager nodes;
   CZARNListenNodeItem item = MakeItem(4000000000U, 65535);

@@ -92,6 +92,12 @@ TEST_F(CZARNSqliteDBTest, EmptyKeysAndValuesAreRefusedAndNothingIsWritten) {
   EXPECT_THAT(All(), UnorderedElementsAre(Pair("k", "a")));
 }
 
+TEST_F(CZARNSqliteDBTest, EmptyKeyReadsAsEmptyThoughThereIsARow) {
+  db_.InitDB(path_);
+  Ask("INSERT INTO ZARNDATA VALUES('', 'v')");
+  EXPECT_EQ(db_.GetPersistentData(""), "");
+}
+
 TEST_F(CZARNSqliteDBTest, AbsentKeyReadsAsEmpty) {
   db_.InitDB(path_);
   EXPECT_EQ(db_.GetPersistentData("absent"), "");
@@ -166,6 +172,17 @@ TEST_F(CZARNSqliteDBTest, BatchIsVisibleToOthersOnceItIsCommitted) {
   EXPECT_EQ(db_.Commit(), SQLITE_OK);
   EXPECT_EQ(db_.Commit(), SQLITE_ERROR);  // in none
   EXPECT_EQ(other.GetPersistentData("k"), "v");
+}
+
+TEST_F(CZARNSqliteDBTest, BatchBeginsWhileAnotherOneIsWriting) {
+  db_.InitDB(path_);
+  CZARNSqliteDB other;
+  other.InitDB(path_);
+  other.Begin();
+  ASSERT_EQ(other.SetPersistentData("k", "v"), AW_OK);
+  EXPECT_EQ(db_.Begin(), SQLITE_OK);
+  EXPECT_EQ(other.Commit(), SQLITE_OK);
+  EXPECT_EQ(db_.Commit(), SQLITE_OK);
 }
 
 TEST_F(CZARNSqliteDBTest, BatchThatIsNotCommittedIsUndoneByClosing) {
@@ -332,6 +349,12 @@ TEST_F(CZARNSqliteDBTest, QuoteInTheKeyFailsOrRemovesTheWrongRows) {
   EXPECT_EQ(db_.GetPersistentData("x' OR URL='l"), "b");
   EXPECT_EQ(db_.RemovePersistentData("x' OR '1'='1"), AW_OK);
   EXPECT_THAT(All(), IsEmpty());
+}
+
+TEST_F(CZARNSqliteDBTest, ErrorBehindARowReadsAsEmpty) {
+  db_.InitDB(path_);
+  db_.SetPersistentData("k", "v");
+  EXPECT_EQ(db_.GetPersistentData("k';x"), "");
 }
 
 // The statement asks for a call where there are no rows, on this connection from now on.

@@ -125,9 +125,11 @@ TEST(GetEnvToString, WhatStandsBeforeTheReferenceIsDropped) {
 }
 
 TEST(GetEnvToString, TextWithoutBothBracesComesBack) {
+  ScopedEnv variable("ZARN_TEST_NAME", "value");
   EXPECT_EQ(utils::GetEnvToString("plain"), "plain");
   EXPECT_EQ(utils::GetEnvToString(""), "");
   EXPECT_EQ(utils::GetEnvToString("open{"), "open{");
+  EXPECT_EQ(utils::GetEnvToString("{ZARN_TEST_NAME"), "{ZARN_TEST_NAME");
   EXPECT_EQ(utils::GetEnvToString("close}"), "close}");
 }
 
