@@ -278,6 +278,7 @@ TEST_F(ZARNLoggerImpTest, DebugFileThatCannotBeOpenedLeavesTheLogFileInUse) {
 }
 
 TEST_F(ZARNLoggerImpTest, TimeIsUtcWhateverTheZoneOfTheProcess) {
+  const FixedTime time({1706774400, 0});  // no other test's second: the last one's text is kept
   FileLogger file;
   {
     const ScopedEnv zone("TZ", "FAR-14");  // fourteen hours ahead
@@ -285,7 +286,7 @@ TEST_F(ZARNLoggerImpTest, TimeIsUtcWhateverTheZoneOfTheProcess) {
     file.logger.Print("INFO", "f", "m");
   }
   ::tzset();
-  EXPECT_EQ(file.Take().substr(0, 29), kTime);
+  EXPECT_EQ(file.Take().substr(0, 26), "2024-02-01T08:00:00.000000");
 }
 
 TEST_F(ZARNLoggerImpTest, TimeChangesWithTheSecond) {
