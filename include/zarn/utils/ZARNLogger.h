@@ -68,9 +68,10 @@ class ZARNUTILS_API ZARNLogger {
 // Opens "<home>/logs/<program>.log" and "<program>_debug.log", <home> being
 // keelbase::GetBinHomePath(), and makes that directory; sets the widths to 15 (file) and 18
 // (function). `debug`: whether debug output is on; `toStdout` is kept, without effect so far, as
-// enableStdout is. 0; 10001 without a home, and when a file cannot be opened, which is then said on
-// standard output. To be called once, at start. A program that is installed elsewhere than in the
-// install root calls keelbase::SetBinHomePath(zarn::utils::GetZARNRoot()) before.
+// enableStdout is. 0; 10001 without a home, without memory, and when a file cannot be opened, which
+// is then said on standard output. To be called once, at start. A program that is installed
+// elsewhere than in the install root calls keelbase::SetBinHomePath(zarn::utils::GetZARNRoot())
+// before.
 ZARNUTILS_API keelbase::AWResult InitZARNLogger(bool debug, bool toStdout);
 
 namespace detail {
