@@ -93,10 +93,10 @@ ReceivePass OfferBlocksKeepingRest(Stream& stream, const ReceiveParts& parts,
 }
 
 // OnReceiveDirect of the streams that are handed blocks: calls stream.HandleMessage with `data`
-// itself, until it has answered for the first segment or with 0, and then advances `data` over what
-// it answered for. The handler sees the same block again as long as it does not advance it.
-// kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
-// is traced; kDestroyed or kReplaced.
+// itself, until it has answered for the first segment or with 0. The handler sees the same block
+// again as long as it does not advance it. kNeedMore or kReplaced, and `data` is advanced over what
+// was answered for; kClosed when the stream is to be ended, also for a handler that claims too
+// much, which is traced; kDestroyed.
 template <class Stream>
 ReceivePass::End OfferSameBlock(Stream& stream, const ReceiveParts& parts,
                                 keelbase::CAWMessageBlock& data) {
@@ -104,7 +104,8 @@ ReceivePass::End OfferSameBlock(Stream& stream, const ReceiveParts& parts,
   const detail::Generation::Watch watch(parts.generation);
   const std::size_t length = data.GetLength();
   std::size_t consumed = 0;
-  while (consumed < length) {
+  bool replaced = false;
+  while (consumed < length && !replaced) {
     const std::size_t remaining = length - consumed;
     const std::size_t answered = stream.HandleMessage(data);
     if (watch.IsDestroyed()) return End::kDestroyed;
@@ -112,20 +113,19 @@ ReceivePass::End OfferSameBlock(Stream& stream, const ReceiveParts& parts,
     if (answered != 0 && !tooLong) {
       ++parts.counters.messagesReceived;
       parts.counters.bytesReceived += answered;
+      consumed += answered;
     }
-    if (watch.HasChanged() && !parts.closed) return End::kReplaced;
-    if (tooLong) {
+    replaced = watch.HasChanged() && !parts.closed;
+    if (tooLong && !replaced) {
       TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
       return End::kClosed;
     }
-    if (answered == 0) break;
-    consumed += answered;
-    if (parts.closed) break;
+    if (answered == 0 || parts.closed) break;
   }
   if (parts.closed) return End::kClosed;
   const std::size_t left = length - consumed;
   if (data.GetLength() > left) data.AdvanceReadPtr(data.GetLength() - left);
-  return End::kNeedMore;
+  return replaced ? End::kReplaced : End::kNeedMore;
 }
 
 }  // namespace zarn::utils

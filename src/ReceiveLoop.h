@@ -123,9 +123,9 @@ ReceivePass OfferAndAdvance(Stream& stream, const ReceiveParts& parts,
   return pass;
 }
 
-// OnReceiveDirect: offers the first segment of `data` in place and advances over what was taken.
-// kNeedMore; kClosed when the stream is to be ended, also for a handler that claims too much, which
-// is traced under the name of `operation`; kDestroyed or kReplaced.
+// OnReceiveDirect: offers the first segment of `data` in place. kNeedMore or kReplaced, and `data`
+// is advanced over what was taken; kClosed when the stream is to be ended, also for a handler that
+// claims too much, which is traced under the name of `operation`; kDestroyed.
 template <class Stream>
 ReceivePass::End OfferDirect(Stream& stream, const ReceiveParts& parts,
                              keelbase::CAWMessageBlock& data, const char* operation) {
@@ -133,12 +133,11 @@ ReceivePass::End OfferDirect(Stream& stream, const ReceiveParts& parts,
   const ReceivePass pass = OfferFrames(stream, parts, data.GetReadPtr(), data.GetLength());
   if (pass.end == End::kDestroyed) return pass.end;
   parts.counters.bytesReceived += pass.consumed;
-  if (pass.end == End::kReplaced) return pass.end;
   if (pass.end == End::kTooLong)
     TraceTooLongAnswer(operation, pass.answered, pass.offered, &stream);
   if (pass.end == End::kTooLong || parts.closed) return End::kClosed;
   data.AdvanceReadPtr(pass.consumed);
-  return End::kNeedMore;
+  return pass.end;
 }
 
 }  // namespace zarn::utils

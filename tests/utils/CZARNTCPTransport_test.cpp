@@ -259,7 +259,9 @@ TEST_F(CZARNTCPTransportTest, DirectHandlerMayDisconnectReplaceOrDelete) {
     transport = Attach();
     return 4;
   };
-  EXPECT_EQ(stream->OnReceiveDirect(*Chain({"one;two;"})), AW_ERROR_FAILURE);
+  auto block = Chain({"one;two;"});
+  EXPECT_EQ(stream->OnReceiveDirect(*block), AW_ERROR_FAILURE);
+  EXPECT_EQ(block->FlattenChained(), "two;");
   EXPECT_TRUE(transport->disconnects.empty());
   EXPECT_EQ(stream->GetCounters().messagesReceived, 2U);
   EXPECT_EQ(stream->GetCounters().bytesReceived, 8U);

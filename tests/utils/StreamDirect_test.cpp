@@ -143,15 +143,16 @@ TYPED_TEST(StreamDirect, CloseInsideADirectBlockAnswers10001) {
   EXPECT_EQ(this->stream->upcalls, Strings{"OnPeerDisconnect(0)"});
 }
 
-TYPED_TEST(StreamDirect, ReconnectInsideADirectBlockIsNotTouched) {
+TYPED_TEST(StreamDirect, ReconnectInsideADirectBlockIsNotTouchedAndTheRestStays) {
   this->DuringFirstMessage([&] {
     this->stream->Close(0);
     this->Connect(2);
   });
   CAWMessageBlock block(16);
   block.Write("one;two;", 8);
-  this->stream->OnReceiveDirect(block);
+  EXPECT_EQ(this->stream->OnReceiveDirect(block), AW_ERROR_FAILURE);
   EXPECT_EQ(this->stream->frames, Strings{"one"});
+  EXPECT_EQ(block.FlattenChained(), "two;");
   EXPECT_FALSE(this->stream->IsClosed());
   EXPECT_TRUE(this->manager.Last().IsPending());
   EXPECT_TRUE(this->stream->upcalls.empty());
