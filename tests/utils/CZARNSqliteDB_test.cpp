@@ -468,7 +468,7 @@ TEST_F(CZARNSqliteDBTest, WhatFollowsAFailureForLackOfRoomInABatchCountsByItself
                 db.InitDB(path_);
                 return test::LimitFileSizeOnce(100'000) && db.Begin() == SQLITE_OK &&
                        db.SetPersistentData("before", "v") == AW_OK &&
-                       db.SetPersistentData("large", CAWString(12'000'000, 'x')) != AW_OK &&
+                       db.SetPersistentData("large", CAWString(8'000'000, 'x')) != AW_OK &&
                        db.SetPersistentData("after", "v") == AW_OK && db.Commit() != SQLITE_OK;
               }).Succeeded());
   EXPECT_THAT(All(), UnorderedElementsAre(Pair("after", "v")));
