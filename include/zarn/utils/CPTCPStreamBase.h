@@ -71,6 +71,8 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
   // SetTransportHandle, what was received and queued until the stream's end.
   void OnDisconnect(long reason, ptcp::IAWPseudoTCPTransport* transport) override;
 
+  // --- operations ---
+
   // Ends the connection; what SendMessage has accepted still goes out, as far as the peer takes it
   // within the transport's linger time (2 seconds). No upcall follows. On the stream's thread,
   // unless it has had no connection or Disconnect has ended it; an end by the peer is not enough.

@@ -63,13 +63,15 @@ class ZARNUTILS_API CRestfulClient : public shttp::IAWChannelSink, public wface:
   CRestfulClient(const CRestfulClient&) = delete;
   CRestfulClient& operator=(const CRestfulClient&) = delete;
 
-  // --- the network thread's ---
+  // --- called by the platform on the network thread; for the destructor see Lifetime ---
   void OnConnect(long reason, shttp::IAWChannelHttpClient* channel) override;
   ~CRestfulClient() override;
   void OnReceive(keelbase::CAWMessageBlock& data, wface::IAWTransport* transport,
                  wface::CAWTransportParameter* parameter) override;
   void OnSend(wface::IAWTransport* transport, wface::CAWTransportParameter* parameter) override;
   void OnDisconnect(long reason, wface::IAWTransport* transport) override;
+
+  // --- operations ---
 
   // Sends `body` to `url`; `callback` is called once, for a failure too, with the answer's body and
   // the result. A request that is under way is dropped first: its callback never runs (one whose

@@ -63,6 +63,8 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
   // back overrides it, calls this version first, and goes on once GetSendQueueLength() is small.
   void OnSSLDataSend(sslutils::IAWSSLTransport* transport) override;
 
+  // --- operations ---
+
   // Ends the connection like Disconnect(0). On the stream's thread, unless it has had no connection
   // or Disconnect has ended it; an end by the peer is not enough.
   ~CZARNTCPSSLTransport() override;

@@ -66,6 +66,8 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   // Disconnect.
   void OnDisconnect(long reason, wface::IAWTransport* transport) override;
 
+  // --- operations ---
+
   // Ends the connection like Disconnect(0). On the stream's thread, unless it has had no connection
   // or Disconnect has ended it; an end by the peer is not enough.
   ~CZARNTCPTransport() override;
