@@ -116,7 +116,8 @@ class ZARNUTILS_API CPTCPStreamBase : public ptcp::IAWPseudoTCPTransportSink {
       keelbase::CAWAutoPtr<ptcp::IAWPseudoTCPTransport>& transport);
 
   // Ends the connection. What was received and what waits in the send queue is kept for the next
-  // one; what the transport has taken still goes out. No upcall follows. Always 0.
+  // one; what the transport has taken still goes out. No upcall follows. `reason` has no effect.
+  // Always 0.
   virtual keelbase::AWResult Disconnect(long reason);
 
   // --- accessors ---

@@ -128,7 +128,8 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
 
   // Ends a connection and drops what was received, but see the class comment about connects. All
   // that SendMessage has accepted still goes out, as far as the peer takes it within the
-  // transport's linger time (2 seconds). The peer sees an orderly end. No upcall follows. Always 0.
+  // transport's linger time (2 seconds). The peer sees an orderly end. No upcall follows. `reason`
+  // has no effect. Always 0.
   virtual keelbase::AWResult Close(long reason);
 
   // For callers that come by received bytes on their own way: offers the unread bytes of the first

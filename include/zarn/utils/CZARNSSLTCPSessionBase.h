@@ -127,7 +127,7 @@ class ZARNUTILS_API CZARNSSLTCPSessionBase : public sslutils::IAWSSLTransportSin
 
   // Ends a connect and a connection and drops what was received. All that SendMsg has accepted
   // still goes out, as far as the peer takes it within the transport's linger time (2 seconds). The
-  // peer sees an orderly end. No upcall follows. Always 0.
+  // peer sees an orderly end. No upcall follows. `reason` has no effect. Always 0.
   virtual keelbase::AWResult Close(long reason);
 
   // For callers that come by received bytes on their own way: offers the unread bytes of the first

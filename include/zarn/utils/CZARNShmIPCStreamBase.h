@@ -124,7 +124,7 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
 
   // Ends a connect and a connection and drops what was received. All that SendMsg has accepted
   // still goes out, as far as the peer takes it within the transport's linger time (2 seconds). The
-  // peer sees an orderly end. No upcall follows. Always 0.
+  // peer sees an orderly end. No upcall follows. `reason` has no effect. Always 0.
   virtual keelbase::AWResult Close(long reason);
 
   // --- accessors ---

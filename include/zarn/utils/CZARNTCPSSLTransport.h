@@ -103,7 +103,7 @@ class ZARNUTILS_API CZARNTCPSSLTransport : public sslutils::IAWSSLTransportSink 
 
   // Ends the connection and drops what was received. All that SendSSLMessage has accepted still
   // goes out, as far as the peer takes it within the transport's linger time (2 seconds). No upcall
-  // follows. `reason` is not passed on. Always 0.
+  // follows. `reason` has no effect. Always 0.
   virtual keelbase::AWResult Disconnect(long reason);
 
   // For callers that come by received bytes on their own way: calls the handler with `data` itself,

@@ -110,11 +110,11 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
 
   // The connection has ended or a connect has failed, and the session is closed. Not called when
   // Close, Connect or SetTransportHandle ended it, but for a Close inside HandleMessage. The
-  // session is not touched after this call. `reason` is 0 when the peer closed, or its process
-  // died with nothing unread (who must know which lets the peer say goodbye), and when this side
-  // gave up in HandleMessage; 10001 for no memory, or a new connection that could not be taken;
-  // else what the platform said, an errno value as a rule (ECONNREFUSED, ETIMEDOUT, ECONNRESET):
-  // see keelbase::DescribeResult.
+  // session is not touched after this call. `reason` is 0 when the peer closed, or its process died
+  // with nothing unread (to tell the two apart, let the peer send a last message before it closes),
+  // and when this side gave up in HandleMessage; 10001 for no memory, or a new connection that
+  // could not be taken; else what the platform said, an errno value as a rule (ECONNREFUSED,
+  // ETIMEDOUT, ECONNRESET): see keelbase::DescribeResult.
   virtual void OnPeerDisconnect(long reason) = 0;
 
   // The connect has succeeded (reason is 0) and SendMsg works. The result is not used. Not called
@@ -134,7 +134,7 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
 
   // Ends a connect and a connection and drops what was received. All that SendMsg has accepted
   // still goes out, as far as the peer takes it within the transport's linger time (2 seconds). The
-  // peer sees an orderly end. No upcall follows. Always 0.
+  // peer sees an orderly end. No upcall follows. `reason` has no effect. Always 0.
   virtual keelbase::AWResult Close(long reason);
 
   // For callers that come by received bytes on their own way: offers the unread bytes of the first

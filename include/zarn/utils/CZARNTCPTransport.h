@@ -94,9 +94,9 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   // The connection has ended, and the stream is closed. Not called when Disconnect or
   // SetTransportHandle ended it, but for a Disconnect inside HandleMessage. The stream is not
   // touched after this call. `reason` is 0 when the peer closed, or its process died with nothing
-  // unread (who must know which lets the peer say goodbye), and when this side gave up in
-  // HandleMessage; 10001 for no memory; else what the platform said, an errno value as a rule: see
-  // keelbase::DescribeResult.
+  // unread (to tell the two apart, let the peer send a last message before it closes), and when
+  // this side gave up in HandleMessage; 10001 for no memory; else what the platform said, an errno
+  // value as a rule: see keelbase::DescribeResult.
   virtual void OnPeerDisconnect(long reason) = 0;
 
   // --- more operations ---
@@ -109,7 +109,7 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
 
   // Ends the connection and drops what was received. All that SendMsg has accepted still goes out,
   // as far as the peer takes it within the transport's linger time (2 seconds). No upcall follows.
-  // Always 0.
+  // `reason` has no effect. Always 0.
   virtual keelbase::AWResult Disconnect(long reason);
 
   // For callers that come by received bytes on their own way: calls the handler with `data` itself,

@@ -32,9 +32,9 @@ class IAWIPCTransportSink {
   // There is room again after SendData answered 10013.
   virtual void OnSend(IAWIPCTransport* transport, CAWIPCTransportParameter* parameter) = 0;
   // The connection has ended; nothing comes after this. 0: the peer closed, or its process died
-  // with nothing unread; who must know which lets the peer say goodbye. Else an errno value
-  // (ECONNRESET: it ended without reading all and had sent nothing or no more time to linger) or an
-  // AWResult.
+  // with nothing unread (to tell the two apart, let the peer send a last message before it closes).
+  // Else an errno value (ECONNRESET: it ended without reading all and had sent nothing or no more
+  // time to linger) or an AWResult.
   virtual void OnDisconnect(long reason, IAWIPCTransport* transport) = 0;
   virtual ~IAWIPCTransportSink() = default;
 };
@@ -63,7 +63,8 @@ class FIPC_API IAWIPCTransport {
   virtual keelbase::AWResult SendData(keelbase::CAWMessageBlock& data,
                                       CAWIPCTransportParameter* parameter) = 0;
 
-  // Detaches the sink at once; what SendData took is still written, see AW_OPT_LINGER. 0 always.
+  // Detaches the sink at once; what SendData took is still written, see AW_OPT_LINGER. `reason` has
+  // no effect. 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
   // Codes of keelbase::CAWTransportOption; addresses are keelbase::CAWIPCAddr. 0; 10001 for an

@@ -64,7 +64,8 @@ class FSHMIPC_API IAWShmIPCTransport {
   virtual keelbase::AWResult SendData(keelbase::CAWMessageBlock& data,
                                       CAWShmIPCTransportParameter* parameter) = 0;
 
-  // Detaches the sink at once; what SendData took stays readable for the peer. 0 always.
+  // Detaches the sink at once; what SendData took stays readable for the peer. `reason` has no
+  // effect. 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
   // The pair that the peer claims as its own; on a connector's transport the one that was

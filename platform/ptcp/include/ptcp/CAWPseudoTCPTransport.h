@@ -79,7 +79,7 @@ class PTCP_API IAWPseudoTCPTransport {
                                       CAWPseudoTCPTransportParameter* parameter) = 0;
 
   // Detaches the sink at once; what SendData took is still sent and its acknowledgement awaited,
-  // see AW_OPT_LINGER. 0 always.
+  // see AW_OPT_LINGER. `reason` has no effect. 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
   // Codes of keelbase::CAWTransportOption, and the two above; addresses are

@@ -77,7 +77,8 @@ class SSLUTILS_API IAWSSLTransport {
                                       CAWSSLTransportParameter* parameter) = 0;
 
   // Detaches the sink at once. What SendData took is still written, then the peer is told that this
-  // was all, and its end is awaited; all of it takes AW_OPT_LINGER at most. 0 always.
+  // was all, and its end is awaited; all of it takes AW_OPT_LINGER at most. `reason` has no effect.
+  // 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
   // AW_OPT_SSL_INFO and the codes of keelbase::CAWTransportOption; addresses are those of the

@@ -32,10 +32,10 @@ class IAWTransportSink {
   // There is room again after SendData answered 10013.
   virtual void OnSend(IAWTransport* transport, CAWTransportParameter* parameter) = 0;
   // The connection has ended; nothing comes after this. 0: the peer closed, or its process died
-  // with nothing unread; who must know which lets the peer say goodbye. Else an errno value
-  // (ECONNRESET: it ended without reading all and had sent nothing or no more time to linger, or
-  // its machine started anew; ETIMEDOUT: nothing was heard from it, see AW_OPT_SILENCE_LIMIT) or an
-  // AWResult.
+  // with nothing unread (to tell the two apart, let the peer send a last message before it closes).
+  // Else an errno value (ECONNRESET: it ended without reading all and had sent nothing or no more
+  // time to linger, or its machine started anew; ETIMEDOUT: nothing was heard from it, see
+  // AW_OPT_SILENCE_LIMIT) or an AWResult.
   virtual void OnDisconnect(long reason, IAWTransport* transport) = 0;
   virtual ~IAWTransportSink() = default;
 };
@@ -75,7 +75,8 @@ class WFACE_API IAWTransport {
   virtual keelbase::AWResult SendData(keelbase::CAWMessageBlock& data,
                                       CAWTransportParameter* parameter) = 0;
 
-  // Detaches the sink at once; what SendData took is still written, see AW_OPT_LINGER. 0 always.
+  // Detaches the sink at once; what SendData took is still written, see AW_OPT_LINGER. `reason` has
+  // no effect. 0 always.
   virtual keelbase::AWResult Disconnect(long reason) = 0;
 
   // Codes of keelbase::CAWTransportOption, and AW_OPT_SILENCE_LIMIT; addresses are
