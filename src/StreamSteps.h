@@ -57,7 +57,7 @@ struct StreamSteps {
     if (!StartOwner(stream)) CloseAndReport(stream, ENOMEM);
   }
 
-  // False: the owner found no memory for his start, and the stream is at that connection still.
+  // False: the owner found no memory for its start, and the stream is at that connection still.
   template <class Stream>
   static bool StartOwner(Stream& stream) {
     const detail::Generation::Watch watch(stream.generation_);

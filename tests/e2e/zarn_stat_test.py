@@ -364,7 +364,7 @@ class Stat(ToolTest):
         for target in ("all", str(os.getpid())):
             stat = self.start("stat", target, "--timeout", "0")
             while askers.get(timeout=PATIENCE) != stat.process.pid:
-                pass  # one of before, who asked again while he ended
+                pass  # one of before, who asked again while it ended
             self.assertEqual(stat.end(), 1)
             self.assertEqual(stat.errors(), "zarn: interrupted")
 

@@ -1,4 +1,4 @@
-// PtcpAcceptor_test.cpp - listening: where, for how long, and who must prove his address first.
+// PtcpAcceptor_test.cpp - listening: where, for how long, and who must prove an address first.
 // Real loopback sockets; clients that stop half-way are played by the test.
 #include <array>
 #include <cerrno>

@@ -187,7 +187,7 @@ TYPED_TEST(StreamConnect, OwnerMayCloseInsideOnConnected) {
   EXPECT_EQ(this->manager.Last().GetReferences(), TypeParam::kCloseCancels ? 1U : 2U);
 }
 
-// A stream whose owner has no memory for what he does first.
+// A stream whose owner has no memory for what it does first.
 TYPED_TEST(StreamConnect, ConnectionOfAnOwnerWithoutMemoryInOnConnectedEnds) {
   this->stream->onConnected = [&] {
     this->Send("hal");

@@ -15,8 +15,8 @@ namespace zarn::tool {
 inline constexpr std::size_t kMaxAnswer = std::size_t{32} << 20;  // bytes
 
 struct ProcessMetrics {
-  pid_t process = 0;          // whom we asked, whatever he says
-  std::string program;        // as well
+  pid_t process = 0;          // the one that was asked, whatever it says of itself
+  std::string program;        // that one's, too
   std::uint64_t omitted = 0;  // streams that were left out
   utils::CZARNMetrics metrics;
 };

@@ -51,9 +51,9 @@ struct CZARNMetrics {
 ZARNUTILS_API CZARNMetrics ZARNTakeMetrics(std::uint32_t milliseconds = 1000);
 
 // Shows the metrics to zarn stat: listens at the socket file "/zarn/stat/<process id>" below the
-// system directory, for our own user and root. Whoever connects is sent one snapshot as lines of
-// JSON, and the end. Nothing is read from him. Served between callbacks of the calling thread
-// when that is a platform thread, else of the network thread, which this waits for.
+// system directory, for our own user and root. Each program that connects is sent one snapshot as
+// lines of JSON, and the end. Nothing is read from it. Served between callbacks of the calling
+// thread when that is a platform thread, else of the network thread, which this waits for.
 //
 // 0, also when it is enabled already, and while another process is setting up an endpoint in that
 // directory: should listening fail after that, a trace line says so, and it is not enabled. 10001

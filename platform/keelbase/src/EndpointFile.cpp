@@ -16,7 +16,7 @@ namespace keelbase::internal {
 namespace {
 
 // Opens and locks the directory. Nobody but us (and root) may write to it: whoever may could put
-// his own endpoint in our place.
+// another endpoint in our place.
 int LockDirectory(const std::string& path, FileDescriptor& directory) {
   directory.Reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory) return errno;

@@ -1,4 +1,4 @@
-// TellOwner.h - calls an owner who may find no memory for what he is told.
+// TellOwner.h - calls an owner that may find no memory for what it is told.
 #pragma once
 
 #include <cerrno>
@@ -8,8 +8,8 @@
 
 namespace keelbase::internal {
 
-// For the first or last call about a connection. Without memory it is the owner's only as far as he
-// took it: what he did not take is closed.
+// For the first or last call about a connection. An owner that finds no memory has it only as far
+// as it took it; what it did not take is closed.
 template <class Upcall>
 void TellOwner(Upcall&& upcall) {
   try {
