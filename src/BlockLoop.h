@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "ReceiveLoop.h"
+#include "StreamTrace.h"
 #include "keelbase/CAWMessageBlock.h"
 
 namespace zarn::utils {
@@ -20,11 +21,11 @@ inline std::unique_ptr<keelbase::CAWMessageBlock> DuplicateOrNull(
 
 // Calls stream.HandleMessage with a duplicate of the unread bytes of `bytes`, once at least, as
 // long as it takes some and some are left, and advances `bytes` over what it took. After each step
-// that left bytes `partly()` is called, which answers 0, or 10001 without memory. As in OfferFrames
-// the handler may do anything to the stream; `bytes` must outlive that.
-template <class Stream, class Partly>
+// that left bytes `keepRest()` is called, which answers 0, or 10001 without memory. As in
+// OfferFrames the handler may do anything to the stream; `bytes` must outlive that.
+template <class Stream, class KeepRest>
 ReceivePass OfferBlocks(Stream& stream, const ReceiveParts& parts, keelbase::CAWMessageBlock& bytes,
-                        Partly partly) {
+                        KeepRest keepRest) {
   using End = ReceivePass::End;
   const detail::Generation::Watch watch(parts.generation);
   ReceivePass pass;
@@ -47,7 +48,7 @@ ReceivePass OfferBlocks(Stream& stream, const ReceiveParts& parts, keelbase::CAW
     if (pass.answered == 0) return pass;
     bytes.AdvanceChainedReadPtr(pass.answered);
     pass.consumed += pass.answered;
-    if (pass.answered < pass.offered && partly() != keelbase::AW_OK) return ended(End::kNoMemory);
+    if (pass.answered < pass.offered && keepRest() != keelbase::AW_OK) return ended(End::kNoMemory);
   } while (pass.answered < pass.offered);
   return pass;
 }
@@ -117,7 +118,7 @@ ReceivePass::End OfferSameBlock(Stream& stream, const ReceiveParts& parts,
     }
     replaced = watch.HasChanged() && !parts.closed;
     if (tooLong && !replaced) {
-      TraceTooLongAnswer("CAWTCPSessionBase::OnReceiveDirect", answered, remaining, &stream);
+      TraceTooLongAnswer(kDirectTrace, answered, remaining, &stream);
       return End::kClosed;
     }
     if (answered == 0 || parts.closed) break;

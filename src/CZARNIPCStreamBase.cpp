@@ -3,6 +3,7 @@
 
 #include "StreamMetrics.h"
 #include "StreamSteps.h"
+#include "StreamTrace.h"
 #include "keelbase/CAWTransport.h"
 
 namespace zarn::utils {
@@ -83,7 +84,7 @@ void CZARNIPCStreamBase::OnReceive(CAWMessageBlock& data, fipc::IAWIPCTransport*
 
 AWResult CZARNIPCStreamBase::OnReceiveDirect(CAWMessageBlock& data) {
   thread_.Check("CZARNIPCStreamBase::OnReceiveDirect");
-  return StreamSteps::ReceiveDirect(*this, data, "CAWTCPSessionBase::OnReceiveDirect");
+  return StreamSteps::ReceiveDirect(*this, data, kDirectTrace);
 }
 
 void CZARNIPCStreamBase::SetReceiveLimit(std::size_t bytes) {

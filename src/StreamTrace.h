@@ -7,6 +7,9 @@
 
 namespace zarn::utils {
 
+// The name that operators search for, not a class's.
+inline constexpr const char* kDirectTrace = "CAWTCPSessionBase::OnReceiveDirect";
+
 // A handler has claimed `answered` of `offered` bytes. `operation` is the name that the line begins
 // with.
 void TraceTooLongAnswer(const char* operation, std::size_t answered, std::size_t offered,

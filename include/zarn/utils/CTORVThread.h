@@ -6,7 +6,7 @@
 #include "keelbase/CAWError.h"
 #include "keelbase/CAWEventQueue.h"
 #include "keelbase/CAWMessageBlock.h"
-#include "keelbase/CAWThreadManager.h"
+#include "keelbase/CAWThread.h"
 #include "zarn/utils/ITORVSink.h"
 #include "zarn/utils/zarndefines.h"
 
