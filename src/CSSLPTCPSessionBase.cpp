@@ -17,6 +17,8 @@ using keelbase::CAWMessageBlock;
 
 CSSLPTCPSessionBase::CSSLPTCPSessionBase() = default;
 
+// Not by BeginDestruction: a closed session may still have a connect under way, which must be
+// cancelled.
 CSSLPTCPSessionBase::~CSSLPTCPSessionBase() {
   metrics_.Leave();
   if (!closed_ && (connector_ || transport_))

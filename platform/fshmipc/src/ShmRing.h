@@ -20,12 +20,14 @@ namespace fshmipc {
 // Positions count bytes since the beginning and never wrap. Each side's words lie on cache lines of
 // their own (two: processors fetch lines in pairs), so that neither takes the other's away.
 struct RingControl {
-  alignas(128) std::atomic<std::uint64_t> head;          // how much was written; the writer's
-  std::atomic<std::uint32_t> ended;                      // 1: nothing follows; the writer's
-  std::atomic<std::uint32_t> writing;                    // 1: more is being copied; the writer's
-  alignas(128) std::atomic<std::uint64_t> tail;          // how much was read; the reader's
-  alignas(128) std::atomic<std::uint32_t> readerSleeps;  // see Here(); set by it, cleared by us
-  alignas(128) std::atomic<std::uint32_t> writerWaits;   // 1: for room; set by it, cleared by us
+  alignas(128) std::atomic<std::uint64_t> head;  // how much was written; the writer's
+  std::atomic<std::uint32_t> ended;              // 1: nothing follows; the writer's
+  std::atomic<std::uint32_t> writing;            // 1: more is being copied; the writer's
+  alignas(128) std::atomic<std::uint64_t> tail;  // how much was read; the reader's
+  // Here() of the reader; set by the reader, cleared by the writer.
+  alignas(128) std::atomic<std::uint32_t> readerSleeps;
+  // 1: for room; set by the writer, cleared by the reader.
+  alignas(128) std::atomic<std::uint32_t> writerWaits;
 };
 static_assert(std::atomic<std::uint64_t>::is_always_lock_free && sizeof(RingControl) == 512);
 

@@ -22,7 +22,7 @@ struct PathState {
   std::uint64_t leastRtt;
   std::uint64_t rtt;
   std::uint64_t rttVariation;
-  std::uint64_t lastLoss;  // when a loss was noticed that no earlier one had announced
+  std::uint64_t lastLoss;  // start of the last recovery period; from 1.0 on never told
 };
 
 #if NGTCP2_VERSION_NUM >= 0x010000
@@ -56,7 +56,7 @@ inline void SetToken(ngtcp2_settings& settings, Bytes token) {
   settings.token = token.data();
   settings.tokenlen = token.size();
 }
-// Losses are not told.
+// These versions do not tell of losses.
 inline PathState GetPathState(ngtcp2_conn* conn) {
   ngtcp2_conn_info info;
   ngtcp2_conn_get_conn_info(conn, &info);

@@ -12,8 +12,9 @@ namespace zarn::utils::detail {
 // unconsumed.
 class ReadGate {
  public:
-  // Of a cut frame so many bytes may be moved, or still missing, before reads are made shorter for
-  // its sake: many where that means another system call, few where a read only copies.
+  // Behind the held start of a frame a read is made to end where the longest frame would, if more
+  // than so many bytes are held and more than so many may be missing. The shorter read saves moving
+  // the next frame's bytes; it costs another system call, or only another copy.
   static constexpr std::uint32_t kSystemCallRead = 16384;
   static constexpr std::uint32_t kMemoryRead = 64;
 

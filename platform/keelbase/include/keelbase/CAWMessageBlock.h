@@ -128,8 +128,8 @@ class KEELBASE_API CAWMessageBlock {
   };
 
   // Remembers the read pointers of a chain and puts them back at its own end: for a sender that
-  // must leave its caller's blocks as they were. The chain must have the same blocks by then.
-  // Throws std::bad_alloc for very long chains only.
+  // must leave its caller's blocks as they were. The chain must have the same blocks by then. For a
+  // chain of more than eight blocks it allocates, and so may throw std::bad_alloc.
   class KeepUnread {
    public:
     explicit KeepUnread(CAWMessageBlock& chain) : chain_(chain) {

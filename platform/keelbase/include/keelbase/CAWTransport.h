@@ -7,7 +7,8 @@
 namespace keelbase {
 
 // Codes of GetOption and SetOption; behind each the type that the pointer refers to. Unless said
-// otherwise a code that a transport does not know answers 10001.
+// otherwise a code that a transport does not know answers 10001. 116 is internal; from 120 on
+// follow the codes of the libraries above.
 enum CAWTransportOption : int {
   // Get: the library's address type.
   AW_OPT_LOCAL_ADDRESS = 104,
@@ -30,14 +31,14 @@ enum CAWTransportOption : int {
   // it is.
   AW_OPT_LINGER_DATA = 113,
 
+  // Get, CAWPeerCredentials, where the system knows them (local transports).
+  AW_OPT_PEER_CREDENTIALS = 114,
+
   // Set, std::uint32_t, bytes: the most that one receive event brings from now on, 1 to 65535 (what
   // is outside counts as the nearest of these). Default 65535. For a receiver that holds the start
   // of a frame: the less comes behind its end, the less of the next frame has to be moved. The
   // framed streams of zarn::utils set it as they go, whatever it was before.
   AW_OPT_READ_SIZE = 115,
-
-  // Get, CAWPeerCredentials, where the system knows them (local transports).
-  AW_OPT_PEER_CREDENTIALS = 114,
 };
 
 // What a transport has done since it was made. Bytes are those that the system took or gave
