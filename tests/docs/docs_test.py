@@ -64,6 +64,22 @@ class Documents(unittest.TestCase):
         scripts = [f"scripts/{path.name}" for path in self.source.glob("scripts/*")]
         self.assertEqual([], [name for name in scripts if name not in text])
 
+    def test_every_header_stands_in_the_table_of_headers(self):
+        table = re.search(r"^## Headers\n(.*?)^## ", (self.source / "README.md").read_text(),
+                          re.MULTILINE | re.DOTALL)[1]
+        named = set()
+        for row in re.findall(r"^\| (`.*?) \|", table, re.MULTILINE):
+            folder = ""
+            for name in re.findall(r"`([^`]+\.h)`", row):
+                # A name without a folder lies beside the one before it.
+                folder = name.rpartition("/")[0] or folder
+                named.add(f"{folder}/{Path(name).name}")
+        roots = [self.source / "include", *self.source.glob("platform/*/include")]
+        headers = {str(path.relative_to(root)) for root in roots for path in root.rglob("*.h")
+                   if path.parent.name != "detail"}
+        exports = {name for name in headers if re.search(r"/(CAWDefines|zarndefines)\.h$", name)}
+        self.assertEqual(headers - exports, named)
+
 
 if __name__ == "__main__":
     parser = argparse.ArgumentParser()
