@@ -48,7 +48,7 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   CSSLPTCPSessionBase(const CSSLPTCPSessionBase&) = delete;
   CSSLPTCPSessionBase& operator=(const CSSLPTCPSessionBase&) = delete;
 
-  // --- the destructor, and events of the transport: called by the platform, not by users ---
+  // --- the destructor; events of the transport, called by the platform, not by users ---
 
   // The block is left as it is.
   void OnSSLDataReceive(keelbase::CAWMessageBlock& data,

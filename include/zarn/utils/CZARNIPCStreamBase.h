@@ -54,7 +54,7 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   CZARNIPCStreamBase(const CZARNIPCStreamBase&) = delete;
   CZARNIPCStreamBase& operator=(const CZARNIPCStreamBase&) = delete;
 
-  // --- the destructor, and events of the transport: called by the platform, not by users ---
+  // --- the destructor; events of the transport, called by the platform, not by users ---
 
   // Bytes of a transport that is not the current one are ignored.
   void OnReceive(keelbase::CAWMessageBlock& data, fipc::IAWIPCTransport* transport,

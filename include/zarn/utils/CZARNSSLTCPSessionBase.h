@@ -47,7 +47,7 @@ class ZARNUTILS_API CZARNSSLTCPSessionBase : public sslutils::IAWSSLTransportSin
   CZARNSSLTCPSessionBase(const CZARNSSLTCPSessionBase&) = delete;
   CZARNSSLTCPSessionBase& operator=(const CZARNSSLTCPSessionBase&) = delete;
 
-  // --- the destructor, and events of the transport: called by the platform, not by users ---
+  // --- the destructor; events of the transport, called by the platform, not by users ---
 
   // The block is left as it is.
   void OnSSLDataReceive(keelbase::CAWMessageBlock& data,

@@ -46,7 +46,7 @@ class ZARNUTILS_API CZARNShmIPCStreamBase : public fshmipc::IAWShmIPCTransportSi
   CZARNShmIPCStreamBase(const CZARNShmIPCStreamBase&) = delete;
   CZARNShmIPCStreamBase& operator=(const CZARNShmIPCStreamBase&) = delete;
 
-  // --- the destructor, and events of the transport: called by the platform, not by users ---
+  // --- the destructor; events of the transport, called by the platform, not by users ---
 
   // Takes the bytes of any transport.
   void OnReceive(keelbase::CAWMessageBlock& data, fshmipc::IAWShmIPCTransport* transport,

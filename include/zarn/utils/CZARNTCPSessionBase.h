@@ -57,7 +57,7 @@ class ZARNUTILS_API CZARNTCPSessionBase : public wface::IAWTransportSink,
   CZARNTCPSessionBase(const CZARNTCPSessionBase&) = delete;
   CZARNTCPSessionBase& operator=(const CZARNTCPSessionBase&) = delete;
 
-  // --- the destructor, and events of the transport: called by the platform, not by users ---
+  // --- the destructor; events of the transport, called by the platform, not by users ---
 
   // The block is left as it is.
   void OnReceive(keelbase::CAWMessageBlock& data, wface::IAWTransport* transport,
