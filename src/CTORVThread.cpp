@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "keelbase/CAWThreadManager.h"
 #include "keelbase/CAWTrace.h"
 
 namespace zarn::utils {
