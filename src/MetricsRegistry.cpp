@@ -140,14 +140,4 @@ CZARNMetrics MetricsCollection::Take() {
   return taken;
 }
 
-CZARNMetrics ZARNTakeMetrics(std::uint32_t milliseconds) try {
-  const auto collection = MetricsCollection::Start({});
-  collection->WaitFor(milliseconds);
-  return collection->Take();
-} catch (const std::bad_alloc&) {
-  CZARNMetrics none;
-  none.isComplete = false;
-  return none;
-}
-
 }  // namespace zarn::utils
