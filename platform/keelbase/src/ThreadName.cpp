@@ -6,13 +6,9 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "keelbase/CAWReferenceControl.h"
 #include "keelbase/CAWTrace.h"
-#include "keelbase/internal/EventLoop.h"
 
-namespace keelbase {
-
-namespace internal {
+namespace keelbase::internal {
 
 std::uint64_t CurrentThreadNumber() {
   thread_local const auto number = static_cast<std::uint64_t>(::gettid());
@@ -40,25 +36,4 @@ void StopForWrongThread(const char* what, std::uint64_t owner, std::uint64_t cal
   std::abort();
 }
 
-}  // namespace internal
-
-// Whoever works on a stopped loop in place stands for its thread.
-std::uint64_t CAWEnsureSingleThread::CurrentThread() {
-  const internal::EventLoop* loop = internal::EventLoop::Current();
-  const std::uint64_t number = loop != nullptr ? loop->GetThreadNumber() : 0;
-  return number != 0 ? number : internal::CurrentThreadNumber();
-}
-
-void CAWEnsureSingleThread::Mismatch(const char* what, std::uint64_t owner,
-                                     std::uint64_t caller) const {
-  if (owner == 0 && owner_.compare_exchange_strong(owner, caller, std::memory_order_relaxed))
-    return;
-  if (owner == caller) return;
-#ifdef NDEBUG
-  internal::TraceWrongThread(what, owner, caller);
-#else
-  internal::StopForWrongThread(what, owner, caller);
-#endif
-}
-
-}  // namespace keelbase
+}  // namespace keelbase::internal
