@@ -17,6 +17,7 @@
 #include "Interruption.h"
 #include "Output.h"
 #include "Progress.h"
+#include "SameFile.h"
 #include "StoreBytes.h"
 #include "StorePlace.h"
 
@@ -222,10 +223,6 @@ bool WriteRows(DbFile& store, const std::string& path, std::FILE* file, const st
     Complain("interrupted; run it again");
   }
   return written && read && !IsInterrupted();
-}
-
-bool IsSameFile(const struct stat& one, const struct stat& other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 bool IsStandardOutput(const std::string& path) {

@@ -143,10 +143,6 @@ bool IsSocketFile(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
 }
 
-bool IsSameFile(const struct stat& one, const struct stat& other) {
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 std::string GetUserName(uid_t user) {
   char buffer[4096];
   passwd entry{};

@@ -42,7 +42,6 @@ int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files);
 int RemoveStale(const std::string& scheme, std::vector<EndpointFile>& files);
 
 bool IsSocketFile(const std::string& path);
-bool IsSameFile(const struct stat& one, const struct stat& other);
 
 std::string GetUserName(uid_t user);        // its number when it has none
 std::string GetProgramName(pid_t process);  // empty when it cannot be seen

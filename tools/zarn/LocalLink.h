@@ -24,6 +24,7 @@
 #include "Link.h"
 #include "Output.h"
 #include "Root.h"
+#include "SameFile.h"
 #include "keelbase/CAWAutoPtr.h"
 #include "keelbase/CAWTimer.h"
 #include "keelbase/CAWTransport.h"

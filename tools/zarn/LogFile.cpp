@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Interruption.h"
+#include "SameFile.h"
 
 namespace zarn::tool {
 
@@ -22,8 +23,7 @@ constexpr std::size_t kStartSize = 64;              // enough for the time of th
 // Read, it would never end.
 bool IsOutput(const struct stat& file) {
   struct stat output {};
-  return S_ISREG(file.st_mode) && ::fstat(STDOUT_FILENO, &output) == 0 &&
-         file.st_dev == output.st_dev && file.st_ino == output.st_ino;
+  return S_ISREG(file.st_mode) && ::fstat(STDOUT_FILENO, &output) == 0 && IsSameFile(file, output);
 }
 
 }  // namespace
@@ -190,7 +190,7 @@ bool LogFile::TakeRest(LogRecord& record) {
 LogFile::Change LogFile::FindChange() {
   struct stat now {};
   if (fd_ < 0 || !S_ISREG(opened_.st_mode) || ::stat(path_.c_str(), &now) != 0) return Change::none;
-  if (now.st_ino != opened_.st_ino || now.st_dev != opened_.st_dev) return Change::replaced;
+  if (!IsSameFile(now, opened_)) return Change::replaced;
   if (now.st_size < read_) return Change::begunAnew;
   // A new run may have written as much as the old one already, but not at the same time.
   char start[kStartSize];
