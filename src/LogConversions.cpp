@@ -73,6 +73,19 @@ std::string MakePointerConversion(const Conversion& conversion) {
   return text + "p";
 }
 
+// Calls visit(percent, conversion) for each. The '%' of one that the end cuts in two, else null.
+template <class Visit>
+const char* ForEachConversion(const char* pattern, Visit visit) {
+  const char* at = std::strchr(pattern, '%');
+  while (at != nullptr) {
+    const Conversion conversion = ParseConversion(at);
+    if (conversion.end == nullptr) break;
+    visit(at, conversion);
+    at = std::strchr(conversion.end, '%');
+  }
+  return at;
+}
+
 }  // namespace
 
 Conversion ParseConversion(const char* percent) {
@@ -90,27 +103,21 @@ Conversion ParseConversion(const char* percent) {
 
 PatternCheck CheckPattern(const char* pattern) {
   PatternCheck check;
-  const char* at = std::strchr(pattern, '%');
-  while (at != nullptr) {
-    const Conversion conversion = ParseConversion(at);
-    if (conversion.end == nullptr) break;
+  const auto look = [&check](const char* /*percent*/, const Conversion& conversion) {
     check.writes = check.writes || conversion.kind == 'n';
     check.positional = check.positional || conversion.position != 0;
-    at = std::strchr(conversion.end, '%');
-  }
-  check.size = at != nullptr ? static_cast<std::size_t>(at - pattern) : std::strlen(pattern);
+  };
+  const char* cut = ForEachConversion(pattern, look);
+  check.size = cut != nullptr ? static_cast<std::size_t>(cut - pattern) : std::strlen(pattern);
   return check;
 }
 
 bool NamesAllArguments(const char* pattern) {
   std::set<unsigned> named;
-  for (const char* at = std::strchr(pattern, '%'); at != nullptr;) {
-    const Conversion conversion = ParseConversion(at);
-    if (conversion.end == nullptr) break;
+  ForEachConversion(pattern, [&named](const char* /*percent*/, const Conversion& conversion) {
     named.insert(conversion.position);
     named.insert(std::begin(conversion.starPositions), std::end(conversion.starPositions));
-    at = std::strchr(conversion.end, '%');
-  }
+  });
   named.erase(0);
   return named.empty() || *named.rbegin() == named.size();
 }
@@ -118,18 +125,14 @@ bool NamesAllArguments(const char* pattern) {
 HarmlessPattern::HarmlessPattern(const char* pattern, std::size_t size) {
   const std::string kept(pattern, size);
   const char* copied = kept.c_str();
-  for (const char* at = std::strchr(copied, '%'); at != nullptr;) {
-    const Conversion conversion = ParseConversion(at);
-    if (conversion.end == nullptr) break;
-    if (conversion.kind == 'n') {
-      text.append(copied, at);
-      begins.push_back(text.size());
-      text += MakePointerConversion(conversion);
-      ends.push_back(text.size());
-      copied = conversion.end;
-    }
-    at = std::strchr(conversion.end, '%');
-  }
+  ForEachConversion(kept.c_str(), [&](const char* percent, const Conversion& conversion) {
+    if (conversion.kind != 'n') return;
+    text.append(copied, percent);
+    begins.push_back(text.size());
+    text += MakePointerConversion(conversion);
+    ends.push_back(text.size());
+    copied = conversion.end;
+  });
   text.append(copied);
 }
 
