@@ -6,15 +6,12 @@
 #include <openssl/x509.h>
 
 #include <cerrno>
-#include <memory>
+
+#include "OpenSslPointers.h"
 
 namespace sslutils::internal {
 
 namespace {
-
-struct BioFree {
-  void operator()(BIO* bio) const { BIO_free(bio); }
-};
 
 long ReasonOfVerification(long result) {
   switch (result) {
@@ -118,7 +115,7 @@ void DescribePeerCertificate(SSL* ssl, CAWSSLInfo& info) {
   info.peerVerified =
       SSL_get_verify_mode(ssl) != SSL_VERIFY_NONE && SSL_get_verify_result(ssl) == X509_V_OK;
   const auto text = [](auto write) {
-    const std::unique_ptr<BIO, BioFree> bio(BIO_new(BIO_s_mem()));
+    const BioPtr bio(BIO_new(BIO_s_mem()));
     if (bio == nullptr || write(bio.get()) < 0) return keelbase::CAWString();
     char* data = nullptr;
     const long length = BIO_get_mem_data(bio.get(), &data);
