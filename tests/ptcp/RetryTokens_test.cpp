@@ -28,7 +28,7 @@ class RetryTokensTest : public ::testing::Test {
   }
 
   const std::array<std::uint8_t, 32> secret{7};
-  const RetryTokens tokens{secret};
+  const RetryTokens tokens{PacketKey(secret)};
   const keelbase::CAWInetAddr client{"192.0.2.1", 4000};
   const ConnectionId original = IdOf(1, 18);
   const ConnectionId again = IdOf(2, 16);
@@ -54,7 +54,7 @@ TEST_F(RetryTokensTest, TokenIsForOneAddressPortAndIdOnly) {
 
 TEST_F(RetryTokensTest, TokenOfAnotherAcceptorIsRefused) {
   const std::array<std::uint8_t, 32> otherSecret{8};
-  EXPECT_FALSE(RetryTokens(otherSecret).Check(token, client, again, kMade));
+  EXPECT_FALSE(RetryTokens(PacketKey(otherSecret)).Check(token, client, again, kMade));
 }
 
 TEST_F(RetryTokensTest, EachChangedBitIsNoticed) {

@@ -27,16 +27,10 @@ CAWInetAddr HostOf(CAWInetAddr peer) {
   return peer;
 }
 
-std::array<std::uint8_t, 32> Secret() {
-  std::array<std::uint8_t, 32> secret;
-  FillWithRandom(secret.data(), secret.size());
-  return secret;
-}
-
 }  // namespace
 
 PtcpAcceptor::PtcpAcceptor(keelbase::internal::EventLoop& loop)
-    : LoopObject(loop), tokens_(Secret()) {}
+    : LoopObject(loop), tokens_(RandomKey()) {}
 
 AWResult PtcpAcceptor::StartListen(IAWPseudoTCPAcceptorConnectorSink* sink, const CAWInetAddr& addr,
                                    int backlog) {

@@ -17,7 +17,7 @@ class RetryTokens {
  public:
   static constexpr Time kValidity = 15'000'000'000;  // more than a connect may take
 
-  explicit RetryTokens(Bytes secret) : key_(secret) {}
+  explicit RetryTokens(const PacketKey& key) : key_(key) {}
 
   std::vector<std::uint8_t> Make(const keelbase::CAWInetAddr& client, const ConnectionId& original,
                                  const ConnectionId& comeBackWith, Time now) const;
