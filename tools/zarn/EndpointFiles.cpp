@@ -6,7 +6,6 @@
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,14 +29,10 @@ namespace zarn::tool {
 namespace {
 
 // A socket of the wrong type is told apart from no listener, and a listener notices nothing of it.
-// The way over the directory's descriptor serves paths of any length.
 EndpointState Probe(int directory, const std::string& name) {
   sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, name);
   const Descriptor probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!probe || path.size() >= sizeof address.sun_path) return EndpointState::unknown;
-  std::memcpy(address.sun_path, path.c_str(), path.size());
+  if (!probe || !NameInDirectory(directory, name, address)) return EndpointState::unknown;
   const int result =
       ::connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   if (result == 0 || errno == EPROTOTYPE) return EndpointState::listening;
@@ -141,6 +136,15 @@ int RemoveStale(const std::string& scheme, std::vector<EndpointFile>& files) {
 bool IsSocketFile(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+bool NameInDirectory(int directory, const std::string& name, sockaddr_un& out) {
+  const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, name);
+  if (path.size() >= sizeof out.sun_path) return false;
+  out = {};
+  out.sun_family = AF_UNIX;
+  std::memcpy(out.sun_path, path.c_str(), path.size());
+  return true;
 }
 
 std::string GetUserName(uid_t user) {

@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <optional>
 #include <string>
@@ -42,6 +43,10 @@ int ScanEndpoints(const std::string& scheme, std::vector<EndpointFile>& files);
 int RemoveStale(const std::string& scheme, std::vector<EndpointFile>& files);
 
 bool IsSocketFile(const std::string& path);
+
+// The address of a socket file in an open directory, whose path may be of any length. False when
+// the name is too long.
+bool NameInDirectory(int directory, const std::string& name, sockaddr_un& out);
 
 std::string GetUserName(uid_t user);        // its number when it has none
 std::string GetProgramName(pid_t process);  // empty when it cannot be seen

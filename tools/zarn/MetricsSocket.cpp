@@ -2,10 +2,8 @@
 #include "MetricsSocket.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,6 +11,7 @@
 #include <cstring>
 
 #include "Descriptor.h"
+#include "EndpointFiles.h"
 #include "Interruption.h"
 #include "MetricsAnswer.h"
 #include "Root.h"
@@ -35,17 +34,14 @@ bool WaitForMetrics(int fd, MetricsClock::time_point deadline) {
   return true;
 }
 
-// The way over the directory's descriptor serves paths of any length. 0 or an errno value.
+// 0 or an errno value.
 int ConnectToMetrics(int fd, const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const Descriptor directory(
       ::open(path.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!directory) return errno;
   sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string near = fmt::format("/proc/self/fd/{}{}", directory.Get(), path.substr(slash));
-  if (near.size() >= sizeof address.sun_path) return ENAMETOOLONG;
-  std::memcpy(address.sun_path, near.c_str(), near.size());
+  if (!NameInDirectory(directory.Get(), path.substr(slash + 1), address)) return ENAMETOOLONG;
   const auto* name = reinterpret_cast<const sockaddr*>(&address);
   return ::connect(fd, name, sizeof address) == 0 ? 0 : errno;
 }
