@@ -4,7 +4,9 @@
 #include <CLI/App.hpp>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <type_traits>
 
 #include "Endpoint.h"
 
@@ -65,6 +67,18 @@ constexpr const char* kExactlyOneOrValue = "Exactly one of these, or VALUE";
 constexpr const char* kDash = "DASH";
 void RequireOne(const CLI::App& command);
 void SetExamples(CLI::App& command, const std::string& examples);
+
+// A subcommand of `command`: `run` is told its options, which have a `json`.
+template <class Options>
+CLI::App& AddVerb(CLI::App& command, const std::shared_ptr<Options>& options, Action& action,
+                  const char* name, const char* description,
+                  int (*run)(const std::type_identity_t<Options>&)) {
+  CLI::App& verb = *command.add_subcommand(name, description);
+  verb.fallthrough();
+  AddJson(verb, options->json);
+  verb.callback([options, run, &action] { action = [options, run] { return run(*options); }; });
+  return verb;
+}
 
 // What every subcommand that talks to one peer is told.
 struct ClientOptions {

@@ -99,15 +99,6 @@ int RunDbLs(const DbOptions& options) {
   return output.Flush() && read ? kDone : kFailed;
 }
 
-CLI::App& AddVerb(CLI::App& db, const std::shared_ptr<DbOptions>& options, Action& action,
-                  const char* name, const char* description, int (*run)(const DbOptions&)) {
-  CLI::App& verb = *db.add_subcommand(name, description);
-  verb.fallthrough();
-  AddJson(verb, options->json);
-  verb.callback([options, run, &action] { action = [options, run] { return run(*options); }; });
-  return verb;
-}
-
 void AddReading(CLI::App& db, const std::shared_ptr<DbOptions>& options, Action& action) {
   CLI::App& get = AddVerb(db, options, action, "get", "print the value of a key", RunDbGet);
   AddKey(get, options->key);

@@ -180,15 +180,6 @@ int RunKvDump(const KvOptions& options) {
   return output.Flush() && status.ok() ? kDone : kFailed;
 }
 
-CLI::App& AddKvVerb(CLI::App& kv, const std::shared_ptr<KvOptions>& options, Action& action,
-                    const char* name, const char* description, int (*run)(const KvOptions&)) {
-  CLI::App& verb = *kv.add_subcommand(name, description);
-  verb.fallthrough();
-  AddJson(verb, options->json);
-  verb.callback([options, run, &action] { action = [options, run] { return run(*options); }; });
-  return verb;
-}
-
 }  // namespace
 
 void AddKv(CLI::App& app, Action& action) {
@@ -203,21 +194,21 @@ void AddKv(CLI::App& app, Action& action) {
               "  zarn kv store put name north\n  zarn kv store dump --hex\n"
               "'zarn kv DIR put --help' shows the options of 'put', and so on.");
 
-  CLI::App& get = AddKvVerb(kv, options, action, "get", "print the value of a key", RunKvGet);
+  CLI::App& get = AddVerb(kv, options, action, "get", "print the value of a key", RunKvGet);
   AddKey(get, options->key);
   AddShow(get, options->show);
   SetExamples(get, "  zarn kv store get name");
 
-  CLI::App& put = AddKvVerb(kv, options, action, "put", "set the value of a key", RunKvPut);
+  CLI::App& put = AddVerb(kv, options, action, "put", "set the value of a key", RunKvPut);
   AddKey(put, options->key);
   AddValue(put, options->value);
   SetExamples(put, "  zarn kv store put name north\n  zarn kv store put 00ff --hex-key --hex 01");
 
-  CLI::App& rm = AddKvVerb(kv, options, action, "rm", "remove a key", RunKvRm);
+  CLI::App& rm = AddVerb(kv, options, action, "rm", "remove a key", RunKvRm);
   AddKey(rm, options->key);
   SetExamples(rm, "  zarn kv store rm name");
 
-  CLI::App& dump = AddKvVerb(kv, options, action, "dump", "print all keys and values", RunKvDump);
+  CLI::App& dump = AddVerb(kv, options, action, "dump", "print all keys and values", RunKvDump);
   AddHex(dump, options->show.hex);
   SetExamples(dump, "  zarn kv store dump --json");
 }
