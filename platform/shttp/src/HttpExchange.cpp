@@ -38,9 +38,8 @@ long ResultOfEnd(long reason) {
 // A server that is busy may take nothing for a while: the system is not to give it up before the
 // request's own limits do.
 void AllowSilence(ByteStream& stream, const CAWHttpLimits& limits) {
-  constexpr std::uint32_t kMinMs = 3000;
-  constexpr std::uint32_t kMaxMs = 24 * 3600 * 1000;
-  std::uint32_t silenceMs = std::clamp(std::max(limits.sendMs, limits.answerMs), kMinMs, kMaxMs);
+  std::uint32_t silenceMs = std::clamp(std::max(limits.sendMs, limits.answerMs),
+                                       wface::AW_SILENCE_LIMIT_MIN, wface::AW_SILENCE_LIMIT_MAX);
   stream.SetOption(wface::AW_OPT_SILENCE_LIMIT, &silenceMs);
 }
 

@@ -7,14 +7,13 @@
 
 #include <cerrno>
 
+#include "wface/CAWTransport.h"
+
 namespace wface {
 
 using keelbase::CAWInetAddr;
 
 namespace {
-
-constexpr std::uint32_t kMinSilenceMs = 3000;
-constexpr std::uint32_t kMaxSilenceMs = 24 * 3600 * 1000;
 
 bool Set(int socket, int level, int option, int value) {
   return ::setsockopt(socket, level, option, &value, sizeof value) == 0;
@@ -40,7 +39,7 @@ void SetTcpDefaults(int socket) {
 
 // A third of the time idle, then four probes until all of it is over.
 bool SetSilenceLimit(int socket, std::uint32_t milliseconds) {
-  if (milliseconds < kMinSilenceMs || milliseconds > kMaxSilenceMs) return false;
+  if (milliseconds < AW_SILENCE_LIMIT_MIN || milliseconds > AW_SILENCE_LIMIT_MAX) return false;
   const int thirdSeconds = static_cast<int>(milliseconds / 3000);
   const int sixthSeconds = thirdSeconds > 1 ? thirdSeconds / 2 : 1;
   return Set(socket, IPPROTO_TCP, TCP_KEEPIDLE, thirdSeconds) &&

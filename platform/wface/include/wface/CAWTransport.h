@@ -50,6 +50,10 @@ class IAWTransportSink {
 // long ones keep the dead. 10001 for a value out of range.
 inline constexpr int AW_OPT_SILENCE_LIMIT = 130;
 
+// The range of AW_OPT_SILENCE_LIMIT, milliseconds: 3 seconds to a day.
+inline constexpr std::uint32_t AW_SILENCE_LIMIT_MIN = 3000;
+inline constexpr std::uint32_t AW_SILENCE_LIMIT_MAX = 86400000;
+
 // One connection: a stream of bytes each way over TCP (IPv4), nothing added on the wire. Small
 // sends are not held back by the system (TCP_NODELAY).
 //
