@@ -33,7 +33,8 @@ class EchoServer : public wface::IAWAcceptorConnectorSink {
  public:
   keelbase::AWResult Listen(const keelbase::CAWInetAddr& address) {
     auto* manager = wface::CAWConnectionManager::Instance();
-    if (const auto made = manager->CreateAcceptor(1, acceptor_); made != 0) return made;
+    if (const auto made = manager->CreateAcceptor(wface::AW_KIND_TCP, acceptor_); made != 0)
+      return made;
     return acceptor_->StartListen(this, address, 0);
   }
   std::uint16_t GetPort() { return acceptor_->GetLocalAddr().GetPort(); }

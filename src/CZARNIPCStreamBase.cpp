@@ -32,7 +32,8 @@ AWResult CZARNIPCStreamBase::Connect(const keelbase::CAWIPCAddr& peer,
   generation_.Raise();
   StreamSteps::DropConnector(*this);
   StreamSteps::DropTransport(*this, 0);
-  const AWResult made = fipc::CAWIPCManager::Instance()->CreateConnector(1, connector_);
+  const AWResult made =
+      fipc::CAWIPCManager::Instance()->CreateConnector(fipc::AW_KIND_UNIX, connector_);
   if (made != AW_OK) return made;
   closed_ = false;
   connectIssued_ = true;

@@ -16,7 +16,6 @@ using keelbase::CAWMessageBlock;
 
 namespace {
 
-constexpr int kPlainTcp = 1;
 constexpr keelbase::CAWTimeValue kConnectTimeout(3, 0);
 
 }  // namespace
@@ -38,7 +37,7 @@ AWResult CZARNTCPSessionBase::Connect(const CAWInetAddr& peer, CAWInetAddr* loca
   StreamSteps::DropConnector(*this);
   StreamSteps::DropTransport(*this, 0);
   auto* manager = wface::CAWConnectionManager::Instance();
-  if (const AWResult made = manager->CreateConnector(kPlainTcp, connector_); made != AW_OK)
+  if (const AWResult made = manager->CreateConnector(wface::AW_KIND_TCP, connector_); made != AW_OK)
     return made;
   closed_ = false;
   connectIssued_ = true;

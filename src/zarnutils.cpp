@@ -30,7 +30,6 @@ namespace {
 constexpr const char* kRootVariable = "ZARN_ROOT";
 constexpr const char* kLoaderPathVariable = "LD_LIBRARY_PATH";
 constexpr const char* kEndpointDirectory = "/zarn/ipc/";  // below the system directory
-constexpr int kUnixSockets = 1;                           // the kind of transport asked for
 
 // No code reads these; debuggers show them.
 [[maybe_unused]] bool iszarninit = false;
@@ -162,13 +161,13 @@ keelbase::CAWInetAddr GetLocalIPAddr(const keelbase::CAWInetAddr& peer) {
 AWResult CreateIPCClient(keelbase::CAWAutoPtr<fipc::IAWIPCConnector>& out) {
   fipc::CAWIPCManager* manager = fipc::CAWIPCManager::Instance();
   out = nullptr;
-  return manager->CreateConnector(kUnixSockets, out);
+  return manager->CreateConnector(fipc::AW_KIND_UNIX, out);
 }
 
 AWResult CreateIPCServer(keelbase::CAWAutoPtr<fipc::IAWIPCAcceptor>& out) {
   fipc::CAWIPCManager* manager = fipc::CAWIPCManager::Instance();
   out = nullptr;
-  return manager->CreateAcceptor(kUnixSockets, out);
+  return manager->CreateAcceptor(fipc::AW_KIND_UNIX, out);
 }
 
 // --- IPC over shared memory ---

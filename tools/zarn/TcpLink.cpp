@@ -19,7 +19,7 @@ struct Tcp {
   using Id = wface::IAWAcceptorConnectorId;
 
   static keelbase::AWResult MakeAcceptor(keelbase::CAWAutoPtr<Acceptor>& out) {
-    return wface::CAWConnectionManager::Instance()->CreateAcceptor(1, out);
+    return wface::CAWConnectionManager::Instance()->CreateAcceptor(wface::AW_KIND_TCP, out);
   }
 };
 

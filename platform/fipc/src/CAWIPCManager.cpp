@@ -17,17 +17,15 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::internal::MakeOnLoop;
 
-constexpr int kUnixStream = 1;
-
 class IPCManager final : public CAWIPCManager {
  public:
   AWResult CreateConnector(int kind, CAWAutoPtr<IAWIPCConnector>& out) override {
     out = nullptr;
-    return kind == kUnixStream ? MakeOnLoop<IPCConnector>(out) : AW_ERROR_FAILURE;
+    return kind == AW_KIND_UNIX ? MakeOnLoop<IPCConnector>(out) : AW_ERROR_FAILURE;
   }
   AWResult CreateAcceptor(int kind, CAWAutoPtr<IAWIPCAcceptor>& out) override {
     out = nullptr;
-    return kind == kUnixStream ? MakeOnLoop<IPCAcceptor>(out) : AW_ERROR_FAILURE;
+    return kind == AW_KIND_UNIX ? MakeOnLoop<IPCAcceptor>(out) : AW_ERROR_FAILURE;
   }
 };
 

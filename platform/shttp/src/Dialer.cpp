@@ -16,7 +16,6 @@ using keelbase::CAWMessageBlock;
 
 namespace {
 
-constexpr int kPlainTcp = 1;
 constexpr int kVerify = 1;
 
 // What streams over TCP and TLS have in common; how their events are called differs.
@@ -114,7 +113,8 @@ void Dialer::Stop() {
 
 int Dialer::Connect(const CAWInetAddr& address) {
   if (tls_) return ConnectTls(address);
-  AWResult result = wface::CAWConnectionManager::Instance()->CreateConnector(kPlainTcp, tcp_);
+  AWResult result =
+      wface::CAWConnectionManager::Instance()->CreateConnector(wface::AW_KIND_TCP, tcp_);
   if (result == AW_OK) result = tcp_->AsyncConnect(this, address, nullptr, nullptr);
   return ErrorOf(result);
 }

@@ -16,20 +16,20 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::internal::MakeOnLoop;
 
-constexpr int kPlainTcp = 1;
-
 class SSLManager final : public IAWSSLManager {
  public:
   AWResult CreateSSLConnector(CAWAutoPtr<IAWSSLConnector>& out) override {
     CAWAutoPtr<wface::IAWConnector> tcp;
     out = nullptr;
-    const AWResult made = wface::CAWConnectionManager::Instance()->CreateConnector(kPlainTcp, tcp);
+    const AWResult made =
+        wface::CAWConnectionManager::Instance()->CreateConnector(wface::AW_KIND_TCP, tcp);
     return made == keelbase::AW_OK ? MakeOnLoop<SSLConnector>(out, tcp) : made;
   }
   AWResult CreateSSLAcceptor(CAWAutoPtr<IAWSSLAcceptor>& out) override {
     CAWAutoPtr<wface::IAWAcceptor> tcp;
     out = nullptr;
-    const AWResult made = wface::CAWConnectionManager::Instance()->CreateAcceptor(kPlainTcp, tcp);
+    const AWResult made =
+        wface::CAWConnectionManager::Instance()->CreateAcceptor(wface::AW_KIND_TCP, tcp);
     return made == keelbase::AW_OK ? MakeOnLoop<SSLAcceptor>(out, tcp) : made;
   }
   AWResult SetTrustedCertificates(const keelbase::CAWString& text) override {

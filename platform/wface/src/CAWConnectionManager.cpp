@@ -17,17 +17,15 @@ using keelbase::AWResult;
 using keelbase::CAWAutoPtr;
 using keelbase::internal::MakeOnLoop;
 
-constexpr int kPlainTcp = 1;
-
 class ConnectionManager final : public CAWConnectionManager {
  public:
   AWResult CreateConnector(int kind, CAWAutoPtr<IAWConnector>& out) override {
     out = nullptr;
-    return kind == kPlainTcp ? MakeOnLoop<TcpConnector>(out) : AW_ERROR_FAILURE;
+    return kind == AW_KIND_TCP ? MakeOnLoop<TcpConnector>(out) : AW_ERROR_FAILURE;
   }
   AWResult CreateAcceptor(int kind, CAWAutoPtr<IAWAcceptor>& out) override {
     out = nullptr;
-    return kind == kPlainTcp ? MakeOnLoop<TcpAcceptor>(out) : AW_ERROR_FAILURE;
+    return kind == AW_KIND_TCP ? MakeOnLoop<TcpAcceptor>(out) : AW_ERROR_FAILURE;
   }
 };
 

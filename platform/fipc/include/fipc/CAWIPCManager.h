@@ -86,12 +86,15 @@ class FIPC_API IAWIPCAcceptor : public IAWIPCAcceptorConnectorId {
   virtual keelbase::AWResult StopListen() = 0;
 };
 
+// The kind of CAWIPCManager: Unix stream sockets.
+inline constexpr int AW_KIND_UNIX = 1;
+
 // Makes connectors and acceptors. One for the process; any thread.
 class FIPC_API CAWIPCManager {
  public:
   static CAWIPCManager* Instance();
 
-  // `kind` is 1, Unix stream sockets; any other is refused with 10001. On failure out is null.
+  // `kind` is AW_KIND_UNIX; any other is refused with 10001. On failure out is null.
   virtual keelbase::AWResult CreateConnector(int kind,
                                              keelbase::CAWAutoPtr<IAWIPCConnector>& out) = 0;
   virtual keelbase::AWResult CreateAcceptor(int kind,

@@ -78,12 +78,15 @@ class WFACE_API IAWAcceptor : public IAWAcceptorConnectorId {
   virtual keelbase::CAWInetAddr GetLocalAddr() const = 0;
 };
 
+// The kind of CAWConnectionManager: plain TCP.
+inline constexpr int AW_KIND_TCP = 1;
+
 // Makes connectors and acceptors. One for the process; any thread.
 class WFACE_API CAWConnectionManager {
  public:
   static CAWConnectionManager* Instance();
 
-  // `kind` is 1, plain TCP; any other is refused with 10001. On failure out is null.
+  // `kind` is AW_KIND_TCP; any other is refused with 10001. On failure out is null.
   virtual keelbase::AWResult CreateConnector(int kind, keelbase::CAWAutoPtr<IAWConnector>& out) = 0;
   virtual keelbase::AWResult CreateAcceptor(int kind, keelbase::CAWAutoPtr<IAWAcceptor>& out) = 0;
 
