@@ -67,7 +67,7 @@ TEST_F(PtcpFailingCalls, DatagramsAreLongOnlyWhenTheLoopbackDeviceIsKnownToTakeT
     }
     return size;
   };
-  EXPECT_EQ(sizeOfFirst(), kMaxDatagramInside);
+  EXPECT_EQ(sizeOfFirst(), kMaxDatagramLoopback);
   const FailingCalls unknown("ioctl", ENODEV);
   EXPECT_LE(sizeOfFirst(), kMaxDatagram);
 }

@@ -111,14 +111,14 @@ TEST_F(StreamGapsTest, StretchesAreFoundAmongAllOtherFrames) {
 
 TEST_F(StreamGapsTest, APacketThatComesTooLateIsNotLetThrough) {
   const Frames ping = {0x01};
-  ASSERT_TRUE(gaps.Accept(StreamGaps::kLatest + 5, ping));
+  ASSERT_TRUE(gaps.Accept(StreamGaps::kMaxPacketsLate + 5, ping));
   EXPECT_TRUE(gaps.Accept(5, ping));
   EXPECT_FALSE(gaps.Accept(4, ping));
 }
 
 TEST_F(StreamGapsTest, APacketThatIsNotLetThroughMakesNoOtherTooLate) {
   MakeGaps(kMaxGaps);
-  EXPECT_FALSE(gaps.Accept(10 * StreamGaps::kLatest, Stretch(10 * kMaxGaps, 1)));
+  EXPECT_FALSE(gaps.Accept(10 * StreamGaps::kMaxPacketsLate, Stretch(10 * kMaxGaps, 1)));
   EXPECT_TRUE(Accept(Stretch(0, 1)));
 }
 

@@ -88,9 +88,9 @@ void PtcpConnection::Configure(ngtcp2_settings& settings, ngtcp2_transport_param
   ngtcp2_settings_default(&settings);
   settings.initial_ts = now;
   settings.cc_algo = ngtcp2::kCongestionControl;
-  settings.max_tx_udp_payload_size = inside_ ? kMaxDatagramInside : kMaxDatagram;
-  settings.no_tx_udp_payload_size_shaping = inside_ ? 1 : 0;
-  settings.no_pmtud = inside_ ? 1 : 0;
+  settings.max_tx_udp_payload_size = loopback_ ? kMaxDatagramLoopback : kMaxDatagram;
+  settings.no_tx_udp_payload_size_shaping = loopback_ ? 1 : 0;
+  settings.no_pmtud = loopback_ ? 1 : 0;
   settings.initial_rtt = kInitialRtt;
   settings.handshake_timeout = kHandshakeLimit;
   settings.rand_ctx.native_handle = &host_;
@@ -274,13 +274,14 @@ void PtcpConnection::NoticeNarrowPath(Time now) {
     return;
   }
   const Time since = now - progressed_;
-  if (!inside_ && since >= kNoProgress && since >= kNoProgressTimeouts * ngtcp2_conn_get_pto(conn_))
+  if (!loopback_ && since >= kNoProgress &&
+      since >= kNoProgressTimeouts * ngtcp2_conn_get_pto(conn_))
     largestPacket_ = kSmallDatagram;
 }
 
 // How many new bytes may be sent now. Inside a machine there is no path to share.
 std::uint64_t PtcpConnection::UpdateFairWindow(Time now) {
-  if (inside_) return UINT64_MAX;
+  if (loopback_) return UINT64_MAX;
   const ngtcp2::PathState path = ngtcp2::GetPathState(conn_);
   FairWindow::Seen seen{};
   seen.inFlight = path.inFlight;
@@ -320,7 +321,7 @@ PtcpConnection::Offer PtcpConnection::MakeOffer(bool room) {
 
 // False when there is nothing more to send for now. What is sent again needs no room.
 bool PtcpConnection::WriteOne(Time now, std::uint64_t room, std::size_t& total) {
-  std::array<std::uint8_t, kMaxDatagramInside> packet;
+  std::array<std::uint8_t, kMaxDatagramLoopback> packet;
   const Offer offer = MakeOffer(total < room);
   ngtcp2_ssize taken = -1;
   const ngtcp2_ssize length =

@@ -20,7 +20,7 @@ namespace ptcp {
 // the work.
 inline constexpr std::size_t kSmallDatagram = 1200;
 inline constexpr std::size_t kMaxDatagram = 1472;
-inline constexpr std::size_t kMaxDatagramInside = 16000;  // four of them fit in one write
+inline constexpr std::size_t kMaxDatagramLoopback = 16000;  // four of them fit in one write
 
 // Nanoseconds on any clock that never goes back.
 using Time = std::uint64_t;
@@ -45,8 +45,9 @@ class PtcpHost {
 // are told by IsDead() and Reason(). Every operation takes the time, which must not go back.
 class PtcpConnection {
  public:
-  // `inside`: both ends are on this machine.
-  explicit PtcpConnection(PtcpHost& host, bool inside = false) : host_(host), inside_(inside) {}
+  // `loopback`: both ends are on this machine.
+  explicit PtcpConnection(PtcpHost& host, bool loopback = false)
+      : host_(host), loopback_(loopback) {}
   ~PtcpConnection();
   PtcpConnection(const PtcpConnection&) = delete;
   PtcpConnection& operator=(const PtcpConnection&) = delete;
@@ -118,7 +119,7 @@ class PtcpConnection {
   }
 
   PtcpHost& host_;
-  const bool inside_;
+  const bool loopback_;
   ngtcp2_conn* conn_ = nullptr;
   bool server_ = false;
   bool established_ = false;
@@ -134,7 +135,7 @@ class PtcpConnection {
   std::uint64_t datagramBytesIn_ = 0;
   std::uint64_t datagramBytesOut_ = 0;
 
-  std::size_t largestPacket_ = kMaxDatagramInside;
+  std::size_t largestPacket_ = kMaxDatagramLoopback;
   std::uint64_t progressedTo_ = 0;  // stream offset
   Time progressed_ = 0;             // when that was acknowledged, or bytes were sent behind it
   Time notBefore_ = 0;              // no timer is due earlier

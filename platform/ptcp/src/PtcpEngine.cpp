@@ -33,7 +33,7 @@ PtcpEngine::PtcpEngine(keelbase::internal::EventLoop& loop, const CAWAutoPtr<Udp
     : loop_(loop),
       port_(port),
       path_(path),
-      connection_(*this, port->IsInside(path.peer)),
+      connection_(*this, port->IsLoopback(path.peer)),
       timer_(loop),
       queueLimit_(kQueueLimit) {}
 

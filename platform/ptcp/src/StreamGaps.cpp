@@ -11,7 +11,7 @@ namespace ptcp {
 // Each stretch that lies alone counts as a gap, also when others of the same packet touch it: a few
 // too many do no harm.
 bool StreamGaps::Accept(std::uint64_t packetNumber, Bytes frames) {
-  if (packetNumber + kLatest < newest_) return false;
+  if (packetNumber + kMaxPacketsLate < newest_) return false;
   std::size_t alone = 0;
   ForEachStretch(frames, [&](std::uint64_t begin, std::uint64_t end) {
     if (!TouchesAnother(begin, end)) ++alone;

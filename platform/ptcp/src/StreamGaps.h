@@ -18,7 +18,7 @@ namespace ptcp {
 class StreamGaps {
  public:
   static constexpr std::size_t kMaxGaps = 900;
-  static constexpr std::uint64_t kLatest = 500;  // packets behind the newest one
+  static constexpr std::uint64_t kMaxPacketsLate = 500;  // packets behind the newest one
 
   // Notes what `frames` of the packet bear of the stream; AreOurFrames has passed them. False:
   // nothing was noted, the packet is too late or there would be too many gaps. Throws

@@ -87,11 +87,11 @@ int UdpPort::Open(const CAWInetAddr* local, const CAWInetAddr* peer) {
   return 0;
 }
 
-bool UdpPort::IsInside(const CAWInetAddr& peer) const {
+bool UdpPort::IsLoopback(const CAWInetAddr& peer) const {
   sockaddr_in address{};
   std::memcpy(&address, peer.GetPtr(), sizeof address);
   const bool loopback = ntohl(address.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET;
-  return loopback && socket_.LongestInside() >= kMaxDatagramInside;
+  return loopback && socket_.LongestOnLoopback() >= kMaxDatagramLoopback;
 }
 
 // --- users ---

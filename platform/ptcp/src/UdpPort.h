@@ -64,7 +64,7 @@ class UdpPort final : public keelbase::CAWReferenceControlT<keelbase::CAWMutexTh
   const keelbase::CAWInetAddr& GetLocalAddr() const { return socket_.GetLocalAddr(); }
 
   // Whether `peer` is an address of the loopback device, and that takes our longest datagrams.
-  bool IsInside(const keelbase::CAWInetAddr& peer) const;
+  bool IsLoopback(const keelbase::CAWInetAddr& peer) const;
 
   // Who gets first packets that belong to no connection; null: nobody.
   void Listen(OnStranger stranger) { stranger_ = std::move(stranger); }

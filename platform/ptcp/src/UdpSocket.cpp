@@ -111,7 +111,7 @@ int UdpSocket::SetUp(const CAWInetAddr* local, const CAWInetAddr* peer) {
   return 0;
 }
 
-std::size_t UdpSocket::LongestInside() const {
+std::size_t UdpSocket::LongestOnLoopback() const {
   constexpr std::size_t kHeaders = 28;  // IP's and UDP's
   ifreq loopback{};
   std::strcpy(loopback.ifr_name, "lo");

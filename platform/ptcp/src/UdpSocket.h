@@ -52,7 +52,7 @@ class UdpSocket {
   // `segment` as in Received. 0 or an errno value.
   int Write(const Path& to, Bytes data, std::size_t segment);
   // The longest datagram that the loopback device takes; 0: not known.
-  std::size_t LongestInside() const;
+  std::size_t LongestOnLoopback() const;
   std::uint64_t Writes() const { return writes_; }  // system calls
 
  private:
