@@ -28,8 +28,11 @@ AWResult TcpAcceptor::StartListen(IAWAcceptorConnectorSink* sink, const CAWInetA
   GetLoop().Call([&] {
     if (listener_) return;
     result = static_cast<AWResult>(Listen(addr, backlog));
-    sink_ = sink;
-    if (result != AW_OK) listener_.reset();
+    if (result == AW_OK) {
+      sink_ = sink;
+    } else {
+      listener_.reset();
+    }
   });
   return result;
 }
