@@ -126,6 +126,7 @@ AWResult ShmFile::Fill(std::size_t size) {
   header.state = kShmMaking;
   if (Store(header) != AW_OK) return AW_ERROR_FAILURE;
 
+  // Not ReserveRoom: this one also serves file systems that cannot reserve.
   int error = 0;
   do {
     error = ::posix_fallocate(file_.Get(), 0, static_cast<off_t>(fileSize));
