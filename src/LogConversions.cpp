@@ -23,7 +23,7 @@ unsigned TakeNumber(const char*& at) {
 unsigned TakePosition(const char*& at) {
   const char* ahead = at;
   const unsigned number = TakeNumber(ahead);
-  if (*ahead == '\0') at = ahead;  // may have become one
+  if (*ahead == '\0') at = ahead;  // the text ends within what may be a position
   if (number == 0 || *ahead != '$') return 0;
   at = ahead + 1;
   return number;

@@ -121,7 +121,7 @@ void MetricsCollection::PartDone(std::vector<CZARNStreamMetrics>* part) {
   try {
     if (complete) complete();
   } catch (const std::bad_alloc&) {
-    return;  // who waits looks again when his time is over
+    return;  // whoever waits looks again at its deadline
   }
 }
 
