@@ -16,7 +16,7 @@ struct TorvLock : LockForCall<keelbase::CAWMutexThread> {
   TorvLock() : LockForCall(torvMutex) {}
 };
 
-// To be asked with the lock held; true until it is let go then.
+// To be asked with the lock held: when true, the manager is not destroyed before it is let go.
 bool IsTorvManager(const CTORVManager* manager);
 
 }  // namespace zarn::utils

@@ -135,7 +135,7 @@ class ZARNUTILS_API CSSLPTCPSessionBase : public sslutils::IAWSSLTransportSink,
   // For callers that come by received bytes on their own way: offers the unread bytes of the first
   // segment of `data`, and of no other, to the handler and advances over what it took; the rest
   // stays in the block. 0; 10001 when the session was closed before, is now (a handler that claims
-  // too much closes it here), or has another connection.
+  // too much closes it here), or has another connection. When it is closed, `data` is not advanced.
   keelbase::AWResult OnReceiveDirect(keelbase::CAWMessageBlock& data);
 
   // --- accessors ---

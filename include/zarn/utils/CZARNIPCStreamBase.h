@@ -137,7 +137,7 @@ class ZARNUTILS_API CZARNIPCStreamBase : public fipc::IAWIPCTransportSink,
   // For callers that come by received bytes on their own way: offers the unread bytes of the first
   // segment of `data`, and of no other, to the handler and advances over what it took; the rest
   // stays in the block. 0; 10001 when the stream was closed before, is now, or has another
-  // connection.
+  // connection. When it is closed, `data` is not advanced.
   keelbase::AWResult OnReceiveDirect(keelbase::CAWMessageBlock& data);
 
   // --- accessors ---

@@ -117,7 +117,7 @@ class ZARNUTILS_API CZARNTCPTransport : public wface::IAWTransportSink {
   // block is not advanced, so a handler must take the whole segment at once or advance the block
   // itself; at the end it stands behind all that the handler answered for. 0; 10001 when the stream
   // was closed before, is now (a handler that claims too much closes it), or has another
-  // connection.
+  // connection. When it is closed, `data` is not advanced.
   keelbase::AWResult OnReceiveDirect(keelbase::CAWMessageBlock& data);
 
   // --- accessors ---

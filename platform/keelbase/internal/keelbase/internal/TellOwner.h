@@ -15,7 +15,7 @@ void TellOwner(Upcall&& upcall) {
   try {
     upcall();
   } catch (const std::bad_alloc&) {
-    TraceError("the owner of a connection could not take what he was told", ENOMEM);
+    TraceError("the owner of a connection could not take what it was told", ENOMEM);
   }
 }
 
